@@ -1,0 +1,327 @@
+// The memory fabric beside what it stands on: files on tmpfs, sockets on loopback, private memory.
+//
+// The node runs as a process of its own would: in a forked child. Sizes are smaller than a real pool's so that the
+// whole can be repeated; they are far beyond the caches.
+
+#include "platform/bmclient/client/client.h"
+#include "platform/bmclient/node/fabric_node.h"
+#include "platform/bmclient/wire/sockets.h"
+#include "support/ratio.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+namespace {
+
+using vyn::bm::Client;
+using vyn::bm::FabricNode;
+using vyn::bm::FabricNodeOptions;
+using vyn::bm::FileDescriptor;
+
+constexpr std::uint64_t kBlock = 4U << 20U;
+constexpr std::uint64_t kLarge = 1U << 30U;
+constexpr std::uint64_t kSent = 256U << 20U;
+
+/// A node in a child process, which dies with this one, and a client of it on its machine and over a link.
+class Fabric {
+ public:
+  static Fabric& Get() {
+    static Fabric gFabric;
+    return gFabric;
+  }
+
+  Client local;
+  Client linked;
+
+  std::string Allocate(std::uint64_t size) {
+    std::string id(64, '\0');
+    const BmSecContext context{id.data(), "bench", "token"};
+    if (local.Allocate(&context, size, 1) != 0) {
+      std::abort();
+    }
+    return id;
+  }
+  void Free(const std::string& id) {
+    const BmSecContext context{id.c_str(), "bench", "token"};
+    local.Free(&context);
+  }
+  std::string FileOf(const std::string& id) const { return mPool + "/bench/" + id.c_str(); }
+  const std::string& Pool() const { return mPool; }
+
+ private:
+  Fabric() {
+    ::mkdtemp(mHome.data());
+    ::mkdtemp(mPool.data());
+    int ready[2];
+    if (::pipe(ready) != 0) {
+      std::abort();
+    }
+    mChild = ::fork();
+    if (mChild == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+      Serve(ready[1]);
+    }
+    std::uint16_t port = 0;
+    if (::read(ready[0], &port, sizeof(port)) != sizeof(port)) {
+      std::abort();
+    }
+    local.Initialize(mHome.c_str(), 0);
+    linked.Initialize(mHome.c_str(), 1);
+    if (linked.CreateLink(1, "127.0.0.1", port) != 0 || local.CreateNamespace(1, "bench", "token") != 0) {
+      std::abort();
+    }
+  }
+  ~Fabric() {
+    ::kill(mChild, SIGKILL);
+    ::waitpid(mChild, nullptr, 0);
+    std::error_code ignored;
+    std::filesystem::remove_all(mPool, ignored);
+    std::filesystem::remove_all(mHome, ignored);
+  }
+
+  [[noreturn]] void Serve(int ready) {
+    FabricNodeOptions options;
+    options.home = mHome;
+    options.poolPath = mPool;
+    options.capacity = 8U * kLarge;
+    options.nodeId = 1;
+    options.listenAddress = "127.0.0.1";
+    FabricNode node;
+    std::string error;
+    if (!node.Start(options, error)) {
+      std::fprintf(stderr, "%s\n", error.c_str());
+      ::_exit(1);
+    }
+    const std::uint16_t port = node.LinkPort();
+    [[maybe_unused]] const auto written = ::write(ready, &port, sizeof(port));
+    for (;;) {
+      ::pause();
+    }
+  }
+
+  std::string mHome = "/tmp/vyn-bench-XXXXXX";
+  std::string mPool = "/dev/shm/vyn-bench-XXXXXX";
+  pid_t mChild = -1;
+};
+
+std::uint64_t Sum(const void* bytes, std::uint64_t length) {
+  const auto* words = static_cast<const std::uint64_t*>(bytes);
+  std::uint64_t sum = 0;
+  for (std::uint64_t index = 0; index < length / sizeof(std::uint64_t); ++index) {
+    sum += words[index];
+  }
+  return sum;
+}
+
+// --- The first map of a block, which another process has filled, until its bytes have been read.
+
+std::string FilledBlock() {
+  Fabric& fabric = Fabric::Get();
+  const std::string id = fabric.Allocate(kBlock);
+  const BmSecContext context{id.c_str(), "bench", "token"};
+  const std::string bytes(kBlock, 'b');
+  fabric.local.Write(&context, 0, kBlock, bytes.data());
+  return id;
+}
+
+template <bool kRead>
+void MapBlock(benchmark::State& state) {
+  Fabric& fabric = Fabric::Get();
+  const std::string id = FilledBlock();
+  const BmSecContext context{id.c_str(), "bench", "token"};
+  for (auto _ : state) {
+    void* address = nullptr;
+    if (fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address) != 0) {
+      state.SkipWithError("cannot map");
+      break;
+    }
+    benchmark::DoNotOptimize(kRead ? Sum(address, kBlock) : 0);
+    fabric.local.Unmap(id.c_str(), address);
+  }
+  fabric.Free(id);
+}
+
+template <bool kRead>
+void MapFile(benchmark::State& state) {
+  Fabric& fabric = Fabric::Get();
+  const std::string id = FilledBlock();
+  const std::string path = fabric.FileOf(id);
+  for (auto _ : state) {
+    const FileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+    void* address = ::mmap(nullptr, kBlock, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
+    benchmark::DoNotOptimize(kRead ? Sum(address, kBlock) : 0);
+    ::munmap(address, kBlock);
+  }
+  fabric.Free(id);
+}
+
+void FirstMapAndRead(benchmark::State& state) { MapBlock<true>(state); }
+void FirstMapAndReadFloor(benchmark::State& state) { MapFile<true>(state); }
+void FirstMapAlone(benchmark::State& state) { MapBlock<false>(state); }
+void FirstMapAloneFloor(benchmark::State& state) { MapFile<false>(state); }
+BENCHMARK(FirstMapAndRead)->UseRealTime();
+BENCHMARK(FirstMapAndReadFloor)->UseRealTime();
+BENCHMARK(FirstMapAlone)->UseRealTime();
+BENCHMARK(FirstMapAloneFloor)->UseRealTime();
+VYN_RATIO_AT_MOST("FirstMapAndRead", "FirstMapAndReadFloor", 3.0);
+VYN_RATIO_AT_MOST("FirstMapAlone", "FirstMapAloneFloor", 3.0);
+
+// --- Filling 1 GiB through mapped blocks of 64 MiB, beside mapped files of the same tmpfs.
+
+constexpr std::uint64_t kFillBlock = 64U << 20U;
+
+void FillMappedBlocks(benchmark::State& state) {
+  Fabric& fabric = Fabric::Get();
+  for (auto _ : state) {
+    std::vector<std::string> ids;
+    for (std::uint64_t filled = 0; filled < kLarge; filled += kFillBlock) {
+      ids.push_back(fabric.Allocate(kFillBlock));
+      const BmSecContext context{ids.back().c_str(), "bench", "token"};
+      void* address = nullptr;
+      fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address);
+      std::memset(address, 'f', kFillBlock);
+      fabric.local.Unmap(ids.back().c_str(), address);
+    }
+    for (const std::string& id : ids) {
+      fabric.Free(id);
+    }
+  }
+}
+
+void FillMappedBlocksFloor(benchmark::State& state) {
+  const std::string folder = Fabric::Get().Pool();
+  for (auto _ : state) {
+    std::vector<std::string> paths;
+    for (std::uint64_t filled = 0; filled < kLarge; filled += kFillBlock) {
+      paths.push_back(folder + "/floor" + std::to_string(filled));
+      const FileDescriptor file(::open(paths.back().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+      if (::fallocate(file.Get(), 0, 0, kFillBlock) != 0) {
+        state.SkipWithError("no room");
+      }
+      void* address = ::mmap(nullptr, kFillBlock, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
+      std::memset(address, 'f', kFillBlock);
+      ::munmap(address, kFillBlock);
+    }
+    for (const std::string& path : paths) {
+      ::unlink(path.c_str());
+    }
+  }
+}
+BENCHMARK(FillMappedBlocks)->UseRealTime()->Iterations(1);
+BENCHMARK(FillMappedBlocksFloor)->UseRealTime()->Iterations(1);
+VYN_RATIO_AT_LEAST("FillMappedBlocks", "FillMappedBlocksFloor", 0.9);
+
+// --- Reading a mapped GiB, beside reading private memory.
+
+void ReadMapped(benchmark::State& state) {
+  Fabric& fabric = Fabric::Get();
+  const std::string id = fabric.Allocate(kLarge);
+  const BmSecContext context{id.c_str(), "bench", "token"};
+  void* address = nullptr;
+  fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address);
+  std::memset(address, 'r', kLarge);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(Sum(address, kLarge));
+  }
+  fabric.local.Unmap(id.c_str(), address);
+  fabric.Free(id);
+}
+
+void ReadMappedFloor(benchmark::State& state) {
+  void* address = ::mmap(nullptr, kLarge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  std::memset(address, 'r', kLarge);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(Sum(address, kLarge));
+  }
+  ::munmap(address, kLarge);
+}
+BENCHMARK(ReadMapped)->UseRealTime();
+BENCHMARK(ReadMappedFloor)->UseRealTime();
+VYN_RATIO_AT_LEAST("ReadMapped", "ReadMappedFloor", 0.95);
+
+// --- Writing over a link, beside a bare socket between the same two cores: 256 MiB from memory to memory.
+
+void WriteOverLink(benchmark::State& state) {
+  Fabric& fabric = Fabric::Get();
+  const std::string id = fabric.Allocate(kSent);
+  const BmSecContext context{id.c_str(), "bench", "token"};
+  const std::string bytes(kSent, 'w');
+  for (auto _ : state) {
+    if (fabric.linked.Write(&context, 0, kSent, bytes.data()) != 0) {
+      state.SkipWithError("cannot write");
+    }
+  }
+  fabric.Free(id);
+}
+
+void ReadOverLink(benchmark::State& state) {
+  Fabric& fabric = Fabric::Get();
+  const std::string id = fabric.Allocate(kSent);
+  const BmSecContext context{id.c_str(), "bench", "token"};
+  std::string bytes(kSent, 'r');
+  fabric.local.Write(&context, 0, kSent, bytes.data());
+  for (auto _ : state) {
+    if (fabric.linked.Read(&context, 0, kSent, bytes.data()) != 0) {
+      state.SkipWithError("cannot read");
+    }
+  }
+  fabric.Free(id);
+}
+
+/// Sends everything, waits for one byte that says that all has arrived.
+void SocketCopyFloor(benchmark::State& state) {
+  std::uint16_t port = 0;
+  std::string text;
+  FileDescriptor listener = vyn::bm::ListenAsLink("127.0.0.1", port, text);
+  ::fcntl(listener.Get(), F_SETFL, 0);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int accepted = ::accept(listener.Get(), nullptr, nullptr);
+    std::string bytes(kSent, 'x');
+    for (;;) {
+      for (std::uint64_t got = 0; got < kSent;) {
+        const ssize_t count = ::recv(accepted, bytes.data() + got, kSent - got, 0);
+        if (count <= 0) {
+          ::_exit(0);
+        }
+        got += static_cast<std::uint64_t>(count);
+      }
+      ::send(accepted, "x", 1, 0);
+    }
+  }
+  {
+    int error = 0;
+    const auto stream =
+        vyn::bm::ConnectToLink("127.0.0.1", port, vyn::bm::After(std::chrono::seconds(5)), error);
+    listener.Reset();
+    ::fcntl(stream->Socket(), F_SETFL, 0);
+    const std::string bytes(kSent, 'w');
+    for (auto _ : state) {
+      for (std::uint64_t sent = 0; sent < kSent;) {
+        const ssize_t count = ::send(stream->Socket(), bytes.data() + sent, kSent - sent, MSG_NOSIGNAL);
+        sent += count > 0 ? static_cast<std::uint64_t>(count) : 0;
+      }
+      char byte = 0;
+      benchmark::DoNotOptimize(::recv(stream->Socket(), &byte, 1, 0));
+    }
+  }
+  ::waitpid(child, nullptr, 0);
+}
+BENCHMARK(WriteOverLink)->UseRealTime()->Iterations(4);
+BENCHMARK(ReadOverLink)->UseRealTime()->Iterations(4);
+BENCHMARK(SocketCopyFloor)->UseRealTime()->Iterations(4);
+VYN_RATIO_AT_LEAST("WriteOverLink", "SocketCopyFloor", 0.7);
+VYN_RATIO_AT_LEAST("ReadOverLink", "SocketCopyFloor", 0.7);
+
+}  // namespace

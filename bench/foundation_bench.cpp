@@ -1,0 +1,148 @@
+// What every call passes through: the input check, a closed logging gate, the table of variables, a reference.
+
+#include "common/util/input_check.h"
+#include "common/util/logging.h"
+#include "common/util/text.h"
+#include "support/ratio.h"
+#include "tessel/sdk/broadcast/base/broadcast_sdk_cache.h"
+
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+namespace {
+
+using vyn::common::Ref;
+using vyn::tessel::BroadcastSdkCache;
+using vyn::tessel::BroadcastVarInfo;
+using vyn::utilities::log::ULog;
+
+const char* Identifier() {
+  static const char text[] = "application_1700000000000_000042";
+  static_assert(sizeof(text) == 33);
+  return text;
+}
+
+void IdentifierCheck(benchmark::State& state) {
+  for (auto _ : state) {
+    const char* text = Identifier();
+    benchmark::DoNotOptimize(text);
+    benchmark::DoNotOptimize(vyn::common::CheckInputWithCharPtr(text, false, false));
+  }
+}
+BENCHMARK(IdentifierCheck);
+
+// The least: find the end and look each byte up once.
+void IdentifierCheckFloor(benchmark::State& state) {
+  static unsigned char classes[256];
+  std::memset(classes, 1, sizeof(classes));
+  for (auto _ : state) {
+    const char* text = Identifier();
+    benchmark::DoNotOptimize(text);
+    const std::size_t length = ::strnlen(text, 1025);
+    unsigned char all = 1;
+    for (std::size_t i = 0; i < length; ++i) {
+      all &= classes[static_cast<unsigned char>(text[i])];
+    }
+    benchmark::DoNotOptimize(all);
+  }
+}
+BENCHMARK(IdentifierCheckFloor);
+VYN_RATIO_AT_MOST("IdentifierCheck", "IdentifierCheckFloor", 2.0);
+VYN_TIME_AT_MOST("IdentifierCheck", 50);
+
+// The process's logger for the time of a benchmark: one that admits errors only, or none.
+class LoggerInUse {
+ public:
+  explicit LoggerInUse(bool some) {
+    static ULog errorsOnly;
+    errorsOnly.mLevel = 4;
+    ULog::gLogger = some ? &errorsOnly : nullptr;
+  }
+  ~LoggerInUse() { ULog::gLogger = nullptr; }
+};
+
+void ClosedGate(benchmark::State& state) {
+  const LoggerInUse logger(state.range(0) == 1);
+  std::string text = "value";
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(text);
+    VYN_LOG_INFO("a line with a " << text);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(ClosedGate)->Arg(0)->Arg(1);
+
+// The least: one pointer check and one compare.
+void ClosedGateFloor(benchmark::State& state) {
+  static int level = 4;
+  static int* logger = &level;
+  benchmark::DoNotOptimize(logger);
+  for (auto _ : state) {
+    if (logger != nullptr && *logger < 3) {
+      state.SkipWithError("the gate is open");
+    }
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(ClosedGateFloor);
+VYN_RATIO_AT_MOST("ClosedGate/1", "ClosedGateFloor", 2.5);
+VYN_TIME_AT_MOST("ClosedGate/0", 2);
+VYN_TIME_AT_MOST("ClosedGate/1", 2);
+
+constexpr unsigned int kVariables = 100;
+
+std::string NameOf(unsigned int variable) { return vyn::common::GenBcVarName(Identifier(), variable); }
+
+void GetVarInfo(benchmark::State& state) {
+  BroadcastSdkCache cache;
+  for (unsigned int i = 0; i < kVariables; ++i) {
+    cache.InsertVarInfo(NameOf(i), {"id"}, {1});
+  }
+  const std::string name = NameOf(42);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(cache.GetVarInfo(name).Get());
+  }
+}
+BENCHMARK(GetVarInfo);
+
+// The least: a lookup under a shared lock that hands out something its holder can keep.
+void GetVarInfoFloor(benchmark::State& state) {
+  std::unordered_map<std::string, std::shared_ptr<BroadcastVarInfo>> table;
+  std::shared_mutex mutex;
+  for (unsigned int i = 0; i < kVariables; ++i) {
+    table.emplace(NameOf(i), std::make_shared<BroadcastVarInfo>());
+  }
+  const std::string name = NameOf(42);
+  for (auto _ : state) {
+    std::shared_lock lock(mutex);
+    benchmark::DoNotOptimize(table.find(name)->second.get());
+  }
+}
+BENCHMARK(GetVarInfoFloor);
+VYN_RATIO_AT_MOST("GetVarInfo", "GetVarInfoFloor", 1.3);
+
+void RefCopyAndDrop(benchmark::State& state) {
+  const Ref<BroadcastVarInfo> ref(new BroadcastVarInfo);
+  for (auto _ : state) {
+    Ref<BroadcastVarInfo> copy = ref;
+    benchmark::DoNotOptimize(copy);
+  }
+}
+BENCHMARK(RefCopyAndDrop);
+
+// The least: one atomic operation for the copy and one for its end.
+void RefCopyAndDropFloor(benchmark::State& state) {
+  std::atomic<std::int64_t> count{1};
+  for (auto _ : state) {
+    count.fetch_add(1, std::memory_order_acq_rel);
+    benchmark::DoNotOptimize(count.fetch_sub(1, std::memory_order_acq_rel));
+  }
+}
+BENCHMARK(RefCopyAndDropFloor);
+VYN_RATIO_AT_MOST("RefCopyAndDrop", "RefCopyAndDropFloor", 1.5);
+
+}  // namespace

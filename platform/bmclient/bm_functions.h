@@ -1,0 +1,88 @@
+#pragma once
+
+// The 16 functions of libbmclient.so: what the library exports and what its user resolves by name at run
+// time.
+//
+// All return 0 on success, otherwise one of the results below or a negative errno. Any thread may call any of
+// them after BM_Init. Functions that end in Sec act within a namespace and present its token. Nothing passed
+// in is kept beyond the call.
+
+#include "vyn/big_memory.h"
+
+#include <cstdint>
+
+// Results with a meaning of their own.
+inline constexpr int kBmUnconnected = -195;            ///< the library's connection is not up
+inline constexpr int kBmNotEnoughCapacity = -79999;    ///< the pool is full
+inline constexpr int kBmNamespaceExists = -79995;      ///< the namespace is there already
+inline constexpr int kBmNamespaceInvalid = 22;         ///< the namespace parameter is invalid
+inline constexpr int kBmRemoteErrorA = -190;           ///< failed on the remote side
+inline constexpr int kBmRemoteErrorB = -191;           ///< failed on the remote side
+inline constexpr int kBmRemoteErrorC = -194;           ///< failed on the remote side
+inline constexpr int kBmLocalError = -193;             ///< failed on this side
+inline constexpr int kBmRemoteSwapInError = -79988;    ///< swap-in failed on the remote side
+inline constexpr int kBmRemoteTransferError = -79989;  ///< gather or swap-in failed on the remote side
+
+/// Characters of an object's id, without the final NUL.
+inline constexpr unsigned long kBmIdLength = 60;
+
+/// Names an object and proves the right to it.
+struct BmSecContext {
+  const char* bmId;  ///< in BM_AllocSec a buffer of at least 61 bytes that receives the new id
+  const char* ns;
+  const char* token;
+};
+
+/// The node that BM_AllocSec allocates on.
+struct BmNodeSelector {
+  std::uint16_t reserved0;
+  std::uint16_t nodeId;
+  std::uint32_t reserved1;
+};
+
+/// What BM_QueryResAttri fills.
+struct BmResourceAttributes {
+  std::uint32_t nodeId;  ///< this node's id
+  std::uint32_t reserved[7];
+};
+
+static_assert(sizeof(BmSecContext) == 24 && sizeof(BmNodeSelector) == 8);
+static_assert(sizeof(BmResourceAttributes) == 32 && sizeof(BmGatherPiece) == 80);
+
+extern "C" {
+
+/// Prepares the library for this process. \param clientFlag 0 on a node of the fabric, 1 outside it.
+int BM_Init(const char* home, int clientFlag);
+/// Links this process to a node.
+int BM_CreateLink(unsigned short nodeId, const char* hostName, const char* ip, unsigned short port,
+                  unsigned int flags);
+int BM_CreateNSSec(unsigned short nodeId, const char* text, const char* ns, unsigned int flags,
+                   const char* token);
+int BM_DestroyNSSec(unsigned int nodeId, const char* text, const char* ns, const char* token);
+/// Allocates `size` bytes on the selected node and writes the new id to `context->bmId`.
+int BM_AllocSec(BmSecContext* context, unsigned long size, unsigned int flags, BmNodeSelector* selector);
+int BM_ExpandSec(BmSecContext* context, unsigned long size, unsigned int flags);
+int BM_FreeSec(BmSecContext* context, unsigned int flags);
+int BM_BatchFreeSec(const char** bmIds, unsigned int count, unsigned int flags, const char* ns,
+                    const char* token);
+/// Maps the object and writes its address to `*addr`.
+int BM_MapSec(BmSecContext* context, int prot, int flags, void** addr);
+int BM_Unmap(const char* bmId, void* addr);
+/// \param zero 0.
+int BM_QueryResAttri(int zero, BmResourceAttributes* attributes);
+/// \param one 1.
+int BM_CopySec(BmSecContext* source, unsigned long srcOffset, BmSecContext* destination,
+               unsigned long dstOffset, unsigned long length, unsigned int one);
+int BM_ReadSec(BmSecContext* context, unsigned long offset, unsigned long length, void* buffer,
+               unsigned int flags);
+int BM_WriteSec(BmSecContext* context, unsigned long offset, unsigned long length, void* buffer,
+                unsigned int flags);
+/// Fills the object from the file.
+int BM_SpecificObjSwapInSec(const BmFileRecord* file, const BmBlockRecord* block, unsigned int flags,
+                            void* argument, unsigned long length);
+/// Gathers into the destination object as the context says. \param flags 0x80 for an existing object, 0x100
+/// for a new one.
+int BM_GatherSec(const BmGatherContext* context, unsigned char kind, unsigned int flags,
+                 BmSecContext* destination, void* argument);
+
+}  // extern "C"

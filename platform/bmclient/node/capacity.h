@@ -1,0 +1,96 @@
+#pragma once
+
+// The account of the pool's bytes. Threads: any.
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <utility>
+
+namespace vyn::bm {
+
+class Capacity {
+ public:
+  static constexpr std::uint64_t kPage = 4096;
+  /// No object can be larger, whatever the limit.
+  static constexpr std::uint64_t kMaxSize = std::uint64_t{1} << 62U;
+
+  explicit Capacity(std::uint64_t limit) : mLimit(limit) {}
+
+  /// What an object of `size` bytes takes. Requires: size at most kMaxSize.
+  static std::uint64_t Charge(std::uint64_t size) { return (size + kPage - 1) / kPage * kPage; }
+
+  /// Called without a lock when a reservation does not fit: gives up to `bytes` back by Release, if it can.
+  void SetReclaimer(std::function<void(std::uint64_t bytes)> reclaim) { mReclaim = std::move(reclaim); }
+
+  /// Takes `bytes` from what is left. Returns: false when they are not there.
+  bool Reserve(std::uint64_t bytes) {
+    const std::uint64_t missing = Try(bytes);
+    if (missing == 0) {
+      return true;
+    }
+    if (bytes > mLimit || mReclaim == nullptr) {
+      return false;
+    }
+    mReclaim(missing);
+    return Try(bytes) == 0;
+  }
+  void Release(std::uint64_t bytes) {
+    std::lock_guard lock(mMutex);
+    mUsed -= bytes;
+  }
+  /// Counts what stands in the pool already, fit or not.
+  void Adopt(std::uint64_t bytes) {
+    std::lock_guard lock(mMutex);
+    mUsed += bytes;
+  }
+
+  std::uint64_t Limit() const { return mLimit; }
+  std::uint64_t Used() const {
+    std::lock_guard lock(mMutex);
+    return mUsed;
+  }
+
+ private:
+  /// Returns: 0 when reserved, otherwise how many bytes are missing.
+  std::uint64_t Try(std::uint64_t bytes) {
+    std::lock_guard lock(mMutex);
+    const std::uint64_t left = mLimit - std::min(mLimit, mUsed);
+    if (bytes > left) {
+      return bytes - left;
+    }
+    mUsed += bytes;
+    return 0;
+  }
+
+  const std::uint64_t mLimit;
+  std::function<void(std::uint64_t)> mReclaim;  // set before the first reservation
+  mutable std::mutex mMutex;                    // guards mUsed
+  std::uint64_t mUsed = 0;
+};
+
+/// Bytes reserved for something that is being made; given back unless kept.
+class Reservation {
+ public:
+  Reservation(Capacity& capacity, std::uint64_t bytes)
+      : mCapacity(capacity), mBytes(bytes), mHeld(capacity.Reserve(bytes)) {}
+  ~Reservation() {
+    if (mHeld) {
+      mCapacity.Release(mBytes);
+    }
+  }
+  Reservation(const Reservation&) = delete;
+  Reservation& operator=(const Reservation&) = delete;
+
+  explicit operator bool() const { return mHeld; }
+  /// What was made stands: its bytes stay counted.
+  void Keep() { mHeld = false; }
+
+ private:
+  Capacity& mCapacity;
+  const std::uint64_t mBytes;
+  bool mHeld;
+};
+
+}  // namespace vyn::bm

@@ -1,0 +1,143 @@
+#pragma once
+
+// A node of the memory fabric: the pool of shared pages of one machine, the broker that hands them to the
+// processes of this machine, and the link port for everybody else. The daemon runs one in its own process.
+//
+// The pool is a folder on tmpfs with one file an object: <pool>/<namespace>/<id>. Folders have mode 0700,
+// files 0600, all owned by the user of this process; clients never see a path, they get descriptors. Objects
+// outlive the process: the next Start on the same folder adopts every namespace with its token (of which only
+// a salted hash is kept) and every object. An object appears whole or not at all, so a process that is killed
+// leaves nothing half done. Copies pulled from other nodes stand in <pool>/.node; they are a cache, dropped
+// at Start and Stop and whenever their room is wanted.
+//
+// Frees are by name: pages that a process still maps stay its own until it unmaps them. They no longer count
+// as used, though the file system still holds them; when it is full before the limit is reached, allocations
+// fail just the same.
+//
+// Results are those of platform/bmclient/protocol.h. Any thread may call any function between Start and Stop.
+// Start and Stop themselves are called by one thread.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vyn::bm {
+
+/// Where a node's link port is.
+struct NodeAddress {
+  std::string host;  ///< a numeric address
+  std::uint16_t port = 0;
+};
+
+/// Fills `address` with where node `nodeId` listens. Returns: false when it is not known. Called from the
+/// node's own threads, several at once; may block for a short time (a lookup in a table that something else
+/// keeps fresh).
+using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& address)>;
+
+/// How lines reach the log of the process: level as spdlog counts them (2 info, 3 warn, 4 error), the text.
+using NodeLog = std::function<void(int level, const std::string& text)>;
+
+struct FabricNodeOptions {
+  /// The home whose run/ holds the broker socket. Empty: no broker.
+  std::string home;
+  /// The pool's folder, made when it is missing. It belongs to this node alone.
+  std::string poolPath;
+  /// Bytes that objects and pulled copies may take together, each rounded up to whole pages. At least one
+  /// page.
+  std::uint64_t capacity = 0;
+  /// This node's id in the cluster. It stands in every object's id: a pool with objects of another id is
+  /// refused.
+  std::uint16_t nodeId = 0;
+  /// Numeric address that the link port is bound to. Empty: no link port.
+  std::string listenAddress;
+  /// 0: any free port, see LinkPort().
+  std::uint16_t linkPort = 0;
+  /// Null: no other node is known, and its objects cannot be reached from here.
+  NodeDirectory directory;
+  /// Null: silent.
+  NodeLog log;
+
+  /// Connections at the broker, and at the link port. When a door is full, the connection that has been idle
+  /// longest gives way; when none is idle, the new one is refused.
+  std::uint32_t maxBrokerConnections = 1024;
+  std::uint32_t maxLinkConnections = 1024;
+  /// Of these, at most so many from one user of the machine (broker) or one address (link).
+  std::uint32_t maxConnectionsPerPeer = 768;
+  /// Seconds after which a connection without requests is closed; clients make a new one when they need it.
+  std::uint32_t idleSeconds = 600;
+  /// Seconds between two looks at whether pulled copies still have their original.
+  std::uint32_t sweepSeconds = 10;
+};
+
+struct FabricNodeStats {
+  std::uint64_t capacity = 0;     ///< bytes
+  std::uint64_t used = 0;         ///< bytes of objects, of pulled copies, and of what is being made
+  std::uint64_t objects = 0;      ///< owned by this node
+  std::uint64_t namespaces = 0;   ///< of this node
+  std::uint64_t copies = 0;       ///< pulled from other nodes
+  std::uint64_t copyBytes = 0;    ///< of these, part of `used`
+  std::uint64_t connections = 0;  ///< open at broker and link port
+  std::uint64_t pulls = 0;        ///< completed since Start
+};
+
+struct ObjectInfo {
+  std::string id;
+  std::uint64_t size = 0;  ///< bytes, as asked for
+};
+
+struct NamespaceInfo {
+  std::string name;
+  std::uint64_t objects = 0;
+  std::uint64_t bytes = 0;  ///< of its objects, rounded up to pages
+};
+
+class FabricNode {
+ public:
+  FabricNode();
+  /// Stops the node.
+  ~FabricNode();
+  FabricNode(const FabricNode&) = delete;
+  FabricNode& operator=(const FabricNode&) = delete;
+
+  /// Locks the pool's folder, adopts what stands in it, opens the doors. Returns: true; on false nothing is
+  /// open and `error` says what was wrong and where. A folder that another node holds, a home whose broker is
+  /// up, and a folder of another user are refused.
+  bool Start(const FabricNodeOptions& options, std::string& error);
+  /// Closes the doors, waits for the requests under way, drops pulled copies. Objects stay. Does nothing when
+  /// the node does not run.
+  void Stop();
+
+  FabricNodeStats Stats() const;
+  /// The port that the link door listens on; 0 without one.
+  std::uint16_t LinkPort() const;
+
+  // Calls for the process that runs the node. They present no token: that process decides who may call them.
+
+  /// Returns: 0; kBmNamespaceExists when it exists with this token, -EACCES when with another one;
+  /// kBmNamespaceInvalid for a name or token that cannot be one; kBmLocalError when the pool's folder fails.
+  int CreateNamespace(const std::string& ns, const std::string& token);
+  /// Frees all its objects too. Returns: 0, -ENOENT, kBmLocalError.
+  int DestroyNamespace(const std::string& ns);
+  /// Whether `token` is the namespace's. Returns: 0, -EACCES, -ENOENT.
+  int CheckToken(const std::string& ns, const std::string& token) const;
+  /// Makes an object of `size` zero bytes, with its pages reserved. \param id receives the 60 characters.
+  /// Returns: 0, -ENOENT, kBmNotEnoughCapacity, kBmLocalError.
+  int Allocate(const std::string& ns, std::uint64_t size, std::string& id);
+  /// Returns: 0, -ENOENT.
+  int Free(const std::string& ns, const std::string& id);
+  /// Frees every one that exists. Returns: 0, or -ENOENT when one did not.
+  int FreeBatch(const std::string& ns, const std::vector<std::string>& ids);
+
+  /// In no particular order.
+  std::vector<NamespaceInfo> Namespaces() const;
+  /// \param objects receives the namespace's objects, in no particular order. Returns: 0, -ENOENT.
+  int Objects(const std::string& ns, std::vector<ObjectInfo>& objects) const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> mImpl;
+};
+
+}  // namespace vyn::bm

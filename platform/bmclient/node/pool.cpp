@@ -1,0 +1,291 @@
+#include "platform/bmclient/node/pool.h"
+
+#include "platform/bmclient/protocol.h"
+#include "platform/bmclient/wire/names.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <filesystem>
+
+namespace vyn::bm {
+
+namespace {
+
+std::string PathOf(const Namespace& space, std::string_view id) { return space.name + "/" + std::string(id); }
+
+}  // namespace
+
+bool Pool::Open(const std::string& path, const std::function<void(const std::string&)>& warn,
+                std::string& error) {
+  if (!mFolder.Open(path, error)) {
+    return false;
+  }
+  std::error_code failure;
+  for (const auto& entry : std::filesystem::directory_iterator(mFolder.Path(), failure)) {
+    const std::string name = entry.path().filename();
+    if (name == PoolFolder::kInternal) {
+      continue;
+    }
+    if (!IsNamespaceName(name) || !entry.is_directory(failure)) {
+      warn("not of the fabric, left alone: " + entry.path().string());
+    } else if (!Adopt(name, warn, error)) {
+      Close();
+      return false;
+    }
+  }
+  if (failure) {
+    error = "cannot read the pool's folder " + path + ": " + failure.message();
+    Close();
+    return false;
+  }
+  return true;
+}
+
+bool Pool::Adopt(const std::string& name, const std::function<void(const std::string&)>& warn,
+                 std::string& error) {
+  TokenHash token;
+  const std::string folder = mFolder.Path() + "/" + name;
+  if (!mFolder.ReadToken(name, token)) {
+    warn("a folder without a readable token, left alone: " + folder);
+    return true;
+  }
+  auto space = std::make_shared<Namespace>(name, token);
+  std::error_code failure;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
+    const std::string id = entry.path().filename();
+    struct stat state {};
+    if (id == PoolFolder::kTokenFile) {
+      continue;
+    }
+    if (!IsObjectId(id) || ::lstat(entry.path().c_str(), &state) != 0 || !S_ISREG(state.st_mode)) {
+      warn("not of the fabric, left alone: " + entry.path().string());
+      continue;
+    }
+    if (OwnerOf(id) != mNodeId) {
+      error = "the pool's folder " + mFolder.Path() + " holds objects of node " +
+              std::to_string(OwnerOf(id)) + ", this is node " + std::to_string(mNodeId);
+      return false;
+    }
+    const auto size = static_cast<std::uint64_t>(state.st_size);
+    space->sizes.emplace(id, size);
+    space->charged += Capacity::Charge(size);
+  }
+  if (failure) {
+    error = "cannot read the folder " + folder + ": " + failure.message();
+    return false;
+  }
+  mCapacity.Adopt(space->charged);
+  mNamespaces.emplace(name, std::move(space));
+  return true;
+}
+
+void Pool::Close() {
+  std::unique_lock lock(mMutex);
+  mNamespaces.clear();
+  mFolder.Close();
+}
+
+int Pool::CreateNamespace(std::string_view name, std::string_view token) {
+  if (!IsNamespaceName(name) || token.size() > kMaxTokenLength) {
+    return kBmNamespaceInvalid;
+  }
+  std::unique_lock lock(mMutex);
+  if (const auto found = mNamespaces.find(name); found != mNamespaces.end()) {
+    return found->second->token.Matches(token) ? kBmNamespaceExists : -EACCES;
+  }
+  auto space = std::make_shared<Namespace>(std::string(name), TokenHash::Of(token));
+  if (const int failure = mFolder.MakeNamespace(space->name, space->token); failure != 0) {
+    return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
+  }
+  mNamespaces.emplace(name, std::move(space));
+  return 0;
+}
+
+int Pool::DestroyNamespace(const NamespacePtr& space) {
+  std::string gone;
+  std::uint64_t charged = 0;
+  {
+    std::unique_lock lock(mMutex);
+    std::lock_guard guard(space->mutex);
+    if (space->destroyed) {
+      return -ENOENT;
+    }
+    if (mFolder.HideNamespace(space->name, gone) != 0) {
+      return -EIO;
+    }
+    space->destroyed = true;
+    space->sizes.clear();
+    charged = std::exchange(space->charged, 0);
+    mNamespaces.erase(space->name);
+  }
+  mFolder.DeleteGone(gone);
+  mCapacity.Release(charged);
+  return 0;
+}
+
+NamespacePtr Pool::Find(std::string_view name) const {
+  std::shared_lock lock(mMutex);
+  const auto found = mNamespaces.find(name);
+  return found == mNamespaces.end() ? nullptr : found->second;
+}
+
+int Pool::Enter(const Access& access, NamespacePtr& space) const {
+  space = Find(access.ns);
+  if (space == nullptr) {
+    return -ENOENT;
+  }
+  return space->token.Matches(access.token) ? 0 : -EACCES;
+}
+
+int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id) {
+  if (size > Capacity::kMaxSize) {
+    return kBmNotEnoughCapacity;
+  }
+  Reservation reservation(mCapacity, Capacity::Charge(size));
+  if (!reservation) {
+    return kBmNotEnoughCapacity;
+  }
+  int failure = 0;
+  const FileDescriptor file = mFolder.MakeFile(size, failure);
+  if (!file) {
+    return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
+  }
+  std::string made = MakeObjectId(mNodeId);
+  std::lock_guard lock(space->mutex);
+  if (space->destroyed) {
+    return -ENOENT;
+  }
+  if (made.empty() || PoolFolder::Publish(file, mFolder.Descriptor(), PathOf(*space, made)) != 0) {
+    return -EIO;
+  }
+  space->sizes.emplace(made, size);
+  space->charged += Capacity::Charge(size);
+  reservation.Keep();
+  id = std::move(made);
+  return 0;
+}
+
+int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size) {
+  if (size > Capacity::kMaxSize) {
+    return kBmNotEnoughCapacity;
+  }
+  std::lock_guard one(space->expanding);
+  FileDescriptor file;
+  std::uint64_t old = 0;
+  if (const int result = OpenObject(space, id, true, file, old); result != 0) {
+    return result;
+  }
+  if (size <= old) {
+    return size == old ? 0 : kBmLocalError;
+  }
+  const std::uint64_t more = Capacity::Charge(size) - Capacity::Charge(old);
+  Reservation reservation(mCapacity, more);
+  if (!reservation) {
+    return kBmNotEnoughCapacity;
+  }
+  if (const int failure = PoolFolder::Reserve(file.Get(), size); failure != 0) {
+    return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
+  }
+  std::lock_guard lock(space->mutex);
+  const auto found = space->sizes.find(std::string(id));
+  if (found == space->sizes.end()) {
+    return -ENOENT;  // freed meanwhile
+  }
+  found->second = size;
+  space->charged += more;
+  reservation.Keep();
+  return 0;
+}
+
+int Pool::Free(const NamespacePtr& space, std::string_view id) {
+  FileDescriptor keeper;  // closed after the lock: the last close frees the pages
+  std::uint64_t charge = 0;
+  {
+    std::lock_guard lock(space->mutex);
+    const auto found = space->sizes.find(std::string(id));
+    if (found == space->sizes.end()) {
+      return -ENOENT;
+    }
+    charge = Capacity::Charge(found->second);
+    PoolFolder::Remove(mFolder.Descriptor(), PathOf(*space, id), keeper);
+    space->sizes.erase(found);
+    space->charged -= charge;
+  }
+  keeper.Reset();
+  mCapacity.Release(charge);
+  return 0;
+}
+
+int Pool::Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& size) const {
+  std::lock_guard lock(space->mutex);
+  const auto found = space->sizes.find(std::string(id));
+  if (found == space->sizes.end()) {
+    return -ENOENT;
+  }
+  size = found->second;
+  return 0;
+}
+
+int Pool::OpenObject(const NamespacePtr& space, std::string_view id, bool writable, FileDescriptor& file,
+                     std::uint64_t& size) const {
+  if (const int result = Stat(space, id, size); result != 0) {
+    return result;
+  }
+  file.Reset(::openat(mFolder.Descriptor(), PathOf(*space, id).c_str(),
+                      (writable ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC));
+  if (file) {
+    return 0;
+  }
+  return errno == ENOENT ? -ENOENT : -EIO;  // freed meanwhile
+}
+
+bool Pool::Exists(std::string_view id) const {
+  const std::string key(id);
+  for (const NamespacePtr& space : All()) {
+    std::lock_guard lock(space->mutex);
+    if (space->sizes.count(key) > 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+std::vector<NamespacePtr> Pool::All() const {
+  std::vector<NamespacePtr> all;
+  std::shared_lock lock(mMutex);
+  for (const auto& [name, space] : mNamespaces) {
+    all.push_back(space);
+  }
+  return all;
+}
+
+std::vector<NamespaceInfo> Pool::Namespaces() const {
+  std::vector<NamespaceInfo> infos;
+  for (const NamespacePtr& space : All()) {
+    std::lock_guard lock(space->mutex);
+    infos.push_back({space->name, space->sizes.size(), space->charged});
+  }
+  return infos;
+}
+
+std::vector<ObjectInfo> Pool::Objects(const NamespacePtr& space) {
+  std::vector<ObjectInfo> infos;
+  std::lock_guard lock(space->mutex);
+  for (const auto& [id, size] : space->sizes) {
+    infos.push_back({id, size});
+  }
+  return infos;
+}
+
+std::uint64_t Pool::ObjectCount() const {
+  std::uint64_t count = 0;
+  for (const NamespacePtr& space : All()) {
+    std::lock_guard lock(space->mutex);
+    count += space->sizes.size();
+  }
+  return count;
+}
+
+}  // namespace vyn::bm

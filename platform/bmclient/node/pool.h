@@ -1,0 +1,91 @@
+#pragma once
+
+// The objects that this node owns: namespaces with their tokens, and the files in them.
+//
+// What stands in the folder is the truth; the tables here are made from it at Open and kept beside it.
+// Threads: any, between Open and Close. No call holds a lock while it reserves or frees pages of an object.
+//
+// Results are those of protocol.h, and -EIO when the pool's folder failed in something that it should do.
+
+#include "platform/bmclient/node/capacity.h"
+#include "platform/bmclient/node/fabric_node.h"
+#include "platform/bmclient/node/pool_folder.h"
+#include "platform/bmclient/wire/remote_node.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace vyn::bm {
+
+/// A namespace of the pool. Held by shared pointers: it may be destroyed while a call still works in it.
+struct Namespace {
+  const std::string name;
+  const TokenHash token;
+
+  std::mutex mutex;  // guards the three below
+  bool destroyed = false;
+  std::unordered_map<std::string, std::uint64_t> sizes;  // of the objects, in bytes, by id
+  std::uint64_t charged = 0;                             // of the capacity, by the objects
+  std::mutex
+      expanding;  // held by the one call that makes an object of this namespace larger; taken before `mutex`
+
+  Namespace(std::string theName, const TokenHash& theToken) : name(std::move(theName)), token(theToken) {}
+};
+
+using NamespacePtr = std::shared_ptr<Namespace>;
+
+class Pool {
+ public:
+  Pool(std::uint16_t nodeId, std::uint64_t capacity) : mNodeId(nodeId), mCapacity(capacity) {}
+
+  /// Opens the folder and adopts what stands in it. \param warn takes a line about what was left alone.
+  bool Open(const std::string& path, const std::function<void(const std::string&)>& warn, std::string& error);
+  void Close();
+
+  /// -EACCES, kBmNamespaceExists, kBmNamespaceInvalid as in protocol.h.
+  int CreateNamespace(std::string_view name, std::string_view token);
+  int DestroyNamespace(const NamespacePtr& space);
+  /// Finds a namespace without asking for its token. Returns: null when there is none.
+  NamespacePtr Find(std::string_view name) const;
+  /// Finds a namespace for who knows its token. Returns: 0, -ENOENT, -EACCES.
+  int Enter(const Access& access, NamespacePtr& space) const;
+
+  int Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id);
+  /// `size` is the new size. One below the present size is kBmLocalError.
+  int Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size);
+  int Free(const NamespacePtr& space, std::string_view id);
+  int Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& size) const;
+  /// Opens an object's file.
+  int OpenObject(const NamespacePtr& space, std::string_view id, bool writable, FileDescriptor& file,
+                 std::uint64_t& size) const;
+  /// Whether any namespace has the object.
+  bool Exists(std::string_view id) const;
+
+  std::vector<NamespaceInfo> Namespaces() const;
+  static std::vector<ObjectInfo> Objects(const NamespacePtr& space);
+  std::uint64_t ObjectCount() const;
+
+  Capacity& Bytes() { return mCapacity; }
+  const Capacity& Bytes() const { return mCapacity; }
+  PoolFolder& Folder() { return mFolder; }
+
+ private:
+  bool Adopt(const std::string& name, const std::function<void(const std::string&)>& warn,
+             std::string& error);
+  std::vector<NamespacePtr> All() const;
+
+  const std::uint16_t mNodeId;
+  Capacity mCapacity;
+  PoolFolder mFolder;
+  mutable std::shared_mutex mMutex;  // guards mNamespaces; taken before a namespace's mutex
+  std::map<std::string, NamespacePtr, std::less<>> mNamespaces;
+};
+
+}  // namespace vyn::bm

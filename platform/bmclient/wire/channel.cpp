@@ -1,0 +1,35 @@
+#include "platform/bmclient/wire/channel.h"
+
+namespace vyn::bm {
+
+IoStatus Channel::SendRequest(Operation operation, std::string_view head, const void* data,
+                              std::uint32_t dataLength, std::chrono::milliseconds timeout) {
+  const FrameHeader header{kFrameMagic, static_cast<std::uint16_t>(operation),   0,         mSent++,
+                           0,           static_cast<std::uint32_t>(head.size()), dataLength};
+  return SendFrame(*mStream, header, head, data, After(timeout));
+}
+
+IoStatus Channel::ReadAnswer(Operation operation, int& result, std::string& head, std::uint32_t& dataLength,
+                             std::chrono::milliseconds timeout, const Progress& progress) {
+  for (;;) {
+    FrameHeader header{};
+    if (const IoStatus status = mReader.ReadFrame(header, head, After(timeout)); status != IoStatus::kOk) {
+      return status;
+    }
+    if (header.operation != static_cast<std::uint16_t>(operation) || header.sequence != mAnswered) {
+      return IoStatus::kFailed;
+    }
+    if ((header.flags & kFrameProgress) != 0) {
+      if (progress != nullptr) {
+        progress();
+      }
+      continue;
+    }
+    ++mAnswered;
+    result = header.result;
+    dataLength = header.dataLength;
+    return IoStatus::kOk;
+  }
+}
+
+}  // namespace vyn::bm

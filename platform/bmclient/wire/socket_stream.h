@@ -1,0 +1,36 @@
+#pragma once
+
+// A ByteStream over a connected socket.
+
+#include "platform/bmclient/wire/byte_stream.h"
+
+namespace vyn::bm {
+
+class SocketStream : public ByteStream {
+ public:
+  /// \param socket a connected stream socket, non-blocking. \param descriptors whether to take descriptors
+  /// that come with the bytes; otherwise the kernel closes them.
+  explicit SocketStream(FileDescriptor socket, bool descriptors = false)
+      : mSocket(std::move(socket)), mDescriptors(descriptors) {}
+
+  IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, Deadline deadline) override;
+  IoStatus Send(iovec* parts, std::size_t count, Deadline deadline, int descriptor) override;
+  IoStatus SendFile(int file, std::uint64_t offset, std::uint64_t length, Deadline deadline) override;
+  bool Quiet() override;
+  bool PeerGone() override;
+  FileDescriptor TakeDescriptor() override { return std::move(mReceived); }
+  void Shutdown() override;
+
+  int Socket() const { return mSocket.Get(); }
+
+ private:
+  /// Waits until the socket is ready for `events`.
+  IoStatus Wait(short events, Deadline deadline);
+  long ReceiveWithDescriptor(void* buffer, std::size_t room);
+
+  FileDescriptor mSocket;
+  bool mDescriptors;
+  FileDescriptor mReceived;
+};
+
+}  // namespace vyn::bm

@@ -1,0 +1,239 @@
+#include "platform/rpc/client_connection.h"
+
+#include "platform/rpc/dialer.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <chrono>
+
+namespace vyn::rpc {
+
+namespace {
+
+/// Between two attempts to connect to a peer that refuses: the time that a restarting server is given.
+constexpr int kReconnectPause = 20;
+
+/// Whether a failed call was answered: then its connection is as good as before.
+bool IsAnswer(std::int32_t status) {
+  return status == kNoAnswer || status == kNoHandler || status == kMessageTooLong;
+}
+
+}  // namespace
+
+ClientConnection::ClientConnection(std::string ip, std::uint16_t port)
+    : mIp(std::move(ip)), mPort(port), mSettingOutcome(TransportSetting::FromEnvironment(mSetting)) {}
+
+ClientConnection::~ClientConnection() { Close(); }
+
+Outcome ClientConnection::Connect() { return Named(Open(Deadline(mConnectTimeout))); }
+
+Outcome ClientConnection::Reconnect(const Deadline& deadline) {
+  Outcome outcome;
+  for (int attempt = 0; attempt < std::max(mReconnectLimit, 1); ++attempt) {
+    if (attempt > 0) {
+      poll(nullptr, 0,
+           deadline.HasLimit() ? std::min(kReconnectPause, deadline.PollTime()) : kReconnectPause);
+    }
+    outcome = Open(deadline);
+    if (outcome.mStatus != kConnectionLost || deadline.IsOver()) {
+      break;
+    }
+  }
+  return Named(std::move(outcome));
+}
+
+Outcome ClientConnection::Call(const Message& request, Message& response, const Deadline& deadline) {
+  response.Bl().clear();
+  std::uint64_t length = 0;
+  for (const Buffer& buffer : request.Bl()) {
+    if (buffer.Addr() == nullptr && buffer.Len() != 0) {
+      return {kInvalidArgument, "a buffer of the request has no address"};
+    }
+    length += buffer.Len();
+  }
+  if (mStream != nullptr && mStream->IsStale()) {
+    Close();
+  }
+  if (mStream == nullptr) {
+    if (Outcome outcome = Reconnect(deadline); !outcome.Ok()) {
+      return outcome;
+    }
+  }
+  if (length > mPeerMaxLength) {
+    return Named({kMessageTooLong, "a request of " + std::to_string(length) + " bytes; the server takes " +
+                                       std::to_string(mPeerMaxLength)});
+  }
+  Outcome outcome = Exchange(request, static_cast<std::uint32_t>(length), response, deadline);
+  if (outcome.Ok()) {
+    return outcome;
+  }
+  if (!IsAnswer(outcome.mStatus)) {
+    // Whatever was under way on it could not be told from what comes next.
+    Close();
+  }
+  return Named(std::move(outcome));
+}
+
+Outcome ClientConnection::Open(const Deadline& deadline) {
+  Close();
+  if (!mRefusal.Ok()) {
+    return mRefusal;
+  }
+  if (!mSettingOutcome.Ok()) {
+    return mSettingOutcome;
+  }
+  Outcome outcome = Establish(deadline);
+  if (!outcome.Ok()) {
+    Close();
+  }
+  return outcome;
+}
+
+Outcome ClientConnection::Establish(const Deadline& deadline) {
+  if (Outcome outcome = Dial(mIp, mPort, mSetting, deadline, mSocket); !outcome.Ok()) {
+    return outcome;
+  }
+  mStream = mTls != nullptr ? mTls->NewStream(mSocket.Get()) : NewPlainStream(mSocket.Get());
+  if (mStream == nullptr) {
+    return {kNoMemory, "no memory for a TLS connection"};
+  }
+  for (IoState state = mStream->Handshake(); state != IoState::kDone; state = mStream->Handshake()) {
+    if (Outcome outcome = After(state, deadline); !outcome.Ok()) {
+      if (state == IoState::kFailed) {
+        outcome.mStatus = kTlsError;
+      }
+      outcome.mText = "TLS handshake: " + outcome.mText;
+      return outcome;
+    }
+  }
+
+  Greeting own;
+  own.mMaxLength = kLongestReply;
+  std::vector<iovec> parts{{&own, sizeof(own)}};
+  if (Outcome outcome = Send(parts, deadline); !outcome.Ok()) {
+    return outcome;
+  }
+  Greeting peer;
+  if (Outcome outcome = ReceiveExactly(&peer, sizeof(peer), deadline); !outcome.Ok()) {
+    outcome.mText += " (before the server's greeting";
+    outcome.mText += mTls != nullptr ? ")" : "; does it expect TLS?)";
+    return outcome;
+  }
+  if (const char* wrong = CheckGreeting(peer)) {
+    return {kProtocolError, wrong};
+  }
+  if (peer.mStatus != kOk) {
+    return {peer.mStatus, VynRpcStatusString(peer.mStatus)};
+  }
+  mPeerMaxLength = peer.mMaxLength;
+  mReader.emplace(kReplyAlignment, kLongestReply);
+  return {};
+}
+
+Outcome ClientConnection::Exchange(const Message& request, std::uint32_t length, Message& response,
+                                   const Deadline& deadline) {
+  FrameHeader header;
+  header.mLength = length;
+  header.mCall = ++mLastCall;
+  header.mId = request.Id().Value();
+  mParts.clear();
+  mParts.push_back({&header, sizeof(header)});
+  for (const Buffer& buffer : request.Bl()) {
+    mParts.push_back({buffer.Addr(), buffer.Len()});
+  }
+  if (Outcome outcome = Send(mParts, deadline); !outcome.Ok()) {
+    return outcome;
+  }
+  return ReceiveReply(header, response, deadline);
+}
+
+Outcome ClientConnection::Send(std::vector<iovec>& parts, const Deadline& deadline) {
+  for (std::size_t first = 0; first < parts.size();) {
+    const IoResult result = mStream->Write(parts.data() + first, parts.size() - first);
+    if (result.mState == IoState::kDone) {
+      Advance(parts.data(), parts.size(), first, result.mBytes);
+    } else if (Outcome outcome = After(result.mState, deadline); !outcome.Ok()) {
+      return outcome;
+    }
+  }
+  return {};
+}
+
+Outcome ClientConnection::ReceiveExactly(void* data, std::size_t size, const Deadline& deadline) {
+  for (std::size_t have = 0; have < size;) {
+    const IoResult result = mStream->Read(static_cast<char*>(data) + have, size - have);
+    if (result.mState == IoState::kDone) {
+      have += result.mBytes;
+    } else if (Outcome outcome = After(result.mState, deadline); !outcome.Ok()) {
+      return outcome;
+    }
+  }
+  return {};
+}
+
+Outcome ClientConnection::ReceiveReply(const FrameHeader& sent, Message& response, const Deadline& deadline) {
+  Frame frame;
+  // The reply cannot be there yet, so the wait comes first.
+  auto state = FrameReader::State::kWantRead;
+  while (state != FrameReader::State::kFrame) {
+    switch (state) {
+      case FrameReader::State::kFailed:
+        return {kProtocolError, mReader->Error()};
+      case FrameReader::State::kClosed:
+        return After(IoState::kClosed, deadline);
+      default:
+        if (Outcome outcome = After(
+                state == FrameReader::State::kWantWrite ? IoState::kWantWrite : IoState::kWantRead, deadline);
+            !outcome.Ok()) {
+          return outcome;
+        }
+    }
+    state = mReader->Next(*mStream, frame);
+  }
+  if (frame.mHeader.mCall != sent.mCall || frame.mHeader.mId != sent.mId || mReader->IsInFrame()) {
+    return {kProtocolError, "a reply that belongs to no call"};
+  }
+  if (frame.mHeader.mStatus != kOk) {
+    return {frame.mHeader.mStatus, VynRpcStatusString(frame.mHeader.mStatus)};
+  }
+  response.Bl() = std::move(frame.mMessage.Bl());
+  return {};
+}
+
+Outcome ClientConnection::After(IoState state, const Deadline& deadline) {
+  switch (state) {
+    case IoState::kWantRead:
+    case IoState::kWantWrite:
+      if (!WaitFor(mSocket.Get(), state == IoState::kWantRead ? POLLIN : POLLOUT, deadline)) {
+        return {kTimedOut, VynRpcStatusString(kTimedOut)};
+      }
+      break;
+    case IoState::kClosed:
+      return {kConnectionLost,
+              mStream->Error().empty() ? "the peer closed the connection" : mStream->Error()};
+    case IoState::kFailed:
+      return {kProtocolError, mStream->Error()};
+    case IoState::kDone:
+      break;
+  }
+  return {};
+}
+
+void ClientConnection::Close() {
+  if (mStream != nullptr) {
+    mStream->Close();
+    mStream.reset();
+  }
+  mReader.reset();
+  mSocket.Close();
+}
+
+Outcome ClientConnection::Named(Outcome outcome) const {
+  if (!outcome.Ok()) {
+    outcome.mText = mIp + ":" + std::to_string(mPort) + ": " + outcome.mText;
+  }
+  return outcome;
+}
+
+}  // namespace vyn::rpc

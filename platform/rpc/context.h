@@ -1,0 +1,69 @@
+#pragma once
+
+// What goes with one call beside its messages: the time it may take, and how it ended.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace vyn::rpc {
+
+/// The root of what has an identity of its own: never copied, destroyed through any base.
+class Reference {
+ public:
+  Reference() = default;
+  virtual ~Reference() = default;
+  Reference(const Reference&) = delete;
+  Reference& operator=(const Reference&) = delete;
+};
+
+class Context : public Reference {
+ public:
+  /// Milliseconds; negative is no limit.
+  std::int64_t mTimeout = 0;
+  /// How the operation ended: 0, or a status of platform/rpc/status.h.
+  std::int32_t mStatus = 0;
+};
+
+/// The context of a client's call; a stack object.
+class ClientContext : public Context {};
+
+/// Told once when an operation has ended.
+class Callback {
+ public:
+  virtual ~Callback() = default;
+  /// \param status 0, or a status of platform/rpc/status.h. May run on any thread; must not block.
+  virtual void Done(int status) = 0;
+};
+
+class Server;
+class ServerConnection;
+
+/// The context of a request: names the connection that the reply goes to. A handler may keep it and reply
+/// later, from any thread. When the last reference goes without a reply, the server tells the caller that
+/// there is no answer.
+class ServerContext : public Context {
+ public:
+  /// For the server only.
+  ServerContext(std::shared_ptr<ServerConnection> connection, Server* server, std::uint64_t call,
+                std::uint32_t id, std::uint64_t requestLength);
+  ~ServerContext() override;
+
+  /// The server that the request came to. Valid while that object is.
+  Server* GetServer() const { return mServer; }
+  /// The caller as "ip:port".
+  std::string PeerAddress() const;
+
+ private:
+  friend class Server;
+
+  std::shared_ptr<ServerConnection> mConnection;
+  Server* mServer;
+  std::uint64_t mCall;
+  std::uint32_t mId;
+  std::uint64_t mRequestLength;
+  std::atomic<bool> mReplied{false};
+};
+
+}  // namespace vyn::rpc

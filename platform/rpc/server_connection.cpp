@@ -1,0 +1,423 @@
+#include "platform/rpc/server_connection.h"
+
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <new>
+
+namespace vyn::rpc {
+
+namespace {
+
+/// Requests taken from one connection before the others of its loop get their turn.
+constexpr int kFramesInTurn = 32;
+
+using Clock = Deadline::Clock;
+
+bool Passed(Clock::time_point since, Clock::time_point now, std::int64_t milliseconds) {
+  return now - since > std::chrono::milliseconds(milliseconds);
+}
+
+}  // namespace
+
+ServerConnection::ServerConnection(std::shared_ptr<ServerCore> core, ServerLoop& loop, Descriptor descriptor,
+                                   std::string peer, std::unique_ptr<Stream> stream)
+    : mCore(std::move(core)),
+      mLoop(loop),
+      mPeer(std::move(peer)),
+      mSocket(std::move(descriptor)),
+      mStream(std::move(stream)),
+      mReader(kRequestAlignment, mCore->Options().mMaxFrameLength) {}
+
+void ServerConnection::Begin() {
+  mLoop.mConnections.insert(shared_from_this());
+  if (mCore->IsStopping() || !mLoop.mEvents.Watch(mSocket.Get(), 0, this)) {
+    Shut("");
+  } else {
+    Pump();
+  }
+}
+
+void ServerConnection::OnReady(std::uint32_t events) {
+  if (mWatched == 0 && (events & (EPOLLHUP | EPOLLERR)) != 0) {
+    // Nobody is left to take the answers that are being waited for.
+    Shut("");
+  } else {
+    Pump();
+  }
+}
+
+void ServerConnection::Pump() {
+  Ended ended;
+  std::string error;
+  Step step;
+  {
+    std::lock_guard lock(mMutex);
+    if (mPhase == Phase::kClosed) {
+      return;
+    }
+    mWantRead = mWantWrite = false;
+    step = StepHandshake(error);
+    if (step == Step::kGo && Flush(ended, error) == Step::kEnd) {
+      step = Step::kEnd;
+    }
+    if (step == Step::kGo) {
+      step = StepGreeting(error);
+    }
+  }
+  Settle(ended, kOk);
+  int turn = 0;
+  while (step == Step::kGo && turn < kFramesInTurn) {
+    Frame frame;
+    {
+      std::lock_guard lock(mMutex);
+      step = mPhase == Phase::kOpen ? NextFrame(frame, error) : Step::kWait;
+    }
+    if (step == Step::kGo) {
+      ++turn;
+      mCore->Dispatch(shared_from_this(), frame.mHeader, std::move(frame.mMessage));
+    }
+  }
+  if (step == Step::kEnd) {
+    Shut(error);
+  } else if (step == Step::kGo) {
+    PostPump();
+  } else {
+    Arm();
+  }
+}
+
+void ServerConnection::PostPump() {
+  mLoop.mEvents.Post([self = shared_from_this()] { self->Pump(); });
+}
+
+void ServerConnection::Resume() {
+  {
+    std::lock_guard lock(mMutex);
+    mParked = false;
+  }
+  PostPump();
+}
+
+ServerConnection::Step ServerConnection::StepHandshake(std::string& error) {
+  if (mPhase != Phase::kHandshake) {
+    return Step::kGo;
+  }
+  const IoState state = mStream->Handshake();
+  if (state != IoState::kDone) {
+    const Step step = Note(state, error);
+    if (step == Step::kEnd && !error.empty()) {
+      error = "TLS handshake: " + error;
+    }
+    return step;
+  }
+  mPhase = Phase::kGreeting;
+  Greeting own;
+  own.mMaxLength = static_cast<std::uint32_t>(mCore->Options().mMaxFrameLength);
+  Output output;
+  return Keep({{&own, sizeof(own)}}, 0, nullptr, output) ? Step::kGo : Step::kEnd;
+}
+
+ServerConnection::Step ServerConnection::StepGreeting(std::string& error) {
+  while (mPhase == Phase::kGreeting) {
+    const IoResult result = mStream->Read(reinterpret_cast<char*>(&mPeerGreeting) + mGreetingRead,
+                                          sizeof(mPeerGreeting) - mGreetingRead);
+    if (result.mState != IoState::kDone) {
+      return Note(result.mState, error);
+    }
+    mGreetingRead += result.mBytes;
+    if (mGreetingRead < sizeof(mPeerGreeting)) {
+      continue;
+    }
+    if (const char* wrong = CheckGreeting(mPeerGreeting)) {
+      error = wrong;
+      return Step::kEnd;
+    }
+    mPhase = Phase::kOpen;
+    mLastActivity = mLoop.mEvents.Now();
+  }
+  return Step::kGo;
+}
+
+ServerConnection::Step ServerConnection::NextFrame(Frame& frame, std::string& error) {
+  if (mCore->IsStopping() || mParked) {
+    return Step::kWait;
+  }
+  if (mPending >= mCore->Options().mMaxPendingCalls) {
+    mPaused = true;
+    return Step::kWait;
+  }
+  if (!mCore->AdmitOrPark(shared_from_this())) {
+    mParked = true;
+    return Step::kWait;
+  }
+  switch (mReader.Next(*mStream, frame)) {
+    case FrameReader::State::kFrame:
+      mLastActivity = mLoop.mEvents.Now();
+      mFrameBegan = {};
+      ++mPending;
+      mCore->BeginCall(frame.mHeader.mLength);
+      return Step::kGo;
+    case FrameReader::State::kWantRead:
+      if (mReader.IsInFrame() && mFrameBegan == Clock::time_point{}) {
+        mFrameBegan = mLoop.mEvents.Now();
+      }
+      return Note(IoState::kWantRead, error);
+    case FrameReader::State::kWantWrite:
+      return Note(IoState::kWantWrite, error);
+    case FrameReader::State::kClosed:
+      if (mReader.IsInFrame()) {
+        error = "the connection ended in the middle of a frame";
+      }
+      return Step::kEnd;
+    case FrameReader::State::kFailed:
+      error = mReader.Error();
+      return Step::kEnd;
+  }
+  return Step::kEnd;
+}
+
+ServerConnection::Step ServerConnection::Write(std::vector<iovec>& parts, std::size_t& first,
+                                               std::string& error) {
+  while (first < parts.size()) {
+    const IoResult result = mStream->Write(parts.data() + first, parts.size() - first);
+    if (result.mState != IoState::kDone) {
+      return Note(result.mState, error);
+    }
+    Advance(parts.data(), parts.size(), first, result.mBytes);
+    mLastWritten = mLoop.mEvents.Now();
+  }
+  return Step::kGo;
+}
+
+ServerConnection::Step ServerConnection::Flush(Ended& ended, std::string& error) {
+  while (!mOutput.empty()) {
+    Output& output = mOutput.front();
+    if (const Step step = Write(output.mParts, output.mFirst, error); step != Step::kGo) {
+      return step;
+    }
+    mLastActivity = mLastWritten;
+    if (output.mIsReply) {
+      CountDown();
+    }
+    ended.push_back(std::move(output));
+    mOutput.pop_front();
+  }
+  return Step::kGo;
+}
+
+bool ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t first, Message* message,
+                            Output& output) {
+  try {
+    std::size_t copied = 0;
+    for (std::size_t i = first; i < parts.size(); ++i) {
+      if (i == 0 || !message->Bl()[i - 1].Owns()) {
+        copied += parts[i].iov_len;
+      }
+    }
+    output.mCopied.reset(new char[copied]);
+    char* to = output.mCopied.get();
+    for (std::size_t i = first; i < parts.size(); ++i) {
+      iovec part = parts[i];
+      if (i > 0 && message->Bl()[i - 1].Owns()) {
+        output.mBuffers.push_back(std::move(message->Bl()[i - 1]));
+      } else if (part.iov_len > 0) {
+        std::memcpy(to, part.iov_base, part.iov_len);
+        part.iov_base = to;
+        to += part.iov_len;
+      }
+      output.mParts.push_back(part);
+    }
+    mOutput.push_back(std::move(output));
+    mLastWritten = mLoop.mEvents.Now();
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+bool ServerConnection::KeepReply(std::size_t first, Message* message, std::int64_t timeout,
+                                 Callback* callback, std::size_t requestLength) {
+  Output output;
+  output.mDeadline = Deadline(timeout < 1 ? -1 : timeout);
+  output.mCallback = callback;
+  output.mRequestLength = requestLength;
+  output.mIsReply = true;
+  return Keep(mParts, first, message, output);
+}
+
+bool ServerConnection::CountDown() {
+  --mPending;
+  return std::exchange(mPaused, false);
+}
+
+ServerConnection::Step ServerConnection::Note(IoState state, std::string& error) {
+  switch (state) {
+    case IoState::kDone:
+      return Step::kGo;
+    case IoState::kWantRead:
+      mWantRead = true;
+      return Step::kWait;
+    case IoState::kWantWrite:
+      mWantWrite = true;
+      return Step::kWait;
+    case IoState::kFailed:
+      error = mStream->Error();
+      return Step::kEnd;
+    case IoState::kClosed:
+      return Step::kEnd;
+  }
+  return Step::kEnd;
+}
+
+std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::size_t requestLength,
+                                    std::int32_t status, Message* message, std::int64_t timeout,
+                                    Callback* callback) {
+  Ended ended;  // of other calls
+  std::int32_t result = kConnectionLost;
+  Step step = Step::kEnd;
+  bool pump = false;
+  {
+    std::lock_guard lock(mMutex);
+    if (mPhase != Phase::kClosed) {
+      FrameHeader header;
+      header.mCall = call;
+      header.mId = id;
+      header.mStatus = status;
+      result = LayOut(header, status == kOk ? message : nullptr);
+      std::size_t first = 0;
+      std::string error;
+      step = mOutput.empty() ? Write(mParts, first, error) : Step::kWait;
+      if (step == Step::kWait && !KeepReply(first, message, timeout, callback, requestLength)) {
+        step = Step::kEnd;
+        error = "no memory for a reply";
+      }
+      pump = step == Step::kGo ? CountDown() : step == Step::kWait;
+      if (step == Step::kEnd) {
+        result = kConnectionLost;
+        Close(ended);
+        mLoop.mEvents.Post([self = shared_from_this(), error] { self->Shut(error); });
+      }
+    }
+  }
+  if (pump) {
+    PostPump();
+  }
+  Settle(ended, kConnectionLost);
+  if (step != Step::kWait) {
+    if (callback != nullptr) {
+      callback->Done(result);
+    }
+    mCore->EndCall(requestLength);
+  }
+  return result;
+}
+
+/// Makes mParts of a reply, whose length goes into `header`. Returns: kOk, or kMessageTooLong for a message that the peer
+/// would not take; then the reply tells that instead.
+std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
+  mParts.assign(1, {&header, sizeof(header)});
+  if (message == nullptr) {
+    return kOk;
+  }
+  std::uint64_t length = 0;
+  for (const Buffer& buffer : message->Bl()) {
+    mParts.push_back({buffer.Addr(), buffer.Len()});
+    length += buffer.Len();
+  }
+  if (length > std::min<std::uint64_t>(mPeerGreeting.mMaxLength, kLongestFrame)) {
+    mParts.resize(1);
+    header.mStatus = kMessageTooLong;
+    return kMessageTooLong;
+  }
+  header.mLength = static_cast<std::uint32_t>(length);
+  return kOk;
+}
+
+/// Ends all traffic. The descriptor itself stays open until the loop's thread lets go of it.
+void ServerConnection::Close(Ended& ended) {
+  mPhase = Phase::kClosed;
+  for (Output& output : mOutput) {
+    ended.push_back(std::move(output));
+  }
+  mOutput.clear();
+  mStream->Close();
+  mStream.reset();
+  shutdown(mSocket.Get(), SHUT_RDWR);
+}
+
+void ServerConnection::Shut(const std::string& reason) {
+  Ended ended;
+  {
+    std::lock_guard lock(mMutex);
+    if (mPhase != Phase::kClosed) {
+      Close(ended);
+    }
+  }
+  Settle(ended, kConnectionLost);
+  if (mSocket) {
+    mLoop.mEvents.Unwatch(mSocket.Get());
+    mSocket.Close();
+    mCore->Forget(mLoop, shared_from_this());
+    if (!reason.empty()) {
+      mCore->Report(mPeer + ": " + reason);
+    }
+  }
+}
+
+void ServerConnection::Settle(Ended& ended, std::int32_t status) {
+  for (const Output& output : ended) {
+    if (output.mCallback != nullptr) {
+      output.mCallback->Done(status);
+    }
+    if (output.mIsReply) {
+      mCore->EndCall(output.mRequestLength);
+    }
+  }
+}
+
+void ServerConnection::Arm() {
+  std::uint32_t wanted = 0;
+  {
+    std::lock_guard lock(mMutex);
+    if (mPhase == Phase::kClosed) {
+      return;
+    }
+    wanted = (mWantRead ? EPOLLIN : 0U) | (mWantWrite ? EPOLLOUT : 0U);
+  }
+  if (wanted != mWatched) {
+    mWatched = wanted;
+    mLoop.mEvents.Change(mSocket.Get(), wanted, this);
+  }
+}
+
+void ServerConnection::Sweep(Clock::time_point now) {
+  const ServerOptions& options = mCore->Options();
+  const char* reason = nullptr;
+  {
+    std::lock_guard lock(mMutex);
+    if (mPhase == Phase::kClosed) {
+      return;
+    }
+    if (mPhase != Phase::kOpen) {
+      reason = Passed(mLastActivity, now, options.mHandshakeTimeout) ? "no greeting in time" : nullptr;
+    } else if (!mOutput.empty()) {
+      if (mOutput.front().mDeadline.IsOver(now)) {
+        reason = "a reply was not taken within the time of its call";
+      } else if (Passed(mLastWritten, now, options.mFrameTimeout)) {
+        reason = "the client does not take its replies";
+      }
+    } else if (mFrameBegan != Clock::time_point{} && !mPaused && !mParked) {
+      reason = Passed(mFrameBegan, now, options.mFrameTimeout) ? "a frame did not arrive in time" : nullptr;
+    } else if (mPending == 0 && options.mIdleTimeout > 0 &&
+               Passed(mLastActivity, now, options.mIdleTimeout)) {
+      reason = "";
+    }
+  }
+  if (reason != nullptr) {
+    Shut(reason);
+  }
+}
+
+}  // namespace vyn::rpc

@@ -1,0 +1,337 @@
+#include "platform/rpc/server_core.h"
+
+#include "platform/rpc/server_connection.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <exception>
+
+namespace vyn::rpc {
+
+namespace {
+
+/// Connections taken from the listener before the loop's other work gets its turn.
+constexpr int kAcceptsInTurn = 64;
+
+struct SocketAddress {
+  sockaddr_storage mStorage{};
+  socklen_t mSize = sizeof(sockaddr_storage);
+
+  sockaddr* Any() { return reinterpret_cast<sockaddr*>(&mStorage); }
+  sockaddr_in* V4() { return reinterpret_cast<sockaddr_in*>(&mStorage); }
+  sockaddr_in6* V6() { return reinterpret_cast<sockaddr_in6*>(&mStorage); }
+  bool IsV4() const { return mStorage.ss_family == AF_INET; }
+  std::uint16_t Port() { return ntohs(IsV4() ? V4()->sin_port : V6()->sin6_port); }
+
+  bool Parse(const std::string& address, std::uint16_t port) {
+    if (inet_pton(AF_INET, address.c_str(), &V4()->sin_addr) == 1) {
+      V4()->sin_family = AF_INET;
+      V4()->sin_port = htons(port);
+      mSize = sizeof(sockaddr_in);
+      return true;
+    }
+    if (inet_pton(AF_INET6, address.c_str(), &V6()->sin6_addr) == 1) {
+      V6()->sin6_family = AF_INET6;
+      V6()->sin6_port = htons(port);
+      mSize = sizeof(sockaddr_in6);
+      return true;
+    }
+    return false;
+  }
+
+  std::string Text() {
+    char text[INET6_ADDRSTRLEN] = "";
+    inet_ntop(mStorage.ss_family, IsV4() ? static_cast<void*>(&V4()->sin_addr) : &V6()->sin6_addr, text,
+              sizeof(text));
+    return std::string(text) + ":" + std::to_string(Port());
+  }
+};
+
+}  // namespace
+
+ServerCore::ServerCore(Server* server, ServerOptions options)
+    : mServer(server), mOptions(std::move(options)) {}
+
+ServerCore::~ServerCore() = default;
+
+void ServerCore::Register(MessageId id, Handler handler, HandlerKind kind) {
+  mHandlers[id.Value()] = {std::move(handler), kind};
+}
+
+Outcome ServerCore::CheckOptions() const {
+  if (mOptions.mIoThreads < 1 || mOptions.mIoThreads > 64 || mOptions.mWorkerThreads < 1 ||
+      mOptions.mWorkerThreads > 1024) {
+    return {kInvalidArgument, "a number of threads is out of range"};
+  }
+  if (mOptions.mMaxFrameLength > kLongestFrame || mOptions.mMaxConnections < 1 ||
+      mOptions.mMaxPendingCalls < 1 || mOptions.mMaxPendingBytes < 1) {
+    return {kInvalidArgument, "a limit is out of range"};
+  }
+  if (mOptions.mHandshakeTimeout < 1 || mOptions.mFrameTimeout < 1 || mOptions.mIdleTimeout < 0 ||
+      mOptions.mStopTimeout < 0) {
+    return {kInvalidArgument, "a time is out of range"};
+  }
+  if (mOptions.mAuthentication) {
+    const auto type = mOptions.mSecurity.find("auth.type");
+    return {kBadSetting, "authentication is on, but no mechanism is present for auth.type \"" +
+                             (type == mOptions.mSecurity.end() ? std::string() : type->second) + "\""};
+  }
+  return {};
+}
+
+Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
+  if (!mLoops.empty() || IsStopping()) {
+    return {kInvalidArgument, "a server starts once"};
+  }
+  if (Outcome outcome = CheckOptions(); !outcome.Ok()) {
+    return outcome;
+  }
+  if (mOptions.mTls) {
+    if (Outcome outcome = TlsContext::ForServer(mOptions.mSecurity, mTls); !outcome.Ok()) {
+      return outcome;
+    }
+  }
+  try {
+    for (unsigned int i = 0; i < mOptions.mIoThreads; ++i) {
+      mLoops.push_back(std::make_unique<ServerLoop>());
+    }
+    if (Outcome outcome = Listen(address, port); !outcome.Ok()) {
+      mLoops.clear();
+      return outcome;
+    }
+    StartThreads();
+  } catch (const std::exception& error) {
+    Stop();
+    return {kNoMemory, std::string("cannot start the server's threads: ") + error.what()};
+  }
+  return {};
+}
+
+Outcome ServerCore::Listen(const std::string& address, std::uint16_t port) {
+  SocketAddress own;
+  if (!own.Parse(address, port)) {
+    return {kInvalidArgument, "\"" + address + "\" is no IP address"};
+  }
+  Descriptor listener(socket(own.mStorage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  if (!listener || setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+      bind(listener.Get(), own.Any(), own.mSize) != 0 || listen(listener.Get(), SOMAXCONN) != 0 ||
+      getsockname(listener.Get(), own.Any(), &own.mSize) != 0) {
+    return {kBadSetting, "cannot listen on " + address + ":" + std::to_string(port) + ": " + strerror(errno)};
+  }
+  mPort = own.Port();
+  mListener = std::move(listener);
+  return {};
+}
+
+void ServerCore::StartThreads() {
+  std::int64_t shortest = std::min(mOptions.mHandshakeTimeout, mOptions.mFrameTimeout);
+  if (mOptions.mIdleTimeout > 0) {
+    shortest = std::min(shortest, mOptions.mIdleTimeout);
+  }
+  const std::chrono::milliseconds period(std::clamp<std::int64_t>(shortest / 4, 10, 1000));
+  mWorkers = std::make_unique<WorkerPool>(mOptions.mWorkerThreads);
+  mLoops.front()->mEvents.Watch(mListener.Get(), EPOLLIN, this);
+  for (const auto& loop : mLoops) {
+    loop->mEvents.SetTick(period, [this, &loop = *loop] { Sweep(loop); });
+    loop->mThread = std::thread([this, &events = loop->mEvents] { RunLoop(events); });
+  }
+}
+
+void ServerCore::RunLoop(EventLoop& events) const {
+  for (;;) {
+    try {
+      events.Run();
+      return;
+    } catch (const std::exception& error) {
+      // No memory, most likely. The connection that met it is left to its time limits.
+      Report(error.what());
+    }
+  }
+}
+
+void ServerCore::Stop() {
+  if (mStopping.exchange(true) || mLoops.empty()) {
+    return;
+  }
+  mLoops.front()->mEvents.Post([this] { mListener.Close(); });
+  {
+    std::unique_lock lock(mMutex);
+    mIdle.wait_for(lock, std::chrono::milliseconds(mOptions.mStopTimeout),
+                   [this] { return mPendingCalls == 0; });
+  }
+  for (const auto& loop : mLoops) {
+    loop->mEvents.Post([&loop = *loop] {
+      const auto connections = loop.mConnections;
+      for (const auto& connection : connections) {
+        connection->Shut("");
+      }
+    });
+    loop->mEvents.Stop();
+  }
+  for (const auto& loop : mLoops) {
+    if (loop->mThread.joinable()) {
+      loop->mThread.join();
+    }
+  }
+  // Calls that no worker has begun end here, without an answer.
+  mWorkers.reset();
+  // What was posted to a loop behind its last turn holds connections, which hold this object.
+  for (const auto& loop : mLoops) {
+    loop->mEvents.RunPosted();
+  }
+  std::lock_guard lock(mMutex);
+  mParked.clear();
+}
+
+void ServerCore::Report(const std::string& line) const {
+  if (mOptions.mReport) {
+    mOptions.mReport(line);
+  }
+}
+
+void ServerCore::OnReady(std::uint32_t /*events*/) {
+  for (int turn = 0; turn < kAcceptsInTurn; ++turn) {
+    SocketAddress peer;
+    Descriptor descriptor(accept4(mListener.Get(), peer.Any(), &peer.mSize, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (descriptor) {
+      Admit(std::move(descriptor), peer.Text());
+      continue;
+    }
+    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      // The connection stays in the listener's queue. Trying again at once would only burn the processor.
+      Report(std::string("cannot accept connections: ") + strerror(errno));
+      mLoops.front()->mEvents.Change(mListener.Get(), 0, this);
+      mAcceptPaused = true;
+      return;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      return;
+    }
+    // Anything else belongs to the one connection that could not be taken.
+  }
+}
+
+void ServerCore::Admit(Descriptor descriptor, std::string peer) {
+  const int on = 1;
+  setsockopt(descriptor.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  setsockopt(descriptor.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+  if (mOpen.load(std::memory_order_relaxed) >= mOptions.mMaxConnections) {
+    Report(peer + ": turned away, " + std::to_string(mOptions.mMaxConnections) + " connections are open");
+    if (!mOptions.mTls) {
+      Greeting greeting;
+      greeting.mStatus = kBusy;
+      static_cast<void>(send(descriptor.Get(), &greeting, sizeof(greeting), MSG_NOSIGNAL | MSG_DONTWAIT));
+    }
+    return;
+  }
+  auto stream = mTls != nullptr ? mTls->NewStream(descriptor.Get()) : NewPlainStream(descriptor.Get());
+  if (stream == nullptr) {
+    Report(peer + ": no memory for a TLS connection");
+    return;
+  }
+  ServerLoop& loop = *mLoops[mNextLoop++ % mLoops.size()];
+  auto connection = std::make_shared<ServerConnection>(shared_from_this(), loop, std::move(descriptor),
+                                                       std::move(peer), std::move(stream));
+  mOpen.fetch_add(1, std::memory_order_relaxed);
+  loop.mEvents.Post([connection = std::move(connection)] { connection->Begin(); });
+}
+
+void ServerCore::Forget(ServerLoop& loop, const std::shared_ptr<ServerConnection>& connection) {
+  if (loop.mConnections.erase(connection) > 0) {
+    mOpen.fetch_sub(1, std::memory_order_relaxed);
+    // An event that was collected already may still name it.
+    loop.mEvents.Post([connection] {});
+  }
+}
+
+void ServerCore::Sweep(ServerLoop& loop) {
+  if (mAcceptPaused && &loop == mLoops.front().get()) {
+    mAcceptPaused = false;
+    loop.mEvents.Change(mListener.Get(), EPOLLIN, this);
+  }
+  const auto connections = loop.mConnections;
+  const auto now = Deadline::Clock::now();
+  for (const auto& connection : connections) {
+    connection->Sweep(now);
+  }
+}
+
+bool ServerCore::AdmitOrPark(const std::shared_ptr<ServerConnection>& connection) {
+  if (mPendingBytes.load() < mOptions.mMaxPendingBytes) {
+    return true;
+  }
+  std::lock_guard lock(mMutex);
+  // The mark comes before the second look and EndCall looks for it behind its subtraction: one of the two
+  // sees the other.
+  mAnyParked.store(true);
+  if (mPendingBytes.load() < mOptions.mMaxPendingBytes) {
+    return true;
+  }
+  mParked.push_back(connection);
+  return false;
+}
+
+void ServerCore::BeginCall(std::size_t length) {
+  mPendingCalls.fetch_add(1);
+  mPendingBytes.fetch_add(length);
+}
+
+void ServerCore::EndCall(std::size_t length) {
+  const std::size_t bytes = mPendingBytes.fetch_sub(length) - length;
+  std::vector<std::shared_ptr<ServerConnection>> resumed;
+  if (mAnyParked.load() && bytes < mOptions.mMaxPendingBytes) {
+    std::lock_guard lock(mMutex);
+    mAnyParked.store(false);
+    resumed.swap(mParked);
+  }
+  if (mPendingCalls.fetch_sub(1) == 1 && IsStopping()) {
+    std::lock_guard lock(mMutex);
+    mIdle.notify_all();
+  }
+  for (const auto& connection : resumed) {
+    connection->Resume();
+  }
+}
+
+void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, const FrameHeader& header,
+                          Message request) {
+  const Entry& entry = mHandlers[header.mId];
+  if (!entry.mHandler) {
+    connection->Send(header.mCall, header.mId, header.mLength, kNoHandler, nullptr, -1, nullptr);
+    return;
+  }
+  auto context =
+      std::make_shared<ServerContext>(connection, mServer, header.mCall, header.mId, header.mLength);
+  auto message = std::make_shared<Message>(std::move(request));
+  if (entry.mKind == HandlerKind::kQuick) {
+    Run(entry, context, message);
+  } else {
+    mWorkers->Post([this, &entry, context = std::move(context), message = std::move(message)] {
+      Run(entry, context, message);
+    });
+  }
+}
+
+void ServerCore::Run(const Entry& entry, const std::shared_ptr<ServerContext>& context,
+                     const std::shared_ptr<Message>& request) {
+  try {
+    entry.mHandler(context, request);
+  } catch (const std::exception& error) {
+    Report(context->PeerAddress() + ": the handler of message " + std::to_string(request->Id().Value()) +
+           " failed: " + error.what());
+  } catch (...) {
+    Report(context->PeerAddress() + ": the handler of message " + std::to_string(request->Id().Value()) +
+           " failed");
+  }
+}
+
+}  // namespace vyn::rpc

@@ -1,0 +1,128 @@
+#include "platform/ulog/ulog.h"
+
+#include "platform/ulog/file_sink.h"
+
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include <exception>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vyn::utilities::log {
+
+std::atomic<ULog*> ULog::gLogger{nullptr};
+
+namespace {
+
+std::atomic<ULog*> gAuditLogger{nullptr};
+
+thread_local std::string gLastError;
+
+constexpr const char* kPattern = "%Y-%m-%d %H:%M:%S.%f %l [%P:%t] %v";
+constexpr int kTrace = 0;
+constexpr int kDebug = 1;
+constexpr int kCritical = 5;
+constexpr unsigned int kBitsOfMebibyte = 20;
+
+int Refuse(std::string message) {
+  gLastError = std::move(message);
+  return 1;
+}
+
+bool IsLevel(int level) { return level >= kTrace && level <= kCritical; }
+
+/// Publishes a logger. Every logger ever made is kept: a thread may still be writing through a replaced one.
+void Publish(std::atomic<ULog*>& place, int level, std::shared_ptr<spdlog::sinks::sink> sink) {
+  static std::mutex keptMutex;  // guards kept
+  static auto& kept = *new std::vector<std::unique_ptr<ULog>>;
+  auto made = std::make_unique<ULog>();
+  made->mLogger = std::make_shared<spdlog::logger>("vyn", std::move(sink));
+  made->mLogger->set_level(static_cast<spdlog::level::level_enum>(level));
+  made->mLevel = level;
+  made->mDebugEnabled = level <= kDebug;
+  std::lock_guard lock(keptMutex);
+  kept.push_back(std::move(made));
+  place.store(kept.back().get(), std::memory_order_release);
+}
+
+/// Throws spdlog::spdlog_ex when the arguments are refused or the file cannot be opened.
+std::shared_ptr<spdlog::sinks::sink> OpenFile(const char* path, int fileSize, int fileCount, bool isPrivate) {
+  if (path == nullptr || path[0] == '\0') {
+    throw spdlog::spdlog_ex("No path given for a log file");
+  }
+  if (fileSize < 1 || fileCount < 1) {
+    throw spdlog::spdlog_ex("Invalid limits of the log file " + std::string(path) + ": size " +
+                            std::to_string(fileSize) + " MiB, count " + std::to_string(fileCount) +
+                            "; both must be at least 1");
+  }
+  return MakeFileSink({path, kPattern, static_cast<std::size_t>(fileSize) << kBitsOfMebibyte,
+                       static_cast<std::size_t>(fileCount), isPrivate});
+}
+
+std::shared_ptr<spdlog::sinks::sink> OpenStandardError() {
+  auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
+  sink->set_pattern(kPattern);
+  return sink;
+}
+
+int Write(const std::atomic<ULog*>& place, int level, const char* prefix, const char* message) {
+  const ULog* logger = place.load(std::memory_order_acquire);
+  if (logger == nullptr) {
+    return Refuse("The log is not set up");
+  }
+  if (prefix == nullptr || message == nullptr) {
+    return Refuse("A log line without prefix or message");
+  }
+  if (!IsLevel(level)) {
+    return Refuse("Invalid log level " + std::to_string(level));
+  }
+  logger->mLogger->log(static_cast<spdlog::level::level_enum>(level), "{}{}", prefix, message);
+  return 0;
+}
+
+}  // namespace
+
+}  // namespace vyn::utilities::log
+
+using namespace vyn::utilities::log;
+
+int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount) {
+  try {
+    if (!IsLevel(level)) {
+      return Refuse("Invalid log level " + std::to_string(level) + ", it must be 0 to 5");
+    }
+    if (type == ULOG_TYPE_FILE) {
+      Publish(ULog::gLogger, level, OpenFile(path, fileSize, fileCount, false));
+    } else if (type == ULOG_TYPE_STDERR) {
+      Publish(ULog::gLogger, level, OpenStandardError());
+    } else {
+      return Refuse("Invalid log type " + std::to_string(type) +
+                    ", it must be 1 (file) or 2 (standard error)");
+    }
+    return 0;
+  } catch (const std::exception& failure) {
+    return Refuse(failure.what());
+  }
+}
+
+int ULOG_AuditInit(const char* path, int fileSize, int fileCount) {
+  try {
+    Publish(gAuditLogger, kTrace, OpenFile(path, fileSize, fileCount, true));
+    return 0;
+  } catch (const std::exception& failure) {
+    return Refuse(failure.what());
+  }
+}
+
+int ULOG_LogMessage(int level, const char* prefix, const char* message) {
+  return Write(ULog::gLogger, level, prefix, message);
+}
+
+int ULOG_AuditLogMessage(int level, const char* prefix, const char* message) {
+  return Write(gAuditLogger, level, prefix, message);
+}
+
+const char* ULOG_GetLastErrorMessage() { return gLastError.c_str(); }

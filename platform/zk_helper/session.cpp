@@ -1,0 +1,193 @@
+#include "platform/zk_helper/session.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace vyn::utilities::zookeeper {
+
+namespace {
+
+/// The client itself gives a call up after two thirds of the session's time-out. This is the limit behind it.
+constexpr std::chrono::milliseconds kLeastCallLimit{10000};
+
+bool ConnectionWasLost(int result) { return result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT; }
+
+}  // namespace
+
+void Request::CopyValue(char* buffer, int* length) const {
+  if (mNull) {
+    *length = -1;
+    return;
+  }
+  *length = std::min(*length, static_cast<int>(mValue.size()));
+  if (*length > 0) {
+    std::memcpy(buffer, mValue.data(), static_cast<std::size_t>(*length));
+  }
+}
+
+Session::~Session() {
+  if (mDispatcher.joinable()) {
+    mDispatcher.detach();  // a watcher closed the session and is the last to let go of it
+  }
+}
+
+int Session::Start(const MakeClient& make, std::chrono::seconds connectTimeout) {
+  mCloser = std::thread([self = shared_from_this()] { self->CloseClientWhenGone(); });
+  mDispatcher = std::thread([self = shared_from_this()] { self->RunWatchers(); });
+  zhandle_t* client = make(&Session::OnSessionEvent, this);
+  if (client == nullptr) {
+    return ZSYSTEMERROR;
+  }
+  // Later than a century counts as no limit, and does not overflow the clock.
+  const auto wait = std::min<std::chrono::seconds>(connectTimeout, std::chrono::hours(24 * 365 * 100));
+  std::unique_lock lock(mMutex);
+  mClient = client;
+  mChanged.notify_all();
+  mChanged.wait_for(lock, wait, [this] { return mConnected || mState == State::kGone; });
+  if (mState == State::kGone) {
+    return ZAUTHFAILED;
+  }
+  if (!mConnected) {
+    return ZOPERATIONTIMEOUT;
+  }
+  mCallLimit = std::max(kLeastCallLimit, 2 * std::chrono::milliseconds(zoo_recv_timeout(client)));
+  mState = State::kOpen;
+  return ZOK;
+}
+
+int Session::Await(std::unique_lock<std::mutex>& lock, Request& request) {
+  if (!request.mFinished.wait_for(lock, mCallLimit, [&] { return request.mDone; })) {
+    request.mAbandoned = true;
+    return ZOPERATIONTIMEOUT;
+  }
+  return request.mResult;
+}
+
+void Session::Expire() {
+  mState = State::kGone;
+  mEnd = ZINVALIDSTATE;
+  mChanged.notify_all();
+}
+
+void Session::Finish(Request& request, int result) {
+  if (result == ZSESSIONEXPIRED && mState == State::kOpen) {
+    // The server has forgotten the session before the client was told, which would be at its next connection.
+    Expire();
+    for (const auto& [key, watch] : mWatches) {
+      mEvents.push_back({watch.get(), ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE, ""});
+    }
+  }
+  // One answer for a session that has gone, whether a call met it before, while or after it was noticed.
+  request.mResult = result == ZSESSIONEXPIRED ? static_cast<int>(ZINVALIDSTATE)
+                    : result == ZCLOSING      ? mEnd
+                                              : result;
+  request.mDone = true;
+  request.mFinished.notify_all();
+  if (request.mWatch != nullptr && ConnectionWasLost(result)) {
+    mOwed.emplace(request.mWatch, request.mPath);
+  } else if (request.mWatch != nullptr && request.mAbandoned) {
+    // The watch stands since the answer, the caller knows nothing of it.
+    mEvents.push_back({request.mWatch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, request.mPath});
+    mChanged.notify_all();
+  }
+  mRequests.erase(&request);
+}
+
+void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void* context) {
+  if (type != ZOO_SESSION_EVENT) {
+    return;
+  }
+  auto& session = *static_cast<Session*>(context);
+  std::lock_guard lock(session.mMutex);
+  if (state == ZOO_CONNECTED_STATE) {
+    session.mConnected = true;
+    for (const auto& [watch, path] : session.mOwed) {
+      session.mEvents.push_back({watch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, path});
+    }
+    session.mOwed.clear();
+  } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
+    session.Expire();
+  }
+  session.mChanged.notify_all();
+}
+
+Watch* Session::Intern(watcher_fn watcher, void* context) {
+  std::lock_guard lock(mMutex);
+  auto& watch = mWatches[{watcher, context}];
+  if (watch == nullptr) {
+    watch = std::make_unique<Watch>(Watch{this, watcher, context});
+  }
+  return watch.get();
+}
+
+void Session::OnNodeEvent(zhandle_t*, int type, int state, const char* path, void* context) {
+  auto* watch = static_cast<Watch*>(context);
+  Session& session = *watch->mSession;
+  std::lock_guard lock(session.mMutex);
+  session.mEvents.push_back({watch, type, state, path == nullptr ? "" : path});
+  session.mChanged.notify_all();
+}
+
+void Session::RunWatchers() {
+  std::unique_lock lock(mMutex);
+  for (;;) {
+    mChanged.wait(lock, [this] { return mStopWatchers || !mEvents.empty(); });
+    if (mStopWatchers) {
+      return;
+    }
+    const Event event = std::move(mEvents.front());
+    mEvents.pop_front();
+    lock.unlock();
+    event.watch->mWatcher(mTicket, event.type, event.state, event.path.c_str(), event.watch->mContext);
+    lock.lock();
+  }
+}
+
+void Session::CloseClientWhenGone() {
+  std::unique_lock lock(mMutex);
+  // A session can end before its making has handed out the client.
+  mChanged.wait(lock, [this] { return mState == State::kGone && (mClient != nullptr || mClosing); });
+  lock.unlock();
+  if (mClient != nullptr) {
+    zookeeper_close(mClient);
+  }
+  lock.lock();
+  // What the client took in after it had told all others of the end.
+  while (!mRequests.empty()) {
+    const auto request = mRequests.begin()->second;
+    Finish(*request, ZCLOSING);
+  }
+}
+
+void Session::Close() {
+  {
+    std::lock_guard lock(mMutex);
+    mState = State::kGone;
+    mClosing = true;
+    mChanged.notify_all();
+  }
+  if (mCloser.joinable()) {
+    mCloser.join();
+  }
+  {
+    std::lock_guard lock(mMutex);
+    mStopWatchers = true;
+    mChanged.notify_all();
+  }
+  if (mDispatcher.joinable() && mDispatcher.get_id() != std::this_thread::get_id()) {
+    mDispatcher.join();
+  }
+}
+
+clientid_t Session::ClientId() {
+  std::lock_guard lock(mMutex);
+  const clientid_t* id = mState == State::kOpen ? zoo_client_id(mClient) : nullptr;
+  return id == nullptr ? clientid_t{} : *id;
+}
+
+bool Session::Expired() {
+  std::lock_guard lock(mMutex);
+  return mState == State::kGone && mEnd == ZINVALIDSTATE;
+}
+
+}  // namespace vyn::utilities::zookeeper

@@ -1,0 +1,163 @@
+#pragma once
+
+// One ZooKeeper session over the C client's asynchronous calls.
+//
+// The client's own synchronous calls can hang for ever when the session expires between their check and their
+// queueing, and a closed client is freed memory to a call that is about to enter it. So a call is submitted
+// here under the mutex that also guards the session's state: once the state says gone, no thread is inside
+// the client any more and none enters, and the client can be closed. Whoever still waits for an answer then
+// is woken by the session itself.
+//
+// Threads: any. Besides the client's two threads a session has two of its own: one closes the client and
+// holds no lock while it does; one runs the watchers, so that a watcher that waits never keeps an answer from
+// its caller.
+
+#include <zookeeper/zookeeper.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace vyn::utilities::zookeeper {
+
+class Session;
+
+/// Makes a client with the given global watcher and its context. Returns: null with errno on failure.
+using MakeClient = std::function<zhandle_t*(watcher_fn watcher, void* context)>;
+
+/// A watcher with its context, told apart by both: setting it twice on a znode makes it run once.
+struct Watch {
+  Session* mSession;
+  watcher_fn mWatcher;
+  void* mContext;
+};
+
+/// One call and its answer. The session keeps it until the client is done with it.
+struct Request {
+  Request() = default;
+  ~Request() { deallocate_String_vector(&mNames); }
+  Request(const Request&) = delete;
+  Request& operator=(const Request&) = delete;
+
+  /// Hands the value out as the client does: cut to the room, -1 as the length of a null value.
+  void CopyValue(char* buffer, int* length) const;
+
+  // Constant after submission.
+  Session* mSession = nullptr;
+  Watch* mWatch = nullptr;  ///< to be set by this call, with the path of the znode
+  std::string mPath;
+  // Guarded by the session's mutex until the call is done.
+  std::condition_variable mFinished;
+  bool mDone = false;
+  bool mAbandoned = false;  ///< the caller has stopped waiting
+  int mResult = ZOK;
+  std::string mValue;
+  bool mNull = false;
+  Stat mStat{};
+  String_vector mNames{};
+  std::vector<zoo_op_result_t> mResults;  ///< of a transaction
+};
+
+class Session : public std::enable_shared_from_this<Session> {
+ public:
+  /// \param ticket the handle that watchers are given.
+  explicit Session(zhandle_t* ticket) : mTicket(ticket) {}
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// Makes the client and waits until the session stands.
+  /// Returns: ZOK; ZSYSTEMERROR with errno when there is no client; ZAUTHFAILED; ZOPERATIONTIMEOUT. After a
+  /// failure, also a thrown std::system_error, only Close may be called.
+  int Start(const MakeClient& make, std::chrono::seconds connectTimeout);
+
+  /// Submits a call with `submit(client)`, which must give the request to the client as data, and waits for
+  /// the answer.
+  template <typename Submit>
+  int Call(const std::shared_ptr<Request>& request, Submit submit) {
+    std::unique_lock lock(mMutex);
+    if (mState != State::kOpen) {
+      return ZINVALIDSTATE;
+    }
+    request->mSession = this;
+    mRequests.emplace(request.get(), request);
+    const int submitted = submit(mClient);
+    if (submitted != ZOK) {
+      mRequests.erase(request.get());
+      return submitted;
+    }
+    return Await(lock, *request);
+  }
+
+  /// Makes `answer` of a callback the request's and wakes the caller. For completions.
+  template <typename Fill>
+  static void Answer(const void* data, int result, Fill fill) {
+    auto* request = static_cast<Request*>(const_cast<void*>(data));
+    Session& session = *request->mSession;
+    std::lock_guard lock(session.mMutex);
+    fill(*request);
+    session.Finish(*request, result);
+  }
+
+  /// Returns: the one Watch of this session for the pair. Lives as long as the session.
+  Watch* Intern(watcher_fn watcher, void* context);
+  /// The client's watcher function for every Watch, which is its context.
+  static void OnNodeEvent(zhandle_t* client, int type, int state, const char* path, void* watch);
+
+  /// Ends the session, if it has not ended, and its threads. Once only.
+  void Close();
+
+  clientid_t ClientId();
+  /// Whether the session ended by itself.
+  bool Expired();
+
+ private:
+  enum class State { kConnecting, kOpen, kGone };
+  struct Event {
+    Watch* watch;
+    int type;
+    int state;
+    std::string path;
+  };
+
+  static void OnSessionEvent(zhandle_t* client, int type, int state, const char* path, void* session);
+  int Await(std::unique_lock<std::mutex>& lock, Request& request);
+  /// Both require: mMutex is held.
+  void Expire();
+  void Finish(Request& request, int result);
+  void CloseClientWhenGone();
+  void RunWatchers();
+
+  zhandle_t* const mTicket;
+  // Set while the session is made, constant afterwards.
+  zhandle_t* mClient = nullptr;
+  std::chrono::milliseconds mCallLimit{0};
+  std::thread mCloser;
+  std::thread mDispatcher;
+
+  /// Guards all below. The client's own locks may be taken inside it.
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  State mState = State::kConnecting;
+  int mEnd = ZCLOSING;  ///< what calls get that the session's end catches
+  bool mConnected = false;
+  bool mClosing = false;
+  bool mStopWatchers = false;
+  std::unordered_map<Request*, std::shared_ptr<Request>> mRequests;
+  std::map<std::pair<watcher_fn, void*>, std::unique_ptr<Watch>> mWatches;
+  std::deque<Event> mEvents;
+  /// Watches that a lost connection kept from being set.
+  std::set<std::pair<Watch*, std::string>> mOwed;
+};
+
+}  // namespace vyn::utilities::zookeeper

@@ -1,0 +1,379 @@
+#include "platform/zk_helper/zk_helper.h"
+
+#include "platform/zk_helper/security.h"
+#include "platform/zk_helper/session.h"
+
+#include <string.h>
+
+#include <atomic>
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+using vyn::utilities::zookeeper::ChooseClient;
+using vyn::utilities::zookeeper::MakeClient;
+using vyn::utilities::zookeeper::Request;
+using vyn::utilities::zookeeper::Session;
+using vyn::utilities::zookeeper::Watch;
+
+namespace {
+
+thread_local std::string gLastMessage;
+
+/// The sessions by ticket. Never destroyed: the adapter closes its session while statics are being destroyed.
+struct Registry {
+  std::mutex mMutex;
+  // Guarded by mMutex.
+  std::map<zhandle_t*, std::shared_ptr<Session>> mSessions;
+  zhandle_t* mCurrent = nullptr;
+  std::uintptr_t mLastTicket = 0;
+  /// The client's latest error line. It tells why a connection fails, which no result does.
+  std::string mClientLine;
+
+  static Registry& Get() {
+    static auto* registry = new Registry;
+    return *registry;
+  }
+
+  zhandle_t* NewTicket() {
+    std::lock_guard lock(mMutex);
+    // Small numbers: nothing that could be taken for an address.
+    return reinterpret_cast<zhandle_t*>(++mLastTicket);  // NOLINT(performance-no-int-to-ptr)
+  }
+  std::shared_ptr<Session> Find(zhandle_t* ticket) {
+    std::lock_guard lock(mMutex);
+    const auto found = mSessions.find(ticket);
+    return found == mSessions.end() ? nullptr : found->second;
+  }
+  std::shared_ptr<Session> Take(zhandle_t* ticket) {
+    std::lock_guard lock(mMutex);
+    auto node = mSessions.extract(ticket);
+    return node.empty() ? nullptr : std::move(node.mapped());
+  }
+  std::string ClientLine() {
+    std::lock_guard lock(mMutex);
+    return mClientLine;
+  }
+};
+
+/// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text.
+void OnClientLine(const char* message) {
+  const std::string line = message == nullptr ? "" : message;
+  const auto mark = line.find(":ZOO_ERROR@");
+  const auto text = mark == std::string::npos ? mark : line.find(": ", mark);
+  if (text == std::string::npos) {
+    return;
+  }
+  Registry& registry = Registry::Get();
+  std::lock_guard lock(registry.mMutex);
+  registry.mClientLine = line.substr(text + 2);
+}
+
+int Fail(int result, std::string message) {
+  gLastMessage = std::move(message) + " (" + std::to_string(result) + ")";
+  return result;
+}
+
+/// Notes a failed result of the client. Returns: it.
+int Note(int result) {
+  if (result == ZOK) {
+    return result;
+  }
+  std::string message = zerror(result);
+  if (result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT) {
+    const std::string line = Registry::Get().ClientLine();
+    message += line.empty() ? "" : ": " + line;
+  }
+  return Fail(result, std::move(message));
+}
+
+/// Makes one call on the session of `handle`. A watcher is set by this call when one is given.
+template <typename Submit>
+int Run(zhandle_t* handle, const std::shared_ptr<Request>& request, Submit submit) {
+  const auto session = Registry::Get().Find(handle);
+  if (session == nullptr) {
+    return Fail(ZINVALIDSTATE, "there is no session of this handle");
+  }
+  const int result = session->Call(request, submit);
+  if (result == ZINVALIDSTATE) {
+    return Fail(result, session->Expired() ? "the session has expired" : "the session is being closed");
+  }
+  return Note(result);
+}
+
+template <typename Submit>
+int RunWithWatch(zhandle_t* handle, const char* path, watcher_fn watcher, void* context,
+                 const std::shared_ptr<Request>& request, Submit submit) {
+  const auto session = watcher == nullptr ? nullptr : Registry::Get().Find(handle);
+  if (session != nullptr) {
+    request->mWatch = session->Intern(watcher, context);
+    request->mPath = path == nullptr ? "" : path;
+  }
+  return Run(handle, request, [&](zhandle_t* client) {
+    return submit(client, request->mWatch == nullptr ? nullptr : &Session::OnNodeEvent, request->mWatch);
+  });
+}
+
+// --- completions
+// ------------------------------------------------------------------------------------------------
+
+void OnVoid(int result, const void* data) {
+  Session::Answer(data, result, [](Request&) {});
+}
+
+void OnText(int result, const char* text, const void* data) {
+  Session::Answer(data, result, [&](Request& request) { request.mValue = text == nullptr ? "" : text; });
+}
+
+void OnStat(int result, const Stat* stat, const void* data) {
+  Session::Answer(data, result, [&](Request& request) { request.mStat = stat == nullptr ? Stat{} : *stat; });
+}
+
+void OnData(int result, const char* value, int length, const Stat* stat, const void* data) {
+  Session::Answer(data, result, [&](Request& request) {
+    request.mNull = value == nullptr || length < 0;
+    request.mValue.assign(request.mNull ? "" : value, request.mNull ? 0 : static_cast<std::size_t>(length));
+    request.mStat = stat == nullptr ? Stat{} : *stat;
+  });
+}
+
+void OnNames(int result, const String_vector* names, const void* data) {
+  Session::Answer(data, result, [&](Request& request) {
+    if (result != ZOK || names == nullptr || allocate_String_vector(&request.mNames, names->count) != 0) {
+      return;
+    }
+    for (int i = 0; i < names->count; ++i) {
+      request.mNames.data[i] = strdup(names->data[i]);
+    }
+  });
+}
+
+/// Hands the stat of a finished call out.
+void Give(const Request& request, Stat* stat) {
+  if (stat != nullptr) {
+    *stat = request.mStat;
+  }
+}
+
+/// Hands the names of a finished call out.
+void Give(Request& request, String_vector* children) {
+  if (children != nullptr) {
+    *children = std::exchange(request.mNames, {});
+  }
+}
+
+}  // namespace
+
+const char* VynZookeeperGetLastMessage() { return gLastMessage.c_str(); }
+
+int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecurity* security,
+                     const VynZookeeperKeys* keys, const char* libraryDirectory) {
+  if (url == nullptr || *url == '\0' || sessionTimeout <= 0 || keys == nullptr || keys->connectTimeout < 0) {
+    return Fail(ZBADARGUMENTS, "the servers, the session time-out or the connect time-out are not given");
+  }
+  if (VynGetZkHandle() != nullptr) {
+    return Fail(ZINVALIDSTATE, "there is a connection already");
+  }
+  MakeClient make;
+  std::string cause;
+  const int choice =
+      ChooseClient(url, sessionTimeout, security, *keys, libraryDirectory, &OnClientLine, make, cause);
+  if (choice != ZOK) {
+    return Fail(choice, cause);
+  }
+  Registry& registry = Registry::Get();
+  {
+    std::lock_guard lock(registry.mMutex);
+    registry.mClientLine.clear();
+  }
+  zhandle_t* ticket = registry.NewTicket();
+  const auto session = std::make_shared<Session>(ticket);
+  const std::string servers = "the servers \"" + std::string(url) + "\" ";
+  int result = ZSYSTEMERROR;
+  try {
+    result = session->Start(make, std::chrono::seconds(keys->connectTimeout));
+  } catch (const std::system_error& failure) {
+    errno = failure.code().value();
+  }
+  if (result == ZSYSTEMERROR) {
+    cause = std::string("cannot be used: ") + strerror(errno);
+  } else if (result == ZAUTHFAILED) {
+    cause = "refuse the authentication";
+  } else {
+    cause = "gave no session within " + std::to_string(keys->connectTimeout) + " s";
+  }
+  if (result != ZOK) {
+    const std::string line = registry.ClientLine();
+    session->Close();
+    return Fail(result, servers + cause + (line.empty() ? "" : ": " + line));
+  }
+  {
+    std::lock_guard lock(registry.mMutex);
+    if (registry.mCurrent == nullptr) {
+      registry.mCurrent = ticket;
+      registry.mSessions.emplace(ticket, session);
+      return ZOK;
+    }
+  }
+  session->Close();
+  return Fail(ZINVALIDSTATE, "there is a connection already");
+}
+
+zhandle_t* VynGetZkHandle() {
+  Registry& registry = Registry::Get();
+  std::lock_guard lock(registry.mMutex);
+  return registry.mCurrent;
+}
+
+void VynRemoveZkHandle() {
+  Registry& registry = Registry::Get();
+  std::lock_guard lock(registry.mMutex);
+  registry.mCurrent = nullptr;
+}
+
+int DoDlZooCreate(zhandle_t* handle, const char* path, const char* value, int valueLength,
+                  const ACL_vector* acl, int flags, char* pathBuffer, int pathBufferLength) {
+  const auto request = std::make_shared<Request>();
+  const int result = Run(handle, request, [&](zhandle_t* client) {
+    return zoo_acreate(client, path, value, valueLength, acl, flags, &OnText, request.get());
+  });
+  if (result == ZOK && pathBuffer != nullptr && pathBufferLength > 0) {
+    int length = pathBufferLength - 1;
+    request->CopyValue(pathBuffer, &length);
+    pathBuffer[length] = '\0';
+  }
+  return result;
+}
+
+int DoDlZooDelete(zhandle_t* handle, const char* path, int version) {
+  const auto request = std::make_shared<Request>();
+  return Run(handle, request,
+             [&](zhandle_t* client) { return zoo_adelete(client, path, version, &OnVoid, request.get()); });
+}
+
+int DoDlZooExists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
+  const auto request = std::make_shared<Request>();
+  const int result = Run(handle, request, [&](zhandle_t* client) {
+    return zoo_aexists(client, path, watch, &OnStat, request.get());
+  });
+  if (result == ZOK) {
+    Give(*request, stat);
+  }
+  return result;
+}
+
+int DoDlZooGet(zhandle_t* handle, const char* path, int watch, char* buffer, int* length, Stat* stat) {
+  if (length == nullptr) {
+    return Note(ZBADARGUMENTS);
+  }
+  const auto request = std::make_shared<Request>();
+  const int result = Run(handle, request, [&](zhandle_t* client) {
+    return zoo_aget(client, path, watch, &OnData, request.get());
+  });
+  if (result == ZOK) {
+    request->CopyValue(buffer, length);
+    Give(*request, stat);
+  }
+  return result;
+}
+
+int DoDlZooSet(zhandle_t* handle, const char* path, const char* buffer, int length, int version) {
+  const auto request = std::make_shared<Request>();
+  return Run(handle, request, [&](zhandle_t* client) {
+    return zoo_aset(client, path, buffer, length, version, &OnStat, request.get());
+  });
+}
+
+int DoDlZooMulti(zhandle_t* handle, int count, const zoo_op_t* operations) {
+  if (count <= 0 || operations == nullptr) {
+    return Note(ZBADARGUMENTS);
+  }
+  const auto request = std::make_shared<Request>();
+  // The client writes the results also when the caller has stopped waiting: they live with the request.
+  request->mResults.resize(static_cast<std::size_t>(count));
+  return Run(handle, request, [&](zhandle_t* client) {
+    return zoo_amulti(client, count, operations, request->mResults.data(), &OnVoid, request.get());
+  });
+}
+
+int DoDlZooGetChildren(zhandle_t* handle, const char* path, int watch, String_vector* children) {
+  const auto request = std::make_shared<Request>();
+  const int result = Run(handle, request, [&](zhandle_t* client) {
+    return zoo_aget_children(client, path, watch, &OnNames, request.get());
+  });
+  if (result == ZOK) {
+    Give(*request, children);
+  }
+  return result;
+}
+
+int DoDlZooWexists(zhandle_t* handle, const char* path, watcher_fn watcher, void* context, Stat* stat) {
+  const auto request = std::make_shared<Request>();
+  const int result = RunWithWatch(
+      handle, path, watcher, context, request, [&](zhandle_t* client, watcher_fn function, void* watch) {
+        return zoo_awexists(client, path, function, watch, &OnStat, request.get());
+      });
+  if (result == ZOK) {
+    Give(*request, stat);
+  }
+  return result;
+}
+
+int DoDlZooWget(zhandle_t* handle, const char* path, watcher_fn watcher, void* context, char* buffer,
+                int* length, Stat* stat) {
+  if (length == nullptr) {
+    return Note(ZBADARGUMENTS);
+  }
+  const auto request = std::make_shared<Request>();
+  const int result = RunWithWatch(handle, path, watcher, context, request,
+                                  [&](zhandle_t* client, watcher_fn function, void* watch) {
+                                    return zoo_awget(client, path, function, watch, &OnData, request.get());
+                                  });
+  if (result == ZOK) {
+    request->CopyValue(buffer, length);
+    Give(*request, stat);
+  }
+  return result;
+}
+
+int DoDlZooWgetChildren(zhandle_t* handle, const char* path, watcher_fn watcher, void* context,
+                        String_vector* children) {
+  const auto request = std::make_shared<Request>();
+  const int result = RunWithWatch(
+      handle, path, watcher, context, request, [&](zhandle_t* client, watcher_fn function, void* watch) {
+        return zoo_awget_children(client, path, function, watch, &OnNames, request.get());
+      });
+  if (result == ZOK) {
+    Give(*request, children);
+  }
+  return result;
+}
+
+int DoDlZookeeperClose(zhandle_t* handle) {
+  const auto session = Registry::Get().Take(handle);
+  if (session == nullptr) {
+    return Fail(ZINVALIDSTATE, "there is no session of this handle");
+  }
+  session->Close();
+  return ZOK;
+}
+
+void DoDlZooSetDebugLevel(int level) { zoo_set_debug_level(static_cast<ZooLogLevel>(level)); }
+
+int DoDlDeallocateStringVector(String_vector* vector) {
+  const int result = vector == nullptr ? static_cast<int>(ZBADARGUMENTS) : deallocate_String_vector(vector);
+  if (vector != nullptr) {
+    vector->count = 0;
+  }
+  return result;
+}
+
+clientid_t DoDlZooClientId(zhandle_t* handle) {
+  const auto session = Registry::Get().Find(handle);
+  return session == nullptr ? clientid_t{} : session->ClientId();
+}

@@ -1,0 +1,97 @@
+#pragma once
+
+// The handlers of a service: take the request apart, refuse what makes no sense, answer exactly once.
+
+#include "common/rpc/rpc_engine.h"
+#include "common/util/input_check.h"
+#include "common/util/logging.h"
+#include "common/util/ref.h"
+#include "platform/rpc/server.h"
+#include "services/common/service_status.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+
+namespace vyn::services {
+
+/// Operation codes travel in the low 10 bits of a message id.
+inline constexpr std::uint16_t kOperationCodes = 1024;
+
+/// Whether a text that came in a message can name something. A NUL, which ends a C string early, cannot be in it.
+inline bool IsName(const std::string& name) {
+  return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
+}
+
+/// One operation: reads `request`, fills `response`, returns 0 or an odd status. An odd status goes to the caller without
+/// a response. `peer` is the caller as "ip:port".
+template <typename Request, typename Response>
+using Operation = std::function<std::uint32_t(Request& request, Response& response, const std::string& peer)>;
+
+/// Serves `code` with `operation`. `name` stands in the log when the operation refuses.
+template <typename Request, typename Response>
+void Serve(rpc::Server& server, std::uint16_t code, const char* name,
+           Operation<Request, Response> operation) {
+  server.Register(rpc::MessageId(code), [code, name, operation = std::move(operation)](
+                                            const std::shared_ptr<rpc::ServerContext>& context,
+                                            const std::shared_ptr<rpc::Message>& message) {
+    common::Ref<Request> request(new (std::nothrow) Request());
+    common::Ref<Response> response(new (std::nothrow) Response());
+    if (request == nullptr || response == nullptr) {
+      common::RpcEngine::SyncRpcReply(code, context, VYN_ERR_NULL_POINTER, nullptr, 0, 0);
+      return;
+    }
+    if (Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
+      return;  // refused and answered
+    }
+    const std::uint32_t status = operation(*request, *response, context->PeerAddress());
+    if (Failed(status)) {
+      VYN_LOG_WARN("Refused " << name << " from " << context->PeerAddress() << " with " << status << ": "
+                              << StatusText(status));
+      common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
+      return;
+    }
+    common::RpcEngine::SyncRpcReply(code, context, VYN_OK, response, 0);
+  });
+}
+
+/// Serves `code` with an operation that answers no message.
+template <typename Request>
+void ServeWithoutReply(rpc::Server& server, std::uint16_t code, const char* name,
+                       std::function<std::uint32_t(Request& request, const std::string& peer)> operation) {
+  server.Register(rpc::MessageId(code), [code, name, operation = std::move(operation)](
+                                            const std::shared_ptr<rpc::ServerContext>& context,
+                                            const std::shared_ptr<rpc::Message>& message) {
+    common::Ref<Request> request(new (std::nothrow) Request());
+    if (request == nullptr) {
+      common::RpcEngine::SyncRpcReply(code, context, VYN_ERR_NULL_POINTER, nullptr, 0, 0);
+      return;
+    }
+    if (Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
+      return;
+    }
+    const std::uint32_t status = operation(*request, context->PeerAddress());
+    if (Failed(status)) {
+      VYN_LOG_WARN("Refused " << name << " from " << context->PeerAddress() << " with " << status << ": "
+                              << StatusText(status));
+    }
+    common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
+  });
+}
+
+/// Answers every operation with `status`. Call it first: what is served later takes the code's place.
+inline void RefuseAll(rpc::Server& server, std::uint32_t status) {
+  for (std::uint16_t code = 0; code < kOperationCodes; ++code) {
+    server.Register(
+        rpc::MessageId(code),
+        [code, status](const std::shared_ptr<rpc::ServerContext>& context,
+                       const std::shared_ptr<rpc::Message>&) {
+          common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
+        },
+        rpc::HandlerKind::kQuick);
+  }
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,38 @@
+#include "services/common/service_status.h"
+
+#include <array>
+#include <utility>
+
+namespace vyn::services {
+
+namespace {
+
+constexpr std::array<std::pair<std::uint32_t, const char*>, 14> kTexts{{
+    {kStatusUnknownOperation, "no such operation"},
+    {kStatusInvalidRequest, "the request makes no sense"},
+    {kStatusNotRegistered, "the application is not registered at this node"},
+    {kStatusWrongToken, "the token is not the application's"},
+    {kStatusUnknownApplication, "no such application"},
+    {kStatusUnknownVariable, "no such variable or block"},
+    {kStatusVariableExists, "the variable exists with other blocks"},
+    {kStatusNotReady, "the blocks of the variable are not known yet"},
+    {kStatusStore, "the record could not be kept in ZooKeeper"},
+    {kStatusNoLeader, "no metadata leader is known"},
+    {kStatusFabric, "the pool of this node refused"},
+    {kStatusNotServed, "not served by this node"},
+    {kStatusTooLarge, "more than one record can hold"},
+    {kStatusStopping, "the service shuts down"},
+}};
+
+}  // namespace
+
+const char* StatusText(std::uint32_t status) {
+  for (const auto& [code, text] : kTexts) {
+    if (code == status) {
+      return text;
+    }
+  }
+  return "unknown status";
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,232 @@
+#include "services/metadata/metadata_member.h"
+
+#include "common/util/log.h"
+#include "common/util/logging.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "services/common/zookeeper_io.h"
+
+#include <chrono>
+
+namespace vyn::services {
+
+namespace {
+
+using cluster::ClusterZKAdapter;
+using common::MetaNodeRole;
+
+/// How often the member looks at the leader znode.
+constexpr auto kPeriod = std::chrono::milliseconds(200);
+
+std::string OwnFollowerPath(const std::string& address) {
+  return ClusterZKAdapter::mMetaFollowerPath + "/" + address;
+}
+
+}  // namespace
+
+MetadataMember::MetadataMember(MetadataMemberOptions options) : mOptions(std::move(options)) {}
+
+MetadataMember::~MetadataMember() { Stop(); }
+
+std::uint32_t MetadataMember::Start() {
+  mAdapter = ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
+  VYN_CHECK_POINTER(mAdapter);
+  mRecord = common::MetaNodeInfo::GetInstance();
+  VYN_CHECK_POINTER(mRecord);
+  mRecord->mNodeAddress = mOptions.nodeAddress;
+  std::map<std::string, common::MetaNodeStatus> nodes;
+  std::string list = mOptions.nodeList;
+  VYN_CHECK_CALL(ClusterZKAdapter::PutMetaIntoContainer(list, ",", nodes));
+  nodes.erase("");
+  for (const auto& [name, status] : nodes) {
+    mRecord->mConfiguredNodes.push_back(name);
+  }
+  mElectable = nodes.count(mOptions.nodeAddress) != 0;
+  {
+    std::unique_lock lock(mRecord->mNodeStatusLock);
+    mRecord->mNodeStatusMap = nodes;
+  }
+  if (!mElectable) {
+    VYN_LOG_WARN(mOptions.nodeAddress << " is not in vyn.tessel.meta.node_lists: this node never leads");
+  }
+  VYN_CHECK_CALL(mAdapter->ClusterZKMakeDir());
+  BuildStatusTree();
+  mView.Start();
+  mThread = std::thread([this] { Run(); });
+  return VYN_OK;
+}
+
+void MetadataMember::Stop() {
+  {
+    std::lock_guard lock(mMutex);
+    if (mStopping) {
+      return;
+    }
+    mStopping = true;
+  }
+  mWake.notify_all();
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+  mView.Stop();
+}
+
+void MetadataMember::Run() {
+  for (;;) {
+    Step();
+    std::unique_lock lock(mMutex);
+    if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
+      break;
+    }
+  }
+  // The claim goes first, so that a successor can win while the last calls still get their answers; their writes are
+  // refused once it has.
+  ClusterZKAdapter::isRunning = false;
+  Stat stat{};
+  if (zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat) == ZOK && zookeeper::IsOwn(stat)) {
+    ClusterZKAdapter::ZKTryDeleteMetaElectionLeader();
+  }
+  EndLeading();
+  if (zookeeper::Exists(OwnFollowerPath(mOptions.nodeAddress), &stat) == ZOK && zookeeper::IsOwn(stat)) {
+    ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(OwnFollowerPath(mOptions.nodeAddress));
+  }
+}
+
+void MetadataMember::Step() {
+  if (mAdapter->ClusterZKCheckAvailable() == VYN_ERR_ZK_SESSION_EXPIRED || VynGetZkHandle() == nullptr) {
+    KeepSession();
+    return;
+  }
+  Stat stat{};
+  const int result = zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat);
+  if (result == ZNONODE) {
+    EndLeading();
+    if (mElectable) {
+      // What a round says of its further steps does not matter here: the next look shows who leads.
+      static_cast<void>(ClusterZKAdapter::ZKElectionOperate(mRecord));
+      if (mRecord->mMetaNodeRole.load() == MetaNodeRole::LEADER) {
+        BeginLeading();
+      }
+    }
+    return;
+  }
+  if (result != ZOK) {
+    return;  // not connected: a leader keeps serving until its session is known to have gone; its writes are checked
+  }
+  if (zookeeper::IsOwn(stat)) {
+    BeginLeading();
+  } else {
+    EndLeading();
+    Follow();
+  }
+  RegisterWatches();
+  KeepOwnStatus();
+}
+
+void MetadataMember::KeepSession() {
+  EndLeading();
+  mWatching = false;
+  VYN_LOG_WARN("The ZooKeeper session has gone, connecting again");
+  if (VynGetZkHandle() != nullptr) {
+    static_cast<void>(mAdapter->ClusterZKClose());
+  }
+  if (Failed(mAdapter->ClusterZKAdapterInit(mOptions.sessionTimeout)) ||
+      Failed(mAdapter->ClusterZKMakeDir())) {
+    return;  // the next step tries again
+  }
+  if (mOptions.onNewSession) {
+    mOptions.onNewSession();
+  }
+}
+
+void MetadataMember::BuildStatusTree() {
+  std::vector<std::string> present;
+  const auto complete = [&] {
+    if (zookeeper::Children(ClusterZKAdapter::mMetaStatusPath, present) != ZOK) {
+      return false;
+    }
+    const std::set<std::string> names(present.begin(), present.end());
+    for (const std::string& node : mRecord->mConfiguredNodes) {
+      if (names.count(node) == 0) {
+        return false;
+      }
+    }
+    return true;
+  };
+  if (complete()) {
+    return;  // what the others have written there stays
+  }
+  // A mutex whose reply was lost is ours all the same; waiting for it would be waiting for ourselves.
+  Stat stat{};
+  const bool own =
+      zookeeper::Exists(ClusterZKAdapter::mMetaMutexPath, &stat) == ZOK && zookeeper::IsOwn(stat);
+  if (!own && Failed(ClusterZKAdapter::ZKWaitAndCreateMetaMutex())) {
+    return;
+  }
+  if (!complete() && Failed(ClusterZKAdapter::ZKClearAndCreateStatusDynamic(mRecord))) {
+    VYN_LOG_ERROR("The status tree could not be made");
+  }
+  static_cast<void>(ClusterZKAdapter::ZKReleaseMetaMutex());
+}
+
+void MetadataMember::Follow() {
+  if (mElectable && mRecord->mMetaNodeRole.load() != MetaNodeRole::FOLLOWER) {
+    static_cast<void>(ClusterZKAdapter::ZKElectionOperate(mRecord));  // loses, and becomes FOLLOWER
+  }
+  if (mElectable) {
+    Stat stat{};
+    if (zookeeper::Exists(OwnFollowerPath(mOptions.nodeAddress), &stat) == ZNONODE) {
+      static_cast<void>(ClusterZKAdapter::ZKCreateMetaElectionFollower(mRecord));
+    }
+  }
+}
+
+void MetadataMember::KeepOwnStatus() {
+  if (!mElectable) {
+    return;
+  }
+  std::string text;
+  const std::string path = ClusterZKAdapter::mMetaStatusPath + "/" + mOptions.nodeAddress;
+  const int result = zookeeper::Get(path, text);
+  if (result == ZNONODE) {
+    BuildStatusTree();
+  } else if (result == ZOK && text != std::to_string(common::META_NODE_STATUS_ALIVE)) {
+    static_cast<void>(ClusterZKAdapter::ZKSetStatus(mOptions.nodeAddress, common::META_NODE_STATUS_ALIVE));
+  }
+}
+
+void MetadataMember::RegisterWatches() {
+  if (!mWatching) {
+    static_cast<void>(ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(mRecord));
+    mWatching = !Failed(ClusterZKAdapter::ZKRegisterWatcher(false));
+  }
+}
+
+void MetadataMember::BeginLeading() {
+  if (mService != nullptr && mService->Deposed()) {
+    EndLeading();
+  }
+  if (mService != nullptr) {
+    return;
+  }
+  {
+    // A claim whose reply was lost: the round counted it as lost, and the znode is ours all the same.
+    std::unique_lock lock(mRecord->mLeaderLock);
+    mRecord->mLeaderAddress = mOptions.nodeAddress;
+  }
+  mRecord->mMetaNodeRole.store(MetaNodeRole::LEADER);
+  auto service = std::make_unique<MetadataService>(mOptions.service, mView);
+  if (Failed(service->Start())) {
+    VYN_LOG_ERROR("This node won the election and cannot serve, it gives the leadership up");
+    static_cast<void>(ClusterZKAdapter::ZKTryDeleteMetaElectionLeader());
+    return;
+  }
+  mService = std::move(service);
+  mLeading.store(true, std::memory_order_release);
+}
+
+void MetadataMember::EndLeading() {
+  mLeading.store(false, std::memory_order_release);
+  mService.reset();
+}
+
+}  // namespace vyn::services

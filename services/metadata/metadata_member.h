@@ -1,0 +1,88 @@
+#pragma once
+
+// This node's part in the metadata service: takes part in the election and runs the service while it leads.
+//
+// One thread does it all. It looks at the leader znode several times a second and acts on what it sees:
+//
+//   nobody leads                          a round of the election
+//   the leader znode is our own           serve (also when the reply to our claim was lost on the way)
+//   another node leads                    follow: announce ourselves, keep our status, serve nothing
+//   the session has expired               stop serving, connect again, begin anew
+//
+// The role and the leader's address stand in MetaNodeInfo, as everywhere.
+
+#include "cluster/cluster_zkadapter.h"
+#include "services/metadata/fabric_view.h"
+#include "services/metadata/metadata_service.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+namespace vyn::services {
+
+struct MetadataMemberOptions {
+  /// This node's identity: the address at which clients reach the service.
+  std::string nodeAddress;
+  /// The nodes that may lead, "address,address,...". A node that is not among them only follows.
+  std::string nodeList;
+  /// Milliseconds.
+  int sessionTimeout = 30000;
+  MetadataServiceOptions service;
+  /// Called after every new session, with the leader watch set or not: ephemeral znodes of others have to be made again.
+  /// Runs on the member's thread.
+  std::function<void()> onNewSession;
+};
+
+class MetadataMember {
+ public:
+  explicit MetadataMember(MetadataMemberOptions options);
+  /// Stops.
+  ~MetadataMember();
+  MetadataMember(const MetadataMember&) = delete;
+  MetadataMember& operator=(const MetadataMember&) = delete;
+
+  /// Requires: the adapter has a session. Makes the persistent tree and the status tree, starts the thread. Returns: 0 or
+  /// a status.
+  std::uint32_t Start();
+  /// Gives the leadership up, ends the thread. Running calls answer first.
+  void Stop();
+
+  bool Leading() const { return mLeading.load(std::memory_order_acquire); }
+  FabricView& View() { return mView; }
+
+ private:
+  void Run();
+  /// One look at the leader znode, and what follows from it.
+  void Step();
+  void KeepSession();
+  void BuildStatusTree();
+  void Follow();
+  void KeepOwnStatus();
+  void RegisterWatches();
+  void BeginLeading();
+  void EndLeading();
+  bool Electable() const { return mElectable; }
+
+  const MetadataMemberOptions mOptions;
+  FabricView mView;
+  common::Ref<cluster::ClusterZKAdapter> mAdapter;
+  common::Ref<common::MetaNodeInfo> mRecord;
+  bool mElectable = false;
+  bool mWatching = false;
+  std::unique_ptr<MetadataService> mService;
+  std::atomic<bool> mLeading{false};
+
+  std::mutex mMutex;
+  /// Guarded by mMutex.
+  bool mStopping = false;
+  std::condition_variable mWake;
+  std::thread mThread;
+};
+
+}  // namespace vyn::services

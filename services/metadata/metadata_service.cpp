@@ -1,0 +1,287 @@
+#include "services/metadata/metadata_service.h"
+
+#include "common/message/heart_beat_message.h"
+#include "common/util/log.h"
+#include "common/util/logging.h"
+#include "services/common/rpc_handlers.h"
+#include "services/metadata/node_selection.h"
+#include "tessel/message/broadcast/broadcast_messages.h"
+#include "tessel/message/node_messages.h"
+#include "tessel/message/operation_codes.h"
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace vyn::services {
+
+namespace {
+
+using common::HeartBeatMessage;
+using namespace tessel;  // the messages
+
+/// How often silent applications are looked for.
+constexpr auto kSilencePeriod = std::chrono::milliseconds(500);
+/// A big-memory id, without the padding that a driver outside the fabric sends behind it.
+constexpr std::size_t kBmIdLength = 60;
+
+/// Cuts the padding of the ids off. Returns: whether the block list can be one.
+bool Normalize(BroadcastBlockInfo& info) {
+  if (!IsName(info.appId) || info.bmIds.size() != info.sizes.size() || info.nodeId > 0xFFFF) {
+    return false;
+  }
+  for (std::string& bmId : info.bmIds) {
+    if (const std::size_t end = bmId.find('\0'); end != std::string::npos) {
+      bmId.resize(end);
+    }
+    if (bmId.size() != kBmIdLength || !IsName(bmId)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+rpc::ServerOptions ServerOptionsOf(const MetadataServiceOptions& options) {
+  rpc::ServerOptions server = options.server;
+  server.mReport = [](const std::string& line) { VYN_LOG_WARN("Metadata service: " << line); };
+  return server;
+}
+
+void Audit(const char* operation, const std::string& target, std::uint32_t status) {
+  common::AuditGlog(std::to_string(getpid()).c_str(), operation, target.c_str(),
+                    Failed(status) ? "FAILED" : "SUCCESS");
+}
+
+}  // namespace
+
+MetadataService::MetadataService(MetadataServiceOptions options, FabricView& view)
+    : mOptions(std::move(options)), mView(view), mServer(ServerOptionsOf(mOptions)) {
+  RegisterOperations();
+}
+
+MetadataService::~MetadataService() { Stop(); }
+
+std::uint32_t MetadataService::Start() {
+  if (!mServer.Start(mOptions.address, mOptions.port)) {
+    VYN_LOG_ERROR("The metadata service cannot listen at " << mOptions.address << ":" << mOptions.port << ": "
+                                                           << rpc::Server::mLastErrorMessage);
+    return VYN_ERR_GENERIC;
+  }
+  if (const std::uint32_t status = mState.Load(); Failed(status)) {
+    VYN_LOG_ERROR("The metadata service cannot read its records: " << status);
+    Stop();
+    return status;
+  }
+  // A view of before the leadership may be a second old; one that cannot be had now comes with the next period.
+  static_cast<void>(mView.Refresh());
+  {
+    std::lock_guard lock(mMutex);
+    mReady = true;
+  }
+  mChanged.notify_all();
+  mWatcher = std::thread([this] { WatchSilence(); });
+  VYN_LOG_INFO("The metadata service serves at " << mOptions.address << ":" << Port());
+  return VYN_OK;
+}
+
+void MetadataService::Stop() {
+  {
+    std::lock_guard lock(mMutex);
+    mStopping = true;
+  }
+  mChanged.notify_all();
+  mServer.Stop();
+  if (mWatcher.joinable()) {
+    mWatcher.join();
+  }
+}
+
+std::uint32_t MetadataService::AwaitReady() {
+  std::unique_lock lock(mMutex);
+  const bool decided = mChanged.wait_for(lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
+  // Both look like a lost connection to the client, which asks for the leader again and repeats the call.
+  return decided && mReady && !mStopping ? VYN_OK : MetadataStore::kStatusDeposed;
+}
+
+template <typename Work>
+std::uint32_t MetadataService::WhenReady(Work work) {
+  if (mDeposed.load(std::memory_order_acquire)) {
+    return MetadataStore::kStatusDeposed;
+  }
+  std::uint32_t status = AwaitReady();
+  if (!Failed(status)) {
+    status = work();
+    if (status == MetadataStore::kStatusDeposed) {
+      mDeposed.store(true, std::memory_order_release);
+    }
+  }
+  return status;
+}
+
+void MetadataService::RegisterOperations() {
+  RefuseAll(mServer, kStatusUnknownOperation);
+  RegisterVariableOperations();
+  RegisterNodeOperations();
+
+  ServeWithoutReply<ShuffleApplication>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::APP_REMOVE), "APP_REMOVE",
+      [this](ShuffleApplication& request, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          if (!IsName(request.appId)) {
+            return kStatusInvalidRequest;
+          }
+          const std::uint32_t status = mState.RemoveApplication(request.appId);
+          Audit("remove_application", request.appId, status);
+          return status;
+        });
+      });
+  Serve<ShuffleApplicationIdList, ShuffleApplicationIdList>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::CHECK_VALID_APP), "CHECK_VALID_APP",
+      [this](ShuffleApplicationIdList& request, ShuffleApplicationIdList& response, const std::string&) {
+        return WhenReady([&] {
+          response.appIds = mState.Known(request.appIds);
+          return VYN_OK;
+        });
+      });
+  ServeWithoutReply<HeartBeatMessage>(mServer, static_cast<std::uint16_t>(ShuffleMeta::HEART_BEAT),
+                                      "HEART_BEAT", [this](HeartBeatMessage& request, const std::string&) {
+                                        return WhenReady([&]() -> std::uint32_t {
+                                          // A farewell is the last sign of life of its process: silence counts from it.
+                                          return IsName(request.ns) ? mState.HeartBeat(request.ns)
+                                                                    : kStatusInvalidRequest;
+                                        });
+                                      });
+}
+
+void MetadataService::RegisterVariableOperations() {
+  ServeWithoutReply<BroadcastVar>(mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_NEW),
+                                  "BROADCAST_VAR_NEW", [this](BroadcastVar& request, const std::string&) {
+                                    return WhenReady([&]() -> std::uint32_t {
+                                      return IsName(request.appId)
+                                                 ? mState.NewVariable(request.appId, request.broadcastId,
+                                                                      request.blockNum)
+                                                 : kStatusInvalidRequest;
+                                    });
+                                  });
+  ServeWithoutReply<BroadcastVar>(mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_REMOVE),
+                                  "BROADCAST_VAR_REMOVE", [this](BroadcastVar& request, const std::string&) {
+                                    return WhenReady([&]() -> std::uint32_t {
+                                      return IsName(request.appId)
+                                                 ? mState.RemoveVariable(request.appId, request.broadcastId)
+                                                 : kStatusInvalidRequest;
+                                    });
+                                  });
+  Serve<BroadcastVar, BroadcastBlockInfo>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GET), "BROADCAST_VAR_GET",
+      [this](BroadcastVar& request, BroadcastBlockInfo& response, const std::string&) {
+        return WhenReady([&] { return mState.GetVariable(request.appId, request.broadcastId, response); });
+      });
+  ServeWithoutReply<BroadcastBlockInfo>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_INFO_ADD), "BROADCAST_VAR_INFO_ADD",
+      [this](BroadcastBlockInfo& request, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          return Normalize(request) ? mState.SetBlocks(request) : kStatusInvalidRequest;
+        });
+      });
+  ServeWithoutReply<BroadcastBlockInfo>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_BLOCK_INFO_ADD), "BROADCAST_BLOCK_INFO_ADD",
+      [this](BroadcastBlockInfo& request, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          return Normalize(request) ? mState.AddBlocks(request) : kStatusInvalidRequest;
+        });
+      });
+  Serve<BlockInfoRequest, BlockBmInfo>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_BLOCK_INFO_GET), "BROADCAST_BLOCK_INFO_GET",
+      [this](BlockInfoRequest& request, BlockBmInfo& response, const std::string&) {
+        return WhenReady([&] {
+          response.bmIds.resize(1);
+          return mState.GetBlock(request.appId, request.broadcastId, request.blockIndex, response.bmIds[0]);
+        });
+      });
+}
+
+void MetadataService::RegisterNodeOperations() {
+  Serve<BroadcastRemoteNodeReq, BroadcastRemoteNodeRsp>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_REMOTE_NODE_GET),
+      "BROADCAST_REMOTE_NODE_GET",
+      [this](BroadcastRemoteNodeReq& request, BroadcastRemoteNodeRsp& response, const std::string&) {
+        return WhenReady([&] {
+          for (const auto& node : SelectNodes(mView.Live(), request.candidateNodes, request.selectFlag)) {
+            response.selectedNodes.push_back(node.ip + ":" + std::to_string(node.auxValue));
+            response.nodeIds.push_back(static_cast<std::uint16_t>(node.nodeId));
+            response.hostNames.push_back(node.hostName);
+          }
+          return VYN_OK;
+        });
+      });
+  Serve<BroadcastRemoteNodeReq, NodeIdResponse>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::IS_MF_NODE), "IS_MF_NODE",
+      [this](BroadcastRemoteNodeReq& request, NodeIdResponse& response, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          if (request.candidateNodes.empty()) {
+            return kStatusInvalidRequest;
+          }
+          const auto nodes = SelectNodes(mView.Live(), request.candidateNodes, false);
+          response.isMfNode = !nodes.empty();
+          if (response.isMfNode) {
+            response.nodeId = nodes.front().nodeId;
+          }
+          return VYN_OK;
+        });
+      });
+  Serve<ShuffleApplication, ClusterCapacityMessage>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::GET_MF_CAPACITY_LIST), "GET_MF_CAPACITY_LIST",
+      [this](ShuffleApplication& request, ClusterCapacityMessage& response, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          response.ns = request.appId;
+          for (const auto& node : mView.Live()) {
+            common::Ref<CapacityInfo> info(new (std::nothrow) CapacityInfo());
+            VYN_CHECK_POINTER(info);
+            info->host = node.hostName;
+            info->capacityA = node.capacityA;
+            info->capacityB = node.capacityB;
+            response.caps.push_back(info);
+          }
+          return VYN_OK;
+        });
+      });
+  Serve<ShuffleApplication, HostMessage>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::GET_UNAVAILABLE_NODE_LIST),
+      "GET_UNAVAILABLE_NODE_LIST",
+      [this](ShuffleApplication& request, HostMessage& response, const std::string&) {
+        return WhenReady([&] {
+          response.ns = request.appId;
+          auto unavailable = mView.Registered();
+          for (const auto& node : mView.Live()) {
+            unavailable.erase(node.nodeId);
+          }
+          for (const auto& [id, host] : unavailable) {
+            response.hosts.push_back(host);
+          }
+          return VYN_OK;
+        });
+      });
+}
+
+void MetadataService::WatchSilence() {
+  for (;;) {
+    {
+      std::unique_lock lock(mMutex);
+      if (mChanged.wait_for(lock, kSilencePeriod, [this] { return mStopping; })) {
+        return;
+      }
+    }
+    for (const std::string& application : mState.Silent(mOptions.applicationTimeout)) {
+      VYN_LOG_WARN("Application " << application << " has sent no heartbeat for "
+                                  << mOptions.applicationTimeout.count() << " ms, it is removed");
+      const std::uint32_t status = mState.RemoveApplication(application);
+      Audit("expire_application", application, status);
+      if (status == MetadataStore::kStatusDeposed) {
+        mDeposed.store(true, std::memory_order_release);
+        return;
+      }
+    }
+  }
+}
+
+}  // namespace vyn::services

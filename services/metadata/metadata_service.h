@@ -1,0 +1,77 @@
+#pragma once
+
+// The metadata service of one leadership: listens at the node's address, answers from MetadataState, ends applications
+// that have fallen silent.
+//
+// A leadership is Start ... Stop; the object serves one. Requests that come before the records have been read wait for
+// them, for a bounded time.
+
+#include "platform/rpc/server.h"
+#include "services/metadata/fabric_view.h"
+#include "services/metadata/metadata_state.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace vyn::services {
+
+struct MetadataServiceOptions {
+  std::string address;     ///< numeric; clients reach the leader here
+  std::uint16_t port = 0;  ///< 0 picks a free one
+  /// An application that sent heartbeats and is silent for this long is removed.
+  std::chrono::milliseconds applicationTimeout{60000};
+  /// How long a request waits for the records of a leadership that has just begun.
+  std::chrono::milliseconds readyTimeout{30000};
+  /// TLS and limits of the server; its mReport is replaced.
+  rpc::ServerOptions server;
+};
+
+class MetadataService {
+ public:
+  /// \param view is the caller's and outlives the service.
+  MetadataService(MetadataServiceOptions options, FabricView& view);
+  /// Stops.
+  ~MetadataService();
+  MetadataService(const MetadataService&) = delete;
+  MetadataService& operator=(const MetadataService&) = delete;
+
+  /// Listens, then reads the records. Returns: 0 or a status; nothing runs after a failure.
+  std::uint32_t Start();
+  /// Lets running calls answer, then closes every connection.
+  void Stop();
+  /// A write was refused because another leader has taken over: the owner stops the service.
+  bool Deposed() const { return mDeposed.load(std::memory_order_acquire); }
+  std::uint16_t Port() const { return mServer.Port(); }
+
+ private:
+  void RegisterOperations();
+  void RegisterVariableOperations();
+  void RegisterNodeOperations();
+  /// Waits until the records are there. Returns: 0, or the status to refuse with.
+  std::uint32_t AwaitReady();
+  /// Runs `work` once the records are there and notes when it tells of a deposition.
+  template <typename Work>
+  std::uint32_t WhenReady(Work work);
+  void WatchSilence();
+
+  const MetadataServiceOptions mOptions;
+  FabricView& mView;
+  MetadataState mState;
+  rpc::Server mServer;
+  std::atomic<bool> mDeposed{false};
+
+  std::mutex mMutex;
+  // Guarded by mMutex.
+  bool mReady = false;
+  bool mStopping = false;
+  std::condition_variable mChanged;
+  std::thread mWatcher;
+};
+
+}  // namespace vyn::services

@@ -1,0 +1,247 @@
+#include "services/metadata/metadata_state.h"
+
+#include "common/util/clock.h"
+#include "services/common/service_status.h"
+#include "vyn/status.h"
+
+#include <functional>
+
+namespace vyn::services {
+
+std::uint32_t MetadataState::Load() {
+  std::map<std::string, Application> applications;
+  if (const std::uint32_t status = mStore.Open(applications); Failed(status)) {
+    return status;
+  }
+  // Nobody knows how long they have been silent: each gets the whole time-out.
+  const auto now = common::SteadyNow();
+  for (auto& [name, application] : applications) {
+    application.lastBeat = now;
+  }
+  std::unique_lock lock(mMutex);
+  mApplications = std::move(applications);
+  return VYN_OK;
+}
+
+std::mutex& MetadataState::WriteLock(const std::string& application) {
+  return mWriteLocks[std::hash<std::string>()(application) % mWriteLocks.size()];
+}
+
+bool MetadataState::Find(const std::string& application, std::uint32_t id, Variable& variable) const {
+  std::shared_lock lock(mMutex);
+  const auto app = mApplications.find(application);
+  if (app == mApplications.end()) {
+    return false;
+  }
+  const auto found = app->second.variables.find(id);
+  if (found == app->second.variables.end()) {
+    return false;
+  }
+  variable = found->second;
+  return true;
+}
+
+std::uint32_t MetadataState::EnsureApplication(const std::string& application) {
+  {
+    std::shared_lock lock(mMutex);
+    if (mApplications.count(application) != 0) {
+      return VYN_OK;
+    }
+  }
+  if (const std::uint32_t status = mStore.AddApplication(application); Failed(status)) {
+    return status;
+  }
+  std::unique_lock lock(mMutex);
+  Application& added = mApplications[application];
+  added.name = application;
+  added.lastBeat = common::SteadyNow();
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::NewVariable(const std::string& application, std::uint32_t id,
+                                         std::uint32_t blockNum) {
+  if (blockNum > MetadataStore::kMaxBlocks) {
+    return kStatusTooLarge;
+  }
+  std::lock_guard write(WriteLock(application));
+  Variable variable;
+  if (Find(application, id, variable)) {
+    return variable.blockNum == blockNum ? VYN_OK : kStatusVariableExists;
+  }
+  if (const std::uint32_t status = EnsureApplication(application); Failed(status)) {
+    return status;
+  }
+  variable.id = id;
+  variable.blockNum = blockNum;
+  if (const std::uint32_t status = mStore.AddVariable(application, variable); Failed(status)) {
+    return status;
+  }
+  std::unique_lock lock(mMutex);
+  mApplications[application].variables[id] = std::move(variable);
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id) {
+  std::lock_guard write(WriteLock(application));
+  Variable variable;
+  if (!Find(application, id, variable)) {
+    return VYN_OK;  // gone already
+  }
+  if (const std::uint32_t status = mStore.RemoveVariable(application, variable); Failed(status)) {
+    return status;
+  }
+  std::unique_lock lock(mMutex);
+  mApplications[application].variables.erase(id);
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variable variable) {
+  if (variable.bmIds.size() > MetadataStore::kMaxBlocks) {
+    return kStatusTooLarge;
+  }
+  variable.ready = true;
+  if (const std::uint32_t status = mStore.SetBlocks(application, variable); Failed(status)) {
+    return status;
+  }
+  std::unique_lock lock(mMutex);
+  mApplications[application].variables[variable.id] = std::move(variable);
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
+  std::lock_guard write(WriteLock(info.appId));
+  Variable variable;
+  if (!Find(info.appId, info.broadcastId, variable)) {
+    return kStatusUnknownVariable;
+  }
+  if (variable.blockNum != info.bmIds.size()) {
+    return kStatusInvalidRequest;
+  }
+  if (variable.ready) {
+    return variable.bmIds == info.bmIds && variable.sizes == info.sizes ? VYN_OK : kStatusVariableExists;
+  }
+  variable.nodeId = info.nodeId;
+  variable.bmIds = info.bmIds;
+  variable.sizes = info.sizes;
+  return WriteBlocks(info.appId, std::move(variable));
+}
+
+std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
+  std::lock_guard write(WriteLock(info.appId));
+  Variable variable;
+  if (!Find(info.appId, info.broadcastId, variable)) {
+    return kStatusUnknownVariable;
+  }
+  if (variable.ready && variable.nodeId != info.nodeId) {
+    return kStatusInvalidRequest;  // all blocks of a variable lie on one node
+  }
+  for (std::size_t i = 0; i < info.bmIds.size(); ++i) {
+    bool known = false;
+    for (const std::string& bmId : variable.bmIds) {
+      known = known || bmId == info.bmIds[i];
+    }
+    if (!known) {
+      variable.bmIds.push_back(info.bmIds[i]);
+      variable.sizes.push_back(info.sizes[i]);
+    }
+  }
+  if (variable.bmIds.size() > variable.blockNum) {
+    return kStatusInvalidRequest;
+  }
+  variable.nodeId = info.nodeId;
+  return WriteBlocks(info.appId, std::move(variable));
+}
+
+std::uint32_t MetadataState::GetVariable(const std::string& application, std::uint32_t id,
+                                         tessel::BroadcastBlockInfo& info) const {
+  Variable variable;
+  if (!Find(application, id, variable)) {
+    return kStatusUnknownVariable;
+  }
+  if (!variable.ready || variable.bmIds.size() != variable.blockNum) {
+    return kStatusNotReady;
+  }
+  info.appId = application;
+  info.broadcastId = id;
+  info.nodeId = variable.nodeId;
+  info.bmIds = std::move(variable.bmIds);
+  info.sizes = std::move(variable.sizes);
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::GetBlock(const std::string& application, std::uint32_t id, std::uint32_t index,
+                                      std::string& bmId) const {
+  std::shared_lock lock(mMutex);
+  const auto app = mApplications.find(application);
+  if (app == mApplications.end()) {
+    return kStatusUnknownVariable;
+  }
+  const auto variable = app->second.variables.find(id);
+  if (variable == app->second.variables.end() || index >= variable->second.blockNum) {
+    return kStatusUnknownVariable;
+  }
+  if (index >= variable->second.bmIds.size()) {
+    return kStatusNotReady;
+  }
+  bmId = variable->second.bmIds[index];
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::RemoveApplication(const std::string& application) {
+  std::lock_guard write(WriteLock(application));
+  // Also when it is unknown here: nodes may hold a namespace of an application that never had a variable.
+  if (const std::uint32_t status = mStore.RemoveApplication(application); Failed(status)) {
+    return status;
+  }
+  std::unique_lock lock(mMutex);
+  mApplications.erase(application);
+  return VYN_OK;
+}
+
+std::uint32_t MetadataState::HeartBeat(const std::string& application) {
+  {
+    std::unique_lock lock(mMutex);
+    const auto app = mApplications.find(application);
+    if (app != mApplications.end() && app->second.heartbeat) {
+      app->second.lastBeat = common::SteadyNow();
+      return VYN_OK;
+    }
+  }
+  std::lock_guard write(WriteLock(application));
+  if (const std::uint32_t status = EnsureApplication(application); Failed(status)) {
+    return status;
+  }
+  if (const std::uint32_t status = mStore.MarkHeartbeat(application); Failed(status)) {
+    return status;
+  }
+  std::unique_lock lock(mMutex);
+  Application& beating = mApplications[application];
+  beating.heartbeat = true;
+  beating.lastBeat = common::SteadyNow();
+  return VYN_OK;
+}
+
+std::vector<std::string> MetadataState::Silent(std::chrono::milliseconds timeout) const {
+  const auto now = common::SteadyNow();
+  std::vector<std::string> names;
+  std::shared_lock lock(mMutex);
+  for (const auto& [name, application] : mApplications) {
+    if (application.heartbeat && now - application.lastBeat > timeout) {
+      names.push_back(name);
+    }
+  }
+  return names;
+}
+
+std::vector<std::string> MetadataState::Known(const std::vector<std::string>& applications) const {
+  std::vector<std::string> known;
+  std::shared_lock lock(mMutex);
+  for (const std::string& name : applications) {
+    if (mApplications.count(name) != 0) {
+      known.push_back(name);
+    }
+  }
+  return known;
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,68 @@
+#pragma once
+
+// Where the metadata service keeps what it has acknowledged: in ZooKeeper, so that the next leader serves the same.
+//
+// A leadership begins with Open, which raises the version of /vyn/epoch. Every write of the leadership is one transaction
+// that checks this version, so a leader that has been deposed without knowing it cannot overwrite what its successor
+// wrote: its writes give kStatusDeposed.
+//
+// Threads: any, after Open. The caller keeps the writes of one application in order.
+
+#include "services/common/zookeeper_layout.h"
+#include "services/metadata/variable.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace vyn::services {
+
+namespace zookeeper {
+class Transaction;
+}
+
+class MetadataStore {
+ public:
+  /// The leadership is over: another leader has taken over, or ZooKeeper did not say what became of a write, so that only
+  /// reading everything anew can tell. Clients take it for a lost connection: they look the leader up and try again.
+  static const std::uint32_t kStatusDeposed;
+  /// The most blocks that a variable can have: their list fits into one frame of a reply.
+  static constexpr std::uint32_t kMaxBlocks = 500000;
+
+  /// Begins a leadership and reads everything. Returns: 0, or a status; the leadership has not begun then.
+  std::uint32_t Open(std::map<std::string, Application>& applications);
+
+  /// The application becomes known; one that exists is left alone. Returns: 0 or a status, like all below.
+  std::uint32_t AddApplication(const std::string& application);
+  /// Its silence counts from now on, also for the next leader.
+  std::uint32_t MarkHeartbeat(const std::string& application);
+  /// Makes a variable without blocks. Fills `variable.path`.
+  std::uint32_t AddVariable(const std::string& application, Variable& variable);
+  /// Writes the blocks. Fills `variable.pieces`.
+  std::uint32_t SetBlocks(const std::string& application, Variable& variable);
+  /// The variable goes; its node is told to free the blocks, the others to forget it.
+  std::uint32_t RemoveVariable(const std::string& application, const Variable& variable);
+  /// The application goes with all its variables; every node is told to free what it holds of it.
+  std::uint32_t RemoveApplication(const std::string& application);
+
+ private:
+  /// The status for a write's result.
+  std::uint32_t StatusOf(int result, const std::string& what) const;
+  std::uint32_t Commit(zookeeper::Transaction& transaction, const std::string& what);
+  std::uint32_t RaiseEpoch();
+  std::uint32_t LoadApplication(const std::string& name, Application& application);
+  std::uint32_t LoadVariable(const std::string& path, Variable& variable, bool& deleted);
+  /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is one.
+  std::uint32_t TellNodes(zookeeper::Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
+                          bool& ownerTold);
+  std::uint32_t DeleteRecords(const std::string& path);
+  std::string Unique();
+
+  /// Constant after Open.
+  int mEpoch = 0;
+  std::atomic<std::uint64_t> mCounter{0};
+};
+
+}  // namespace vyn::services

@@ -1,0 +1,230 @@
+#include "services/vynd/daemon.h"
+
+#include "common/api/base_api_util.h"
+#include "common/rpc/rpc_setter.h"
+#include "common/util/configuration.h"
+#include "common/util/env_helper.h"
+#include "common/util/file_util.h"
+#include "common/util/log.h"
+#include "common/util/logging.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "services/config_check/config_check.h"
+
+namespace vyn::services {
+
+namespace {
+
+/// Milliseconds that running calls get to answer when the daemon ends.
+constexpr std::int64_t kStopTimeout = 3000;
+/// How long the start waits for a metadata leader.
+constexpr auto kLeaderLimit = std::chrono::seconds(10);
+/// Calls may wait for ZooKeeper or for the metadata leader, and must not keep the others from being answered.
+constexpr unsigned int kWorkerThreads = 32;
+/// The release that this daemon belongs to, and how its processor is called in the installation tree.
+constexpr const char* kRelease = VYN_RELEASE;
+constexpr const char* kBinaryType = VYN_BINARY_TYPE;
+
+common::Ref<common::Configuration> Conf() { return common::Configuration::GetInstance(); }
+
+}  // namespace
+
+Daemon::Daemon(Options options) : mOptions(std::move(options)) {}
+
+Daemon::~Daemon() { Stop(); }
+
+bool Daemon::Start(std::vector<std::string>& errors) {
+  std::string error;
+  if (!PrepareProcess(errors)) {
+    return false;
+  }
+  const auto fail = [&] {
+    VYN_LOG_ERROR("vynd cannot start: " << error);
+    errors.push_back(error);
+    Stop();
+    return false;
+  };
+  if (!mLock.Take(mHome, error) || !StartLog(error)) {
+    errors.push_back(error);
+    return false;
+  }
+  if (Failed(common::BaseApiUtil::SetOpensslDLPath(Conf()))) {
+    error = common::LastErrorText();
+    return fail();
+  }
+  MetadataMemberOptions member;
+  member.nodeAddress = mOptions.address;
+  member.nodeList = Conf()->GetString("vyn.tessel.meta.node_lists", "");
+  member.sessionTimeout = Conf()->GetInt("vyn.zookeeper.session.timeout", 30000);
+  member.service.address = mOptions.address;
+  member.service.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_meta.port", 3892));
+  member.service.applicationTimeout = mOptions.applicationTimeout;
+  member.service.server = ServerSettings();
+  mMember = std::make_unique<MetadataMember>(std::move(member));
+  if (!StartFabric(error) || !ConnectZooKeeper(error)) {
+    return fail();
+  }
+  mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
+    if (mNodeServer == nullptr) {
+      return;
+    }
+    if (entry.variablePath.empty()) {
+      mNodeServer->Forget(entry.application);
+    } else {
+      mNodeServer->Forget(entry.application, entry.variableId);
+    }
+  });
+  mReclaimer->Drain();  // what was freed while this node was down goes before anyone is served
+  NodeServerOptions node;
+  node.nodeId = mOptions.nodeId;
+  node.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_server.port", 3891));
+  node.server = ServerSettings();
+  node.reclaim = [this](const std::string& application) { return mReclaimer->Drain(application); };
+  node.lookUp = [this](const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
+    return mMetadataClient.LookUp(application, id, info);
+  };
+  mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
+  mRegistry = std::make_unique<NodeRegistry>(
+      NodeIdentity{mOptions.nodeId, mOptions.address, mOptions.hostName, mFabric.LinkPort()}, mFabric);
+  if (!mRegistry->Start(error) || !mNodeServer->Start(error)) {
+    return fail();
+  }
+  mReclaimer->Start();
+  if (Failed(mMember->Start())) {
+    error = "the metadata member cannot start, the log tells why";
+    return fail();
+  }
+  // Ready is a node whose clients find the metadata service; the first node of a cluster may be up before those that lead.
+  if (AwaitLeader(kLeaderLimit, [] { return true; }).empty()) {
+    VYN_LOG_WARN("No metadata leader is known yet");
+  }
+  VYN_LOG_INFO("vynd serves node " << mOptions.nodeId << " at " << mOptions.address << ", pool "
+                                   << mOptions.poolPath << " of " << mOptions.poolSize << " bytes");
+  return true;
+}
+
+void Daemon::Stop() {
+  // Nobody is sent here any more, then the leadership goes, then the calls end, and the pages come last.
+  if (mRegistry != nullptr) {
+    mRegistry->Stop();
+  }
+  if (mMember != nullptr) {
+    mMember->Stop();
+  }
+  if (mNodeServer != nullptr) {
+    mNodeServer->Stop();
+  }
+  if (mReclaimer != nullptr) {
+    mReclaimer->Stop();
+  }
+  mFabric.Stop();
+  if (VynGetZkHandle() != nullptr) {
+    const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
+    if (adapter != nullptr) {
+      static_cast<void>(adapter->ClusterZKClose());
+    }
+  }
+}
+
+bool Daemon::PrepareProcess(std::vector<std::string>& errors) {
+  if (Failed(common::FileUtil::RealPathNoLog(mOptions.home, mHome))) {
+    errors.push_back("the home " + mOptions.home + " cannot be resolved");
+    return false;
+  }
+  if (Failed(common::BaseApiUtil::SetVynEnv(mHome.c_str(), kRelease, kBinaryType)) ||
+      common::EnvHelper::GetInstance() == nullptr) {
+    errors.push_back("the environment cannot be set for " + mHome);
+    return false;
+  }
+  const std::string path = mHome + "/conf/vyn.conf";
+  const auto complain = [&](const ConfigFeatures& features) {
+    for (const ConfigComplaint& complaint : CheckConfig(path, features)) {
+      if (!complaint.warning) {
+        errors.push_back(ToLine(complaint));
+      }
+    }
+    return !errors.empty();
+  };
+  if (complain({})) {
+    return false;
+  }
+  if (common::Configuration::GetInstance(path) == nullptr) {
+    errors.push_back(path + " cannot be loaded");
+    return false;
+  }
+  ConfigFeatures features;
+  features.authentication = Conf()->GetBool("vyn.tessel.rpc.enableAuthentication", true);
+  features.tls = Conf()->GetBool("vyn.tessel.rpc.enableTLS", true);
+  features.authorization = Conf()->GetBool("vyn.tessel.rpc.enableAuthorization", true);
+  features.zookeeperSecurity = Conf()->GetBool("vyn.zookeeper.security.enable", true);
+  if (complain(features)) {
+    return false;
+  }
+  common::RpcSetter::DefaultSetting(Conf());
+  return true;
+}
+
+bool Daemon::StartLog(std::string& error) {
+  const auto environment = common::EnvHelper::GetInstance();
+  const std::string directory = environment->ReplaceVyn(Conf()->GetString("vyn.log.dir", ""));
+  if (Failed(environment->CheckLogDir(directory, mHome))) {
+    error = "vyn.log.dir " + directory + " cannot be used";
+    return false;
+  }
+  const unsigned int level = common::Log::StringToLogLevel(Conf()->GetString("vyn.log.level", "INFO"));
+  if (Failed(common::Log::Initialize(ULOG_TYPE_FILE, level, directory, Conf()->GetInt("vyn.log.fileSize", 20),
+                                     Conf()->GetInt("vyn.log.rotation.file.num", 10)))) {
+    error = std::string("the log cannot be opened in ") + directory + ": " + ULOG_GetLastErrorMessage();
+    return false;
+  }
+  return true;
+}
+
+bool Daemon::StartFabric(std::string& error) {
+  bm::FabricNodeOptions options;
+  options.home = mHome;
+  options.poolPath = mOptions.poolPath;
+  options.capacity = mOptions.poolSize;
+  options.nodeId = mOptions.nodeId;
+  options.listenAddress = mOptions.address;
+  options.linkPort = mOptions.linkPort != 0
+                         ? mOptions.linkPort
+                         : static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.manager.port", 3899));
+  options.directory = [this](std::uint16_t nodeId, bm::NodeAddress& address) {
+    for (const auto& node : mMember->View().Live()) {
+      if (node.nodeId == nodeId) {
+        address = {node.ip, static_cast<std::uint16_t>(node.auxValue)};
+        return true;
+      }
+    }
+    return false;
+  };
+  options.log = [](int level, const std::string& text) {
+    if (common::logging::Gate(level)) {
+      common::logging::Write(level, "fabric] " + text);
+    }
+  };
+  return mFabric.Start(options, error);
+}
+
+bool Daemon::ConnectZooKeeper(std::string& error) {
+  const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
+  if (adapter == nullptr ||
+      Failed(adapter->ClusterZKAdapterInit(Conf()->GetInt("vyn.zookeeper.session.timeout", 30000)))) {
+    error = "ZooKeeper at " + Conf()->GetString("vyn.zookeeper.server.url", "") +
+            " cannot be used: " + VynZookeeperGetLastMessage();
+    return false;
+  }
+  return true;
+}
+
+rpc::ServerOptions Daemon::ServerSettings() {
+  rpc::ServerOptions server;
+  server.mTls = Conf()->GetBool("vyn.tessel.rpc.enableTLS", true);
+  server.mAuthentication = Conf()->GetBool("vyn.tessel.rpc.enableAuthentication", true);
+  static_cast<void>(common::BaseApiUtil::GetSecurityConf4Server(server.mSecurity));
+  server.mStopTimeout = kStopTimeout;
+  server.mWorkerThreads = kWorkerThreads;
+  return server;
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,51 @@
+#pragma once
+
+// vynd as a whole: brings its parts up in order and takes them down in the opposite one.
+
+#include "platform/bmclient/node/fabric_node.h"
+#include "services/metadata/metadata_member.h"
+#include "services/vynd/home_lock.h"
+#include "services/vynd/metadata_client.h"
+#include "services/vynd/node_registry.h"
+#include "services/vynd/node_server.h"
+#include "services/vynd/options.h"
+#include "services/vynd/reclaimer.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vyn::services {
+
+class Daemon {
+ public:
+  explicit Daemon(Options options);
+  /// Stops.
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  /// Returns: whether everything serves; otherwise `errors` tells, one complaint a line, and nothing runs.
+  bool Start(std::vector<std::string>& errors);
+  /// Gives the leadership up, lets running calls answer, closes everything. Objects stay in the pool.
+  void Stop();
+
+ private:
+  bool PrepareProcess(std::vector<std::string>& errors);
+  bool StartLog(std::string& error);
+  bool StartFabric(std::string& error);
+  bool ConnectZooKeeper(std::string& error);
+  rpc::ServerOptions ServerSettings();
+
+  Options mOptions;
+  std::string mHome;
+  HomeLock mLock;
+  bm::FabricNode mFabric;
+  MetadataClient mMetadataClient;
+  std::unique_ptr<MetadataMember> mMember;
+  std::unique_ptr<NodeServer> mNodeServer;
+  std::unique_ptr<Reclaimer> mReclaimer;
+  std::unique_ptr<NodeRegistry> mRegistry;
+};
+
+}  // namespace vyn::services

@@ -1,0 +1,303 @@
+#include "services/vynd/node_server.h"
+
+#include "common/util/log.h"
+#include "common/util/logging.h"
+#include "platform/bmclient/protocol.h"
+#include "services/common/rpc_handlers.h"
+#include "services/vynd/metadata_client.h"
+#include "services/vynd/token_registry.h"
+#include "tessel/message/operation_codes.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace vyn::services {
+
+namespace {
+
+using namespace tessel;  // the messages
+
+/// The most blocks of one request, and the most blobs that a node keeps.
+constexpr std::size_t kMaxBlocks = 500000;
+constexpr std::size_t kMaxBlobs = 1000000;
+/// How long the question for the leader waits while there is none.
+constexpr auto kLeaderLimit = std::chrono::seconds(10);
+/// The largest blob, in bytes; the client has the same limit.
+constexpr std::uint64_t kMaxBlobSize = std::uint64_t{20} << 20U;
+
+/// What a result of the pool is for a caller.
+std::uint32_t StatusOf(int result) {
+  switch (result) {
+    case 0:
+      return VYN_OK;
+    case kBmNotEnoughCapacity:
+      return VYN_ERR_OUT_OF_POOL_MEMORY;
+    case -ENOENT:
+      return kStatusNotRegistered;
+    case -EACCES:
+      return kStatusWrongToken;
+    case kBmNamespaceInvalid:
+      return kStatusInvalidRequest;
+    default:
+      VYN_LOG_ERROR("The pool of this node refused with " << result);
+      return kStatusFabric;
+  }
+}
+
+void Audit(const char* operation, const std::string& application, std::uint32_t status) {
+  common::AuditGlog(std::to_string(getpid()).c_str(), operation, application.c_str(),
+                    Failed(status) ? "FAILED" : "SUCCESS");
+}
+
+rpc::ServerOptions ServerOptionsOf(const NodeServerOptions& options) {
+  rpc::ServerOptions server = options.server;
+  server.mReport = [](const std::string& line) { VYN_LOG_WARN("Node server: " << line); };
+  return server;
+}
+
+/// Takes the fields over that travel.
+void Copy(const BroadcastBlockInfo& from, BroadcastBlockInfo& to) {
+  to.appId = from.appId;
+  to.broadcastId = from.broadcastId;
+  to.bmIds = from.bmIds;
+  to.sizes = from.sizes;
+  to.nodeId = from.nodeId;
+}
+
+}  // namespace
+
+NodeServer::NodeServer(NodeServerOptions options, bm::FabricNode& fabric)
+    : mOptions(std::move(options)), mFabric(fabric), mServer(ServerOptionsOf(mOptions)) {
+  RegisterOperations();
+}
+
+NodeServer::~NodeServer() { Stop(); }
+
+bool NodeServer::Start(std::string& error) {
+  if (!mServer.Start("127.0.0.1", mOptions.port)) {
+    error = "the node server cannot listen on 127.0.0.1:" + std::to_string(mOptions.port) + ": " +
+            rpc::Server::mLastErrorMessage;
+    return false;
+  }
+  return true;
+}
+
+void NodeServer::Stop() {
+  mStopping = true;
+  mServer.Stop();
+}
+
+void NodeServer::RegisterOperations() {
+  RefuseAll(mServer, kStatusUnknownOperation);
+  Serve<ApplicationRegisterRequest, NodeIdResponse>(
+      mServer, ShuffleServer::APP_REGISTER, "APP_REGISTER",
+      [this](auto& request, auto& response, const std::string&) {
+        return RegisterApplication(request, response);
+      });
+  ServeWithoutReply<ApplicationRegisterRequest>(
+      mServer, ShuffleServer::APP_UNREGISTER, "APP_UNREGISTER",
+      [this](auto& request, const std::string&) { return UnregisterApplication(request); });
+  Serve<BlobCreateRequest, ShuffleBlob>(
+      mServer, ShuffleServer::BLOB_CREATE, "BLOB_CREATE",
+      [this](auto& request, auto& response, const std::string&) { return CreateBlob(request, response); });
+  ServeWithoutReply<BlobBatchDeleteRequest>(
+      mServer, ShuffleServer::BLOB_BATCH_DELETE, "BLOB_BATCH_DELETE",
+      [this](auto& request, const std::string&) { return DeleteBlobs(request); });
+  for (const std::uint16_t code : {ShuffleServer::LOCAL_BLOB_GET, ShuffleServer::LOCAL_BLOB_COMMIT}) {
+    mServer.Register(
+        rpc::MessageId(code),
+        [code](const auto& context, const auto&) {
+          common::RpcEngine::SyncRpcReply(code, context, kStatusNotServed, nullptr, 0, 0);
+        },
+        rpc::HandlerKind::kQuick);
+  }
+  Serve<MetaLeaderInformation, MetaLeaderInformation>(
+      mServer, ShuffleServer::META_LEADER_INFO, "META_LEADER_INFO",
+      [this](auto&, auto& response, const std::string&) -> std::uint32_t {
+        // Executors ask once, also while the first leader of a cluster is being elected.
+        response.metaLeaderInfo = AwaitLeader(kLeaderLimit, [this] { return !mStopping; });
+        return response.metaLeaderInfo.empty() ? kStatusNoLeader : VYN_OK;
+      });
+  Serve<BroadcastBlockBatch, BroadcastBlockInfo>(
+      mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_CREATE, "BROADCAST_BLOCK_BATCH_CREATE",
+      [this](auto& request, auto& response, const std::string&) { return CreateBlocks(request, response); });
+  Serve<BroadcastVar, BroadcastBlockInfo>(
+      mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, "BROADCAST_BLOCK_BATCH_FETCH",
+      [this](auto& request, auto& response, const std::string&) { return FetchBlocks(request, response); });
+}
+
+bool NodeServer::IsRegistered(const std::string& application) const {
+  return mFabric.CheckToken(application, "") != -ENOENT;
+}
+
+std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& request, NodeIdResponse& response) {
+  if (!IsName(request.ns)) {
+    return kStatusInvalidRequest;
+  }
+  std::uint32_t status = FixToken(request.ns, request.token);
+  // The name's earlier life is over by now, and what it has left here must not be taken for the new one's. Later its
+  // entries would end the new application.
+  if (!Failed(status) && mOptions.reclaim && !mOptions.reclaim(request.ns)) {
+    status = kStatusStore;
+  }
+  if (!Failed(status)) {
+    const int result = mFabric.CreateNamespace(request.ns, request.token);
+    status = result == kBmNamespaceExists ? VYN_OK : StatusOf(result);
+  }
+  Audit("register_application", request.ns, status);
+  if (Failed(status)) {
+    return status;
+  }
+  response.nodeId = mOptions.nodeId;
+  response.isMfNode = true;
+  return VYN_OK;
+}
+
+std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request) {
+  const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
+  Audit("unregister_application", request.ns, status);
+  if (!Failed(status)) {
+    std::lock_guard lock(mMutex);
+    ForgetVariables(request.ns);  // its blobs belong to other processes too
+  }
+  return status;
+}
+
+std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBlockInfo& response) {
+  if (!IsName(request.appId) || request.sizes.empty() || request.sizes.size() > kMaxBlocks) {
+    return kStatusInvalidRequest;
+  }
+  if (std::find(request.sizes.begin(), request.sizes.end(), 0U) != request.sizes.end()) {
+    return kStatusInvalidRequest;
+  }
+  if (!IsRegistered(request.appId)) {
+    return kStatusNotRegistered;
+  }
+  response.appId = request.appId;
+  response.broadcastId = request.broadcastId;
+  response.nodeId = mOptions.nodeId;
+  response.sizes = request.sizes;
+  response.bmIds.reserve(request.sizes.size());
+  for (const std::uint64_t size : request.sizes) {
+    std::string bmId;
+    const int result = mFabric.Allocate(request.appId, size, bmId);
+    if (result != 0) {
+      // All or none: the caller learns of none of them.
+      mFabric.FreeBatch(request.appId, response.bmIds);
+      return StatusOf(result);
+    }
+    response.bmIds.push_back(std::move(bmId));
+  }
+  return VYN_OK;
+}
+
+std::uint32_t NodeServer::FetchBlocks(BroadcastVar& request, BroadcastBlockInfo& response) {
+  if (!IsName(request.appId)) {
+    return kStatusInvalidRequest;
+  }
+  if (!IsRegistered(request.appId)) {
+    return kStatusNotRegistered;
+  }
+  const Key key(request.appId, request.broadcastId);
+  std::uint64_t forgets = 0;
+  {
+    std::lock_guard lock(mMutex);
+    if (const auto known = mVariables.find(key); known != mVariables.end()) {
+      Copy(*known->second, response);
+      return VYN_OK;
+    }
+    forgets = mForgets;
+  }
+  const std::uint32_t status = mOptions.lookUp(request.appId, request.broadcastId, response);
+  if (Failed(status)) {
+    return status;
+  }
+  common::Ref<BroadcastBlockInfo> remembered(new (std::nothrow) BroadcastBlockInfo());
+  VYN_CHECK_POINTER(remembered);
+  Copy(response, *remembered);
+  std::lock_guard lock(mMutex);
+  if (mForgets == forgets) {
+    mVariables[key] = remembered;
+  }
+  return VYN_OK;
+}
+
+std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response) {
+  if (!IsName(request.ns) || !IsName(request.bagName) || request.blobSize == 0 ||
+      request.blobSize > kMaxBlobSize) {
+    return kStatusInvalidRequest;
+  }
+  if (const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token)); Failed(status)) {
+    return status;
+  }
+  std::string bmId;
+  if (const std::uint32_t status = StatusOf(mFabric.Allocate(request.ns, request.blobSize, bmId));
+      Failed(status)) {
+    return status;
+  }
+  common::Ref<ShuffleBlobId> id(new (std::nothrow) ShuffleBlobId());
+  if (id == nullptr) {
+    mFabric.Free(request.ns, bmId);
+    return VYN_ERR_NULL_POINTER;
+  }
+  {
+    std::lock_guard lock(mMutex);
+    if (mBlobs.size() < kMaxBlobs) {
+      id->bagId = request.blobNumber + 1U;  // never 0, which no caller takes for an id
+      id->innerId = mNextBlob++;
+      mBlobs[{id->bagId, id->innerId}] = {request.ns, bmId};
+    }
+  }
+  if (id->innerId == 0) {
+    mFabric.Free(request.ns, bmId);
+    return kStatusTooLarge;
+  }
+  response.mId = id;
+  response.blobText = bmId;
+  return VYN_OK;
+}
+
+std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request) {
+  if (const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token)); Failed(status)) {
+    return status;
+  }
+  std::vector<std::string> bmIds;
+  {
+    std::lock_guard lock(mMutex);
+    for (const auto& id : request.blobIdList) {
+      const auto blob = mBlobs.find({id->bagId, id->innerId});
+      if (blob != mBlobs.end() && blob->second.first == request.ns) {
+        bmIds.push_back(blob->second.second);
+        mBlobs.erase(blob);
+      }
+    }
+  }
+  mFabric.FreeBatch(request.ns, bmIds);  // one that is gone already is what the caller wants
+  return VYN_OK;
+}
+
+void NodeServer::Forget(const std::string& application, std::uint32_t id) {
+  std::lock_guard lock(mMutex);
+  ++mForgets;
+  mVariables.erase(Key(application, id));
+}
+
+void NodeServer::ForgetVariables(const std::string& application) {
+  ++mForgets;
+  for (auto variable = mVariables.lower_bound(Key(application, 0));
+       variable != mVariables.end() && variable->first.first == application;) {
+    variable = mVariables.erase(variable);
+  }
+}
+
+void NodeServer::Forget(const std::string& application) {
+  std::lock_guard lock(mMutex);
+  ForgetVariables(application);
+  for (auto blob = mBlobs.begin(); blob != mBlobs.end();) {
+    blob = blob->second.first == application ? mBlobs.erase(blob) : std::next(blob);
+  }
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,88 @@
+#pragma once
+
+// The server of this node's executors: applications, block batches, the leader's address, blobs.
+//
+// An application is registered at a node when the node's pool has its namespace, so a registration outlives a restart of
+// the daemon. A variable that this node does not know is looked up at the metadata leader and remembered until it is
+// deleted.
+
+#include "common/util/ref.h"
+#include "platform/bmclient/node/fabric_node.h"
+#include "platform/rpc/server.h"
+#include "tessel/message/broadcast/broadcast_messages.h"
+#include "tessel/message/node_messages.h"
+#include "tessel/message/shuffle/blob_messages.h"
+#include "tessel/message/shuffle/shuffle_blob.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vyn::services {
+
+struct NodeServerOptions {
+  std::uint16_t nodeId = 0;
+  std::uint16_t port = 0;  ///< on 127.0.0.1
+  rpc::ServerOptions server;
+  /// Gives back, before an application registers, what an earlier application of that name has left on this node.
+  /// Returns: whether nothing is left of it.
+  std::function<bool(const std::string& application)> reclaim;
+  /// Asks the metadata leader for a variable. Returns: 0 or a status.
+  std::function<std::uint32_t(const std::string& application, std::uint32_t id,
+                              tessel::BroadcastBlockInfo& info)>
+      lookUp;
+};
+
+class NodeServer {
+ public:
+  /// \param fabric is the caller's and outlives the server.
+  NodeServer(NodeServerOptions options, bm::FabricNode& fabric);
+  /// Stops.
+  ~NodeServer();
+  NodeServer(const NodeServer&) = delete;
+  NodeServer& operator=(const NodeServer&) = delete;
+
+  /// Returns: false with the reason.
+  bool Start(std::string& error);
+  /// Lets running calls answer.
+  void Stop();
+
+  /// Forgets what is remembered of a variable, of an application.
+  void Forget(const std::string& application, std::uint32_t id);
+  void Forget(const std::string& application);
+
+ private:
+  using Key = std::pair<std::string, std::uint32_t>;
+
+  void RegisterOperations();
+  std::uint32_t RegisterApplication(tessel::ApplicationRegisterRequest& request,
+                                    tessel::NodeIdResponse& response);
+  std::uint32_t UnregisterApplication(tessel::ApplicationRegisterRequest& request);
+  std::uint32_t CreateBlocks(tessel::BroadcastBlockBatch& request, tessel::BroadcastBlockInfo& response);
+  std::uint32_t FetchBlocks(tessel::BroadcastVar& request, tessel::BroadcastBlockInfo& response);
+  std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response);
+  std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request);
+  /// Requires: mMutex is held.
+  void ForgetVariables(const std::string& application);
+  bool IsRegistered(const std::string& application) const;
+
+  const NodeServerOptions mOptions;
+  bm::FabricNode& mFabric;
+  rpc::Server mServer;
+
+  std::atomic<bool> mStopping{false};
+  std::mutex mMutex;
+  // Guarded by mMutex.
+  std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;
+  /// Counts the forgets, so that an answer of the leader that was on its way meanwhile is not remembered.
+  std::uint64_t mForgets = 0;
+  std::map<std::pair<std::uint32_t, std::uint64_t>, std::pair<std::string, std::string>> mBlobs;
+  std::uint64_t mNextBlob = 1;
+};
+
+}  // namespace vyn::services

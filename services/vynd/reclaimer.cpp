@@ -1,0 +1,114 @@
+#include "services/vynd/reclaimer.h"
+
+#include "common/util/logging.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "services/common/variable_record.h"
+#include "services/common/zookeeper_io.h"
+
+#include <cerrno>
+#include <chrono>
+#include <vector>
+
+namespace vyn::services {
+
+namespace {
+
+constexpr auto kPeriod = std::chrono::milliseconds(500);
+
+}  // namespace
+
+Reclaimer::Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
+                     std::function<void(const ReclaimEntry& entry)> forget)
+    : mNodeId(nodeId), mFabric(fabric), mForget(std::move(forget)) {}
+
+Reclaimer::~Reclaimer() { Stop(); }
+
+void Reclaimer::Start() {
+  mThread = std::thread([this] { Run(); });
+}
+
+void Reclaimer::Stop() {
+  {
+    std::lock_guard lock(mMutex);
+    mStopping = true;
+  }
+  mWake.notify_all();
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+}
+
+void Reclaimer::Run() {
+  for (;;) {
+    Drain();
+    std::unique_lock lock(mMutex);
+    if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
+      return;
+    }
+  }
+}
+
+bool Reclaimer::Drain(const std::string& application) {
+  std::lock_guard draining(mDraining);
+  const std::string list = ReclaimPath(mNodeId);
+  std::vector<std::string> names;
+  const int listed = zookeeper::Children(list, names);
+  if (listed != ZOK) {
+    return listed == ZNONODE;
+  }
+  bool done = true;
+  for (const std::string& name : names) {
+    const std::string path = list + "/" + name;
+    std::string text;
+    const int result = zookeeper::Get(path, text);
+    if (result != ZOK) {
+      done = done && result == ZNONODE;
+      continue;
+    }
+    ReclaimEntry entry;
+    if (!ReclaimEntry::FromText(text, entry)) {
+      VYN_LOG_ERROR("The entry " << path << " cannot be read, it is dropped: " << text);
+      static_cast<void>(zookeeper::Delete(path));
+      continue;
+    }
+    if (!application.empty() && entry.application != application) {
+      continue;
+    }
+    if (!Handle(entry)) {
+      done = false;
+      continue;
+    }
+    const int deleted = zookeeper::Delete(path);
+    done = done && (deleted == ZOK || deleted == ZNONODE);
+  }
+  return done;
+}
+
+bool Reclaimer::Handle(const ReclaimEntry& entry) {
+  if (mForget) {
+    mForget(entry);
+  }
+  if (entry.variablePath.empty()) {
+    const int result = mFabric.DestroyNamespace(entry.application);
+    VYN_LOG_INFO("Application " << entry.application << " has ended, its memory on this node is free, result "
+                                << result);
+    return result == 0 || result == -ENOENT;
+  }
+  if (!entry.owner) {
+    return true;
+  }
+  VariableRecord record;
+  switch (ReadVariableRecord(entry.variablePath, record)) {
+    case RecordRead::kFailed:
+      return false;
+    case RecordRead::kAbsent:  // done before
+    case RecordRead::kDamaged:
+      return true;
+    case RecordRead::kRead:
+      break;
+  }
+  mFabric.FreeBatch(entry.application, record.blocks.bmIds);  // one that is gone already is no failure
+  return zookeeper::DeleteTree(entry.variablePath) == ZOK;
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,49 @@
+#pragma once
+
+// Gives memory back that the metadata leader has freed: works this node's list in ZooKeeper off, at start before the node
+// serves, when an application registers anew, and by a thread of its own. What could not be done stays in the list.
+
+#include "platform/bmclient/node/fabric_node.h"
+#include "services/common/zookeeper_layout.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace vyn::services {
+
+class Reclaimer {
+ public:
+  /// \param fabric is the caller's and outlives the reclaimer. \param forget is told of every entry before its memory goes.
+  Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
+            std::function<void(const ReclaimEntry& entry)> forget);
+  /// Stops.
+  ~Reclaimer();
+  Reclaimer(const Reclaimer&) = delete;
+  Reclaimer& operator=(const Reclaimer&) = delete;
+
+  void Start();
+  void Stop();
+  /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is left of it.
+  bool Drain(const std::string& application = "");
+
+ private:
+  void Run();
+  bool Handle(const ReclaimEntry& entry);
+
+  const std::uint16_t mNodeId;
+  bm::FabricNode& mFabric;
+  const std::function<void(const ReclaimEntry& entry)> mForget;
+  /// Held while the list is worked off, so that no entry is done twice at once.
+  std::mutex mDraining;
+  std::mutex mMutex;
+  /// Guarded by mMutex.
+  bool mStopping = false;
+  std::condition_variable mWake;
+  std::thread mThread;
+};
+
+}  // namespace vyn::services

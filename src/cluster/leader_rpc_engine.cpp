@@ -1,0 +1,135 @@
+#include "cluster/leader_rpc_engine.h"
+
+#include "common/api/base_api_util.h"
+#include "common/util/clock.h"
+#include "common/util/logging.h"
+#include "common/util/text.h"
+
+#include <chrono>
+#include <utility>
+
+namespace vyn::cluster {
+
+namespace {
+
+constexpr int kRetryLimit = 3;
+constexpr std::chrono::seconds kRetryStep{5};
+
+bool IsRetriable(std::uint32_t status) {
+  return status == VYN_ERR_RPC_TRANSPORT_A || status == VYN_ERR_RPC_TRANSPORT_B;
+}
+
+}  // namespace
+
+std::uint32_t LeaderRPCEngine::TakeSources() {
+  std::lock_guard lock(mRefreshMutex);
+  mConf = common::Configuration::GetInstance();
+  VYN_CHECK_POINTER(mConf);
+  mMetaNode = common::MetaNodeInfo::GetInstance();
+  if (mMetaNode == nullptr) {
+    VYN_LOG_ERROR("Unexpected error for get nullptr meta node information");
+    return VYN_ERR_GENERIC;
+  }
+  return VYN_OK;
+}
+
+std::string LeaderRPCEngine::AdoptLeader() {
+  std::lock_guard lock(mRefreshMutex);
+  std::unique_lock leaderLock(mMetaNode->mLeaderLock);
+  mMasterAddress = mMetaNode->mLeaderAddress;
+  return mMasterAddress;
+}
+
+std::uint32_t LeaderRPCEngine::ReadSettings(const std::string& ip, const char* portKey, int defaultPort,
+                                            SecurityConf& securityConf) {
+  VYN_CHECK_POINTER(mConf);
+  mTlsEnable = mConf->GetBool("vyn.tessel.rpc.enableTLS", true);
+  mAuthEnable = mConf->GetBool("vyn.tessel.rpc.enableAuthentication", true);
+  mPort = static_cast<std::uint16_t>(mConf->GetInt(portKey, defaultPort));
+  std::string hostname;
+  if (mAuthEnable) {
+    const std::string mapping = mConf->GetString("vyn.tessel.rpc.auth.meta.principle.mapping", "");
+    if (Failed(common::GetMetaHostname(mapping, ip, hostname))) {
+      VYN_LOG_ERROR("Not in <vyn.tessel.rpc.auth.meta.principle.mapping> or has incorrect format");
+      return VYN_ERR_GENERIC;
+    }
+  }
+  return common::BaseApiUtil::GetSecurityConf4Client(securityConf, hostname, mIsSdk);
+}
+
+std::uint32_t LeaderRPCEngine::ReplacePool(const std::string& ip, const char* portKey, int defaultPort,
+                                           PoolMaker newPool, const std::string& announcementEnd,
+                                           common::Ref<common::RPCEnginePool>& pool) {
+  std::lock_guard lock(mRefreshMutex);
+  SecurityConf securityConf;
+  if (const std::uint32_t status = ReadSettings(ip, portKey, defaultPort, securityConf); Failed(status)) {
+    return status;
+  }
+  VYN_LOG_INFO("Try to initialize rpc client to server: " << ip << ":" << mPort << announcementEnd);
+  mParam = new (std::nothrow) common::RPCEngineParam(mTimeout, ip, mPort, mTlsEnable, mAuthEnable);
+  VYN_CHECK_POINTER(mParam);
+  pool = newPool(*mParam, mConnectionCount, mGroupIndex, std::move(securityConf));
+  VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
+  SetEnginePool(pool);
+  return VYN_OK;
+}
+
+std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
+  std::lock_guard lock(mRefreshMutex);
+  if (mMetaNode == nullptr) {  // never initialised, so there is no pool either
+    VYN_LOG_ERROR("Unexpected nullptr value mEnginePool");
+    return VYN_ERR_NULL_POINTER;
+  }
+  const auto pool = EnginePool();
+  {
+    std::unique_lock leaderLock(mMetaNode->mLeaderLock);
+    if (mMetaNode->mLeaderAddress == mMasterAddress) {
+      return VYN_OK;
+    }
+    if (pool != nullptr) {  // otherwise the move is still to be made when there is one
+      mMasterAddress = mMetaNode->mLeaderAddress;
+    }
+  }
+  VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
+  {
+    std::lock_guard poolLock(pool->mMutex);
+    pool->mIp = mMasterAddress;
+    pool->mPort = mPort;
+  }
+  VYN_LOG_INFO("Shuffle metadata LEADER ip changed to " << mMasterAddress << " port changed to " << mPort);
+  return VYN_OK;
+}
+
+std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,
+                                             const common::Ref<common::BaseMessage>& response,
+                                             const std::function<void(std::uint32_t)>& afterFailure) {
+  int retryTime = 0;
+  while (true) {
+    std::uint32_t hr = RefreshMasterNodeInfo(true);
+    if (Failed(hr)) {
+      VYN_LOG_ERROR("Refresh Master Node Info Fail, error code:" << hr);
+      return hr;
+    }
+    hr = SendCall(static_cast<unsigned short>(opcode), request, response, mTimeout);
+    if (Failed(hr)) {
+      VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "
+                                                             << retryTime << " continue retry? "
+                                                             << (IsRetriable(hr) ? "true" : "false"));
+      common::SleepFor(retryTime * kRetryStep);
+      ++retryTime;
+      if (afterFailure) {
+        afterFailure(hr);
+      }
+    }
+    if (retryTime > kRetryLimit) {
+      VYN_LOG_ERROR("Failed to call metadata service, connection is timeout and retry more than "
+                    << kRetryLimit << " times");
+      return hr;
+    }
+    if (!IsRetriable(hr)) {
+      return hr;
+    }
+  }
+}
+
+}  // namespace vyn::cluster

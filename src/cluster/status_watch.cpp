@@ -1,0 +1,75 @@
+// The watches that keep this process's copy of the status tree, and mark followers that vanish.
+
+#include "cluster/cluster_zkadapter.h"
+#include "cluster/zk_session.h"
+
+namespace vyn::cluster {
+
+namespace {
+
+/// As many bytes of a status are read by its watcher.
+constexpr int kWatchedStatusLength = 10;
+
+}  // namespace
+
+void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
+  std::lock_guard lock(mZKHandleLock);
+  if (!WatcherMayRun()) {
+    return;
+  }
+  Children children;
+  const int result = DoDlZooWgetChildren(zh, mMetaFollowerPath.c_str(), MetaNodeFollowerWatchFunc, nullptr,
+                                         &children.mNames);
+  if (TooMany(children.mNames)) {
+    VYN_LOG_INFO("Invalid nodes count from zookeeper for count is: " << children.mNames.count);
+    return;
+  }
+  if (type != ZOO_CHILD_EVENT) {
+    VYN_LOG_INFO("MetaNodeFollowerWatcher: OTHER EVENT: " << type << ", path: " << path);
+    DoDlZooWgetChildren(zh, mMetaFollowerPath.c_str(), MetaNodeFollowerWatchFunc, nullptr, nullptr);
+    return;
+  }
+  VYN_LOG_INFO("MetaNodeFollowerWatcher: ZOO_CHILD_EVENT, path: " << path << ", update follower status");
+  if (result != ZOK) {
+    // An empty list would stand for followers that have all gone.
+    VYN_LOG_INFO("Failed to get followers, ret: " << result << ", " << VYN_ZK_ERROR);
+    return;
+  }
+  const Ref<MetaNodeInfo> metaNode = MetaNodeInfo::GetInstance();
+  if (Failed(ZKGetAndUpdateMetaLeaderInfo(metaNode))) {
+    return;
+  }
+  ZKCheckAndMarkFollowerBroken(metaNode, children.mNames);
+}
+
+void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
+  std::lock_guard lock(mZKHandleLock);
+  if (!WatcherMayRun()) {
+    return;
+  }
+  char buffer[kWatchedStatusLength];
+  int length = kWatchedStatusLength;
+  const int result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
+  if (type != ZOO_CHANGED_EVENT) {
+    VYN_LOG_INFO("MetaNodeStatusWatcher: OTHER EVENT: " << type << ", path: " << path);
+    DoDlZooWexists(g_ZKHandler, path, MetaNodeStatusWatchFunc, nullptr, nullptr);
+    return;
+  }
+  VYN_LOG_INFO("MetaNodeStatusWatcher: ZOO_CHANGED_EVENT " << type << " path: " << path
+                                                           << ", update information in memory");
+  const std::string whole = path;
+  const std::size_t mark = whole.find('/', mMetaStatusPath.size());
+  const std::string name = mark == std::string::npos ? "" : whole.substr(mark + 1);
+  if (name.empty()) {
+    VYN_LOG_INFO("Failed to get leader ip from node path");
+    return;
+  }
+  int status = 0;
+  if (!ParseStatus(result == ZOK ? ValueText(buffer, length) : "", status)) {
+    VYN_LOG_INFO("Failed to stoi the info from path: " << path);
+    return;
+  }
+  ZKUpdateMemoryInformation(name, static_cast<MetaNodeStatus>(status), false);
+}
+
+}  // namespace vyn::cluster

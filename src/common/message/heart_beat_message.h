@@ -1,0 +1,33 @@
+#pragma once
+
+// The heartbeat of a process, sent to the metadata service and to the tuning service.
+
+#include "common/util/base_message.h"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+
+namespace vyn::common {
+
+struct THeartBeatMessage;
+
+class HeartBeatMessage : public Message<THeartBeatMessage> {
+ public:
+  HeartBeatMessage() = default;
+  HeartBeatMessage(std::string name, std::uint8_t type, std::string process, std::string text, bool alive)
+      : ns(std::move(name)),
+        processType(type),
+        processName(std::move(process)),
+        content(std::move(text)),
+        isAlive(alive) {}
+
+  std::string ns;                ///< the application's name
+  std::uint8_t processType = 0;  ///< as the caller of HeartBeat gave it
+  std::string processName;
+  std::string content;   ///< free text of the sender
+  bool isAlive = false;  ///< true in the periodic beats, false in the last one at stop
+  VYN_MESSAGE_FIELDS(ns, processType, processName, content, isAlive)
+};
+
+}  // namespace vyn::common

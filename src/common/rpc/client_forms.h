@@ -1,0 +1,25 @@
+#pragma once
+
+// What the operations of the typed clients are written in: the check of an identifier, and the form in which
+// a refused argument or a failed call is reported.
+
+#include "common/util/input_check.h"
+#include "common/util/logging.h"
+
+#include <string>
+
+namespace vyn::common {
+
+/// Whether `text` is an identifier: 1 to 1024 letters, digits, "_" and "-".
+inline bool IsIdentifier(const std::string& text) { return !Failed(InputRegularMatching(text, false)); }
+
+}  // namespace vyn::common
+
+/// Logs STREAM at error level and makes the function return CODE when CONDITION holds.
+#define VYN_FAIL_IF(CONDITION, CODE, STREAM) \
+  do {                                       \
+    if (CONDITION) {                         \
+      VYN_LOG_ERROR(STREAM);                 \
+      return CODE;                           \
+    }                                        \
+  } while (false)

@@ -1,0 +1,270 @@
+#include "common/rpc/rpc_engine.h"
+
+#include "common/util/clock.h"
+#include "common/util/logging.h"
+#include "common/util/time_counter.h"
+
+#include <cstring>
+#include <new>
+
+namespace vyn::common {
+
+std::atomic<std::int64_t> RpcEngine::mTimeout{-1};
+thread_local int RpcEngine::mTimeSer = 0;
+thread_local int RpcEngine::mTimeCall = 0;
+thread_local int RpcEngine::mTimeDes = 0;
+
+namespace {
+
+using rpc::Buffer;
+using rpc::ClientContext;
+using rpc::MessageId;
+using ResultWord = std::uint32_t;
+
+constexpr int kMaxReconnectTimes = 3;
+
+/// The first buffer of every request is a view of it.
+std::uint16_t gRpcVersion = 1;
+
+long EffectiveTimeout(long timeout) {
+  return timeout == 0 || timeout < -1 ? RpcEngine::mTimeout.load(std::memory_order_relaxed) : timeout;
+}
+
+unsigned int ToStatus(int transportStatus) {
+  switch (transportStatus) {
+    case rpc::kConnectionLost:
+      return VYN_ERR_RPC_TRANSPORT_A;
+    case rpc::kTimedOut:
+      return VYN_ERR_RPC_TRANSPORT_B;
+    default:
+      return VYN_ERR_RPC_TRANSPORT_OTHER;
+  }
+}
+
+/// Runs one phase of a call and, when phases are measured, leaves its duration in `duration`.
+template <typename Phase>
+auto Measured(int& duration, Phase phase) {
+  if (TimeCounter::timeCounterLevel.load(std::memory_order_relaxed) <= 1) {
+    duration = 0;
+    return phase();
+  }
+  const auto begin = SteadyNow();
+  auto result = phase();
+  duration = static_cast<int>(std::chrono::nanoseconds(SteadyNow() - begin).count());
+  return result;
+}
+
+rpc::Message NewRequest(unsigned short opcode) {
+  rpc::Message request{MessageId(opcode)};
+  request.Bl().reserve(2);
+  request.Bl().emplace_back(&gRpcVersion, sizeof(gRpcVersion), nullptr);
+  return request;
+}
+
+void LogCallError(unsigned short opcode, int status, long timeout) {
+  VYN_LOG_ERROR("rpc error. opcode: " << opcode << ", " << status << ": " << VynRpcStatusString(status)
+                                      << " timeout " << timeout << "ms.");
+}
+
+/// Sends the result word and, behind it, `data` if there is any. Returns: whether it was sent.
+bool Reply(unsigned short opcode, const std::shared_ptr<rpc::ServerContext>& context, ResultWord result,
+           void* data, unsigned int size, long timeout) {
+  rpc::Message reply{MessageId(opcode)};
+  reply.Bl().reserve(2);
+  reply.Bl().emplace_back(&result, sizeof(result), nullptr);
+  if (data != nullptr && size != 0) {
+    reply.Bl().emplace_back(data, size, nullptr);
+  }
+  context->mTimeout = EffectiveTimeout(timeout);
+  return rpc::Server::Reply(context, &reply, nullptr);
+}
+
+}  // namespace
+
+unsigned int RpcEngine::Initialize(std::string& ip, short port, long timeout, bool tlsEnable, bool authEnable,
+                                   std::map<std::string, const std::string>& securityConf) {
+  mIp = ip;
+  mPort = port;
+  mTimeout = timeout < 1 ? -1 : timeout;
+  const auto peerPort = static_cast<unsigned short>(port);
+  mClient.reset(new (std::nothrow) rpc::SecuredClient(ip, peerPort, mClientOptions, tlsEnable, authEnable));
+  if (mClient == nullptr) {
+    VYN_LOG_ERROR("Failed to create rpc client.");
+    return VYN_ERR_GENERIC;
+  }
+  if (!mClient->Initialize(securityConf, mTimeout)) {
+    VYN_LOG_ERROR("Failed to init Rpc client." << rpc::SecuredClient::mLastErrorMessage);
+    return VYN_ERR_GENERIC;
+  }
+  mClient->SetMaxReconnectTimes(kMaxReconnectTimes);
+  if (mClient->Connect()) {
+    return VYN_OK;
+  }
+  VYN_LOG_ERROR("Rpc client failed to connect to rpc server "
+                << ip << ":" << peerPort << "Err:" << rpc::SecuredClient::mLastErrorMessage
+                << ", try to reconnect");
+  ClientContext context;
+  context.mTimeout = mTimeout;
+  return mClient->ReconnectAndAuth(&context, true) ? VYN_OK : ToStatus(context.mStatus);
+}
+
+unsigned int RpcEngine::Reconnect(long timeout) {
+  VYN_CHECK_POINTER(mClient);
+  ClientContext context;
+  context.mTimeout = timeout;
+  return mClient->ReconnectAndAuth(&context, true) ? VYN_OK : VYN_ERR_RPC_TRANSPORT_B;
+}
+
+unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, const Ref<BaseMessage>& request,
+                                    const Ref<BaseMessage>& response, long timeout) {
+  VYN_CHECK_POINTER(mClient);
+  VYN_CHECK_POINTER(request);
+  // A failed serialisation leaves nothing to send, which shows below.
+  Measured(mTimeSer, [&] { return request->Serialize(); });
+  rpc::Message requestMessage = NewRequest(opcode);
+  rpc::Message responseMessage{MessageId(opcode)};
+  VYN_ASSERT(request->SerializedData() != nullptr && request->SerializedDataSize() > 0,
+             VYN_ERR_INVALID_PARAM);
+  requestMessage.Bl().emplace_back(request->SerializedData(), request->SerializedDataSize(), nullptr);
+
+  ClientContext context;
+  context.mTimeout = EffectiveTimeout(timeout);
+  const bool done = Measured(
+      mTimeCall, [&] { return mClient->SyncCall(&context, &requestMessage, &responseMessage, nullptr); });
+  if (!done) {
+    LogCallError(opcode, context.mStatus, context.mTimeout);
+    return ToStatus(context.mStatus);
+  }
+  if (const unsigned int result = CheckResult(opcode, responseMessage.Bl()); Failed(result)) {
+    return result;
+  }
+  if (response == nullptr) {
+    return VYN_OK;
+  }
+  const Buffer& reply = responseMessage.Bl().front();
+  const auto length = static_cast<std::int64_t>(reply.Len()) - static_cast<std::int64_t>(sizeof(ResultWord));
+  if (length < 0) {
+    VYN_LOG_ERROR("Response data length is error. which is :" << length);
+    return VYN_ERR_INVALID_PARAM;
+  }
+  const unsigned int result = response->SetInputRawData(static_cast<char*>(reply.Addr()) + sizeof(ResultWord),
+                                                        static_cast<unsigned int>(length), false);
+  if (Failed(result)) {
+    return result;
+  }
+  return Measured(mTimeDes, [&] { return response->Deserialize(); });
+}
+
+unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, char* data, unsigned int size, long timeout) {
+  VYN_CHECK_POINTER(mClient);
+  rpc::Message request = NewRequest(opcode);
+  rpc::Message response{MessageId(opcode)};
+  VYN_ASSERT(data != nullptr && size > 0, VYN_ERR_INVALID_PARAM);
+  request.Bl().emplace_back(data, size, nullptr);
+
+  ClientContext context;
+  context.mTimeout = EffectiveTimeout(timeout);
+  if (!mClient->SyncCall(&context, &request, &response, nullptr)) {
+    LogCallError(opcode, context.mStatus, context.mTimeout);
+    return context.mStatus == rpc::kBusy ? VYN_ERR_RPC_TRANSPORT_A : VYN_ERR_RPC_TRANSPORT_OTHER;
+  }
+  return CheckResult(opcode, response.Bl());
+}
+
+unsigned int RpcEngine::CheckResult(unsigned short opcode, std::vector<rpc::Buffer>& buffers) {
+  if (buffers.size() != 1) {
+    VYN_LOG_ERROR("Sync rpc call return size != 1. "
+                  << " opcode: " << opcode);
+    return VYN_ERR_GENERIC;
+  }
+  const Buffer& buffer = buffers.front();
+  ResultWord word;
+  if (buffer.Addr() == nullptr || buffer.Len() < sizeof(word)) {
+    VYN_LOG_ERROR("Rpc reply error, opcode: " << opcode << " address " << buffer.Addr() << " data size "
+                                              << buffer.Len());
+    return VYN_ERR_GENERIC;
+  }
+  std::memcpy(&word, buffer.Addr(), sizeof(word));
+  if (!Failed(word)) {
+    return VYN_OK;
+  }
+  VYN_LOG_ERROR("Error code is " << word << " opcode: " << opcode);
+  return word;
+}
+
+unsigned int RpcEngine::ParseRequest(const std::shared_ptr<rpc::Message>& message, void*& data,
+                                     unsigned int& size) {
+  std::uint16_t version;
+  if (message == nullptr || message->Bl().size() != 1 || message->Bl().front().Addr() == nullptr ||
+      message->Bl().front().Len() < sizeof(version)) {
+    VYN_LOG_ERROR("Parse request error, input is null.");
+    return VYN_ERR_REQUEST_SHAPE;
+  }
+  const Buffer& buffer = message->Bl().front();
+  std::memcpy(&version, buffer.Addr(), sizeof(version));
+  if (version > gRpcVersion) {
+    VYN_LOG_ERROR("Current low rpc version v" << gRpcVersion << " can't support for high version v"
+                                              << version);
+    return VYN_ERR_RPC_VERSION;
+  }
+  data = static_cast<char*>(buffer.Addr()) + sizeof(version);
+  size = static_cast<unsigned int>(buffer.Len() - sizeof(version));
+  return VYN_OK;
+}
+
+unsigned int RpcEngine::ParseRequest(unsigned short opcode,
+                                     const std::shared_ptr<rpc::ServerContext>& context,
+                                     const std::shared_ptr<rpc::Message>& message,
+                                     const Ref<BaseMessage>& request) {
+  VYN_CHECK_POINTER(request);
+  void* data = nullptr;
+  unsigned int size = 0;
+  unsigned int code = ParseRequest(message, data, size);
+  if (Failed(code)) {
+    VYN_LOG_ERROR("Failed to parse request. opcode: " << opcode << ", error code: " << code);
+  } else {
+    code = request->SetInputRawData(static_cast<char*>(data), size, false);
+    if (!Failed(code)) {
+      code = request->Deserialize();
+    }
+    if (!Failed(code)) {
+      return VYN_OK;
+    }
+    VYN_LOG_ERROR("Failed to deserialize request. opcode: " << opcode << ", error code: " << code);
+  }
+  SyncRpcReply(opcode, context, code, nullptr, 0, 0);
+  return VYN_ERR_GENERIC;
+}
+
+unsigned int RpcEngine::SyncRpcReply(unsigned short opcode,
+                                     const std::shared_ptr<rpc::ServerContext>& context, unsigned int result,
+                                     void* data, unsigned int size, long timeout) {
+  VYN_CHECK_POINTER(context);
+  if (!Reply(opcode, context, result, data, size, timeout)) {
+    VYN_LOG_ERROR("rpc error. opcode: " << opcode << ", " << context->mStatus << ": "
+                                        << VynRpcStatusString(context->mStatus));
+    return VYN_ERR_GENERIC;
+  }
+  return VYN_OK;
+}
+
+unsigned int RpcEngine::SyncRpcReply(unsigned short opcode,
+                                     const std::shared_ptr<rpc::ServerContext>& context, unsigned int result,
+                                     const Ref<BaseMessage>& response, long timeout) {
+  VYN_CHECK_POINTER(context);
+  void* data = nullptr;
+  unsigned int size = 0;
+  if (response != nullptr) {
+    response->Serialize();
+    data = response->SerializedData();
+    size = response->SerializedDataSize();
+  }
+  if (!Reply(opcode, context, result, data, size, timeout)) {
+    VYN_LOG_ERROR("Rpc reply error. opcode: " << opcode << ", " << context->mStatus << ": "
+                                              << VynRpcStatusString(context->mStatus));
+    return VYN_ERR_GENERIC;
+  }
+  return VYN_OK;
+}
+
+}  // namespace vyn::common

@@ -1,0 +1,177 @@
+#include "common/util/validator.h"
+
+#include "common/util/text.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <new>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace vyn::common {
+
+namespace {
+
+std::string RangeText(long start, long end) { return std::to_string(start) + "-" + std::to_string(end); }
+
+/// Reads one side of a range text. What stands behind the number is not looked at.
+bool ReadSide(const std::string& text, long& value) {
+  value = 0;
+  static_cast<void>(VynStol(text, value));
+  return value != -1 && (value != 0 || text == "0");
+}
+
+bool ReadItem(const std::string& text, long& value) {
+  char* end = nullptr;
+  errno = 0;
+  value = std::strtol(text.c_str(), &end, 10);
+  if (end != text.c_str() + text.size()) {
+    return false;
+  }
+  if ((value == LONG_MAX || value == LONG_MIN) && errno == ERANGE) {
+    return false;
+  }
+  return value != 0 || text == "0";
+}
+
+}  // namespace
+
+Validator::Validator(std::string name) : mName(std::move(name)) {}
+
+bool Validator::Validate(const std::string&) { return true; }
+bool Validator::Validate(int) { return true; }
+bool Validator::Validate(float) { return true; }
+bool Validator::Validate(long) { return true; }
+
+bool Validator::Refuse(const std::string& reason) {
+  mErrorMessage = "Invalid value for <" + mName + ">, " + reason;
+  return false;
+}
+
+bool Validator::RefuseOutside(long start, long end) {
+  return Refuse("it should be between " + RangeText(start, end));
+}
+
+bool Validator::Define(bool sound, const std::string& reason) {
+  if (!sound) {
+    mErrorMessage = "Failed to initialize validator for <" + mName + ">, because " + reason;
+  }
+  return sound;
+}
+
+bool Validator::DefineRange(bool sound) { return Define(sound, "end should be bigger than start"); }
+
+VStrNotNull::VStrNotNull(std::string name) : Validator(std::move(name)) {}
+
+Ref<Validator> VStrNotNull::Create(const std::string& name) { return new (std::nothrow) VStrNotNull(name); }
+
+bool VStrNotNull::Initialize() { return true; }
+
+bool VStrNotNull::Validate(const std::string& value) {
+  return !value.empty() || Refuse("it should not be empty");
+}
+
+VStrRange::VStrRange(std::string name, std::int32_t start, std::int32_t end, bool allowEmpty)
+    : Validator(std::move(name)), mStart(start), mEnd(end), mAllowEmpty(allowEmpty) {}
+
+Ref<Validator> VStrRange::Create(const std::string& name, std::int32_t start, std::int32_t end,
+                                 bool allowEmpty) {
+  return new (std::nothrow) VStrRange(name, start, end, allowEmpty);
+}
+
+bool VStrRange::Initialize() { return DefineRange(mEnd > mStart); }
+
+bool VStrRange::Validate(const std::string& value) {
+  if (mAllowEmpty && value.empty()) {
+    return true;
+  }
+  const auto dash = value.find('-');
+  long low = 0;
+  long high = 0;
+  if (dash == std::string::npos || dash == 0 || dash + 1 == value.size() ||
+      !ReadSide(value.substr(0, dash), low) || !ReadSide(value.substr(dash + 1), high)) {
+    return Refuse("it should be range like 1000-2000");
+  }
+  return (low >= mStart && high <= mEnd) || RefuseOutside(mStart, mEnd);
+}
+
+VStrEnum::VStrEnum(std::string name, std::string enumText)
+    : Validator(std::move(name)), mEnum(std::move(enumText)) {}
+
+bool VStrEnum::Initialize() {
+  std::set<std::string> words;
+  SplitStr(mEnum, "||", words);
+  return Define(!words.empty(), "enum string is not correct");
+}
+
+bool VStrEnum::Validate(const std::string& value) {
+  const std::string bar = "||";
+  if (value.find(bar) == std::string::npos &&
+      (bar + mEnum + bar).find(bar + value + bar) != std::string::npos) {
+    return true;
+  }
+  return Refuse("it should be one of " + mEnum);
+}
+
+VStrArray::VStrArray(std::string name, std::int32_t start, std::int32_t end, std::uint32_t itemCount,
+                     bool allowEmpty)
+    : Validator(std::move(name)), mStart(start), mEnd(end), mItemCount(itemCount), mAllowEmpty(allowEmpty) {}
+
+bool VStrArray::Initialize() { return DefineRange(mEnd > mStart); }
+
+bool VStrArray::Validate(const std::string& value) {
+  if (mAllowEmpty && value.empty()) {
+    return true;
+  }
+  std::vector<std::string> items;
+  SplitStr(value, ",", items);
+  if (items.size() != mItemCount) {
+    return Refuse("there should be " + std::to_string(mItemCount) + " items");
+  }
+  for (const std::string& item : items) {
+    long number = 0;
+    if (!ReadItem(item, number)) {
+      return Refuse("all items must be integer");
+    }
+    if (number < mStart || number > mEnd) {
+      return RefuseOutside(mStart, mEnd);
+    }
+  }
+  return true;
+}
+
+VIntRange::VIntRange(std::string name, std::int32_t start, std::int32_t end)
+    : Validator(std::move(name)), mStart(start), mEnd(end) {}
+
+Ref<Validator> VIntRange::Create(const std::string& name, const int& start, const int& end) {
+  return new (std::nothrow) VIntRange(name, start, end);
+}
+
+bool VIntRange::Initialize() { return DefineRange(mEnd > mStart); }
+
+bool VIntRange::Validate(int value) {
+  if (value >= mStart && value <= mEnd) {
+    return true;
+  }
+  return mEnd == INT_MAX ? Refuse("it should be >= " + std::to_string(mStart)) : RefuseOutside(mStart, mEnd);
+}
+
+VLongRange::VLongRange(std::string name, std::int64_t start, std::int64_t end)
+    : Validator(std::move(name)), mStart(start), mEnd(end) {}
+
+Ref<Validator> VLongRange::Create(const std::string& name, const long& start, const long& end) {
+  return new (std::nothrow) VLongRange(name, start, end);
+}
+
+bool VLongRange::Initialize() { return DefineRange(mEnd >= mStart); }
+
+bool VLongRange::Validate(long value) {
+  if (value >= mStart && value <= mEnd) {
+    return true;
+  }
+  return mEnd == LONG_MAX ? Refuse("it should be >= " + std::to_string(mStart)) : RefuseOutside(mStart, mEnd);
+}
+
+}  // namespace vyn::common

@@ -1,0 +1,145 @@
+#pragma once
+
+// The rules of configuration keys.
+//
+// A rule first checks its own definition (Initialize) and then a value (Validate, in the form of the value's
+// type). A rule that says no leaves its complaint in ErrorMessage(). A form that a rule does not override
+// lets every value pass.
+//
+// Not safe for concurrent use: a check writes the complaint. Configuration::Validate runs on the thread that
+// starts the process up.
+
+#include "common/util/ref.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vyn::common {
+
+class Validator : public Referable {
+ public:
+  ~Validator() override = default;
+
+  /// Whether the rule itself makes sense. To be called before Validate.
+  virtual bool Initialize() = 0;
+  virtual bool Validate(const std::string& value);
+  virtual bool Validate(int value);
+  virtual bool Validate(float value);
+  virtual bool Validate(long value);
+
+  /// The last complaint; empty until a check has failed.
+  const std::string& ErrorMessage() const { return mErrorMessage; }
+
+ protected:
+  explicit Validator(std::string name);
+
+  /// Keeps "Invalid value for <NAME>, REASON" as the complaint. Returns: false, so that a failing check can
+  /// end with it.
+  bool Refuse(const std::string& reason);
+  bool RefuseOutside(long start, long end);
+  /// Keeps "Failed to initialize validator for <NAME>, because REASON" unless `sound`. Returns: `sound`.
+  bool Define(bool sound, const std::string& reason);
+  bool DefineRange(bool sound);
+
+  /// The key that the rule belongs to.
+  std::string mName;
+  std::string mErrorMessage;
+};
+
+/// A text that must not be empty.
+class VStrNotNull : public Validator {
+ public:
+  explicit VStrNotNull(std::string name);
+  ~VStrNotNull() override = default;
+  /// Returns: the rule, or an empty Ref without memory. So do the other Create functions.
+  static Ref<Validator> Create(const std::string& name);
+
+  bool Initialize() override;
+  using Validator::Validate;
+  bool Validate(const std::string& value) override;
+};
+
+/// A text that is a range of two numbers, such as "60000-61000", within bounds. The order of the two numbers
+/// is free.
+class VStrRange : public Validator {
+ public:
+  VStrRange(std::string name, std::int32_t start, std::int32_t end, bool allowEmpty);
+  ~VStrRange() override = default;
+  static Ref<Validator> Create(const std::string& name, std::int32_t start, std::int32_t end,
+                               bool allowEmpty);
+
+  bool Initialize() override;
+  using Validator::Validate;
+  bool Validate(const std::string& value) override;
+
+ private:
+  std::int32_t mStart;
+  std::int32_t mEnd;
+  bool mAllowEmpty;
+};
+
+/// A text that is one of several words.
+class VStrEnum : public Validator {
+ public:
+  /// \param enumText the words, separated by "||".
+  VStrEnum(std::string name, std::string enumText);
+  ~VStrEnum() override = default;
+
+  bool Initialize() override;
+  using Validator::Validate;
+  bool Validate(const std::string& value) override;
+
+ private:
+  std::string mEnum;
+};
+
+/// A text that is a comma-separated list of a fixed number of integers within bounds, such as "1,3,3".
+class VStrArray : public Validator {
+ public:
+  VStrArray(std::string name, std::int32_t start, std::int32_t end, std::uint32_t itemCount, bool allowEmpty);
+  ~VStrArray() override = default;
+
+  bool Initialize() override;
+  using Validator::Validate;
+  bool Validate(const std::string& value) override;
+
+ private:
+  std::int32_t mStart;
+  std::int32_t mEnd;
+  std::uint32_t mItemCount;
+  bool mAllowEmpty;
+};
+
+/// A 32-bit integer within inclusive bounds, of which the upper must be the larger.
+class VIntRange : public Validator {
+ public:
+  VIntRange(std::string name, std::int32_t start, std::int32_t end);
+  ~VIntRange() override = default;
+  static Ref<Validator> Create(const std::string& name, const int& start, const int& end);
+
+  bool Initialize() override;
+  using Validator::Validate;
+  bool Validate(int value) override;
+
+ private:
+  std::int32_t mStart;
+  std::int32_t mEnd;
+};
+
+/// A 64-bit integer within inclusive bounds, which may be equal.
+class VLongRange : public Validator {
+ public:
+  VLongRange(std::string name, std::int64_t start, std::int64_t end);
+  ~VLongRange() override = default;
+  static Ref<Validator> Create(const std::string& name, const long& start, const long& end);
+
+  bool Initialize() override;
+  using Validator::Validate;
+  bool Validate(long value) override;
+
+ private:
+  std::int64_t mStart;
+  std::int64_t mEnd;
+};
+
+}  // namespace vyn::common

@@ -1,0 +1,103 @@
+#pragma once
+
+// The messages of broadcast variables: the variable, its blocks with their memory objects, the choice of
+// nodes. common/util/base_message.h tells how a message is used and by whom. Flags whose sense only the
+// services know keep the names that they have on the wire.
+
+#include "common/util/base_message.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vyn::tessel {
+
+struct TBroadcastVar;
+struct TBroadcastVarEntry;
+struct TBroadcastBlockBatch;
+struct TBroadcastBlockInfo;
+struct TBlockInfoRequest;
+struct TBlockBmInfo;
+struct TBroadcastRemoteNodeReq;
+struct TBroadcastRemoteNodeRsp;
+
+/// One broadcast variable of an application.
+class BroadcastVar : public common::Message<TBroadcastVar> {
+ public:
+  std::string appId;
+  std::uint32_t broadcastId = 0;  ///< unique in the application
+  std::uint32_t blockNum = 0;     ///< number of blocks
+  bool varFlag = true;
+  VYN_MESSAGE_FIELDS(appId, broadcastId, blockNum, varFlag)
+};
+
+/// One variable as a list entry of the metadata service.
+class BroadcastVarEntry : public common::Message<TBroadcastVarEntry> {
+ public:
+  std::string name;
+  std::uint32_t entryId = 0;
+  std::vector<std::uint64_t> sizes;  ///< of the blocks, in bytes
+  bool entryFlag = false;
+  VYN_MESSAGE_FIELDS(name, entryId, entryFlag, sizes)
+};
+
+/// Asks the local server to allocate the blocks of a variable.
+class BroadcastBlockBatch : public common::Message<TBroadcastBlockBatch> {
+ public:
+  std::string appId;
+  std::uint32_t broadcastId = 0;
+  std::vector<std::uint64_t> sizes;  ///< of each block, in bytes
+  VYN_MESSAGE_FIELDS(appId, broadcastId, sizes)
+};
+
+/// The blocks of a variable with their memory objects: reply of creation and fetch, and the record that a
+/// driver adds to the metadata service. `bmIds` and `sizes` have one entry a block; the reader checks that
+/// they pair.
+class BroadcastBlockInfo : public common::Message<TBroadcastBlockInfo> {
+ public:
+  std::string appId;
+  std::uint32_t broadcastId = 0;
+  std::vector<std::string> bmIds;
+  std::vector<std::uint64_t> sizes;  ///< in bytes
+  std::uint32_t nodeId =
+      0xFFFFFFFF;  ///< the 16-bit id of the node that holds the blocks; an absent one reads as 0
+  VYN_MESSAGE_FIELDS(appId, broadcastId, nodeId, bmIds, sizes)
+};
+
+/// Asks the metadata service for the memory objects of one block.
+class BlockInfoRequest : public common::Message<TBlockInfoRequest> {
+ public:
+  std::string appId;
+  std::uint32_t broadcastId = 0;
+  std::uint32_t blockIndex = 0;
+  VYN_MESSAGE_FIELDS(appId, broadcastId, blockIndex)
+};
+
+/// The reply to BlockInfoRequest.
+class BlockBmInfo : public common::Message<TBlockBmInfo> {
+ public:
+  std::vector<std::string> bmIds;
+  std::vector<std::string> varToClean;  ///< variables that the receiver is to clean
+  bool bmFlag = false;
+  VYN_MESSAGE_FIELDS(bmIds, bmFlag, varToClean)
+};
+
+/// Asks for a choice of remote nodes, or whether this node takes part in the memory fabric.
+class BroadcastRemoteNodeReq : public common::Message<TBroadcastRemoteNodeReq> {
+ public:
+  std::string appId;
+  std::vector<std::string> candidateNodes;  ///< addresses or names
+  bool selectFlag = false;
+  VYN_MESSAGE_FIELDS(appId, selectFlag, candidateNodes)
+};
+
+/// The chosen nodes: entry i of each list describes one node; the reader checks that they pair.
+class BroadcastRemoteNodeRsp : public common::Message<TBroadcastRemoteNodeRsp> {
+ public:
+  std::vector<std::uint16_t> nodeIds;
+  std::vector<std::string> selectedNodes;
+  std::vector<std::string> hostNames;
+  VYN_MESSAGE_FIELDS(selectedNodes, nodeIds, hostNames)
+};
+
+}  // namespace vyn::tessel

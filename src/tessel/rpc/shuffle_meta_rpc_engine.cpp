@@ -1,0 +1,131 @@
+// The connection side: the instance, the leader, the pool.
+
+#include "tessel/rpc/shuffle_meta_rpc_engine.h"
+
+#include "common/api/base_api_util.h"
+#include "common/util/clock.h"
+#include "common/util/logging.h"
+#include "tessel/rpc/meta_rpc_engine_pool.h"
+
+#include <chrono>
+#include <new>
+#include <sstream>
+#include <thread>
+
+namespace vyn::tessel {
+
+Ref<ShuffleMetaRPCEngine>& ShuffleMetaRPCEngine::gShuffleMetaRPCEngine = *new Ref<ShuffleMetaRPCEngine>;
+
+namespace {
+
+std::mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
+
+}  // namespace
+
+ShuffleMetaRPCEngine::ShuffleMetaRPCEngine(long timeout, bool isSdk,
+                                           const Ref<ShuffleServerRPCEngine>& serverEngine)
+    : LeaderRPCEngine(timeout, isSdk, 0), mServerEngine(serverEngine) {}
+
+Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::CreateInstance(long timeout, bool isSdk,
+                                                               Ref<ShuffleServerRPCEngine> serverEngine) {
+  Ref<ShuffleMetaRPCEngine> made(new (std::nothrow) ShuffleMetaRPCEngine(timeout, isSdk, serverEngine));
+  if (made == nullptr) {
+    VYN_LOG_ERROR("Failed to new instance for \"ShuffleMetaRPCEngine\"");
+    return nullptr;
+  }
+  std::lock_guard lock(gInstanceMutex);
+  gShuffleMetaRPCEngine = made;
+  return made;
+}
+
+Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::GetInstance() {
+  std::lock_guard lock(gInstanceMutex);
+  return gShuffleMetaRPCEngine;
+}
+
+std::uint32_t ShuffleMetaRPCEngine::Initialize() {
+  if (const std::uint32_t status = TakeSources(); Failed(status)) {
+    return status;
+  }
+  if (const std::uint32_t status = ShuffleMetaLeaderInfoGet(); Failed(status)) {
+    VYN_LOG_ERROR("Failed to get leader info from server in retry time: " << 0);
+    return status;
+  }
+  const std::string leader = AdoptLeader();
+  const std::uint32_t status = InitializeEnginePool(leader);
+  if (Failed(status)) {
+    VYN_LOG_ERROR("Failed to reconnect to <" << leader << ">.");
+  }
+  return status;
+}
+
+std::uint32_t ShuffleMetaRPCEngine::InitializeEnginePool(const std::string& ip) {
+  const auto begin = common::SteadyNow();
+  std::ostringstream thread;
+  thread << " tid<" << std::this_thread::get_id() << ">.";
+  Ref<common::RPCEnginePool> pool;
+  // The catalogue's default of the port is 3892; this one counts only where the key is unknown.
+  if (const std::uint32_t status = ReplacePool(ip, "vyn.tessel.rpc.shuffle_meta.port", 3891,
+                                               &NewPool<MetaRPCEnginePool>, thread.str(), pool);
+      Failed(status)) {
+    return status;
+  }
+  if (const std::uint32_t status = pool->Initialize(); Failed(status)) {
+    VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code " << status);
+    return VYN_ERR_META_POOL_INIT;
+  }
+  VYN_LOG_INFO("Connected to shuffle meta service at <"
+               << ip << "> successfully with in "
+               << std::chrono::nanoseconds(common::SteadyNow() - begin).count() << "ns.");
+  return VYN_OK;
+}
+
+std::uint32_t ShuffleMetaRPCEngine::ShuffleMetaLeaderInfoGet() {
+  {
+    std::lock_guard lock(mServerEngineMutex);
+    if (mServerEngine == nullptr) {
+      return VYN_OK;
+    }
+  }
+  const Ref<MetaLeaderInformation> request(new (std::nothrow) MetaLeaderInformation("meta"));
+  VYN_CHECK_POINTER(request);
+  Ref<MetaLeaderInformation> response(new (std::nothrow) MetaLeaderInformation);
+  VYN_CHECK_POINTER(response);
+  const auto server = ShuffleServerRPCEngine::GetInstance(mIsSdk);
+  if (server == nullptr) {
+    VYN_LOG_ERROR("Get ShuffleServerRPCEnginePtr nullptr");
+    return VYN_ERR_SERVER_CLIENT;
+  }
+  {
+    std::lock_guard lock(mServerEngineMutex);
+    mServerEngine = server;
+  }
+  if (const std::uint32_t status = server->GetMetaLeaderInfo(request, response); Failed(status)) {
+    VYN_LOG_ERROR("Meta engine Failed to get Meta leader info");
+    return status;
+  }
+  const auto metaNode = common::MetaNodeInfo::GetInstance();
+  VYN_CHECK_POINTER(metaNode);
+  {
+    std::unique_lock lock(metaNode->mLeaderLock);
+    metaNode->mLeaderAddress = response->metaLeaderInfo;
+  }
+  VYN_LOG_INFO("Get meta leader ip from shuffle server success, ip port: " << response->metaLeaderInfo);
+  return VYN_OK;
+}
+
+std::uint32_t ShuffleMetaRPCEngine::SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
+                                                     const Ref<common::BaseMessage>& response) {
+  return SendWithRetry(opcode, request, response, [this](std::uint32_t hr) {
+    if (Failed(ShuffleMetaLeaderInfoGet())) {
+      VYN_LOG_ERROR("Failed to get meta leader information, hr is: " << hr);
+    }
+  });
+}
+
+void ShuffleMetaRPCEngine::GetSecurityConf(std::map<std::string, const std::string>& conf,
+                                           const std::string& metaHostname) {
+  common::BaseApiUtil::GetSecurityConf4Client(conf, metaHostname, mIsSdk);
+}
+
+}  // namespace vyn::tessel

@@ -1,0 +1,88 @@
+// The registry of heartbeat senders: the members of BaseApiUtil that call upwards, to the typed clients.
+
+#include "common/api/base_api_util.h"
+#include "common/util/logging.h"
+#include "tessel/sdk/heart_beat/heart_beat_thread.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <new>
+
+namespace vyn::common {
+
+// Never destroyed: senders that hang in a call outlive the end of the process by a moment.
+std::unordered_map<std::string, Ref<HeartBeatThread>>& BaseApiUtil::g_HeartBeatFlag =
+    *new std::unordered_map<std::string, Ref<HeartBeatThread>>;
+std::mutex BaseApiUtil::heartBeatLock;
+
+namespace {
+
+/// Ends all senders when the process exits, without a farewell; the library stays loaded until then, whoever
+/// closes it. All together get a second; who hangs in a call longer than that is left behind: what it touches
+/// is never destroyed.
+struct SendersEnd {
+  const pid_t mOwner = getpid();
+
+  ~SendersEnd() {
+    if (getpid() != mOwner) {
+      return;  // a forked child has the registry but not its threads
+    }
+    std::chrono::milliseconds patience{1000};
+    std::lock_guard lock(BaseApiUtil::heartBeatLock);
+    for (const auto& [name, sender] : BaseApiUtil::g_HeartBeatFlag) {
+      sender->AskToEnd();
+    }
+    for (const auto& [name, sender] : BaseApiUtil::g_HeartBeatFlag) {
+      sender->JoinWithin(patience);
+    }
+  }
+};
+
+}  // namespace
+
+unsigned int BaseApiUtil::StartHeartBeat(const std::string& appName, unsigned char processType,
+                                         const std::string& processName, const std::string& content) {
+  Ref<HeartBeatThread> threadPtr(new (std::nothrow)
+                                     HeartBeatThread(appName, processType, processName, content));
+  VYN_CHECK_POINTER(threadPtr);
+  if (Failed(PutIfAbsent(appName, threadPtr))) {
+    VYN_LOG_WARN("Heart beat of appName: " << appName << " processType: " << int{processType}
+                                           << ", process name: " << processName << " has already started.");
+    return VYN_ERR_GENERIC;
+  }
+  const unsigned int status = threadPtr->Start();
+  // Made behind the first call, so that it goes before what that call has set up.
+  static const SendersEnd end;
+  return status;
+}
+
+unsigned int BaseApiUtil::StopHeartBeat(const std::string& appName, unsigned char processType,
+                                        const std::string& processName, const std::string& /*content*/) {
+  Ref<HeartBeatThread> threadPtr;
+  if (Failed(GetIfExist(appName, threadPtr))) {
+    VYN_LOG_WARN("Heart beat of appName: " << appName << " processType: " << int{processType}
+                                           << ", process name: " << processName << " is already stopped.");
+    return VYN_ERR_GENERIC;
+  }
+  threadPtr->Stop();
+  return VYN_OK;
+}
+
+unsigned int BaseApiUtil::PutIfAbsent(const std::string& appName, const Ref<HeartBeatThread>& thread) {
+  std::lock_guard lock(heartBeatLock);
+  return g_HeartBeatFlag.emplace(appName, thread).second ? VYN_OK : VYN_ERR_GENERIC;
+}
+
+unsigned int BaseApiUtil::GetIfExist(const std::string& appName, Ref<HeartBeatThread>& thread) {
+  std::lock_guard lock(heartBeatLock);
+  const auto found = g_HeartBeatFlag.find(appName);
+  if (found == g_HeartBeatFlag.end()) {
+    return VYN_ERR_GENERIC;
+  }
+  thread = found->second;
+  g_HeartBeatFlag.erase(found);
+  return VYN_OK;
+}
+
+}  // namespace vyn::common

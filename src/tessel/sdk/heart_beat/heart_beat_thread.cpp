@@ -1,0 +1,132 @@
+#include "tessel/sdk/heart_beat/heart_beat_thread.h"
+
+#include "common/util/clock.h"
+#include "common/util/logging.h"
+#include "tessel/rpc/shuffle_meta_rpc_engine.h"
+#include "tuning/rpc/tuning_rpc_engine.h"
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <new>
+#include <system_error>
+#include <utility>
+
+namespace vyn::common {
+
+namespace {
+
+constexpr std::chrono::seconds kPeriod{2};
+constexpr unsigned char kToMetadataService = 0;
+constexpr unsigned char kToTuningService = 1;
+
+}  // namespace
+
+HeartBeatThread::HeartBeatThread(std::string appName, unsigned char processType, std::string processName,
+                                 std::string content)
+    : mAppName(std::move(appName)),
+      mProcessType(processType),
+      mProcessName(std::move(processName)),
+      mContent(std::move(content)) {}
+
+HeartBeatThread::~HeartBeatThread() {
+  std::lock_guard lock(mLock);
+  EndThread();
+}
+
+unsigned int HeartBeatThread::Start() {
+  std::lock_guard lock(mLock);
+  if (mRunning) {
+    return VYN_OK;
+  }
+  mRunning = true;
+  VYN_LOG_INFO(mAppName << " with process name " << mProcessName << " start to send heart beat");
+  Send(true);
+  mHbThread = new (std::nothrow) std::thread;
+  VYN_CHECK_POINTER(mHbThread);
+  try {
+    *mHbThread = std::thread(&HeartBeatThread::Task, this);
+  } catch (const std::system_error&) {  // the process has as many threads as it may have
+    delete mHbThread;
+    mHbThread = nullptr;
+  }
+  VYN_CHECK_POINTER(mHbThread);
+  // Linux takes names of up to 15 characters and refuses this one; the thread then keeps its creator's.
+  pthread_setname_np(mHbThread->native_handle(), ("heartBeatSender-" + mAppName).c_str());
+  return VYN_OK;
+}
+
+unsigned int HeartBeatThread::Stop() {
+  std::lock_guard lock(mLock);
+  if (!mRunning) {
+    return VYN_OK;
+  }
+  EndThread();
+  VYN_LOG_INFO(mAppName << " with process name " << mProcessName << " stop to send heart beat");
+  Send(false);
+  return VYN_OK;
+}
+
+// Requires: mLock.
+void HeartBeatThread::EndThread() {
+  mRunning = false;
+  if (mHbThread == nullptr) {
+    return;
+  }
+  {
+    // The thread lets go of the lock only in its wait, so the notification finds it there or not yet begun.
+    std::lock_guard lock(mCondLock);
+    mCond.notify_all();
+  }
+  mHbThread->join();
+  delete mHbThread;
+  mHbThread = nullptr;
+}
+
+void HeartBeatThread::Task() {
+  std::unique_lock lock(mCondLock);
+  while (mRunning) {
+    Send(true);
+    // Steady time: a clock that is set back must not silence a living application.
+    mCond.wait_for(lock, kPeriod);
+  }
+}
+
+unsigned int HeartBeatThread::Send(bool isAlive) {
+  unsigned int status = VYN_OK;
+  if (mProcessType == kToMetadataService) {
+    if (const auto client = tessel::ShuffleMetaRPCEngine::GetInstance(); client != nullptr) {
+      status = client->HeartBeat(mAppName, mProcessType, mProcessName, mContent, isAlive);
+    }
+  } else if (mProcessType == kToTuningService) {
+    if (const auto client = tuning::TuningRpcEngine::GetInstance(); client != nullptr) {
+      status = client->HeartBeat(mAppName, mProcessType, mProcessName, mContent, isAlive);
+    }
+  }
+  if (Failed(status)) {
+    VYN_LOG_ERROR("Failed to send shuffle heartBeat as appName: "
+                  << mAppName << " processType: " << int{mProcessType} << ", process name: " << mProcessName);
+  }
+  return status;
+}
+
+void HeartBeatThread::AskToEnd() {
+  mRunning = false;
+  mCond.notify_all();
+}
+
+void HeartBeatThread::JoinWithin(std::chrono::milliseconds& patience) {
+  constexpr std::chrono::milliseconds kPause{1};
+  std::unique_lock lock(mLock, std::try_to_lock);
+  if (!lock.owns_lock() || mHbThread == nullptr) {
+    return;
+  }
+  while (pthread_tryjoin_np(mHbThread->native_handle(), nullptr) == EBUSY && patience > kPause) {
+    SleepFor(kPause);
+    patience -= kPause;
+    // Told without mCondLock, which a hanging call may hold, it can miss a thread that is about to wait.
+    mCond.notify_all();
+  }
+}
+
+}  // namespace vyn::common

@@ -1,0 +1,5 @@
+#include "support/rpc_load.h"
+
+#include <gtest/gtest.h>
+
+TEST(RpcLoad, RandomDisconnects) { vyn::test::RunRpcLoad(std::chrono::seconds(2)); }

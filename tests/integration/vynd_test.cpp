@@ -1,0 +1,259 @@
+// Real daemons, drivers and executors on loopback addresses, with a real ZooKeeper.
+
+#include "support/command.h"
+#include "support/vynd_process.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace vyn::test {
+namespace {
+
+constexpr const char* kLeaderPath = "/meta/election/leader_info";
+
+class VyndTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { gServer = std::make_unique<ZookeeperServer>(); }
+  static void TearDownTestSuite() { gServer.reset(); }
+
+  std::unique_ptr<VyndNode> Node(int id = 1, const std::string& nodeList = "127.0.0.1") {
+    return std::make_unique<VyndNode>(id, "127.0.0." + std::to_string(id), mUrl, mMetadataPort.Number(),
+                                      nodeList);
+  }
+  CommandResult Vynctl(const VyndNode& node, const std::string& arguments) {
+    return RunCommand(VYN_STAGE_DIR "/bin/vynctl --home " + node.Home() + " " + arguments);
+  }
+
+  static inline std::unique_ptr<ZookeeperServer> gServer;
+  const std::string mUrl = gServer->NewRoot();
+  const ReservedPort mMetadataPort;
+};
+
+void End(ChildProcess& daemon) {
+  daemon.Signal(SIGTERM);
+  EXPECT_EQ(daemon.Wait(std::chrono::seconds(60)), 0);
+}
+
+TEST_F(VyndTest, RefusesToStartWithEveryComplaint) {
+  const auto node = Node();
+  const std::string conf = node->Home() + "/conf/vyn.conf";
+  const std::string good = ReadFile(conf);
+  std::ofstream(conf) << good << "vyn.tuning.rpc.server.port=17\nvyn.zookeeper.session.timeout=6000\n";
+  std::string command;
+  for (const std::string& word : node->Command()) {
+    command += word + " ";
+  }
+  CommandResult run = RunCommand("timeout 60 " + command);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.output.find("vyn.tuning.rpc.server.port"), std::string::npos) << run.output;
+  EXPECT_NE(run.output.find("vyn.zookeeper.session.timeout"), std::string::npos) << run.output;
+  EXPECT_EQ(run.output.find("READY"), std::string::npos);
+
+  for (const char* wrong : {"--node-id 0", "--address here", "--app-timeout 0", "--home /nowhere"}) {
+    run = RunCommand("timeout 60 " + command + wrong);
+    EXPECT_EQ(run.status, 2) << wrong << run.output;
+  }
+}
+
+TEST_F(VyndTest, OneRunsOnAHomeAndEndsOrderly) {
+  const auto node = Node();
+  node->Start();
+  std::string command;
+  for (const std::string& word : node->Command()) {
+    command += word + " ";
+  }
+  const CommandResult second = RunCommand("timeout 60 " + command);
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.output.find("process " + std::to_string(node->Process().Pid())), std::string::npos)
+      << second.output;
+
+  RawZookeeper tree(mUrl);
+  EXPECT_EQ(tree.Get(kLeaderPath), "127.0.0.1");
+  EXPECT_TRUE(tree.Exists("/mf/node/1"));
+  End(node->Process());
+  EXPECT_FALSE(tree.Exists(kLeaderPath));
+  EXPECT_FALSE(tree.Exists("/mf/node/1"));
+  EXPECT_FALSE(tree.Exists("/mf/capacity/1"));
+  node->Start();  // and again at once
+  End(node->Process());
+}
+
+TEST_F(VyndTest, EndsWhenZookeeperDoesNotAnswer) {
+  ZookeeperServer own;
+  const VyndNode unused(7, "127.0.0.7", mUrl, mMetadataPort.Number(), "127.0.0.7");
+  VyndNode node(1, "127.0.0.1", own.NewRoot(), mMetadataPort.Number(), "127.0.0.1");
+  node.Start();
+  own.Freeze();
+  const auto begin = std::chrono::steady_clock::now();
+  End(node.Process());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+  own.Thaw();
+}
+
+TEST_F(VyndTest, BlocksAndMappingsOutliveAKilledDaemon) {
+  const auto node = Node();
+  node->Start();
+  BroadcastClient driver(*node, true);
+  ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
+  ASSERT_EQ(driver.Do("create app 7 3"), "0");
+  ASSERT_EQ(driver.Do("fill app 7 3 100001 5"), "0");
+  BroadcastClient executor(*node, false);
+  ASSERT_EQ(executor.Do("register app 0 secret"), "0 1");
+  ASSERT_EQ(executor.Do("fetch app 7 3"), "0");
+  ASSERT_EQ(executor.Do("look app 7 3 5"), "0 1");
+
+  node->Process().Kill();
+  EXPECT_EQ(executor.Do("again 5"), "0 1");
+  node->Start();
+  EXPECT_EQ(executor.Do("again 5"), "0 1");
+  BroadcastClient late(*node, false);
+  EXPECT_EQ(late.Do("register app 0 secret"), "0 1");
+  EXPECT_EQ(late.Do("fetch app 7 3"), "0");
+  EXPECT_EQ(late.Do("look app 7 3 5"), "0 1");
+  EXPECT_EQ(node->Objects(), 3U);
+
+  // What is freed stays readable to who maps it, and its room is there again.
+  EXPECT_EQ(driver.Do("delete app 7"), "0");
+  EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 0; }));
+  EXPECT_EQ(executor.Do("again 5"), "0 1");
+  EXPECT_EQ(driver.Do("complete app"), "0");
+  EXPECT_TRUE(WaitUntil([&] { return !std::filesystem::exists(node->Pool() + "/app"); }));
+  End(node->Process());
+}
+
+TEST_F(VyndTest, AWrongTokenIsRefusedOnEveryNode) {
+  const auto first = Node(1);
+  const auto second = Node(2);
+  first->Start();
+  second->Start();
+  BroadcastClient driver(*first, true);
+  ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
+  for (const VyndNode* node : {first.get(), second.get()}) {
+    BroadcastClient stranger(*node, false);
+    EXPECT_NE(stranger.Do("register app 0 guessed").substr(0, 2), "0 ");
+    BroadcastClient executor(*node, false);
+    EXPECT_EQ(executor.Do("register app 0 secret"), "0 1");
+  }
+  EXPECT_FALSE(RawZookeeper(mUrl).Get("/vyn/apps/app/token").find("secret") != std::string::npos);
+}
+
+TEST_F(VyndTest, AFullPoolIsAClearErrorAndLeaksNothing) {
+  const auto node = Node();
+  node->Start("8M");
+  BroadcastClient driver(*node, true);
+  ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
+  ASSERT_EQ(driver.Do("create app 1 5"), "0");
+  EXPECT_NE(driver.Do("fill app 1 5 2000000 0"), "0");
+  EXPECT_EQ(node->Objects(), 0U);
+  ASSERT_EQ(driver.Do("create app 2 3"), "0");
+  EXPECT_EQ(driver.Do("fill app 2 3 2000000 0"), "0");
+  EXPECT_EQ(node->Objects(), 3U);
+}
+
+TEST_F(VyndTest, ASilentApplicationGivesItsMemoryBack) {
+  const auto node = Node();
+  node->Start("64M", 3);
+  BroadcastClient driver(*node, true);
+  ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
+  ASSERT_EQ(driver.Do("create app 1 2"), "0");
+  ASSERT_EQ(driver.Do("fill app 1 2 4096 0"), "0");
+  ASSERT_EQ(driver.Do("beat app"), "0");
+  BroadcastClient other(*node, true);
+  ASSERT_EQ(other.Do("register quiet 1 secret"), "0 1");
+  ASSERT_EQ(other.Do("create quiet 1 1"), "0");
+  ASSERT_EQ(other.Do("fill quiet 1 1 4096 0"), "0");
+  EXPECT_EQ(node->Objects(), 3U);
+  driver.Process().Kill();
+  EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 1; }));
+  EXPECT_FALSE(std::filesystem::exists(node->Pool() + "/app"));
+  EXPECT_FALSE(RawZookeeper(mUrl).Exists("/vyn/apps/app"));
+  EXPECT_TRUE(RawZookeeper(mUrl).Exists("/vyn/apps/quiet")) << "it never sent a heartbeat";
+}
+
+TEST_F(VyndTest, AFollowerServesWhatAKilledLeaderAcknowledged) {
+  const std::string list = "127.0.0.1,127.0.0.2,127.0.0.3";
+  std::vector<std::unique_ptr<VyndNode>> nodes;
+  for (int id = 1; id <= 3; ++id) {
+    nodes.push_back(Node(id, list));
+    nodes.back()->Start();
+  }
+  RawZookeeper tree(mUrl);
+  const std::string leader = tree.Get(kLeaderPath);
+  const auto isLeader = [&](int id) { return "127.0.0." + std::to_string(id) == leader; };
+  const int leading = isLeader(1) ? 1 : isLeader(2) ? 2 : 3;
+  VyndNode& dead = *nodes[leading - 1];
+  VyndNode& writer = *nodes[leading % 3];
+  VyndNode& reader = *nodes[(leading + 1) % 3];
+
+  BroadcastClient driver(writer, true);
+  ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
+  BroadcastClient executor(reader, false);
+  ASSERT_EQ(executor.Do("register app 0 secret"), "0 1");
+  BroadcastClient lost(dead, false);
+  ASSERT_EQ(lost.Do("register app 0 secret"), "0 1");
+  ASSERT_EQ(driver.Do("create app 1 2"), "0");
+  ASSERT_EQ(driver.Do("fill app 1 2 50000 3"), "0");
+  ASSERT_EQ(lost.Do("fetch app 1 2"), "0");
+
+  dead.Process().Kill();
+  // A create begun while nobody leads finds the next leader.
+  EXPECT_EQ(driver.Do("create app 2 1"), "0");
+  EXPECT_EQ(driver.Do("fill app 2 1 50000 4"), "0");
+  EXPECT_NE(tree.Get(kLeaderPath), leader);
+  EXPECT_EQ(executor.Do("fetch app 1 2"), "0");
+  EXPECT_EQ(executor.Do("look app 1 2 3"), "0 1");
+
+  // The application ends while the node is down: it gives its share back when it returns.
+  EXPECT_TRUE(std::filesystem::exists(dead.Pool() + "/app"));
+  EXPECT_EQ(driver.Do("complete app"), "0");
+  EXPECT_TRUE(WaitUntil([&] { return writer.Objects() == 0; }));
+  EXPECT_EQ(executor.Do("again 3"), "0 1");
+  dead.Start();
+  EXPECT_FALSE(std::filesystem::exists(dead.Pool() + "/app"));
+  for (const auto& node : nodes) {
+    End(node->Process());
+  }
+}
+
+TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
+  const auto node = Node();
+  node->Start();
+  const TempDir folder;
+  std::string contents(300001, 'x');
+  for (std::size_t i = 0; i < contents.size(); ++i) {
+    contents[i] = static_cast<char>(i * 7 + i / 251);
+  }
+  folder.Write("in", contents);
+  CommandResult run = Vynctl(*node, "--token t --json put app 5 " + folder / "in" + " --block-size 100K");
+  ASSERT_EQ(run.status, 0) << run.output;
+  EXPECT_NE(run.output.find("\"blocks\":3"), std::string::npos) << run.output;
+  run = Vynctl(*node, "--token t get app 5 -o " + folder / "out");
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(ReadFile(folder / "out") == contents);
+  // A member tells its status a moment after it has begun to lead.
+  EXPECT_TRUE(WaitUntil([&] {
+    run = Vynctl(*node, "status --json");
+    return run.output.find("\"status\": \"alive\"") != std::string::npos;
+  }));
+  EXPECT_EQ(run.status, 0) << run.output;
+  for (const char* part : {"\"leader\": \"127.0.0.1\"", "\"status\": \"alive\"", "\"bytes\": 300001",
+                           "\"name\": \"app\"", "\"live\": true"}) {
+    EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
+  }
+  EXPECT_EQ(Vynctl(*node, "status").status, 0);
+  EXPECT_EQ(Vynctl(*node, "--token wrong get app 5 -o " + folder / "no").status, 1);
+  run = Vynctl(*node, "rm app 5");
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 0; }));
+  EXPECT_EQ(Vynctl(*node, "--token t get app 5 -o " + folder / "no").status, 1);
+  run = Vynctl(*node, "app rm app");
+  EXPECT_EQ(run.status, 0) << run.output;
+  run = Vynctl(*node, "app ls --json");
+  EXPECT_EQ(run.output.find("\"name\""), std::string::npos) << run.output;
+  EXPECT_EQ(Vynctl(*node, "put app").status, 2);
+  EXPECT_EQ(Vynctl(*node, "conf check " + node->Home() + "/conf/vyn.conf").status, 0);
+}
+
+}  // namespace
+}  // namespace vyn::test

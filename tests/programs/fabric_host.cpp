@@ -1,0 +1,72 @@
+// Runs one fabric node until its input ends. Each line of input is a command, each is answered by one line:
+//
+//   stats                    capacity used objects namespaces copies copyBytes pulls connections
+//   peer NODE ADDRESS PORT   where another node listens            -> ok
+//
+// The first line of output is "ready PORT" or "failed TEXT".
+
+#include "platform/bmclient/node/fabric_node.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <sstream>
+#include <string>
+
+int main(int argc, char** argv) {
+  vyn::bm::FabricNodeOptions options;
+  options.capacity = 1ULL << 30U;
+  options.sweepSeconds = 1;
+  CLI::App app("A fabric node");
+  app.add_option("--home", options.home);
+  app.add_option("--pool", options.poolPath)->required();
+  app.add_option("--capacity", options.capacity);
+  app.add_option("--node", options.nodeId)->required();
+  app.add_option("--listen", options.listenAddress);
+  app.add_option("--port", options.linkPort);
+  app.add_option("--connections", options.maxBrokerConnections);
+  CLI11_PARSE(app, argc, argv);
+
+  std::mutex mutex;
+  std::map<unsigned, vyn::bm::NodeAddress> peers;
+  options.directory = [&](std::uint16_t nodeId, vyn::bm::NodeAddress& address) {
+    std::lock_guard lock(mutex);
+    const auto found = peers.find(nodeId);
+    if (found == peers.end()) {
+      return false;
+    }
+    address = found->second;
+    return true;
+  };
+  options.log = [](int, const std::string& text) { std::cerr << text << std::endl; };
+
+  vyn::bm::FabricNode node;
+  std::string error;
+  if (!node.Start(options, error)) {
+    std::cout << "failed " << error << std::endl;
+    return 1;
+  }
+  std::cout << "ready " << node.LinkPort() << std::endl;
+  for (std::string line; std::getline(std::cin, line);) {
+    std::istringstream words(line);
+    std::string command;
+    words >> command;
+    if (command == "stats") {
+      const auto stats = node.Stats();
+      std::cout << stats.capacity << ' ' << stats.used << ' ' << stats.objects << ' ' << stats.namespaces
+                << ' ' << stats.copies << ' ' << stats.copyBytes << ' ' << stats.pulls << ' '
+                << stats.connections << std::endl;
+    } else if (command == "peer") {
+      unsigned peer = 0;
+      vyn::bm::NodeAddress address;
+      words >> peer >> address.host >> address.port;
+      std::lock_guard lock(mutex);
+      peers[peer] = address;
+      std::cout << "ok" << std::endl;
+    } else {
+      std::cout << "unknown" << std::endl;
+    }
+  }
+  return 0;
+}

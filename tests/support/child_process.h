@@ -1,0 +1,49 @@
+#pragma once
+
+// A child process with pipes to its standard input and output. It dies with its parent, and with this object.
+
+#include <signal.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace vyn::test {
+
+class ChildProcess {
+ public:
+  ChildProcess() = default;
+  /// Starts `arguments[0]`, looked up in PATH. With `output` its output goes to that file and there are no pipes.
+  /// Throws std::runtime_error when it cannot be started.
+  explicit ChildProcess(const std::vector<std::string>& arguments, const std::string& output = "");
+  ~ChildProcess();
+  ChildProcess(ChildProcess&& other) noexcept;
+  ChildProcess& operator=(ChildProcess&& other) noexcept;
+
+  /// Sends a line to the child.
+  void Send(const std::string& line);
+  /// Returns: the next line of the child; throws std::runtime_error at its end or when the limit has passed.
+  std::string Receive(std::chrono::seconds limit = std::chrono::seconds(60));
+  /// Send and Receive.
+  std::string Ask(const std::string& line) {
+    Send(line);
+    return Receive();
+  }
+
+  void Signal(int signal) const;
+  /// Kills the child, if it runs, and waits for its end.
+  void Kill();
+  /// Closes its input and waits for its end. Returns: its exit code, -1 when a signal ended it or it had to be killed.
+  int Wait(std::chrono::seconds limit = std::chrono::seconds(60));
+  bool Running() const { return mPid > 0; }
+  pid_t Pid() const { return mPid; }
+
+ private:
+  pid_t mPid = -1;
+  int mInput = -1;
+  int mOutput = -1;
+  std::string mRead;
+};
+
+}  // namespace vyn::test

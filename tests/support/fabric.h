@@ -1,0 +1,117 @@
+#pragma once
+
+// Fabric nodes and clients for tests: nodes in this process or as processes of their own, each with a home and a pool
+// on tmpfs; and the check that a pool is left empty.
+
+#include "platform/bmclient/client/client.h"
+#include "platform/bmclient/node/fabric_node.h"
+#include "support/child_process.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace vyn::test {
+
+/// A home that every user may enter, and a pool's folder on tmpfs. Its end checks that whatever happened to the nodes
+/// on it, a last one adopts the pool, and that the folder is empty once the namespaces are destroyed.
+class FabricPlace {
+ public:
+  explicit FabricPlace(std::uint16_t nodeId);
+  ~FabricPlace();
+  FabricPlace(const FabricPlace&) = delete;
+  FabricPlace& operator=(const FabricPlace&) = delete;
+
+  const std::string& Home() const { return mHome; }
+  const std::string& Pool() const { return mPool; }
+  std::uint16_t NodeId() const { return mNodeId; }
+
+  /// Options of a node on this place, with a link port on loopback.
+  bm::FabricNodeOptions Options() const;
+  /// The command of such a node as a process.
+  std::vector<std::string> HostCommand() const;
+
+ private:
+  std::string mHome;
+  std::string mPool;
+  std::uint16_t mNodeId;
+};
+
+/// The names in a folder and below, sorted.
+std::vector<std::string> NamesIn(const std::string& folder);
+
+/// A fabric node as a process.
+class FabricHost {
+ public:
+  explicit FabricHost(const FabricPlace& place, const std::vector<std::string>& more = {});
+
+  std::uint16_t Port() const { return mPort; }
+  ChildProcess& Process() { return mProcess; }
+  void Knows(std::uint16_t nodeId, std::uint16_t port);
+  /// Capacity, used, objects, namespaces, copies, copyBytes, pulls, connections.
+  std::vector<std::uint64_t> Stats();
+
+ private:
+  ChildProcess mProcess;
+  std::uint16_t mPort = 0;
+};
+
+/// Starts programs/fabric_client with the built libbmclient.so.
+ChildProcess StartFabricClient();
+
+/// A client with a namespace and token, in this process.
+struct Tenant {
+  bm::Client& client;
+  std::string ns;
+  std::string token;
+
+  /// Keeps its texts by itself.
+  struct Context : BmSecContext {
+    explicit Context(const Tenant& tenant, const std::string& id = "") : mId(id) {
+      mId.resize(64);
+      *static_cast<BmSecContext*>(this) = {mId.data(), tenant.ns.c_str(), tenant.token.c_str()};
+    }
+    Context(const Context&) = delete;
+    Context& operator=(const Context&) = delete;
+    std::string mId;
+  };
+  /// Returns: the new object's id; the failure's number as text when there is none.
+  std::string Allocate(std::uint16_t node, std::uint64_t size) const;
+  int Write(const std::string& id, std::uint64_t offset, const std::string& bytes) const;
+  /// Returns: the bytes, or the failure's number as text.
+  std::string Read(const std::string& id, std::uint64_t offset, std::uint64_t length) const;
+};
+
+/// Stands between a client and a link port, and can stop passing on what the port sends.
+class SlowLink {
+ public:
+  /// \param port the real one. \param passed bytes from it that go through before all stands still.
+  SlowLink(std::uint16_t port, std::uint64_t passed);
+  ~SlowLink();
+  SlowLink(const SlowLink&) = delete;
+  SlowLink& operator=(const SlowLink&) = delete;
+
+  std::uint16_t Port() const { return mPort; }
+  /// Waits until all stands still. Returns: false when it does not come to that.
+  bool WaitUntilStill();
+  void LetGo() { mLetGo = true; }
+
+ private:
+  void Run();
+  void Pass(int client);
+
+  const std::uint16_t mTarget;
+  std::uint16_t mPort = 0;
+  bm::FileDescriptor mListener;
+  std::atomic<std::int64_t> mLeft;
+  std::atomic<bool> mStill{false};
+  std::atomic<bool> mLetGo{false};
+  std::atomic<bool> mStopping{false};
+  std::thread mThread;
+};
+
+}  // namespace vyn::test

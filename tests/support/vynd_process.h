@@ -1,0 +1,60 @@
+#pragma once
+
+// Real daemons, and drivers and executors as processes of their own, for tests of the whole.
+
+#include "support/child_process.h"
+#include "support/temp_dir.h"
+#include "support/zookeeper_server.h"
+
+#include <string>
+#include <vector>
+
+namespace vyn::test {
+
+/// A node of a cluster: its home, its configuration and pool, and its daemon when that runs. The end of the object ends the
+/// daemon and removes the pool.
+class VyndNode {
+ public:
+  /// \param metadataPort the one port at which the leader of the cluster listens. \param nodeList who may lead.
+  VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
+           const std::string& nodeList);
+  ~VyndNode();
+  VyndNode(const VyndNode&) = delete;
+  VyndNode& operator=(const VyndNode&) = delete;
+
+  const std::string& Home() const { return mHome; }
+  const std::string& Pool() const { return mPool; }
+  /// The command line of the daemon.
+  std::vector<std::string> Command(const std::string& poolSize = "64M", int applicationTimeout = 60) const;
+  /// Starts it and waits until it is ready; throws std::runtime_error with what it said when it is not.
+  void Start(const std::string& poolSize = "64M", int applicationTimeout = 60);
+  ChildProcess& Process() { return mProcess; }
+  /// Objects in the pool.
+  std::size_t Objects() const;
+  std::string Log() const;
+
+ private:
+  TempDir mFolder;
+  const int mNodeId;
+  const std::string mAddress;
+  std::string mHome;
+  std::string mPool;
+  ReservedPort mServerPort;
+  ReservedPort mLinkPort;
+  ChildProcess mProcess;
+};
+
+/// programs/broadcast_client.
+class BroadcastClient {
+ public:
+  /// Initialises it as a driver or an executor of the home; throws when that fails.
+  BroadcastClient(const VyndNode& node, bool driver);
+  /// Returns: the answer, a status first.
+  std::string Do(const std::string& command);
+  ChildProcess& Process() { return mProcess; }
+
+ private:
+  ChildProcess mProcess;
+};
+
+}  // namespace vyn::test

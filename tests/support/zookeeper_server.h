@@ -1,0 +1,112 @@
+#pragma once
+
+// Real ZooKeeper servers on free loopback ports, with their data in temporary folders, and a plain client to prepare and
+// inspect a tree behind the back of the code under test. The servers die with the test program.
+
+#include "support/child_process.h"
+#include "support/temp_dir.h"
+
+#include <zookeeper/zookeeper.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vyn::test {
+
+/// A loopback port that is nobody else's for the life of this object. A server that sets SO_REUSEADDR can listen on it,
+/// and listen again after a restart.
+class ReservedPort {
+ public:
+  ReservedPort();
+  ~ReservedPort();
+  ReservedPort(const ReservedPort&) = delete;
+  ReservedPort& operator=(const ReservedPort&) = delete;
+  int Number() const { return mNumber; }
+
+ private:
+  int mSocket;
+  int mNumber;
+};
+
+/// Waits until `condition` holds. Returns: whether it did within the limit.
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(60));
+
+/// One server. Its members throw std::runtime_error when the server does not do what they ask for.
+class ZookeeperServer {
+ public:
+  /// Starts a standalone server and waits until it serves.
+  ZookeeperServer();
+  /// \param ensemble lines of the configuration that make it a member; it is started but not waited for.
+  ZookeeperServer(int id, const std::string& ensemble);
+
+  int Port() const { return mPort.Number(); }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(mPort.Number()); }
+  /// Returns: a connection string with a new, empty root of its own.
+  std::string NewRoot();
+  /// Starts it, or starts it again with its data.
+  void Start();
+  void WaitUntilServing() const;
+  /// SIGKILL.
+  void Kill() { mProcess.Kill(); }
+  void Freeze() { mProcess.Signal(SIGSTOP); }
+  void Thaw() { mProcess.Signal(SIGCONT); }
+  bool Running() const { return mProcess.Running(); }
+  /// Returns: "standalone", "leader", "follower", or the empty text while it does not serve.
+  std::string Mode() const;
+
+ private:
+  TempDir mFolder;
+  ReservedPort mPort;
+  ChildProcess mProcess;
+};
+
+/// Three servers.
+class ZookeeperEnsemble {
+ public:
+  /// Starts all and waits until they have a leader and two followers.
+  ZookeeperEnsemble();
+
+  std::string NewRoot();
+  bool HasLeader() const;
+  /// Returns: the server that leads.
+  ZookeeperServer& Leader();
+  void WaitUntilComplete();
+
+ private:
+  std::vector<std::unique_ptr<ReservedPort>> mPorts;
+  std::vector<std::unique_ptr<ZookeeperServer>> mServers;
+};
+
+/// A client of its own session. Its members throw std::runtime_error when ZooKeeper refuses.
+class RawZookeeper {
+ public:
+  explicit RawZookeeper(const std::string& url);
+  ~RawZookeeper();
+  RawZookeeper(const RawZookeeper&) = delete;
+  RawZookeeper& operator=(const RawZookeeper&) = delete;
+
+  /// Creates a znode, with the znodes above it. A value of nullopt is null.
+  void Create(const std::string& path, const std::optional<std::string>& value = std::nullopt, int flags = 0);
+  void Set(const std::string& path, const std::string& value);
+  void Delete(const std::string& path);
+  /// Creates `count` children of `parent`, named by their number, many at a time.
+  void CreateChildren(const std::string& parent, int count);
+  bool Exists(const std::string& path) const;
+  /// Returns: the session that owns the znode, 0 when it is persistent.
+  std::int64_t Owner(const std::string& path) const;
+  /// Returns: the value; "(none)" when there is no such znode, "(null)" when it has none.
+  std::string Get(const std::string& path) const;
+  std::vector<std::string> Children(const std::string& path) const;
+
+ private:
+  zhandle_t* mHandle = nullptr;
+};
+
+/// Makes a session of the server at `port` expire: takes it over and closes it.
+void ExpireSession(int port, const clientid_t& session);
+
+}  // namespace vyn::test

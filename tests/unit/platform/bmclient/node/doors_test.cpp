@@ -1,0 +1,256 @@
+// What strangers can send to a node's doors, byte by byte, and what becomes of them.
+
+#include "platform/bmclient/protocol.h"
+#include "platform/bmclient/wire/names.h"
+#include "platform/bmclient/wire/sockets.h"
+#include "support/fabric.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <cstring>
+
+namespace vyn::bm {
+namespace {
+
+using test::FabricPlace;
+
+const std::string kHelloBytes(
+    "VBM1"
+    "\x01\0"
+    "\0\0"
+    "\0\0\0\0"
+    "\0\0\0\0"
+    "\x08\0\0\0"
+    "\0\0\0\0"
+    "\x01\0"
+    "\x01\0"
+    "\xff\xff\xff\xff",
+    32);
+
+/// A raw conversation with a door.
+class Raw {
+ public:
+  explicit Raw(std::unique_ptr<SocketStream> stream) : mStream(std::move(stream)) {}
+
+  void Send(std::string bytes) {
+    iovec part{bytes.data(), bytes.size()};
+    mStream->Send(&part, 1, After(std::chrono::seconds(10)), -1);
+  }
+  /// Returns: `length` bytes, fewer when the node closed the connection before.
+  std::string Receive(std::size_t length) {
+    std::string bytes(length, '\0');
+    std::size_t got = 0;
+    for (std::size_t count = 0; got < length; got += count) {
+      const IoStatus status =
+          mStream->Receive(bytes.data() + got, length - got, count, After(std::chrono::seconds(30)));
+      if (status != IoStatus::kOk) {
+        mClosed = status == IoStatus::kClosed;
+        break;
+      }
+    }
+    return bytes.substr(0, got);
+  }
+  /// Whether the node closes the connection, after `most` bytes at the utmost.
+  bool Closes(std::size_t most) { return Receive(most + 1).size() <= most && mClosed; }
+
+ private:
+  std::unique_ptr<SocketStream> mStream;
+  bool mClosed = false;
+};
+
+std::string Frame(Operation operation, std::uint32_t sequence, const std::string& head,
+                  std::uint32_t headLength, std::uint32_t dataLength, std::uint16_t flags = 0,
+                  std::int32_t result = 0) {
+  const FrameHeader header{
+      kFrameMagic, static_cast<std::uint16_t>(operation), flags, sequence, result, headLength, dataLength};
+  return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + head;
+}
+std::string Frame(Operation operation, std::uint32_t sequence, const std::string& head) {
+  return Frame(operation, sequence, head, static_cast<std::uint32_t>(head.size()), 0);
+}
+std::string Packed(const std::vector<std::string>& texts) {
+  std::string bytes;
+  for (const std::string& text : texts) {
+    bytes += static_cast<char>(text.size() & 0xffU);
+    bytes += static_cast<char>(text.size() >> 8U);
+    bytes += text;
+  }
+  return bytes;
+}
+
+class DoorsTest : public testing::Test {
+ protected:
+  void Start(const std::function<void(FabricNodeOptions&)>& change = nullptr) {
+    FabricNodeOptions options = mPlace.Options();
+    if (change != nullptr) {
+      change(options);
+    }
+    std::string error;
+    ASSERT_TRUE(mNode.Start(options, error)) << error;
+    ASSERT_EQ(mNode.CreateNamespace("app", "t"), 0);
+    ASSERT_EQ(mNode.Allocate("app", 10, mId), 0);
+  }
+  Raw Link() {
+    int error = 0;
+    return Raw(ConnectToLink("127.0.0.1", mNode.LinkPort(), After(std::chrono::seconds(5)), error));
+  }
+  Raw Broker() {
+    int error = 0;
+    return Raw(ConnectToBroker(mPlace.Home(), After(std::chrono::seconds(5)), error));
+  }
+  void WaitForConnections(std::uint64_t count) {
+    for (int tries = 0; tries < 1000 && mNode.Stats().connections != count; ++tries) {
+      ::poll(nullptr, 0, 10);
+    }
+    EXPECT_EQ(mNode.Stats().connections, count);
+  }
+
+  FabricPlace mPlace{7};
+  FabricNode mNode;
+  std::string mId;
+};
+
+TEST_F(DoorsTest, AHelloAndAStatAreTheseBytes) {
+  Start();
+  for (const bool link : {true, false}) {
+    Raw raw = link ? Link() : Broker();
+    raw.Send(kHelloBytes);
+    EXPECT_EQ(raw.Receive(26), std::string("VBM1"
+                                           "\x01\0"
+                                           "\0\0"
+                                           "\0\0\0\0"
+                                           "\0\0\0\0"
+                                           "\x02\0\0\0"
+                                           "\0\0\0\0"
+                                           "\x07\0",
+                                           26));
+    raw.Send(std::string("VBM1"
+                         "\x0a\0"
+                         "\0\0"
+                         "\x01\0\0\0"
+                         "\0\0\0\0"
+                         "\x46\0\0\0"
+                         "\0\0\0\0"
+                         "\x03\0app\x01\0t"
+                         "\x3c\0",
+                         34) +
+             mId);
+    EXPECT_EQ(raw.Receive(32), std::string("VBM1"
+                                           "\x0a\0"
+                                           "\0\0"
+                                           "\x01\0\0\0"
+                                           "\0\0\0\0"
+                                           "\x08\0\0\0"
+                                           "\0\0\0\0"
+                                           "\x0a\0\0\0\0\0\0\0",
+                                           32));
+    raw.Send(Frame(Operation::kStat, 2, Packed({"app", "wrong", mId})));
+    EXPECT_EQ(raw.Receive(24), Frame(Operation::kStat, 2, "", 0, 0, 0, -13));
+  }
+}
+
+TEST_F(DoorsTest, WhatIsNoConversationEndsTheConnectionAndNothingElse) {
+  Start();
+  const std::string object = Packed({"app", "t", mId});
+  const std::string u64 = std::string("\0\0\0\0\0\0\0\0", 8);
+  const struct {
+    const char* what;
+    bool greeted;
+    std::string bytes;
+  } cases[] = {
+      {"no hello", false, Frame(Operation::kQuery, 0, "")},
+      {"another magic", false, "GET / HTTP/1.1\r\nHost: node\r\n\r\n"},
+      {"another version", false,
+       Frame(Operation::kHello, 0,
+             std::string("\x02\0"
+                         "\x01\0"
+                         "\xff\xff\xff\xff",
+                         8)) +
+           "x"},
+      {"a hello cut short", false, Frame(Operation::kHello, 0, "\x01")},
+      {"arguments over the limit", true, Frame(Operation::kQuery, 1, "", kMaxHeadLength + 1, 0)},
+      {"arguments of 4 GiB", true, Frame(Operation::kQuery, 1, "", ~0U, 0)},
+      {"data over the limit", true, Frame(Operation::kWrite, 1, "", 0, kMaxDataLength + 1)},
+      {"a second hello", true, Frame(Operation::kHello, 1, kHelloBytes.substr(24))},
+      {"a sequence number twice", true, Frame(Operation::kQuery, 0, "")},
+      {"an answer", true, Frame(Operation::kQuery, 1, "", 0, 0, 0, -5)},
+      {"flags", true, Frame(Operation::kQuery, 1, "", 0, 0, 1)},
+      {"no operation", true, Frame(static_cast<Operation>(0), 1, "")},
+      {"an unknown operation", true, Frame(static_cast<Operation>(99), 1, "")},
+      {"too many arguments", true, Frame(Operation::kQuery, 1, "x")},
+      {"too few arguments", true, Frame(Operation::kStat, 1, object.substr(0, object.size() - 1))},
+      {"a text beyond the end", true, Frame(Operation::kStat, 1, std::string("\xff\xff", 2) + "app")},
+      {"no id", true, Frame(Operation::kStat, 1, Packed({"app", "t", "../../etc/passwd"}))},
+      {"an id with a separator", true,
+       Frame(Operation::kFree, 1, Packed({"app", "t", mId.substr(0, 58) + "/."}))},
+      {"more ids than are there", true,
+       Frame(Operation::kFreeBatch, 1, Packed({"app", "t"}) + std::string("\xff\xff", 2) + Packed({mId}))},
+      {"ids of two owners", true,
+       Frame(Operation::kFreeBatch, 1,
+             Packed({"app", "t"}) + std::string("\x02\0", 2) + Packed({mId, MakeObjectId(8)}))},
+      {"a read longer than its transfer", true,
+       Frame(Operation::kRead, 1, object + u64 + u64 + std::string("\x01\0\0\0", 4))},
+      {"a read longer than a frame", true,
+       Frame(Operation::kRead, 1, object + u64 + std::string(8, '\x7f') + std::string(4, '\x7f'))},
+  };
+  for (const auto& one : cases) {
+    for (const bool link : {true, false}) {
+      Raw raw = link ? Link() : Broker();
+      if (one.greeted) {
+        raw.Send(kHelloBytes);
+        ASSERT_EQ(raw.Receive(26).size(), 26U) << one.what;
+      }
+      raw.Send(one.bytes);
+      EXPECT_TRUE(raw.Closes(24)) << one.what;  // at most a refusal, then the end
+    }
+  }
+  // A link hands out no descriptors and forwards nothing; a broker answers no questions of nodes.
+  Raw door = Link();
+  door.Send(kHelloBytes + Frame(Operation::kStat, 1, Packed({"app", "t", MakeObjectId(8)})) +
+            Frame(Operation::kOpen, 2, object + std::string(1, '\0')));
+  EXPECT_EQ(door.Receive(26 + 24 + 1).substr(26), Frame(Operation::kStat, 1, "", 0, 0, 0, kBmRemoteProtocol));
+  Raw broker = Broker();
+  broker.Send(kHelloBytes + Frame(Operation::kExist, 1, std::string("\0\0", 2)));
+  EXPECT_EQ(broker.Receive(26 + 1).size(), 26U);
+
+  std::string bytes(10, '\0');
+  Client client;
+  ASSERT_EQ(client.Initialize(mPlace.Home().c_str(), 0), 0);
+  EXPECT_EQ((test::Tenant{client, "app", "t"}.Read(mId, 0, 10)), bytes);
+  EXPECT_EQ(mNode.Stats().objects, 1U);
+}
+
+TEST_F(DoorsTest, AFullDoorLetsTheLongestIdleGoAndKeepsTheBusy) {
+  Start([](FabricNodeOptions& options) {
+    options.maxBrokerConnections = 3;
+    options.maxLinkConnections = 100;
+    options.maxConnectionsPerPeer = 2;
+  });
+  Raw first = Link();
+  first.Send(kHelloBytes);
+  ASSERT_EQ(first.Receive(26).size(), 26U);
+  Raw second = Link();
+  second.Send(kHelloBytes + "V");  // a frame has begun: busy
+  ASSERT_EQ(second.Receive(26).size(), 26U);
+  ::poll(nullptr, 0, 50);
+  Raw third = Link();
+  third.Send(kHelloBytes);
+  EXPECT_EQ(third.Receive(26).size(), 26U);
+  EXPECT_TRUE(first.Closes(0));
+  second.Send(Frame(Operation::kQuery, 1, "").substr(1));
+  EXPECT_EQ(second.Receive(24).size(), 24U);
+}
+
+TEST_F(DoorsTest, AnIdleConnectionIsClosedAndAClientComesBack) {
+  Start([](FabricNodeOptions& options) { options.idleSeconds = 1; });
+  Client client;
+  const test::Tenant tenant{client, "app", "t"};
+  ASSERT_EQ(client.Initialize(mPlace.Home().c_str(), 0), 0);
+  EXPECT_EQ(tenant.Read(mId, 0, 2), std::string(2, '\0'));
+  WaitForConnections(0);
+  EXPECT_EQ(tenant.Read(mId, 0, 2), std::string(2, '\0'));
+}
+
+}  // namespace
+}  // namespace vyn::bm

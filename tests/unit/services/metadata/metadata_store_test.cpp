@@ -1,0 +1,256 @@
+#include "platform/zk_helper/zk_helper.h"
+#include "services/common/service_status.h"
+#include "services/common/variable_record.h"
+#include "services/metadata/metadata_state.h"
+#include "support/cluster_test.h"
+
+#include <gmock/gmock.h>
+
+namespace vyn::services {
+namespace {
+
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class MetadataStoreTest : public test::ClusterTest {
+ protected:
+  void SetUp() override {
+    ClusterTest::SetUp();
+    Connect();
+  }
+  /// Two nodes, as their registries announce them.
+  void AddNodes() {
+    mRaw->Create("/vyn/reclaim/1", "");
+    mRaw->Create("/vyn/reclaim/2", "");
+  }
+  struct Blocks : tessel::BroadcastBlockInfo {
+    Blocks(std::uint32_t id, std::uint32_t count, std::uint32_t node = 1) {
+      appId = "app";
+      broadcastId = id;
+      nodeId = node;
+      for (std::uint32_t i = 0; i < count; ++i) {
+        const std::string number = std::to_string(i);
+        bmIds.push_back(std::string(60 - number.size(), 'b') + number);
+        sizes.push_back(i + 1);
+      }
+    }
+  };
+  /// The entries of a node's list.
+  std::vector<ReclaimEntry> Entries(int node) {
+    std::vector<ReclaimEntry> entries;
+    for (const std::string& name : mRaw->Children("/vyn/reclaim/" + std::to_string(node))) {
+      ReclaimEntry entry;
+      EXPECT_TRUE(
+          ReclaimEntry::FromText(mRaw->Get("/vyn/reclaim/" + std::to_string(node) + "/" + name), entry));
+      entries.push_back(entry);
+    }
+    return entries;
+  }
+};
+
+TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
+  MetadataState first;
+  ASSERT_EQ(first.Load(), 0U);
+  ASSERT_EQ(first.NewVariable("app", 1, 3), 0U);
+  ASSERT_EQ(first.SetBlocks(Blocks(1, 3)), 0U);
+  ASSERT_EQ(first.NewVariable("app", 2, 20000), 0U);
+  ASSERT_EQ(first.SetBlocks(Blocks(2, 20000, 2)), 0U);
+  ASSERT_EQ(first.NewVariable("app", 3, 5), 0U);
+  ASSERT_EQ(first.HeartBeat("beating"), 0U);
+  int pieces = 0;
+  for (const std::string& name : mRaw->Children("/vyn/apps/app")) {
+    pieces += static_cast<int>(mRaw->Children("/vyn/apps/app/" + name).size());
+  }
+  EXPECT_GT(pieces, 1) << "the long list is longer than one znode takes";
+
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+  for (const std::uint32_t id : {1U, 2U}) {
+    const auto expected = Blocks(id, id == 1 ? 3 : 20000, id);
+    tessel::BroadcastBlockInfo info;
+    ASSERT_EQ(next.GetVariable("app", id, info), 0U);
+    EXPECT_TRUE(info.bmIds == expected.bmIds && info.sizes == expected.sizes);
+    EXPECT_EQ(info.nodeId, id);
+  }
+  tessel::BroadcastBlockInfo info;
+  EXPECT_EQ(next.GetVariable("app", 3, info), kStatusNotReady);
+  EXPECT_EQ(next.GetVariable("app", 4, info), kStatusUnknownVariable);
+  std::string bmId;
+  EXPECT_EQ(next.GetBlock("app", 2, 19999, bmId), 0U);
+  EXPECT_EQ(bmId, Blocks(2, 20000).bmIds.back());
+  EXPECT_EQ(next.GetBlock("app", 2, 20000, bmId), kStatusUnknownVariable);
+  EXPECT_THAT(next.Known({"app", "beating", "other"}), SizeIs(2));
+  EXPECT_TRUE(test::WaitUntil([&] { return !next.Silent(std::chrono::milliseconds(1)).empty(); }));
+  EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), testing::ElementsAre("beating"));
+  EXPECT_THAT(next.Silent(std::chrono::hours(1)), IsEmpty());
+}
+
+TEST_F(MetadataStoreTest, ADeposedLeaderChangesNothing) {
+  AddNodes();
+  MetadataState old;
+  ASSERT_EQ(old.Load(), 0U);
+  ASSERT_EQ(old.NewVariable("app", 1, 1), 0U);
+  ASSERT_EQ(old.SetBlocks(Blocks(1, 1)), 0U);
+  ASSERT_EQ(old.NewVariable("app", 2, 1), 0U);
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+
+  const auto deposed = MetadataStore::kStatusDeposed;
+  EXPECT_EQ(old.NewVariable("app", 3, 1), deposed);
+  EXPECT_EQ(old.NewVariable("other", 1, 1), deposed);
+  EXPECT_EQ(old.SetBlocks(Blocks(2, 1)), deposed);
+  EXPECT_EQ(old.AddBlocks(Blocks(2, 1)), deposed);
+  EXPECT_EQ(old.RemoveVariable("app", 1), deposed);
+  EXPECT_EQ(old.RemoveVariable("app", 2), deposed);
+  EXPECT_EQ(old.RemoveApplication("app"), deposed);
+  EXPECT_EQ(old.HeartBeat("app"), deposed);
+
+  EXPECT_THAT(mRaw->Children("/vyn/apps"), testing::ElementsAre("app"));
+  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(2));
+  EXPECT_EQ(mRaw->Get("/vyn/apps/app"), "{}");
+  EXPECT_THAT(Entries(1), IsEmpty());
+  EXPECT_THAT(Entries(2), IsEmpty());
+  MetadataState third;
+  ASSERT_EQ(third.Load(), 0U);
+  tessel::BroadcastBlockInfo info;
+  EXPECT_EQ(third.GetVariable("app", 1, info), 0U);
+  EXPECT_EQ(third.GetVariable("app", 2, info), kStatusNotReady);
+}
+
+TEST_F(MetadataStoreTest, ARepeatSucceedsAndAContradictionDoesNot) {
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  EXPECT_EQ(state.NewVariable("app", 1, 2), 0U);
+  EXPECT_EQ(state.NewVariable("app", 1, 2), 0U);
+  EXPECT_EQ(state.NewVariable("app", 1, 3), kStatusVariableExists);
+  EXPECT_EQ(state.NewVariable("app", 2, MetadataStore::kMaxBlocks + 1), kStatusTooLarge);
+  EXPECT_EQ(state.SetBlocks(Blocks(1, 3)), kStatusInvalidRequest);
+  EXPECT_EQ(state.SetBlocks(Blocks(9, 2)), kStatusUnknownVariable);
+  EXPECT_EQ(state.SetBlocks(Blocks(1, 2)), 0U);
+  EXPECT_EQ(state.SetBlocks(Blocks(1, 2)), 0U);
+  auto others = Blocks(1, 2);
+  others.bmIds[0][0] = 'c';
+  EXPECT_EQ(state.SetBlocks(others), kStatusVariableExists);
+  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(1));
+
+  // Block by block, one of them twice.
+  EXPECT_EQ(state.NewVariable("app", 4, 2), 0U);
+  const auto both = Blocks(4, 2);
+  auto one = Blocks(4, 1);
+  EXPECT_EQ(state.AddBlocks(one), 0U);
+  EXPECT_EQ(state.AddBlocks(one), 0U);
+  tessel::BroadcastBlockInfo info;
+  EXPECT_EQ(state.GetVariable("app", 4, info), kStatusNotReady);
+  one.bmIds = {both.bmIds[1]};
+  one.sizes = {both.sizes[1]};
+  EXPECT_EQ(state.AddBlocks(one), 0U);
+  EXPECT_EQ(state.GetVariable("app", 4, info), 0U);
+  EXPECT_EQ(info.bmIds, both.bmIds);
+  EXPECT_EQ(state.AddBlocks(Blocks(4, 3)), kStatusInvalidRequest);
+}
+
+TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {
+  AddNodes();
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  ASSERT_EQ(state.NewVariable("app", 1, 2), 0U);
+  ASSERT_EQ(state.SetBlocks(Blocks(1, 2, 2)), 0U);
+  ASSERT_EQ(state.RemoveVariable("app", 1), 0U);
+  EXPECT_EQ(state.RemoveVariable("app", 1), 0U) << "a repeat";
+  tessel::BroadcastBlockInfo info;
+  EXPECT_EQ(state.GetVariable("app", 1, info), kStatusUnknownVariable);
+  ASSERT_THAT(Entries(1), SizeIs(1));
+  ASSERT_THAT(Entries(2), SizeIs(1));
+  EXPECT_FALSE(Entries(1)[0].owner);
+  const ReclaimEntry owner = Entries(2)[0];
+  EXPECT_TRUE(owner.owner);
+  EXPECT_EQ(owner.application, "app");
+  EXPECT_EQ(owner.variableId, 1U);
+  VariableRecord record;
+  ASSERT_EQ(ReadVariableRecord(owner.variablePath, record), RecordRead::kRead);
+  EXPECT_EQ(record.state, RecordState::kDeleted);
+  EXPECT_EQ(record.blocks.bmIds, Blocks(1, 2).bmIds) << "the node still learns what to free";
+
+  // The number can be used again, and no later leader takes the old record for it.
+  ASSERT_EQ(state.NewVariable("app", 1, 1), 0U);
+  ASSERT_EQ(state.SetBlocks(Blocks(1, 1)), 0U);
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+  ASSERT_EQ(next.GetVariable("app", 1, info), 0U);
+  EXPECT_EQ(info.bmIds, Blocks(1, 1).bmIds);
+}
+
+TEST_F(MetadataStoreTest, VariablesThatNoNodeCanGiveBackGoAtOnce) {
+  AddNodes();
+  {
+    MetadataState state;
+    ASSERT_EQ(state.Load(), 0U);
+    ASSERT_EQ(state.NewVariable("app", 1, 1), 0U);
+    ASSERT_EQ(state.NewVariable("app", 2, 1), 0U);
+    ASSERT_EQ(state.SetBlocks(Blocks(2, 1, 99)), 0U);
+  }
+  // As a leader leaves it that ended while it wrote a long list.
+  const auto names = mRaw->Children("/vyn/apps/app");
+  const auto& unready = names[names[0].rfind("1.", 0) == 0 ? 0 : 1];
+  mRaw->Create("/vyn/apps/app/" + unready + "/1", "a piece");
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  EXPECT_EQ(state.RemoveVariable("app", 1), 0U);
+  EXPECT_EQ(state.RemoveVariable("app", 2), 0U);
+  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), IsEmpty());
+}
+
+TEST_F(MetadataStoreTest, ARemovedApplicationGoesAlsoWhenItsLeaderEndsInBetween) {
+  AddNodes();
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  for (std::uint32_t id = 0; id < 250; ++id) {
+    ASSERT_EQ(state.NewVariable("app", id, 1), 0U);
+  }
+  ASSERT_EQ(state.NewVariable("app", 250, 20000), 0U);
+  ASSERT_EQ(state.SetBlocks(Blocks(250, 20000)), 0U);
+  mRaw->Create("/vyn/apps/app/token", "{}");
+  ASSERT_EQ(state.RemoveApplication("app"), 0U);
+  EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
+  for (const int node : {1, 2}) {
+    ASSERT_THAT(Entries(node), SizeIs(1));
+    EXPECT_EQ(Entries(node)[0].application, "app");
+    EXPECT_TRUE(Entries(node)[0].variablePath.empty());
+  }
+  EXPECT_EQ(state.RemoveApplication("never-seen"), 0U) << "nodes may hold a namespace of it";
+  EXPECT_THAT(Entries(1), SizeIs(2));
+
+  mRaw->Create("/vyn/apps/half", R"({"removed":true})");
+  mRaw->Create("/vyn/apps/half/3.1-1", RecordHeader(RecordState::kNew, 1, 0));
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+  EXPECT_FALSE(mRaw->Exists("/vyn/apps/half"));
+  EXPECT_THAT(next.Known({"half"}), IsEmpty());
+  EXPECT_THAT(Entries(1), SizeIs(3));
+}
+
+TEST_F(MetadataStoreTest, DamagedRecordsAreLeftOut) {
+  mRaw->Create("/vyn/apps/app", R"({"heartbeat":"yes"})");
+  mRaw->Create("/vyn/apps/app/1.1-1", "no header");
+  mRaw->Create("/vyn/apps/app/2.1-2", RecordHeader(RecordState::kReady, 1, 1) + "no list");
+  mRaw->Create("/vyn/apps/app/3.1-3", RecordHeader(RecordState::kNew, 1, 0));
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  tessel::BroadcastBlockInfo info;
+  EXPECT_EQ(state.GetVariable("app", 1, info), kStatusUnknownVariable);
+  EXPECT_EQ(state.GetVariable("app", 2, info), kStatusUnknownVariable);
+  EXPECT_EQ(state.GetVariable("app", 3, info), kStatusNotReady);
+  EXPECT_THAT(state.Silent(std::chrono::milliseconds(0)), IsEmpty());
+}
+
+TEST_F(MetadataStoreTest, AWriteOfUnknownOutcomeEndsTheLeadership) {
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  gServer->Kill();
+  EXPECT_EQ(state.NewVariable("app", 1, 1), MetadataStore::kStatusDeposed);
+  gServer->Start();
+  EXPECT_TRUE(test::WaitUntil([] { return gServer->Mode() == "standalone"; }));
+}
+
+}  // namespace
+}  // namespace vyn::services

@@ -1,0 +1,217 @@
+#include "services/vynd/node_server.h"
+
+#include "common/rpc/rpc_engine.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "services/common/service_status.h"
+#include "services/vynd/home_lock.h"
+#include "services/vynd/reclaimer.h"
+#include "services/vynd/token_registry.h"
+#include "support/cluster_test.h"
+#include "support/fabric.h"
+#include "tessel/message/operation_codes.h"
+
+#include <gmock/gmock.h>
+
+namespace vyn::services {
+namespace {
+
+using common::Ref;
+using namespace tessel;
+
+constexpr long kTimeout = 60000;
+
+/// A node server on a real pool, and the reclaimer beside it as the daemon has it.
+class NodeServerTest : public test::ClusterTest {
+ protected:
+  void SetUp() override {
+    ClusterTest::SetUp();
+    Connect();
+    mRaw->Create("/vyn/reclaim/1", "");
+    std::string error;
+    bm::FabricNodeOptions fabric = mPlace.Options();
+    fabric.capacity = 10 * 4096;
+    ASSERT_TRUE(mFabric.Start(fabric, error)) << error;
+    NodeServerOptions options;
+    options.nodeId = 1;
+    options.port = static_cast<std::uint16_t>(mPort.Number());
+    options.reclaim = [this](const std::string& application) { return mReclaimer.Drain(application); };
+    options.lookUp = [this](const std::string& application, std::uint32_t id, BroadcastBlockInfo& info) {
+      ++mLookUps;
+      info.appId = application;
+      info.broadcastId = id;
+      info.bmIds = {std::string(60, 'x')};
+      info.sizes = {5};
+      return id == 404 ? kStatusUnknownVariable : std::uint32_t{0};
+    };
+    mServer = std::make_unique<NodeServer>(options, mFabric);
+    ASSERT_TRUE(mServer->Start(error)) << error;
+    std::string ip = "127.0.0.1";
+    std::map<std::string, const std::string> security;
+    ASSERT_EQ(mEngine->Initialize(ip, static_cast<short>(mPort.Number()), kTimeout, false, false, security),
+              0U);
+  }
+  void TearDown() override {
+    mServer.reset();
+    mFabric.Stop();
+    ClusterTest::TearDown();
+  }
+  std::uint32_t Call(std::uint16_t code, const Ref<common::BaseMessage>& request,
+                     const Ref<common::BaseMessage>& response) {
+    return mEngine->SyncRpcCall(code, request, response, kTimeout);
+  }
+  std::uint32_t Register(const std::string& app, const std::string& token,
+                         std::uint16_t code = APP_REGISTER) {
+    Ref<ApplicationRegisterRequest> request(new ApplicationRegisterRequest());
+    request->ns = app;
+    request->token = token;
+    Ref<NodeIdResponse> response(new NodeIdResponse());
+    const std::uint32_t status = Call(code, request.Get(), code == APP_REGISTER ? response.Get() : nullptr);
+    if (status == 0 && code == APP_REGISTER) {
+      EXPECT_EQ(response->nodeId, 1U);
+      EXPECT_TRUE(response->isMfNode);
+    }
+    return status;
+  }
+  std::uint32_t Create(const std::string& app, const std::vector<std::uint64_t>& sizes) {
+    Ref<BroadcastBlockBatch> request(new BroadcastBlockBatch());
+    request->appId = app;
+    request->broadcastId = 1;
+    request->sizes = sizes;
+    mCreated = new BroadcastBlockInfo();
+    return Call(BROADCAST_BLOCK_BATCH_CREATE, request.Get(), mCreated.Get());
+  }
+  std::uint32_t Fetch(const std::string& app, std::uint32_t id) {
+    Ref<BroadcastVar> request(new BroadcastVar());
+    request->appId = app;
+    request->broadcastId = id;
+    Ref<BroadcastBlockInfo> response(new BroadcastBlockInfo());
+    return Call(BROADCAST_BLOCK_BATCH_FETCH, request.Get(), response.Get());
+  }
+
+  test::FabricPlace mPlace{1};
+  test::ReservedPort mPort;
+  bm::FabricNode mFabric;
+  std::atomic<int> mLookUps{0};
+  std::unique_ptr<NodeServer> mServer;
+  Reclaimer mReclaimer{1, mFabric, [this](const ReclaimEntry& entry) {
+                         if (entry.variablePath.empty()) {
+                           mServer->Forget(entry.application);
+                         } else {
+                           mServer->Forget(entry.application, entry.variableId);
+                         }
+                       }};
+  Ref<common::RpcEngine> mEngine{new common::RpcEngine()};
+  Ref<BroadcastBlockInfo> mCreated;
+};
+
+TEST_F(NodeServerTest, TheFirstRegistrationFixesTheToken) {
+  EXPECT_EQ(Register("app", "secret"), 0U);
+  EXPECT_EQ(Register("app", "secret"), 0U);
+  EXPECT_EQ(Register("app", "guess"), kStatusWrongToken);
+  EXPECT_EQ(FixToken("app", "guess"), kStatusWrongToken) << "and so does every other node";
+  EXPECT_EQ(FixToken("app", "secret"), 0U);
+  EXPECT_EQ(mRaw->Get("/vyn/apps/app/token").find("secret"), std::string::npos);
+  EXPECT_EQ(Register("a/b", "secret"), kStatusInvalidRequest);
+  EXPECT_EQ(Register(std::string("app\0x", 5), "secret"), kStatusInvalidRequest);
+  EXPECT_EQ(Register("app", "guess", APP_UNREGISTER), kStatusWrongToken);
+  EXPECT_EQ(Register("other", "secret", APP_UNREGISTER), kStatusNotRegistered);
+  EXPECT_EQ(Register("app", "secret", APP_UNREGISTER), 0U);
+  const std::string audit = test::ReadFile(mFolder / "audit.log");
+  EXPECT_NE(audit.find("[register_application][app][FAILED]"), std::string::npos) << audit;
+
+  mRaw->Set("/vyn/apps/app/token", R"({"salt":1,"hash":2})");
+  EXPECT_EQ(Register("app", "secret"), kStatusWrongToken) << "a damaged record lets nobody in";
+}
+
+TEST_F(NodeServerTest, AnEarlierApplicationsEndDoesNotHitTheNewOne) {
+  ASSERT_EQ(Register("app", "old"), 0U);
+  ASSERT_EQ(Create("app", {100}), 0U);
+  // The leader removed it, and this node has not looked yet.
+  mRaw->Delete("/vyn/apps/app/token");
+  mRaw->Delete("/vyn/apps/app");
+  mRaw->Create("/vyn/reclaim/1/5-0", ReclaimEntry{"app", "", 0, false}.ToText());
+  mRaw->Create("/vyn/reclaim/1/5-1", ReclaimEntry{"other", "", 0, false}.ToText());
+  EXPECT_EQ(Register("app", "new"), 0U);
+  EXPECT_EQ(mFabric.Stats().objects, 0U);
+  EXPECT_THAT(mRaw->Children("/vyn/reclaim/1"), testing::ElementsAre("5-1"));
+  ASSERT_EQ(Create("app", {100}), 0U);
+  mRaw->Create("/vyn/reclaim/1/5-2", "rubbish");
+  EXPECT_TRUE(mReclaimer.Drain());
+  EXPECT_EQ(mFabric.Stats().objects, 1U);
+  EXPECT_THAT(mRaw->Children("/vyn/reclaim/1"), testing::IsEmpty());
+}
+
+TEST_F(NodeServerTest, ABatchIsCreatedWholeOrNotAtAll) {
+  EXPECT_EQ(Create("app", {1}), kStatusNotRegistered);
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  EXPECT_EQ(Create("app", {}), kStatusInvalidRequest);
+  EXPECT_EQ(Create("app", {1, 0}), kStatusInvalidRequest);
+  EXPECT_EQ(Create("app", {4096, 9 * 4096, 4096}), VYN_ERR_OUT_OF_POOL_MEMORY);
+  EXPECT_EQ(Create("app", {~std::uint64_t{0}, 1}), VYN_ERR_OUT_OF_POOL_MEMORY);
+  EXPECT_EQ(mFabric.Stats().used, 0U);
+  ASSERT_EQ(Create("app", {1, 9 * 4096}), 0U);
+  EXPECT_THAT(mCreated->sizes, testing::ElementsAre(1, 9 * 4096));
+  EXPECT_EQ(mCreated->bmIds.size(), 2U);
+  EXPECT_EQ(mCreated->nodeId, 1U);
+}
+
+TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
+  EXPECT_EQ(Fetch("app", 1), kStatusNotRegistered);
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  EXPECT_EQ(Fetch("app", 404), kStatusUnknownVariable);
+  EXPECT_EQ(Fetch("app", 1), 0U);
+  EXPECT_EQ(Fetch("app", 2), 0U);
+  EXPECT_EQ(mLookUps, 3);
+  EXPECT_EQ(Fetch("app", 1), 0U);
+  EXPECT_EQ(mLookUps, 3);
+  mRaw->Create("/vyn/reclaim/1/5-0", ReclaimEntry{"app", "/vyn/apps/app/1.5-0", 1, false}.ToText());
+  mReclaimer.Start();
+  EXPECT_TRUE(test::WaitUntil([&] { return mRaw->Children("/vyn/reclaim/1").empty(); }));
+  mReclaimer.Stop();
+  EXPECT_EQ(Fetch("app", 2), 0U);
+  EXPECT_EQ(mLookUps, 3);
+  EXPECT_EQ(Fetch("app", 1), 0U);
+  EXPECT_EQ(mLookUps, 4);
+}
+
+TEST_F(NodeServerTest, BlobsAreObjectsOfThePool) {
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  Ref<BlobCreateRequest> create(new BlobCreateRequest());
+  create->ns = "app";
+  create->bagName = "bag";
+  create->blobSize = 100;
+  create->token = "guess";
+  Ref<ShuffleBlob> blob(new ShuffleBlob());
+  EXPECT_EQ(Call(BLOB_CREATE, create.Get(), blob.Get()), kStatusWrongToken);
+  create->token = "secret";
+  ASSERT_EQ(Call(BLOB_CREATE, create.Get(), blob.Get()), 0U);
+  EXPECT_EQ(mFabric.Stats().objects, 1U);
+  EXPECT_EQ(Register("app", "secret", APP_UNREGISTER), 0U);
+  Ref<BlobBatchDeleteRequest> remove(new BlobBatchDeleteRequest());
+  remove->ns = "app";
+  remove->token = "secret";
+  remove->blobIdList = {blob->mId};
+  EXPECT_EQ(Call(BLOB_BATCH_DELETE, remove.Get(), nullptr), 0U);
+  EXPECT_EQ(mFabric.Stats().objects, 0U) << "also after a process of the application has gone";
+  EXPECT_EQ(Call(LOCAL_BLOB_GET, create.Get(), blob.Get()), kStatusNotServed);
+  EXPECT_EQ(Call(99, create.Get(), blob.Get()), kStatusUnknownOperation);
+}
+
+TEST(HomeLock, HasOneHolder) {
+  const test::TempDir home;
+  std::string error;
+  {
+    HomeLock first;
+    ASSERT_TRUE(first.Take(home.Path(), error)) << error;
+    HomeLock second;
+    EXPECT_FALSE(second.Take(home.Path(), error));
+    EXPECT_NE(error.find("process " + std::to_string(getpid())), std::string::npos) << error;
+  }
+  HomeLock next;
+  EXPECT_TRUE(next.Take(home.Path(), error)) << error;
+  HomeLock nowhere;
+  EXPECT_FALSE(nowhere.Take(home / "missing", error));
+}
+
+}  // namespace
+}  // namespace vyn::services

@@ -1,0 +1,452 @@
+#!/usr/bin/env python3
+"""Broadcasts a file from a driver process to executor processes through real services, all started here and ended here.
+
+One node on loopback by default: ZooKeeper, vynd, a driver, executors. With --outside three network namespaces: two nodes
+of the fabric with an executor on each, and a driver that belongs to neither.
+"""
+import argparse
+import glob
+import json
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+START_TIMEOUT = 60
+WORK_TIMEOUT = 600
+
+
+class DemoError(Exception):
+    pass
+
+
+def size(text):
+    match = re.fullmatch(r"(\d+)([kKmMgG]?)i?[bB]?", text)
+    if not match or int(match[1]) == 0:
+        raise argparse.ArgumentTypeError(f"'{text}' is no size like 4M")
+    return int(match[1]) << {"": 0, "k": 10, "m": 20, "g": 30}[match[2].lower()]
+
+
+def human(count):
+    for unit in ("B", "KiB", "MiB", "GiB"):
+        if count < 1024 or unit == "GiB":
+            return f"{count:.0f} {unit}" if unit == "B" else f"{count:.1f} {unit}"
+        count /= 1024
+
+
+def free_port(taken):
+    # Below the range from which the kernel serves outgoing connections, and as vyn.conf and the clients take them.
+    for port in range(20000 + os.getpid() % 5000, 32000):
+        if port in taken:
+            continue
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+            except OSError:
+                continue
+        taken.add(port)
+        return port
+    raise DemoError("no free port")
+
+
+class Child:
+    """A process whose standard output is read line by line and that dies with the demo."""
+
+    def __init__(self, name, command, log, namespace=None):
+        self.name = name
+        self.log = log
+        if namespace:
+            command = ["ip", "netns", "exec", namespace] + command
+        command = ["setpriv", "--pdeathsig", "KILL"] + command
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=open(log, "ab"),
+                                        text=True, start_new_session=True)
+        self.lines = []
+        self.changed = threading.Condition()
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            with self.changed:
+                self.lines.append(line.rstrip("\n"))
+                self.changed.notify_all()
+        with self.changed:
+            self.lines.append(None)
+            self.changed.notify_all()
+
+    def tail(self):
+        with open(self.log, errors="replace") as log:
+            return "".join(log.readlines()[-15:])
+
+    def wait_line(self, wanted, timeout):
+        """The first line for which `wanted` gives something."""
+        deadline = time.monotonic() + timeout
+        seen = 0
+        with self.changed:
+            while True:
+                for line in self.lines[seen:]:
+                    if line is None:
+                        raise DemoError(f"{self.name} ended early\n{self.tail()}")
+                    answer = wanted(line)
+                    if answer is not None:
+                        return answer
+                seen = len(self.lines)
+                if not self.changed.wait(max(0, deadline - time.monotonic())) and time.monotonic() >= deadline:
+                    raise DemoError(f"{self.name} said nothing for {timeout} s\n{self.tail()}")
+
+    def event(self, name, timeout=WORK_TIMEOUT):
+        def wanted(line):
+            try:
+                data = json.loads(line)
+            except ValueError:
+                return None
+            return data if isinstance(data, dict) and data.get("event") == name else None
+
+        return self.wait_line(wanted, timeout)
+
+    def say(self, text="go"):
+        self.process.stdin.write(text + "\n")
+        self.process.stdin.flush()
+
+    def stop(self, timeout=8):
+        if self.process.poll() is None:
+            self.process.terminate()
+            try:
+                self.process.wait(timeout)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+                self.process.wait()
+
+
+class Demo:
+    def __init__(self, options):
+        self.options = options
+        self.stage = options.stage
+        self.children = []
+        self.namespaces = []
+        self.pools = []
+        self.ports = set()
+        self.folder = tempfile.mkdtemp(prefix="vyn-demo-")
+        os.chmod(self.folder, 0o755)
+
+    # --- parts -----------------------------------------------------------------------------------------------------
+
+    def start(self, name, command, namespace=None):
+        child = Child(name, command, os.path.join(self.folder, name + ".log"), namespace)
+        self.children.append(child)
+        return child
+
+    def make_namespaces(self):
+        """A switch of their own, and an address for each of three hosts."""
+        mark = f"vyn{os.getpid() % 100000}"
+
+        def run(*command):
+            subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
+
+        switch = mark + "s"
+        self.namespaces.append(switch)
+        run("ip", "netns", "add", switch)
+        run("ip", "-n", switch, "link", "add", "bridge", "type", "bridge")
+        run("ip", "-n", switch, "link", "set", "bridge", "up")
+        hosts = []
+        for i in range(3):
+            host = f"{mark}h{i}"
+            self.namespaces.append(host)
+            run("ip", "netns", "add", host)
+            run("ip", "-n", switch, "link", "add", f"port{i}", "type", "veth", "peer", "name", "eth0", "netns", host)
+            run("ip", "-n", switch, "link", "set", f"port{i}", "master", "bridge", "up")
+            run("ip", "-n", host, "address", "add", f"10.77.0.{i + 1}/24", "dev", "eth0")
+            run("ip", "-n", host, "link", "set", "eth0", "up")
+            run("ip", "-n", host, "link", "set", "lo", "up")
+            hosts.append((host, f"10.77.0.{i + 1}"))
+        return hosts
+
+    def start_zookeeper(self, namespace, address):
+        port = free_port(self.ports)
+        data = os.path.join(self.folder, "zookeeper")
+        os.mkdir(data)
+        config = os.path.join(self.folder, "zoo.cfg")
+        with open(config, "w") as file:
+            file.write(f"tickTime=500\nminSessionTimeout=1000\nmaxSessionTimeout=60000\ndataDir={data}\n"
+                       f"clientPort={port}\nclientPortAddress={address}\n4lw.commands.whitelist=ruok\n"
+                       "admin.enableServer=false\n")
+        self.start("zookeeper", ["java", "-Xmx256m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1",
+                                 "-Dzookeeper.admin.enableServer=false", "-cp",
+                                 "/usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar",
+                                 "org.apache.zookeeper.server.quorum.QuorumPeerMain", config], namespace)
+        ask = [sys.executable, "-c",
+               "import socket,sys;s=socket.create_connection((sys.argv[1],int(sys.argv[2])),1);s.sendall(b'ruok');"
+               "sys.exit(0 if s.recv(4)==b'imok' else 1)", address, str(port)]
+        if namespace:
+            ask = ["ip", "netns", "exec", namespace] + ask
+        deadline = time.monotonic() + START_TIMEOUT
+        while subprocess.run(ask, stderr=subprocess.DEVNULL).returncode != 0:
+            if time.monotonic() > deadline:
+                raise DemoError("ZooKeeper does not answer\n" + self.children[-1].tail())
+            time.sleep(0.05)
+        return f"{address}:{port}"
+
+    def make_home(self, name, settings):
+        home = os.path.join(self.folder, name)
+        os.makedirs(os.path.join(home, "conf"))
+        os.makedirs(os.path.join(home, "logs"))
+        os.symlink(os.path.join(self.stage, "home", "tessel"), os.path.join(home, "tessel"))
+        with open(os.path.join(home, "conf", "vyn.conf"), "w") as file:
+            file.write("".join(f"{key}={value}\n" for key, value in settings.items()))
+        return home
+
+    def settings(self, zookeeper, nodes, ports):
+        # The plain loader finds the libraries of the machine.
+        values = {
+            "vyn.log.level": "INFO",
+            "vyn.zookeeper.server.url": zookeeper,
+            "vyn.zookeeper.session.timeout": "10000",
+            "vyn.zookeeper.security.enable": "false",
+            "vyn.tessel.meta.node_lists": ",".join(nodes),
+            "vyn.tessel.server.swap.path": "${VYN_HOME}/swap",
+            "vyn.tessel.rpc.shuffle_server.port": ports[0],
+            "vyn.tessel.rpc.shuffle_meta.port": ports[1],
+            "vyn.tessel.rpc.manager.port": ports[2],
+            "vyn.tessel.rpc.transport.protocol": "tcp",
+            "vyn.tessel.rpc.enableAuthentication": "false",
+            "vyn.tessel.rpc.enableAuthorization": "false",
+            "vyn.tessel.rpc.enableTLS": "false",
+            "vyn.tessel.rpc.openssl.path": "libssl.so.3",
+            "vyn.tessel.rpc.crypto.path": "libcrypto.so.3",
+        }
+        if self.options.tls:
+            values.update(self.tls_settings(nodes))
+        return values
+
+    def tls_settings(self, addresses):
+        """A certificate authority and one certificate for all servers, made for this demo."""
+        folder = os.path.join(self.folder, "tls")
+        if not os.path.isdir(folder):
+            os.mkdir(folder)
+
+            def openssl(*arguments):
+                subprocess.run(["openssl", *arguments], check=True, cwd=folder, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
+
+            openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-days", "2",
+                    "-subj", "/CN=Vyn demo authority")
+            openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", "server.key", "-out", "server.csr", "-subj",
+                    "/CN=vynd")
+            names = ",".join(f"IP:{address}" for address in sorted(set(addresses) | {"127.0.0.1"}))
+            with open(os.path.join(folder, "names"), "w") as file:
+                file.write(f"subjectAltName={names}\n")
+            openssl("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial", "-days",
+                    "2", "-extfile", "names", "-out", "server.pem")
+            for name in ("key.pass",):
+                open(os.path.join(folder, name), "w").close()
+        path = lambda name: os.path.join(folder, name)
+        unused = {f"vyn.tessel.{who}plx.ksf.{which}.path": path("ca.pem")
+                  for who in ("", "sdk.") for which in ("primary", "standby", "backup")}
+        return {**unused, "vyn.tessel.rpc.enableTLS": "true", "vyn.tessel.rpc.tls.ca.cert.path": path("ca.pem"),
+                "vyn.tessel.rpc.tls.sdk.ca.cert.path": path("ca.pem"), "vyn.tessel.rpc.tls.cert.path": path("server.pem"),
+                "vyn.tessel.rpc.tls.key.path": path("server.key"), "vyn.tessel.rpc.tls.key.encrypted": "false",
+                "vyn.tessel.rpc.tls.key.pass.path": path("key.pass")}
+
+    def start_vynd(self, node_id, home, address, pool_size, namespace=None):
+        pool = f"/dev/shm/vyn-demo-{os.getpid()}-{node_id}"
+        self.pools.append(pool)
+        daemon = self.start(f"vynd-{node_id}",
+                            [os.path.join(self.stage, "bin", "vynd"), "--home", home, "--node-id", str(node_id),
+                             "--address", address, "--host-name", f"node-{node_id}", "--pool", pool, "--pool-size",
+                             str(pool_size)], namespace)
+        daemon.wait_line(lambda line: True if line == "READY" else None, START_TIMEOUT)
+        return daemon
+
+    def program(self, name):
+        return os.path.join(self.stage, "bin", name)
+
+    # --- the two ways ------------------------------------------------------------------------------------------------
+
+    def run_fabric(self, driver_home, executors, namespaces):
+        options = self.options
+        ready = []
+        for i, (home, namespace) in enumerate(executors):
+            blocks = -(-self.file_size // options.block_size)
+            ready.append(self.start(f"executor-{i}",
+                                    [self.program("vyn-demo-executor"), "--home", home, "--blocks", str(blocks)],
+                                    namespace))
+        for executor in ready:
+            executor.event("ready")
+        driver = self.start("driver", [self.program("vyn-demo-driver"), "--home", driver_home, "--file", options.file,
+                                       "--block-size", str(options.block_size)], namespaces.get("driver"))
+        published = driver.event("published")
+        for executor in ready:
+            executor.say()
+        results = [executor.event("read") for executor in ready]
+        pool = sum(os.path.getsize(path) for folder in self.pools
+                   for path in glob.glob(folder + "/**/*", recursive=True) if os.path.isfile(path))
+        for executor in ready:
+            executor.say()
+            executor.process.wait(WORK_TIMEOUT)
+        driver.say()
+        driver.event("ended")
+        driver.process.wait(WORK_TIMEOUT)
+        return published, results, pool
+
+    def run_sockets(self, count):
+        options = self.options
+        server = self.start("socket-server", [self.program("vyn-demo-driver"), "--file", options.file, "--receivers",
+                                              str(count)])
+        listening = server.event("listening")
+        receivers = [self.start(f"receiver-{i}", [self.program("vyn-demo-executor"), "--socket",
+                                                  f"127.0.0.1:{listening['port']}", "--block-size",
+                                                  str(self.file_size)]) for i in range(count)]
+        for receiver in receivers:
+            receiver.event("ready")
+        for receiver in receivers:
+            receiver.say()
+        results = [receiver.event("read") for receiver in receivers]
+        for receiver in receivers:
+            receiver.say()
+            receiver.process.wait(WORK_TIMEOUT)
+        return results
+
+    # --- the whole ---------------------------------------------------------------------------------------------------
+
+    def run(self):
+        options = self.options
+        self.file_size = os.path.getsize(options.file)
+        if self.file_size == 0:
+            raise DemoError(f"{options.file} is empty")
+        sum256 = subprocess.run(["sha256sum", options.file], check=True, capture_output=True, text=True).stdout.split()[0]
+        print(f"Broadcasting {options.file}, {human(self.file_size)}, SHA-256 {sum256}")
+        pool_size = self.file_size + (256 << 20)
+        ports = [free_port(self.ports) for _ in range(3)]
+        names = {}
+        if options.outside:
+            hosts = self.make_namespaces()
+            zookeeper = self.start_zookeeper(*hosts[0])
+            nodes = [address for _, address in hosts[:2]]
+            executors = []
+            for i, (namespace, address) in enumerate(hosts[:2]):
+                home = self.make_home(f"home-{i + 1}", self.settings(zookeeper, nodes, ports))
+                self.start_vynd(i + 1, home, address, pool_size, namespace)
+                executors.append((home, namespace))
+            driver_home = self.make_home("home-driver", self.settings(zookeeper, nodes, ports))
+            names["driver"] = hosts[2][0]
+        else:
+            zookeeper = self.start_zookeeper(None, "127.0.0.1")
+            driver_home = self.make_home("home-1", self.settings(zookeeper, ["127.0.0.1"], ports))
+            self.start_vynd(1, driver_home, "127.0.0.1", pool_size)
+            executors = [(driver_home, None)] * options.executors
+        print(f"ZooKeeper at {zookeeper}, {len(self.pools)} vynd, {len(executors)} executors"
+              + (", TLS" if options.tls else "") + (", the driver outside the fabric" if options.outside else ""))
+        published, results, pool = self.run_fabric(driver_home, executors, names)
+        print()
+        for i, result in enumerate(results):
+            state = "equal" if result["sha256"] == sum256 else "DIFFERENT"
+            print(f"executor {i}: SHA-256 {result['sha256']} {state}")
+        wrong = [result for result in results if result["sha256"] != sum256]
+        sockets = self.run_sockets(len(executors))
+        wrong += [result for result in sockets if result["sha256"] != sum256]
+        self.print_table(published, results, pool, sockets)
+        if wrong:
+            raise DemoError(f"{len(wrong)} executors read other bytes than the driver wrote")
+
+    def print_table(self, published, results, pool, sockets):
+        publish = published["end"] - published["begin"]
+        count = len(results)
+        milliseconds = lambda seconds: f"{seconds * 1e3:.2f} ms"
+        first = [result["first"] - result["begin"] for result in results]
+        last = [result["last"] - result["begin"] for result in results]
+        old_first = [result["first"] - result["begin"] for result in sockets]
+        old_last = [result["last"] - result["begin"] for result in sockets]
+        rate = lambda seconds: f"{count * self.file_size / seconds / 1e9:.2f} GB/s" if seconds > 0 else "-"
+        rows = [
+            ("", "shared pages", "a socket and a copy each"),
+            ("publish (driver)", f"{milliseconds(publish)}, {self.file_size / publish / 1e9:.2f} GB/s", "-"),
+            ("first byte readable, slowest executor", milliseconds(max(first)), milliseconds(max(old_first))),
+            ("last byte readable, slowest executor", milliseconds(max(last)), milliseconds(max(old_last))),
+            (f"made readable to {count} executors at", rate(max(last)), rate(max(old_last))),
+            ("memory for the contents", human(pool), human(count * self.file_size)),
+            ("private memory of all executors", human(sum(r["private"] for r in results)),
+             human(sum(r["private"] for r in sockets))),
+        ]
+        print()
+        for row in rows:
+            print(f"{row[0]:<42}{row[1]:>26}{row[2]:>28}")
+        print("\nReadable means mapped and touched at its ends; each executor then read every byte for its SHA-256.")
+
+    def clean(self):
+        for child in reversed(self.children):
+            child.stop()
+        for namespace in reversed(self.namespaces):
+            subprocess.run(["ip", "netns", "delete", namespace], stderr=subprocess.DEVNULL)
+        if self.options.keep:
+            print(f"kept: {self.folder} {' '.join(self.pools)}")
+            return
+        for pool in self.pools:
+            shutil.rmtree(pool, ignore_errors=True)
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def default_file():
+    """A real file of the machine of some 100 MB."""
+    best = None
+    for folder in ("/usr/lib", "/usr/bin", "/usr/local/lib"):
+        for root, _, names in os.walk(folder):
+            for name in names:
+                path = os.path.join(root, name)
+                if not os.path.isfile(path) or os.path.islink(path):
+                    continue
+                distance = abs(os.path.getsize(path) - 100_000_000)
+                if best is None or distance < best[0]:
+                    best = (distance, path)
+    return best[1]
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="./vyn demo", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("file", nargs="?", metavar="FILE", help="what to broadcast (default: a file of this machine)")
+    parser.add_argument("--executors", type=int, default=4, help="how many executors (default 4; one a node with --outside)")
+    parser.add_argument("--block-size", type=size, default=4 << 20, metavar="SIZE", help="default 4M")
+    parser.add_argument("--outside", action="store_true", help="a driver outside the fabric and two nodes (root)")
+    parser.add_argument("--tls", action="store_true", help="TLS 1.3 between clients and services")
+    parser.add_argument("--keep", action="store_true", help="keep logs and pools")
+    parser.add_argument("--stage", default=os.path.join(os.getcwd(), "build"), help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    if not 1 <= options.executors <= 64:
+        parser.error("--executors takes 1 to 64")
+    if options.outside and os.geteuid() != 0:
+        parser.error("--outside makes network namespaces and needs root")
+    if options.file is None:
+        options.file = default_file()
+    if not os.path.isfile(options.file):
+        parser.error(f"{options.file} is no file")
+    options.file = os.path.abspath(options.file)
+    options.stage = os.path.abspath(options.stage)
+
+    def interrupted(number, frame):
+        raise KeyboardInterrupt
+
+    signal.signal(signal.SIGTERM, interrupted)
+    demo = Demo(options)
+    code = 1
+    try:
+        demo.run()
+        code = 0
+    except DemoError as error:
+        print(f"demo: {error}", file=sys.stderr)
+    except KeyboardInterrupt:
+        print("demo: interrupted", file=sys.stderr)
+        code = 130
+    finally:
+        signal.signal(signal.SIGTERM, signal.SIG_IGN)
+        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        demo.clean()
+    return code
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,152 @@
+// The demo's driver: broadcasts a file as one variable, inside the fabric or from outside it, or sends it to each receiver
+// over a socket of its own, as engines do without a fabric.
+
+#include "tools/demo/support.h"
+#include "vyn/broadcast.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+namespace {
+
+using namespace vyn::demo;
+
+/// Blocks of the fabric on this node: filled in place.
+void Fill(const Arguments& arguments, const MappedFile& file, const std::vector<unsigned long>& sizes) {
+  const auto count = static_cast<unsigned int>(sizes.size());
+  const char* app = arguments.application.c_str();
+  Require(CreateBroadcastBlockBatch(app, arguments.variable, sizes.data(), count),
+          "CreateBroadcastBlockBatch");
+  const char* data = file.Data();
+  for (unsigned int i = 0; i < count; ++i) {
+    void* address = nullptr;
+    Require(ObtainBroadcastBlockAddr(app, arguments.variable, i, &address), "ObtainBroadcastBlockAddr");
+    std::memcpy(address, data, sizes[i]);
+    data += sizes[i];
+    Require(ReleaseBroadcastBlockAddr(app, arguments.variable, i, address), "ReleaseBroadcastBlockAddr");
+  }
+}
+
+/// Blocks on a node that the metadata service proposes: copied there.
+std::string Send(const Arguments& arguments, const MappedFile& file,
+                 const std::vector<unsigned long>& sizes) {
+  const char* app = arguments.application.c_str();
+  std::vector<std::string> candidates;
+  std::vector<std::string> nodes;
+  std::vector<std::string> hosts;
+  std::vector<std::string> ids;
+  std::vector<unsigned short> nodeIds;
+  Require(GetRemoteNodeInfo(app, candidates, nodes, nodeIds, hosts, true), "GetRemoteNodeInfo");
+  if (nodes.empty()) {
+    std::cerr << "no node of the fabric is alive\n";
+    std::exit(1);
+  }
+  Require(CreateBroadcastBlockBatchRemote(app, arguments.token.c_str(), arguments.variable, sizes.data(),
+                                          static_cast<unsigned int>(sizes.size()), nodes[0].c_str(),
+                                          hosts[0].c_str(), nodeIds[0], ids),
+          "CreateBroadcastBlockBatchRemote");
+  const char* data = file.Data();
+  for (std::size_t i = 0; i < sizes.size(); ++i) {
+    Require(WriteRemoteBlock(app, ids[i].c_str(), data, sizes[i], arguments.token.c_str()),
+            "WriteRemoteBlock");
+    data += sizes[i];
+  }
+  return nodes[0];
+}
+
+int Broadcast(const Arguments& arguments) {
+  const char* app = arguments.application.c_str();
+  Require(
+      BroadcastInitialize(arguments.home.c_str(), arguments.version.c_str(), arguments.binaryType.c_str(), 0),
+      "BroadcastInitialize");
+  bool registered = false;
+  Require(RegisterBroadcastApp(app, true, arguments.token.c_str(), &registered), "RegisterBroadcastApp");
+  const MappedFile file(arguments.file);
+  const auto sizes = BlockSizes(file.Size(), arguments.blockSize);
+  const double begin = Now();
+  Require(CreateBroadcastVar(app, arguments.variable, static_cast<unsigned int>(sizes.size())),
+          "CreateBroadcastVar");
+  std::string node = "this node";
+  if (registered) {
+    Fill(arguments, file, sizes);
+  } else {
+    node = Send(arguments, file, sizes);
+  }
+  const double end = Now();
+  std::cout << nlohmann::json{{"event", "published"},   {"begin", begin},       {"end", end},
+                              {"blocks", sizes.size()}, {"bytes", file.Size()}, {"placed", node}}
+                   .dump()
+            << std::endl;
+  AwaitLine();
+  Require(DeleteBroadcastVar(app, arguments.variable), "DeleteBroadcastVar");
+  if (registered) {
+    Require(UnRegisterBroadcastApp(app), "UnRegisterBroadcastApp");
+  }
+  Require(MarkBroadcastApplicationCompleted(app), "MarkBroadcastApplicationCompleted");
+  BroadcastUninitialize();
+  std::cout << nlohmann::json{{"event", "ended"}}.dump() << std::endl;
+  return 0;
+}
+
+void SendAll(int connection, const char* data, std::uint64_t size) {
+  while (size > 0) {
+    const ssize_t sent = send(connection, data, size, MSG_NOSIGNAL);
+    if (sent <= 0) {
+      break;
+    }
+    data += sent;
+    size -= static_cast<std::uint64_t>(sent);
+  }
+  close(connection);
+}
+
+int ServeSockets(const Arguments& arguments) {
+  const MappedFile file(arguments.file);
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof(address);
+  if (bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener, 128) != 0 ||
+      getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    std::cerr << "cannot listen: " << std::strerror(errno) << "\n";
+    return 1;
+  }
+  std::cout
+      << nlohmann::json{{"event", "listening"}, {"port", ntohs(address.sin_port)}, {"begin", Now()}}.dump()
+      << std::endl;
+  std::vector<std::jthread> senders;
+  for (unsigned int i = 0; i < arguments.receivers; ++i) {
+    const int connection = accept(listener, nullptr, nullptr);
+    if (connection >= 0) {
+      senders.emplace_back([&file, connection] { SendAll(connection, file.Data(), file.Size()); });
+    }
+  }
+  close(listener);
+  senders.clear();
+  std::cout << nlohmann::json{{"event", "ended"}}.dump() << std::endl;
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Arguments arguments;
+  int exitCode = 0;
+  if (!ReadArguments("vyn-demo-driver", argc, argv, arguments, exitCode)) {
+    return exitCode;
+  }
+  try {
+    return arguments.receivers != 0 ? ServeSockets(arguments) : Broadcast(arguments);
+  } catch (const std::exception& failure) {
+    std::cerr << failure.what() << "\n";
+    return 1;
+  }
+}

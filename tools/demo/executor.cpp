@@ -1,0 +1,118 @@
+// The demo's executor: reads every block of the variable in place and computes its SHA-256; or, the old way, receives the
+// file over a socket into memory of its own.
+
+#include "tools/demo/support.h"
+#include "vyn/broadcast.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using namespace vyn::demo;
+
+void Report(double begin, double first, double last, std::uint64_t bytes, const std::string& sha256) {
+  std::cout << nlohmann::json{{"event", "read"},
+                              {"begin", begin},
+                              {"first", first},
+                              {"last", last},
+                              {"bytes", bytes},
+                              {"sha256", sha256},
+                              {"private", PrivateMemory()}}
+                   .dump()
+            << std::endl;
+}
+
+int ReadVariable(const Arguments& arguments) {
+  const char* app = arguments.application.c_str();
+  Require(
+      BroadcastInitialize(arguments.home.c_str(), arguments.version.c_str(), arguments.binaryType.c_str(), 1),
+      "BroadcastInitialize");
+  bool registered = false;
+  Require(RegisterBroadcastApp(app, false, arguments.token.c_str(), &registered), "RegisterBroadcastApp");
+  std::cout << nlohmann::json{{"event", "ready"}}.dump() << std::endl;
+  AwaitLine();
+
+  const double begin = Now();
+  std::vector<unsigned long> sizes(arguments.blocks);
+  Require(FetchBroadcastBlockBatch(app, arguments.variable, sizes.data()), "FetchBroadcastBlockBatch");
+  std::vector<void*> addresses(arguments.blocks);
+  double first = 0;
+  volatile char sink = 0;
+  for (unsigned int i = 0; i < arguments.blocks; ++i) {
+    Require(ObtainBroadcastBlockAddr(app, arguments.variable, i, &addresses[i]), "ObtainBroadcastBlockAddr");
+    if (i == 0) {
+      sink = *static_cast<const char*>(addresses[0]);
+      first = Now();
+    }
+  }
+  if (arguments.blocks != 0) {
+    sink = static_cast<const char*>(addresses.back())[sizes.back() - 1];
+  }
+  static_cast<void>(sink);
+  const double last = Now();
+  Sha256 sum;
+  std::uint64_t bytes = 0;
+  for (unsigned int i = 0; i < arguments.blocks; ++i) {
+    sum.Add(addresses[i], sizes[i]);
+    bytes += sizes[i];
+  }
+  Report(begin, first, last, bytes, sum.Finish());
+  AwaitLine();
+  for (unsigned int i = 0; i < arguments.blocks; ++i) {
+    Require(ReleaseBroadcastBlockAddr(app, arguments.variable, i, addresses[i]), "ReleaseBroadcastBlockAddr");
+  }
+  BroadcastUninitialize();
+  return 0;
+}
+
+int Receive(const Arguments& arguments) {
+  std::cout << nlohmann::json{{"event", "ready"}}.dump() << std::endl;
+  AwaitLine();
+  const double begin = Now();
+  const std::size_t colon = arguments.socket.find(':');
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(arguments.socket.substr(colon + 1))));
+  inet_pton(AF_INET, arguments.socket.substr(0, colon).c_str(), &address.sin_addr);
+  const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    std::cerr << "cannot connect to " << arguments.socket << ": " << std::strerror(errno) << "\n";
+    return 1;
+  }
+  std::vector<char> copy(arguments.blockSize);  // here: the size of the file
+  std::size_t received = 0;
+  double first = 0;
+  while (received < copy.size()) {
+    const ssize_t count = recv(connection, copy.data() + received, copy.size() - received, 0);
+    if (count <= 0) {
+      break;
+    }
+    first = received == 0 ? Now() : first;
+    received += static_cast<std::size_t>(count);
+  }
+  close(connection);
+  const double last = Now();
+  Sha256 sum;
+  sum.Add(copy.data(), received);
+  Report(begin, first, last, received, sum.Finish());
+  AwaitLine();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Arguments arguments;
+  int exitCode = 0;
+  if (!ReadArguments("vyn-demo-executor", argc, argv, arguments, exitCode)) {
+    return exitCode;
+  }
+  return arguments.socket.empty() ? ReadVariable(arguments) : Receive(arguments);
+}

@@ -1,0 +1,39 @@
+// vynconf: checks a configuration file, and prints the catalogue of keys.
+// Exit codes: 0 fine, perhaps with warnings; 1 complaints; anything else a wrong command line. Complaints and warnings go to
+// standard output, one a line.
+
+#include "common/util/configuration_catalogue.h"
+#include "services/config_check/config_check.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+int main(int argc, char** argv) {
+  CLI::App app("Checks configuration files of Vyn.", "vynconf");
+  app.set_version_flag("--version", std::string("vynconf ") + VYN_PROJECT_VERSION);
+  app.require_subcommand(1);
+
+  CLI::App* check =
+      app.add_subcommand("check", "Check a file: a line for every complaint, exit code 1 if there are any");
+  std::string file;
+  vyn::services::ConfigFeatures features;
+  check->add_option("FILE", file, "The file, such as $VYN_HOME/conf/vyn.conf")->required();
+  check->add_flag("--auth", features.authentication, "Check what authentication needs");
+  check->add_flag("--tls", features.tls, "Check what TLS needs");
+  check->add_flag("--author", features.authorization, "Check what authorization needs");
+  check->add_flag("--zk-security", features.zookeeperSecurity, "Check what secured ZooKeeper sessions need");
+
+  CLI::App* keys = app.add_subcommand("keys", "Print every key with type, default and bounds, as Markdown");
+
+  CLI11_PARSE(app, argc, argv);
+
+  if (keys->parsed()) {
+    std::cout << vyn::common::catalogue::MarkdownTables();
+    return 0;
+  }
+  const auto complaints = vyn::services::CheckConfig(file, features);
+  for (const auto& complaint : complaints) {
+    std::cout << vyn::services::ToLine(complaint) << '\n';
+  }
+  return vyn::services::AnyRefusal(complaints) ? 1 : 0;
+}

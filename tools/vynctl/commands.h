@@ -1,0 +1,25 @@
+#pragma once
+
+// The commands of vynctl. Each prints its answer on standard output, as a table or, with Settings::json, as one JSON
+// object, and throws CommandError when it cannot.
+
+#include "tools/vynctl/session.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vyn::tools {
+
+void ShowStatus(const Settings& settings);
+void ListApplications(const Settings& settings);
+void RemoveApplication(const Settings& settings, const std::string& application);
+
+/// Broadcasts a file as a variable.
+void PutVariable(const Settings& settings, const std::string& application, std::uint32_t id,
+                 const std::string& file, std::uint64_t blockSize);
+/// Writes a variable's contents to `file`, or to standard output when that is empty.
+void GetVariable(const Settings& settings, const std::string& application, std::uint32_t id,
+                 const std::string& file);
+void RemoveVariable(const Settings& settings, const std::string& application, std::uint32_t id);
+
+}  // namespace vyn::tools

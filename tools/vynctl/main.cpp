@@ -1,0 +1,108 @@
+// vynctl: looks at a cluster of Vyn broadcast and moves variables in and out of it.
+//
+// Exit codes: 0 done, 1 the command failed, 2 the command line is wrong.
+
+#include "services/config_check/config_check.h"
+#include "tools/vynctl/commands.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+namespace {
+
+using namespace vyn::tools;
+
+int CheckConfiguration(const Settings& settings, const std::string& file,
+                       const vyn::services::ConfigFeatures& features) {
+  const auto complaints = vyn::services::CheckConfig(file, features);
+  if (settings.json) {
+    auto list = nlohmann::json::array();
+    for (const auto& complaint : complaints) {
+      list.push_back({{"line", complaint.line}, {"key", complaint.key}, {"text", complaint.text}});
+    }
+    std::printf("%s\n", nlohmann::json{{"file", file}, {"complaints", list}}
+                            .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+                            .c_str());
+  } else {
+    for (const auto& complaint : complaints) {
+      std::printf("%s\n", vyn::services::ToLine(complaint).c_str());
+    }
+  }
+  return complaints.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Settings settings;
+  if (const char* home = std::getenv("VYN_HOME")) {
+    settings.home = home;
+  }
+  std::string application;
+  std::string file;
+  std::string output;
+  std::uint32_t id = 0;
+  std::uint64_t blockSize = 4U << 20U;
+  vyn::services::ConfigFeatures features;
+  int code = 0;
+
+  CLI::App app{"vynctl, the operator's view of Vyn broadcast", "vynctl"};
+  app.set_version_flag("--version", "vynctl 2.0.0");
+  app.require_subcommand(1);
+  app.add_option("--home", settings.home, "the installation (default: VYN_HOME)");
+  app.add_option("--token", settings.token, "the application's token, for put and get");
+  app.add_flag("--json", settings.json, "answer in JSON");
+  app.add_flag("--verbose", settings.verbose, "show log lines on standard error");
+  app.fallthrough();
+
+  auto* status = app.add_subcommand("status", "leader, members, nodes, applications, variables");
+  status->callback([&] { ShowStatus(settings); });
+  auto* put = app.add_subcommand("put", "broadcast a file as a variable");
+  put->add_option("APP", application)->required();
+  put->add_option("ID", id)->required();
+  put->add_option("FILE", file)->required()->check(CLI::ExistingFile);
+  put->add_option("--block-size", blockSize, "bytes of a block, like 4M")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  put->callback([&] { PutVariable(settings, application, id, file, blockSize); });
+  auto* get = app.add_subcommand("get", "write a variable's contents to standard output or a file");
+  get->add_option("APP", application)->required();
+  get->add_option("ID", id)->required();
+  get->add_option("-o,--output", output, "the file");
+  get->callback([&] { GetVariable(settings, application, id, output); });
+  auto* remove = app.add_subcommand("rm", "remove a variable and free its memory");
+  remove->add_option("APP", application)->required();
+  remove->add_option("ID", id)->required();
+  remove->callback([&] { RemoveVariable(settings, application, id); });
+  auto* apps = app.add_subcommand("app", "applications");
+  apps->require_subcommand(1);
+  apps->add_subcommand("ls", "list them with their variables")->callback([&] { ListApplications(settings); });
+  auto* end = apps->add_subcommand("rm", "end one: all its variables and memory go, on every node");
+  end->add_option("APP", application)->required();
+  end->callback([&] { RemoveApplication(settings, application); });
+  auto* conf = app.add_subcommand("conf", "configuration files");
+  conf->require_subcommand(1);
+  auto* check = conf->add_subcommand("check", "check a file and print each complaint");
+  check->add_option("FILE", file)->required();
+  check->add_flag("--auth", features.authentication, "as with authentication on");
+  check->add_flag("--tls", features.tls, "as with TLS on");
+  check->add_flag("--author", features.authorization, "as with authorization on");
+  check->add_flag("--zk-security", features.zookeeperSecurity, "as with ZooKeeper security on");
+  check->callback([&] { code = CheckConfiguration(settings, file, features); });
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  } catch (const CommandError& error) {
+    std::fprintf(stderr, "vynctl: %s\n", error.what());
+    return 1;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vynctl: %s\n", error.what());
+    return 1;
+  }
+  return code;
+}

@@ -1,0 +1,96 @@
+#include "tools/vynctl/session.h"
+
+#include "cluster/cluster_zkadapter.h"
+#include "common/api/base_api_util.h"
+#include "common/util/configuration.h"
+#include "common/util/env_helper.h"
+#include "common/util/error_info.h"
+#include "common/util/file_util.h"
+#include "common/util/log.h"
+#include "platform/ulog/ulog.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "vyn/broadcast.h"
+#include "vyn/status.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace vyn::tools {
+
+namespace {
+
+common::Ref<common::Configuration> Conf() { return common::Configuration::GetInstance(); }
+
+}  // namespace
+
+void Require(std::uint32_t status, const std::string& what) {
+  if (Failed(status)) {
+    throw CommandError(what + " failed with " + std::to_string(status) + ": " + common::LastErrorText());
+  }
+}
+
+void LoadConfiguration(const Settings& settings) {
+  std::string home;
+  if (Failed(common::FileUtil::RealPathNoLog(settings.home, home))) {
+    throw CommandError("the home " + settings.home + " cannot be resolved");
+  }
+  if (Failed(common::BaseApiUtil::SetVynEnv(home.c_str(), VYN_RELEASE, VYN_BINARY_TYPE)) ||
+      common::EnvHelper::GetInstance() == nullptr ||
+      common::Configuration::GetInstance(home + "/conf/vyn.conf") == nullptr) {
+    throw CommandError(home + "/conf/vyn.conf cannot be loaded; `vynctl conf check` tells why");
+  }
+  if (!settings.verbose) {
+    Conf()->Set("vyn.log.level", std::string("CRITICAL"));
+  }
+  ULOG_Init(ULOG_TYPE_STDERR,
+            static_cast<int>(common::Log::StringToLogLevel(Conf()->GetString("vyn.log.level", ""))), nullptr,
+            0, 0);
+}
+
+void ConnectZooKeeper() {
+  const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SDK);
+  if (adapter == nullptr ||
+      Failed(adapter->ClusterZKAdapterInit(Conf()->GetInt("vyn.zookeeper.session.timeout", 30000)))) {
+    throw CommandError("ZooKeeper at " + Conf()->GetString("vyn.zookeeper.server.url", "") +
+                       " cannot be used: " + VynZookeeperGetLastMessage());
+  }
+}
+
+void StartSdk(const Settings& settings, bool driver) {
+  const auto environment = common::EnvHelper::GetInstance();
+  const std::uint32_t status = BroadcastInitialize(settings.home.c_str(), environment->GetVersion().c_str(),
+                                                   environment->GetBinaryType().c_str(), driver ? 0 : 1);
+  Require(status, driver ? "starting as a driver" : "starting on this node");
+}
+
+Progress::Progress(std::string title, std::uint64_t total)
+    : mTitle(std::move(title)), mTotal(total), mTerminal(isatty(STDERR_FILENO) != 0) {
+  Draw();
+}
+
+Progress::~Progress() {
+  if (mTerminal) {
+    std::fputs("\n", stderr);
+  }
+}
+
+void Progress::Add(std::uint64_t bytes) {
+  mDone += bytes;
+  Draw();
+}
+
+void Progress::Draw() {
+  constexpr int kWidth = 40;
+  const int percent = mTotal == 0 ? 100 : static_cast<int>(mDone * 100 / mTotal);
+  if (!mTerminal || percent == mShown) {
+    return;
+  }
+  mShown = percent;
+  const int filled = percent * kWidth / 100;
+  std::fprintf(stderr, "\r%s [%s%s] %3d%%", mTitle.c_str(), std::string(filled, '#').c_str(),
+               std::string(kWidth - filled, ' ').c_str(), percent);
+  std::fflush(stderr);
+}
+
+}  // namespace vyn::tools
