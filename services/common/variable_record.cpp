@@ -37,6 +37,7 @@ bool ReadHeader(const std::string& text, VariableRecord& record) {
     const auto state = json.at("state").get<std::string>();
     record.blockNum = json.at("blockNum").get<std::uint32_t>();
     record.pieces = json.at("pieces").get<std::uint32_t>();
+    record.list = json.at("list").get<std::string>();
     for (const auto& [value, name] : kStates) {
       if (state == name) {
         record.state = value;
@@ -51,12 +52,18 @@ bool ReadHeader(const std::string& text, VariableRecord& record) {
 
 }  // namespace
 
-std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_t pieces) {
+std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_t pieces,
+                         const std::string& list) {
   const char* name = "";
   for (const auto& [value, text] : kStates) {
     name = value == state ? text : name;
   }
-  return nlohmann::json{{"state", name}, {"blockNum", blockNum}, {"pieces", pieces}}.dump() + "\n";
+  const nlohmann::json header{{"state", name}, {"blockNum", blockNum}, {"pieces", pieces}, {"list", list}};
+  return header.dump() + "\n";
+}
+
+std::string PiecePath(const std::string& record, const std::string& list, std::uint32_t index) {
+  return record + "/" + list + "." + std::to_string(index);
 }
 
 std::string RecordBody(const std::string& text) {
@@ -78,7 +85,7 @@ RecordRead ReadVariableRecord(const std::string& path, VariableRecord& record) {
   std::string body = RecordBody(text);
   for (std::uint32_t i = 1; i < record.pieces; ++i) {
     std::string piece;
-    if (const int result = zookeeper::Get(path + "/" + std::to_string(i), piece); result != ZOK) {
+    if (const int result = zookeeper::Get(PiecePath(path, record.list, i), piece); result != ZOK) {
       return Failure(result, path);
     }
     body += piece;

@@ -1,7 +1,8 @@
 #pragma once
 
 // The record of one variable in ZooKeeper: a line of JSON, a line feed, and the serialised block list, which continues in
-// the children 1, 2, ... when it is longer than one znode takes (zookeeper_layout.h).
+// children of the record when it is longer than one znode takes (zookeeper_layout.h). The line names the children, and a
+// list that is written anew goes to new ones, so that the write of the record's own znode changes all of it at once.
 
 #include "tessel/message/broadcast/broadcast_messages.h"
 
@@ -23,12 +24,16 @@ enum class RecordState {
 struct VariableRecord {
   RecordState state = RecordState::kNew;
   std::uint32_t blockNum = 0;
-  std::uint32_t pieces = 0;
+  std::uint32_t pieces = 0;           ///< of the block list, the first one included
+  std::string list;                   ///< names the children, see PiecePath
   tessel::BroadcastBlockInfo blocks;  ///< empty while the state is kNew
 };
 
 /// The line in front of the block list.
-std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_t pieces);
+std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_t pieces,
+                         const std::string& list = "");
+/// Where piece `index` of a list is, from 1 on.
+std::string PiecePath(const std::string& record, const std::string& list, std::uint32_t index);
 /// `text` without its line.
 std::string RecordBody(const std::string& text);
 

@@ -6,9 +6,9 @@
 //   /vyn/nodes/<node id>              every node that ever belonged to the fabric: JSON {host, ip}
 //   /vyn/apps/<application>           JSON {heartbeat}, or {removed} while its removal runs
 //   /vyn/apps/<application>/token     JSON {salt, hash}: the token that the first registration fixed
-//   /vyn/apps/<application>/<variable id>.<unique>      a variable: one line of JSON {state, blockNum, pieces}, a line
-//                                     feed, and the first piece of its serialised block list
-//   /vyn/apps/<application>/<variable id>.<unique>/<n>  its further pieces
+//   /vyn/apps/<application>/<variable id>.<unique>      a variable: one line of JSON {state, blockNum, pieces,
+//                                     list}, a line feed, and the first piece of its serialised block list
+//   /vyn/apps/<application>/<variable id>.<unique>/<list>.<n>  its further pieces; <list> is a <unique> too
 //   /vyn/reclaim/<node id>/<unique>   what that node has to give back: JSON, see ReclaimEntry
 //
 // <unique> is never used twice: the epoch of the writer and a counter.

@@ -272,9 +272,13 @@ void MetadataService::WatchSilence() {
       }
     }
     for (const std::string& application : mState.Silent(mOptions.applicationTimeout)) {
+      bool removed = false;
+      const std::uint32_t status = mState.Expire(application, mOptions.applicationTimeout, removed);
+      if (!removed) {
+        continue;  // it has sent one meanwhile
+      }
       VYN_LOG_WARN("Application " << application << " has sent no heartbeat for "
                                   << mOptions.applicationTimeout.count() << " ms, it is removed");
-      const std::uint32_t status = mState.RemoveApplication(application);
       Audit("expire_application", application, status);
       if (status == MetadataStore::kStatusDeposed) {
         mDeposed.store(true, std::memory_order_release);

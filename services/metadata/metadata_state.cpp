@@ -8,6 +8,14 @@
 
 namespace vyn::services {
 
+namespace {
+
+bool IsSilent(const Application& application, std::chrono::milliseconds timeout) {
+  return application.heartbeat && common::SteadyNow() - application.lastBeat > timeout;
+}
+
+}  // namespace
+
 std::uint32_t MetadataState::Load() {
   std::map<std::string, Application> applications;
   if (const std::uint32_t status = mStore.Open(applications); Failed(status)) {
@@ -189,6 +197,21 @@ std::uint32_t MetadataState::GetBlock(const std::string& application, std::uint3
 
 std::uint32_t MetadataState::RemoveApplication(const std::string& application) {
   std::lock_guard write(WriteLock(application));
+  return Remove(application);
+}
+
+std::uint32_t MetadataState::Expire(const std::string& application, std::chrono::milliseconds timeout,
+                                    bool& removed) {
+  std::lock_guard write(WriteLock(application));
+  {
+    std::shared_lock lock(mMutex);
+    const auto app = mApplications.find(application);
+    removed = app != mApplications.end() && IsSilent(app->second, timeout);
+  }
+  return removed ? Remove(application) : VYN_OK;
+}
+
+std::uint32_t MetadataState::Remove(const std::string& application) {
   // Also when it is unknown here: nodes may hold a namespace of an application that never had a variable.
   if (const std::uint32_t status = mStore.RemoveApplication(application); Failed(status)) {
     return status;
@@ -222,11 +245,10 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application) {
 }
 
 std::vector<std::string> MetadataState::Silent(std::chrono::milliseconds timeout) const {
-  const auto now = common::SteadyNow();
   std::vector<std::string> names;
   std::shared_lock lock(mMutex);
   for (const auto& [name, application] : mApplications) {
-    if (application.heartbeat && now - application.lastBeat > timeout) {
+    if (IsSilent(application, timeout)) {
       names.push_back(name);
     }
   }

@@ -40,6 +40,8 @@ class MetadataState {
   std::uint32_t RemoveApplication(const std::string& application);
 
   std::uint32_t HeartBeat(const std::string& application);
+  /// Removes it if it is still silent. \param removed receives whether it was. Returns: 0 or a status.
+  std::uint32_t Expire(const std::string& application, std::chrono::milliseconds timeout, bool& removed);
   /// Those that sent heartbeats and have been silent for `timeout`.
   std::vector<std::string> Silent(std::chrono::milliseconds timeout) const;
   /// Those of `applications` that are known.
@@ -52,6 +54,8 @@ class MetadataState {
   /// Copies the variable out. Returns: whether it is there.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;
   std::uint32_t WriteBlocks(const std::string& application, Variable variable);
+  /// Requires: the application's write lock is held.
+  std::uint32_t Remove(const std::string& application);
 
   MetadataStore mStore;
   std::array<std::mutex, 64> mWriteLocks;

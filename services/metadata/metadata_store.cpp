@@ -14,6 +14,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
+#include <utility>
 
 namespace vyn::services {
 
@@ -186,6 +187,7 @@ std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& var
   deleted = record.state == RecordState::kDeleted;
   variable.blockNum = record.blockNum;
   variable.pieces = record.pieces;
+  variable.list = record.list;
   variable.ready = record.state == RecordState::kReady;
   variable.nodeId = record.blocks.nodeId;
   variable.bmIds = std::move(record.blocks.bmIds);
@@ -228,27 +230,26 @@ std::uint32_t MetadataStore::SetBlocks(const std::string& application, Variable&
     return status;
   }
   const std::string body(reinterpret_cast<const char*>(info.SerializedData()), info.SerializedDataSize());
-  variable.pieces = static_cast<std::uint32_t>((body.size() + kRecordPieceSize - 1) / kRecordPieceSize);
+  const std::string oldList = std::exchange(variable.list, Unique());
+  const std::uint32_t oldPieces = std::exchange(
+      variable.pieces, static_cast<std::uint32_t>((body.size() + kRecordPieceSize - 1) / kRecordPieceSize));
   for (std::uint32_t i = 1; i < variable.pieces; ++i) {
-    const std::string path = variable.path + "/" + std::to_string(i);
-    const std::string piece = body.substr(i * kRecordPieceSize, kRecordPieceSize);
+    const std::string path = PiecePath(variable.path, variable.list, i);
     Transaction transaction;
-    transaction.Check(kEpochPath, mEpoch).Create(path, piece);
-    int result = transaction.Commit();
-    if (result == ZNODEEXISTS) {  // of an earlier try that did not get to its end
-      Transaction again;
-      again.Check(kEpochPath, mEpoch).Set(path, piece);
-      result = again.Commit();
-    }
-    if (result != ZOK) {
-      return StatusOf(result, "write " + path);
+    transaction.Check(kEpochPath, mEpoch).Create(path, body.substr(i * kRecordPieceSize, kRecordPieceSize));
+    if (const std::uint32_t status = Commit(transaction, "write " + path); Failed(status)) {
+      return status;
     }
   }
-  // The header comes last: with it the list is complete.
+  // The header comes last: with it the list is complete, and the pieces of an older one go.
   Transaction transaction;
   transaction.Check(kEpochPath, mEpoch)
-      .Set(variable.path, RecordHeader(RecordState::kReady, variable.blockNum, variable.pieces) +
-                              body.substr(0, kRecordPieceSize));
+      .Set(variable.path,
+           RecordHeader(RecordState::kReady, variable.blockNum, variable.pieces, variable.list) +
+               body.substr(0, kRecordPieceSize));
+  for (std::uint32_t i = 1; i < oldPieces; ++i) {
+    transaction.Delete(PiecePath(variable.path, oldList, i));
+  }
   return Commit(transaction, "write the blocks of " + variable.path);
 }
 
@@ -281,7 +282,8 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
   Transaction transaction;
   transaction.Check(kEpochPath, mEpoch)
       .Set(variable.path,
-           RecordHeader(RecordState::kDeleted, variable.blockNum, variable.pieces) + RecordBody(text));
+           RecordHeader(RecordState::kDeleted, variable.blockNum, variable.pieces, variable.list) +
+               RecordBody(text));
   bool ownerTold = false;
   const ReclaimEntry entry{application, variable.path, variable.id, false};
   if (const std::uint32_t status = TellNodes(transaction, entry, variable.nodeId, ownerTold);

@@ -40,7 +40,7 @@ class MetadataStore {
   std::uint32_t MarkHeartbeat(const std::string& application);
   /// Makes a variable without blocks. Fills `variable.path`.
   std::uint32_t AddVariable(const std::string& application, Variable& variable);
-  /// Writes the blocks. Fills `variable.pieces`.
+  /// Writes the blocks, in place of those that were known: all or nothing. Fills `variable.pieces` and `variable.list`.
   std::uint32_t SetBlocks(const std::string& application, Variable& variable);
   /// The variable goes; its node is told to free the blocks, the others to forget it.
   std::uint32_t RemoveVariable(const std::string& application, const Variable& variable);

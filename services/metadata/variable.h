@@ -18,9 +18,10 @@ struct Variable {
   std::uint32_t nodeId = 0xFFFFFFFF;  ///< the node that holds the blocks
   std::vector<std::string> bmIds;
   std::vector<std::uint64_t> sizes;  ///< in bytes
-  /// Its znode, and how many pieces stand below it.
+  /// Its znode, how many pieces its block list has, and what names those below it.
   std::string path;
   std::uint32_t pieces = 0;
+  std::string list;
 };
 
 struct Application {

@@ -8,10 +8,14 @@
 #include "services/vynd/token_registry.h"
 #include "tessel/message/operation_codes.h"
 
+#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstring>
+#include <set>
 
 namespace vyn::services {
 
@@ -19,9 +23,8 @@ namespace {
 
 using namespace tessel;  // the messages
 
-/// The most blocks of one request, and the most blobs that a node keeps.
+/// The most blocks of one request.
 constexpr std::size_t kMaxBlocks = 500000;
-constexpr std::size_t kMaxBlobs = 1000000;
 /// How long the question for the leader waits while there is none.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
 /// The largest blob, in bytes; the client has the same limit.
@@ -64,6 +67,16 @@ void Copy(const BroadcastBlockInfo& from, BroadcastBlockInfo& to) {
   to.bmIds = from.bmIds;
   to.sizes = from.sizes;
   to.nodeId = from.nodeId;
+}
+
+/// The number of the blob in bag `bagId` that is the object `bmId`.
+std::uint64_t BlobNumber(std::uint32_t bagId, const std::string& bmId) {
+  const std::string input = std::to_string(bagId) + "/" + bmId;
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  std::uint64_t number = 0;
+  EVP_Digest(input.data(), input.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+  std::memcpy(&number, digest.data(), sizeof(number));
+  return number;
 }
 
 }  // namespace
@@ -160,7 +173,7 @@ std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& requ
   Audit("unregister_application", request.ns, status);
   if (!Failed(status)) {
     std::lock_guard lock(mMutex);
-    ForgetVariables(request.ns);  // its blobs belong to other processes too
+    ForgetVariables(request.ns);
   }
   return status;
 }
@@ -242,18 +255,8 @@ std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& re
     mFabric.Free(request.ns, bmId);
     return VYN_ERR_NULL_POINTER;
   }
-  {
-    std::lock_guard lock(mMutex);
-    if (mBlobs.size() < kMaxBlobs) {
-      id->bagId = request.blobNumber + 1U;  // never 0, which no caller takes for an id
-      id->innerId = mNextBlob++;
-      mBlobs[{id->bagId, id->innerId}] = {request.ns, bmId};
-    }
-  }
-  if (id->innerId == 0) {
-    mFabric.Free(request.ns, bmId);
-    return kStatusTooLarge;
-  }
+  id->bagId = request.blobNumber + 1U;  // never 0, which no caller takes for an id
+  id->innerId = BlobNumber(id->bagId, bmId);
   response.mId = id;
   response.blobText = bmId;
   return VYN_OK;
@@ -263,14 +266,20 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request) {
   if (const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token)); Failed(status)) {
     return status;
   }
+  std::map<std::uint32_t, std::set<std::uint64_t>> wanted;
+  for (const auto& id : request.blobIdList) {
+    wanted[id->bagId].insert(id->innerId);
+  }
+  std::vector<bm::ObjectInfo> objects;
+  if (const std::uint32_t status = StatusOf(mFabric.Objects(request.ns, objects)); Failed(status)) {
+    return status;
+  }
   std::vector<std::string> bmIds;
-  {
-    std::lock_guard lock(mMutex);
-    for (const auto& id : request.blobIdList) {
-      const auto blob = mBlobs.find({id->bagId, id->innerId});
-      if (blob != mBlobs.end() && blob->second.first == request.ns) {
-        bmIds.push_back(blob->second.second);
-        mBlobs.erase(blob);
+  for (const bm::ObjectInfo& object : objects) {
+    for (const auto& [bagId, numbers] : wanted) {
+      if (numbers.count(BlobNumber(bagId, object.id)) != 0) {
+        bmIds.push_back(object.id);
+        break;
       }
     }
   }
@@ -295,9 +304,6 @@ void NodeServer::ForgetVariables(const std::string& application) {
 void NodeServer::Forget(const std::string& application) {
   std::lock_guard lock(mMutex);
   ForgetVariables(application);
-  for (auto blob = mBlobs.begin(); blob != mBlobs.end();) {
-    blob = blob->second.first == application ? mBlobs.erase(blob) : std::next(blob);
-  }
 }
 
 }  // namespace vyn::services

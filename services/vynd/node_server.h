@@ -4,7 +4,8 @@
 //
 // An application is registered at a node when the node's pool has its namespace, so a registration outlives a restart of
 // the daemon. A variable that this node does not know is looked up at the metadata leader and remembered until it is
-// deleted.
+// deleted. A blob is an object of the pool whose number is made from its id there, so that it is found again after a
+// restart too.
 
 #include "common/util/ref.h"
 #include "platform/bmclient/node/fabric_node.h"
@@ -81,8 +82,6 @@ class NodeServer {
   std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;
   /// Counts the forgets, so that an answer of the leader that was on its way meanwhile is not remembered.
   std::uint64_t mForgets = 0;
-  std::map<std::pair<std::uint32_t, std::uint64_t>, std::pair<std::string, std::string>> mBlobs;
-  std::uint64_t mNextBlob = 1;
 };
 
 }  // namespace vyn::services

@@ -83,6 +83,12 @@ TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
   EXPECT_TRUE(test::WaitUntil([&] { return !next.Silent(std::chrono::milliseconds(1)).empty(); }));
   EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), testing::ElementsAre("beating"));
   EXPECT_THAT(next.Silent(std::chrono::hours(1)), IsEmpty());
+  bool removed = true;
+  EXPECT_EQ(next.Expire("beating", std::chrono::hours(1), removed), 0U);
+  EXPECT_FALSE(removed) << "it has sent a heartbeat meanwhile";
+  EXPECT_EQ(next.Expire("beating", std::chrono::milliseconds(1), removed), 0U);
+  EXPECT_TRUE(removed);
+  EXPECT_THAT(next.Known({"beating"}), IsEmpty());
 }
 
 TEST_F(MetadataStoreTest, ADeposedLeaderChangesNothing) {
@@ -147,6 +153,40 @@ TEST_F(MetadataStoreTest, ARepeatSucceedsAndAContradictionDoesNot) {
   EXPECT_EQ(state.GetVariable("app", 4, info), 0U);
   EXPECT_EQ(info.bmIds, both.bmIds);
   EXPECT_EQ(state.AddBlocks(Blocks(4, 3)), kStatusInvalidRequest);
+}
+
+TEST_F(MetadataStoreTest, ALongListIsWrittenAnewAtOnce) {
+  MetadataState state;
+  ASSERT_EQ(state.Load(), 0U);
+  ASSERT_EQ(state.NewVariable("app", 1, 20000), 0U);
+  const auto all = Blocks(1, 20000);
+  auto most = Blocks(1, 19999);
+  ASSERT_EQ(state.AddBlocks(most), 0U);
+  const std::string record = "/vyn/apps/app/" + mRaw->Children("/vyn/apps/app").at(0);
+  const auto pieces = mRaw->Children(record);
+  ASSERT_THAT(pieces, testing::Not(IsEmpty()));
+  // A leader that ended while it wrote the longer list has left the older one whole.
+  mRaw->Create(record + "/9-9.1", "a piece");
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+  std::string bmId;
+  ASSERT_EQ(next.GetBlock("app", 1, 19998, bmId), 0U);
+  EXPECT_EQ(bmId, all.bmIds[19998]);
+
+  auto last = Blocks(1, 0);
+  last.bmIds = {all.bmIds.back()};
+  last.sizes = {all.sizes.back()};
+  ASSERT_EQ(next.AddBlocks(last), 0U);
+  for (const std::string& piece : pieces) {
+    EXPECT_FALSE(mRaw->Exists(record + "/" + piece)) << "of the list that has been replaced";
+  }
+  MetadataState third;
+  ASSERT_EQ(third.Load(), 0U);
+  tessel::BroadcastBlockInfo info;
+  ASSERT_EQ(third.GetVariable("app", 1, info), 0U);
+  EXPECT_TRUE(info.bmIds == all.bmIds && info.sizes == all.sizes);
+  EXPECT_EQ(third.RemoveVariable("app", 1), 0U);
+  EXPECT_FALSE(mRaw->Exists(record));
 }
 
 TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {

@@ -31,6 +31,14 @@ class NodeServerTest : public test::ClusterTest {
     bm::FabricNodeOptions fabric = mPlace.Options();
     fabric.capacity = 10 * 4096;
     ASSERT_TRUE(mFabric.Start(fabric, error)) << error;
+    StartServer();
+    std::string ip = "127.0.0.1";
+    std::map<std::string, const std::string> security;
+    ASSERT_EQ(mEngine->Initialize(ip, static_cast<short>(mPort.Number()), kTimeout, false, false, security),
+              0U);
+  }
+  void StartServer() {
+    mServer.reset();
     NodeServerOptions options;
     options.nodeId = 1;
     options.port = static_cast<std::uint16_t>(mPort.Number());
@@ -44,11 +52,8 @@ class NodeServerTest : public test::ClusterTest {
       return id == 404 ? kStatusUnknownVariable : std::uint32_t{0};
     };
     mServer = std::make_unique<NodeServer>(options, mFabric);
+    std::string error;
     ASSERT_TRUE(mServer->Start(error)) << error;
-    std::string ip = "127.0.0.1";
-    std::map<std::string, const std::string> security;
-    ASSERT_EQ(mEngine->Initialize(ip, static_cast<short>(mPort.Number()), kTimeout, false, false, security),
-              0U);
   }
   void TearDown() override {
     mServer.reset();
@@ -185,14 +190,23 @@ TEST_F(NodeServerTest, BlobsAreObjectsOfThePool) {
   EXPECT_EQ(Call(BLOB_CREATE, create.Get(), blob.Get()), kStatusWrongToken);
   create->token = "secret";
   ASSERT_EQ(Call(BLOB_CREATE, create.Get(), blob.Get()), 0U);
-  EXPECT_EQ(mFabric.Stats().objects, 1U);
+  Ref<ShuffleBlob> other(new ShuffleBlob());
+  ASSERT_EQ(Call(BLOB_CREATE, create.Get(), other.Get()), 0U);
+  EXPECT_EQ(mFabric.Stats().objects, 2U);
   EXPECT_EQ(Register("app", "secret", APP_UNREGISTER), 0U);
+  StartServer();
   Ref<BlobBatchDeleteRequest> remove(new BlobBatchDeleteRequest());
   remove->ns = "app";
   remove->token = "secret";
   remove->blobIdList = {blob->mId};
   EXPECT_EQ(Call(BLOB_BATCH_DELETE, remove.Get(), nullptr), 0U);
-  EXPECT_EQ(mFabric.Stats().objects, 0U) << "also after a process of the application has gone";
+  EXPECT_EQ(mFabric.Stats().objects, 1U)
+      << "also after a process of the application, and the server, have gone";
+  EXPECT_EQ(Call(BLOB_BATCH_DELETE, remove.Get(), nullptr), 0U) << "a repeat";
+  ++other->mId->bagId;
+  remove->blobIdList = {other->mId};
+  EXPECT_EQ(Call(BLOB_BATCH_DELETE, remove.Get(), nullptr), 0U);
+  EXPECT_EQ(mFabric.Stats().objects, 1U) << "there is no such blob in that bag";
   EXPECT_EQ(Call(LOCAL_BLOB_GET, create.Get(), blob.Get()), kStatusNotServed);
   EXPECT_EQ(Call(99, create.Get(), blob.Get()), kStatusUnknownOperation);
 }
