@@ -20,11 +20,20 @@ std::string MakePool() {
   return name;
 }
 
+std::vector<std::string> With(std::vector<std::string> prefix, const std::vector<std::string>& command) {
+  prefix.insert(prefix.end(), command.begin(), command.end());
+  return prefix;
+}
+
 }  // namespace
 
 VyndNode::VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
-                   const std::string& nodeList)
-    : mNodeId(nodeId), mAddress(address), mHome(mFolder / "home"), mPool(MakePool()) {
+                   const std::string& nodeList, std::vector<std::string> prefix)
+    : mNodeId(nodeId),
+      mAddress(address),
+      mPrefix(std::move(prefix)),
+      mHome(mFolder / "home"),
+      mPool(MakePool()) {
   mFolder.Write("home/conf/vyn.conf",
                 "vyn.log.level=INFO\nvyn.zookeeper.server.url=" + zookeeper +
                     "\nvyn.zookeeper.session.timeout=10000\nvyn.zookeeper.security.enable=false"
@@ -48,21 +57,9 @@ VyndNode::~VyndNode() {
 }
 
 std::vector<std::string> VyndNode::Command(const std::string& poolSize, int applicationTimeout) const {
-  return {VYN_STAGE_DIR "/bin/vynd",
-          "--home",
-          mHome,
-          "--node-id",
-          std::to_string(mNodeId),
-          "--address",
-          mAddress,
-          "--host-name",
-          "node-" + std::to_string(mNodeId),
-          "--pool",
-          mPool,
-          "--pool-size",
-          poolSize,
-          "--app-timeout",
-          std::to_string(applicationTimeout)};
+  return With(mPrefix, {VYN_STAGE_DIR "/bin/vynd", "--home", mHome, "--node-id", std::to_string(mNodeId),
+                        "--address", mAddress, "--host-name", "node-" + std::to_string(mNodeId), "--pool",
+                        mPool, "--pool-size", poolSize, "--app-timeout", std::to_string(applicationTimeout)});
 }
 
 void VyndNode::Start(const std::string& poolSize, int applicationTimeout) {
@@ -105,7 +102,7 @@ std::string VyndNode::Log() const {
 }
 
 BroadcastClient::BroadcastClient(const VyndNode& node, bool driver)
-    : mProcess({VYN_TEST_PROGRAM_DIR "/broadcast_client"}) {
+    : mProcess(With(node.Prefix(), {VYN_TEST_PROGRAM_DIR "/broadcast_client"})) {
   const std::string answer = Do("init " + node.Home() + (driver ? " 0" : " 1"));
   if (answer != "0") {
     throw std::runtime_error("the client cannot be initialised: " + answer);

@@ -16,14 +16,17 @@ namespace vyn::test {
 class VyndNode {
  public:
   /// \param metadataPort the one port at which the leader of the cluster listens. \param nodeList who may lead.
+  /// \param prefix words in front of the command lines of the daemon and of the node's clients: another user, a network
+  /// namespace.
   VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
-           const std::string& nodeList);
+           const std::string& nodeList, std::vector<std::string> prefix = {});
   ~VyndNode();
   VyndNode(const VyndNode&) = delete;
   VyndNode& operator=(const VyndNode&) = delete;
 
   const std::string& Home() const { return mHome; }
   const std::string& Pool() const { return mPool; }
+  const std::vector<std::string>& Prefix() const { return mPrefix; }
   /// The command line of the daemon.
   std::vector<std::string> Command(const std::string& poolSize = "64M", int applicationTimeout = 60) const;
   /// Starts it and waits until it is ready; throws std::runtime_error with what it said when it is not.
@@ -37,6 +40,7 @@ class VyndNode {
   TempDir mFolder;
   const int mNodeId;
   const std::string mAddress;
+  const std::vector<std::string> mPrefix;
   std::string mHome;
   std::string mPool;
   ReservedPort mServerPort;

@@ -99,7 +99,9 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::seconds limi
   return true;
 }
 
-ZookeeperServer::ZookeeperServer() : ZookeeperServer(0, "") { WaitUntilServing(); }
+ZookeeperServer::ZookeeperServer(const std::string& listen) : ZookeeperServer(0, "", listen) {
+  WaitUntilServing();
+}
 
 void ZookeeperServer::WaitUntilServing() const {
   if (!WaitUntil([this] { return !Mode().empty(); })) {
@@ -107,14 +109,14 @@ void ZookeeperServer::WaitUntilServing() const {
   }
 }
 
-ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble) {
+ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, const std::string& listen) {
   mFolder.Write("data/myid", std::to_string(id));
   mFolder.Write("zoo.cfg",
                 "tickTime=200\nminSessionTimeout=400\nmaxSessionTimeout=60000\nmaxClientCnxns=0\n"
                 "initLimit=100\nsyncLimit=50\n4lw.commands.whitelist=srvr\n"
                 "dataDir=" +
-                    (mFolder / "data") + "\nclientPortAddress=127.0.0.1\nclientPort=" +
-                    std::to_string(mPort.Number()) + "\n" + ensemble);
+                    (mFolder / "data") + "\nclientPortAddress=" + listen +
+                    "\nclientPort=" + std::to_string(mPort.Number()) + "\n" + ensemble);
   Start();
 }
 

@@ -39,9 +39,10 @@ bool WaitUntil(const std::function<bool()>& condition, std::chrono::seconds limi
 class ZookeeperServer {
  public:
   /// Starts a standalone server and waits until it serves.
-  ZookeeperServer();
+  /// \param listen where. Its address in NewRoot stays loopback: another one is the caller's matter.
+  explicit ZookeeperServer(const std::string& listen = "127.0.0.1");
   /// \param ensemble lines of the configuration that make it a member; it is started but not waited for.
-  ZookeeperServer(int id, const std::string& ensemble);
+  ZookeeperServer(int id, const std::string& ensemble, const std::string& listen = "127.0.0.1");
 
   int Port() const { return mPort.Number(); }
   std::string Address() const { return "127.0.0.1:" + std::to_string(mPort.Number()); }

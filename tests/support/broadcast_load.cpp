@@ -1,0 +1,210 @@
+#include "support/broadcast_load.h"
+
+#include <exception>
+#include <stdexcept>
+
+namespace vyn::test {
+
+namespace {
+
+/// So many variables does a driver keep, so that the pool does not fill.
+constexpr std::size_t kMostLive = 40;
+constexpr int kBlocks = 2;
+constexpr int kBlockBytes = 30000;
+/// How long anything may take while daemons come and go.
+constexpr std::chrono::seconds kLimit{120};
+
+std::string Blocks(const std::string& application, std::uint32_t id) {
+  return application + " " + std::to_string(id) + " " + std::to_string(kBlocks);
+}
+
+/// The pattern of a variable.
+std::string Seed(std::uint32_t id) { return std::to_string(id % 251); }
+
+}  // namespace
+
+BroadcastLoad::BroadcastLoad(std::vector<VyndNode*> nodes) : mNodes(std::move(nodes)) {
+  for (std::size_t i = 0; i < mNodes.size(); ++i) {
+    mWorkers.push_back(std::make_unique<Worker>());
+    mWorkers.back()->application = "load-" + std::to_string(i);
+    mWorkers.back()->random.seed(static_cast<unsigned int>(i));
+  }
+  for (std::size_t i = 0; i < mNodes.size(); ++i) {
+    mWorkers[i]->thread = std::thread([this, i] { Run(i); });
+  }
+}
+
+BroadcastLoad::~BroadcastLoad() { Stop(); }
+
+void BroadcastLoad::Stop() {
+  mStop = true;
+  for (const auto& worker : mWorkers) {
+    if (worker->thread.joinable()) {
+      worker->thread.join();
+    }
+  }
+}
+
+bool BroadcastLoad::Progress(std::size_t count) {
+  std::vector<std::size_t> wanted;
+  for (const auto& worker : mWorkers) {
+    wanted.push_back(worker->acknowledged + count);
+  }
+  return WaitUntil(
+      [&] {
+        for (std::size_t i = 0; i < mWorkers.size(); ++i) {
+          if (mWorkers[i]->acknowledged < wanted[i]) {
+            return false;
+          }
+        }
+        return true;
+      },
+      kLimit);
+}
+
+void BroadcastLoad::Run(std::size_t index) {
+  Worker& worker = *mWorkers[index];
+  std::unique_ptr<BroadcastClient> driver;
+  std::unique_ptr<BroadcastClient> executor;
+  try {
+    while (!mStop) {
+      if (driver == nullptr) {
+        driver = Join(index, true, worker.application);
+      }
+      if (executor == nullptr) {
+        executor = Join((index + 1) % mNodes.size(), false, worker.application);
+      }
+      Write(worker, *driver);
+      ReadOne(worker, *executor);
+      Delete(worker, *driver);
+      // Processes of the engine come and go, too.
+      if (worker.random() % 60 == 0) {
+        (worker.random() % 2 == 0 ? driver : executor).reset();
+      }
+    }
+  } catch (const std::exception& error) {
+    Fault(worker.application + ": " + error.what());
+  }
+}
+
+std::unique_ptr<BroadcastClient> BroadcastLoad::Join(std::size_t node, bool driver,
+                                                     const std::string& application) {
+  std::string last;
+  std::unique_ptr<BroadcastClient> client;
+  const auto joined = [&] {
+    try {
+      client = std::make_unique<BroadcastClient>(*mNodes[node], driver);
+      last = client->Do("register " + application + (driver ? " 1 secret" : " 0 secret"));
+    } catch (const std::runtime_error& error) {
+      last = error.what();
+    }
+    if (last != "0 1") {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return last == "0 1";
+  };
+  if (!WaitUntil(joined, 2 * kLimit)) {
+    throw std::runtime_error("cannot join node " + std::to_string(node) + ": " + last);
+  }
+  return client;
+}
+
+void BroadcastLoad::Write(Worker& worker, BroadcastClient& driver) {
+  const std::uint32_t id = mNextId++;
+  const std::string variable = Blocks(worker.application, id);
+  if (driver.Do("create " + variable) == "0" &&
+      driver.Do("fill " + variable + " " + std::to_string(kBlockBytes) + " " + Seed(id)) == "0") {
+    std::lock_guard lock(mMutex);
+    mLive[worker.application].push_back(id);
+    ++worker.acknowledged;
+    ++mAcknowledged;
+  }
+}
+
+void BroadcastLoad::ReadOne(Worker& worker, BroadcastClient& executor) {
+  std::uint32_t id = 0;
+  {
+    std::lock_guard lock(mMutex);
+    const auto& live = mLive[worker.application];
+    if (live.empty()) {
+      return;
+    }
+    id = live[worker.random() % live.size()];
+  }
+  if (executor.Do("fetch " + Blocks(worker.application, id)) == "0") {
+    // Its node may be down at the moment: a failure to map is allowed, other bytes are not.
+    const std::string answer = executor.Do("look " + Blocks(worker.application, id) + " " + Seed(id));
+    if (answer == "0 0") {
+      Fault(worker.application + ": variable " + std::to_string(id) + " has other bytes");
+    }
+    mRead += answer == "0 1" ? 1 : 0;
+  }
+}
+
+void BroadcastLoad::Delete(Worker& worker, BroadcastClient& driver) {
+  std::uint32_t id = 0;
+  {
+    std::lock_guard lock(mMutex);
+    auto& live = mLive[worker.application];
+    if (live.size() <= kMostLive) {
+      return;
+    }
+    const auto victim = live.begin() + static_cast<std::ptrdiff_t>(worker.random() % live.size());
+    id = *victim;
+    live.erase(victim);
+  }
+  driver.Do("delete " + worker.application + " " + std::to_string(id));
+}
+
+void BroadcastLoad::Finish() {
+  try {
+    for (const auto& worker : mWorkers) {
+      for (std::size_t node = 0; node < mNodes.size(); ++node) {
+        CheckAll(node, worker->application);
+      }
+    }
+    for (std::size_t i = 0; i < mWorkers.size(); ++i) {
+      const auto driver = Join(i, true, mWorkers[i]->application);
+      if (!WaitUntil([&] { return driver->Do("complete " + mWorkers[i]->application) == "0"; }, kLimit)) {
+        Fault(mWorkers[i]->application + " cannot be ended");
+      }
+    }
+  } catch (const std::exception& error) {
+    Fault(std::string("at the end: ") + error.what());
+  }
+  for (const VyndNode* node : mNodes) {
+    if (!WaitUntil([&] { return node->Objects() == 0; }, kLimit)) {
+      Fault(node->Pool() + " still holds " + std::to_string(node->Objects()) + " objects");
+    }
+  }
+}
+
+void BroadcastLoad::CheckAll(std::size_t node, const std::string& application) {
+  const auto executor = Join(node, false, application);
+  for (const std::uint32_t id : mLive[application]) {
+    std::string last;
+    const auto readable = [&] {
+      last = executor->Do("fetch " + Blocks(application, id));
+      if (last == "0") {
+        last = executor->Do("look " + Blocks(application, id) + " " + Seed(id));
+      }
+      return last == "0 1" || last == "0 0";
+    };
+    if (!WaitUntil(readable, kLimit) || last != "0 1") {
+      Fault(application + ": variable " + std::to_string(id) + " was acknowledged, node " +
+            std::to_string(node) + " answers " + last);
+    }
+  }
+}
+
+void BroadcastLoad::Fault(const std::string& line) {
+  std::lock_guard lock(mMutex);
+  mFaults += line + "\n";
+}
+
+std::string BroadcastLoad::Faults() const {
+  std::lock_guard lock(mMutex);
+  return mFaults;
+}
+
+}  // namespace vyn::test
