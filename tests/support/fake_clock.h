@@ -1,10 +1,12 @@
 #pragma once
 
-// A clock that does not wait: it notes every sleep and moves its own time by it.
+// A clock that does not wait: it notes every sleep and moves its own time by it. A wait on a condition lasts
+// until its notification, or until the test lets it end.
 
 #include "common/util/clock.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <vector>
 
@@ -25,6 +27,27 @@ class FakeClock : public common::Clock {
     mNow += duration;
   }
 
+  void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+               std::chrono::nanoseconds duration) override {
+    {
+      std::lock_guard own(mMutex);
+      mWaits.push_back(duration);
+    }
+    while (!TakeEnd(duration) &&
+           condition.wait_for(lock, std::chrono::milliseconds(1)) == std::cv_status::timeout) {
+    }
+  }
+
+  /// Lets one wait last its full time, the present one or the next.
+  void EndOneWait() {
+    std::lock_guard lock(mMutex);
+    ++mEnds;
+  }
+  /// The waits on a condition so far, in order.
+  std::vector<std::chrono::nanoseconds> Waits() {
+    std::lock_guard lock(mMutex);
+    return mWaits;
+  }
   /// The sleeps so far, in order.
   std::vector<std::chrono::nanoseconds> Sleeps() {
     std::lock_guard lock(mMutex);
@@ -32,9 +55,21 @@ class FakeClock : public common::Clock {
   }
 
  private:
+  bool TakeEnd(std::chrono::nanoseconds duration) {
+    std::lock_guard lock(mMutex);
+    if (mEnds == 0) {
+      return false;
+    }
+    --mEnds;
+    mNow += duration;
+    return true;
+  }
+
   std::mutex mMutex;
   std::chrono::steady_clock::time_point mNow = std::chrono::steady_clock::now();
   std::vector<std::chrono::nanoseconds> mSleeps;
+  std::vector<std::chrono::nanoseconds> mWaits;
+  int mEnds = 0;
 };
 
 }  // namespace vyn::test

@@ -19,6 +19,11 @@ void Clock::SleepFor(std::chrono::nanoseconds duration) {
   }
 }
 
+void Clock::WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+                    std::chrono::nanoseconds duration) {
+  condition.wait_for(lock, duration);
+}
+
 Clock& Clock::Get() {
   static Clock real;
   Clock* replacement = gReplacement.load(std::memory_order_acquire);

@@ -7,7 +7,6 @@
 
 #include <pthread.h>
 
-#include <cerrno>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -42,6 +41,7 @@ unsigned int HeartBeatThread::Start() {
   mRunning = true;
   VYN_LOG_INFO(mAppName << " with process name " << mProcessName << " start to send heart beat");
   Send(true);
+  mEnded = false;
   mHbThread = new (std::nothrow) std::thread;
   VYN_CHECK_POINTER(mHbThread);
   try {
@@ -78,6 +78,11 @@ void HeartBeatThread::EndThread() {
     std::lock_guard lock(mCondLock);
     mCond.notify_all();
   }
+  JoinThread();
+}
+
+// Requires: mLock, and a thread that ends.
+void HeartBeatThread::JoinThread() {
   mHbThread->join();
   delete mHbThread;
   mHbThread = nullptr;
@@ -88,8 +93,9 @@ void HeartBeatThread::Task() {
   while (mRunning) {
     Send(true);
     // Steady time: a clock that is set back must not silence a living application.
-    mCond.wait_for(lock, kPeriod);
+    WaitFor(mCond, lock, kPeriod);
   }
+  mEnded = true;
 }
 
 unsigned int HeartBeatThread::Send(bool isAlive) {
@@ -121,11 +127,14 @@ void HeartBeatThread::JoinWithin(std::chrono::milliseconds& patience) {
   if (!lock.owns_lock() || mHbThread == nullptr) {
     return;
   }
-  while (pthread_tryjoin_np(mHbThread->native_handle(), nullptr) == EBUSY && patience > kPause) {
+  while (!mEnded && patience > kPause) {
     SleepFor(kPause);
     patience -= kPause;
     // Told without mCondLock, which a hanging call may hold, it can miss a thread that is about to wait.
     mCond.notify_all();
+  }
+  if (mEnded) {
+    JoinThread();
   }
 }
 

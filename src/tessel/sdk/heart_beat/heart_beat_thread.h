@@ -36,7 +36,7 @@ class HeartBeatThread : public Referable {
   /// Sends one heartbeat. Returns: the result of the call; 0 when there is nobody to send to.
   unsigned int Send(bool isAlive);
 
-  // For the end of the process. The sender must not be destroyed afterwards.
+  // For the end of the process. A sender whose thread did not end then must not be destroyed.
 
   /// Asks the thread to end and waits for nothing.
   void AskToEnd();
@@ -51,9 +51,12 @@ class HeartBeatThread : public Referable {
 
  private:
   void EndThread();
+  void JoinThread();
 
-  std::thread* mHbThread = nullptr;   ///< guarded by mLock
-  std::atomic<bool> mRunning{false};  ///< written under mLock
+  std::thread* mHbThread = nullptr;  ///< guarded by mLock
+  /// Written under mLock, but for the end of the process, which waits for no lock.
+  std::atomic<bool> mRunning{false};
+  std::atomic<bool> mEnded{false};  ///< set by the thread as its last act
   std::mutex mLock;      ///< serialises Start and Stop, which hold it through their call; before mCondLock
   std::mutex mCondLock;  ///< goes with mCond; the thread holds it whenever it does not wait, also in its call
   std::condition_variable mCond;  ///< wakes the thread early

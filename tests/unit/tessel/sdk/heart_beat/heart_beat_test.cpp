@@ -53,27 +53,43 @@ class HeartBeatTest : public testing::Test {
   }
   std::uint32_t Stop(const char* app) const { return ::HeartBeat(app, 0, "driver", "", false); }
 
+  /// Lets the period of a sender pass until it has begun its wait number `count`.
+  static void PassPeriods(test::FakeClock& clock, std::size_t count) {
+    for (std::size_t waits = 0; waits < count; clock.EndOneWait(), ++waits) {
+      while (clock.Waits().size() <= waits) {
+        std::this_thread::sleep_for(milliseconds(1));
+      }
+    }
+  }
+
   ScriptedService mService;
 };
 
 TEST_F(HeartBeatTest, ASenderBeatsTwiceAtOnceThenInItsPeriodAndSaysFarewell) {
+  test::FakeClock clock;
   CapturedLog log;
   ASSERT_EQ(::HeartBeat("app", 0, "driver", "content", true), 0U);
+  ASSERT_TRUE(mService.WaitFor(2));
+  PassPeriods(clock, 2);
   ASSERT_TRUE(mService.WaitFor(4));
   EXPECT_EQ(Start("app"), 2080011U) << "one sender an application";
   EXPECT_EQ(Start("app", 1), 2080011U) << "whatever its type";
   EXPECT_TRUE(
       log.Has(3, "Heart beat of appName: app processType: 1, process name: driver has already started."));
+  clock.EndOneWait();
   ASSERT_TRUE(mService.WaitFor(5)) << "the first one goes on";
   ASSERT_EQ(Stop("app"), 0U);
 
   const auto beats = mService.Requests();
+  ASSERT_EQ(beats.size(), 6U);
   const auto message = test::ReadAs<HeartBeatMessage>(beats[0].body);
   EXPECT_EQ(std::tie(message->ns, message->processType, message->processName, message->content),
             std::make_tuple("app", 0, "driver", "content"));
-  // The first two leave at once, each later one a period behind the end of the call before it.
-  EXPECT_GE(beats[2].arrival - beats[1].arrival, milliseconds(1900));
-  EXPECT_GE(beats[3].arrival - beats[2].arrival, milliseconds(1900));
+  // The first two leave at once, each later one a period behind the end of the call before it. The stop may find
+  // the sender behind the start of its last wait or before it.
+  for (const auto wait : clock.Waits()) {
+    EXPECT_EQ(wait, seconds(2));
+  }
   for (std::size_t i = 0; i < beats.size(); ++i) {
     EXPECT_EQ(beats[i].opcode, kMetaHeartBeat);
     EXPECT_EQ(Alive(i), i + 1 < beats.size());
@@ -106,9 +122,12 @@ TEST_F(HeartBeatTest, TheTypeChoosesTheService) {
   EXPECT_EQ(mService.Count(kTuningHeartBeat), 3U);
 
   mService.Clear();
-  ASSERT_EQ(Start("mute", 2), 0U);
-  std::this_thread::sleep_for(milliseconds(100));
-  EXPECT_EQ(Stop("mute"), 0U);
+  {
+    test::FakeClock clock;
+    ASSERT_EQ(Start("mute", 2), 0U);
+    PassPeriods(clock, 3);
+    EXPECT_EQ(Stop("mute"), 0U);
+  }
   EXPECT_TRUE(mService.Requests().empty());
 
   tuning::TuningRpcEngine::mTuningRpcEngine = nullptr;
@@ -148,6 +167,20 @@ TEST_F(HeartBeatTest, ASenderThatIsDroppedEndsWithoutFarewell) {
   const Ref<HeartBeatThread> never(new HeartBeatThread("app", 0, "driver", ""));
   EXPECT_EQ(never->Stop(), 0U);
   EXPECT_EQ(mService.Requests().size(), 2U);
+}
+
+TEST_F(HeartBeatTest, ASenderThatEndedWithTheProcessMayStillBeStoppedAndDropped) {
+  const Ref<HeartBeatThread> sender(new HeartBeatThread("app", 0, "driver", ""));
+  ASSERT_EQ(sender->Start(), 0U);
+  ASSERT_TRUE(mService.WaitFor(2));
+  sender->AskToEnd();
+  for (const char* round : {"the thread ends", "there is none"}) {
+    milliseconds patience(60000);
+    sender->JoinWithin(patience);
+    EXPECT_GT(patience, milliseconds(1)) << round;
+  }
+  EXPECT_EQ(sender->Stop(), 0U);
+  EXPECT_EQ(mService.Requests().size(), 2U) << "no farewell";
 }
 
 TEST_F(HeartBeatTest, ManyApplicationsStartAndStopAtOnceWhileTheClientIsReplaced) {
