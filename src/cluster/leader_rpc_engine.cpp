@@ -6,6 +6,8 @@
 #include "common/util/text.h"
 
 #include <chrono>
+#include <sstream>
+#include <thread>
 #include <utility>
 
 namespace vyn::cluster {
@@ -33,19 +35,53 @@ std::uint32_t LeaderRPCEngine::TakeSources() {
   return VYN_OK;
 }
 
-std::string LeaderRPCEngine::AdoptLeader() {
-  std::lock_guard lock(mRefreshMutex);
-  std::unique_lock leaderLock(mMetaNode->mLeaderLock);
-  mMasterAddress = mMetaNode->mLeaderAddress;
-  return mMasterAddress;
+std::uint32_t LeaderRPCEngine::ConnectToLeader() {
+  std::string leader;
+  {
+    std::lock_guard lock(mRefreshMutex);
+    std::unique_lock leaderLock(mMetaNode->mLeaderLock);
+    leader = mMetaNode->mLeaderAddress;
+  }
+  const std::uint32_t status = InitializeEnginePool(leader);
+  if (Failed(status)) {
+    VYN_LOG_ERROR("Failed to reconnect to <" << leader << ">.");
+  }
+  return status;
 }
 
-std::uint32_t LeaderRPCEngine::ReadSettings(const std::string& ip, const char* portKey, int defaultPort,
-                                            SecurityConf& securityConf) {
+std::uint32_t LeaderRPCEngine::InitializeEnginePool(const std::string& ip) {
+  std::unique_lock lock(mRefreshMutex);
+  SecurityConf securityConf;
+  if (const std::uint32_t status = ReadSettings(ip, securityConf); Failed(status)) {
+    return status;
+  }
+  const auto begin = common::SteadyNow();
+  std::ostringstream thread;
+  if (mService.tellsThread) {
+    thread << " tid<" << std::this_thread::get_id() << ">.";
+  }
+  VYN_LOG_INFO("Try to initialize rpc client to server: " << ip << ":" << mPort << thread.str());
+  mParam = new (std::nothrow) common::RPCEngineParam(mTimeout, ip, mPort, mTlsEnable, mAuthEnable);
+  VYN_CHECK_POINTER(mParam);
+  const common::Ref<common::RPCEnginePool> pool(
+      mService.newPool(*mParam, mConnectionCount, mGroupIndex, std::move(securityConf)));
+  VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
+  SetEnginePool(pool);
+  mMasterAddress = ip;  // only now: to a leader that got no pool the one in use is still to be moved
+  lock.unlock();
+  if (const std::uint32_t status = pool->Initialize(); Failed(status)) {
+    return mService.connectFailed(status);
+  }
+  VYN_LOG_INFO("Connected to " << mService.name << " at <" << ip << "> successfully with in "
+                               << std::chrono::nanoseconds(common::SteadyNow() - begin).count() << "ns.");
+  return VYN_OK;
+}
+
+std::uint32_t LeaderRPCEngine::ReadSettings(const std::string& ip, SecurityConf& securityConf) {
   VYN_CHECK_POINTER(mConf);
   mTlsEnable = mConf->GetBool("vyn.tessel.rpc.enableTLS", true);
   mAuthEnable = mConf->GetBool("vyn.tessel.rpc.enableAuthentication", true);
-  mPort = static_cast<std::uint16_t>(mConf->GetInt(portKey, defaultPort));
+  mPort = static_cast<std::uint16_t>(mConf->GetInt(mService.portKey, mService.defaultPort));
   std::string hostname;
   if (mAuthEnable) {
     const std::string mapping = mConf->GetString("vyn.tessel.rpc.auth.meta.principle.mapping", "");
@@ -55,23 +91,6 @@ std::uint32_t LeaderRPCEngine::ReadSettings(const std::string& ip, const char* p
     }
   }
   return common::BaseApiUtil::GetSecurityConf4Client(securityConf, hostname, mIsSdk);
-}
-
-std::uint32_t LeaderRPCEngine::ReplacePool(const std::string& ip, const char* portKey, int defaultPort,
-                                           PoolMaker newPool, const std::string& announcementEnd,
-                                           common::Ref<common::RPCEnginePool>& pool) {
-  std::lock_guard lock(mRefreshMutex);
-  SecurityConf securityConf;
-  if (const std::uint32_t status = ReadSettings(ip, portKey, defaultPort, securityConf); Failed(status)) {
-    return status;
-  }
-  VYN_LOG_INFO("Try to initialize rpc client to server: " << ip << ":" << mPort << announcementEnd);
-  mParam = new (std::nothrow) common::RPCEngineParam(mTimeout, ip, mPort, mTlsEnable, mAuthEnable);
-  VYN_CHECK_POINTER(mParam);
-  pool = newPool(*mParam, mConnectionCount, mGroupIndex, std::move(securityConf));
-  VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
-  SetEnginePool(pool);
-  return VYN_OK;
 }
 
 std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {

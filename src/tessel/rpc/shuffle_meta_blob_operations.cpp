@@ -113,6 +113,9 @@ std::uint32_t ShuffleMetaRPCEngine::BlobListUnderBagWithMapTaskInfo(const std::s
   const auto replied = NowIf(measured);
   if (!Failed(status)) {
     status = response->DeserializeToShuffleBlobList(blobs->mBlobs);
+    if (status == VYN_ERR_NULL_POINTER) {
+      return status;
+    }
   }
   VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to get blob list in bag as " << status);
   result = response->listResult;

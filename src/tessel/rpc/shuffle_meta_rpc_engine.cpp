@@ -3,14 +3,10 @@
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 
 #include "common/api/base_api_util.h"
-#include "common/util/clock.h"
 #include "common/util/logging.h"
 #include "tessel/rpc/meta_rpc_engine_pool.h"
 
-#include <chrono>
 #include <new>
-#include <sstream>
-#include <thread>
 
 namespace vyn::tessel {
 
@@ -20,11 +16,26 @@ namespace {
 
 std::mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
 
+/// The caller learns that the pool failed, the log why.
+std::uint32_t ConnectFailed(std::uint32_t status) {
+  VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code " << status);
+  return VYN_ERR_META_POOL_INIT;
+}
+
+constexpr cluster::LeaderService kMetadataService{
+    .name = "shuffle meta service",
+    .portKey = "vyn.tessel.rpc.shuffle_meta.port",
+    .defaultPort = 3891,
+    .tellsThread = true,
+    .newPool = &cluster::NewLeaderPool<MetaRPCEnginePool>,
+    .connectFailed = &ConnectFailed,
+};
+
 }  // namespace
 
 ShuffleMetaRPCEngine::ShuffleMetaRPCEngine(long timeout, bool isSdk,
                                            const Ref<ShuffleServerRPCEngine>& serverEngine)
-    : LeaderRPCEngine(timeout, isSdk, 0), mServerEngine(serverEngine) {}
+    : LeaderRPCEngine(kMetadataService, timeout, isSdk, 0), mServerEngine(serverEngine) {}
 
 Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::CreateInstance(long timeout, bool isSdk,
                                                                Ref<ShuffleServerRPCEngine> serverEngine) {
@@ -51,33 +62,7 @@ std::uint32_t ShuffleMetaRPCEngine::Initialize() {
     VYN_LOG_ERROR("Failed to get leader info from server in retry time: " << 0);
     return status;
   }
-  const std::string leader = AdoptLeader();
-  const std::uint32_t status = InitializeEnginePool(leader);
-  if (Failed(status)) {
-    VYN_LOG_ERROR("Failed to reconnect to <" << leader << ">.");
-  }
-  return status;
-}
-
-std::uint32_t ShuffleMetaRPCEngine::InitializeEnginePool(const std::string& ip) {
-  const auto begin = common::SteadyNow();
-  std::ostringstream thread;
-  thread << " tid<" << std::this_thread::get_id() << ">.";
-  Ref<common::RPCEnginePool> pool;
-  // The catalogue's default of the port is 3892; this one counts only where the key is unknown.
-  if (const std::uint32_t status = ReplacePool(ip, "vyn.tessel.rpc.shuffle_meta.port", 3891,
-                                               &NewPool<MetaRPCEnginePool>, thread.str(), pool);
-      Failed(status)) {
-    return status;
-  }
-  if (const std::uint32_t status = pool->Initialize(); Failed(status)) {
-    VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code " << status);
-    return VYN_ERR_META_POOL_INIT;
-  }
-  VYN_LOG_INFO("Connected to shuffle meta service at <"
-               << ip << "> successfully with in "
-               << std::chrono::nanoseconds(common::SteadyNow() - begin).count() << "ns.");
-  return VYN_OK;
+  return ConnectToLeader();
 }
 
 std::uint32_t ShuffleMetaRPCEngine::ShuffleMetaLeaderInfoGet() {

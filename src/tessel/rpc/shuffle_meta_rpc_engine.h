@@ -8,7 +8,8 @@
 // failed attempt; in a driver, which has no server client, MetaNodeInfo is kept current by the watch.
 //
 // Operations return 0; 2000013 when an argument was refused, and then nothing is sent; 2000057 without
-// memory; 2060009 when the call failed, with its code in the log; other codes where an operation says so.
+// memory or for a null request; 2060009 when the call failed, with its code in the log; other codes where an
+// operation says so.
 // Identifiers must pass InputRegularMatching. Responses are the caller's objects, filled on success.
 
 #include "cluster/leader_rpc_engine.h"
@@ -43,11 +44,9 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   static Ref<ShuffleMetaRPCEngine> GetInstance();
 
   /// Learns the leader and connects to it. Returns: 0; 2000057 without configuration; 1 without leader
-  /// record; the failure of ShuffleMetaLeaderInfoGet or InitializeEnginePool.
+  /// record; the failure of ShuffleMetaLeaderInfoGet or of InitializeEnginePool, which returns 2060007 when no
+  /// connection could be made.
   std::uint32_t Initialize();
-  /// Makes a new pool for `ip` and connects it. Returns: 0; 1 when authentication is on and `ip` has no host
-  /// name; 2060007 when no connection could be made, in which case the pool stands and later calls try again.
-  std::uint32_t InitializeEnginePool(const std::string& ip);
   /// Asks the node's server for the leader and stores it in MetaNodeInfo; without a server client does
   /// nothing. Returns: 0; 2080009 when there is no server client any more; 1 when it did not answer.
   std::uint32_t ShuffleMetaLeaderInfoGet();
@@ -96,7 +95,8 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
                                                 unsigned int number);
   /// Every id must have a bag id and an inner id other than 0.
   std::uint32_t BlobBatchRemove(const std::string& ns, const std::vector<Ref<ShuffleBlobId>>& blobIdList);
-  /// Fills `states` with a new object. Returns also 1, when there is no memory for it.
+  /// Fills `states` with a new object. Returns also 1, when there is no memory for it, and 2000013 for a blob
+  /// without identity or with a text that does not fit its record.
   std::uint32_t BlobBatchUpdate(const std::string& name, unsigned int number,
                                 std::vector<Ref<ShuffleBlob>>& blobs, Ref<ShuffleBlobStateIndexList>& states);
   std::uint32_t CASBlobListState(Ref<BlobListCasRequest> request,

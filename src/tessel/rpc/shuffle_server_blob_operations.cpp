@@ -44,7 +44,7 @@ std::uint32_t ShuffleServerRPCEngine::BlobBatchDelete(std::vector<Ref<ShuffleBlo
 
 std::uint32_t ShuffleServerRPCEngine::GetLocalBlob(const Ref<LocalBlobGetRequest>& request,
                                                    Ref<LocalBlob>& blob) {
-  VYN_CHECK_POINTER(request);
+  VYN_FAIL_IF(request == nullptr, VYN_ERR_GENERIC, "Unexpected nullptr value request");
   VYN_FAIL_IF(request->ns.empty() || request->bagName.empty(), VYN_ERR_GENERIC, "nameSpace is empty.");
   VYN_FAIL_IF(request->size == 0 || request->partitionNum == 0, VYN_ERR_GENERIC,
               "size == 0, or partitionNum == 0 in LocalBlob get");
@@ -55,7 +55,7 @@ std::uint32_t ShuffleServerRPCEngine::GetLocalBlob(const Ref<LocalBlobGetRequest
 
 std::uint32_t ShuffleServerRPCEngine::CommitLocalBlob(const Ref<LocalBlobCommitRequest>& request,
                                                       Ref<LocalBlobCommitResponse>& response) {
-  VYN_CHECK_POINTER(request);
+  VYN_FAIL_IF(request == nullptr, VYN_ERR_GENERIC, "Unexpected nullptr value request");
   VYN_FAIL_IF(request->ns.empty(), VYN_ERR_GENERIC, "nameSpace is empty.");
   VYN_FAIL_IF(request->blobId == 0, VYN_ERR_GENERIC, "blobId == 0 in LocalBlob commit");
   VYN_FAIL_IF(Failed(SendCall(LOCAL_BLOB_COMMIT, request, response, mLocalBlobCommitTimeout)),

@@ -44,7 +44,7 @@ std::uint32_t ShuffleServerRPCEngine::AppUnregister(const std::string& appId, co
 
 std::uint32_t ShuffleServerRPCEngine::GetMetaLeaderInfo(const Ref<MetaLeaderInformation>& request,
                                                         Ref<MetaLeaderInformation>& response) {
-  VYN_CHECK_POINTER(request);
+  VYN_FAIL_IF(request == nullptr, VYN_ERR_GENERIC, "Unexpected nullptr value request");
   VYN_FAIL_IF(Failed(SendCall(META_LEADER_INFO, request, response, 0)), VYN_ERR_GENERIC,
               "Get meta leader info failed");
   return VYN_OK;
@@ -53,7 +53,7 @@ std::uint32_t ShuffleServerRPCEngine::GetMetaLeaderInfo(const Ref<MetaLeaderInfo
 std::uint32_t ShuffleServerRPCEngine::BroadcastBlockBatchCreate(const Ref<BroadcastBlockBatch>& request,
                                                                 Ref<BroadcastBlockInfo>& response,
                                                                 const std::string& /*token*/) {
-  VYN_CHECK_POINTER(request);
+  VYN_FAIL_IF(request == nullptr, VYN_ERR_GENERIC, "Unexpected nullptr value request");
   VYN_FAIL_IF(request->appId.empty(), VYN_ERR_GENERIC, "AppId is empty for broadcast block batch create.");
   VYN_FAIL_IF(request->sizes.empty(), VYN_ERR_GENERIC, "broadcast block is empty.");
   VYN_FAIL_IF(Failed(SendCall(BROADCAST_BLOCK_BATCH_CREATE, request, response, mBroadcastVarCreateTimeout)),
@@ -64,7 +64,7 @@ std::uint32_t ShuffleServerRPCEngine::BroadcastBlockBatchCreate(const Ref<Broadc
 std::uint32_t ShuffleServerRPCEngine::BroadcastBlockBatchFetch(const Ref<BroadcastVar>& request,
                                                                Ref<BroadcastBlockInfo>& response,
                                                                const std::string& /*token*/) {
-  VYN_CHECK_POINTER(request);
+  VYN_FAIL_IF(request == nullptr, VYN_ERR_GENERIC, "Unexpected nullptr value request");
   VYN_FAIL_IF(request->appId.empty(), VYN_ERR_GENERIC, "AppId is empty for broadcast block batch create.");
   VYN_FAIL_IF(Failed(SendCall(BROADCAST_BLOCK_BATCH_FETCH, request, response, mBroadcastVarFetchTimeout)),
               VYN_ERR_GENERIC, "Broadcast block batch fetch failed");

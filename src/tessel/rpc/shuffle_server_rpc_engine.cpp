@@ -73,8 +73,8 @@ std::uint32_t ShuffleServerRPCEngine::Initialize(int connectionCount, bool isSdk
   std::map<std::string, const std::string> conf;
   GetSecurityConf(conf, isSdk);
   mConnectionCount = static_cast<std::uint16_t>(connectionCount);
+  mIsSdk = isSdk;  // first: who sees the mode looks at the side
   mPoolMode = true;
-  mIsSdk = isSdk;
 
   const auto port = static_cast<std::uint16_t>(mShuffleServerPort);
   mParam =

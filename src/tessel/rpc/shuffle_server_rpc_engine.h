@@ -6,8 +6,8 @@
 // the operations. The statics below are written by Initialize alone, before the calls begin.
 //
 // Every operation makes one call and retries nothing. Returns: 0; 1 on any failure, whatever came over the
-// wire, with the cause in the log; 2000057 when a request could not be allocated. A refused argument sends
-// nothing. Responses are the caller's objects, filled on success.
+// wire, with the cause in the log; 2000057 when the operation could not allocate its request. A refused
+// argument, a null request among them, sends nothing. Responses are the caller's objects, filled on success.
 
 #include "common/rpc/rpc_engine_base.h"
 #include "common/util/configuration.h"

@@ -2,11 +2,9 @@
 
 #include "tuning/rpc/tuning_rpc_engine.h"
 
-#include "common/util/clock.h"
 #include "common/util/logging.h"
 #include "tuning/rpc/tuning_rpc_engine_pool.h"
 
-#include <chrono>
 #include <mutex>
 #include <new>
 
@@ -18,7 +16,25 @@ namespace {
 
 std::mutex gInstanceMutex;  ///< guards mTuningRpcEngine
 
+/// Logged without the bit that marks a failure.
+std::uint32_t ConnectFailed(std::uint32_t status) {
+  VYN_LOG_ERROR("Failed to initialize rpc client with error code " << (status >> 1));
+  return status;
+}
+
+constexpr cluster::LeaderService kTuningService{
+    .name = "meta service",
+    .portKey = "vyn.tuning.rpc.server.port",
+    .defaultPort = 3893,
+    .tellsThread = false,
+    .newPool = &cluster::NewLeaderPool<TuningRPCEnginePool>,
+    .connectFailed = &ConnectFailed,
+};
+
 }  // namespace
+
+TuningRpcEngine::TuningRpcEngine(long timeout, bool isSdk, unsigned short groupIndex)
+    : LeaderRPCEngine(kTuningService, timeout, isSdk, groupIndex) {}
 
 Ref<TuningRpcEngine> TuningRpcEngine::CreateInstance(long timeout, bool isSdk, unsigned short groupIndex) {
   Ref<TuningRpcEngine> made(new (std::nothrow) TuningRpcEngine(timeout, isSdk, groupIndex));
@@ -37,33 +53,8 @@ Ref<TuningRpcEngine> TuningRpcEngine::GetInstance() {
 }
 
 unsigned int TuningRpcEngine::Initialize() {
-  if (const unsigned int status = TakeSources(); Failed(status)) {
-    return status;
-  }
-  const std::string leader = AdoptLeader();
-  const unsigned int status = InitializeEnginePool(leader);
-  if (Failed(status)) {
-    VYN_LOG_ERROR("Failed to reconnect to <" << leader << ">.");
-  }
-  return status;
-}
-
-unsigned int TuningRpcEngine::InitializeEnginePool(const std::string& ip) {
-  const auto begin = common::SteadyNow();
-  Ref<common::RPCEnginePool> pool;
-  if (const unsigned int status =
-          ReplacePool(ip, "vyn.tuning.rpc.server.port", 3893, &NewPool<TuningRPCEnginePool>, "", pool);
-      Failed(status)) {
-    return status;
-  }
-  if (const unsigned int status = pool->Initialize(); Failed(status)) {
-    VYN_LOG_ERROR("Failed to initialize rpc client with error code " << (status >> 1));
-    return status;
-  }
-  VYN_LOG_INFO("Connected to meta service at <"
-               << ip << "> successfully with in "
-               << std::chrono::nanoseconds(common::SteadyNow() - begin).count() << "ns.");
-  return VYN_OK;
+  const unsigned int status = TakeSources();
+  return Failed(status) ? status : ConnectToLeader();
 }
 
 unsigned int TuningRpcEngine::SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,

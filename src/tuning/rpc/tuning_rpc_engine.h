@@ -23,7 +23,7 @@ using common::Ref;
 
 class TuningRpcEngine : public cluster::LeaderRPCEngine {
  public:
-  using LeaderRPCEngine::LeaderRPCEngine;
+  TuningRpcEngine(long timeout, bool isSdk, unsigned short groupIndex);
   ~TuningRpcEngine() override = default;
 
   /// Makes a new instance and puts it in place of the process's; does not connect. \param timeout
@@ -34,11 +34,9 @@ class TuningRpcEngine : public cluster::LeaderRPCEngine {
   static Ref<TuningRpcEngine> GetInstance();
 
   /// Connects to the leader that MetaNodeInfo names. Returns: 0; 2000057 without configuration; 1 without
-  /// leader record; the failure of InitializeEnginePool.
+  /// leader record; the failure of InitializeEnginePool, which is the pool's own when no connection could be
+  /// made.
   unsigned int Initialize();
-  /// Makes a new pool for `ip` and connects it. Returns: 0; 1 when authentication is on and `ip` has no host
-  /// name; why no connection could be made, in which case the pool stands and later calls try again.
-  unsigned int InitializeEnginePool(const std::string& ip);
   /// One operation with the retry policy. \param response may hold null.
   unsigned int SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
                                 const Ref<common::BaseMessage>& response);

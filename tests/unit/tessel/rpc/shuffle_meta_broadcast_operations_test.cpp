@@ -213,9 +213,13 @@ TEST_F(MetaBroadcastOperationsTest, TheServersOneIsAppRemovesOwnAnswerAndAnOddit
   EXPECT_EQ(mClient->AppRemove("app"), 2060009U);
 }
 
-TEST_F(MetaBroadcastOperationsTest, ANullRequestIsRefused) {
+TEST_F(MetaBroadcastOperationsTest, ARefusedRequestDoesNotEvenLookForTheLeader) {
+  CapturedLog log;
+  SetLeader("127.0.0.2");
   EXPECT_EQ(mClient->BroadcastVarNew(nullptr), 2000057U);
   EXPECT_EQ(mClient->BroadcastBlockInfoAdd(nullptr), 2000057U);
+  EXPECT_EQ(mClient->BroadcastVarNew(Of<BroadcastVar>("a b")), 2000013U);
+  EXPECT_TRUE(log.Texts(2).empty()) << "the pool was moved";
   EXPECT_TRUE(mService.Requests().empty());
 }
 

@@ -164,6 +164,17 @@ TEST_F(MetaRetryTest, WithoutALeaderToTellThereIsNoPoolAndALaterInitializeRepair
   EXPECT_EQ(mNodes.second->Requests().size(), 1U);
 }
 
+TEST_F(MetaRetryTest, ALeaderThatGotNoPoolIsStillMovedTo) {
+  mNodeServer->Answer(kMetaLeaderInfo, LeaderIs("127.0.0.2"));
+  mConf->Set("vyn.tessel.rpc.enableAuthentication", true);
+  mConf->Set("vyn.tessel.rpc.auth.meta.principle.mapping", "127.0.0.1:first");
+  EXPECT_EQ(mClient->Initialize(), 1U) << "the new leader has no host name";
+  mConf->Set("vyn.tessel.rpc.enableAuthentication", false);
+  EXPECT_EQ(Send(), 0U) << "on the pool of before";
+  EXPECT_TRUE(mNodes.first->Requests().empty());
+  EXPECT_EQ(mNodes.second->Requests().size(), 1U);
+}
+
 TEST_F(MetaRetryTest, TheServerClientMayBeReplacedWhileOthersAskIt) {
   FakeClock clock;
   mNodes.first->Answer(kAppRemove, {2020023, ""});

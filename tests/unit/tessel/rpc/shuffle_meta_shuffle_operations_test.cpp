@@ -5,6 +5,22 @@
 #include "support/meta_client_test.h"
 
 #include <atomic>
+#include <new>
+
+namespace {
+
+/// The size of which this thread has no memory, for allocations that may fail.
+thread_local std::size_t gRefusedSize = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return size == gRefusedSize ? nullptr : ::operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 
 namespace vyn::tessel {
 namespace {
@@ -320,6 +336,22 @@ TEST_F(MetaShuffleOperationsTest, StageMarksAreToldAtDebugLevel) {
   std::string hostName;
   EXPECT_EQ(mClient->FindWorkerByNodeId("app", 7, hostName), 0U);
   EXPECT_TRUE(log.Has(2, "Receive hostname of nodeId: 7 is: host"));
+}
+
+TEST_F(MetaShuffleOperationsTest, AListThatLacksMemoryForItsBlobsSaysSo) {
+  CapturedLog log;
+  ShuffleBlobListAndTaskInfo reply;
+  reply.valueList = {BytesOf(*Blob(1, 2))};
+  mService.Answer(6, {0, BytesOf(reply)});
+  Ref<ShuffleBlobList> blobs(new ShuffleBlobList);
+  bool result = false;
+  std::set<unsigned short> nodes;
+  gRefusedSize = sizeof(ShuffleBlob);
+  const auto status = mClient->BlobListUnderBagWithMapTaskInfo("bag", blobs, false, result, nodes, 0);
+  gRefusedSize = 0;
+  EXPECT_EQ(status, 2000057U);
+  EXPECT_EQ(log.Texts(4), std::vector<std::string>{"Unexpected nullptr value blob"});
+  EXPECT_TRUE(blobs->mBlobs.empty());
 }
 
 /// Counts how often it is read, and moves on a microsecond each time.

@@ -243,6 +243,22 @@ TEST_F(ShuffleServerRPCEngineTest, EveryOperationSendsItsRequestAndTellsItsFailu
   }
 }
 
+TEST_F(ShuffleServerRPCEngineTest, ANullRequestIsAFailureAsAnyOther) {
+  ASSERT_EQ(mClient->Initialize(1, true), 0U);
+  CapturedLog log;
+  Ref<MetaLeaderInformation> leader;
+  Ref<BroadcastBlockInfo> blocks;
+  Ref<LocalBlob> blob;
+  Ref<LocalBlobCommitResponse> committed;
+  EXPECT_EQ(mClient->GetMetaLeaderInfo(nullptr, leader), 1U);
+  EXPECT_EQ(mClient->BroadcastBlockBatchCreate(nullptr, blocks, ""), 1U);
+  EXPECT_EQ(mClient->BroadcastBlockBatchFetch(nullptr, blocks, ""), 1U);
+  EXPECT_EQ(mClient->GetLocalBlob(nullptr, blob), 1U);
+  EXPECT_EQ(mClient->CommitLocalBlob(nullptr, committed), 1U);
+  EXPECT_EQ(log.Texts(4), std::vector<std::string>(5, "Unexpected nullptr value request"));
+  EXPECT_TRUE(mService.Requests().empty());
+}
+
 TEST_F(ShuffleServerRPCEngineTest, InitializeTellsHowItWentAndLaterCallsConnectWhenTheDaemonIsUp) {
   CapturedLog log;
   EXPECT_EQ(mClient->AppUnregister("app", ""), 1U);
