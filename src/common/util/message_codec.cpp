@@ -4,13 +4,14 @@
 
 namespace vyn::common::codec {
 
-std::uint32_t Refuse(std::string_view what) {
-  VYN_LOG_ERROR("Unexpected nullptr value " << what);
-  return VYN_ERR_MESSAGE_DECODE;
-}
+std::uint32_t Refuse(Place place, std::string_view what) { return Refuse(place, {}, what, {}); }
 
-std::uint32_t Refuse(std::string_view open, std::string_view name, std::string_view close) {
-  VYN_LOG_ERROR("Unexpected nullptr value " << open << name << close);
+std::uint32_t Refuse(Place place, std::string_view open, std::string_view name, std::string_view close) {
+  if (logging::ErrorGate()) {
+    std::ostringstream text;
+    text << "Unexpected nullptr value " << open << name << close;
+    logging::WriteAt(logging::kError, place.file, place.line, text.str());
+  }
   return VYN_ERR_MESSAGE_DECODE;
 }
 

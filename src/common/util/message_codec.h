@@ -39,10 +39,17 @@ using Builder = flatbuffers::FlatBufferBuilder;
 using Text = flatbuffers::String;
 using TextList = flatbuffers::Vector<flatbuffers::Offset<Text>>;
 
+/// Where a message class stands in the sources: its refusals are logged from there.
+struct Place {
+  const char* file;
+  int line;
+};
+#define VYN_MESSAGE_PLACE (::vyn::common::codec::Place{__FILE_NAME__, __LINE__})
+
 /// Logs "Unexpected nullptr value " with `what`. Returns: VYN_ERR_MESSAGE_DECODE.
-std::uint32_t Refuse(std::string_view what);
+std::uint32_t Refuse(Place place, std::string_view what);
 /// The same with "{open}{name}{close}".
-std::uint32_t Refuse(std::string_view open, std::string_view name, std::string_view close);
+std::uint32_t Refuse(Place place, std::string_view open, std::string_view name, std::string_view close);
 
 // --- kinds of field
 // -----------------------------------------------------------------------------------------------
@@ -53,7 +60,7 @@ struct FieldCodec {
   static_assert(std::is_arithmetic_v<Wire> && std::is_arithmetic_v<Member>,
                 "this kind of field needs a FieldCodec");
   static Wire Write(Builder&, Member member) { return static_cast<Wire>(member); }
-  static std::uint32_t Read(Wire field, Member& member) {
+  static std::uint32_t Read(Wire field, Member& member, Place) {
     member = static_cast<Member>(field);
     return VYN_OK;
   }
@@ -62,7 +69,7 @@ struct FieldCodec {
 template <>
 struct FieldCodec<const Text*, std::string> {
   static auto Write(Builder& builder, const std::string& member) { return builder.CreateString(member); }
-  static std::uint32_t Read(const Text* field, std::string& member) {
+  static std::uint32_t Read(const Text* field, std::string& member, Place) {
     member = field->str();
     return VYN_OK;
   }
@@ -73,12 +80,12 @@ struct FieldCodec<const TextList*, std::vector<std::string>> {
   static auto Write(Builder& builder, const std::vector<std::string>& member) {
     return builder.CreateVectorOfStrings(member);
   }
-  static std::uint32_t Read(const TextList* field, std::vector<std::string>& member) {
+  static std::uint32_t Read(const TextList* field, std::vector<std::string>& member, Place place) {
     member.clear();
     member.reserve(field->size());
     for (const Text* data : *field) {
       if (data == nullptr) {
-        return Refuse("(data)");
+        return Refuse(place, "(data)");
       }
       member.emplace_back(data->data(), data->size());
     }
@@ -91,7 +98,7 @@ struct FieldCodec<const flatbuffers::Vector<Number>*, std::vector<Number>> {
   static auto Write(Builder& builder, const std::vector<Number>& member) {
     return builder.CreateVector(member);
   }
-  static std::uint32_t Read(const flatbuffers::Vector<Number>* field, std::vector<Number>& member) {
+  static std::uint32_t Read(const flatbuffers::Vector<Number>* field, std::vector<Number>& member, Place) {
     member.assign(field->data(), field->data() + field->size());
     return VYN_OK;
   }
@@ -108,7 +115,7 @@ struct FieldCodec<const flatbuffers::Vector<Number>*, std::set<Number>> {
     }
     return flatbuffers::Offset<flatbuffers::Vector<Number>>(offset);
   }
-  static std::uint32_t Read(const flatbuffers::Vector<Number>* field, std::set<Number>& member) {
+  static std::uint32_t Read(const flatbuffers::Vector<Number>* field, std::set<Number>& member, Place) {
     member.clear();
     for (const Number number : *field) {
       member.insert(member.end(), number);
@@ -312,29 +319,29 @@ template <typename Class>
 inline constexpr Naming kNaming{};
 
 template <std::size_t Member, typename Class>
-std::uint32_t ReadField(const TableOf<Class>& table, Class& message) {
+std::uint32_t ReadField(const TableOf<Class>& table, Class& message, Place place) {
   using Wire = FieldType<TableOf<Class>, FieldOf<Class>(Member)>;
   const Wire field = table.template get_field<FieldOf<Class>(Member)>();
   if constexpr (std::is_pointer_v<Wire>) {
     if (field == nullptr) [[unlikely]] {
-      return Refuse(kNaming<Class>.open, kMemberNames<Class>[Member], kNaming<Class>.close);
+      return Refuse(place, kNaming<Class>.open, kMemberNames<Class>[Member], kNaming<Class>.close);
     }
   }
-  return FieldCodec<Wire, MemberType<Class, Member>>::Read(field, std::get<Member>(message.Fields()));
+  return FieldCodec<Wire, MemberType<Class, Member>>::Read(field, std::get<Member>(message.Fields()), place);
 }
 
 /// The whole of a Deserialize. The members are read in their order, up to the first failure. Flattened, as a
 /// reader written out by hand would be.
 template <typename Class>
-[[gnu::flatten]] std::uint32_t Decode(Class& message) {
+[[gnu::flatten]] std::uint32_t Decode(Class& message, Place place) {
   Input input(message);
   const auto* root = input.Root<TableOf<Class>>();
   if (root == nullptr) [[unlikely]] {
-    return Refuse("(instance)");
+    return Refuse(place, "(instance)");
   }
   std::uint32_t status = VYN_OK;
   [&]<std::size_t... Member>(std::index_sequence<Member...>) {
-    (void)(!Failed(status = ReadField<Member>(*root, message)) && ...);
+    (void)(!Failed(status = ReadField<Member>(*root, message, place)) && ...);
   }
   (std::make_index_sequence<kMemberCount<Class>>());
   return status;
@@ -347,4 +354,4 @@ template <typename Class>
 /// The source side of VYN_MESSAGE_FIELDS, for a class of the current namespace.
 #define VYN_MESSAGE_CODEC(CLASS, BUILDER)                                                   \
   std::uint32_t CLASS::Serialize() { return ::vyn::common::codec::Encode(*this, BUILDER); } \
-  std::uint32_t CLASS::Deserialize() { return ::vyn::common::codec::Decode(*this); }
+  std::uint32_t CLASS::Deserialize() { return ::vyn::common::codec::Decode(*this, VYN_MESSAGE_PLACE); }

@@ -45,27 +45,27 @@ std::uint32_t ClusterCapacityMessage::Deserialize() {
   codec::Input input(*this);
   const auto* root = input.Root<TClusterCapacityMessage>();
   if (root == nullptr) {
-    return codec::Refuse("(instance)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(instance)");
   }
   if (root->ns() == nullptr) {
-    return codec::Refuse("(ns)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(ns)");
   }
   ns = root->ns()->str();
   if (root->caps() == nullptr) {
-    return codec::Refuse("(caps)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(caps)");
   }
   caps.clear();
   caps.reserve(root->caps()->size());
   for (const TCapacityInfo* iter : *root->caps()) {
     if (iter == nullptr) {
-      return codec::Refuse("(iter)");
+      return codec::Refuse(VYN_MESSAGE_PLACE, "(iter)");
     }
     if (iter->host() == nullptr) {
-      return codec::Refuse("(iter->host())");
+      return codec::Refuse(VYN_MESSAGE_PLACE, "(iter->host())");
     }
     common::Ref<CapacityInfo> info(new (std::nothrow) CapacityInfo);
     if (info == nullptr) {
-      return codec::Refuse("(info)");
+      return codec::Refuse(VYN_MESSAGE_PLACE, "(info)");
     }
     info->host = iter->host()->str();
     info->capacityA = iter->capacityA();

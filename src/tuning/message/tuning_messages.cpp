@@ -20,14 +20,14 @@ struct common::codec::FieldCodec<const ParameterTables*, Parameters> {
     }
     return builder.CreateVector(entries);
   }
-  static std::uint32_t Read(const ParameterTables* field, Parameters& member) {
+  static std::uint32_t Read(const ParameterTables* field, Parameters& member, Place place) {
     member.clear();
     for (const tuning::TTuningParameter* parameter : *field) {
       if (parameter->key() == nullptr) {
-        return Refuse("(key)");
+        return Refuse(place, "(key)");
       }
       if (parameter->value() == nullptr) {
-        return Refuse("(value)");
+        return Refuse(place, "(value)");
       }
       member.emplace(parameter->key()->str(), parameter->value()->str());
     }

@@ -4,6 +4,8 @@
 #include "common/util/message_codec.h"
 #include "schema/blob_generated.h"
 
+#include <algorithm>
+#include <climits>
 #include <new>
 
 namespace vyn {
@@ -26,16 +28,16 @@ struct common::codec::FieldCodec<const BlobIdTables*, BlobIds> {
     }
     return builder.CreateVector(entries);
   }
-  static std::uint32_t Read(const BlobIdTables* field, BlobIds& member) {
+  static std::uint32_t Read(const BlobIdTables* field, BlobIds& member, Place place) {
     member.clear();
     member.reserve(field->size());
     for (const tessel::TShuffleBlobId* blobId : *field) {
       if (blobId == nullptr) {
-        return Refuse("(blobId)");
+        return Refuse(place, "(blobId)");
       }
       Ref<ShuffleBlobId> tmp(new (std::nothrow) ShuffleBlobId(blobId->bagId(), blobId->innerId()));
       if (tmp == nullptr) {
-        return Refuse("(tmp)");
+        return Refuse(place, "(tmp)");
       }
       member.push_back(std::move(tmp));
     }
@@ -80,14 +82,14 @@ std::uint32_t ShuffleBlobIdList::Serialize() {
   return codec::FinishBuffer(*this, builder, CreateTShuffleBlobIdList(builder, name, list));
 }
 
-std::uint32_t ShuffleBlobIdList::Deserialize() { return codec::Decode(*this); }
+std::uint32_t ShuffleBlobIdList::Deserialize() { return codec::Decode(*this, VYN_MESSAGE_PLACE); }
 
 std::uint32_t BlobBatchDeleteRequest::Serialize() {
   LogNullIds(blobIdList, "BlobBatchDeleteRequest contains null blob id");
   return codec::Encode(*this, fbBuilder256);
 }
 
-std::uint32_t BlobBatchDeleteRequest::Deserialize() { return codec::Decode(*this); }
+std::uint32_t BlobBatchDeleteRequest::Deserialize() { return codec::Decode(*this, VYN_MESSAGE_PLACE); }
 
 std::uint32_t BlobRequest::Serialize() {
   if (mBlobId == nullptr) {
@@ -106,17 +108,17 @@ std::uint32_t BlobRequest::Deserialize() {
   codec::Input input(*this);
   const auto* root = input.Root<TBlobRequest>();
   if (root == nullptr) {
-    return codec::Refuse("(instance)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(instance)");
   }
   if (root->blobId() == nullptr) {
-    return codec::Refuse("(blobId)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(blobId)");
   }
   mBlobId = new (std::nothrow) ShuffleBlobId(root->blobId()->bagId(), root->blobId()->innerId());
   if (mBlobId == nullptr) {
-    return codec::Refuse("(mBlobId)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(mBlobId)");
   }
   if (root->ns() == nullptr) {
-    return codec::Refuse("(ns)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(ns)");
   }
   ns = root->ns()->str();
   blobNumber = root->blobNumber();
@@ -129,7 +131,9 @@ std::uint32_t ShuffleBlobListAndTaskInfo::DeserializeToShuffleBlobList(std::vect
   for (std::string& entry : valueList) {
     Ref<ShuffleBlob> blob(new (std::nothrow) ShuffleBlob);
     VYN_CHECK_POINTER(blob);
-    VYN_CHECK_CALL(blob->SetInputRawData(entry.data(), static_cast<unsigned int>(entry.size()), false));
+    // A size that does not fit its type must not come out as a small one: the largest is refused.
+    const auto size = static_cast<unsigned int>(std::min<std::size_t>(entry.size(), UINT_MAX));
+    VYN_CHECK_CALL(blob->SetInputRawData(entry.data(), size, false));
     VYN_CHECK_CALL(blob->Deserialize());
     blob->mInputRawData = nullptr;
     blob->mInputRawDataSize = 0;

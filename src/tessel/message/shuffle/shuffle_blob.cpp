@@ -59,17 +59,22 @@ std::uint32_t ShuffleBlob::Serialize() {
 
 std::uint32_t ShuffleBlob::Deserialize() {
   if (mInputRawData == nullptr) {
-    return codec::Refuse("(mInputRawData)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(mInputRawData)");
   }
+  const std::size_t size = mInputRawDataSize;
+  const bool holdsRecord = size >= kRecordSize && size <= kMaxInputSize;
   std::size_t root = 0;
-  if (mInputRawDataSize >= kRecordSize && mInputRawDataSize <= kMaxInputSize) {
+  if (size >= sizeof(flatbuffers::uoffset_t)) {
     root = flatbuffers::ReadScalar<flatbuffers::uoffset_t>(mInputRawData);
     if (root == 0) {
-      return codec::Refuse("(des)");
+      const std::uint32_t status = codec::Refuse(VYN_MESSAGE_PLACE, "(des)");
+      if (holdsRecord) {  // otherwise the log tells that, too
+        return status;
+      }
     }
   }
   // A record neither covers the offset that leads to it nor goes beyond the input.
-  if (root < sizeof(flatbuffers::uoffset_t) || root > mInputRawDataSize - kRecordSize) {
+  if (!holdsRecord || root < sizeof(flatbuffers::uoffset_t) || root > size - kRecordSize) {
     VYN_LOG_ERROR("Failed to verify buffer.");
     return VYN_ERR_MESSAGE_DECODE;
   }
@@ -77,7 +82,7 @@ std::uint32_t ShuffleBlob::Deserialize() {
   mId = new (std::nothrow) ShuffleBlobId(flatbuffers::ReadScalar<std::uint32_t>(des + kBagIdOffset),
                                          flatbuffers::ReadScalar<std::uint64_t>(des + kInnerIdOffset));
   if (mId == nullptr) {
-    return codec::Refuse("(mId)");
+    return codec::Refuse(VYN_MESSAGE_PLACE, "(mId)");
   }
   std::memcpy(mRecord.data(), des, kTextOffset);
   std::fill(mRecord.begin() + kTextOffset, mRecord.end(), 0);

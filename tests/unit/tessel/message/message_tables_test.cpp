@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
+#include <set>
 
 namespace vyn::test {
 namespace {
@@ -359,12 +360,16 @@ TEST(MessageTables, RefuseSlotsOfAnotherKind) {
   });
 }
 
-TEST(MessageTables, RefuseToReadWithoutInput) {
+TEST(MessageTables, RefuseToReadWithoutInputAndEachFromItsOwnPlace) {
   CapturedLog log;
+  std::set<std::string> places;
   ForEveryRow([&](const Row& row) {
     log.Clear();
     EXPECT_EQ(row.fresh()->Deserialize(), 2020015U);
     EXPECT_EQ(log.Texts(kError), std::vector<std::string>{"Unexpected nullptr value (instance)"});
+    const std::string line = log.Lines().at(0).whole;
+    EXPECT_EQ(line.find("message_codec"), std::string::npos) << line;
+    EXPECT_TRUE(places.insert(line).second) << line;
   });
 }
 

@@ -98,23 +98,22 @@ TEST(ShuffleBlob, RefusesARecordOutsideTheInput) {
     std::string bytes = good.substr(0, size);
     return bytes.replace(0, 4, reinterpret_cast<const char*>(&root), 4);
   };
+  const std::string outside = "Failed to verify buffer.";
+  const std::string null = "Unexpected nullptr value (des)";
   struct Case {
     std::string bytes;
-    const char* words;
+    Lines words;
   };
-  for (const Case& each : {Case{good.substr(0, 1), "Failed to verify buffer."},
-                           Case{good.substr(0, 3), "Failed to verify buffer."},
-                           Case{good.substr(0, 95), "Failed to verify buffer."},
-                           Case{good.substr(0, 103), "Failed to verify buffer."},
-                           Case{withRoot(9, 104), "Failed to verify buffer."},
-                           Case{withRoot(3, 104), "Failed to verify buffer."},
-                           Case{withRoot(0x80000008, 104), "Failed to verify buffer."},
-                           Case{withRoot(0xFFFFFFFF, 104), "Failed to verify buffer."},
-                           Case{withRoot(0, 104), "Unexpected nullptr value (des)"}}) {
+  for (const Case& each : {Case{good.substr(0, 1), {outside}}, Case{good.substr(0, 3), {outside}},
+                           Case{good.substr(0, 95), {outside}}, Case{good.substr(0, 103), {outside}},
+                           Case{withRoot(9, 104), {outside}}, Case{withRoot(3, 104), {outside}},
+                           Case{withRoot(0x80000008, 104), {outside}},
+                           Case{withRoot(0xFFFFFFFF, 104), {outside}}, Case{withRoot(0, 104), {null}},
+                           Case{withRoot(0, 4), {null, outside}}, Case{withRoot(0, 95), {null, outside}}}) {
     ShuffleBlob blob;
     log.Clear();
     EXPECT_EQ(Read(blob, each.bytes), 2020015U);
-    EXPECT_EQ(log.Texts(kError), Lines{each.words});
+    EXPECT_EQ(log.Texts(kError), each.words);
     EXPECT_EQ(blob.mId, nullptr);
   }
   ShuffleBlob tight;

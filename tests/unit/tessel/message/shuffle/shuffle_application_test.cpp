@@ -40,6 +40,10 @@ TEST(ShuffleInfo, RecordsBlobsInTheOrderOfArrival) {
   Ref<ShuffleBlob> none;
   info->AddNewShuffleBlob(4, none);
   EXPECT_EQ(info->mPartitions.count(4), 0U);
+  info->mPartitions[6] = nullptr;  // a place that somebody else looked up
+  info->AddNewShuffleBlob(6, first);
+  ASSERT_TRUE(info->mPartitions[6] != nullptr);
+  EXPECT_EQ(info->mPartitions[6]->mBlobs, std::vector<Ref<ShuffleBlob>>{first});
 }
 
 TEST(ShuffleInfo, TakesBlobsOfManyThreads) {
