@@ -59,8 +59,11 @@ bool SecuredClient::Initialize(const std::map<std::string, const std::string>& s
     outcome = {kBadSetting, "authentication is on, but no mechanism is present for auth.type \"" +
                                 (type == securityConf.end() ? std::string() : type->second) + "\""};
   } else if (mTls) {
-    std::shared_ptr<TlsContext> context;
-    outcome = TlsContext::ForClient(securityConf, context);
+    std::string error;
+    auto context = tls::TlsContext::ForClient(securityConf, error);
+    if (context == nullptr) {
+      outcome = {kTlsError, std::move(error)};
+    }
     mConnection->UseTls(std::move(context));
   }
   mConnection->SetConnectTimeout(timeout < 1 ? -1 : timeout);

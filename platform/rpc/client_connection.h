@@ -11,8 +11,8 @@
 #include "platform/rpc/message.h"
 #include "platform/rpc/outcome.h"
 #include "platform/rpc/stream.h"
-#include "platform/rpc/tls_context.h"
 #include "platform/rpc/transport_setting.h"
+#include "platform/tls/tls_context.h"
 
 #include <cstdint>
 #include <memory>
@@ -31,7 +31,7 @@ class ClientConnection {
   /// Milliseconds for Connect; negative is no limit.
   void SetConnectTimeout(std::int64_t timeout) { mConnectTimeout = timeout; }
   /// From here on nothing is sent outside TLS. Requires: not open.
-  void UseTls(std::shared_ptr<TlsContext> context) { mTls = std::move(context); }
+  void UseTls(std::shared_ptr<tls::TlsContext> context) { mTls = std::move(context); }
   /// From here on every attempt to connect ends in `refusal`; a success takes it back.
   void Refuse(Outcome refusal) { mRefusal = std::move(refusal); }
 
@@ -62,7 +62,7 @@ class ClientConnection {
   Outcome mRefusal;
   int mReconnectLimit = 1;
   std::int64_t mConnectTimeout = -1;
-  std::shared_ptr<TlsContext> mTls;
+  std::shared_ptr<tls::TlsContext> mTls;
 
   // The open connection; mStream is null when there is none.
   Descriptor mSocket;

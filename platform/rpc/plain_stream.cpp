@@ -72,15 +72,4 @@ class PlainStream : public Stream {
 
 std::unique_ptr<Stream> NewPlainStream(int descriptor) { return std::make_unique<PlainStream>(descriptor); }
 
-void Advance(iovec* parts, std::size_t count, std::size_t& first, std::size_t bytes) {
-  while (first < count && bytes >= parts[first].iov_len) {
-    bytes -= parts[first].iov_len;
-    ++first;
-  }
-  if (bytes > 0) {
-    parts[first].iov_base = static_cast<char*>(parts[first].iov_base) + bytes;
-    parts[first].iov_len -= bytes;
-  }
-}
-
 }  // namespace vyn::rpc

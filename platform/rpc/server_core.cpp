@@ -95,8 +95,10 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
     return outcome;
   }
   if (mOptions.mTls) {
-    if (Outcome outcome = TlsContext::ForServer(mOptions.mSecurity, mTls); !outcome.Ok()) {
-      return outcome;
+    std::string error;
+    mTls = tls::TlsContext::ForServer(mOptions.mSecurity, error);
+    if (mTls == nullptr) {
+      return {kTlsError, std::move(error)};
     }
   }
   try {

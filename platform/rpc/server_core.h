@@ -9,9 +9,10 @@
 #include "platform/rpc/descriptor.h"
 #include "platform/rpc/event_loop.h"
 #include "platform/rpc/frame.h"
+#include "platform/rpc/outcome.h"
 #include "platform/rpc/server.h"
-#include "platform/rpc/tls_context.h"
 #include "platform/rpc/worker_pool.h"
+#include "platform/tls/tls_context.h"
 
 #include <array>
 #include <atomic>
@@ -83,7 +84,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   const ServerOptions mOptions;
   // Constant once started.
   std::array<Entry, MessageId::kMask + 1> mHandlers;
-  std::shared_ptr<TlsContext> mTls;
+  std::shared_ptr<tls::TlsContext> mTls;
   std::uint16_t mPort = 0;
   std::vector<std::unique_ptr<ServerLoop>> mLoops;
   std::unique_ptr<WorkerPool> mWorkers;

@@ -1,4 +1,4 @@
-#include "platform/rpc/tls_context.h"
+#include "platform/tls/tls_context.h"
 
 #include "platform/openssl_dl/openssl_dl.h"
 
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <fstream>
 
-namespace vyn::rpc {
+namespace vyn::tls {
 
 namespace {
 
@@ -34,49 +34,36 @@ std::string TlsErrorText(const openssl_dl::Api* api) {
   return reason == nullptr ? "unknown error" : reason;
 }
 
-Outcome TlsContext::New(bool server, std::shared_ptr<TlsContext>& context) {
+std::shared_ptr<TlsContext> TlsContext::New(bool server, std::string& error) {
   const openssl_dl::Api* api = openssl_dl::Get();
   if (api == nullptr) {
-    return {kTlsError,
-            "TLS is on, but no OpenSSL libraries are set (vyn.tessel.rpc.openssl.path, "
-            "vyn.tessel.rpc.crypto.path)"};
+    error =
+        "TLS is on, but no OpenSSL libraries are set (vyn.tessel.rpc.openssl.path, "
+        "vyn.tessel.rpc.crypto.path)";
+    return nullptr;
   }
   std::shared_ptr<TlsContext> made(new TlsContext(api, server));
   api->ERR_clear_error();
   made->mContext = api->SSL_CTX_new(server ? api->TLS_server_method() : api->TLS_client_method());
   if (made->mContext == nullptr ||
       api->SSL_CTX_ctrl(made->mContext, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_3_VERSION, nullptr) != 1) {
-    return {kTlsError, "cannot set TLS 1.3 up: " + TlsErrorText(api)};
+    error = "cannot set TLS 1.3 up: " + TlsErrorText(api);
+    return nullptr;
   }
   api->SSL_CTX_ctrl(made->mContext, SSL_CTRL_MODE,
                     SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER, nullptr);
   api->SSL_CTX_ctrl(made->mContext, SSL_CTRL_SET_READ_AHEAD, 1, nullptr);
-  context = std::move(made);
-  return {};
+  return made;
 }
 
-Outcome TlsContext::ForClient(const SecurityMap& conf, std::shared_ptr<TlsContext>& context) {
-  std::shared_ptr<TlsContext> made;
-  if (Outcome outcome = New(false, made); !outcome.Ok()) {
-    return outcome;
-  }
-  if (Outcome outcome = made->LoadTrust(conf); !outcome.Ok()) {
-    return outcome;
-  }
-  context = std::move(made);
-  return {};
+std::shared_ptr<TlsContext> TlsContext::ForClient(const SecurityMap& conf, std::string& error) {
+  auto made = New(false, error);
+  return made != nullptr && made->LoadTrust(conf, error) ? made : nullptr;
 }
 
-Outcome TlsContext::ForServer(const SecurityMap& conf, std::shared_ptr<TlsContext>& context) {
-  std::shared_ptr<TlsContext> made;
-  if (Outcome outcome = New(true, made); !outcome.Ok()) {
-    return outcome;
-  }
-  if (Outcome outcome = made->LoadIdentity(conf); !outcome.Ok()) {
-    return outcome;
-  }
-  context = std::move(made);
-  return {};
+std::shared_ptr<TlsContext> TlsContext::ForServer(const SecurityMap& conf, std::string& error) {
+  auto made = New(true, error);
+  return made != nullptr && made->LoadIdentity(conf, error) ? made : nullptr;
 }
 
 TlsContext::~TlsContext() {
@@ -84,22 +71,23 @@ TlsContext::~TlsContext() {
   mApi->SSL_CTX_free(mContext);
 }
 
-Outcome TlsContext::LoadTrust(const SecurityMap& conf) {
+bool TlsContext::LoadTrust(const SecurityMap& conf, std::string& error) {
   const std::string authorities = Entry(conf, "tls.ca.cert.path");
   if (authorities.empty()) {
-    return {kTlsError, "TLS is on, but tls.ca.cert.path is empty: no server could be verified"};
+    error = "TLS is on, but tls.ca.cert.path is empty: no server could be verified";
+    return false;
   }
   if (mApi->SSL_CTX_load_verify_file(mContext, authorities.c_str()) != 1) {
-    return {kTlsError,
-            "cannot read the certificates of tls.ca.cert.path " + authorities + ": " + TlsErrorText(mApi)};
+    error = "cannot read the certificates of tls.ca.cert.path " + authorities + ": " + TlsErrorText(mApi);
+    return false;
   }
   mApi->SSL_CTX_set_verify(mContext, SSL_VERIFY_PEER, nullptr);
   mPeerName = Entry(conf, "tls.peer.name");
   const std::string revocations = Entry(conf, "tls.crl.path");
-  return revocations.empty() ? Outcome{} : LoadRevocations(revocations);
+  return revocations.empty() || LoadRevocations(revocations, error);
 }
 
-Outcome TlsContext::LoadRevocations(const std::string& path) {
+bool TlsContext::LoadRevocations(const std::string& path, std::string& error) {
   const std::unique_ptr<BIO, decltype(mApi->BIO_free)> file(mApi->BIO_new_file(path.c_str(), "r"),
                                                             mApi->BIO_free);
   X509_STORE* store = mApi->SSL_CTX_get_cert_store(mContext);
@@ -113,14 +101,15 @@ Outcome TlsContext::LoadRevocations(const std::string& path) {
     mApi->X509_CRL_free(list);
   }
   if (count == 0) {
-    return {kTlsError, "cannot read a revocation list of tls.crl.path " + path + ": " + TlsErrorText(mApi)};
+    error = "cannot read a revocation list of tls.crl.path " + path + ": " + TlsErrorText(mApi);
+    return false;
   }
   mApi->ERR_clear_error();  // the end of the file
   mApi->X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
-  return {};
+  return true;
 }
 
-Outcome TlsContext::LoadIdentity(const SecurityMap& conf) {
+bool TlsContext::LoadIdentity(const SecurityMap& conf, std::string& error) {
   const std::string certificate = Entry(conf, "tls.cert.path");
   const std::string key = Entry(conf, "tls.key.path");
   std::string password;
@@ -129,7 +118,8 @@ Outcome TlsContext::LoadIdentity(const SecurityMap& conf) {
     const std::string path = Entry(conf, "tls.key.pass.path");
     std::ifstream file(path);
     if (!std::getline(file, password) || password.empty()) {
-      return {kTlsError, "cannot read a password from the first line of tls.key.pass.path " + path};
+      error = "cannot read a password from the first line of tls.key.pass.path " + path;
+      return false;
     }
     if (password.back() == '\r') {
       password.pop_back();
@@ -137,21 +127,19 @@ Outcome TlsContext::LoadIdentity(const SecurityMap& conf) {
   }
   mApi->SSL_CTX_set_default_passwd_cb(mContext, GivePassword);
   mApi->SSL_CTX_set_default_passwd_cb_userdata(mContext, encrypted ? &password : nullptr);
-  Outcome outcome;
+  error.clear();
   if (mApi->SSL_CTX_use_certificate_chain_file(mContext, certificate.c_str()) != 1) {
-    outcome = {kTlsError,
-               "cannot use the certificate of tls.cert.path " + certificate + ": " + TlsErrorText(mApi)};
+    error = "cannot use the certificate of tls.cert.path " + certificate + ": " + TlsErrorText(mApi);
   } else if (mApi->SSL_CTX_use_PrivateKey_file(mContext, key.c_str(), SSL_FILETYPE_PEM) != 1) {
-    outcome = {kTlsError, "cannot use the private key of tls.key.path " + key + ": " + TlsErrorText(mApi)};
+    error = "cannot use the private key of tls.key.path " + key + ": " + TlsErrorText(mApi);
   } else if (mApi->SSL_CTX_check_private_key(mContext) != 1) {
-    outcome = {kTlsError,
-               "the private key of tls.key.path does not belong to the certificate of tls.cert.path"};
+    error = "the private key of tls.key.path does not belong to the certificate of tls.cert.path";
   }
   mApi->SSL_CTX_set_default_passwd_cb_userdata(mContext, nullptr);
   mApi->OPENSSL_cleanse(password.data(), password.size());
   // One ticket is what a client of ours keeps.
   mApi->SSL_CTX_set_num_tickets(mContext, 1);
-  return outcome;
+  return error.empty();
 }
 
-}  // namespace vyn::rpc
+}  // namespace vyn::tls

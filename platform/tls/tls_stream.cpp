@@ -1,5 +1,5 @@
 #include "platform/openssl_dl/openssl_dl.h"
-#include "platform/rpc/tls_context.h"
+#include "platform/tls/tls_context.h"
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace vyn::rpc {
+namespace vyn::tls {
 
 namespace {
 
@@ -215,4 +215,4 @@ std::unique_ptr<Stream> TlsContext::NewStream(int descriptor) {
   return stream->Open(descriptor) ? std::move(stream) : nullptr;
 }
 
-}  // namespace vyn::rpc
+}  // namespace vyn::tls
