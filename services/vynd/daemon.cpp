@@ -189,6 +189,12 @@ bool Daemon::StartFabric(std::string& error) {
   options.linkPort = mOptions.linkPort != 0
                          ? mOptions.linkPort
                          : static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.manager.port", 3899));
+  options.linkTls = Conf()->GetBool("vyn.tessel.rpc.enableTLS", true);
+  if (options.linkTls) {
+    auto conf = Conf();
+    common::BaseApiUtil::GetPlxTlsConf4Server(conf, options.linkIdentity);
+    common::BaseApiUtil::GetPlxTlsConf4Client(conf, options.linkTrust, false);
+  }
   options.directory = [this](std::uint16_t nodeId, bm::NodeAddress& address) {
     for (const auto& node : mMember->View().Live()) {
       if (node.nodeId == nodeId) {

@@ -71,7 +71,7 @@ unsigned long Number(std::istringstream& words) {
 std::string TryReadOnly(const std::string& home, const std::string& ns, const std::string& token,
                         const std::string& id) {
   vyn::bm::RemoteNode broker(
-      [home](vyn::bm::Deadline deadline) {
+      [home](vyn::bm::Deadline deadline, int&) {
         int error = 0;
         return vyn::bm::ConnectToBroker(home, deadline, error);
       },

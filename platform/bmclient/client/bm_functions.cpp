@@ -80,7 +80,8 @@ int Guarded(Function function) {
 }  // namespace
 
 int BM_Init(const char* home, int clientFlag) {
-  return Guarded([&](Client& client) { return client.Initialize(home, clientFlag); });
+  return Guarded(
+      [&](Client& client) { return client.Initialize(home, clientFlag, vyn::tls::GetClientSetting()); });
 }
 
 int BM_CreateLink(unsigned short nodeId, const char*, const char* ip, unsigned short port, unsigned int) {

@@ -10,7 +10,7 @@
 
 namespace vyn::bm {
 
-int Client::Initialize(const char* home, int clientFlag) {
+int Client::Initialize(const char* home, int clientFlag, tls::ClientSetting links) {
   if (home == nullptr || *home == '\0') {
     home = ::secure_getenv("VYN_HOME");
   }
@@ -18,7 +18,7 @@ int Client::Initialize(const char* home, int clientFlag) {
   NodePtr broker;
   if (clientFlag == 0) {
     broker = std::make_shared<RemoteNode>(
-        [place](Deadline deadline) {
+        [place](Deadline deadline, int&) {
           int error = 0;
           return ConnectToBroker(place, deadline, error);
         },
@@ -27,6 +27,8 @@ int Client::Initialize(const char* home, int clientFlag) {
   Close();
   std::lock_guard lock(mMutex);
   mBroker = std::move(broker);
+  mLinkSetting = std::move(links);
+  mLinkTls.reset();
   return 0;
 }
 
@@ -53,10 +55,13 @@ int Client::CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port)
     }
   }
   if (node == nullptr) {
+    LinkSecurity security;
+    if (const int refused = SecureLinks(security); refused != 0) {
+      return refused;
+    }
     node = std::make_shared<RemoteNode>(
-        [host, port](Deadline deadline) {
-          int error = 0;
-          return ConnectToLink(host, port, deadline, error);
+        [host, port, security](Deadline deadline, int& result) {
+          return ConnectLink(host, port, security, deadline, result);
         },
         PeerRole::kClient, nodeId, mTimeouts);
   }
@@ -69,6 +74,30 @@ int Client::CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port)
   old = std::exchange(link.node, std::move(node));
   link.ip = host;
   link.port = port;
+  return 0;
+}
+
+int Client::SecureLinks(LinkSecurity& security) {
+  tls::ClientSetting setting;
+  {
+    std::lock_guard lock(mMutex);
+    setting = mLinkSetting;
+    security.tls = mLinkTls;
+  }
+  security.report = setting.report;
+  if (!setting.enabled || security.tls != nullptr) {
+    return 0;
+  }
+  std::string error;
+  security.tls = tls::TlsContext::ForClient(setting.security, error);
+  if (security.tls == nullptr) {
+    if (setting.report != nullptr) {
+      setting.report("no link can be made: " + error);
+    }
+    return kBmLocalError;
+  }
+  std::lock_guard lock(mMutex);
+  mLinkTls = security.tls;
   return 0;
 }
 

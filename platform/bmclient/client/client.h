@@ -13,7 +13,9 @@
 #include "platform/bmclient/client/mapping_table.h"
 #include "platform/bmclient/client/place.h"
 #include "platform/bmclient/protocol.h"
+#include "platform/bmclient/wire/link.h"
 #include "platform/bmclient/wire/remote_node.h"
+#include "platform/tls/client_setting.h"
 
 #include <map>
 #include <memory>
@@ -28,14 +30,18 @@ class Client {
   explicit Client(Timeouts timeouts = {}) : mTimeouts(timeouts) {}
 
   /// Starts afresh: links and connections of before are forgotten. \param home null or empty: the
-  /// environment's VYN_HOME.
-  int Initialize(const char* home, int clientFlag);
+  /// environment's VYN_HOME. \param links how this process secures its links. With TLS on, a link is under TLS
+  /// or is refused.
+  int Initialize(const char* home, int clientFlag, tls::ClientSetting links = {});
   /// Lets everything go but the mappings. Calls under way end by themselves.
   void Close();
   /// Forgets what is mapped where. The mappings stay, nobody can unmap them by their objects any more.
   void ForgetMappings() { mMappings.Clear(); }
 
   /// Links this process to a node, or moves the link to another address. \param ip numeric.
+  /// Returns: kBmUnconnected when nobody answers; kBmRemoteProtocol when another node answers, or one that was
+  /// refused or refuses (plain against TLS, a certificate without trust); kBmLocalError for an address that is
+  /// none, and when what TLS needs cannot be read.
   int CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port);
   int Query(NodeAttributes* attributes);
   int CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token);
@@ -69,6 +75,8 @@ class Client {
 
   /// Who is to be asked about what belongs to `nodeId`. \param local whether that is this machine's own node.
   int Route(std::uint16_t nodeId, NodePtr& node, bool& local);
+  /// How links are made. Returns: kBmLocalError when what TLS needs cannot be read.
+  int SecureLinks(LinkSecurity& security);
   /// The id of this machine's node.
   int LocalNode(std::uint16_t& nodeId);
   int Locate(const ObjectName& object, bool writable, Place& place);
@@ -78,7 +86,9 @@ class Client {
 
   const Timeouts mTimeouts;
   std::mutex mMutex;  // guards all below but the table
-  NodePtr mBroker;    // null outside the fabric
+  tls::ClientSetting mLinkSetting;
+  std::shared_ptr<tls::TlsContext> mLinkTls;  // made by the first link that needs it
+  NodePtr mBroker;                            // null outside the fabric
   bool mKnowsLocal = false;
   std::uint16_t mLocalNode = 0;  // when known
   struct Link {

@@ -119,7 +119,8 @@ bool Door::EndIdlest(const std::string* peer) {
 
 void Door::Run(Connection& connection) {
   try {
-    mServe(connection.stream, [&connection](bool busy) { connection.idleSince = busy ? 0 : Now(); });
+    mServe(connection.stream, connection.peer,
+           [&connection](bool busy) { connection.idleSince = busy ? 0 : Now(); });
   } catch (const std::exception&) {
     // Out of memory: this connection ends, the node goes on.
   }

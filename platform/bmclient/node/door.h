@@ -25,8 +25,10 @@ class Door {
     std::uint32_t connections;
     std::uint32_t perPeer;
   };
-  /// Serves one connection to its end. \param busy tells whether a request is under way.
-  using Serve = std::function<void(ByteStream& stream, const std::function<void(bool)>& busy)>;
+  /// Serves one connection to its end. \param peer its address or user. \param busy tells whether a request is
+  /// under way.
+  using Serve = std::function<void(SocketStream& stream, const std::string& peer,
+                                   const std::function<void(bool)>& busy)>;
 
   /// \param link a TCP door, whose peers are told apart by address; otherwise a UNIX door, by user.
   Door(FileDescriptor listener, bool link, Limits limits, Serve serve);

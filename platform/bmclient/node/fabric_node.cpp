@@ -7,6 +7,7 @@
 #include "platform/bmclient/node/quiet_thread.h"
 #include "platform/bmclient/node/session.h"
 #include "platform/bmclient/node/token_hash.h"
+#include "platform/bmclient/wire/link.h"
 #include "platform/bmclient/wire/sockets.h"
 
 #include <cerrno>
@@ -27,10 +28,14 @@ int Local(int result) { return result == -EIO ? kBmLocalError : result; }
 
 /// Everything of a running node. Members end in the reverse of their order: the doors first.
 struct FabricNode::Impl {
-  explicit Impl(const FabricNodeOptions& theOptions)
+  /// \param theIdentity, trust of links; null when they are plain.
+  Impl(const FabricNodeOptions& theOptions, std::shared_ptr<tls::TlsContext> theIdentity,
+       std::shared_ptr<tls::TlsContext> trust)
       : options(theOptions),
+        identity(std::move(theIdentity)),
         pool(options.nodeId, options.capacity),
-        neighbours(options.directory),
+        neighbours(options.directory,
+                   {std::move(trust), [this](const std::string& text) { Log(kWarn, text); }}),
         copies(pool, neighbours),
         parts{options.nodeId, pool, copies, neighbours} {}
 
@@ -59,9 +64,13 @@ struct FabricNode::Impl {
     }
   }
   std::unique_ptr<Door> MakeDoor(FileDescriptor listener, DoorKind kind);
+  /// The stream of a connection that came in. Returns: null when it is to be closed.
+  ByteStream* Admit(SocketStream& socket, DoorKind kind, const std::string& peer,
+                    std::unique_ptr<ByteStream>& secured) const;
   void SweepNowAndThen();
 
   const FabricNodeOptions options;
+  const std::shared_ptr<tls::TlsContext> identity;
   Pool pool;
   Neighbours neighbours;
   PulledCopies copies;
@@ -125,13 +134,34 @@ std::unique_ptr<Door> FabricNode::Impl::MakeDoor(FileDescriptor listener, DoorKi
   const std::chrono::seconds idle(options.idleSeconds);
   return std::make_unique<Door>(
       std::move(listener), link, limits,
-      [this, kind, idle](ByteStream& stream, const std::function<void(bool)>& busy) {
+      [this, kind, idle](SocketStream& socket, const std::string& peer,
+                         const std::function<void(bool)>& busy) {
+        std::unique_ptr<ByteStream> secured;
+        ByteStream* const stream = Admit(socket, kind, peer, secured);
+        if (stream == nullptr) {
+          return;
+        }
         Session session(parts, kind);
         ServeConnection(
-            stream,
+            *stream,
             [&session](Exchange& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
             idle, busy);
       });
+}
+
+ByteStream* FabricNode::Impl::Admit(SocketStream& socket, DoorKind kind, const std::string& peer,
+                                    std::unique_ptr<ByteStream>& secured) const {
+  if (kind == DoorKind::kBroker) {
+    return &socket;
+  }
+  const std::chrono::milliseconds patience =
+      identity != nullptr ? kFrameTimeout : std::chrono::seconds(options.idleSeconds);
+  std::string error;
+  ByteStream* const stream = AcceptLink(socket, identity.get(), After(patience), secured, error);
+  if (!error.empty()) {
+    Log(kWarn, "a link from " + peer + " was refused: " + error);
+  }
+  return stream;
 }
 
 void FabricNode::Impl::SweepNowAndThen() {
@@ -155,7 +185,14 @@ bool FabricNode::Start(const FabricNodeOptions& options, std::string& error) {
     error = "the node runs already";
     return false;
   }
-  auto impl = std::make_unique<Impl>(options);
+  std::shared_ptr<tls::TlsContext> identity;
+  std::shared_ptr<tls::TlsContext> trust;
+  if (options.linkTls && ((identity = tls::TlsContext::ForServer(options.linkIdentity, error)) == nullptr ||
+                          (trust = tls::TlsContext::ForClient(options.linkTrust, error)) == nullptr)) {
+    error = "links: " + error;
+    return false;
+  }
+  auto impl = std::make_unique<Impl>(options, std::move(identity), std::move(trust));
   try {
     if (!impl->Open(error)) {
       return false;

@@ -19,6 +19,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,6 +55,12 @@ struct FabricNodeOptions {
   std::string listenAddress;
   /// 0: any free port, see LinkPort().
   std::uint16_t linkPort = 0;
+  /// Links under TLS 1.3: this node proves itself by `linkIdentity` and trusts the others by `linkTrust`
+  /// (platform/tls/tls_context.h, ForServer and ForClient). A peer that speaks no TLS is refused, on either
+  /// side. Off: all links are plain, and a peer that wants TLS is refused.
+  bool linkTls = false;
+  std::map<std::string, const std::string> linkIdentity;
+  std::map<std::string, const std::string> linkTrust;
   /// Null: no other node is known, and its objects cannot be reached from here.
   NodeDirectory directory;
   /// Null: silent.

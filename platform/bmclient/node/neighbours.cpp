@@ -1,7 +1,5 @@
 #include "platform/bmclient/node/neighbours.h"
 
-#include "platform/bmclient/wire/sockets.h"
-
 namespace vyn::bm {
 
 namespace {
@@ -21,9 +19,8 @@ std::shared_ptr<RemoteNode> Neighbours::Find(std::uint16_t nodeId) {
   if (known.node == nullptr || known.address.host != address.host || known.address.port != address.port) {
     known.address = address;
     known.node = std::make_shared<RemoteNode>(
-        [address](Deadline deadline) {
-          int error = 0;
-          return ConnectToLink(address.host, address.port, deadline, error);
+        [address, security = mSecurity](Deadline deadline, int& result) {
+          return ConnectLink(address.host, address.port, security, deadline, result);
         },
         PeerRole::kNode, nodeId, Timeouts{kConnectTimeout, kForwardTimeout});
   }

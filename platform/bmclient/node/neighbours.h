@@ -3,6 +3,7 @@
 // The other nodes of the fabric, as the directory knows them. Threads: any.
 
 #include "platform/bmclient/node/fabric_node.h"
+#include "platform/bmclient/wire/link.h"
 #include "platform/bmclient/wire/remote_node.h"
 
 #include <map>
@@ -13,7 +14,8 @@ namespace vyn::bm {
 
 class Neighbours {
  public:
-  explicit Neighbours(NodeDirectory directory) : mDirectory(std::move(directory)) {}
+  Neighbours(NodeDirectory directory, LinkSecurity security)
+      : mDirectory(std::move(directory)), mSecurity(std::move(security)) {}
 
   /// Returns: the node, whether it can be reached or not; null when the directory does not know it.
   std::shared_ptr<RemoteNode> Find(std::uint16_t nodeId);
@@ -25,6 +27,7 @@ class Neighbours {
   };
 
   const NodeDirectory mDirectory;
+  const LinkSecurity mSecurity;
   std::mutex mMutex;  // guards mKnown; not held while the directory is asked
   std::map<std::uint16_t, Known> mKnown;
 };

@@ -69,9 +69,10 @@ int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
       return 0;
     }
   }
-  auto stream = mConnect(After(mTimeouts.connect));
+  int result = kBmUnconnected;
+  auto stream = mConnect(After(mTimeouts.connect), result);
   if (stream == nullptr) {
-    return kBmUnconnected;
+    return result;
   }
   channel = std::make_unique<Channel>(std::move(stream));
   return Hello(*channel);

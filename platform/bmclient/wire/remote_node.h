@@ -29,8 +29,8 @@ struct Timeouts {
 
 class RemoteNode {
  public:
-  /// Makes a connected stream, or null.
-  using Connect = std::function<std::unique_ptr<ByteStream>(Deadline deadline)>;
+  /// Makes a connected stream, or null. \param result of a failure; kBmUnconnected unless it is told.
+  using Connect = std::function<std::unique_ptr<ByteStream>(Deadline deadline, int& result)>;
 
   using Progress = Channel::Progress;
 

@@ -22,10 +22,10 @@ class SocketStream : public ByteStream {
   void Shutdown() override;
 
   int Socket() const { return mSocket.Get(); }
+  /// Waits until the socket is ready for `events` of poll().
+  IoStatus Wait(short events, Deadline deadline);
 
  private:
-  /// Waits until the socket is ready for `events`.
-  IoStatus Wait(short events, Deadline deadline);
   long ReceiveWithDescriptor(void* buffer, std::size_t room);
 
   FileDescriptor mSocket;

@@ -4,6 +4,7 @@
 #include "common/util/input_check.h"
 #include "common/util/logging.h"
 #include "tessel/sdk/big_memory/base/big_memory_client_api.h"
+#include "tessel/sdk/big_memory/base/link_security.h"
 #include "vyn/big_memory.h"
 
 #include <atomic>
@@ -40,6 +41,7 @@ unsigned int BringUp(const char* home, int clientFlag) {
   if (!BigMemoryClientApi::Open(error)) {
     return VYN_FAIL(VYN_ERR_BM_INIT, "Failed to initialize mf bm client with error: " << error);
   }
+  vyn::tessel::SecureLinks(home);
   if (BigMemoryClientApi::apiBmInit(home, clientFlag) != 0) {
     return VYN_FAIL(VYN_ERR_BM_UNAVAILABLE, "Call BM_Init failed");
   }

@@ -2,6 +2,7 @@
 
 #include "platform/bmclient/wire/names.h"
 #include "support/fabric.h"
+#include "support/link_tls.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -26,30 +27,40 @@ std::string Text(std::size_t length, unsigned seed = 0) {
   return text;
 }
 
-/// The ways to an object: through the file of the own node, through the own node to another one, over a link.
-enum class Way { kOwnNode, kForwarded, kLink };
+/// The ways to an object: through the file of the own node, through the own node to another one, over a link, over a
+/// link under TLS.
+enum class Way { kOwnNode, kForwarded, kLink, kTlsLink };
 
 class ClientTest : public testing::TestWithParam<Way> {
  protected:
   ClientTest() {
     std::string error;
-    EXPECT_TRUE(mFar.Start(mFarPlace.Options(), error)) << error;
+    FabricNodeOptions far = mFarPlace.Options();
+    tls::ClientSetting links;
+    if (GetParam() == Way::kTlsLink) {
+      mTls = std::make_unique<test::LinkTls>();
+      mTls->Use(far);
+      links = {true, mTls->Trust(), nullptr};
+    }
+    EXPECT_TRUE(mFar.Start(far, error)) << error;
     FabricNodeOptions options = mNearPlace.Options();
     options.directory = [this](std::uint16_t nodeId, NodeAddress& address) {
       address = {"127.0.0.1", mFar.LinkPort()};
       return nodeId == 2;
     };
     EXPECT_TRUE(mNear.Start(options, error)) << error;
-    EXPECT_EQ(mClient.Initialize(mNearPlace.Home().c_str(), GetParam() == Way::kLink ? 1 : 0), 0);
-    if (GetParam() == Way::kLink) {
+    EXPECT_EQ(mClient.Initialize(mNearPlace.Home().c_str(), Outside() ? 1 : 0, links), 0);
+    if (Outside()) {
       EXPECT_EQ(mClient.CreateLink(2, "127.0.0.1", mFar.LinkPort()), 0);
     }
     EXPECT_EQ(mClient.CreateNamespace(mNode, "app-1", "secret"), 0);
   }
 
+  static bool Outside() { return GetParam() == Way::kLink || GetParam() == Way::kTlsLink; }
   FabricNode& Owner() { return mNode == 1 ? mNear : mFar; }
 
   const std::uint16_t mNode = GetParam() == Way::kOwnNode ? 1 : 2;
+  std::unique_ptr<test::LinkTls> mTls;
   FabricPlace mNearPlace{1};
   FabricPlace mFarPlace{2};
   FabricNode mFar;
@@ -59,12 +70,12 @@ class ClientTest : public testing::TestWithParam<Way> {
 };
 
 std::string NameOf(const testing::TestParamInfo<Way>& way) {
-  static const char* const gNames[] = {"OwnNode", "Forwarded", "Link"};
+  static const char* const gNames[] = {"OwnNode", "Forwarded", "Link", "TlsLink"};
   return gNames[static_cast<int>(way.param)];
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, ClientTest, testing::Values(Way::kOwnNode, Way::kForwarded, Way::kLink),
-                         NameOf);
+INSTANTIATE_TEST_SUITE_P(Ways, ClientTest,
+                         testing::Values(Way::kOwnNode, Way::kForwarded, Way::kLink, Way::kTlsLink), NameOf);
 
 TEST_P(ClientTest, AnObjectKeepsWhatIsWrittenAndItsIdTellsTheOwner) {
   const std::string bytes = Text((3U << 20U) + 12345);  // several chunks, the last one odd
@@ -199,7 +210,7 @@ TEST_P(ClientTest, TenantsDoNotReachEachOther) {
     EXPECT_EQ(mClient.Expand(&context, 200), one.expected);
     EXPECT_EQ(mClient.Free(&context), one.expected);
     EXPECT_EQ(mClient.FreeBatch(pointers, 1, one.tenant.ns.c_str(), one.tenant.token.c_str()), one.expected);
-    if (GetParam() != Way::kLink) {
+    if (!Outside()) {
       void* address = nullptr;
       EXPECT_EQ(mClient.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address), one.expected);
     }
@@ -236,7 +247,7 @@ TEST_P(ClientTest, SwapInTakesAPartOfAFileThatThisProcessOpens) {
       {{-1, 0, file.c_str(), "r", 0, size}, size - 1, kBmLocalError},
       {{-1, 0, "/no/such/file", "r", 0, 1}, size, kBmLocalError},
       {{-1, 0, folder.Path().c_str(), "r", 0, 1}, size, kBmLocalError},
-      {{GetParam() == Way::kLink ? -1 : 1, 0, file.c_str(), "r", 0, 10}, size, 0},
+      {{Outside() ? -1 : 1, 0, file.c_str(), "r", 0, 10}, size, 0},
   };
   for (const auto& one : cases) {
     ASSERT_EQ(mClient.SwapIn(&one.file, &block, one.length), one.expected)
@@ -245,7 +256,7 @@ TEST_P(ClientTest, SwapInTakesAPartOfAFileThatThisProcessOpens) {
       EXPECT_EQ(mTenant.Read(id, 0, one.file.length), bytes.substr(one.file.offset, one.file.length));
     }
   }
-  if (GetParam() != Way::kLink) {
+  if (!Outside()) {
     const BmFileRecord elsewhere{7, 0, file.c_str(), "r", 0, 10};
     EXPECT_EQ(mClient.SwapIn(&elsewhere, &block, size), kBmLocalError);
   }
@@ -282,7 +293,7 @@ TEST_P(ClientTest, GatherLaysPiecesBehindEachOther) {
   const Tenant::Context made(mTenant);
   ASSERT_EQ(gather(list, kGatherNew, &made), 0);
   EXPECT_EQ(mTenant.Read(made.mId.c_str(), 0, expected.size()), expected);
-  EXPECT_EQ(OwnerOf(made.mId), GetParam() == Way::kLink ? 2 : 1);
+  EXPECT_EQ(OwnerOf(made.mId), Outside() ? 2 : 1);
 
   const Tenant::Context room(mTenant, mTenant.Allocate(mNode, expected.size() + 1));
   ASSERT_EQ(gather(list, kGatherExisting, &room), 0);
@@ -327,7 +338,7 @@ TEST_P(ClientTest, RefusesWhatMakesNoSense) {
   EXPECT_EQ(mTenant.Allocate(9, 1), std::to_string(kBmUnconnected));
   EXPECT_EQ(mTenant.Allocate(mNode, 1ULL << 40U), std::to_string(kBmNotEnoughCapacity));
   EXPECT_EQ(mTenant.Allocate(mNode, ~0ULL), std::to_string(kBmNotEnoughCapacity));
-  if (GetParam() != Way::kLink) {
+  if (!Outside()) {
     EXPECT_EQ(mClient.Map(&good, 0, 1, &address), kBmLocalError);
     EXPECT_EQ(mClient.Map(&good, 7, 1, &address), kBmLocalError);
     EXPECT_EQ(mClient.Map(&good, 3, 2, &address), kBmLocalError);

@@ -1,0 +1,60 @@
+#pragma once
+
+// Links under TLS for tests: certificates of a run, options of a node, settings of a client.
+
+#include "platform/bmclient/node/fabric_node.h"
+#include "platform/openssl_dl/openssl_dl.h"
+#include "platform/tls/client_setting.h"
+#include "support/certificates.h"
+
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace vyn::test {
+
+class LinkTls {
+ public:
+  LinkTls() {
+    if (SetOpensslDLopenLibPath("libssl.so.3", "libcrypto.so.3") != OPENSSL_DL_OK) {
+      throw std::runtime_error(OpensslDLGetLastMessage());
+    }
+  }
+
+  /// Turns TLS on in a node's options. \param authority what it trusts the other nodes by.
+  void Use(bm::FabricNodeOptions& options, const std::string& certificate = "server",
+           const std::string& authority = "ca.pem") const {
+    options.linkTls = true;
+    options.linkIdentity = {{"tls.cert.path", mFiles / (certificate + ".pem")},
+                            {"tls.key.path", mFiles / (certificate + ".key")}};
+    options.linkTrust = Trust(authority);
+  }
+  tls::TlsContext::SecurityMap Trust(const std::string& authority = "ca.pem") const {
+    return {{"tls.ca.cert.path", mFiles / authority}};
+  }
+  std::string File(const std::string& name) const { return mFiles / name; }
+
+ private:
+  Certificates mFiles;
+};
+
+/// Lines that any thread may add.
+class Lines {
+ public:
+  void Add(const std::string& line) {
+    std::lock_guard lock(mMutex);
+    mText += line + "\n";
+  }
+  /// Takes what has come so far.
+  std::string Take() {
+    std::lock_guard lock(mMutex);
+    return std::exchange(mText, "");
+  }
+
+ private:
+  std::mutex mMutex;  // guards the text
+  std::string mText;
+};
+
+}  // namespace vyn::test
