@@ -75,6 +75,8 @@ extern "C" {
 /// closed, so that the next call starts afresh.
 /// \param home the home text handed to the library; not null, copied.
 /// \param clientFlag 0 on a node of the fabric, 1 outside it.
+/// Links are under TLS when the process's configuration says so (vyn.tessel.rpc.enableTLS); a process without one
+/// takes conf/vyn.conf of `home`.
 /// \return 0; 2080003; 2100021, also when another thread's attempt does not end within a minute; 2000057 for a
 ///         null home.
 std::uint32_t BmInitialize(const char* home, int clientFlag);

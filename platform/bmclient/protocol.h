@@ -10,7 +10,8 @@
 //            reach is decided by the namespace and the token of each request. The broker hands out file
 //            descriptors, and forwards what concerns another node's objects.
 //   Link     A TCP port, for processes outside the fabric and for other nodes. Serves only the node's own
-//            objects: a link forwards nothing.
+//            objects: a link forwards nothing. Plain or under TLS 1.3, as the node is set; a peer that speaks
+//            the other way has a hello's answer with kBmRemoteProtocol, in a plain frame, and is closed.
 //
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
 // the request's operation and sequence number. Up to kPipelineDepth requests may be under way on a
@@ -54,7 +55,8 @@ static_assert(std::endian::native == std::endian::little, "frames are written as
 //   kBmRemoteFailed            the remote node failed in its own work
 //   kBmRemoteUnreachable       the remote node could not reach another one that the call needs
 //   kBmRemoteProtocol          the remote side answered what no fabric node answers, or is another node than
-//                              the one called
+//                              the one called; a link could not be secured: one side without TLS, a
+//                              certificate that is not trusted
 inline constexpr int kBmRemoteFailed = kBmRemoteErrorA;
 inline constexpr int kBmRemoteUnreachable = kBmRemoteErrorB;
 inline constexpr int kBmRemoteProtocol = kBmRemoteErrorC;

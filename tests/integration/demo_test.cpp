@@ -58,7 +58,7 @@ TEST_F(DemoTest, EveryExecutorReadsTheFile) { ExpectEqual("--executors 2", 2); }
 
 TEST_F(DemoTest, EveryExecutorReadsTheFileOverTls) { ExpectEqual("--executors 2 --tls", 2); }
 
-TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodes) {
+TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "network namespaces need root";
   }
@@ -66,7 +66,7 @@ TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodes) {
     GTEST_SKIP() << "network namespaces cannot be made here";
   }
   RunCommand("ip netns delete vyn-probe-" + std::to_string(getpid()));
-  ExpectEqual("--outside", 2);
+  ExpectEqual("--outside --tls", 2);
 }
 
 TEST_F(DemoTest, AnInterruptLeavesNothing) {

@@ -412,7 +412,7 @@ def main():
     parser.add_argument("--executors", type=int, default=4, help="how many executors (default 4; one a node with --outside)")
     parser.add_argument("--block-size", type=size, default=4 << 20, metavar="SIZE", help="default 4M")
     parser.add_argument("--outside", action="store_true", help="a driver outside the fabric and two nodes (root)")
-    parser.add_argument("--tls", action="store_true", help="TLS 1.3 between clients and services")
+    parser.add_argument("--tls", action="store_true", help="TLS 1.3 between clients and services, and on the links")
     parser.add_argument("--keep", action="store_true", help="keep logs and pools")
     parser.add_argument("--stage", default=os.path.join(os.getcwd(), "build"), help=argparse.SUPPRESS)
     options = parser.parse_args()

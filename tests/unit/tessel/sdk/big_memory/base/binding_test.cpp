@@ -1,7 +1,9 @@
 #include "common/util/clock.h"
+#include "platform/tls/client_setting.h"
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
+#include "support/temp_dir.h"
 #include "tessel/sdk/big_memory/base/big_memory_client_api.h"
 #include "vyn/big_memory.h"
 #include "vyn/status.h"
@@ -49,6 +51,35 @@ TEST(BmBinding, FirstLazyInitialisationHasEmptyHomeAndLaterOnesTheSavedOne) {
   // Later cases of this process find the saved values of a fresh one.
   BmUninitialize();
   EXPECT_EQ(BmInitialize("", 0), 0U);
+}
+
+TEST(BmBinding, SaysHowLinksAreSecuredBeforeTheLibraryIsInitialised) {
+  ScriptedBmClient library;
+  const struct {
+    const char* conf;  // null: no file
+    bool enabled;
+    std::string authority;
+  } cases[] = {
+      {nullptr, false, ""},
+      {"vyn.tessel.rpc.enableTLS=true\nvyn.tessel.rpc.tls.sdk.ca.cert.path=/sdk.pem\n", true, "/sdk.pem"},
+      {nullptr, true, "/sdk.pem"},  // stays as it was
+      {"vyn.tessel.rpc.enableTLS=false\n", false, ""},
+      {"no.such.key=1\n", true, ""},  // without trust no link can be made
+      {"vyn.tessel.rpc.tls.ca.cert.path=/service.pem\n", true, ""},
+  };
+  for (const auto& one : cases) {
+    const vyn::test::TempDir home;
+    if (one.conf != nullptr) {
+      home.Write("conf/vyn.conf", one.conf);
+    }
+    vyn::tls::ClientSetting seen;
+    library.script.Expect("BM_Init", {{0, 0, [&] { seen = vyn::tls::GetClientSetting(); }}});
+    ASSERT_EQ(BmInitialize(home.Path().c_str(), 1), 0U);
+    EXPECT_EQ(seen.enabled, one.enabled);
+    const auto authority = seen.security.find("tls.ca.cert.path");
+    EXPECT_EQ(authority == seen.security.end() ? "" : authority->second, one.authority);
+    BmUninitialize();
+  }
 }
 
 TEST(BmBinding, WithoutALibraryFailsAndTriesAgainLater) {
