@@ -1,5 +1,6 @@
 #include "services/metadata/fabric_view.h"
 
+#include "common/util/clock.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
@@ -59,7 +60,23 @@ void FabricView::Run() {
   }
 }
 
+bool FabricView::RefreshOlderThan(std::chrono::milliseconds age) {
+  const auto asked = common::SteadyNow();
+  std::lock_guard refreshing(mRefreshing);
+  {
+    std::lock_guard lock(mMutex);
+    if (mRead >= asked) {
+      return true;  // read while this one waited
+    }
+    if (asked - mRead < age) {
+      return false;
+    }
+  }
+  return Refresh();
+}
+
 bool FabricView::Refresh() {
+  const auto begin = common::SteadyNow();
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   if (adapter == nullptr) {
     return false;
@@ -107,6 +124,7 @@ bool FabricView::Refresh() {
   std::lock_guard lock(mMutex);
   mLive = std::move(live);
   mRegistered = std::move(registered);
+  mRead = begin;
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include "cluster/cluster_zkadapter.h"
 #include "common/util/ref.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -29,6 +30,8 @@ class FabricView {
 
   /// Reads now. Returns: whether ZooKeeper answered; the old view stays otherwise.
   bool Refresh();
+  /// Reads now when the view is older than `age`, one reader at a time. Returns: whether there is a newer view.
+  bool RefreshOlderThan(std::chrono::milliseconds age);
 
   /// The live nodes, by id. capacityA is the size of a node's pool and capacityB what is free of it, both in bytes;
   /// auxValue is its link port.
@@ -39,11 +42,13 @@ class FabricView {
  private:
   void Run();
 
+  std::mutex mRefreshing;  ///< held by RefreshOlderThan, before mMutex
   mutable std::mutex mMutex;
   // Guarded by mMutex.
   std::map<std::uint32_t, cluster::NodeInfo> mLive;
   std::map<std::uint32_t, std::string> mRegistered;
   bool mStopping = false;
+  std::chrono::steady_clock::time_point mRead;  ///< when the view was begun to be read
   std::condition_variable mWake;
   std::thread mThread;
 };

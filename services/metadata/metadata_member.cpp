@@ -1,11 +1,13 @@
 #include "services/metadata/metadata_member.h"
 
+#include "common/util/clock.h"
 #include "common/util/log.h"
 #include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 
 #include <chrono>
+#include <utility>
 
 namespace vyn::services {
 
@@ -16,6 +18,8 @@ using common::MetaNodeRole;
 
 /// How often the member looks at the leader znode.
 constexpr auto kPeriod = std::chrono::milliseconds(200);
+/// After a leadership that could not serve, others get their chance.
+constexpr auto kClaimPause = std::chrono::seconds(2);
 
 std::string OwnFollowerPath(const std::string& address) {
   return ClusterZKAdapter::mMetaFollowerPath + "/" + address;
@@ -81,11 +85,9 @@ void MetadataMember::Run() {
   // The claim goes first, so that a successor can win while the last calls still get their answers; their writes are
   // refused once it has.
   ClusterZKAdapter::isRunning = false;
-  Stat stat{};
-  if (zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat) == ZOK && zookeeper::IsOwn(stat)) {
-    ClusterZKAdapter::ZKTryDeleteMetaElectionLeader();
-  }
+  GiveUpClaim();
   EndLeading();
+  Stat stat{};
   if (zookeeper::Exists(OwnFollowerPath(mOptions.nodeAddress), &stat) == ZOK && zookeeper::IsOwn(stat)) {
     ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(OwnFollowerPath(mOptions.nodeAddress));
   }
@@ -98,20 +100,27 @@ void MetadataMember::Step() {
   }
   Stat stat{};
   const int result = zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat);
+  const auto now = common::SteadyNow();
   if (result == ZNONODE) {
+    mLastAnswer = now;
     EndLeading();
-    if (mElectable) {
-      // What a round says of its further steps does not matter here: the next look shows who leads.
+    if (mElectable && now >= mNextClaim) {
+      // Whatever a round says of its steps, the znode tells who leads.
       static_cast<void>(ClusterZKAdapter::ZKElectionOperate(mRecord));
-      if (mRecord->mMetaNodeRole.load() == MetaNodeRole::LEADER) {
+      if (zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat) == ZOK && zookeeper::IsOwn(stat)) {
         BeginLeading();
       }
     }
     return;
   }
   if (result != ZOK) {
-    return;  // not connected: a leader keeps serving until its session is known to have gone; its writes are checked
+    if (mService != nullptr && now - mLastAnswer > std::chrono::milliseconds(mOptions.sessionTimeout) / 2) {
+      VYN_LOG_WARN("ZooKeeper has not answered for half of the session time-out, this node stops to lead");
+      EndLeading();
+    }
+    return;
   }
+  mLastAnswer = now;
   if (zookeeper::IsOwn(stat)) {
     BeginLeading();
   } else {
@@ -208,20 +217,35 @@ void MetadataMember::BeginLeading() {
   if (mService != nullptr) {
     return;
   }
+  std::string before;
   {
-    // A claim whose reply was lost: the round counted it as lost, and the znode is ours all the same.
     std::unique_lock lock(mRecord->mLeaderLock);
-    mRecord->mLeaderAddress = mOptions.nodeAddress;
+    before = std::exchange(mRecord->mLeaderAddress, mOptions.nodeAddress);
   }
-  mRecord->mMetaNodeRole.store(MetaNodeRole::LEADER);
+  if (mRecord->mMetaNodeRole.exchange(MetaNodeRole::LEADER) != MetaNodeRole::LEADER) {
+    // A claim whose reply was lost: the round counted it as lost and left these steps out.
+    if (!before.empty() && before != mOptions.nodeAddress) {
+      static_cast<void>(ClusterZKAdapter::ZKSetStatus(before, common::META_NODE_STATUS_BROKEN));
+    }
+    static_cast<void>(
+        ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(OwnFollowerPath(mOptions.nodeAddress)));
+  }
   auto service = std::make_unique<MetadataService>(mOptions.service, mView);
   if (Failed(service->Start())) {
     VYN_LOG_ERROR("This node won the election and cannot serve, it gives the leadership up");
-    static_cast<void>(ClusterZKAdapter::ZKTryDeleteMetaElectionLeader());
+    mNextClaim = common::SteadyNow() + kClaimPause;
+    GiveUpClaim();
     return;
   }
   mService = std::move(service);
   mLeading.store(true, std::memory_order_release);
+}
+
+void MetadataMember::GiveUpClaim() {
+  Stat stat{};
+  if (zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat) == ZOK && zookeeper::IsOwn(stat)) {
+    static_cast<void>(ClusterZKAdapter::ZKTryDeleteMetaElectionLeader());
+  }
 }
 
 void MetadataMember::EndLeading() {

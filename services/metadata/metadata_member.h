@@ -8,6 +8,8 @@
 //   the leader znode is our own           serve (also when the reply to our claim was lost on the way)
 //   another node leads                    follow: announce ourselves, keep our status, serve nothing
 //   the session has expired               stop serving, connect again, begin anew
+//   ZooKeeper does not answer             go on, but stop serving before the session can have expired: a successor that
+//                                         this node cannot hear of would count the heartbeats that arrive here as silence
 //
 // The role and the leader's address stand in MetaNodeInfo, as everywhere.
 
@@ -16,6 +18,7 @@
 #include "services/metadata/metadata_service.h"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -65,9 +68,11 @@ class MetadataMember {
   void Follow();
   void KeepOwnStatus();
   void RegisterWatches();
+  /// Requires: the leader znode is this session's.
   void BeginLeading();
   void EndLeading();
-  bool Electable() const { return mElectable; }
+  /// Deletes the leader znode if it is this session's.
+  void GiveUpClaim();
 
   const MetadataMemberOptions mOptions;
   FabricView mView;
@@ -75,6 +80,10 @@ class MetadataMember {
   common::Ref<common::MetaNodeInfo> mRecord;
   bool mElectable = false;
   bool mWatching = false;
+  /// Of ZooKeeper, in Step.
+  std::chrono::steady_clock::time_point mLastAnswer;
+  /// Before it a claim is not tried again: serving failed.
+  std::chrono::steady_clock::time_point mNextClaim;
   std::unique_ptr<MetadataService> mService;
   std::atomic<bool> mLeading{false};
 

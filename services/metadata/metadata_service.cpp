@@ -1,6 +1,7 @@
 #include "services/metadata/metadata_service.h"
 
 #include "common/message/heart_beat_message.h"
+#include "common/util/clock.h"
 #include "common/util/log.h"
 #include "common/util/logging.h"
 #include "services/common/rpc_handlers.h"
@@ -22,6 +23,10 @@ using namespace tessel;  // the messages
 
 /// How often silent applications are looked for.
 constexpr auto kSilencePeriod = std::chrono::milliseconds(500);
+/// A look that comes later than this by itself has been kept from running.
+constexpr auto kStandstill = std::chrono::seconds(1);
+/// How old the view of the fabric may be when it does not show who is asked for.
+constexpr auto kViewAge = std::chrono::milliseconds(100);
 /// A big-memory id, without the padding that a driver outside the fabric sends behind it.
 constexpr std::size_t kBmIdLength = 60;
 
@@ -115,7 +120,15 @@ std::uint32_t MetadataService::WhenReady(Work work) {
       mDeposed.store(true, std::memory_order_release);
     }
   }
-  return status;
+  return status == MetadataStore::kStatusUnanswered ? MetadataStore::kStatusDeposed : status;
+}
+
+std::vector<cluster::NodeInfo> MetadataService::Select(const std::vector<std::string>& candidates, bool one) {
+  auto nodes = SelectNodes(mView.Live(), candidates, one);
+  if (nodes.empty() && mView.RefreshOlderThan(kViewAge)) {
+    nodes = SelectNodes(mView.Live(), candidates, one);  // a node that has just come
+  }
+  return nodes;
 }
 
 void MetadataService::RegisterOperations() {
@@ -143,14 +156,14 @@ void MetadataService::RegisterOperations() {
           return VYN_OK;
         });
       });
-  ServeWithoutReply<HeartBeatMessage>(mServer, static_cast<std::uint16_t>(ShuffleMeta::HEART_BEAT),
-                                      "HEART_BEAT", [this](HeartBeatMessage& request, const std::string&) {
-                                        return WhenReady([&]() -> std::uint32_t {
-                                          // A farewell is the last sign of life of its process: silence counts from it.
-                                          return IsName(request.ns) ? mState.HeartBeat(request.ns)
-                                                                    : kStatusInvalidRequest;
-                                        });
-                                      });
+  ServeWithoutReply<HeartBeatMessage>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::HEART_BEAT), "HEART_BEAT",
+      [this](HeartBeatMessage& request, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          // A farewell is the last sign of life of its process: silence counts from it.
+          return IsName(request.ns) ? mState.HeartBeat(request.ns, request.isAlive) : kStatusInvalidRequest;
+        });
+      });
 }
 
 void MetadataService::RegisterVariableOperations() {
@@ -206,7 +219,7 @@ void MetadataService::RegisterNodeOperations() {
       "BROADCAST_REMOTE_NODE_GET",
       [this](BroadcastRemoteNodeReq& request, BroadcastRemoteNodeRsp& response, const std::string&) {
         return WhenReady([&] {
-          for (const auto& node : SelectNodes(mView.Live(), request.candidateNodes, request.selectFlag)) {
+          for (const auto& node : Select(request.candidateNodes, request.selectFlag)) {
             response.selectedNodes.push_back(node.ip + ":" + std::to_string(node.auxValue));
             response.nodeIds.push_back(static_cast<std::uint16_t>(node.nodeId));
             response.hostNames.push_back(node.hostName);
@@ -221,7 +234,7 @@ void MetadataService::RegisterNodeOperations() {
           if (request.candidateNodes.empty()) {
             return kStatusInvalidRequest;
           }
-          const auto nodes = SelectNodes(mView.Live(), request.candidateNodes, false);
+          const auto nodes = Select(request.candidateNodes, false);
           response.isMfNode = !nodes.empty();
           if (response.isMfNode) {
             response.nodeId = nodes.front().nodeId;
@@ -264,13 +277,19 @@ void MetadataService::RegisterNodeOperations() {
 }
 
 void MetadataService::WatchSilence() {
-  for (;;) {
+  for (auto last = common::SteadyNow();;) {
     {
       std::unique_lock lock(mMutex);
       if (mChanged.wait_for(lock, kSilencePeriod, [this] { return mStopping; })) {
         return;
       }
     }
+    // Heartbeats that came while this process stood still wait behind this look.
+    const auto now = common::SteadyNow();
+    if (now - last > kSilencePeriod + kStandstill) {
+      mState.Forgive(now - last);
+    }
+    last = now;
     for (const std::string& application : mState.Silent(mOptions.applicationTimeout)) {
       bool removed = false;
       const std::uint32_t status = mState.Expire(application, mOptions.applicationTimeout, removed);

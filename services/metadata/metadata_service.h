@@ -18,6 +18,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace vyn::services {
 
@@ -58,6 +59,8 @@ class MetadataService {
   /// Runs `work` once the records are there and notes when it tells of a deposition.
   template <typename Work>
   std::uint32_t WhenReady(Work work);
+  /// SelectNodes on a view that is fresh enough to show a node that has just come.
+  std::vector<cluster::NodeInfo> Select(const std::vector<std::string>& candidates, bool one);
   void WatchSilence();
 
   const MetadataServiceOptions mOptions;

@@ -5,10 +5,14 @@
 #include "vyn/status.h"
 
 #include <functional>
+#include <unordered_set>
 
 namespace vyn::services {
 
 namespace {
+
+/// After this time no node remembers a deleted variable any more, whatever became of the entries that tell it.
+constexpr auto kDeletedMemory = std::chrono::seconds(60);
 
 bool IsSilent(const Application& application, std::chrono::milliseconds timeout) {
   return application.heartbeat && common::SteadyNow() - application.lastBeat > timeout;
@@ -71,6 +75,7 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   if (blockNum > MetadataStore::kMaxBlocks) {
     return kStatusTooLarge;
   }
+  AwaitForgotten(application, id);
   std::lock_guard write(WriteLock(application));
   Variable variable;
   if (Find(application, id, variable)) {
@@ -95,12 +100,29 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
   if (!Find(application, id, variable)) {
     return VYN_OK;  // gone already
   }
-  if (const std::uint32_t status = mStore.RemoveVariable(application, variable); Failed(status)) {
+  std::vector<std::string> entries;
+  if (const std::uint32_t status = mStore.RemoveVariable(application, variable, entries); Failed(status)) {
     return status;
   }
+  const auto now = common::SteadyNow();
   std::unique_lock lock(mMutex);
   mApplications[application].variables.erase(id);
+  std::erase_if(mDeleted, [now](const auto& deleted) { return now - deleted.second.when > kDeletedMemory; });
+  if (!entries.empty()) {
+    mDeleted[{application, id}] = {now, std::move(entries)};
+  }
   return VYN_OK;
+}
+
+void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t id) {
+  std::vector<std::string> entries;
+  {
+    std::unique_lock lock(mMutex);
+    if (auto deleted = mDeleted.extract({application, id})) {
+      entries = std::move(deleted.mapped().entries);
+    }
+  }
+  mStore.AwaitForgotten(entries);
 }
 
 std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variable variable) {
@@ -143,12 +165,12 @@ std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
   if (variable.ready && variable.nodeId != info.nodeId) {
     return kStatusInvalidRequest;  // all blocks of a variable lie on one node
   }
+  if (info.bmIds.size() > variable.blockNum) {
+    return kStatusInvalidRequest;
+  }
+  std::unordered_set<std::string> known(variable.bmIds.begin(), variable.bmIds.end());
   for (std::size_t i = 0; i < info.bmIds.size(); ++i) {
-    bool known = false;
-    for (const std::string& bmId : variable.bmIds) {
-      known = known || bmId == info.bmIds[i];
-    }
-    if (!known) {
+    if (known.insert(info.bmIds[i]).second) {
       variable.bmIds.push_back(info.bmIds[i]);
       variable.sizes.push_back(info.sizes[i]);
     }
@@ -221,7 +243,7 @@ std::uint32_t MetadataState::Remove(const std::string& application) {
   return VYN_OK;
 }
 
-std::uint32_t MetadataState::HeartBeat(const std::string& application) {
+std::uint32_t MetadataState::HeartBeat(const std::string& application, bool alive) {
   {
     std::unique_lock lock(mMutex);
     const auto app = mApplications.find(application);
@@ -231,6 +253,9 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application) {
     }
   }
   std::lock_guard write(WriteLock(application));
+  if (!alive || !mStore.IsRegistered(application)) {
+    return VYN_OK;
+  }
   if (const std::uint32_t status = EnsureApplication(application); Failed(status)) {
     return status;
   }
@@ -255,11 +280,22 @@ std::vector<std::string> MetadataState::Silent(std::chrono::milliseconds timeout
   return names;
 }
 
-std::vector<std::string> MetadataState::Known(const std::vector<std::string>& applications) const {
+void MetadataState::Forgive(std::chrono::steady_clock::duration gap) {
+  std::unique_lock lock(mMutex);
+  for (auto& [name, application] : mApplications) {
+    application.lastBeat += gap;
+  }
+}
+
+std::vector<std::string> MetadataState::Known(const std::vector<std::string>& applications) {
   std::vector<std::string> known;
-  std::shared_lock lock(mMutex);
   for (const std::string& name : applications) {
-    if (mApplications.count(name) != 0) {
+    bool here = false;
+    {
+      std::shared_lock lock(mMutex);
+      here = mApplications.count(name) != 0;
+    }
+    if (here || mStore.IsRegistered(name)) {
       known.push_back(name);
     }
   }

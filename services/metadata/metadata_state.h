@@ -18,6 +18,7 @@
 #include <mutex>
 #include <shared_mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vyn::services {
@@ -39,13 +40,17 @@ class MetadataState {
                          std::string& bmId) const;
   std::uint32_t RemoveApplication(const std::string& application);
 
-  std::uint32_t HeartBeat(const std::string& application);
+  /// \param alive false: its process says farewell. Only an application that is registered counts: a late heartbeat does not
+  /// bring back one that has ended.
+  std::uint32_t HeartBeat(const std::string& application, bool alive = true);
+  /// Moves every silence: the service itself stood still for `gap` and cannot know who was silent meanwhile.
+  void Forgive(std::chrono::steady_clock::duration gap);
   /// Removes it if it is still silent. \param removed receives whether it was. Returns: 0 or a status.
   std::uint32_t Expire(const std::string& application, std::chrono::milliseconds timeout, bool& removed);
   /// Those that sent heartbeats and have been silent for `timeout`.
   std::vector<std::string> Silent(std::chrono::milliseconds timeout) const;
-  /// Those of `applications` that are known.
-  std::vector<std::string> Known(const std::vector<std::string>& applications) const;
+  /// Those of `applications` that are known, or registered at a node.
+  std::vector<std::string> Known(const std::vector<std::string>& applications);
 
  private:
   /// Guards the writes of the applications that share it.
@@ -54,14 +59,22 @@ class MetadataState {
   /// Copies the variable out. Returns: whether it is there.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;
   std::uint32_t WriteBlocks(const std::string& application, Variable variable);
+  /// Waits until no node answers with an earlier variable of this number.
+  void AwaitForgotten(const std::string& application, std::uint32_t id);
   /// Requires: the application's write lock is held.
   std::uint32_t Remove(const std::string& application);
 
   MetadataStore mStore;
   std::array<std::mutex, 64> mWriteLocks;
-  /// Guards mApplications.
+  /// Guards mApplications and mDeleted.
   mutable std::shared_mutex mMutex;
   std::map<std::string, Application> mApplications;
+  /// What tells the nodes of a deleted variable, for who makes its number anew.
+  struct Deleted {
+    std::chrono::steady_clock::time_point when;
+    std::vector<std::string> entries;
+  };
+  std::map<std::pair<std::string, std::uint32_t>, Deleted> mDeleted;
 };
 
 }  // namespace vyn::services

@@ -1,5 +1,7 @@
 #include "services/metadata/metadata_store.h"
 
+#include "cluster/cluster_zkadapter.h"
+#include "common/util/clock.h"
 #include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/service_status.h"
@@ -10,7 +12,7 @@
 #include "vyn/status.h"
 
 #include <algorithm>
-#include <future>
+#include <cstring>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -26,18 +28,25 @@ using zookeeper::Transaction;
 constexpr unsigned int kLoaders = 8;
 /// Records that one transaction deletes.
 constexpr std::size_t kDeleteBatch = 100;
+/// Tries against others that make records where they are deleted.
+constexpr int kDeleteAttempts = 5;
 /// Tries against another leader's raise of the epoch.
 constexpr int kRaiseAttempts = 10;
 
-std::uint32_t StoreFailure(int result, const std::string& what) {
-  VYN_LOG_ERROR("Failed to " << what << ", zookeeper get error: " << zookeeper::ResultText(result));
-  return kStatusStore;
-}
+/// How long the nodes have for forgetting a variable, and how often that is looked at.
+constexpr auto kForgetLimit = std::chrono::seconds(5);
+constexpr auto kForgetPause = std::chrono::milliseconds(50);
 
-/// Whether a write with this result may have taken effect all the same.
+/// Whether ZooKeeper did not answer: a write with this result may have taken effect all the same.
 bool IsUncertain(int result) {
   return result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT || result == ZINVALIDSTATE ||
          result == ZSESSIONEXPIRED || result == ZCLOSING;
+}
+
+/// The status for a read that failed.
+std::uint32_t StoreFailure(int result, const std::string& what) {
+  VYN_LOG_ERROR("Failed to " << what << ", zookeeper get error: " << zookeeper::ResultText(result));
+  return IsUncertain(result) ? MetadataStore::kStatusUnanswered : kStatusStore;
 }
 
 /// Records are our own, but anything that can write to ZooKeeper can damage them.
@@ -254,7 +263,7 @@ std::uint32_t MetadataStore::SetBlocks(const std::string& application, Variable&
 }
 
 std::uint32_t MetadataStore::TellNodes(Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
-                                       bool& ownerTold) {
+                                       bool& ownerTold, std::vector<std::string>* entries) {
   std::vector<std::string> nodes;
   if (const int result = zookeeper::Children(kReclaimPath, nodes); result != ZOK) {
     return StoreFailure(result, "list the nodes");
@@ -263,12 +272,41 @@ std::uint32_t MetadataStore::TellNodes(Transaction& transaction, ReclaimEntry en
   for (const std::string& node : nodes) {
     entry.owner = node == std::to_string(owner);
     ownerTold = ownerTold || entry.owner;
-    transaction.Create(std::string(kReclaimPath) + "/" + node + "/" + Unique(), entry.ToText());
+    const std::string path = std::string(kReclaimPath) + "/" + node + "/" + Unique();
+    transaction.Create(path, entry.ToText());
+    if (entries != nullptr) {
+      entries->push_back(path);
+    }
   }
   return VYN_OK;
 }
 
-std::uint32_t MetadataStore::RemoveVariable(const std::string& application, const Variable& variable) {
+void MetadataStore::AwaitForgotten(const std::vector<std::string>& entries) {
+  const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
+  const auto end = common::SteadyNow() + kForgetLimit;
+  for (const std::string& path : entries) {
+    // A node that is down remembers nothing.
+    const std::size_t begin = std::strlen(kReclaimPath) + 1;
+    const std::string node = path.substr(begin, path.find('/', begin) - begin);
+    while (adapter != nullptr && zookeeper::Exists(path) == ZOK &&
+           zookeeper::Exists(adapter->mNodePath + "/" + node) == ZOK) {
+      if (common::SteadyNow() > end) {
+        VYN_LOG_WARN("Node " << node << " has not taken " << path << " yet, it is not waited for any longer");
+        break;
+      }
+      common::SleepFor(kForgetPause);
+    }
+  }
+}
+
+bool MetadataStore::IsRegistered(const std::string& application) {
+  std::string text;
+  return zookeeper::Get(AppPath(application), text) == ZOK &&
+         !Flag(nlohmann::json::parse(text, nullptr, false), kRemovedFlag);
+}
+
+std::uint32_t MetadataStore::RemoveVariable(const std::string& application, const Variable& variable,
+                                            std::vector<std::string>& entries) {
   if (!variable.ready) {
     // Nobody holds blocks of it. Pieces of a list that was never completed go with it.
     return DeleteRecords(variable.path);
@@ -286,7 +324,7 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
                RecordBody(text));
   bool ownerTold = false;
   const ReclaimEntry entry{application, variable.path, variable.id, false};
-  if (const std::uint32_t status = TellNodes(transaction, entry, variable.nodeId, ownerTold);
+  if (const std::uint32_t status = TellNodes(transaction, entry, variable.nodeId, ownerTold, &entries);
       Failed(status)) {
     return status;
   }
@@ -324,6 +362,19 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
 }
 
 std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {
+  // Again when something was made below it meanwhile, as a registration may.
+  std::uint32_t status = kStatusStore;
+  for (int attempt = 0; attempt < kDeleteAttempts; ++attempt) {
+    bool grown = false;
+    status = DeleteRecordsOnce(path, grown);
+    if (!grown) {
+      break;
+    }
+  }
+  return status;
+}
+
+std::uint32_t MetadataStore::DeleteRecordsOnce(const std::string& path, bool& grown) {
   // Batch by batch under the epoch, children first: a successor may already have made an application of this name anew.
   std::vector<std::string> children;
   const int listed = zookeeper::Children(path, children);
@@ -357,6 +408,7 @@ std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {
   if (result == ZOK || result == ZNONODE) {
     return VYN_OK;
   }
+  grown = result == ZNOTEMPTY;
   return StatusOf(result, "delete " + path);
 }
 

@@ -28,6 +28,9 @@ class MetadataStore {
   /// The leadership is over: another leader has taken over, or ZooKeeper did not say what became of a write, so that only
   /// reading everything anew can tell. Clients take it for a lost connection: they look the leader up and try again.
   static const std::uint32_t kStatusDeposed;
+  /// ZooKeeper did not answer a question, and nothing was written. The leadership goes on; to clients it looks like
+  /// kStatusDeposed.
+  static constexpr std::uint32_t kStatusUnanswered = 2140029;
   /// The most blocks that a variable can have: their list fits into one frame of a reply.
   static constexpr std::uint32_t kMaxBlocks = 500000;
 
@@ -42,8 +45,14 @@ class MetadataStore {
   std::uint32_t AddVariable(const std::string& application, Variable& variable);
   /// Writes the blocks, in place of those that were known: all or nothing. Fills `variable.pieces` and `variable.list`.
   std::uint32_t SetBlocks(const std::string& application, Variable& variable);
-  /// The variable goes; its node is told to free the blocks, the others to forget it.
-  std::uint32_t RemoveVariable(const std::string& application, const Variable& variable);
+  /// The variable goes; its node is told to free the blocks, the others to forget it. \param entries receives what tells
+  /// them, see AwaitForgotten.
+  std::uint32_t RemoveVariable(const std::string& application, const Variable& variable,
+                               std::vector<std::string>& entries);
+  /// Waits until every live node has done what `entries` tell it, for a bounded time.
+  void AwaitForgotten(const std::vector<std::string>& entries);
+  /// Whether the application has been registered at a node, or has a record here, and is not being removed.
+  bool IsRegistered(const std::string& application);
   /// The application goes with all its variables; every node is told to free what it holds of it.
   std::uint32_t RemoveApplication(const std::string& application);
 
@@ -56,8 +65,10 @@ class MetadataStore {
   std::uint32_t LoadVariable(const std::string& path, Variable& variable, bool& deleted);
   /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is one.
   std::uint32_t TellNodes(zookeeper::Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
-                          bool& ownerTold);
+                          bool& ownerTold, std::vector<std::string>* entries = nullptr);
   std::uint32_t DeleteRecords(const std::string& path);
+  /// \param grown receives whether something was made below `path` meanwhile.
+  std::uint32_t DeleteRecordsOnce(const std::string& path, bool& grown);
   std::string Unique();
 
   /// Constant after Open.

@@ -15,7 +15,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <set>
+#include <unordered_set>
 
 namespace vyn::services {
 
@@ -69,14 +69,25 @@ void Copy(const BroadcastBlockInfo& from, BroadcastBlockInfo& to) {
   to.nodeId = from.nodeId;
 }
 
-/// The number of the blob in bag `bagId` that is the object `bmId`.
-std::uint64_t BlobNumber(std::uint32_t bagId, const std::string& bmId) {
-  const std::string input = std::to_string(bagId) + "/" + bmId;
+/// What the object `bmId` gives to the number of its blob. Returns: 0 when it cannot be computed.
+std::uint64_t BlobHash(const std::string& bmId) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  std::uint64_t number = 0;
-  EVP_Digest(input.data(), input.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
-  std::memcpy(&number, digest.data(), sizeof(number));
-  return number;
+  std::uint64_t hash = 0;
+  if (EVP_Digest(bmId.data(), bmId.size(), digest.data(), nullptr, EVP_sha256(), nullptr) == 1) {
+    std::memcpy(&hash, digest.data(), sizeof(hash));
+  }
+  return hash;
+}
+
+/// What its bag gives to the number of a blob, which is both, xor.
+std::uint64_t BagHash(std::uint32_t bagId) {
+  return bagId * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: neighbours differ in all bits
+}
+
+/// A name and a token that the pool takes.
+bool CanRegister(const std::string& application, const std::string& token) {
+  return IsName(application) && application.size() <= bm::kMaxNamespaceLength &&
+         token.size() <= bm::kMaxTokenLength;
 }
 
 }  // namespace
@@ -146,7 +157,7 @@ bool NodeServer::IsRegistered(const std::string& application) const {
 }
 
 std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& request, NodeIdResponse& response) {
-  if (!IsName(request.ns)) {
+  if (!CanRegister(request.ns, request.token)) {
     return kStatusInvalidRequest;
   }
   std::uint32_t status = FixToken(request.ns, request.token);
@@ -169,6 +180,9 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
 }
 
 std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request) {
+  if (!IsName(request.ns)) {
+    return kStatusInvalidRequest;  // nor does it go into the audit log
+  }
   const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
   Audit("unregister_application", request.ns, status);
   if (!Failed(status)) {
@@ -256,7 +270,7 @@ std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& re
     return VYN_ERR_NULL_POINTER;
   }
   id->bagId = request.blobNumber + 1U;  // never 0, which no caller takes for an id
-  id->innerId = BlobNumber(id->bagId, bmId);
+  id->innerId = BlobHash(bmId) ^ BagHash(id->bagId);
   response.mId = id;
   response.blobText = bmId;
   return VYN_OK;
@@ -266,9 +280,9 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request) {
   if (const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token)); Failed(status)) {
     return status;
   }
-  std::map<std::uint32_t, std::set<std::uint64_t>> wanted;
+  std::unordered_set<std::uint64_t> wanted;
   for (const auto& id : request.blobIdList) {
-    wanted[id->bagId].insert(id->innerId);
+    wanted.insert(id->innerId ^ BagHash(id->bagId));
   }
   std::vector<bm::ObjectInfo> objects;
   if (const std::uint32_t status = StatusOf(mFabric.Objects(request.ns, objects)); Failed(status)) {
@@ -276,11 +290,8 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request) {
   }
   std::vector<std::string> bmIds;
   for (const bm::ObjectInfo& object : objects) {
-    for (const auto& [bagId, numbers] : wanted) {
-      if (numbers.count(BlobNumber(bagId, object.id)) != 0) {
-        bmIds.push_back(object.id);
-        break;
-      }
+    if (const std::uint64_t hash = BlobHash(object.id); hash != 0 && wanted.count(hash) != 0) {
+      bmIds.push_back(object.id);
     }
   }
   mFabric.FreeBatch(request.ns, bmIds);  // one that is gone already is what the caller wants

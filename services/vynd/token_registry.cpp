@@ -63,50 +63,54 @@ bool Matches(const std::string& record, const std::string& token) {
          CRYPTO_memcmp(expected.data(), actual.data(), actual.size()) == 0;
 }
 
-bool IsBeingRemoved(const std::string& application) {
-  std::string text;
-  if (zookeeper::Get(AppPath(application), text) != ZOK) {
-    return false;
-  }
-  const auto json = nlohmann::json::parse(text, nullptr, false);
-  return json.is_object() && json.contains(kRemovedFlag);
-}
-
 }  // namespace
 
 std::uint32_t FixToken(const std::string& application, const std::string& token) {
-  const std::string path = TokenPath(application);
+  const std::string path = AppPath(application);
   int result = ZNONODE;
   const auto end = common::SteadyNow() + kLimit;
   for (bool first = true; first || common::SteadyNow() < end; first = false) {
     if (!first) {
       common::SleepFor(kPause);
     }
-    if (IsBeingRemoved(application)) {
-      continue;
+    std::string text;
+    Stat stat{};
+    result = zookeeper::Get(path, text, &stat);
+    if (result == ZNONODE) {
+      for (const char* parent : {kVynRoot, kAppsPath}) {
+        static_cast<void>(zookeeper::Ensure(parent));
+      }
+      static_cast<void>(zookeeper::Ensure(path, "{}"));
+      result = zookeeper::Get(path, text, &stat);
     }
-    std::string record;
-    result = zookeeper::Get(path, record);
-    if (result == ZOK) {
-      return Matches(record, token) ? VYN_OK : kStatusWrongToken;
-    }
-    if (result != ZNONODE) {
+    if (result != ZOK) {
       break;
+    }
+    if (const auto json = nlohmann::json::parse(text, nullptr, false);
+        json.is_object() && json.contains(kRemovedFlag)) {
+      continue;  // an earlier application of the name is on its way out
     }
     std::array<unsigned char, kSaltBytes> bytes{};
     if (getentropy(bytes.data(), bytes.size()) != 0) {
       return VYN_ERR_GENERIC;
     }
     const std::string salt = Hex(bytes.data(), bytes.size());
-    for (const std::string& parent : {std::string(kVynRoot), std::string(kAppsPath)}) {
-      static_cast<void>(zookeeper::Ensure(parent));
-    }
-    static_cast<void>(zookeeper::Ensure(AppPath(application), "{}"));
-    result = zookeeper::Create(path, nlohmann::json{{"salt", salt}, {"hash", Hash(salt, token)}}.dump());
+    // The write comes first: it fails when the removal has begun meanwhile, and what is read after it is not older than it.
+    zookeeper::Transaction fix;
+    fix.Check(path, stat.version)
+        .Create(TokenPath(application), nlohmann::json{{"salt", salt}, {"hash", Hash(salt, token)}}.dump());
+    result = fix.Commit();
     if (result == ZOK) {
       return VYN_OK;
     }
-    if (result != ZNODEEXISTS && result != ZNONODE) {
+    std::string record;
+    if (result == ZNODEEXISTS) {
+      result = zookeeper::Get(TokenPath(application), record);
+      if (result == ZOK) {
+        return Matches(record, token) ? VYN_OK : kStatusWrongToken;
+      }
+    }
+    if (result != ZBADVERSION && result != ZNONODE) {
       break;
     }
   }

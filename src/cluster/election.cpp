@@ -40,6 +40,14 @@ std::uint32_t TakeOver(const Ref<MetaNodeInfo>& metaNode) {
   return ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(FollowerPath(metaNode->mNodeAddress));
 }
 
+/// Whether the znode belongs to this process's session.
+bool IsOwn(const std::string& path) {
+  Stat stat{};
+  const std::int64_t session = DoDlZooClientId(g_ZKHandler).client_id;
+  return session != 0 && DoDlZooExists(g_ZKHandler, path.c_str(), 0, &stat) == ZOK &&
+         stat.ephemeralOwner == session;
+}
+
 }  // namespace
 
 std::uint32_t ClusterZKAdapter::ZKTryBecomeMetaElectionLeader(const Ref<MetaNodeInfo>& metaNode,
@@ -161,10 +169,12 @@ std::uint32_t ClusterZKAdapter::ZKWaitAndCreateMetaMutex() {
   const auto passed = [begin] {
     return std::chrono::duration_cast<std::chrono::seconds>(common::SteadyNow() - begin);
   };
+  bool uncertain = false;
   while (passed() <= kMutexWait) {
     const int result = DoDlZooCreate(g_ZKHandler, mMetaMutexPath.c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE,
                                      ZOO_EPHEMERAL, nullptr, 0);
-    if (result == ZOK) {
+    // A mutex whose reply was lost is this session's all the same: it must not wait for itself.
+    if (result == ZOK || (result == ZNODEEXISTS && uncertain && IsOwn(mMetaMutexPath))) {
       VYN_LOG_INFO("Success to get&create metadata zookeeper mutex, start to create meta status");
       break;
     }
@@ -178,6 +188,7 @@ std::uint32_t ClusterZKAdapter::ZKWaitAndCreateMetaMutex() {
     if (result != ZOPERATIONTIMEOUT) {
       return VYN_ERR_GENERIC;
     }
+    uncertain = true;
   }
   if (passed() < kMutexWait + std::chrono::seconds(1)) {
     return VYN_OK;

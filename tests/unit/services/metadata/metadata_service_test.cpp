@@ -151,6 +151,12 @@ TEST_F(MetadataServiceTest, TellsOfItsNodes) {
   ASSERT_EQ(Call(IS_MF_NODE, request.Get(), belongs.Get()), 0U);
   EXPECT_TRUE(belongs->isMfNode);
   EXPECT_EQ(belongs->nodeId, 1U);
+  // The view of this test has no thread: a node that has just come is seen all the same.
+  AddNode(3, "host-3", true);
+  request->candidateNodes = {"host-3"};
+  EXPECT_TRUE(test::WaitUntil([&] {
+    return Call(IS_MF_NODE, request.Get(), belongs.Get()) == 0 && belongs->isMfNode && belongs->nodeId == 3;
+  }));
 }
 
 TEST_F(MetadataServiceTest, OnlyWhoSentHeartbeatsIsMissed) {
@@ -158,6 +164,7 @@ TEST_F(MetadataServiceTest, OnlyWhoSentHeartbeatsIsMissed) {
   ASSERT_EQ(Variable(BROADCAST_VAR_NEW, "quiet", 1, 1), 0U);
   Ref<common::HeartBeatMessage> beat(new common::HeartBeatMessage());
   beat->ns = "beating";
+  beat->isAlive = true;
   ASSERT_EQ(Call(HEART_BEAT, beat.Get()), 0U);
   EXPECT_TRUE(test::WaitUntil([&] { return !mRaw->Exists("/vyn/apps/beating"); }));
   EXPECT_TRUE(mRaw->Exists("/vyn/apps/quiet"));

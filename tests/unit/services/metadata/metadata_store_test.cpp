@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include <thread>
+
 namespace vyn::services {
 namespace {
 
@@ -56,6 +58,11 @@ TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
   ASSERT_EQ(first.NewVariable("app", 2, 20000), 0U);
   ASSERT_EQ(first.SetBlocks(Blocks(2, 20000, 2)), 0U);
   ASSERT_EQ(first.NewVariable("app", 3, 5), 0U);
+  EXPECT_EQ(first.HeartBeat("beating"), 0U);
+  EXPECT_FALSE(mRaw->Exists("/vyn/apps/beating")) << "a late heartbeat of an application that has ended";
+  mRaw->Create("/vyn/apps/beating", "{}");  // as a registration leaves it
+  EXPECT_EQ(first.HeartBeat("beating", false), 0U);
+  EXPECT_EQ(mRaw->Get("/vyn/apps/beating"), "{}") << "a farewell";
   ASSERT_EQ(first.HeartBeat("beating"), 0U);
   int pieces = 0;
   for (const std::string& name : mRaw->Children("/vyn/apps/app")) {
@@ -83,6 +90,9 @@ TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
   EXPECT_TRUE(test::WaitUntil([&] { return !next.Silent(std::chrono::milliseconds(1)).empty(); }));
   EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), testing::ElementsAre("beating"));
   EXPECT_THAT(next.Silent(std::chrono::hours(1)), IsEmpty());
+  next.Forgive(std::chrono::hours(1));
+  EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), IsEmpty());
+  next.Forgive(-std::chrono::hours(1));
   bool removed = true;
   EXPECT_EQ(next.Expire("beating", std::chrono::hours(1), removed), 0U);
   EXPECT_FALSE(removed) << "it has sent a heartbeat meanwhile";
@@ -153,6 +163,7 @@ TEST_F(MetadataStoreTest, ARepeatSucceedsAndAContradictionDoesNot) {
   EXPECT_EQ(state.GetVariable("app", 4, info), 0U);
   EXPECT_EQ(info.bmIds, both.bmIds);
   EXPECT_EQ(state.AddBlocks(Blocks(4, 3)), kStatusInvalidRequest);
+  EXPECT_EQ(state.AddBlocks(Blocks(4, 400000)), kStatusInvalidRequest) << "at once";
 }
 
 TEST_F(MetadataStoreTest, ALongListIsWrittenAnewAtOnce) {
@@ -211,8 +222,16 @@ TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {
   EXPECT_EQ(record.state, RecordState::kDeleted);
   EXPECT_EQ(record.blocks.bmIds, Blocks(1, 2).bmIds) << "the node still learns what to free";
 
-  // The number can be used again, and no later leader takes the old record for it.
+  // The number can be used again once the live nodes have forgotten the old variable, and no later leader takes the old
+  // record for it.
+  mRaw->Create("/mf/node/1", "");
+  std::jthread node([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    mRaw->Delete("/vyn/reclaim/1/" + mRaw->Children("/vyn/reclaim/1").at(0));
+  });
   ASSERT_EQ(state.NewVariable("app", 1, 1), 0U);
+  EXPECT_THAT(Entries(1), IsEmpty()) << "the node was waited for";
+  node.join();
   ASSERT_EQ(state.SetBlocks(Blocks(1, 1)), 0U);
   MetadataState next;
   ASSERT_EQ(next.Load(), 0U);

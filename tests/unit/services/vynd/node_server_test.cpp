@@ -179,6 +179,14 @@ TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
   EXPECT_EQ(mLookUps, 4);
 }
 
+TEST_F(NodeServerTest, ANameOrTokenThatThePoolRefusesIsNotFixed) {
+  EXPECT_EQ(Register(std::string(256, 'n'), "secret"), kStatusInvalidRequest);
+  EXPECT_EQ(Register("app", std::string(4097, 't')), kStatusInvalidRequest);
+  EXPECT_FALSE(mRaw->Exists("/vyn/apps"));
+  EXPECT_EQ(Register("app", std::string(4096, 't')), 0U);
+  EXPECT_EQ(Register("no]\nname", "secret", APP_UNREGISTER), kStatusInvalidRequest);
+}
+
 TEST_F(NodeServerTest, BlobsAreObjectsOfThePool) {
   ASSERT_EQ(Register("app", "secret"), 0U);
   Ref<BlobCreateRequest> create(new BlobCreateRequest());
