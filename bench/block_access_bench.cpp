@@ -1,5 +1,6 @@
-// Access to a block that is mapped already: what every task of an executor does. The floor builds the variable's name and
-// makes two lookups under shared locks. The cost must not grow with the number of variables.
+// Access to a block that is mapped already: what every task of an executor does. The floor builds the
+// variable's name and makes two lookups under shared locks. The cost must not grow with the number of
+// variables.
 
 #include "common/util/ref.h"
 #include "common/util/text.h"
@@ -86,7 +87,8 @@ BENCHMARK(CachedObtainFloor)->Arg(1)->Arg(1000)->Arg(100000);
 VYN_RATIO_AT_MOST("CachedObtain/1", "CachedObtainFloor/1", 1.5);
 VYN_RATIO_AT_MOST("CachedObtain/1000", "CachedObtainFloor/1000", 1.5);
 VYN_RATIO_AT_MOST("CachedObtain/100000", "CachedObtainFloor/100000", 1.5);
-// Flat: a hundred times the variables. A table of one is quicker still, because the container searches it without a hash.
+// Flat: a hundred times the variables. A table of one is quicker still, because the container searches it
+// without a hash.
 VYN_RATIO_AT_MOST("CachedObtain/100000", "CachedObtain/1000", 1.2);
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The memory fabric beside what it stands on: files on tmpfs, sockets on loopback, private memory.
 //
-// The node runs as a process of its own would: in a forked child. Sizes are smaller than a real pool's so that the
-// whole can be repeated; they are far beyond the caches.
+// The node runs as a process of its own would: in a forked child. Sizes are smaller than a real pool's so
+// that the whole can be repeated; they are far beyond the caches.
 
 #include "platform/bmclient/client/client.h"
 #include "platform/bmclient/node/fabric_node.h"

@@ -1,5 +1,5 @@
-// BroadcastBlockInfo, the message on the path of every block, with 1 and with 1000 blocks: the message class against one
-// whose two operations are written by hand on the generated code, step for step the same work.
+// BroadcastBlockInfo, the message on the path of every block, with 1 and with 1000 blocks: the message class
+// against one whose two operations are written by hand on the generated code, step for step the same work.
 
 #include "bench/support/ratio.h"
 #include "schema/broadcast_generated.h"

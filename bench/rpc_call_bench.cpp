@@ -1,5 +1,5 @@
-// A synchronous call through the engine beside a ping-pong of the same bytes over bare blocking sockets, at 200 bytes and
-// 64 KiB, answered by the thread that reads and by a worker; and 16 MiB of throughput.
+// A synchronous call through the engine beside a ping-pong of the same bytes over bare blocking sockets, at
+// 200 bytes and 64 KiB, answered by the thread that reads and by a worker; and 16 MiB of throughput.
 
 #include "support/latency.h"
 #include "support/rpc_bench.h"

@@ -13,11 +13,11 @@ if(VYN_SANITIZE)
   add_compile_options(-fsanitize=${VYN_SANITIZE} -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${VYN_SANITIZE})
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # Instrumented code hides from GCC that the standard library's own objects are initialised (std::function).
+    # Instrumented code hides from GCC that the library's own objects are initialised (std::function).
     add_compile_options(-Wno-maybe-uninitialized)
   endif()
   if(VYN_SANITIZE MATCHES "thread")
-    # The thread sanitizer does not know stand-alone fences; Asio and GoogleTest are built from headers with them.
+    # The thread sanitizer does not know stand-alone fences; the standard library's headers have one.
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
       add_compile_options(-Wno-tsan)
     endif()

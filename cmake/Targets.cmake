@@ -6,7 +6,7 @@ function(vyn_installed name)
 endfunction()
 
 # vyn_platform_library(<name> [LINK lib...] [DIRECTORY companion sub-folder])
-# One shared library out of the .cpp files of the current folder. Companions of libvyn_broadcast.so stand in lib/common.
+# One shared library out of the .cpp files of the current folder, in lib/common unless told otherwise.
 function(vyn_platform_library name)
   cmake_parse_arguments(ARG "" "DIRECTORY" "LINK;SOURCES" ${ARGN})
   if(NOT ARG_DIRECTORY)
@@ -25,8 +25,8 @@ function(vyn_platform_library name)
   vyn_installed(${name})
 endfunction()
 
-# vyn_program(<name> [SOURCES file...] [LINK lib...]): a program of the installation's bin/. Without SOURCES, the .cpp
-# files of the current folder.
+# vyn_program(<name> [SOURCES file...] [LINK lib...]): a program of the installation's bin/. Without SOURCES,
+# the .cpp files of the current folder.
 function(vyn_program name)
   cmake_parse_arguments(ARG "" "" "LINK;SOURCES" ${ARGN})
   if(NOT ARG_SOURCES)
@@ -42,8 +42,8 @@ function(vyn_program name)
   vyn_installed(${name})
 endfunction()
 
-# vyn_tests(<folder>): one program a *_test.cpp below the folder; *_slow_test.cpp also carries the label "slow".
-# Every test case runs in a process of its own, so that process-wide singletons start fresh.
+# vyn_tests(<folder>): one program a *_test.cpp below the folder; *_slow_test.cpp also carries the label
+# "slow". Every test case runs in a process of its own, so that process-wide singletons start fresh.
 function(vyn_tests folder label)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${folder}/*_test.cpp)
   foreach(source ${sources})
@@ -59,7 +59,7 @@ function(vyn_tests folder label)
     gtest_discover_tests(${name} TEST_PREFIX "${name}:" DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                          PROPERTIES LABELS ${label})
     if(name MATCHES "_slow_test$")
-      # gtest_discover_tests keeps only the first label of a list, so ctest sets both when it has read the names.
+      # gtest_discover_tests keeps only the first label of a list: ctest sets both when it has read the names.
       file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake
         "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${label};slow\")\nendif()\n")
       set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)

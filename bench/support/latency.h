@@ -1,7 +1,8 @@
 #pragma once
 
-// For work whose spread matters as much as its middle: several ways to do it, measured in turns of one run, so that the
-// machine's moods fall on all of them alike; 50th and 99th percentile of each and the ratio to the floor.
+// For work whose spread matters as much as its middle: several ways to do it, measured in turns of one run,
+// so that the machine's moods fall on all of them alike; 50th and 99th percentile of each and the ratio to
+// the floor.
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #pragma once
 
-// A benchmark says how the system's work compares with its floor: the least that the hardware and the required steps
-// allow. Both are ordinary Google Benchmark functions; a ratio names the two and the bar:
+// A benchmark says how the system's work compares with its floor: the least that the hardware and the
+// required steps allow. Both are ordinary Google Benchmark functions; a ratio names the two and the bar:
 //
 //   void FrameCall(benchmark::State& state) {...}
 //   void FrameCallFloor(benchmark::State& state) {...}
@@ -10,10 +10,11 @@
 //   VYN_RATIO_AT_MOST("FrameCall", "FrameCallFloor", 1.25);
 //   VYN_TIME_AT_MOST("FrameCall", 100000);
 //
-// The program runs every function several times, in random order, and prints the ratio of the medians at the end: of the
-// time that the measuring thread spent computing, or of the time that passed when the benchmark says UseRealTime(). One
-// that waits for another thread or process must say so: BENCHMARK(FrameCall)->UseRealTime(). A missed bar is printed,
-// not failed: machines differ, a ratio in one run is what can be compared.
+// The program runs every function several times, in random order, and prints the ratio of the medians at the
+// end: of the time that the measuring thread spent computing, or of the time that passed when the benchmark
+// says UseRealTime(). One that waits for another thread or process must say so:
+// BENCHMARK(FrameCall)->UseRealTime(). A missed bar is printed, not failed: machines differ, a ratio in one
+// run is what can be compared.
 
 #include <benchmark/benchmark.h>
 

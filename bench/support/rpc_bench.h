@@ -1,7 +1,7 @@
 #pragma once
 
-// What the benchmarks of the RPC layer share: an echo server of ours, a caller, and the bare blocking sockets that they
-// are compared with.
+// What the benchmarks of the RPC layer share: an echo server of ours, a caller, and the bare blocking sockets
+// that they are compared with.
 
 #include "common/rpc/rpc_engine.h"
 #include "common/util/base_message.h"

@@ -31,7 +31,8 @@
 
 #include <cstdint>
 
-/// What a gather takes, as GenerateBmGatherContext makes it. `size` bytes of the caller's data follow the two words.
+/// What a gather takes, as GenerateBmGatherContext makes it. `size` bytes of the caller's data follow the two
+/// words.
 struct BmGatherContext {
   std::uint64_t type;
   std::uint64_t size;
@@ -40,8 +41,8 @@ struct BmGatherContext {
 /// The `type` of a context whose data are BmGatherPiece records.
 inline constexpr unsigned int kBmGatherPieces = 1;
 
-/// One piece of a gather. The pieces are laid one behind the other into the destination, from its beginning, and are read
-/// with the namespace and the token of the destination.
+/// One piece of a gather. The pieces are laid one behind the other into the destination, from its beginning,
+/// and are read with the namespace and the token of the destination.
 struct BmGatherPiece {
   char bmId[64];         ///< the source's id and a NUL
   std::uint64_t offset;  ///< first byte to take
@@ -72,13 +73,12 @@ extern "C" {
 /// Opens the client library and prepares it for this process. Once it is up, further calls return 0 at once
 /// and keep the first home and flag. Of several threads that call at the same time one does the work and the
 /// others wait for it; when it fails, one of those waiting tries in its place. A failure leaves the library
-/// closed, so that the next call starts afresh.
+/// closed, so that the next call starts afresh. Links are under TLS when the process's configuration says so
+/// (vyn.tessel.rpc.enableTLS); a process without one takes conf/vyn.conf of `home`.
 /// \param home the home text handed to the library; not null, copied.
 /// \param clientFlag 0 on a node of the fabric, 1 outside it.
-/// Links are under TLS when the process's configuration says so (vyn.tessel.rpc.enableTLS); a process without one
-/// takes conf/vyn.conf of `home`.
-/// \return 0; 2080003; 2100021, also when another thread's attempt does not end within a minute; 2000057 for a
-///         null home.
+/// \return 0; 2080003; 2100021, also when another thread's attempt does not end within a minute; 2000057 for
+///         a null home.
 std::uint32_t BmInitialize(const char* home, int clientFlag);
 
 /// Closes the client library. Does nothing when it is not up. Mappings must not be used afterwards.
@@ -175,10 +175,10 @@ BmGatherContext* GenerateBmGatherContext(unsigned int type, const void* data, un
 
 /// Gathers the pieces that `context` tells of into one object. Retries. Does not bring the library up.
 /// \param kind, argument handed to the library unchanged.
-/// \param isDstExist whether the destination exists already. `bmId` is its id then; otherwise the library makes an object
-///        and writes its id to `bmId`, a buffer of at least 61 bytes.
-/// \return 0; 1 for a null context (recorded under 2080007); 2080019 when the remote side failed, 2080021 when
-///         this side did; 2000057 when the library is not up (logged, not recorded).
+/// \param isDstExist whether the destination exists already. `bmId` is its id then; otherwise the library
+///        makes an object and writes its id to `bmId`, a buffer of at least 61 bytes.
+/// \return 0; 1 for a null context (recorded under 2080007); 2080019 when the remote side failed, 2080021
+///         when this side did; 2000057 when the library is not up (logged, not recorded).
 std::uint32_t BmGather(const BmGatherContext* context, unsigned char kind, bool isDstExist, const char* bmId,
                        const char* ns, const char* token, void* argument);
 

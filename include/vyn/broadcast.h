@@ -8,9 +8,9 @@
 // Threads. Any thread may call any function, unless told otherwise. Nothing that is passed in is kept beyond
 // the call; texts are NUL-terminated.
 //
-// Roles. `flag` of BroadcastInitialize says whether the process is a driver (0) or an executor (1). A driver learns at
-// the start whether its node belongs to the memory fabric. The whole life of variable 7 of the application "app_1" with
-// the token "secret", two blocks of 4 MiB, all failures left out:
+// Roles. `flag` of BroadcastInitialize says whether the process is a driver (0) or an executor (1). A driver
+// learns at the start whether its node belongs to the memory fabric. The whole life of variable 7 of the
+// application "app_1" with the token "secret", two blocks of 4 MiB, all failures left out:
 //
 //   Driver on a node of the fabric
 //     bool registered = false;
@@ -36,7 +36,8 @@
 //     std::vector<unsigned short> nodeIds;
 //     GetRemoteNodeInfo("app_1", candidates, nodes, nodeIds, hosts, true);
 //     CreateBroadcastVar("app_1", 7, 2);
-//     CreateBroadcastBlockBatchRemote("app_1", "secret", 7, sizes, 2, nodes[0].c_str(), hosts[0].c_str(), nodeIds[0],
+//     CreateBroadcastBlockBatchRemote("app_1", "secret", 7, sizes, 2, nodes[0].c_str(), hosts[0].c_str(),
+//     nodeIds[0],
 //                                     ids);
 //     for (unsigned int i = 0; i < 2; ++i) {
 //       WriteRemoteBlock("app_1", ids[i].c_str(), data + i * 4194304, sizes[i], "secret");
@@ -55,8 +56,8 @@
 //     ReleaseBroadcastBlockAddr("app_1", 7, 0, address);
 //     UnRegisterBroadcastApp("app_1");
 //
-// This header is plain C++17 and needs no library. The functions have C linkage; two take C++ containers, so that a glue
-// layer for them is built with the same standard library.
+// This header is plain C++17 and needs no library. The functions have C linkage; two take C++ containers, so
+// that a glue layer for them is built with the same standard library.
 
 #include <cstdint>
 #include <string>
@@ -75,56 +76,61 @@ void VynBroadcastVersion();
 
 // --- start and end ---------------------------------------------------------------------------------------
 
-/// Takes the SDK into use: environment, configuration, logger, transport, leader of the metadata service, its client,
-/// and the client of the memory fabric, in this order. Call it again after a failure, or after BroadcastUninitialize;
-/// when the SDK is ready already it only sets the environment again. Of several callers at once one works and the
-/// others wait for it; one that waited for a first initialisation that failed tries it
-/// itself, one that waited for a later one gets its result.
+/// Takes the SDK into use: environment, configuration, logger, transport, leader of the metadata service, its
+/// client, and the client of the memory fabric, in this order. Call it again after a failure, or after
+/// BroadcastUninitialize; when the SDK is ready already it only sets the environment again. Of several
+/// callers at once one works and the others wait for it; one that waited for a first initialisation that
+/// failed tries it itself, one that waited for a later one gets its result.
 /// \param vynHome the installation, whose conf/vyn.conf is read.
 /// \param vynVersion "24.0.0" or another release of the installation. \param vynBinaryType "linux-x86_64" or
 ///        "linux-aarch64". The three become VYN_HOME, VYN_VERSION and VYN_BINARY_TYPE of the process.
 /// \param flag 0 for a driver, 1 for an executor.
-/// \return 0; 2000057 for a null argument or without memory; 1 when the home, the environment, the configuration, the
-///         logger, the TLS libraries or the leader could not be had (until the logger is up told on standard output,
-///         then in the log); 2120003 when the metadata service could not say whether the node belongs to the fabric;
-///         2100021 when the fabric's client could not be brought up.
+/// \return 0; 2000057 for a null argument or without memory; 1 when the home, the environment, the
+///         configuration, the logger, the TLS libraries or the leader could not be had (until the logger is
+///         up told on standard output, then in the log); 2120003 when the metadata service could not say
+///         whether the node belongs to the fabric; 2100021 when the fabric's client could not be brought up.
 unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, const char* vynBinaryType,
                                  unsigned int flag);
 
-/// Closes the fabric's client and forgets all variables. Mapped blocks stay mapped; connections, configuration, logger
-/// and heartbeats stay until the process ends. No other call may be under way. A second call does nothing.
+/// Closes the fabric's client and forgets all variables. Mapped blocks stay mapped; connections,
+/// configuration, logger and heartbeats stay until the process ends. No other call may be under way. A second
+/// call does nothing.
 /// \return 0.
 unsigned int BroadcastUninitialize();
 
 // --- applications ----------------------------------------------------------------------------------------
 //
-// An application is 1 to 1024 letters, digits, "_" and "-". The registration functions run one at a time, and not beside
-// the functions on blocks: the process has one token, that of the application registered last.
+// An application is 1 to 1024 letters, digits, "_" and "-". The registration functions run one at a time, and
+// not beside the functions on blocks: the process has one token, that of the application registered last.
 
-/// Registers the application with the server of this node. A name that this process has registered is a success
-/// without a call, and its new token is ignored.
-/// \param flag handed on to the server. \param token the application's secret, may be empty, not null. \param registered
-///        says whether this node took part: false on a node outside the fabric, where nothing happens.
-/// \return 0; 2120001 for a refused argument; 2120009 without a client of the server; 2000057 without memory; 1 when the
-///         server refused or did not answer.
+/// Registers the application with the server of this node. A name that this process has registered is a
+/// success without a call, and its new token is ignored.
+/// \param flag handed on to the server. \param token the application's secret, may be empty, not null.
+/// \param registered says whether this node took part: false on a node outside the fabric, where nothing
+///        happens.
+/// \return 0; 2120001 for a refused argument; 2120009 without a client of the server; 2000057 without memory;
+///         1 when the server refused or did not answer.
 unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* token, bool* registered);
 
-/// Takes the application off the server of this node and forgets the token, whatever comes of it. The name stays
-/// registered in this process until MarkBroadcastApplicationCompleted.
-/// \return 0; 2120001; 2080009 without a client of the server; 2000057 without memory; 1 when the server refused or did
-///         not answer.
+/// Takes the application off the server of this node and forgets the token, whatever comes of it. The name
+/// stays registered in this process until MarkBroadcastApplicationCompleted.
+/// \return 0; 2120001; 2080009 without a client of the server; 2000057 without memory; 1 when the server
+///         refused or did not answer.
 unsigned int UnRegisterBroadcastApp(const char* appId);
 
-/// Ends the application: the metadata service drops it and gives all its memory back on every node; this process forgets
-/// its variables, and those of every application whose name begins with `appId`. Needs no registration.
-/// \return 0; 2120001; 2120011 without a client of the metadata service; 2000057 before initialisation; 2120013 when the
-///         service refused or did not answer: nothing has changed here then, and the call can be repeated.
+/// Ends the application: the metadata service drops it and gives all its memory back on every node; this
+/// process forgets its variables, and those of every application whose name begins with `appId`. Needs no
+/// registration.
+/// \return 0; 2120001; 2120011 without a client of the metadata service; 2000057 before initialisation;
+///         2120013 when the service refused or did not answer: nothing has changed here then, and the call
+///         can be repeated.
 unsigned int MarkBroadcastApplicationCompleted(const char* appId);
 
-/// Asks which nodes a driver may place blocks on. Entry i of the three lists describes one node. On a node of the fabric
-/// the answer is this node, appended to the lists; outside it the lists are replaced.
+/// Asks which nodes a driver may place blocks on. Entry i of the three lists describes one node. On a node of
+/// the fabric the answer is this node, appended to the lists; outside it the lists are replaced.
 /// \param candidateNodes addresses or host names to choose among, none: all nodes. Comes back empty.
-/// \param selectedNodes receives "ip:port", to be given to CreateBroadcastBlockBatchRemote with the other two.
+/// \param selectedNodes receives "ip:port", to be given to CreateBroadcastBlockBatchRemote with the other
+///        two.
 /// \param nodeIds, hostNames receive id and name of each. \param selectFlag true: only the best node.
 /// \return 0; 2120001; 2120011; 2000057 without memory; 2120013 when the service refused or did not answer.
 unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& candidateNodes,
@@ -134,13 +140,14 @@ unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& cand
 // --- variables -------------------------------------------------------------------------------------------
 
 /// Makes a variable known to the metadata service.
-/// \param broadcastId the caller's number, unique in the application. \param blockNum how many blocks it will have.
-/// \return 0; 2120001; 2120011; 2000057 without memory; 2000013 when the client refused the name; 2060009 when the service
-///         refused or did not answer, after its retries.
+/// \param broadcastId the caller's number, unique in the application. \param blockNum how many blocks it will
+///        have.
+/// \return 0; 2120001; 2120011; 2000057 without memory; 2000013 when the client refused the name; 2060009
+///         when the service refused or did not answer, after its retries.
 unsigned int CreateBroadcastVar(const char* appId, unsigned int broadcastId, unsigned int blockNum);
 
-/// Removes a variable. This process forgets it first, also when the service then fails; mappings stay valid, and other
-/// processes that map its blocks keep their pages until they release them.
+/// Removes a variable. This process forgets it first, also when the service then fails; mappings stay valid,
+/// and other processes that map its blocks keep their pages until they release them.
 /// \return as CreateBroadcastVar; 2000057 also before initialisation.
 unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId);
 
@@ -148,29 +155,33 @@ unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId);
 
 /// Creates the blocks of a variable on this node, which belongs to the fabric. Once a variable.
 /// \param sizes bytes of each block, `blockNum` of them, in block order.
-/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009 without a client of the server; 1 when
-///         the server refused (a full pool among the reasons) or did not answer; 2120011; 2000013 or 2060009 when the
-///         blocks exist and the metadata service could not be told.
+/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009 without a client of the
+///         server; 1 when the server refused (a full pool among the reasons) or did not answer; 2120011;
+///         2000013 or 2060009 when the blocks exist and the metadata service could not be told.
 unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcastId,
                                        const unsigned long* sizes, unsigned int blockNum);
 
-/// Creates the blocks of a variable on a chosen node, from a process outside the fabric. Waits up to 10 seconds a block
-/// while that node's pool is full. What was made is taken back when a later step fails, but for the last: see `bmIds`.
-/// \param selectedNode, hostName, nodeId one entry of the lists of GetRemoteNodeInfo; the port must be below 32768.
-/// \param bmIds receives the blocks' ids for WriteRemoteBlock, also when only the metadata service could not be told.
-/// \return 0; 2120001; 2000057 before initialisation; 2000039 or 2000013 for a `selectedNode` that is no "ip:port";
-///         2120025 when the node could not be linked; 2120023 when the namespace could not be made; 2120027 when a block
-///         could not be had; 1 without memory; 2120011, 2000013 or 2060009 when the metadata service could not be told.
+/// Creates the blocks of a variable on a chosen node, from a process outside the fabric. Waits up to 10
+/// seconds a block while that node's pool is full. What was made is taken back when a later step fails, but
+/// for the last: see `bmIds`.
+/// \param selectedNode, hostName, nodeId one entry of the lists of GetRemoteNodeInfo; the port must be below
+///        32768.
+/// \param bmIds receives the blocks' ids for WriteRemoteBlock, also when only the metadata service could not
+///        be told.
+/// \return 0; 2120001; 2000057 before initialisation; 2000039 or 2000013 for a `selectedNode` that is no
+///         "ip:port"; 2120025 when the node could not be linked; 2120023 when the namespace could not be
+///         made; 2120027 when a block could not be had; 1 without memory; 2120011, 2000013 or 2060009 when
+///         the metadata service could not be told.
 unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* token, unsigned int broadcastId,
                                              const unsigned long* sizes, unsigned int blockNum,
                                              const char* selectedNode, const char* hostName,
                                              unsigned short nodeId, std::vector<std::string>& bmIds);
 
-/// Brings a variable's blocks into this process's table; needed before ObtainBroadcastBlockAddr in a process that did
-/// not create them. From the second time on it makes no call.
+/// Brings a variable's blocks into this process's table; needed before ObtainBroadcastBlockAddr in a process
+/// that did not create them. From the second time on it makes no call.
 /// \param blockSizes receives the bytes of each block; must have room for all blocks of the variable.
-/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the server refused, does not know
-///         the variable or did not answer.
+/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the server refused,
+///         does not know the variable or did not answer.
 unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastId, unsigned long* blockSizes);
 
 // --- heartbeats ------------------------------------------------------------------------------------------
@@ -215,13 +226,14 @@ std::uint32_t ReleaseBroadcastBlockAddr(const char* appId, unsigned int broadcas
 
 /// Copies a whole block into `buffer`, which must have room for it. For processes outside the memory fabric.
 /// \param token the application's token; may be empty, not null.
-/// \return 0; 1 for a variable or a block that this process does not know (logged, not recorded); 2120007 when
-///         the copy failed, the record telling why.
+/// \return 0; 1 for a variable or a block that this process does not know (logged, not recorded); 2120007
+///         when the copy failed, the record telling why.
 std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsigned int blockId, void* buffer,
                               const char* token);
 
 /// Copies `size` bytes of `data` to the beginning of the block `bmId`, an id that
-/// CreateBroadcastBlockBatchRemote gave. For processes outside the memory fabric. Needs no table of variables.
+/// CreateBroadcastBlockBatchRemote gave. For processes outside the memory fabric. Needs no table of
+/// variables.
 /// \return 0; 2120001; 2120007 when the copy failed or `bmId` or `token` was refused, the record telling why.
 std::uint32_t WriteRemoteBlock(const char* appId, const char* bmId, const void* data, unsigned long size,
                                const char* token);

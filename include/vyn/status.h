@@ -2,9 +2,9 @@
 
 // Status codes of Vyn broadcast.
 //
-// Every call that can fail returns an unsigned 32-bit status. VYN_OK (0) is success. A failure is recognised by bit 0
-// alone, never by comparing with 0: test with vyn::Failed(). Families start at multiples of 20000 above 2000000; within
-// a family codes advance by 2, so that every failure is odd.
+// Every call that can fail returns an unsigned 32-bit status. VYN_OK (0) is success. A failure is recognised
+// by bit 0 alone, never by comparing with 0: test with vyn::Failed(). Families start at multiples of 20000
+// above 2000000; within a family codes advance by 2, so that every failure is odd.
 //
 // This header is plain C++17, needs no library and may be included anywhere.
 
@@ -14,7 +14,7 @@ inline constexpr std::uint32_t VYN_OK = 0;
 /// Unspecified failure: an argument was refused, or an internal step without a code of its own failed.
 inline constexpr std::uint32_t VYN_ERR_GENERIC = 1;
 
-// --- common -----------------------------------------------------------------------------------------------------
+// --- common ------------------------------------------------------------------------------------------------
 /// A received request does not consist of exactly one buffer, or is too short to hold its version.
 inline constexpr std::uint32_t VYN_ERR_REQUEST_SHAPE = 2000005;
 /// An argument breaks its rule: identifier not matching its pattern, zero count, port outside 1 to 32767.
@@ -38,7 +38,7 @@ inline constexpr std::uint32_t VYN_ERR_NULL_POINTER = 2000057;
 /// The configuration file does not exist.
 inline constexpr std::uint32_t VYN_ERR_CONF_FILE_MISSING = 2000059;
 
-// --- RPC --------------------------------------------------------------------------------------------------------
+// --- RPC ---------------------------------------------------------------------------------------------------
 /// A request of a higher protocol version than this side speaks.
 inline constexpr std::uint32_t VYN_ERR_RPC_VERSION = 2020009;
 /// A message is absent, empty, damaged or lacks a required field.
@@ -52,7 +52,7 @@ inline constexpr std::uint32_t VYN_ERR_RPC_TRANSPORT_OTHER = 2020023;
 /// A call to the tuning service failed.
 inline constexpr std::uint32_t VYN_ERR_TUNING_RPC = 2020025;
 
-// --- metadata service -------------------------------------------------------------------------------------------
+// --- metadata service --------------------------------------------------------------------------------------
 /// The metadata client could not connect its pool.
 inline constexpr std::uint32_t VYN_ERR_META_POOL_INIT = 2060007;
 /// A call to the metadata service or the tuning service failed. The cause stands in the log.
@@ -60,7 +60,7 @@ inline constexpr std::uint32_t VYN_ERR_META_RPC = 2060009;
 /// The metadata server's own answer to a batch of new bags, handed to the caller unchanged.
 inline constexpr std::uint32_t VYN_ERR_META_BAG_REPLY = 2060203;
 
-// --- big memory -------------------------------------------------------------------------------------------------
+// --- big memory --------------------------------------------------------------------------------------------
 /// A big-memory operation refused an argument.
 inline constexpr std::uint32_t VYN_ERR_BM_INVALID = 2080001;
 /// The big-memory client library could not be loaded.
@@ -84,7 +84,7 @@ inline constexpr std::uint32_t VYN_ERR_BLOCK_ALLOC = 2100029;
 /// The memory pool has no room for the block. The caller may wait and try again.
 inline constexpr std::uint32_t VYN_ERR_OUT_OF_POOL_MEMORY = 2100041;
 
-// --- broadcast SDK ----------------------------------------------------------------------------------------------
+// --- broadcast SDK -----------------------------------------------------------------------------------------
 /// An exported broadcast function refused an argument.
 inline constexpr std::uint32_t VYN_ERR_BC_INVALID_PARAM = 2120001;
 /// Whether this node belongs to the memory fabric could not be learned.

@@ -72,9 +72,10 @@ class Message : public BaseMessage {};
 
 }  // namespace vyn::common
 
-/// The wire side of a message class. Stands at the end of the class and names, in the order in which a reader takes
-/// them, the members that travel; each has the name of its field in the schema. The source file adds one line out of
-/// message_codec.h, or the two operations written by hand where a class is no plain list of fields.
+/// The wire side of a message class. Stands at the end of the class and names, in the order in which a reader
+/// takes them, the members that travel; each has the name of its field in the schema. The source file adds
+/// one line out of message_codec.h, or the two operations written by hand where a class is no plain list of
+/// fields.
 #define VYN_MESSAGE_FIELDS(...)                   \
  public:                                          \
   std::uint32_t Serialize() override;             \

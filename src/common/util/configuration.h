@@ -122,7 +122,8 @@ class Configuration : public Referable {
   void LoadWaterMarkConf();
   void LoadOrvaneTuningConf();
 
-  /// The process's store. No lock of its own: the first load happens before a second thread uses it. Never destroyed.
+  /// The process's store. No lock of its own: the first load happens before a second thread uses it. Never
+  /// destroyed.
   static Ref<Configuration>& gInstance;
 
  private:

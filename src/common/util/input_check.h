@@ -1,8 +1,8 @@
 #pragma once
 
 // The checks that stand at the door of every exported function. Nothing that fails them reaches a memory or a
-// network operation. All are re-entrant, and a text that passes costs no allocation. A NUL inside a std::string
-// is a character like any other, and so no part of an identifier.
+// network operation. All are re-entrant, and a text that passes costs no allocation. A NUL inside a
+// std::string is a character like any other, and so no part of an identifier.
 
 #include <string>
 

@@ -34,14 +34,13 @@ template <typename T>
 class Ref {
  public:
   Ref() noexcept = default;
-  Ref(std::nullptr_t) noexcept {
-  }  // NOLINT(google-explicit-constructor): a Ref compares with and takes nullptr
-  Ref(T* object) noexcept { Set(object); }  // NOLINT(google-explicit-constructor)
+  Ref(std::nullptr_t) noexcept {}
+  Ref(T* object) noexcept { Set(object); }
   Ref(const Ref& other) noexcept { Set(other.mObj); }
   Ref(Ref&& other) noexcept : mObj(other.mObj) { other.mObj = nullptr; }
   /// From a reference to a derived class.
   template <typename U>
-  Ref(const Ref<U>& other) noexcept {  // NOLINT(google-explicit-constructor)
+  Ref(const Ref<U>& other) noexcept {
     Set(other.Get());
   }
   virtual ~Ref() { Drop(mObj); }

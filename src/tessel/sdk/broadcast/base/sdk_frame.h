@@ -1,8 +1,8 @@
 #pragma once
 
-// What the exported broadcast functions have in common: the refresh of the client that a call needs, and messages made
-// without throwing. A function checks its text arguments, refreshes its client, builds its messages, calls the typed
-// client and then changes the local state.
+// What the exported broadcast functions have in common: the refresh of the client that a call needs, and
+// messages made without throwing. A function checks its text arguments, refreshes its client, builds its
+// messages, calls the typed client and then changes the local state.
 
 #include "common/util/input_check.h"
 #include "common/util/logging.h"
@@ -36,8 +36,8 @@ common::Ref<T> NewMessage(Arguments&&... arguments) {
     }                                                                                        \
   } while (false)
 
-/// Ends the function with 2120001 when a pointer that the caller has to provide is null; like a null text, it is only
-/// logged.
+/// Ends the function with 2120001 when a pointer that the caller has to provide is null; like a null text, it
+/// is only logged.
 #define VYN_CHECK_ARGUMENT(ARGUMENT)                           \
   do {                                                         \
     if ((ARGUMENT) == nullptr) {                               \

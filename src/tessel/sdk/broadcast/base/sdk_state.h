@@ -34,8 +34,8 @@ extern common::Ref<cluster::ClusterZKAdapter>& g_clusterZkAdapter_broadcast;
 /// The configuration of the process. Empty until BroadcastInitialize has read it.
 extern common::Ref<common::Configuration>& g_broadcastConf;
 
-// The claim of initialisation; start_up.cpp tells what the values say together. The exchange has acquire and release
-// order, reads acquire, stores release.
+// The claim of initialisation; start_up.cpp tells what the values say together. The exchange has acquire and
+// release order, reads acquire, stores release.
 
 /// 1 while a thread has claimed or finished initialisation.
 extern std::atomic<std::uint8_t> g_initClaim;
