@@ -87,18 +87,18 @@ bool KVParser::SetItem(const std::string& key, const std::string& value) {
 
 bool KVParser::SetItemLocked(const std::string& key, const std::string& value) {
   try {
-    if (const auto known = mItemMap.find(key); known != mItemMap.end()) {
-      mItems[known->second]->value = value;
+    const auto [entry, isNew] = mItemMap.try_emplace(key, static_cast<std::uint32_t>(mItems.size()));
+    if (!isNew) {
+      mItems[entry->second]->value = value;
       return true;
     }
-    mItems.push_back(std::unique_ptr<KvPairs>(new KvPairs{key, value}));
+    try {
+      mItems.push_back(std::unique_ptr<KvPairs>(new KvPairs{key, value}));
+    } catch (const std::bad_alloc&) {
+      mItemMap.erase(entry);
+      return false;
+    }
   } catch (const std::bad_alloc&) {
-    return false;
-  }
-  try {
-    mItemMap.emplace(key, static_cast<std::uint32_t>(mItems.size() - 1));
-  } catch (const std::bad_alloc&) {
-    mItems.pop_back();
     return false;
   }
   return true;

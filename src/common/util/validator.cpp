@@ -2,11 +2,11 @@
 
 #include "common/util/text.h"
 
-#include <cerrno>
-#include <climits>
-#include <cstdlib>
+#include <limits>
 #include <new>
 #include <set>
+#include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -21,19 +21,6 @@ bool ReadSide(const std::string& text, long& value) {
   value = 0;
   static_cast<void>(VynStol(text, value));
   return value != -1 && (value != 0 || text == "0");
-}
-
-bool ReadItem(const std::string& text, long& value) {
-  char* end = nullptr;
-  errno = 0;
-  value = std::strtol(text.c_str(), &end, 10);
-  if (end != text.c_str() + text.size()) {
-    return false;
-  }
-  if ((value == LONG_MAX || value == LONG_MIN) && errno == ERANGE) {
-    return false;
-  }
-  return value != 0 || text == "0";
 }
 
 }  // namespace
@@ -132,7 +119,7 @@ bool VStrArray::Validate(const std::string& value) {
   }
   for (const std::string& item : items) {
     long number = 0;
-    if (!ReadItem(item, number)) {
+    if (!VynStol(item, number)) {
       return Refuse("all items must be integer");
     }
     if (number < mStart || number > mEnd) {
@@ -142,36 +129,30 @@ bool VStrArray::Validate(const std::string& value) {
   return true;
 }
 
-VIntRange::VIntRange(std::string name, std::int32_t start, std::int32_t end)
+template <typename T>
+VNumberRange<T>::VNumberRange(std::string name, T start, T end)
     : Validator(std::move(name)), mStart(start), mEnd(end) {}
 
-Ref<Validator> VIntRange::Create(const std::string& name, const int& start, const int& end) {
-  return new (std::nothrow) VIntRange(name, start, end);
+template <typename T>
+Ref<Validator> VNumberRange<T>::Create(const std::string& name, const T& start, const T& end) {
+  return new (std::nothrow) VNumberRange(name, start, end);
 }
 
-bool VIntRange::Initialize() { return DefineRange(mEnd > mStart); }
+template <typename T>
+bool VNumberRange<T>::Initialize() {
+  return DefineRange(mEnd > mStart || (std::is_same_v<T, long> && mEnd == mStart));
+}
 
-bool VIntRange::Validate(int value) {
+template <typename T>
+bool VNumberRange<T>::Validate(T value) {
   if (value >= mStart && value <= mEnd) {
     return true;
   }
-  return mEnd == INT_MAX ? Refuse("it should be >= " + std::to_string(mStart)) : RefuseOutside(mStart, mEnd);
+  return mEnd == std::numeric_limits<T>::max() ? Refuse("it should be >= " + std::to_string(mStart))
+                                               : RefuseOutside(mStart, mEnd);
 }
 
-VLongRange::VLongRange(std::string name, std::int64_t start, std::int64_t end)
-    : Validator(std::move(name)), mStart(start), mEnd(end) {}
-
-Ref<Validator> VLongRange::Create(const std::string& name, const long& start, const long& end) {
-  return new (std::nothrow) VLongRange(name, start, end);
-}
-
-bool VLongRange::Initialize() { return DefineRange(mEnd >= mStart); }
-
-bool VLongRange::Validate(long value) {
-  if (value >= mStart && value <= mEnd) {
-    return true;
-  }
-  return mEnd == LONG_MAX ? Refuse("it should be >= " + std::to_string(mStart)) : RefuseOutside(mStart, mEnd);
-}
+template class VNumberRange<int>;
+template class VNumberRange<long>;
 
 }  // namespace vyn::common

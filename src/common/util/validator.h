@@ -110,36 +110,24 @@ class VStrArray : public Validator {
   bool mAllowEmpty;
 };
 
-/// A 32-bit integer within inclusive bounds, of which the upper must be the larger.
-class VIntRange : public Validator {
+/// A number within inclusive bounds. The upper one must be the larger; of a long the two may be equal.
+template <typename T>
+class VNumberRange : public Validator {
  public:
-  VIntRange(std::string name, std::int32_t start, std::int32_t end);
-  ~VIntRange() override = default;
-  static Ref<Validator> Create(const std::string& name, const int& start, const int& end);
+  VNumberRange(std::string name, T start, T end);
+  ~VNumberRange() override = default;
+  static Ref<Validator> Create(const std::string& name, const T& start, const T& end);
 
   bool Initialize() override;
   using Validator::Validate;
-  bool Validate(int value) override;
+  bool Validate(T value) override;
 
  private:
-  std::int32_t mStart;
-  std::int32_t mEnd;
+  T mStart;
+  T mEnd;
 };
 
-/// A 64-bit integer within inclusive bounds, which may be equal.
-class VLongRange : public Validator {
- public:
-  VLongRange(std::string name, std::int64_t start, std::int64_t end);
-  ~VLongRange() override = default;
-  static Ref<Validator> Create(const std::string& name, const long& start, const long& end);
-
-  bool Initialize() override;
-  using Validator::Validate;
-  bool Validate(long value) override;
-
- private:
-  std::int64_t mStart;
-  std::int64_t mEnd;
-};
+using VIntRange = VNumberRange<int>;
+using VLongRange = VNumberRange<long>;
 
 }  // namespace vyn::common

@@ -85,6 +85,9 @@ TEST_F(ConfigurationFileTest, AMergeGoesOnPastBadPairs) {
 }
 
 TEST_F(ConfigurationFileTest, AMillionPairsCanBeMergedAndOneMoreCannot) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "a count on one thread: the other builds show it, this one would take a minute for it";
+#endif
   ASSERT_TRUE(Configuration::GetInstance(mDir.Write("first", "")) != nullptr);
   const std::string path = mDir / "many";
   {
