@@ -3,7 +3,6 @@
 #include "platform/openssl_dl/openssl_dl.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
 
 namespace vyn::tls {
@@ -22,8 +21,7 @@ int GivePassword(char* buffer, int size, int /*writing*/, void* password) {
   if (text == nullptr || size < 0 || text->size() > static_cast<std::size_t>(size)) {
     return -1;
   }
-  std::memcpy(buffer, text->data(), text->size());
-  return static_cast<int>(text->size());
+  return static_cast<int>(text->copy(buffer, text->size()));
 }
 
 }  // namespace

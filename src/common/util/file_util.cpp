@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 #include <memory>
 
@@ -142,14 +143,20 @@ unsigned int FileUtil::RecursiveCreatePath(const std::string& path, unsigned int
   if (IsPathExist(path)) {
     return VYN_OK;
   }
-  const std::string parent = ParentOf(path);
+  std::string parent;
+  bool formed = true;
+  try {
+    parent = ParentOf(path);
+  } catch (const std::exception&) {
+    formed = false;
+  }
   if (!parent.empty() && !IsPathExist(parent)) {
     const unsigned int status = RecursiveCreatePath(parent, mode);
     if (Failed(status)) {
       return status;
     }
   }
-  if (::mkdir(path.c_str(), mode) != 0) {
+  if (!formed || ::mkdir(path.c_str(), mode) != 0) {
     std::cout << "Mkdir path error: " << path << std::endl;
     return VYN_ERR_GENERIC;
   }
