@@ -51,8 +51,8 @@ static_assert(sizeof(BmResourceAttributes) == 32 && sizeof(BmGatherPiece) == 80)
 
 extern "C" {
 
-/// Prepares the library for this process. \param clientFlag 0 on a node of the fabric, 1 outside it. Links are
-/// secured as platform/tls/client_setting.h says at this moment.
+/// Prepares the library for this process. \param clientFlag 0 on a node of the fabric, 1 outside it. Links
+/// are secured as platform/tls/client_setting.h says at this moment.
 int BM_Init(const char* home, int clientFlag);
 /// Links this process to a node.
 int BM_CreateLink(unsigned short nodeId, const char* hostName, const char* ip, unsigned short port,

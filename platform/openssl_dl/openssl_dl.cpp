@@ -90,8 +90,8 @@ int Open(const std::string& sslPath, const std::string& cryptoPath) {
     return Fail(OPENSSL_DL_MISSING_FUNCTION,
                 sslPath + " and " + cryptoPath + " lack the function " + std::string(missing));
   }
-  // The libraries stay open, and threads of the host may be in a call while its process ends: nothing is to be
-  // taken from under them then.
+  // The libraries stay open, and threads of the host may be in a call while its process ends: nothing is to
+  // be taken from under them then.
   api.OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   gSslPath = sslPath;
   gCryptoPath = cryptoPath;

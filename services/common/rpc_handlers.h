@@ -20,13 +20,14 @@ namespace vyn::services {
 /// Operation codes travel in the low 10 bits of a message id.
 inline constexpr std::uint16_t kOperationCodes = 1024;
 
-/// Whether a text that came in a message can name something. A NUL, which ends a C string early, cannot be in it.
+/// Whether a text that came in a message can name something. A NUL, which ends a C string early, cannot be in
+/// it.
 inline bool IsName(const std::string& name) {
   return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
 }
 
-/// One operation: reads `request`, fills `response`, returns 0 or an odd status. An odd status goes to the caller without
-/// a response. `peer` is the caller as "ip:port".
+/// One operation: reads `request`, fills `response`, returns 0 or an odd status. An odd status goes to the
+/// caller without a response. `peer` is the caller as "ip:port".
 template <typename Request, typename Response>
 using Operation = std::function<std::uint32_t(Request& request, Response& response, const std::string& peer)>;
 

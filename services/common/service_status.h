@@ -1,8 +1,8 @@
 #pragma once
 
-// The codes with which the node server and the metadata service refuse a request. They travel as the result word of a
-// reply and stand in the logs of both sides; a typed client maps them to a code of its own. Odd, like every failure, and
-// of a family that the library does not use (vyn/status.h).
+// The codes with which the node server and the metadata service refuse a request. They travel as the result
+// word of a reply and stand in the logs of both sides; a typed client maps them to a code of its own. Odd,
+// like every failure, and of a family that the library does not use (vyn/status.h).
 
 #include <cstdint>
 
@@ -10,7 +10,8 @@ namespace vyn::services {
 
 /// The service has no such operation.
 inline constexpr std::uint32_t kStatusUnknownOperation = 2140001;
-/// The request is well formed and makes no sense: a name that is no identifier, lists that do not pair, a size of 0.
+/// The request is well formed and makes no sense: a name that is no identifier, lists that do not pair, a
+/// size of 0.
 inline constexpr std::uint32_t kStatusInvalidRequest = 2140003;
 /// The application is not registered at this node.
 inline constexpr std::uint32_t kStatusNotRegistered = 2140005;

@@ -1,8 +1,9 @@
 #pragma once
 
-// The record of one variable in ZooKeeper: a line of JSON, a line feed, and the serialised block list, which continues in
-// children of the record when it is longer than one znode takes (zookeeper_layout.h). The line names the children, and a
-// list that is written anew goes to new ones, so that the write of the record's own znode changes all of it at once.
+// The record of one variable in ZooKeeper: a line of JSON, a line feed, and the serialised block list, which
+// continues in children of the record when it is longer than one znode takes (zookeeper_layout.h). The line
+// names the children, and a list that is written anew goes to new ones, so that the write of the record's own
+// znode changes all of it at once.
 
 #include "tessel/message/broadcast/broadcast_messages.h"
 

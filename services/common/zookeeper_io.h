@@ -1,7 +1,8 @@
 #pragma once
 
-// Reading and writing znodes as the services do it: on the session of the process (VynGetZkHandle), with whole values,
-// and several writes as one transaction. Results are ZooKeeper's own (ZOK, ZNONODE, ...). Any thread; no locks.
+// Reading and writing znodes as the services do it: on the session of the process (VynGetZkHandle), with
+// whole values, and several writes as one transaction. Results are ZooKeeper's own (ZOK, ZNONODE, ...). Any
+// thread; no locks.
 
 #include <cstdint>
 #include <memory>

@@ -6,8 +6,8 @@
 //   /vyn/nodes/<node id>              every node that ever belonged to the fabric: JSON {host, ip}
 //   /vyn/apps/<application>           JSON {heartbeat}, or {removed} while its removal runs
 //   /vyn/apps/<application>/token     JSON {salt, hash}: the token that the first registration fixed
-//   /vyn/apps/<application>/<variable id>.<unique>      a variable: one line of JSON {state, blockNum, pieces,
-//                                     list}, a line feed, and the first piece of its serialised block list
+//   /vyn/apps/<application>/<variable id>.<unique>      a variable: one line of JSON {state, blockNum,
+//                                     pieces, list}, a line feed, and the first piece of its serialised block list
 //   /vyn/apps/<application>/<variable id>.<unique>/<list>.<n>  its further pieces; <list> is a <unique> too
 //   /vyn/reclaim/<node id>/<unique>   what that node has to give back: JSON, see ReclaimEntry
 //
@@ -42,11 +42,12 @@ inline std::string TokenPath(const std::string& application) {
 /// What a node has to give back.
 struct ReclaimEntry {
   std::string application;
-  /// Empty: the whole application, its namespace with all objects. Otherwise the path of a deleted variable's record.
+  /// Empty: the whole application, its namespace with all objects. Otherwise the path of a deleted variable's
+  /// record.
   std::string variablePath;
   std::uint32_t variableId = 0;
-  /// The node holds the variable's blocks: it frees them and then deletes the record. Other nodes only forget what they
-  /// remember of the variable.
+  /// The node holds the variable's blocks: it frees them and then deletes the record. Other nodes only forget
+  /// what they remember of the variable.
   bool owner = false;
 
   std::string ToText() const;

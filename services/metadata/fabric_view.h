@@ -1,7 +1,7 @@
 #pragma once
 
-// Which nodes the memory fabric has, and how much room they have: what stands under /mf and /vyn/nodes, read again every
-// second by a thread of its own, so that a request is answered from memory.
+// Which nodes the memory fabric has, and how much room they have: what stands under /mf and /vyn/nodes, read
+// again every second by a thread of its own, so that a request is answered from memory.
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/util/ref.h"
@@ -30,11 +30,12 @@ class FabricView {
 
   /// Reads now. Returns: whether ZooKeeper answered; the old view stays otherwise.
   bool Refresh();
-  /// Reads now when the view is older than `age`, one reader at a time. Returns: whether there is a newer view.
+  /// Reads now when the view is older than `age`, one reader at a time. Returns: whether there is a newer
+  /// view.
   bool RefreshOlderThan(std::chrono::milliseconds age);
 
-  /// The live nodes, by id. capacityA is the size of a node's pool and capacityB what is free of it, both in bytes;
-  /// auxValue is its link port.
+  /// The live nodes, by id. capacityA is the size of a node's pool and capacityB what is free of it, both in
+  /// bytes; auxValue is its link port.
   std::vector<cluster::NodeInfo> Live() const;
   /// Every node that ever belonged to the fabric: id and host name.
   std::map<std::uint32_t, std::string> Registered() const;

@@ -82,8 +82,8 @@ void MetadataMember::Run() {
       break;
     }
   }
-  // The claim goes first, so that a successor can win while the last calls still get their answers; their writes are
-  // refused once it has.
+  // The claim goes first, so that a successor can win while the last calls still get their answers; their
+  // writes are refused once it has.
   ClusterZKAdapter::isRunning = false;
   GiveUpClaim();
   EndLeading();

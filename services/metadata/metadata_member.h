@@ -8,8 +8,9 @@
 //   the leader znode is our own           serve (also when the reply to our claim was lost on the way)
 //   another node leads                    follow: announce ourselves, keep our status, serve nothing
 //   the session has expired               stop serving, connect again, begin anew
-//   ZooKeeper does not answer             go on, but stop serving before the session can have expired: a successor that
-//                                         this node cannot hear of would count the heartbeats that arrive here as silence
+//   ZooKeeper does not answer             go on, but stop serving before the session can have expired: a
+//                                         successor that this node cannot hear of would count the heartbeats
+//                                         that arrive here as silence
 //
 // The role and the leader's address stand in MetaNodeInfo, as everywhere.
 
@@ -37,8 +38,8 @@ struct MetadataMemberOptions {
   /// Milliseconds.
   int sessionTimeout = 30000;
   MetadataServiceOptions service;
-  /// Called after every new session, with the leader watch set or not: ephemeral znodes of others have to be made again.
-  /// Runs on the member's thread.
+  /// Called after every new session, with the leader watch set or not: ephemeral znodes of others have to be
+  /// made again. Runs on the member's thread.
   std::function<void()> onNewSession;
 };
 
@@ -50,8 +51,8 @@ class MetadataMember {
   MetadataMember(const MetadataMember&) = delete;
   MetadataMember& operator=(const MetadataMember&) = delete;
 
-  /// Requires: the adapter has a session. Makes the persistent tree and the status tree, starts the thread. Returns: 0 or
-  /// a status.
+  /// Requires: the adapter has a session. Makes the persistent tree and the status tree, starts the thread.
+  /// Returns: 0 or a status.
   std::uint32_t Start();
   /// Gives the leadership up, ends the thread. Running calls answer first.
   void Stop();

@@ -77,7 +77,8 @@ std::uint32_t MetadataService::Start() {
     Stop();
     return status;
   }
-  // A view of before the leadership may be a second old; one that cannot be had now comes with the next period.
+  // A view of before the leadership may be a second old; one that cannot be had now comes with the next
+  // period.
   static_cast<void>(mView.Refresh());
   {
     std::lock_guard lock(mMutex);

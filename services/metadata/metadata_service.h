@@ -1,10 +1,10 @@
 #pragma once
 
-// The metadata service of one leadership: listens at the node's address, answers from MetadataState, ends applications
-// that have fallen silent.
+// The metadata service of one leadership: listens at the node's address, answers from MetadataState, ends
+// applications that have fallen silent.
 //
-// A leadership is Start ... Stop; the object serves one. Requests that come before the records have been read wait for
-// them, for a bounded time.
+// A leadership is Start ... Stop; the object serves one. Requests that come before the records have been read
+// wait for them, for a bounded time.
 
 #include "platform/rpc/server.h"
 #include "services/metadata/fabric_view.h"

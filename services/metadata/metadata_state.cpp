@@ -11,7 +11,8 @@ namespace vyn::services {
 
 namespace {
 
-/// After this time no node remembers a deleted variable any more, whatever became of the entries that tell it.
+/// After this time no node remembers a deleted variable any more, whatever became of the entries that tell
+/// it.
 constexpr auto kDeletedMemory = std::chrono::seconds(60);
 
 bool IsSilent(const Application& application, std::chrono::milliseconds timeout) {

@@ -2,11 +2,11 @@
 
 // The applications and variables of one leadership: reads from memory, writes through the store first.
 //
-// A write that a client repeats because the reply was lost succeeds again. Every operation returns 0 or a status of
-// services/common/service_status.h; MetadataStore::kStatusDeposed ends the leadership.
+// A write that a client repeats because the reply was lost succeeds again. Every operation returns 0 or a
+// status of services/common/service_status.h; MetadataStore::kStatusDeposed ends the leadership.
 //
-// Threads: any, after Load. Writes of one application run one at a time and hold that application's lock across the write
-// to ZooKeeper, so that memory and store agree; reads wait for no write to ZooKeeper.
+// Threads: any, after Load. Writes of one application run one at a time and hold that application's lock
+// across the write to ZooKeeper, so that memory and store agree; reads wait for no write to ZooKeeper.
 
 #include "services/metadata/metadata_store.h"
 #include "services/metadata/variable.h"
@@ -40,8 +40,8 @@ class MetadataState {
                          std::string& bmId) const;
   std::uint32_t RemoveApplication(const std::string& application);
 
-  /// \param alive false: its process says farewell. Only an application that is registered counts: a late heartbeat does not
-  /// bring back one that has ended.
+  /// \param alive false: its process says farewell. Only an application that is registered counts: a late
+  /// heartbeat does not bring back one that has ended.
   std::uint32_t HeartBeat(const std::string& application, bool alive = true);
   /// Moves every silence: the service itself stood still for `gap` and cannot know who was silent meanwhile.
   void Forgive(std::chrono::steady_clock::duration gap);

@@ -311,8 +311,8 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
     // Nobody holds blocks of it. Pieces of a list that was never completed go with it.
     return DeleteRecords(variable.path);
   }
-  // The record stays, marked, until its node has freed the blocks that it lists: the header alone is read again, so the
-  // first piece has to stay behind it.
+  // The record stays, marked, until its node has freed the blocks that it lists: the header alone is read
+  // again, so the first piece has to stay behind it.
   std::string text;
   if (const int result = zookeeper::Get(variable.path, text); result != ZOK) {
     return StoreFailure(result, "read " + variable.path);
@@ -337,8 +337,9 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
 }
 
 std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
-  // In one step the application is marked and every node is told; then the records go. A leader that ends in between
-  // leaves the mark, by which its successor completes the removal; until then nobody can register the name anew.
+  // In one step the application is marked and every node is told; then the records go. A leader that ends in
+  // between leaves the mark, by which its successor completes the removal; until then nobody can register the
+  // name anew.
   const std::string path = AppPath(application);
   Transaction transaction;
   transaction.Check(kEpochPath, mEpoch);
@@ -375,7 +376,8 @@ std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {
 }
 
 std::uint32_t MetadataStore::DeleteRecordsOnce(const std::string& path, bool& grown) {
-  // Batch by batch under the epoch, children first: a successor may already have made an application of this name anew.
+  // Batch by batch under the epoch, children first: a successor may already have made an application of this
+  // name anew.
   std::vector<std::string> children;
   const int listed = zookeeper::Children(path, children);
   if (listed == ZNONODE) {

@@ -1,10 +1,11 @@
 #pragma once
 
-// Where the metadata service keeps what it has acknowledged: in ZooKeeper, so that the next leader serves the same.
+// Where the metadata service keeps what it has acknowledged: in ZooKeeper, so that the next leader serves the
+// same.
 //
-// A leadership begins with Open, which raises the version of /vyn/epoch. Every write of the leadership is one transaction
-// that checks this version, so a leader that has been deposed without knowing it cannot overwrite what its successor
-// wrote: its writes give kStatusDeposed.
+// A leadership begins with Open, which raises the version of /vyn/epoch. Every write of the leadership is one
+// transaction that checks this version, so a leader that has been deposed without knowing it cannot overwrite
+// what its successor wrote: its writes give kStatusDeposed.
 //
 // Threads: any, after Open. The caller keeps the writes of one application in order.
 
@@ -25,11 +26,12 @@ class Transaction;
 
 class MetadataStore {
  public:
-  /// The leadership is over: another leader has taken over, or ZooKeeper did not say what became of a write, so that only
-  /// reading everything anew can tell. Clients take it for a lost connection: they look the leader up and try again.
+  /// The leadership is over: another leader has taken over, or ZooKeeper did not say what became of a write,
+  /// so that only reading everything anew can tell. Clients take it for a lost connection: they look the
+  /// leader up and try again.
   static const std::uint32_t kStatusDeposed;
-  /// ZooKeeper did not answer a question, and nothing was written. The leadership goes on; to clients it looks like
-  /// kStatusDeposed.
+  /// ZooKeeper did not answer a question, and nothing was written. The leadership goes on; to clients it
+  /// looks like kStatusDeposed.
   static constexpr std::uint32_t kStatusUnanswered = 2140029;
   /// The most blocks that a variable can have: their list fits into one frame of a reply.
   static constexpr std::uint32_t kMaxBlocks = 500000;
@@ -43,10 +45,11 @@ class MetadataStore {
   std::uint32_t MarkHeartbeat(const std::string& application);
   /// Makes a variable without blocks. Fills `variable.path`.
   std::uint32_t AddVariable(const std::string& application, Variable& variable);
-  /// Writes the blocks, in place of those that were known: all or nothing. Fills `variable.pieces` and `variable.list`.
+  /// Writes the blocks, in place of those that were known: all or nothing. Fills `variable.pieces` and
+  /// `variable.list`.
   std::uint32_t SetBlocks(const std::string& application, Variable& variable);
-  /// The variable goes; its node is told to free the blocks, the others to forget it. \param entries receives what tells
-  /// them, see AwaitForgotten.
+  /// The variable goes; its node is told to free the blocks, the others to forget it. \param entries receives
+  /// what tells them, see AwaitForgotten.
   std::uint32_t RemoveVariable(const std::string& application, const Variable& variable,
                                std::vector<std::string>& entries);
   /// Waits until every live node has done what `entries` tell it, for a bounded time.
@@ -63,7 +66,8 @@ class MetadataStore {
   std::uint32_t RaiseEpoch();
   std::uint32_t LoadApplication(const std::string& name, Application& application);
   std::uint32_t LoadVariable(const std::string& path, Variable& variable, bool& deleted);
-  /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is one.
+  /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is
+  /// one.
   std::uint32_t TellNodes(zookeeper::Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
                           bool& ownerTold, std::vector<std::string>* entries = nullptr);
   std::uint32_t DeleteRecords(const std::string& path);

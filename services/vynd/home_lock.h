@@ -1,6 +1,7 @@
 #pragma once
 
-// One daemon a home: the lock on <home>/run/vynd.lock, which the kernel lets go when its holder ends, however it ends.
+// One daemon a home: the lock on <home>/run/vynd.lock, which the kernel lets go when its holder ends, however
+// it ends.
 
 #include <string>
 

@@ -51,7 +51,8 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   engine = tessel::ShuffleMetaRPCEngine::CreateInstance(
       conf->GetLong("vyn.tessel.rpc.shuffle_meta.timeout", 0), false, nullptr);
   VYN_CHECK_POINTER(engine);
-  // A leader that does not answer now is followed by the calls: only a client without a pool has to be made again.
+  // A leader that does not answer now is followed by the calls: only a client without a pool has to be made
+  // again.
   const std::uint32_t status = engine->Initialize();
   if (engine->mEnginePool == nullptr) {
     return Failed(status) ? status : kStatusNoLeader;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The daemon's own question to the metadata leader: the blocks of a variable. Connects at the first question and follows
-// the leader from there.
+// The daemon's own question to the metadata leader: the blocks of a variable. Connects at the first question
+// and follows the leader from there.
 
 #include "common/util/ref.h"
 #include "tessel/message/broadcast/broadcast_messages.h"

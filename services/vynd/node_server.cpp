@@ -161,8 +161,8 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
     return kStatusInvalidRequest;
   }
   std::uint32_t status = FixToken(request.ns, request.token);
-  // The name's earlier life is over by now, and what it has left here must not be taken for the new one's. Later its
-  // entries would end the new application.
+  // The name's earlier life is over by now, and what it has left here must not be taken for the new one's.
+  // Later its entries would end the new application.
   if (!Failed(status) && mOptions.reclaim && !mOptions.reclaim(request.ns)) {
     status = kStatusStore;
   }

@@ -2,10 +2,10 @@
 
 // The server of this node's executors: applications, block batches, the leader's address, blobs.
 //
-// An application is registered at a node when the node's pool has its namespace, so a registration outlives a restart of
-// the daemon. A variable that this node does not know is looked up at the metadata leader and remembered until it is
-// deleted. A blob is an object of the pool whose number is made from its id there, so that it is found again after a
-// restart too.
+// An application is registered at a node when the node's pool has its namespace, so a registration outlives a
+// restart of the daemon. A variable that this node does not know is looked up at the metadata leader and
+// remembered until it is deleted. A blob is an object of the pool whose number is made from its id there, so
+// that it is found again after a restart too.
 
 #include "common/util/ref.h"
 #include "platform/bmclient/node/fabric_node.h"
@@ -30,7 +30,8 @@ struct NodeServerOptions {
   std::uint16_t nodeId = 0;
   std::uint16_t port = 0;  ///< on 127.0.0.1
   rpc::ServerOptions server;
-  /// Gives back, before an application registers, what an earlier application of that name has left on this node.
+  /// Gives back, before an application registers, what an earlier application of that name has left on this
+  /// node.
   /// Returns: whether nothing is left of it.
   std::function<bool(const std::string& application)> reclaim;
   /// Asks the metadata leader for a variable. Returns: 0 or a status.

@@ -20,8 +20,8 @@ namespace vyn::services {
 namespace {
 
 constexpr std::size_t kSaltBytes = 16;
-/// The record may be made and deleted by others between two looks at it, and the removal of an earlier application of the
-/// name may be under way.
+/// The record may be made and deleted by others between two looks at it, and the removal of an earlier
+/// application of the name may be under way.
 constexpr auto kLimit = std::chrono::seconds(5);
 constexpr auto kPause = std::chrono::milliseconds(50);
 
@@ -95,7 +95,8 @@ std::uint32_t FixToken(const std::string& application, const std::string& token)
       return VYN_ERR_GENERIC;
     }
     const std::string salt = Hex(bytes.data(), bytes.size());
-    // The write comes first: it fails when the removal has begun meanwhile, and what is read after it is not older than it.
+    // The write comes first: it fails when the removal has begun meanwhile, and what is read after it is not
+    // older than it.
     zookeeper::Transaction fix;
     fix.Check(path, stat.version)
         .Create(TokenPath(application), nlohmann::json{{"salt", salt}, {"hash", Hash(salt, token)}}.dump());

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the clients of the services at the elected leader share: the first connection, following the leader and
-// the retry policy. A client describes its service in a LeaderService and adds the operations.
+// What the clients of the services at the elected leader share: the first connection, following the leader
+// and the retry policy. A client describes its service in a LeaderService and adds the operations.
 //
 // The leader's address lives in MetaNodeInfo, outside the client. Before each attempt of a call the client
 // compares it with the address that its pool points at and moves the pool when they differ; connections to

@@ -1,5 +1,5 @@
-// Bytes of a stranger to every message class: the first byte picks the class, the rest is the input. Whatever is accepted
-// must serialise, and must read back equal.
+// Bytes of a stranger to every message class: the first byte picks the class, the rest is the input. Whatever
+// is accepted must serialise, and must read back equal.
 
 #include "support/all_messages.h"
 #include "vyn/status.h"

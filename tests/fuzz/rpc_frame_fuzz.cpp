@@ -1,5 +1,6 @@
-// What both sides make of the frames that a peer sends: every frame that is handed out lies inside what was sent, has a
-// sound header, and its bytes are the peer's own. The first byte chooses the side and the size of the pieces.
+// What both sides make of the frames that a peer sends: every frame that is handed out lies inside what was
+// sent, has a sound header, and its bytes are the peer's own. The first byte chooses the side and the size of
+// the pieces.
 
 #include "platform/rpc/frame_reader.h"
 #include "support/memory_stream.h"

@@ -1,4 +1,5 @@
-// The server half of the engine on whatever a client puts into a frame: the version, then a message of the wire.
+// The server half of the engine on whatever a client puts into a frame: the version, then a message of the
+// wire.
 
 #include "common/message/heart_beat_message.h"
 #include "common/rpc/rpc_engine.h"

@@ -1,5 +1,5 @@
-// A node that stands still while it is asked: the library gives up in its own time, which is real, and the wrapper tries
-// again.
+// A node that stands still while it is asked: the library gives up in its own time, which is real, and the
+// wrapper tries again.
 
 #include "common/util/clock.h"
 #include "support/fabric.h"

@@ -1,4 +1,5 @@
-// Harm to a whole cluster under load: daemons and servers are killed and frozen while drivers write and executors read.
+// Harm to a whole cluster under load: daemons and servers are killed and frozen while drivers write and
+// executors read.
 
 #include "support/broadcast_load.h"
 

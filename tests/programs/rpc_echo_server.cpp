@@ -1,5 +1,5 @@
-// A server of the RPC layer in a process of its own: rpc_echo_server PORT. Says its port, serves until its input ends.
-// Message 1 answers with what came; message 2 never answers.
+// A server of the RPC layer in a process of its own: rpc_echo_server PORT. Says its port, serves until its
+// input ends. Message 1 answers with what came; message 2 never answers.
 
 #include "common/rpc/rpc_engine.h"
 #include "vyn/status.h"

@@ -1,5 +1,6 @@
-// A member of the election in a process of its own: zookeeper_member <url> <node> <session time-out>. It connects, and
-// then does what its standard input says, a line each, with a line as answer. It ends at the end of its input.
+// A member of the election in a process of its own: zookeeper_member <url> <node> <session time-out>. It
+// connects, and then does what its standard input says, a line each, with a line as answer. It ends at the
+// end of its input.
 
 #include "cluster/cluster_zkadapter.h"
 #include "support/cluster_test.h"

@@ -1,8 +1,9 @@
 #pragma once
 
-// A load on a cluster that checks every byte: a driver on each node that makes, fills and deletes variables, and an executor on
-// the next node that reads them, while a test does harm to daemons and servers. Calls may fail meanwhile. What must not
-// happen: a variable that was acknowledged and is lost, bytes that differ, a call without an end, a client that dies.
+// A load on a cluster that checks every byte: a driver on each node that makes, fills and deletes variables,
+// and an executor on the next node that reads them, while a test does harm to daemons and servers. Calls may
+// fail meanwhile. What must not happen: a variable that was acknowledged and is lost, bytes that differ, a
+// call without an end, a client that dies.
 
 #include "support/vynd_process.h"
 
@@ -35,8 +36,8 @@ class BroadcastLoad {
   bool Progress(std::size_t count);
   /// Lets the calls under way end.
   void Stop();
-  /// Requires: stopped, and all daemons run. Reads every variable that was acknowledged and not deleted, at every node; then
-  /// ends the applications and looks whether all memory is free again.
+  /// Requires: stopped, and all daemons run. Reads every variable that was acknowledged and not deleted, at
+  /// every node; then ends the applications and looks whether all memory is free again.
   void Finish();
   /// Returns: what must not happen and did, a line each.
   std::string Faults() const;

@@ -12,8 +12,9 @@ namespace vyn::test {
 
 class Certificates {
  public:
-  /// Files: ca.pem, other_ca.pem; server, expired and revoked, each .pem and .key; encrypted.key, the server's under the
-  /// password in password.txt; crl.pem, which revokes "revoked". The certificates name vyn-server and 127.0.0.1.
+  /// Files: ca.pem, other_ca.pem; server, expired and revoked, each .pem and .key; encrypted.key, the
+  /// server's under the password in password.txt; crl.pem, which revokes "revoked". The certificates name
+  /// vyn-server and 127.0.0.1.
   Certificates() {
     mFolder.Write("ca.cnf",
                   "[ca]\ndefault_ca=own\n[own]\ndatabase=index.txt\ndefault_md=sha256\ndefault_crl_days=2\n");

@@ -14,8 +14,8 @@ namespace vyn::test {
 class ChildProcess {
  public:
   ChildProcess() = default;
-  /// Starts `arguments[0]`, looked up in PATH. With `output` its output goes to that file and there are no pipes.
-  /// Throws std::runtime_error when it cannot be started.
+  /// Starts `arguments[0]`, looked up in PATH. With `output` its output goes to that file and there are no
+  /// pipes. Throws std::runtime_error when it cannot be started.
   explicit ChildProcess(const std::vector<std::string>& arguments, const std::string& output = "");
   ~ChildProcess();
   ChildProcess(ChildProcess&& other) noexcept;
@@ -34,7 +34,8 @@ class ChildProcess {
   void Signal(int signal) const;
   /// Kills the child, if it runs, and waits for its end.
   void Kill();
-  /// Closes its input and waits for its end. Returns: its exit code, -1 when a signal ended it or it had to be killed.
+  /// Closes its input and waits for its end. Returns: its exit code, -1 when a signal ended it or it had to
+  /// be killed.
   int Wait(std::chrono::seconds limit = std::chrono::seconds(60));
   bool Running() const { return mPid > 0; }
   pid_t Pid() const { return mPid; }

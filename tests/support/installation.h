@@ -1,7 +1,7 @@
 #pragma once
 
-// A home of this process: VYN_HOME names a folder that is removed when the process ends. The environment is read once a
-// process, so the home lasts as long.
+// A home of this process: VYN_HOME names a folder that is removed when the process ends. The environment is
+// read once a process, so the home lasts as long.
 
 #include "support/temp_dir.h"
 

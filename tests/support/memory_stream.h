@@ -13,7 +13,8 @@ namespace vyn::test {
 
 class MemoryStream : public rpc::Stream {
  public:
-  /// The first byte of `data` says how large the pieces are; the rest is what the peer sends before it closes.
+  /// The first byte of `data` says how large the pieces are; the rest is what the peer sends before it
+  /// closes.
   MemoryStream(const std::uint8_t* data, std::size_t size)
       : mPiece(size > 0 ? data[0] * std::size_t{7} + 1 : 1), mData(data, data + size) {
     mRead = std::min<std::size_t>(1, size);

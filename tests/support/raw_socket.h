@@ -1,6 +1,7 @@
 #pragma once
 
-// A TCP peer that says exactly the bytes that a test gives it. Every wait ends after kPatience with a failure.
+// A TCP peer that says exactly the bytes that a test gives it. Every wait ends after kPatience with a
+// failure.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-// Message bytes by arithmetic alone, without the flatbuffers library: a writer that lays a table out by hand and a reader
-// that finds a field through the vtable. Both work on the same description of a table's fields.
+// Message bytes by arithmetic alone, without the flatbuffers library: a writer that lays a table out by hand
+// and a reader that finds a field through the vtable. Both work on the same description of a table's fields.
 
 #include <cstdint>
 #include <initializer_list>
@@ -33,12 +33,12 @@ RawField Numbers(std::string name, unsigned voffset, unsigned width, std::vector
 RawField Tables(std::string name, unsigned voffset, std::vector<RawFields> values);
 RawField Table(std::string name, unsigned voffset, RawFields value);
 
-/// A buffer whose root is a table of these fields. Strings and vectors follow in the order of the list; the last byte of
-/// the buffer belongs to the last of them.
+/// A buffer whose root is a table of these fields. Strings and vectors follow in the order of the list; the
+/// last byte of the buffer belongs to the last of them.
 std::string RawBuffer(const RawFields& fields);
 
-/// The value in the root table's slot for `field` (name and value of `field` do not matter), as text: "absent", "7",
-/// "[1, 2]", "'text'", "['a', 'b']", "{...}".
+/// The value in the root table's slot for `field` (name and value of `field` do not matter), as text:
+/// "absent", "7", "[1, 2]", "'text'", "['a', 'b']", "{...}".
 std::string RawValue(const std::string& buffer, const RawField& field);
 /// The value of `field` itself in the same form.
 std::string RawValue(const RawField& field);

@@ -1,8 +1,8 @@
 #pragma once
 
-// What a process of the SDK meets: a home with its configuration, a libbmclient.so that follows a script, a node server and
-// a metadata service on loopback that answer what the test tells them, and for drivers a real ZooKeeper with a leader.
-// Objects of the SDK are the process's, so each test case has a process of its own.
+// What a process of the SDK meets: a home with its configuration, a libbmclient.so that follows a script, a
+// node server and a metadata service on loopback that answer what the test tells them, and for drivers a real
+// ZooKeeper with a leader. Objects of the SDK are the process's, so each test case has a process of its own.
 
 #include "cluster/cluster_zkadapter.h"
 #include "support/scripted_bmclient.h"

@@ -1,5 +1,5 @@
-// The demo's driver: broadcasts a file as one variable, inside the fabric or from outside it, or sends it to each receiver
-// over a socket of its own, as engines do without a fabric.
+// The demo's driver: broadcasts a file as one variable, inside the fabric or from outside it, or sends it to
+// each receiver over a socket of its own, as engines do without a fabric.
 
 #include "tools/demo/support.h"
 #include "vyn/broadcast.h"

@@ -1,5 +1,5 @@
-// The demo's executor: reads every block of the variable in place and computes its SHA-256; or, the old way, receives the
-// file over a socket into memory of its own.
+// The demo's executor: reads every block of the variable in place and computes its SHA-256; or, the old way,
+// receives the file over a socket into memory of its own.
 
 #include "tools/demo/support.h"
 #include "vyn/broadcast.h"

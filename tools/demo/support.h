@@ -2,8 +2,9 @@
 
 // What the demo's driver and executor share.
 //
-// Both talk to the demo in lines: JSON objects on standard output, and a line on standard input lets them end. Times are
-// seconds of the machine's monotonic clock, so that those of different processes can be compared.
+// Both talk to the demo in lines: JSON objects on standard output, and a line on standard input lets them
+// end. Times are seconds of the machine's monotonic clock, so that those of different processes can be
+// compared.
 
 #include <cstddef>
 #include <cstdint>
@@ -32,7 +33,8 @@ bool ReadArguments(const char* name, int argc, char** argv, Arguments& arguments
 
 /// Seconds of the monotonic clock.
 double Now();
-/// Memory that this process has for itself alone, in bytes: its anonymous pages, not the mapped ones of the pool.
+/// Memory that this process has for itself alone, in bytes: its anonymous pages, not the mapped ones of the
+/// pool.
 std::uint64_t PrivateMemory();
 /// Waits until the demo writes a line or closes the pipe.
 void AwaitLine();

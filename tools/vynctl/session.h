@@ -1,7 +1,7 @@
 #pragma once
 
-// How vynctl reaches a cluster: the configuration of its home, a ZooKeeper session for what it only reads, and the SDK for
-// variables.
+// How vynctl reaches a cluster: the configuration of its home, a ZooKeeper session for what it only reads,
+// and the SDK for variables.
 
 #include <cstdint>
 #include <stdexcept>

@@ -28,9 +28,9 @@ std::unique_ptr<ByteStream> ConnectLink(const std::string& host, std::uint16_t p
 
 /// The node's side of a connection that has come in by the link port. \param context null for plain links.
 /// \param deadline of the peer's first byte, and of the handshake. \param secured receives the stream under
-/// TLS, which `socket` outlives. \param error the words when the peer was refused; stays as it is when the peer
-/// just went away. Returns: the stream to serve, `socket` itself when it is plain; null when the connection is
-/// to be closed.
+/// TLS, which `socket` outlives. \param error the words when the peer was refused; stays as it is when the
+/// peer just went away. Returns: the stream to serve, `socket` itself when it is plain; null when the
+/// connection is to be closed.
 ByteStream* AcceptLink(SocketStream& socket, tls::TlsContext* context, Deadline deadline,
                        std::unique_ptr<ByteStream>& secured, std::string& error);
 

@@ -12,8 +12,8 @@ namespace vyn::bm {
 
 class TlsLink : public ByteStream {
  public:
-  /// \param socket the connected socket. \param owned the same when it is to end with this, otherwise null and
-  /// the socket outlives this. \param tls a stream over it.
+  /// \param socket the connected socket. \param owned the same when it is to end with this, otherwise null
+  /// and the socket outlives this. \param tls a stream over it.
   TlsLink(SocketStream& socket, std::unique_ptr<SocketStream> owned, std::unique_ptr<tls::Stream> tls)
       : mOwned(std::move(owned)), mSocket(socket), mTls(std::move(tls)) {}
 
@@ -33,8 +33,8 @@ class TlsLink : public ByteStream {
   /// For a step that did not complete: waits for what it wants, or tells how the stream ended.
   IoStatus After(tls::IoState state, Deadline deadline);
 
-  // The socket is closed without TLS's word of goodbye. Frames tell by themselves where they end, and a forked
-  // child that drops its parent's connections must not speak on them.
+  // The socket is closed without TLS's word of goodbye. Frames tell by themselves where they end, and a
+  // forked child that drops its parent's connections must not speak on them.
   const std::unique_ptr<SocketStream> mOwned;
   SocketStream& mSocket;
   const std::unique_ptr<tls::Stream> mTls;

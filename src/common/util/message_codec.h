@@ -235,7 +235,8 @@ std::uint32_t Encode(Class& message, Builder& builder) {
 /// The received bytes of a message, as a verified table.
 class Input {
  public:
-  /// Bytes at an address that suits no 8-byte number are copied; the transport delivers them where they are read.
+  /// Bytes at an address that suits no 8-byte number are copied; the transport delivers them where they are
+  /// read.
   explicit Input(const BaseMessage& message) : mSize(message.mInputRawDataSize) {
     const bool suits =
         reinterpret_cast<std::uintptr_t>(message.mInputRawData) % sizeof(flatbuffers::largest_scalar_t) == 0;
@@ -265,8 +266,9 @@ class Input {
   }
 
  private:
-  // What the library's verifier leaves open. The entries of a list may share their text, so that few bytes could fill all
-  // memory; an honest buffer holds every text once. And a list of 8-byte numbers is checked for its size alone.
+  // What the library's verifier leaves open. The entries of a list may share their text, so that few bytes
+  // could fill all memory; an honest buffer holds every text once. And a list of 8-byte numbers is checked
+  // for its size alone.
   template <typename Table, std::size_t... Field>
   bool Accept(const Table& root, std::index_sequence<Field...>) {
     return (Accept(root.template get_field<Field>()) && ...);

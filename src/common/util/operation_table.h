@@ -1,7 +1,7 @@
 #pragma once
 
-// The form of a service's operation table: the enumeration of its 16-bit codes and the map from each code to its
-// name, both out of one list.
+// The form of a service's operation table: the enumeration of its 16-bit codes and the map from each code to
+// its name, both out of one list.
 //
 //   #define EXAMPLE_OPERATIONS(OPERATION) OPERATION(READ, 0) OPERATION(WRITE, 1)
 //   VYN_OPERATION_TABLE(Example, gExampleNames, EXAMPLE_OPERATIONS)

@@ -44,8 +44,8 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   static Ref<ShuffleMetaRPCEngine> GetInstance();
 
   /// Learns the leader and connects to it. Returns: 0; 2000057 without configuration; 1 without leader
-  /// record; the failure of ShuffleMetaLeaderInfoGet or of InitializeEnginePool, which returns 2060007 when no
-  /// connection could be made.
+  /// record; the failure of ShuffleMetaLeaderInfoGet or of InitializeEnginePool, which returns 2060007 when
+  /// no connection could be made.
   std::uint32_t Initialize();
   /// Asks the node's server for the leader and stores it in MetaNodeInfo; without a server client does
   /// nothing. Returns: 0; 2080009 when there is no server client any more; 1 when it did not answer.

@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages of the tuning service: the history of queries with their metrics, and what is inferred from it. Their
-// tables are this system's own choice (schema/tuning.fbs). common/util/base_message.h tells how a message is used and by
-// whom.
+// The messages of the tuning service: the history of queries with their metrics, and what is inferred from
+// it. Their tables are this system's own choice (schema/tuning.fbs). common/util/base_message.h tells how a
+// message is used and by whom.
 
 #include "common/util/base_message.h"
 

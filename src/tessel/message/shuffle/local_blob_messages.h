@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages about local blobs, which the local server hands out and takes back. Their tables are this system's own
-// choice (schema/local_blob.fbs); the members that the client checks come first. common/util/base_message.h tells how a
-// message is used and by whom.
+// The messages about local blobs, which the local server hands out and takes back. Their tables are this
+// system's own choice (schema/local_blob.fbs); the members that the client checks come first.
+// common/util/base_message.h tells how a message is used and by whom.
 
 #include "common/util/base_message.h"
 

@@ -1,4 +1,5 @@
-// The frame of every message: input bytes and their owner, the builders of a thread, what is refused before any field.
+// The frame of every message: input bytes and their owner, the builders of a thread, what is refused before
+// any field.
 
 #include "common/util/base_message.h"
 

@@ -1,4 +1,5 @@
-// What messages take from the heap, and what they say when it has nothing left. This program counts every allocation.
+// What messages take from the heap, and what they say when it has nothing left. This program counts every
+// allocation.
 
 #include "schema/broadcast_generated.h"
 #include "support/captured_log.h"

@@ -222,8 +222,8 @@ TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {
   EXPECT_EQ(record.state, RecordState::kDeleted);
   EXPECT_EQ(record.blocks.bmIds, Blocks(1, 2).bmIds) << "the node still learns what to free";
 
-  // The number can be used again once the live nodes have forgotten the old variable, and no later leader takes the old
-  // record for it.
+  // The number can be used again once the live nodes have forgotten the old variable, and no later leader
+  // takes the old record for it.
   mRaw->Create("/mf/node/1", "");
   std::jthread node([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));

@@ -212,8 +212,8 @@ std::vector<Row> Rows() {
   };
 }
 
-/// The status of reading exactly these bytes: they end where readable memory ends, at an address that suits no number,
-/// as behind the head of a frame.
+/// The status of reading exactly these bytes: they end where readable memory ends, at an address that suits
+/// no number, as behind the head of a frame.
 std::uint32_t Read(BaseMessage& message, const std::string& bytes) {
   const std::unique_ptr<char[]> memory(new char[bytes.size() + 1]);
   std::copy(bytes.begin(), bytes.end(), memory.get() + 1);
@@ -297,7 +297,8 @@ TEST(MessageTables, RefuseAnAbsentRequiredField) {
       }
       const std::string bytes = RawBuffer(Without(row.fields, absent));
       const auto message = row.fresh();
-      // A blob request without identity is the one message that cannot be written; besides, it has an empty text.
+      // A blob request without identity is the one message that cannot be written; besides, it has an empty
+      // text.
       const std::string before =
           Failed(message->Serialize()) ? RawBuffer({Text("ns", 6, "")}) : Written(*message);
       log.Clear();

@@ -1,5 +1,5 @@
-// Applications: registration with the node-local server, the end of an application, and the nodes on which a driver
-// outside the fabric may place blocks. The registration functions run one at a time (sdk_state.h).
+// Applications: registration with the node-local server, the end of an application, and the nodes on which a
+// driver outside the fabric may place blocks. The registration functions run one at a time (sdk_state.h).
 
 #include "common/util/system.h"
 #include "tessel/message/broadcast/broadcast_messages.h"

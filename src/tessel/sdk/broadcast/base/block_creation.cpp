@@ -1,5 +1,6 @@
-// The blocks of a variable, created once by the driver: by the node-local server on a node of the fabric, or straight
-// through the big-memory client on a chosen node. Both end in an entry of the table and a record at the metadata service.
+// The blocks of a variable, created once by the driver: by the node-local server on a node of the fabric, or
+// straight through the big-memory client on a chosen node. Both end in an entry of the table and a record at
+// the metadata service.
 
 #include "common/util/clock.h"
 #include "common/util/network.h"

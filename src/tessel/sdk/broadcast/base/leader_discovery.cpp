@@ -1,5 +1,6 @@
-// How a starting process learns which node holds the metadata leader: a driver reads it from ZooKeeper and keeps a watch
-// on it, an executor asks the server of its own node. These run once, under the claim of initialisation.
+// How a starting process learns which node holds the metadata leader: a driver reads it from ZooKeeper and
+// keeps a watch on it, an executor asks the server of its own node. These run once, under the claim of
+// initialisation.
 
 #include "tessel/sdk/broadcast/base/leader_discovery.h"
 

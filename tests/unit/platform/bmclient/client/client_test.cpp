@@ -27,8 +27,8 @@ std::string Text(std::size_t length, unsigned seed = 0) {
   return text;
 }
 
-/// The ways to an object: through the file of the own node, through the own node to another one, over a link, over a
-/// link under TLS.
+/// The ways to an object: through the file of the own node, through the own node to another one, over a link,
+/// over a link under TLS.
 enum class Way { kOwnNode, kForwarded, kLink, kTlsLink };
 
 class ClientTest : public testing::TestWithParam<Way> {

@@ -85,8 +85,8 @@ TEST_F(HeartBeatTest, ASenderBeatsTwiceAtOnceThenInItsPeriodAndSaysFarewell) {
   const auto message = test::ReadAs<HeartBeatMessage>(beats[0].body);
   EXPECT_EQ(std::tie(message->ns, message->processType, message->processName, message->content),
             std::make_tuple("app", 0, "driver", "content"));
-  // The first two leave at once, each later one a period behind the end of the call before it. The stop may find
-  // the sender behind the start of its last wait or before it.
+  // The first two leave at once, each later one a period behind the end of the call before it. The stop may
+  // find the sender behind the start of its last wait or before it.
   for (const auto wait : clock.Waits()) {
     EXPECT_EQ(wait, seconds(2));
   }
