@@ -83,6 +83,20 @@ int Write(const std::atomic<ULog*>& place, int level, const char* prefix, const 
   return 0;
 }
 
+/// A text in one line: what an audit line says came from clients, and must not look like a line of its own.
+std::string InOneLine(const char* text) {
+  std::string line;
+  for (; *text != '\0'; ++text) {
+    const auto byte = static_cast<unsigned char>(*text);
+    if (byte < 0x20 || byte == 0x7f) {
+      line += fmt::format("\\x{:02x}", byte);
+    } else {
+      line += *text;
+    }
+  }
+  return line;
+}
+
 }  // namespace
 
 }  // namespace vyn::utilities::log
@@ -122,7 +136,7 @@ int ULOG_LogMessage(int level, const char* prefix, const char* message) {
 }
 
 int ULOG_AuditLogMessage(int level, const char* prefix, const char* message) {
-  return Write(gAuditLogger, level, prefix, message);
+  return Write(gAuditLogger, level, prefix, message == nullptr ? nullptr : InOneLine(message).c_str());
 }
 
 const char* ULOG_GetLastErrorMessage() { return gLastError.c_str(); }

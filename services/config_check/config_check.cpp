@@ -83,6 +83,16 @@ class Check {
     }
   }
 
+  /// What the file turns on.
+  ConfigFeatures Features() const {
+    ConfigFeatures features;
+    features.authentication = mStore->GetBool("vyn.tessel.rpc.enableAuthentication", true);
+    features.tls = mStore->GetBool("vyn.tessel.rpc.enableTLS", true);
+    features.authorization = mStore->GetBool("vyn.tessel.rpc.enableAuthorization", true);
+    features.zookeeperSecurity = mStore->GetBool("vyn.zookeeper.security.enable", true);
+    return features;
+  }
+
   std::vector<ConfigComplaint> Finish(const ConfigFeatures& features) {
     std::set<std::string> told;  // a rule of several features complains once for each
     for (const std::string& text : mStore->Validate(features.authentication, features.tls,
@@ -160,9 +170,8 @@ std::string Printable(const std::string& text) {
   return out;
 }
 
-}  // namespace
-
-std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features) {
+/// \param asItIs whether the file's own features count too.
+std::vector<ConfigComplaint> CheckFile(const std::string& file, ConfigFeatures features, bool asItIs) {
   std::error_code ignored;
   if (file.size() >= kMaxPath) {
     return {{file.substr(0, 40) + "...", 0, "", "the path has more than 4095 characters"}};
@@ -180,11 +189,28 @@ std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFe
   for (std::string line; std::getline(input, line);) {
     check.Line(++number, line);
   }
+  if (asItIs) {
+    const ConfigFeatures own = check.Features();
+    features.authentication = features.authentication || own.authentication;
+    features.tls = features.tls || own.tls;
+    features.authorization = features.authorization || own.authorization;
+    features.zookeeperSecurity = features.zookeeperSecurity || own.zookeeperSecurity;
+  }
   auto complaints = check.Finish(features);
   if (input.bad()) {
     complaints.push_back({file, 0, "", "cannot be read to its end"});
   }
   return complaints;
+}
+
+}  // namespace
+
+std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features) {
+  return CheckFile(file, features, false);
+}
+
+std::vector<ConfigComplaint> CheckConfigAsItIs(const std::string& file, const ConfigFeatures& more) {
+  return CheckFile(file, more, true);
 }
 
 bool AnyRefusal(const std::vector<ConfigComplaint>& complaints) {

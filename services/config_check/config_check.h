@@ -32,6 +32,10 @@ struct ConfigComplaint {
 /// is fine. Touches nothing outside: the process's own configuration stays as it is.
 std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features);
 
+/// The same for the features that the file itself turns on; a switch that it does not name is on.
+/// \param more on whatever the file says.
+std::vector<ConfigComplaint> CheckConfigAsItIs(const std::string& file, const ConfigFeatures& more = {});
+
 /// Returns: whether there is a complaint that is no warning.
 bool AnyRefusal(const std::vector<ConfigComplaint>& complaints);
 

@@ -10,14 +10,20 @@
 #include "platform/zk_helper/zk_helper.h"
 #include "services/config_check/config_check.h"
 
+#include <thread>
+
 namespace vyn::services {
 
 namespace {
 
-/// Milliseconds that running calls get to answer when the daemon ends.
-constexpr std::int64_t kStopTimeout = 3000;
+/// Milliseconds that running calls get to answer when the daemon ends. With the rest of the end it stays below main()'s limit.
+constexpr std::int64_t kStopTimeout = 2000;
+/// What the ensemble may need beyond the session time-out to see that a session has gone.
+constexpr auto kSessionSlack = std::chrono::seconds(10);
 /// How long the start waits for a metadata leader.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
+/// Drivers outside the fabric take "ip:port" apart with signed 16-bit ports.
+constexpr std::uint16_t kHighestOutsidePort = 32767;
 /// Calls may wait for ZooKeeper or for the metadata leader, and must not keep the others from being answered.
 constexpr unsigned int kWorkerThreads = 32;
 /// The release that this daemon belongs to, and how its processor is called in the installation tree.
@@ -32,7 +38,7 @@ Daemon::Daemon(Options options) : mOptions(std::move(options)) {}
 
 Daemon::~Daemon() { Stop(); }
 
-bool Daemon::Start(std::vector<std::string>& errors) {
+bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>& stopping) {
   std::string error;
   if (!PrepareProcess(errors)) {
     return false;
@@ -46,6 +52,9 @@ bool Daemon::Start(std::vector<std::string>& errors) {
   if (!mLock.Take(mHome, error) || !StartLog(error)) {
     errors.push_back(error);
     return false;
+  }
+  for (const std::string& warning : mWarnings) {
+    VYN_LOG_WARN(warning);
   }
   if (Failed(common::BaseApiUtil::SetOpensslDLPath(Conf()))) {
     error = common::LastErrorText();
@@ -61,6 +70,14 @@ bool Daemon::Start(std::vector<std::string>& errors) {
   member.service.server = ServerSettings();
   mMember = std::make_unique<MetadataMember>(std::move(member));
   if (!StartFabric(error) || !ConnectZooKeeper(error)) {
+    return fail();
+  }
+  NodeIdentity identity{mOptions.nodeId, mOptions.address, mOptions.hostName, mFabric.LinkPort(),
+                        mOptions.takeOver};
+  identity.claimLimit =
+      std::chrono::milliseconds(Conf()->GetInt("vyn.zookeeper.session.timeout", 30000)) + kSessionSlack;
+  mRegistry = std::make_unique<NodeRegistry>(std::move(identity), mFabric);
+  if (!mRegistry->Claim(error)) {  // before anything that is this id's is touched
     return fail();
   }
   mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
@@ -83,8 +100,6 @@ bool Daemon::Start(std::vector<std::string>& errors) {
     return mMetadataClient.LookUp(application, id, info);
   };
   mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
-  mRegistry = std::make_unique<NodeRegistry>(
-      NodeIdentity{mOptions.nodeId, mOptions.address, mOptions.hostName, mFabric.LinkPort()}, mFabric);
   if (!mRegistry->Start(error) || !mNodeServer->Start(error)) {
     return fail();
   }
@@ -94,7 +109,7 @@ bool Daemon::Start(std::vector<std::string>& errors) {
     return fail();
   }
   // Ready is a node whose clients find the metadata service; the first node of a cluster may be up before those that lead.
-  if (AwaitLeader(kLeaderLimit, [] { return true; }).empty()) {
+  if (AwaitLeader(kLeaderLimit, [&] { return !stopping(); }).empty()) {
     VYN_LOG_WARN("No metadata leader is known yet");
   }
   VYN_LOG_INFO("vynd serves node " << mOptions.nodeId << " at " << mOptions.address << ", pool "
@@ -103,15 +118,19 @@ bool Daemon::Start(std::vector<std::string>& errors) {
 }
 
 void Daemon::Stop() {
-  // Nobody is sent here any more, then the leadership goes, then the calls end, and the pages come last.
-  if (mRegistry != nullptr) {
-    mRegistry->Stop();
-  }
-  if (mMember != nullptr) {
-    mMember->Stop();
-  }
-  if (mNodeServer != nullptr) {
-    mNodeServer->Stop();
+  // All at once: while ZooKeeper does not answer, only what asks it waits, and the calls under way still get their
+  // answers. The pages come last.
+  std::vector<std::thread> ends;
+  const auto end = [&](auto& part) {
+    if (part != nullptr) {
+      ends.emplace_back([&part] { part->Stop(); });
+    }
+  };
+  end(mRegistry);
+  end(mMember);
+  end(mNodeServer);
+  for (std::thread& thread : ends) {
+    thread.join();
   }
   if (mReclaimer != nullptr) {
     mReclaimer->Stop();
@@ -127,7 +146,7 @@ void Daemon::Stop() {
 
 bool Daemon::PrepareProcess(std::vector<std::string>& errors) {
   if (Failed(common::FileUtil::RealPathNoLog(mOptions.home, mHome))) {
-    errors.push_back("the home " + mOptions.home + " cannot be resolved");
+    errors.push_back("the home '" + mOptions.home + "' cannot be resolved");
     return false;
   }
   if (Failed(common::BaseApiUtil::SetVynEnv(mHome.c_str(), kRelease, kBinaryType)) ||
@@ -136,28 +155,21 @@ bool Daemon::PrepareProcess(std::vector<std::string>& errors) {
     return false;
   }
   const std::string path = mHome + "/conf/vyn.conf";
-  const auto complain = [&](const ConfigFeatures& features) {
-    for (const ConfigComplaint& complaint : CheckConfig(path, features)) {
-      if (!complaint.warning) {
-        errors.push_back(ToLine(complaint));
-      }
-    }
-    return !errors.empty();
-  };
-  if (complain({})) {
+  const auto complaints = CheckConfigAsItIs(path);
+  const bool refused = AnyRefusal(complaints);
+  for (const ConfigComplaint& complaint : complaints) {
+    (refused ? errors : mWarnings).push_back(ToLine(complaint));
+  }
+  if (refused) {
     return false;
   }
   if (common::Configuration::GetInstance(path) == nullptr) {
     errors.push_back(path + " cannot be loaded");
     return false;
   }
-  ConfigFeatures features;
-  features.authentication = Conf()->GetBool("vyn.tessel.rpc.enableAuthentication", true);
-  features.tls = Conf()->GetBool("vyn.tessel.rpc.enableTLS", true);
-  features.authorization = Conf()->GetBool("vyn.tessel.rpc.enableAuthorization", true);
-  features.zookeeperSecurity = Conf()->GetBool("vyn.zookeeper.security.enable", true);
-  if (complain(features)) {
-    return false;
+  if (LinkPort() > kHighestOutsidePort) {
+    mWarnings.push_back("Drivers outside the fabric cannot reach link port " + std::to_string(LinkPort()) +
+                        ", they take ports up to " + std::to_string(kHighestOutsidePort));
   }
   common::RpcSetter::DefaultSetting(Conf());
   return true;
@@ -186,9 +198,7 @@ bool Daemon::StartFabric(std::string& error) {
   options.capacity = mOptions.poolSize;
   options.nodeId = mOptions.nodeId;
   options.listenAddress = mOptions.address;
-  options.linkPort = mOptions.linkPort != 0
-                         ? mOptions.linkPort
-                         : static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.manager.port", 3899));
+  options.linkPort = LinkPort();
   options.linkTls = Conf()->GetBool("vyn.tessel.rpc.enableTLS", true);
   if (options.linkTls) {
     auto conf = Conf();
@@ -221,6 +231,12 @@ bool Daemon::ConnectZooKeeper(std::string& error) {
     return false;
   }
   return true;
+}
+
+std::uint16_t Daemon::LinkPort() const {
+  return mOptions.linkPort != 0
+             ? mOptions.linkPort
+             : static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.manager.port", 3899));
 }
 
 rpc::ServerOptions Daemon::ServerSettings() {

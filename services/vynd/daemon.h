@@ -11,6 +11,7 @@
 #include "services/vynd/options.h"
 #include "services/vynd/reclaimer.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,9 +26,11 @@ class Daemon {
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
+  /// \param stopping ends the waits of the start early; Stop has to follow.
   /// Returns: whether everything serves; otherwise `errors` tells, one complaint a line, and nothing runs.
-  bool Start(std::vector<std::string>& errors);
-  /// Gives the leadership up, lets running calls answer, closes everything. Objects stay in the pool.
+  bool Start(std::vector<std::string>& errors, const std::function<bool()>& stopping);
+  /// Leaves the cluster's tree, gives the leadership up and lets running calls answer, all at once; then closes
+  /// everything. Objects stay in the pool.
   void Stop();
 
  private:
@@ -35,10 +38,12 @@ class Daemon {
   bool StartLog(std::string& error);
   bool StartFabric(std::string& error);
   bool ConnectZooKeeper(std::string& error);
+  std::uint16_t LinkPort() const;
   rpc::ServerOptions ServerSettings();
 
   Options mOptions;
   std::string mHome;
+  std::vector<std::string> mWarnings;  ///< of the configuration
   HomeLock mLock;
   bm::FabricNode mFabric;
   MetadataClient mMetadataClient;

@@ -30,11 +30,15 @@ bool HomeLock::Take(const std::string& home, std::string& error) {
     return false;
   }
   if (flock(mDescriptor, LOCK_EX | LOCK_NB) != 0) {
-    std::array<char, 32> holder{};
-    const ssize_t length = pread(mDescriptor, holder.data(), holder.size() - 1, 0);
-    error = "a vynd runs on " + home + " already";
-    if (length > 0) {
-      error += ", process " + std::string(holder.data(), std::strcspn(holder.data(), "\n"));
+    if (errno == EWOULDBLOCK) {
+      std::array<char, 32> holder{};
+      const ssize_t length = pread(mDescriptor, holder.data(), holder.size() - 1, 0);
+      error = "a vynd runs on " + home + " already";
+      if (length > 0) {
+        error += ", process " + std::string(holder.data(), std::strcspn(holder.data(), "\n"));
+      }
+    } else {
+      error = "cannot lock " + path + ": " + std::strerror(errno);
     }
     close(mDescriptor);
     mDescriptor = -1;

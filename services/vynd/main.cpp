@@ -2,6 +2,7 @@
 
 #include "common/util/clock.h"
 #include "services/vynd/daemon.h"
+#include "services/vynd/supervisor.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -60,18 +61,26 @@ int main(int argc, char** argv) {
 
   Daemon daemon(options);
   std::vector<std::string> errors;
-  if (!daemon.Start(errors)) {
+  const auto stopping = [] {
+    std::lock_guard lock(ending.mutex);
+    return ending.wanted;
+  };
+  if (!daemon.Start(errors, stopping)) {
     for (const std::string& error : errors) {
       std::fprintf(stderr, "vynd: %s\n", error.c_str());
     }
     return 1;
   }
-  std::printf("READY\n");
-  std::fflush(stdout);
+  if (!stopping()) {
+    std::printf("READY\n");
+    std::fflush(stdout);
+    TellSupervisor("READY=1");
+  }
   {
     std::unique_lock lock(ending.mutex);
     ending.changed.wait(lock, [] { return ending.wanted; });
   }
+  TellSupervisor("STOPPING=1");
   daemon.Stop();
   return 0;
 }

@@ -1,10 +1,12 @@
 #include "services/vynd/node_registry.h"
 
+#include "common/util/clock.h"
 #include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -15,6 +17,7 @@ namespace vyn::services {
 namespace {
 
 constexpr auto kPeriod = std::chrono::seconds(1);
+constexpr auto kClaimPause = std::chrono::milliseconds(200);
 constexpr const char* kFabricRoot = "/mf";
 constexpr const char* kFabricNodes = "/mf/node";
 constexpr const char* kFabricCapacities = "/mf/capacity";
@@ -67,8 +70,37 @@ NodeRegistry::NodeRegistry(NodeIdentity identity, const bm::FabricNode& fabric)
 
 NodeRegistry::~NodeRegistry() { Stop(); }
 
+bool NodeRegistry::Claim(std::string& error) {
+  if (!MakeTree(error) || !CheckKnownAddress(error)) {
+    return false;
+  }
+  const auto end = common::SteadyNow() + mIdentity.claimLimit;
+  Published published = PublishIdentity(error);
+  while (published == Published::kUndecided && common::SteadyNow() < end) {
+    common::SleepFor(kClaimPause);
+    published = PublishIdentity(error);
+  }
+  if (published != Published::kDone) {
+    return false;
+  }
+  // From here on the id is this node's.
+  const std::string path = NodePath(mIdentity.nodeId);
+  const std::string record = nlohmann::json{{"host", mIdentity.hostName}, {"ip", mIdentity.address}}.dump();
+  int result = zookeeper::Ensure(path, record);
+  if (result == ZOK) {
+    result = zookeeper::Set(path, record);
+  }
+  if (result == ZOK) {
+    result = zookeeper::Ensure(ReclaimPath(mIdentity.nodeId));
+  }
+  if (result != ZOK) {
+    error = "cannot write " + path + ", zookeeper get error: " + zookeeper::ResultText(result);
+  }
+  return result == ZOK;
+}
+
 bool NodeRegistry::Start(std::string& error) {
-  if (!Publish(error)) {
+  if (!PublishCapacity(error)) {
     return false;
   }
   mThread = std::thread([this] { Run(); });
@@ -94,8 +126,40 @@ void NodeRegistry::Stop() {
   }
 }
 
-bool NodeRegistry::PublishEphemeral(const std::string& path, const std::string& record, bool identity,
-                                    std::string& error) {
+bool NodeRegistry::MakeTree(std::string& error) {
+  for (const char* path :
+       {kFabricRoot, kFabricNodes, kFabricCapacities, kVynRoot, kNodesPath, kReclaimPath}) {
+    if (const int result = zookeeper::Ensure(path); result != ZOK) {
+      error = std::string("cannot make ") + path + ", zookeeper get error: " + zookeeper::ResultText(result);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool NodeRegistry::CheckKnownAddress(std::string& error) {
+  const std::string path = NodePath(mIdentity.nodeId);
+  std::string text;
+  const int result = zookeeper::Get(path, text);
+  if (result != ZOK) {
+    error = "cannot read " + path + ", zookeeper get error: " + zookeeper::ResultText(result);
+    return result == ZNONODE;
+  }
+  const auto known = nlohmann::json::parse(text, nullptr, false);
+  const auto ip = known.is_object() ? known.find("ip") : known.end();
+  if (!known.is_object() || ip == known.end() || !ip->is_string() || *ip == mIdentity.address ||
+      mIdentity.takeOver || mFabric.Stats().objects != 0) {
+    return true;  // objects carry the id: a pool with some has moved with its node
+  }
+  error = "node id " + std::to_string(mIdentity.nodeId) + " is known at " + ip->get<std::string>() +
+          " and this pool is empty; when that node is gone for good or has moved here, start once with "
+          "--take-over";
+  return false;
+}
+
+NodeRegistry::Published NodeRegistry::PublishEphemeral(
+    const std::string& path, const std::string& record,
+    const std::function<Published(const std::string& present)>& judge, std::string& error) {
   int result = ZOK;
   for (int attempt = 0; attempt < 3; ++attempt) {
     std::string present;
@@ -104,63 +168,54 @@ bool NodeRegistry::PublishEphemeral(const std::string& path, const std::string& 
     if (result == ZOK && zookeeper::IsOwn(stat)) {
       result = present == record ? ZOK : zookeeper::Set(path, record);
       if (result == ZOK) {
-        return true;
+        return Published::kDone;
       }
       continue;
     }
     if (result == ZOK) {
-      // Of an earlier session: our own before a restart, or another node with this id.
-      if (identity && present != record) {
-        error = "node id " + std::to_string(mIdentity.nodeId) +
-                " belongs to a node at another address, see " + path;
-        return false;
+      if (const Published judged = judge(present); judged != Published::kDone) {
+        return judged;
       }
       result = zookeeper::Delete(path, stat.version);
     }
     if (result == ZOK || result == ZNONODE) {
       result = zookeeper::Create(path, record, true);
       if (result == ZOK) {
-        return true;
+        return Published::kDone;
       }
     }
   }
   error = "cannot publish " + path + ", zookeeper get error: " + zookeeper::ResultText(result);
-  return false;
+  return Published::kFailed;
 }
 
-bool NodeRegistry::Publish(std::string& error) {
-  const std::string persistent =
-      nlohmann::json{{"host", mIdentity.hostName}, {"ip", mIdentity.address}}.dump();
-  const std::array<std::pair<std::string, std::string>, 8> tree{{{kFabricRoot, ""},
-                                                                 {kFabricNodes, ""},
-                                                                 {kFabricCapacities, ""},
-                                                                 {kVynRoot, ""},
-                                                                 {kNodesPath, ""},
-                                                                 {kReclaimPath, ""},
-                                                                 {NodePath(mIdentity.nodeId), persistent},
-                                                                 {ReclaimPath(mIdentity.nodeId), ""}}};
-  for (const auto& [path, value] : tree) {
-    if (const int result = zookeeper::Ensure(path, value); result != ZOK) {
-      error = "cannot make " + path + ", zookeeper get error: " + zookeeper::ResultText(result);
-      return false;
-    }
-  }
-  if (const int result = zookeeper::Set(NodePath(mIdentity.nodeId), persistent); result != ZOK) {
-    error = "cannot write " + NodePath(mIdentity.nodeId) +
-            ", zookeeper get error: " + zookeeper::ResultText(result);
-    return false;
-  }
-  return PublishEphemerals(error);
-}
-
-bool NodeRegistry::PublishEphemerals(std::string& error) {
+NodeRegistry::Published NodeRegistry::PublishIdentity(std::string& error) {
   NodeRecord record;
   record.linkPort = mIdentity.linkPort;
   CopyText(mIdentity.address, record.ip);
   CopyText(mIdentity.hostName, record.hostName);
-  const std::string id = std::to_string(mIdentity.nodeId);
-  return PublishEphemeral(std::string(kFabricNodes) + "/" + id, Bytes(record), true, error) &&
-         PublishEphemeral(std::string(kFabricCapacities) + "/" + id, CapacityBytes(mFabric), false, error);
+  const std::string path = std::string(kFabricNodes) + "/" + std::to_string(mIdentity.nodeId);
+  return PublishEphemeral(
+      path, Bytes(record),
+      [&](const std::string& present) {
+        NodeRecord other;
+        std::memcpy(&other, present.data(), std::min(present.size(), sizeof(other)));
+        other.ip.back() = '\0';
+        const bool sameAddress = mIdentity.address == other.ip.data();
+        if (sameAddress && other.linkPort == mIdentity.linkPort) {
+          return Published::kDone;
+        }
+        error = "node id " + std::to_string(mIdentity.nodeId) + " belongs to a node at " + other.ip.data() +
+                ", link port " + std::to_string(other.linkPort) + ", see " + path;
+        return sameAddress ? Published::kUndecided : Published::kForeign;
+      },
+      error);
+}
+
+bool NodeRegistry::PublishCapacity(std::string& error) {
+  return PublishEphemeral(
+             std::string(kFabricCapacities) + "/" + std::to_string(mIdentity.nodeId), CapacityBytes(mFabric),
+             [](const std::string&) { return Published::kDone; }, error) == Published::kDone;
 }
 
 void NodeRegistry::Run() {
@@ -172,16 +227,24 @@ void NodeRegistry::Run() {
         return;
       }
     }
-    // Also after a new session: what is missing is made again.
-    std::string error;
-    const bool now = PublishEphemerals(error);
-    if (!now && published) {
-      VYN_LOG_WARN("This node is not in the cluster's tree: " << error);
-    } else if (now && !published) {
-      VYN_LOG_INFO("This node is in the cluster's tree again");
+    try {
+      Keep(published);
+    } catch (const std::exception& failure) {  // no memory: the next round may have some
+      VYN_LOG_ERROR("This node's records could not be kept: " << failure.what());
     }
-    published = now;
   }
+}
+
+void NodeRegistry::Keep(bool& published) {
+  // Also after a new session: what is missing is made again.
+  std::string error;
+  const bool now = PublishIdentity(error) == Published::kDone && PublishCapacity(error);
+  if (!now && published) {
+    VYN_LOG_WARN("This node is not in the cluster's tree: " << error);
+  } else if (now && !published) {
+    VYN_LOG_INFO("This node is in the cluster's tree again");
+  }
+  published = now;
 }
 
 }  // namespace vyn::services

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 namespace vyn::services {
 
@@ -16,6 +17,18 @@ std::string CheckAddress(const std::string& text) {
                                                          : "'" + text + "' is no IPv4 address";
 }
 
+/// Empty for a name that the node's record in ZooKeeper can hold and that every list and log can show.
+std::string CheckHostName(const std::string& text) {
+  constexpr std::size_t kLongest = 63;
+  const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '.' || c == '_';
+  });
+  return plain && !text.empty() && text.size() <= kLongest
+             ? std::string()
+             : "a host name has 1 to 63 letters, digits, '-', '.' and '_'";
+}
+
 }  // namespace
 
 bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
@@ -25,7 +38,7 @@ bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
       "executors and, while it leads, the metadata service. One a node. Prints READY when it serves; SIGTERM "
       "ends it.",
       "vynd"};
-  app.set_version_flag("--version", "vynd 2.0.0");
+  app.set_version_flag("--version", std::string("vynd ") + VYN_PROJECT_VERSION);
   long applicationSeconds = 60;
   options.hostName = common::VynGetHostname();
   options.poolSize = std::uint64_t{1} << 30;
@@ -46,15 +59,22 @@ bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
                  "bytes that the pool may take, with a suffix like 512M or 64G")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();
-  app.add_option(
-      "--link-port", options.linkPort,
-      "port for the other nodes and for drivers outside the fabric (default vyn.tessel.rpc.manager.port)");
+  app.add_option("--link-port", options.linkPort,
+                 "port for the other nodes and for drivers outside the fabric, which reach 1 to 32767 "
+                 "(default vyn.tessel.rpc.manager.port)")
+      ->check(CLI::Range(1, 65535));
   app.add_option("--app-timeout", applicationSeconds,
                  "seconds after which an application that sent heartbeats and fell silent is removed")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
+  app.add_flag("--take-over", options.takeOver,
+               "take this node id over from another address: that node is gone for good, or has moved here");
   try {
     app.parse(argc, argv);
+    // Here, because the default, this machine's own name, is to pass too.
+    if (const std::string complaint = CheckHostName(options.hostName); !complaint.empty()) {
+      throw CLI::ValidationError("--host-name", complaint);
+    }
   } catch (const CLI::ParseError& error) {
     exitCode = app.exit(error) == 0 ? 0 : 2;
     return false;

@@ -17,6 +17,7 @@ struct Options {
   std::uint64_t poolSize = 0;  ///< bytes
   std::uint16_t linkPort = 0;  ///< 0: vyn.tessel.rpc.manager.port
   std::chrono::milliseconds applicationTimeout{0};
+  bool takeOver = false;  ///< the node of this id at another address will not come back
 };
 
 /// Reads the command line. Returns: true; false when the process has to end with `exitCode` (help and version were

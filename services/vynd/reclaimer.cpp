@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <exception>
 #include <vector>
 
 namespace vyn::services {
@@ -40,7 +41,11 @@ void Reclaimer::Stop() {
 
 void Reclaimer::Run() {
   for (;;) {
-    Drain();
+    try {
+      Drain();
+    } catch (const std::exception& failure) {  // no memory: the next round may have some
+      VYN_LOG_ERROR("This node's list could not be worked off: " << failure.what());
+    }
     std::unique_lock lock(mMutex);
     if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
       return;
@@ -74,17 +79,19 @@ bool Reclaimer::Drain(const std::string& application) {
     if (!application.empty() && entry.application != application) {
       continue;
     }
-    if (!Handle(entry)) {
-      done = false;
+    const Outcome outcome = Handle(entry);
+    if (outcome != Outcome::kDone) {
+      done = done && outcome == Outcome::kKept;
       continue;
     }
+    mTold.erase(entry.variablePath);
     const int deleted = zookeeper::Delete(path);
     done = done && (deleted == ZOK || deleted == ZNONODE);
   }
   return done;
 }
 
-bool Reclaimer::Handle(const ReclaimEntry& entry) {
+Reclaimer::Outcome Reclaimer::Handle(const ReclaimEntry& entry) {
   if (mForget) {
     mForget(entry);
   }
@@ -92,23 +99,35 @@ bool Reclaimer::Handle(const ReclaimEntry& entry) {
     const int result = mFabric.DestroyNamespace(entry.application);
     VYN_LOG_INFO("Application " << entry.application << " has ended, its memory on this node is free, result "
                                 << result);
-    return result == 0 || result == -ENOENT;
+    return result == 0 || result == -ENOENT ? Outcome::kDone : Outcome::kLater;
   }
-  if (!entry.owner) {
-    return true;
-  }
+  return entry.owner ? FreeVariable(entry) : Outcome::kDone;
+}
+
+Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
   VariableRecord record;
-  switch (ReadVariableRecord(entry.variablePath, record)) {
-    case RecordRead::kFailed:
-      return false;
-    case RecordRead::kAbsent:  // done before
-    case RecordRead::kDamaged:
-      return true;
-    case RecordRead::kRead:
-      break;
+  RecordRead read = ReadVariableRecord(entry.variablePath, record);
+  if (read == RecordRead::kAbsent) {
+    // Either it was done before, or a piece of its list is missing.
+    const int result = zookeeper::Exists(entry.variablePath);
+    if (result == ZNONODE) {
+      return Outcome::kDone;
+    }
+    read = result == ZOK ? RecordRead::kDamaged : RecordRead::kFailed;
+  }
+  if (read == RecordRead::kFailed) {
+    return Outcome::kLater;
+  }
+  if (read == RecordRead::kDamaged && mFabric.CheckToken(entry.application, "") != -ENOENT) {
+    if (mTold.insert(entry.variablePath).second) {
+      VYN_LOG_ERROR("The blocks of " << entry.variablePath
+                                     << " cannot be freed, its record cannot be read; they stay "
+                                     << "until application " << entry.application << " ends");
+    }
+    return Outcome::kKept;
   }
   mFabric.FreeBatch(entry.application, record.blocks.bmIds);  // one that is gone already is no failure
-  return zookeeper::DeleteTree(entry.variablePath) == ZOK;
+  return zookeeper::DeleteTree(entry.variablePath) == ZOK ? Outcome::kDone : Outcome::kLater;
 }
 
 }  // namespace vyn::services

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -27,18 +28,28 @@ class Reclaimer {
 
   void Start();
   void Stop();
-  /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is left of it.
+  /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is left of it
+  /// that could be done.
   bool Drain(const std::string& application = "");
 
  private:
+  enum class Outcome {
+    kDone,
+    kLater,  ///< something did not answer: again
+    kKept,   ///< the blocks cannot be named: they stay until their application ends, and the entry with them
+  };
+
   void Run();
-  bool Handle(const ReclaimEntry& entry);
+  Outcome Handle(const ReclaimEntry& entry);
+  Outcome FreeVariable(const ReclaimEntry& entry);
 
   const std::uint16_t mNodeId;
   bm::FabricNode& mFabric;
   const std::function<void(const ReclaimEntry& entry)> mForget;
   /// Held while the list is worked off, so that no entry is done twice at once.
   std::mutex mDraining;
+  /// Records of which it was told that they cannot be read. Guarded by mDraining.
+  std::set<std::string> mTold;
   std::mutex mMutex;
   /// Guarded by mMutex.
   bool mStopping = false;

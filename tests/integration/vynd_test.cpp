@@ -4,6 +4,9 @@
 #include "support/vynd_process.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -50,9 +53,15 @@ TEST_F(VyndTest, RefusesToStartWithEveryComplaint) {
   EXPECT_NE(run.output.find("vyn.zookeeper.session.timeout"), std::string::npos) << run.output;
   EXPECT_EQ(run.output.find("READY"), std::string::npos);
 
-  for (const char* wrong : {"--node-id 0", "--address here", "--app-timeout 0", "--home /nowhere"}) {
-    run = RunCommand("timeout 60 " + command + wrong);
-    EXPECT_EQ(run.status, 2) << wrong << run.output;
+  // With every switch on, a warning and a refused value too: all of it at once.
+  std::ofstream(conf) << good
+                      << "vyn.tessel.rpc.enableTLS=true\nvyn.zookeeper.security.enable=true\nno separator\n"
+                      << "vyn.tuning.rpc.server.port=17\n";
+  run = RunCommand("timeout 60 " + command);
+  EXPECT_EQ(run.status, 1);
+  for (const char* part : {"vyn.tessel.rpc.tls.ca.cert.path", "vyn.zookeeper.security.", "warning: no \"=\"",
+                           "vyn.tuning.rpc.server.port"}) {
+    EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
   }
 }
 
@@ -79,6 +88,29 @@ TEST_F(VyndTest, OneRunsOnAHomeAndEndsOrderly) {
   End(node->Process());
 }
 
+TEST_F(VyndTest, TellsItsSupervisor) {
+  const TempDir folder;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::snprintf(address.sun_path, sizeof(address.sun_path), "%s/notify", folder.Path().c_str());
+  const int notify = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(bind(notify, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+  VyndNode node(1, "127.0.0.1", mUrl, mMetadataPort.Number(), "127.0.0.1",
+                {"env", std::string("NOTIFY_SOCKET=") + address.sun_path});
+  const auto said = [&] {
+    char text[64] = {};
+    const timeval limit{60, 0};
+    setsockopt(notify, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    const ssize_t length = recv(notify, text, sizeof(text), 0);
+    return length < 0 ? std::string("nothing") : std::string(text, static_cast<std::size_t>(length));
+  };
+  node.Start();
+  EXPECT_EQ(said(), "READY=1");
+  End(node.Process());
+  EXPECT_EQ(said(), "STOPPING=1");
+  close(notify);
+}
+
 TEST_F(VyndTest, EndsWhenZookeeperDoesNotAnswer) {
   ZookeeperServer own;
   const VyndNode unused(7, "127.0.0.7", mUrl, mMetadataPort.Number(), "127.0.0.7");
@@ -87,7 +119,7 @@ TEST_F(VyndTest, EndsWhenZookeeperDoesNotAnswer) {
   own.Freeze();
   const auto begin = std::chrono::steady_clock::now();
   End(node.Process());
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
   own.Thaw();
 }
 

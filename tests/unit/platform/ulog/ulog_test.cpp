@@ -134,6 +134,15 @@ TEST(ULogTest, FilesRotateAndTheAuditLogStaysPrivate) {
   EXPECT_FALSE(std::filesystem::exists(dir / "x.3.log"));
 }
 
+TEST(ULogTest, AnAuditLineIsOneLine) {
+  const TempDir dir;
+  ASSERT_EQ(ULOG_AuditInit((dir / "audit.log").c_str(), 1, 1), 0) << ULOG_GetLastErrorMessage();
+  ASSERT_EQ(ULOG_AuditLogMessage(2, "", "[1][remove][a\r\n[2][forged][\x7f][SUCCESS]"), 0);
+  const std::string text = ReadFile(dir / "audit.log");
+  EXPECT_EQ(Lines(text), 1U);
+  EXPECT_NE(text.find(R"([1][remove][a\x0d\x0a[2][forged][\x7f][SUCCESS])"), std::string::npos) << text;
+}
+
 TEST(ULogTest, NothingIsLostWhenTheProcessEnds) {
   const TempDir dir;
   const std::string path = dir / "x.log";
