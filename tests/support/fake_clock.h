@@ -8,6 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace vyn::test {
@@ -32,16 +33,26 @@ class FakeClock : public common::Clock {
     {
       std::lock_guard own(mMutex);
       mWaits.push_back(duration);
+      mWaiting = &condition;
     }
-    while (!TakeEnd(duration) &&
-           condition.wait_for(lock, std::chrono::milliseconds(1)) == std::cv_status::timeout) {
+    if (!TakeEnd(duration)) {
+      condition.wait(lock);
+      TakeEnd(duration);
     }
+    std::lock_guard own(mMutex);
+    mWaiting = nullptr;
   }
 
-  /// Lets one wait last its full time, the present one or the next.
+  /// Lets a wait last its full time, the present one or the next. For one waiting thread at a time.
   void EndOneWait() {
-    std::lock_guard lock(mMutex);
+    std::unique_lock lock(mMutex);
     ++mEnds;
+    while (mEnds != 0 && mWaiting != nullptr) {  // a notification may come before the wait has begun
+      mWaiting->notify_all();
+      lock.unlock();
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      lock.lock();
+    }
   }
   /// The waits on a condition so far, in order.
   std::vector<std::chrono::nanoseconds> Waits() {
@@ -69,6 +80,7 @@ class FakeClock : public common::Clock {
   std::chrono::steady_clock::time_point mNow = std::chrono::steady_clock::now();
   std::vector<std::chrono::nanoseconds> mSleeps;
   std::vector<std::chrono::nanoseconds> mWaits;
+  std::condition_variable* mWaiting = nullptr;
   int mEnds = 0;
 };
 
