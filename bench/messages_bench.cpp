@@ -7,8 +7,15 @@
 #include "vyn/status.h"
 
 #include <flatbuffers/flatbuffers.h>
+#include <malloc.h>
 
 namespace {
+
+// The allocator keeps the end of its heap: giving it back between two buffers costs page faults that hit one
+// side or the other, as their turns happen to fall.
+constexpr int kKeptBytes = 64 << 20;
+[[maybe_unused]] const bool gHeapKept =
+    mallopt(M_TRIM_THRESHOLD, kKeptBytes) != 0 && mallopt(M_MMAP_THRESHOLD, 32 << 20) != 0;
 
 using vyn::tessel::BroadcastBlockInfo;
 
