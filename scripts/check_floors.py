@@ -35,8 +35,9 @@ def floor(path: str):
     return None
 
 
-def resolve(name: str):
-    for root in ROOTS:
+def resolve(name: str, own: str):
+    # An example also builds away from the source tree: it includes the files of its own folder.
+    for root in [str(pathlib.Path(own).parent)] if own.startswith("examples/") else ROOTS:
         path = (TOP / root / name)
         if path.is_file():
             return str(path.resolve().relative_to(TOP))
@@ -56,7 +57,7 @@ def main() -> int:
             continue
         targets = []
         for include in INCLUDE.findall(path.read_text(encoding="utf-8")):
-            target = resolve(include)
+            target = resolve(include, name)
             if target is None:
                 if not GENERATED.match(include):
                     complaints.append(f"{name}: includes {include}, which is no path from a root of includes")

@@ -9,52 +9,63 @@
 // the call; texts are NUL-terminated.
 //
 // Roles. `flag` of BroadcastInitialize says whether the process is a driver (0) or an executor (1). A driver
-// learns at the start whether its node belongs to the memory fabric. The whole life of variable 7 of the
-// application "app_1" with the token "secret", two blocks of 4 MiB, all failures left out:
+// learns at the start whether its node belongs to the memory fabric; an executor always runs on such a node.
+// Below is the whole life of variable 7 of the application "app_1" with the token "secret": two blocks of
+// 4 MiB, filled from `data`. Failures are left out here, but not in examples/file_broadcast, whose programs
+// do the same with a file.
 //
-//   Driver on a node of the fabric
-//     bool registered = false;
+//   A driver on a node of the fabric:
 //     BroadcastInitialize("/opt/vyn", "24.0.0", "linux-x86_64", 0);
-//     RegisterBroadcastApp("app_1", true, "secret", &registered);          // registered: true
-//     const unsigned long sizes[] = {4194304, 4194304};
+//     bool registered = false;
+//     RegisterBroadcastApp("app_1", true, "secret", &registered);  // registered is true here
+//     const unsigned long sizes[2] = {4194304, 4194304};
 //     CreateBroadcastVar("app_1", 7, 2);
 //     CreateBroadcastBlockBatch("app_1", 7, sizes, 2);
 //     for (unsigned int i = 0; i < 2; ++i) {
 //       void* address = nullptr;
 //       ObtainBroadcastBlockAddr("app_1", 7, i, &address);
-//       std::memcpy(address, data + i * 4194304, 4194304);
+//       std::memcpy(address, data + i * sizes[0], sizes[i]);
 //       ReleaseBroadcastBlockAddr("app_1", 7, i, address);
 //     }
-//     ...                                                                  // the executors work
+//     // Now the executors fetch and read; when they are done:
 //     DeleteBroadcastVar("app_1", 7);
 //     UnRegisterBroadcastApp("app_1");
 //     MarkBroadcastApplicationCompleted("app_1");
 //     BroadcastUninitialize();
 //
-//   Driver outside the fabric (RegisterBroadcastApp says registered: false)
-//     std::vector<std::string> candidates, nodes, hosts, ids;              // no candidates: any node
+//   A driver outside the fabric:
+//     BroadcastInitialize("/opt/vyn", "24.0.0", "linux-x86_64", 0);
+//     bool registered = false;
+//     RegisterBroadcastApp("app_1", true, "secret", &registered);  // registered is false here: no own node
+//     std::vector<std::string> candidates, nodes, hosts, ids;      // no candidates: any node of the fabric
 //     std::vector<unsigned short> nodeIds;
 //     GetRemoteNodeInfo("app_1", candidates, nodes, nodeIds, hosts, true);
+//     const unsigned long sizes[2] = {4194304, 4194304};
 //     CreateBroadcastVar("app_1", 7, 2);
 //     CreateBroadcastBlockBatchRemote("app_1", "secret", 7, sizes, 2, nodes[0].c_str(), hosts[0].c_str(),
-//     nodeIds[0],
-//                                     ids);
+//                                     nodeIds[0], ids);
 //     for (unsigned int i = 0; i < 2; ++i) {
-//       WriteRemoteBlock("app_1", ids[i].c_str(), data + i * 4194304, sizes[i], "secret");
+//       WriteRemoteBlock("app_1", ids[i].c_str(), data + i * sizes[0], sizes[i], "secret");
 //     }
-//     ...
+//     // Now the executors fetch and read; when they are done:
 //     DeleteBroadcastVar("app_1", 7);
 //     MarkBroadcastApplicationCompleted("app_1");
+//     BroadcastUninitialize();
 //
-//   Executor
+//   An executor, which has been told application, token, variable and the number of blocks:
 //     BroadcastInitialize("/opt/vyn", "24.0.0", "linux-x86_64", 1);
+//     bool registered = false;
 //     RegisterBroadcastApp("app_1", false, "secret", &registered);
 //     unsigned long sizes[2];
 //     FetchBroadcastBlockBatch("app_1", 7, sizes);
-//     void* address = nullptr;
-//     ObtainBroadcastBlockAddr("app_1", 7, 0, &address);                   // read sizes[0] bytes in place
-//     ReleaseBroadcastBlockAddr("app_1", 7, 0, address);
+//     for (unsigned int i = 0; i < 2; ++i) {
+//       void* address = nullptr;
+//       ObtainBroadcastBlockAddr("app_1", 7, i, &address);
+//       // Read sizes[i] bytes in place; other threads may obtain the same address. When the last is done:
+//       ReleaseBroadcastBlockAddr("app_1", 7, i, address);
+//     }
 //     UnRegisterBroadcastApp("app_1");
+//     BroadcastUninitialize();
 //
 // This header is plain C++17 and needs no library. The functions have C linkage; two take C++ containers, so
 // that a glue layer for them is built with the same standard library.
@@ -156,8 +167,10 @@ unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId);
 /// Creates the blocks of a variable on this node, which belongs to the fabric. Once a variable.
 /// \param sizes bytes of each block, `blockNum` of them, in block order.
 /// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009 without a client of the
-///         server; 1 when the server refused (a full pool among the reasons) or did not answer; 2120011;
-///         2000013 or 2060009 when the blocks exist and the metadata service could not be told.
+///         server; 1 when the server refused (no blocks or a full pool among the reasons) or did not answer,
+///         and also when the blocks exist and this process's table had no memory for them; 2120011, 2000013
+///         or 2060009 when the blocks exist and the metadata service could not be told. Nothing that exists
+///         is taken back.
 unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcastId,
                                        const unsigned long* sizes, unsigned int blockNum);
 
@@ -170,8 +183,9 @@ unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcast
 ///        be told.
 /// \return 0; 2120001; 2000057 before initialisation; 2000039 or 2000013 for a `selectedNode` that is no
 ///         "ip:port"; 2120025 when the node could not be linked; 2120023 when the namespace could not be
-///         made; 2120027 when a block could not be had; 1 without memory; 2120011, 2000013 or 2060009 when
-///         the metadata service could not be told.
+///         made; 2120027 when a block could not be had; 1 when there was no memory for the entry of the table
+///         (the insert failed) or for the record; 2120011, 2000013 or 2060009 when the metadata service
+///         could not be told.
 unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* token, unsigned int broadcastId,
                                              const unsigned long* sizes, unsigned int blockNum,
                                              const char* selectedNode, const char* hostName,
@@ -181,7 +195,8 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
 /// that did not create them. From the second time on it makes no call.
 /// \param blockSizes receives the bytes of each block; must have room for all blocks of the variable.
 /// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the server refused,
-///         does not know the variable or did not answer.
+///         does not know the variable or did not answer, and also when the insert into this process's table
+///         failed for want of memory: `blockSizes` is filled then, and the next fetch asks the server again.
 unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastId, unsigned long* blockSizes);
 
 // --- heartbeats ------------------------------------------------------------------------------------------

@@ -57,4 +57,15 @@ TEST_F(InstallationTest, ServesCMake) {
                 "' && cmake --build build && build/main");
 }
 
+TEST_F(InstallationTest, ItsExamplesBuildFromWhatIsInstalled) {
+  const auto result = vyn::test::RunCommand(
+      "cmake -G Ninja -S '" + mHome + "/share/vyn/examples/file_broadcast' -B '" + mDir / "examples" +
+      "' -DCMAKE_PREFIX_PATH='" + mHome +
+      "' -DCMAKE_CXX_COMPILER=" VYN_CXX_COMPILER " -DCMAKE_CXX_FLAGS='" VYN_SANITIZE_FLAGS
+      " -Wall -Wextra -Wshadow -pedantic -Werror' && cmake --build '" +
+      mDir / "examples" + "'");
+  EXPECT_EQ(result.status, 0) << result.output;
+  EXPECT_TRUE(fs::exists(mDir / "examples/read_file"));
+}
+
 }  // namespace

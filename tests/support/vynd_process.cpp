@@ -101,9 +101,9 @@ std::string VyndNode::Log() const {
   return text;
 }
 
-BroadcastClient::BroadcastClient(const VyndNode& node, bool driver)
-    : mProcess(With(node.Prefix(), {VYN_TEST_PROGRAM_DIR "/broadcast_client"})) {
-  const std::string answer = Do("init " + node.Home() + (driver ? " 0" : " 1"));
+BroadcastClient::BroadcastClient(const std::string& home, bool driver, const std::vector<std::string>& prefix)
+    : mProcess(With(prefix, {VYN_TEST_PROGRAM_DIR "/broadcast_client"})) {
+  const std::string answer = Do("init " + home + (driver ? " 0" : " 1"));
   if (answer != "0") {
     throw std::runtime_error("the client cannot be initialised: " + answer);
   }

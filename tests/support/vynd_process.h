@@ -52,7 +52,8 @@ class VyndNode {
 class BroadcastClient {
  public:
   /// Initialises it as a driver or an executor of the home; throws when that fails.
-  BroadcastClient(const VyndNode& node, bool driver);
+  BroadcastClient(const VyndNode& node, bool driver) : BroadcastClient(node.Home(), driver, node.Prefix()) {}
+  BroadcastClient(const std::string& home, bool driver, const std::vector<std::string>& prefix = {});
   /// Returns: the answer, a status first.
   std::string Do(const std::string& command);
   ChildProcess& Process() { return mProcess; }

@@ -18,7 +18,9 @@ unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastI
   VYN_CHECK_ARGUMENT(blockSizes);
   VYN_LOG_DEBUG("Start to batch fetch broadcast block, appId: " << appId << ", broadcastId: " << broadcastId);
   VYN_CHECK_POINTER(g_broadcastCache);
-  const std::string name = vyn::common::GenBcVarName(appId, broadcastId);
+  // The one text that a fetch from the table needs; kept, so that it costs no allocation.
+  thread_local std::string name;
+  vyn::common::GenBcVarName(appId, broadcastId, name);
   if (auto known = g_broadcastCache->GetVarInfo(name); known != nullptr) {
     VYN_LOG_INFO("Local cached, broadcastID " << broadcastId);
     std::copy(known->mBlockSizes.begin(), known->mBlockSizes.end(), blockSizes);

@@ -1,22 +1,76 @@
 // Start-up, its failures and repetitions, in both roles.
 
+#include "common/util/clock.h"
+#include "platform/ulog/ulog.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "support/fake_clock.h"
 #include "support/sdk_world.h"
 #include "tessel/sdk/broadcast/base/base_api_broadcast.h"
 #include "tessel/sdk/broadcast/base/sdk_state.h"
 #include "vyn/big_memory.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
+
+namespace {
+
+// What cannot be made to fail on demand from outside: the library calls these two instead of the real ones.
+std::atomic<bool> gLoggerFails{false};
+std::atomic<bool> gWatchFails{false};
+
+template <typename Function>
+Function* Real(Function*, const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount) {
+  // A type that there is not makes the real one refuse, with its own words.
+  return Real(&ULOG_Init, "ULOG_Init")(gLoggerFails ? 17 : type, level, path, fileSize, fileCount);
+}
+
+int DoDlZooWexists(zhandle_t* handle, const char* path, watcher_fn watcher, void* context, Stat* stat) {
+  return gWatchFails && watcher != nullptr
+             ? ZCONNECTIONLOSS
+             : Real(&DoDlZooWexists, "DoDlZooWexists")(handle, path, watcher, context, stat);
+}
 
 namespace vyn::test {
 namespace {
 
 using namespace tessel;
 using testing::HasSubstr;
+
+/// Knows who waits for another thread's initialisation: a waiter sleeps 10 microseconds between two looks.
+class WaiterClock : public common::Clock {
+ public:
+  WaiterClock() { common::Clock::Replace(this); }
+  ~WaiterClock() override { common::Clock::Replace(nullptr); }
+  void SleepFor(std::chrono::nanoseconds duration) override {
+    if (duration == std::chrono::microseconds(10)) {
+      std::lock_guard lock(mMutex);
+      mWaiters.insert(std::this_thread::get_id());
+    }
+    common::Clock::SleepFor(duration);
+  }
+  std::size_t Waiters() {
+    std::lock_guard lock(mMutex);
+    return mWaiters.size();
+  }
+
+ private:
+  std::mutex mMutex;
+  std::set<std::thread::id> mWaiters;
+};
 
 TEST(StartUpTest, FailuresBeforeTheLoggerTellStandardOutputAndFreeTheClaim) {
   SdkWorld world;
@@ -38,6 +92,14 @@ TEST(StartUpTest, FailuresBeforeTheLoggerTellStandardOutputAndFreeTheClaim) {
   EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("Error to init config "));
 
   world.WriteConf();
+  gLoggerFails = true;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(world.Initialize(1), 1U);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::StartsWith("Error to init ulog module. as Invalid log type 17"));
+  EXPECT_EQ(g_initClaim.load(), 0);
+
+  gLoggerFails = false;
   EXPECT_EQ(world.Initialize(1), 0U);
   EXPECT_EQ(g_mfClientFlag, 0U);
   EXPECT_TRUE(g_clusterZkAdapter_broadcast == nullptr) << "an executor has no session with ZooKeeper";
@@ -63,16 +125,33 @@ TEST(StartUpTest, AnExecutorWithoutItsServerFailsAndMayTryAgain) {
 TEST(StartUpTest, EachLaterFailureHasItsStatus) {
   SdkWorld world;
   world.WriteConf("", "vyn.tessel.rpc.openssl.path=\n");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(world.Initialize(1), 1U);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("Ssl path or crypto path is not exist."));
-  // The store is loaded once a process: the value is mended in place.
+  for (const auto& [path, line] : std::vector<std::pair<const char*, const char*>>{
+           {"", "Ssl path or crypto path is not exist."},
+           {"/no/such/libssl.so", "Failed to set openssl path. return:3"}}) {
+    if (*path != '\0') {  // the store is loaded once a process: the value changes in place
+      common::Configuration::GetInstance()->Set("vyn.tessel.rpc.openssl.path", std::string(path));
+    }
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(world.Initialize(1), 1U) << line;
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(line));
+    EXPECT_EQ(g_initClaim.load(), 0) << line;
+  }
   common::Configuration::GetInstance()->Set("vyn.tessel.rpc.openssl.path", std::string("libssl.so.3"));
 
   world.bm.script.ExpectResults("BM_Init", {-1});
   EXPECT_EQ(world.Initialize(1), 2100021U);
   EXPECT_STREQ(BroadcastGetLastErrorMessage(), "Call BM_Init failed");
+  EXPECT_EQ(g_initClaim.load(), 0);
   EXPECT_EQ(world.Initialize(1), 0U);
+}
+
+TEST(StartUpTest, AnExecutorNeedsTheMetadataServiceAtItsFirstCallOnly) {
+  SdkWorld world;
+  const ReservedPort nobody;  // bound, and nobody listens
+  world.WriteConf("", "vyn.tessel.rpc.shuffle_meta.port=" + std::to_string(nobody.Number()) + "\n");
+  EXPECT_EQ(world.Initialize(1), 0U);
+  FakeClock clock;  // the call is tried again after sleeps
+  EXPECT_EQ(CreateBroadcastVar("a", 1, 2), 2060009U);
 }
 
 TEST(StartUpTest, ReadyUninitialisedAndBack) {
@@ -102,12 +181,13 @@ TEST(StartUpTest, ReadyUninitialisedAndBack) {
 TEST(StartUpTest, SixteenThreadsOfWhichTheFirstFails) {
   SdkWorld world;
   world.WriteConf();
+  WaiterClock clock;
   MetaLeaderInformation leader("127.0.0.1");
   std::atomic<int> asked{0};
   const std::string good = BytesOf(leader);
   world.server.Answer(ShuffleServer::META_LEADER_INFO, [&](const auto&) -> ScriptedService::Reply {
     if (asked++ == 0) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the others are waiting by then
+      EXPECT_TRUE(WaitUntil([&] { return clock.Waiters() == 15; }));
       return {2140019, ""};
     }
     return {0, good};
@@ -128,24 +208,32 @@ TEST(StartUpTest, SixteenThreadsOfWhichTheFirstFails) {
 TEST(StartUpTest, ASecondCallDuringAReinitialisationGetsItsResult) {
   SdkWorld world;
   world.WriteConf();
+  MetaLeaderInformation leader("127.0.0.1");
+  const std::string good = BytesOf(leader);
   ASSERT_EQ(world.Initialize(1), 0U);
   BroadcastUninitialize();
-  std::atomic<bool> asked{false};
-  world.server.Answer(ShuffleServer::META_LEADER_INFO, [&](const auto&) -> ScriptedService::Reply {
-    asked = true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return {2140019, ""};
-  });
-  std::uint32_t first = 0;
-  std::jthread runner([&] { first = world.Initialize(1); });
-  while (!asked) {
-    std::this_thread::yield();
+  for (const auto& [reply, status] :
+       std::vector<std::pair<ScriptedService::Reply, std::uint32_t>>{{{2140019, ""}, 1}, {{0, good}, 0}}) {
+    world.server.Clear();
+    world.bm.script.Clear();
+    WaiterClock clock;
+    std::atomic<bool> asked{false};
+    world.server.Answer(ShuffleServer::META_LEADER_INFO, [&, answer = reply](const auto&) {
+      asked = true;
+      EXPECT_TRUE(WaitUntil([&] { return clock.Waiters() == 1; }));
+      return answer;
+    });
+    std::uint32_t first = 77;
+    std::thread runner([&] { first = world.Initialize(1); });
+    EXPECT_TRUE(WaitUntil([&] { return asked.load(); }));
+    EXPECT_EQ(world.Initialize(1), status);
+    EXPECT_EQ(g_uninitClaim.load(), status) << "what it waited for is over";
+    runner.join();
+    EXPECT_EQ(first, status);
+    // A start that succeeds asks twice, for itself and for its metadata client.
+    EXPECT_EQ(world.server.Count(ShuffleServer::META_LEADER_INFO), status == 0 ? 2U : 1U);
+    EXPECT_EQ(world.bm.script.Calls("BM_Init").size(), status == 0 ? 1U : 0U);
   }
-  EXPECT_EQ(world.Initialize(1), 1U);
-  runner.join();
-  EXPECT_EQ(first, 1U);
-  EXPECT_EQ(world.server.Count(ShuffleServer::META_LEADER_INFO), 3U)
-      << "two of the first start, one of the second";
 }
 
 TEST(StartUpTest, ADriverLearnsItsLeaderAndWhetherItsNodeIsInTheFabric) {
@@ -180,31 +268,40 @@ TEST(StartUpTest, ADriverLearnsItsLeaderAndWhetherItsNodeIsInTheFabric) {
   }));
 }
 
-TEST(StartUpTest, ADriverWithoutZooKeeperOrLeaderFails) {
-  {
-    SdkWorld world;
-    world.WriteConf();
+TEST(StartUpTest, ADriverWithoutZooKeeperLeaderOrWatchFails) {
+  SdkWorld world;
+  world.WriteConf();
+  const auto expectFailure = [&](const std::string& line) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(world.Initialize(0), 1U);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(),
-                HasSubstr("[Broadcast] Driver init zookeeper failed"));
-  }
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("] " + line + "\n"));
+    EXPECT_EQ(g_initClaim.load(), 0);
+  };
+  expectFailure("[Broadcast] Driver init zookeeper failed");
   ZookeeperServer zookeeper;
-  common::Configuration::GetInstance()->Set("vyn.zookeeper.server.url", zookeeper.NewRoot());
-  SdkWorld world;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(world.Initialize(0), 1U);
-  EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              HasSubstr("[Broadcast] Driver get current meta leader info failed"));
+  const std::string url = zookeeper.NewRoot();
+  common::Configuration::GetInstance()->Set("vyn.zookeeper.server.url", url);
+  expectFailure("[Broadcast] Driver get current meta leader info failed");
+  RawZookeeper(url).Create("/meta/election/leader_info", "127.0.0.1");
+  gWatchFails = true;
+  expectFailure("Driver register watcher failed");
+  gWatchFails = false;
+  EXPECT_EQ(world.Initialize(0), 0U);
 }
 
 TEST(StartUpTest, BeforeInitialisationNothingIsTouched) {
   SdkWorld world;
   unsigned long sizes[2] = {1, 2};
-  bool registered = false;
   std::vector<std::string> none;
   std::vector<unsigned short> nodeIds;
   void* address = nullptr;
+  testing::internal::CaptureStdout();
+  VynBroadcastVersion();
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::MatchesRegex("Component Name: Orvane-vyn-bigdata-spark\nComponent version: 2.0.0\n"
+                                    "Component AppendInfo: _aarch64\nSoftWare Name: vyn_broadcast\n"
+                                    "SoftWare Build Id: [0-9a-f]{40}\n"));
+  EXPECT_EQ(BroadcastGetLastErrorMessage(), nullptr) << "nothing has failed yet";
   EXPECT_EQ(CreateBroadcastVar("a", 1, 2), 2120011U);
   EXPECT_THAT(BroadcastGetLastErrorMessage(), HasSubstr("Failed to get meta rpc cli as "));
   EXPECT_EQ(DeleteBroadcastVar("a", 1), 2000057U);
@@ -214,13 +311,57 @@ TEST(StartUpTest, BeforeInitialisationNothingIsTouched) {
   EXPECT_EQ(CreateBroadcastBlockBatchRemote("a", "t", 1, sizes, 2, "1.2.3.4:1", "h", 1, none), 2000057U);
   EXPECT_EQ(FetchBroadcastBlockBatch("a", 1, sizes), 2000057U);
   EXPECT_EQ(ObtainBroadcastBlockAddr("a", 1, 0, &address), 2000057U);
-  EXPECT_EQ(RegisterBroadcastApp("a", true, nullptr, &registered), 2120001U);
-  EXPECT_EQ(RegisterBroadcastApp("a b", true, "t", &registered), 2120001U);
-  EXPECT_FALSE(registered);
   EXPECT_EQ(CheckMfNode(), 1U);
   EXPECT_EQ(BroadcastGetMetaLeaderIp(0), 2000057U);
-  EXPECT_EQ(BroadcastUnregisterApp(nullptr), 2120001U);
   EXPECT_EQ(world.bm.script.CallCount(), 0U);
+}
+
+TEST(StartUpTest, ARefusedTextIsRecordedAndANullOneOnlyLogged) {
+  SdkWorld world;
+  world.WriteConf();
+  ASSERT_EQ(world.Initialize(1), 0U);
+  unsigned long sizes[2] = {1, 2};
+  std::vector<std::string> texts;
+  std::vector<unsigned short> ids;
+  bool registered = false;
+  void* address = nullptr;
+  const auto remote = [&](const char* app, const char* token) {
+    return CreateBroadcastBlockBatchRemote(app, token, 1, sizes, 2, "1.2.3.4:1", "h", 1, texts);
+  };
+  // Each takes one text that it checks.
+  const std::vector<std::function<std::uint32_t(const char*)>> calls{
+      [&](const char* text) { return RegisterBroadcastApp(text, true, "t", &registered); },
+      [&](const char* text) { return RegisterBroadcastApp("a", true, text, &registered); },
+      [&](const char* text) { return UnRegisterBroadcastApp(text); },
+      [&](const char* text) { return BroadcastUnregisterApp(text); },
+      [&](const char* text) { return MarkBroadcastApplicationCompleted(text); },
+      [&](const char* text) { return GetRemoteNodeInfo(text, texts, texts, ids, texts, true); },
+      [&](const char* text) { return CreateBroadcastVar(text, 1, 2); },
+      [&](const char* text) { return DeleteBroadcastVar(text, 1); },
+      [&](const char* text) { return CreateBroadcastBlockBatch(text, 1, sizes, 2); },
+      [&](const char* text) { return remote(text, "t"); },
+      [&](const char* text) { return remote("a", text); },
+      [&](const char* text) { return FetchBroadcastBlockBatch(text, 1, sizes); },
+      [&](const char* text) { return ObtainBroadcastBlockAddr(text, 1, 0, &address); },
+      [&](const char* text) { return ReleaseBroadcastBlockAddr(text, 1, 0, &address); },
+      [&](const char* text) { return ReadRemoteBlock(text, 1, 0, sizes, "t"); },
+      [&](const char* text) { return ReadRemoteBlock("a", 1, 0, sizes, text); },
+      [&](const char* text) { return WriteRemoteBlock(text, "id", sizes, 1, "t"); }};
+  const auto asked = world.server.Requests().size() + world.meta.Requests().size();
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    std::thread([&] {
+      EXPECT_EQ(calls[i](nullptr), 2120001U) << i;
+      EXPECT_EQ(BroadcastGetLastErrorMessage(), nullptr) << i;
+      EXPECT_EQ(calls[i]("a b"), 2120001U) << i;
+      const std::string record = BroadcastGetLastErrorMessage();
+      EXPECT_THAT(record, testing::EndsWith(" input is : a b")) << i;
+      EXPECT_EQ(calls[i](nullptr), 2120001U) << i;
+      EXPECT_EQ(BroadcastGetLastErrorMessage(), record) << i;
+    }).join();
+  }
+  EXPECT_FALSE(registered);
+  EXPECT_EQ(world.server.Requests().size() + world.meta.Requests().size(), asked);
+  EXPECT_THAT(world.bm.script.Calls("BM_CreateLink"), testing::IsEmpty());
 }
 
 }  // namespace

@@ -10,6 +10,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+
 namespace vyn::test {
 namespace {
 
@@ -17,7 +20,7 @@ using namespace tessel;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr unsigned long kSizes[] = {100, 50};
+constexpr unsigned long kSizes[] = {100, 50, 25};
 const std::string kIdA(60, 'a');
 const std::string kIdB(60, 'b');
 
@@ -74,6 +77,11 @@ TEST(VariableLifeTest, ADriverOnANodeOfTheFabric) {
       "Failed to create broadcast variable { appID: app, broadcastId: 7 as rpc request return error.");
   EXPECT_TRUE(log.Has(1, "Broadcast SDK exit function<broadcast_var_create>"));
   world.meta.Answer(ShuffleMeta::BROADCAST_VAR_NEW, {0, ""});
+  ASSERT_EQ(CreateBroadcastVar("app", 9, 0), 0U) << "the count is the service's affair";
+  EXPECT_EQ(ReadAs<BroadcastVar>(world.meta.Requests().back().body)->blockNum, 0U);
+  ASSERT_EQ(DeleteBroadcastVar("app", 9), 0U) << "never cached, and the service is asked all the same";
+  EXPECT_EQ(world.meta.Requests().back().opcode, ShuffleMeta::BROADCAST_VAR_REMOVE);
+  EXPECT_EQ(ReadAs<BroadcastVar>(world.meta.Requests().back().body)->broadcastId, 9U);
   world.meta.Clear();
   ASSERT_EQ(CreateBroadcastVar("app", 7, 2), 0U);
   EXPECT_TRUE(
@@ -175,6 +183,40 @@ TEST(VariableLifeTest, AnExecutorFetchesOnceAndReadsInPlace) {
   EXPECT_EQ(ObtainBroadcastBlockAddr("app", 7, 0, &address), 0U);
 }
 
+TEST(VariableLifeTest, AVariableIsDeletedWhileOtherThreadsObtainItsBlocks) {
+  SdkWorld world;
+  world.WriteConf();
+  ASSERT_EQ(world.Initialize(1), 0U);
+  world.server.Answer(ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, {0, SdkWorld::Blocks("app", 7, 9)});
+  const CapturedLog silence(5);  // every miss is a line
+  std::atomic<bool> ending{false};
+  std::atomic<int> obtained{0};
+  std::atomic<int> missed{0};
+  std::vector<std::jthread> readers;
+  for (int i = 0; i < 3; ++i) {
+    readers.emplace_back([&] {
+      while (!ending) {
+        void* address = &ending;
+        const auto status = ObtainBroadcastBlockAddr("app", 7, 1, &address);
+        EXPECT_TRUE(status == 0 ? address != nullptr : status == 2120013 && address == nullptr) << status;
+        ++(status == 0 ? obtained : missed);
+        if (status == 0) {
+          EXPECT_EQ(ReleaseBroadcastBlockAddr("app", 7, 1, address), 0U);
+        }
+      }
+    });
+  }
+  unsigned long sizes[2];
+  EXPECT_TRUE(WaitUntil([&] {
+    const int before = obtained;
+    EXPECT_EQ(FetchBroadcastBlockBatch("app", 7, sizes), 0U);
+    EXPECT_TRUE(WaitUntil([&] { return obtained > before; }));
+    EXPECT_EQ(DeleteBroadcastVar("app", 7), 0U);
+    return obtained > 100 && missed > 100;
+  }));
+  ending = true;
+}
+
 TEST(VariableLifeTest, ADriverOutsideTheFabric) {
   OutsideDriver driver;
   CapturedLog log;
@@ -238,16 +280,17 @@ TEST(VariableLifeTest, FailuresOfTheRemoteFormAndWhatTheyTakeBack) {
                          "Error to create namespace app as Failed to create namespace, the parameter "
                          "namespace is invalid.",
                          0},
-                        {"BM_AllocSec",
-                         {0, -5},
+                        {"BM_AllocSec",  // the third block; the namespace takes the other two with it
+                         {0, 0, -5},
                          2120027,
                          "Error to allocate BM on 10.9.8.7 remotely for broadcast variable app-7",
                          1}}) {
     script.Clear();
     driver.world.meta.Clear();
     script.ExpectResults(row.function, row.results);
-    EXPECT_EQ(driver.CreateRemote(ids), row.status);
+    EXPECT_EQ(driver.CreateRemote(ids, 3), row.status);
     EXPECT_STREQ(BroadcastGetLastErrorMessage(), row.words);
+    EXPECT_TRUE(script.Calls("BM_BatchFreeSec").empty()) << row.function;
     EXPECT_EQ(script.Calls("BM_DestroyNSSec").size(), row.destroyed) << row.function;
     EXPECT_TRUE(driver.world.meta.Requests().empty()) << row.function;
     EXPECT_THAT(ids, ElementsAre("kept")) << row.function;
@@ -283,6 +326,8 @@ TEST(VariableLifeTest, FailuresOfTheRemoteFormAndWhatTheyTakeBack) {
   EXPECT_EQ(CreateBroadcastBlockBatchRemote("app", "tok", 8, nullptr, 0, "10.9.8.7:3899", "host", 3, ids),
             0U);
   EXPECT_TRUE(ids.empty());
+  EXPECT_TRUE(ReadAs<BroadcastBlockInfo>(driver.world.meta.Requests().back().body)->bmIds.empty());
+  EXPECT_TRUE(g_broadcastCache->GetVarInfo("app-8")->mRawAddrs.empty());
 }
 
 TEST(VariableLifeTest, AFullPoolIsWaitedForAThousandTimesABlock) {
