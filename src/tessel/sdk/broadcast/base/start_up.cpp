@@ -134,6 +134,24 @@ unsigned int StartUp(const std::string& home, unsigned int flag) {
   return VYN_OK;
 }
 
+/// The claim of initialisation in the hands of the thread that works: its end frees the claim, however that
+/// comes about, unless the work has succeeded.
+class HeldClaim {
+ public:
+  HeldClaim() = default;
+  ~HeldClaim() {
+    if (!mKept) {
+      g_initClaim.store(0, std::memory_order_release);
+    }
+  }
+  HeldClaim(const HeldClaim&) = delete;
+  HeldClaim& operator=(const HeldClaim&) = delete;
+  void Keep() { mKept = true; }
+
+ private:
+  bool mKept = false;
+};
+
 /// What waiting for another thread's initialisation came to.
 enum class Waited {
   kReady,   ///< the SDK is ready
@@ -181,13 +199,14 @@ unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, co
       return waited == Waited::kReady ? VYN_OK : theirs;
     }
   }
+  HeldClaim claim;
   const unsigned int status = StartUp(realPath, flag);
   gLastStatus.store(status, std::memory_order_relaxed);
   gEndedInitialisations.fetch_add(1, std::memory_order_release);
   if (Failed(status)) {
-    g_initClaim.store(0, std::memory_order_release);
     return status;
   }
+  claim.Keep();
   g_initInProgress.store(0, std::memory_order_release);
   g_uninitClaim.store(0, std::memory_order_release);
   return VYN_OK;

@@ -19,6 +19,8 @@ namespace {
 /// The next allocation of this size and form fails in this thread, and only that one. 0: none.
 thread_local std::size_t gRefusedSize = 0;
 thread_local bool gRefusesThrowing = false;
+/// So many allocations of the throwing form go well in this thread before one fails. Negative: all do.
+thread_local int gGoWell = -1;
 
 void* Allocate(std::size_t size, bool throwing) {
   if (size == gRefusedSize && throwing == gRefusesThrowing && size != 0) {
@@ -31,7 +33,9 @@ void* Allocate(std::size_t size, bool throwing) {
 }  // namespace
 
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  void* memory = Allocate(size, true);
+  const bool fails = gGoWell == 0;
+  gGoWell = gGoWell < 0 ? gGoWell : gGoWell - 1;
+  void* memory = fails ? nullptr : Allocate(size, true);
   return memory != nullptr ? memory : throw std::bad_alloc();
 }
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
@@ -187,6 +191,24 @@ TEST_F(OutOfMemoryTest, AStartWithoutATableFreesTheClaim) {
               testing::HasSubstr("Unexpected nullptr value g_broadcastCache"));
   EXPECT_EQ(gRefusedSize, 0U);
   EXPECT_EQ(g_initClaim.load(), 0);
+  EXPECT_EQ(mWorld.Initialize(0), 0U);
+}
+
+TEST_F(OutOfMemoryTest, AnExceptionOutOfAStartFreesTheClaim) {
+  BroadcastUninitialize();
+  int thrown = 0;
+  for (int good = 0; good < 30; ++good) {
+    gGoWell = good;
+    try {
+      static_cast<void>(mWorld.Initialize(0));
+    } catch (const std::bad_alloc&) {
+      ++thrown;
+    }
+    gGoWell = -1;
+    EXPECT_EQ(g_initClaim.load(), g_uninitClaim.load() == 0 ? 1 : 0) << good;
+    BroadcastUninitialize();
+  }
+  EXPECT_GT(thrown, 2);
   EXPECT_EQ(mWorld.Initialize(0), 0U);
 }
 

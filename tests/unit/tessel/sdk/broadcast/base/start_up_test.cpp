@@ -80,8 +80,10 @@ TEST(StartUpTest, FailuresBeforeTheLoggerTellStandardOutputAndFreeTheClaim) {
   EXPECT_EQ(BroadcastInitialize("/no/such/home", "24.0.0", VYN_BINARY_TYPE, 1), 1U);
 
   std::filesystem::remove_all(world.Home() + "/conf");
+  unsetenv("VYN_BINARY_TYPE");
   testing::internal::CaptureStdout();
   EXPECT_EQ(world.Initialize(1), 1U);
+  EXPECT_STREQ(getenv("VYN_BINARY_TYPE"), VYN_BINARY_TYPE) << "the environment comes first";
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "Configuration file doesn't exist\nError to init config \n");
 
@@ -115,6 +117,9 @@ TEST(StartUpTest, AnExecutorWithoutItsServerFailsAndMayTryAgain) {
   EXPECT_THAT(testing::internal::GetCapturedStderr(),
               HasSubstr("[Broadcast] Failed to get meta leader ip from shuffle service"));
   EXPECT_EQ(g_initClaim.load(), 0);
+  EXPECT_TRUE(g_broadcastCache == nullptr) << "table, metadata client and big memory come later";
+  EXPECT_EQ(world.meta.Connections(), 0U);
+  EXPECT_EQ(world.bm.script.CallCount(), 0U);
   MetaLeaderInformation leader("127.0.0.1");
   world.server.Answer(ShuffleServer::META_LEADER_INFO, {0, BytesOf(leader)});
   EXPECT_EQ(world.Initialize(1), 0U);
@@ -136,6 +141,8 @@ TEST(StartUpTest, EachLaterFailureHasItsStatus) {
     EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(line));
     EXPECT_EQ(g_initClaim.load(), 0) << line;
   }
+  EXPECT_NE(getenv("UCX_TLS"), nullptr) << "the transport was set up before";
+  EXPECT_TRUE(world.server.Requests().empty()) << "the server is asked later";
   common::Configuration::GetInstance()->Set("vyn.tessel.rpc.openssl.path", std::string("libssl.so.3"));
 
   world.bm.script.ExpectResults("BM_Init", {-1});
@@ -244,6 +251,8 @@ TEST(StartUpTest, ADriverLearnsItsLeaderAndWhetherItsNodeIsInTheFabric) {
   EXPECT_EQ(world.Initialize(0), 2120003U);
   EXPECT_STREQ(BroadcastGetLastErrorMessage(), "Failed to judge whether this node is a MF node or not.");
   EXPECT_TRUE(g_shuffleServerRPCEngine == nullptr);
+  EXPECT_FALSE(g_broadcastCache == nullptr);
+  EXPECT_EQ(world.bm.script.CallCount(), 0U) << "big memory comes last";
 
   world.AnswerMfNode(true, 5);
   EXPECT_EQ(world.Initialize(0), 0U);
