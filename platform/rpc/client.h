@@ -31,7 +31,7 @@ class ClientConnection;
 
 class Client {
  public:
-  /// Does not connect. \param ip an IPv4 or IPv6 address in text form, or a host name.
+  /// Does not connect. \param ip an IPv4 or IPv6 address in text form.
   /// \param options kept for the peer group; no key changes the transport.
   Client(std::string ip, unsigned short port, std::map<std::string, std::string> options);
   virtual ~Client();

@@ -25,6 +25,7 @@ union Address {
   sockaddr_in m4;
   sockaddr_in6 m6;
 
+  std::uint16_t Port() const { return ntohs(mAny.sa_family == AF_INET ? m4.sin_port : m6.sin6_port); }
   socklen_t Size() const { return mAny.sa_family == AF_INET ? sizeof(m4) : sizeof(m6); }
   const unsigned char* Bytes() const { return BytesOf(&mAny); }
   std::size_t ByteCount() const { return mAny.sa_family == AF_INET ? sizeof(in_addr) : sizeof(in6_addr); }
@@ -141,14 +142,17 @@ bool BindPort(int socket, sa_family_t family, std::uint16_t port) {
 Outcome Begin(const Address& peer, const TransportSetting& setting, const std::string& device,
               Descriptor& result) {
   const unsigned int count = setting.mFirstPort == 0 ? 1U : setting.mLastPort - setting.mFirstPort + 1U;
+  const unsigned int start = count == 1 ? 0 : gNextPort.fetch_add(1, std::memory_order_relaxed);
   for (unsigned int attempt = 0; attempt < count; ++attempt) {
+    const auto port = static_cast<std::uint16_t>(setting.mFirstPort + (start + attempt) % count);
+    if (count > 1 && port == peer.Port()) {
+      continue;  // where the peer is this host and its server is down, the socket would find itself
+    }
     if (Outcome outcome = NewSocket(peer, setting, device, result); !outcome.Ok()) {
       return outcome;
     }
     if (setting.mFirstPort != 0) {
-      const unsigned int offset = gNextPort.fetch_add(1, std::memory_order_relaxed) % count;
-      if (!BindPort(result.Get(), peer.mAny.sa_family,
-                    static_cast<std::uint16_t>(setting.mFirstPort + offset))) {
+      if (!BindPort(result.Get(), peer.mAny.sa_family, port)) {
         if (errno == EADDRINUSE || errno == EACCES) {
           continue;
         }
@@ -169,19 +173,32 @@ Outcome Begin(const Address& peer, const TransportSetting& setting, const std::s
                            std::to_string(setting.mLastPort) + " is in use (UCX_TCP_PORT_RANGE)"};
 }
 
+/// Whether the socket is connected with itself: that happens on one host when its local port is the one that
+/// nobody listens on.
+bool IsOwnPeer(int socket) {
+  Address own;
+  Address peer;
+  std::memset(&own, 0, sizeof(own));
+  std::memset(&peer, 0, sizeof(peer));
+  socklen_t ownSize = sizeof(own);
+  socklen_t peerSize = sizeof(peer);
+  return getsockname(socket, &own.mAny, &ownSize) == 0 && getpeername(socket, &peer.mAny, &peerSize) == 0 &&
+         own.Port() == peer.Port() && own.mAny.sa_family == peer.mAny.sa_family &&
+         std::memcmp(own.Bytes(), peer.Bytes(), own.ByteCount()) == 0;
+}
+
 }  // namespace
 
 bool WaitFor(int descriptor, short events, const Deadline& deadline) {
-  for (;;) {
+  // The clock comes first: a socket that is always ready must not carry a call beyond its time.
+  while (!deadline.HasLimit() || !deadline.IsOver()) {
     pollfd entry{descriptor, events, 0};
     const int ready = poll(&entry, 1, deadline.PollTime());
     if (ready > 0 || (ready < 0 && errno != EINTR)) {
       return true;  // an error of poll() shows again in the operation that follows
     }
-    if (deadline.IsOver()) {
-      return false;
-    }
   }
+  return false;
 }
 
 Outcome Dial(const std::string& ip, std::uint16_t port, const TransportSetting& setting,
@@ -210,6 +227,9 @@ Outcome Dial(const std::string& ip, std::uint16_t port, const TransportSetting& 
   }
   if (error != 0) {
     return {error == ETIMEDOUT ? kTimedOut : kConnectionLost, strerror(error)};
+  }
+  if (IsOwnPeer(result.Get())) {
+    return {kConnectionLost, strerror(ECONNREFUSED)};
   }
   socket = std::move(result);
   return {};

@@ -85,7 +85,7 @@ void EventLoop::Run() {
   }
 }
 
-void EventLoop::RunPosted() {
+bool EventLoop::RunPosted() {
   std::vector<std::function<void()>> posted;
   {
     std::lock_guard lock(mMutex);
@@ -94,6 +94,7 @@ void EventLoop::RunPosted() {
   for (const auto& function : posted) {
     function();
   }
+  return !posted.empty();
 }
 
 void EventLoop::Post(std::function<void()> function) {

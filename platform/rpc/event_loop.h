@@ -50,7 +50,7 @@ class EventLoop {
   /// The time when the last wait ended.
   Clock::time_point Now() const { return mNow.load(std::memory_order_relaxed); }
   /// For the time behind Run: runs what was posted late.
-  void RunPosted();
+  bool RunPosted();
 
  private:
   void Wake();

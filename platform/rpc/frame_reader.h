@@ -35,6 +35,8 @@ class FrameReader {
 
   /// Reads until a frame is whole or the stream has no more for now.
   State Next(Stream& stream, Frame& frame);
+  /// The socket is readable: Next has to look, whatever the last read found.
+  void Woken() { mDrained = false; }
   /// Whether bytes behind the last whole frame have arrived.
   bool IsInFrame() const { return mBegin != mEnd; }
   const char* Error() const { return mError; }

@@ -96,6 +96,9 @@ void ServerConnection::Resume() {
   {
     std::lock_guard lock(mMutex);
     mParked = false;
+    if (mFrameBegan != Clock::time_point{}) {
+      mFrameBegan = mLoop.mEvents.Now();  // it was not read from meanwhile
+    }
   }
   PostPump();
 }
@@ -197,8 +200,8 @@ ServerConnection::Step ServerConnection::Flush(Ended& ended, std::string& error)
     if (const Step step = Write(output.mParts, output.mFirst, error); step != Step::kGo) {
       return step;
     }
-    mLastActivity = mLastWritten;
     if (output.mIsReply) {
+      mLastActivity = mLastWritten;
       CountDown();
     }
     ended.push_back(std::move(output));
@@ -237,9 +240,10 @@ bool ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t first, 
   }
 }
 
-bool ServerConnection::KeepReply(std::size_t first, Message* message, std::int64_t timeout,
-                                 Callback* callback, std::size_t requestLength) {
+bool ServerConnection::KeepReply(std::size_t first, std::int32_t status, Message* message,
+                                 std::int64_t timeout, Callback* callback, std::size_t requestLength) {
   Output output;
+  output.mStatus = status;
   output.mDeadline = Deadline(timeout < 1 ? -1 : timeout);
   output.mCallback = callback;
   output.mRequestLength = requestLength;
@@ -289,9 +293,12 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
       std::size_t first = 0;
       std::string error;
       step = mOutput.empty() ? Write(mParts, first, error) : Step::kWait;
-      if (step == Step::kWait && !KeepReply(first, message, timeout, callback, requestLength)) {
+      if (step == Step::kWait && !KeepReply(first, result, message, timeout, callback, requestLength)) {
         step = Step::kEnd;
         error = "no memory for a reply";
+      }
+      if (step == Step::kGo) {
+        mLastActivity = mLastWritten;
       }
       pump = step == Step::kGo ? CountDown() : step == Step::kWait;
       if (step == Step::kEnd) {
@@ -314,8 +321,9 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
   return result;
 }
 
-/// Makes mParts of a reply, whose length goes into `header`. Returns: kOk, or kMessageTooLong for a message that the peer
-/// would not take; then the reply tells that instead.
+/// Makes mParts of a reply, whose length goes into `header`. Returns: kOk; kMessageTooLong for a message that the
+/// peer would not take, kInvalidArgument for a buffer without an address; the reply then tells that there is no
+/// answer.
 std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
   mParts.assign(1, {&header, sizeof(header)});
   if (message == nullptr) {
@@ -323,6 +331,11 @@ std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
   }
   std::uint64_t length = 0;
   for (const Buffer& buffer : message->Bl()) {
+    if (buffer.Addr() == nullptr && buffer.Len() != 0) {
+      mParts.resize(1);
+      header.mStatus = kNoAnswer;
+      return kInvalidArgument;
+    }
     mParts.push_back({buffer.Addr(), buffer.Len()});
     length += buffer.Len();
   }
@@ -369,7 +382,7 @@ void ServerConnection::Shut(const std::string& reason) {
 void ServerConnection::Settle(Ended& ended, std::int32_t status) {
   for (const Output& output : ended) {
     if (output.mCallback != nullptr) {
-      output.mCallback->Done(status);
+      output.mCallback->Done(status == kOk ? output.mStatus : status);
     }
     if (output.mIsReply) {
       mCore->EndCall(output.mRequestLength);

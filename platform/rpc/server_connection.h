@@ -58,6 +58,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     std::size_t mFirst = 0;
     Deadline mDeadline{-1};
     Callback* mCallback = nullptr;
+    std::int32_t mStatus = 0;  // for the callback, once all is written
     std::size_t mRequestLength = 0;
     bool mIsReply = false;
   };
@@ -82,8 +83,8 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   /// Puts the rest of `parts`, from `first` on, behind mOutput: a header, then the buffers of `message`. Returns: false
   /// without memory.
   bool Keep(const std::vector<iovec>& parts, std::size_t first, Message* message, Output& output);
-  bool KeepReply(std::size_t first, Message* message, std::int64_t timeout, Callback* callback,
-                 std::size_t requestLength);
+  bool KeepReply(std::size_t first, std::int32_t status, Message* message, std::int64_t timeout,
+                 Callback* callback, std::size_t requestLength);
   std::int32_t LayOut(FrameHeader& header, Message* message);
   /// A call has its answer. Returns: whether the connection may be read from again and was not.
   bool CountDown();

@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstring>
 #include <exception>
+#include <system_error>
 
 namespace vyn::rpc {
 
@@ -141,7 +142,9 @@ void ServerCore::StartThreads() {
   }
   const std::chrono::milliseconds period(std::clamp<std::int64_t>(shortest / 4, 10, 1000));
   mWorkers = std::make_unique<WorkerPool>(mOptions.mWorkerThreads);
-  mLoops.front()->mEvents.Watch(mListener.Get(), EPOLLIN, this);
+  if (!mLoops.front()->mEvents.Watch(mListener.Get(), EPOLLIN, this)) {
+    throw std::system_error(errno, std::generic_category(), "listener");
+  }
   for (const auto& loop : mLoops) {
     loop->mEvents.SetTick(period, [this, &loop = *loop] { Sweep(loop); });
     loop->mThread = std::thread([this, &events = loop->mEvents] { RunLoop(events); });
@@ -187,8 +190,12 @@ void ServerCore::Stop() {
   // Calls that no worker has begun end here, without an answer.
   mWorkers.reset();
   // What was posted to a loop behind its last turn holds connections, which hold this object.
-  for (const auto& loop : mLoops) {
-    loop->mEvents.RunPosted();
+  // Running it may post again.
+  for (bool more = true; more;) {
+    more = false;
+    for (const auto& loop : mLoops) {
+      more = loop->mEvents.RunPosted() || more;
+    }
   }
   std::lock_guard lock(mMutex);
   mParked.clear();

@@ -48,7 +48,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   std::uint16_t Port() const { return mPort; }
   std::size_t Connections() const { return mOpen.load(std::memory_order_relaxed); }
   const ServerOptions& Options() const { return mOptions; }
-  bool IsStopping() const { return mStopping.load(std::memory_order_acquire); }
+  bool IsStopping() const { return mStopping.load(); }
   void Report(const std::string& line) const;
 
   /// Whether there is room for one more request; if not, `connection` is resumed when there is.

@@ -120,7 +120,7 @@ class Node {
   }
 
   std::string mFolder = "/dev/shm/vyn-fuzz-XXXXXX";
-  Neighbours mNeighbours{nullptr};
+  Neighbours mNeighbours{nullptr, {}};
   std::optional<Pool> mPool;
   std::optional<PulledCopies> mCopies;
 };
@@ -155,7 +155,7 @@ std::string WithGoodHeaders(std::string_view input) {
 }
 
 void CallWithAnswers(unsigned call, const std::string& answers) {
-  RemoteNode node([&](Deadline) { return std::make_unique<MemoryStream>(answers); }, PeerRole::kClient,
+  RemoteNode node([&](Deadline, int&) { return std::make_unique<MemoryStream>(answers); }, PeerRole::kClient,
                   kAnyNode);
   const std::string known = Node::KnownId();
   const ObjectName object{{"app", "t"}, known};

@@ -292,18 +292,20 @@ TEST_F(RpcServer, ConnectionsAboveTheLimitAreToldSo) {
   EXPECT_TRUE(client.SyncCall(&context, &request, &response, nullptr)) << context.mStatus;
 }
 
-TEST_F(RpcServer, TimesOfAConnection) {
+TEST_F(RpcServer, TheGreetingHasItsTime) {
   ServerOptions options;
   options.mHandshakeTimeout = 150;
-  options.mIdleTimeout = 300;
-  options.mFrameTimeout = 150;
   Start(options);
-  // Nothing at all, and a greeting that never ends.
   RawSocket silent = RawSocket::Connect(mServer->Port());
   silent.Receive(16);
   EXPECT_TRUE(silent.EndsWithin(RawSocket::kPatience));
   EXPECT_TRUE(Eventually([&] { return Reports().find("no greeting in time") != std::string::npos; }));
-  // A frame that comes byte by byte.
+}
+
+TEST_F(RpcServer, AFrameHasItsTime) {
+  ServerOptions options;
+  options.mFrameTimeout = 150;
+  Start(options);
   RawSocket slow = Open();
   int sent = 0;
   for (const char byte : WireHeader(1000, 1, kEcho) + std::string(1000, 'x')) {
@@ -315,15 +317,23 @@ TEST_F(RpcServer, TimesOfAConnection) {
   EXPECT_LT(sent, 1000);
   EXPECT_TRUE(
       Eventually([&] { return Reports().find("a frame did not arrive in time") != std::string::npos; }));
-  // An idle connection ends without a word; one whose call is open stays.
+}
+
+TEST_F(RpcServer, AnIdleConnectionEndsAndOneWithACallStays) {
+  ServerOptions options;
+  options.mIdleTimeout = 2000;
+  Start(options);
   RawSocket idle = Open();
   RawSocket waiting = Open();
   waiting.Send(WireHeader(0, 1, kHold));
   ASSERT_TRUE(Eventually([&] { return HeldCount() == 1; }));
   EXPECT_TRUE(idle.EndsWithin(RawSocket::kPatience));
-  std::this_thread::sleep_for(std::chrono::milliseconds(400));
   EXPECT_TRUE(Reply(TakeHeld().first, kHold, "still here"));
   EXPECT_EQ(waiting.Receive(34).substr(24), "still here");
+  // Its idle time begins with the answer: it is there after several looks of the server.
+  EXPECT_FALSE(waiting.EndsWithin(700));
+  waiting.Send(WireHeader(3, 2, kEcho) + "two");
+  EXPECT_EQ(waiting.Receive(27).substr(24), "two");
 }
 
 TEST_F(RpcServer, BytesOfUnansweredRequestsAreBounded) {

@@ -147,6 +147,18 @@ TEST_F(RpcTransportSetting, SocketOptionsAndPortRange) {
   EXPECT_NE(fcntl(socket.Get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
+TEST_F(RpcTransportSetting, ASocketIsNeverConnectedWithItself) {
+  // The one local port that it may take is the one that nobody listens on: the kernel would join both ends.
+  RawListener listener;
+  const std::string port = std::to_string(listener.Port());
+  listener.Close();
+  Set("UCX_TCP_PORT_RANGE", port + "-" + port);
+  Descriptor socket;
+  const Outcome outcome = DialHere(listener.Port(), socket);
+  EXPECT_EQ(outcome.mStatus, kConnectionLost) << outcome.mText;
+  EXPECT_FALSE(socket);
+}
+
 /// Runs `work` in a child with a network of its own. Returns: its result, or kNotPermitted.
 constexpr int kNotPermitted = 99;
 int InOwnNetwork(const std::function<int()>& work) {
