@@ -26,6 +26,10 @@ class Latency {
       mMicroseconds.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
     }
   }
+  /// Takes the times of another one over.
+  void Add(const Latency& other) {
+    mMicroseconds.insert(mMicroseconds.end(), other.mMicroseconds.begin(), other.mMicroseconds.end());
+  }
   double Percentile(double part) {
     std::sort(mMicroseconds.begin(), mMicroseconds.end());
     return mMicroseconds.at(static_cast<std::size_t>(part * static_cast<double>(mMicroseconds.size() - 1)));
