@@ -174,7 +174,8 @@ Outcome ClientConnection::ReceiveExactly(void* data, std::size_t size, const Dea
 
 Outcome ClientConnection::ReceiveReply(const FrameHeader& sent, Message& response, const Deadline& deadline) {
   Frame frame;
-  // The reply cannot be there yet, so the wait comes first, and it counts for more than what the last read found.
+  // The reply cannot be there yet, so the wait comes first, and it counts for more than what the last read
+  // found.
   mReader->Woken();
   auto state = FrameReader::State::kWantRead;
   while (state != FrameReader::State::kFrame) {

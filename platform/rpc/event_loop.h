@@ -2,11 +2,12 @@
 
 // One thread's wait for many descriptors.
 //
-// Descriptors are registered once and reported as long as they are ready, so that a request costs one wait, one read and
-// one write. (Measured against Asio 1.22: its waits are re-armed for every event and look a second time, two system calls
-// a request more.)
+// Descriptors are registered once and reported as long as they are ready, so that a request costs one wait,
+// one read and one write. (Measured against Asio 1.22: its waits are re-armed for every event and look a
+// second time, two system calls a request more.)
 //
-// Run, Watch, Change, Unwatch and SetTick belong to the loop's thread, or to a time before Run; the others to any.
+// Run, Watch, Change, Unwatch and SetTick belong to the loop's thread, or to a time before Run; the others to
+// any.
 
 #include "platform/rpc/descriptor.h"
 
@@ -26,8 +27,8 @@ class EventLoop {
   class Watcher {
    public:
     virtual ~Watcher() = default;
-    /// \param events of epoll(7). A watcher may be told once more behind its Unwatch, while the events of one wait are
-    /// handed out; it must exist until a function posted behind the Unwatch runs.
+    /// \param events of epoll(7). A watcher may be told once more behind its Unwatch, while the events of one
+    /// wait are handed out; it must exist until a function posted behind the Unwatch runs.
     virtual void OnReady(std::uint32_t events) = 0;
   };
 

@@ -321,9 +321,9 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
   return result;
 }
 
-/// Makes mParts of a reply, whose length goes into `header`. Returns: kOk; kMessageTooLong for a message that the
-/// peer would not take, kInvalidArgument for a buffer without an address; the reply then tells that there is no
-/// answer.
+/// Makes mParts of a reply, whose length goes into `header`. Returns: kOk; kMessageTooLong for a message that
+/// the peer would not take, kInvalidArgument for a buffer without an address; the reply then tells that there
+/// is no answer.
 std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
   mParts.assign(1, {&header, sizeof(header)});
   if (message == nullptr) {

@@ -80,8 +80,8 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   /// Writes what the socket takes. kWait when some of it is left.
   Step Write(std::vector<iovec>& parts, std::size_t& first, std::string& error);
   Step Flush(Ended& ended, std::string& error);
-  /// Puts the rest of `parts`, from `first` on, behind mOutput: a header, then the buffers of `message`. Returns: false
-  /// without memory.
+  /// Puts the rest of `parts`, from `first` on, behind mOutput: a header, then the buffers of `message`.
+  /// Returns: false without memory.
   bool Keep(const std::vector<iovec>& parts, std::size_t first, Message* message, Output& output);
   bool KeepReply(std::size_t first, std::int32_t status, Message* message, std::int64_t timeout,
                  Callback* callback, std::size_t requestLength);

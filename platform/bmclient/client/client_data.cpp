@@ -170,11 +170,14 @@ int Client::Gather(const BmGatherContext* list, unsigned int flags, const BmSecC
   }
   std::uint16_t where = 0;
   int result = GetAccess(destination->ns, destination->token, object.access);
-  if (result == 0 && LocalNode(where) != 0) {
+  const int local = result == 0 ? LocalNode(where) : 0;
+  if (local == kBmLocalError) {  // outside the fabric
     if (pieces.empty()) {
       return kBmLocalError;
     }
     where = OwnerOf(pieces.front().bmId);
+  } else {
+    result = result == 0 ? local : result;
   }
   std::string id;
   result = result == 0 ? AllocateAt(where, object.access, total, id) : result;
@@ -192,8 +195,20 @@ int Client::Gather(const BmGatherContext* list, unsigned int flags, const BmSecC
 }
 
 int Client::GatherPieces(const std::vector<BmGatherPiece>& pieces, const ObjectName& destination) {
+  // All pieces are looked at before the first is copied: a gather that is refused has changed nothing.
+  std::uint64_t total = 0;
+  for (const BmGatherPiece& piece : pieces) {
+    Place from;
+    int wrong = Locate({destination.access, {piece.bmId, kIdLength}}, false, from);
+    wrong = wrong == 0 ? from.CheckRange(piece.offset, piece.length) : wrong;
+    if (wrong != 0) {
+      return wrong;
+    }
+    total += piece.length;
+  }
   Place to;
   int result = Locate(destination, true, to);
+  result = result == 0 ? to.CheckRange(0, total) : result;
   std::uint64_t offset = 0;
   for (std::size_t index = 0; result == 0 && index < pieces.size(); ++index) {
     const BmGatherPiece& piece = pieces[index];

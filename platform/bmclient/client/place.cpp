@@ -38,6 +38,15 @@ int Place::Write(std::uint64_t offset, std::uint64_t length, const void* buffer,
                                                                                             : kBmLocalError;
 }
 
+int Place::CheckRange(std::uint64_t offset, std::uint64_t length) {
+  if (mNode != nullptr) {
+    if (const int result = mNode->Stat(mName, mSize); result != 0) {
+      return result;
+    }
+  }
+  return InRange(offset, length) ? 0 : kBmLocalError;
+}
+
 int Place::Fill(int file, std::uint64_t fileOffset, std::uint64_t length) {
   const std::unique_ptr<char[]> buffer(new char[kMaxDataLength]);
   if (mNode != nullptr) {

@@ -22,6 +22,8 @@ class Place {
   /// does not lie in the object, or a node's result.
   int Read(std::uint64_t offset, std::uint64_t length, void* buffer, std::uint64_t beyond = 0);
   int Write(std::uint64_t offset, std::uint64_t length, const void* buffer, std::uint64_t beyond = 0);
+  /// Whether the range lies in the object. Returns: 0, kBmLocalError, or a node's result.
+  int CheckRange(std::uint64_t offset, std::uint64_t length);
   /// `length` bytes of an open file, from `fileOffset` on, to the object's beginning.
   int Fill(int file, std::uint64_t fileOffset, std::uint64_t length);
 

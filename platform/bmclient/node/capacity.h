@@ -18,11 +18,22 @@ class Capacity {
 
   explicit Capacity(std::uint64_t limit) : mLimit(limit) {}
 
-  /// What an object of `size` bytes takes. Requires: size at most kMaxSize.
-  static std::uint64_t Charge(std::uint64_t size) { return (size + kPage - 1) / kPage * kPage; }
+  /// What an object of `size` bytes takes; one without contents takes a page, too, so that nobody makes files
+  /// without end. Requires: size at most kMaxSize.
+  static std::uint64_t Charge(std::uint64_t size) {
+    return (std::max<std::uint64_t>(size, 1) + kPage - 1) / kPage * kPage;
+  }
 
-  /// Called without a lock when a reservation does not fit: gives up to `bytes` back by Release, if it can.
-  void SetReclaimer(std::function<void(std::uint64_t bytes)> reclaim) { mReclaim = std::move(reclaim); }
+  /// Called without a lock when a reservation does not fit: gives `bytes` back by Release. What it has is
+  /// less: it gives nothing, or all of it when `some` will do.
+  using Reclaimer = std::function<void(std::uint64_t bytes, bool some)>;
+  void SetReclaimer(Reclaimer reclaim) { mReclaim = std::move(reclaim); }
+  /// For the file system, which may be full before the limit is reached.
+  void GiveWay(std::uint64_t bytes) {
+    if (mReclaim != nullptr) {
+      mReclaim(bytes, true);
+    }
+  }
 
   /// Takes `bytes` from what is left. Returns: false when they are not there.
   bool Reserve(std::uint64_t bytes) {
@@ -33,7 +44,7 @@ class Capacity {
     if (bytes > mLimit || mReclaim == nullptr) {
       return false;
     }
-    mReclaim(missing);
+    mReclaim(missing, false);
     return Try(bytes) == 0;
   }
   void Release(std::uint64_t bytes) {
@@ -65,8 +76,8 @@ class Capacity {
   }
 
   const std::uint64_t mLimit;
-  std::function<void(std::uint64_t)> mReclaim;  // set before the first reservation
-  mutable std::mutex mMutex;                    // guards mUsed
+  Reclaimer mReclaim;         // set before the first reservation
+  mutable std::mutex mMutex;  // guards mUsed
   std::uint64_t mUsed = 0;
 };
 

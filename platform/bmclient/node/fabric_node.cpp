@@ -98,7 +98,7 @@ bool FabricNode::Impl::Open(std::string& error) {
           options.poolPath, [this](const std::string& text) { Log(kWarn, text); }, error)) {
     return false;
   }
-  pool.Bytes().SetReclaimer([this](std::uint64_t bytes) { copies.Reclaim(bytes); });
+  pool.Bytes().SetReclaimer([this](std::uint64_t bytes, bool some) { copies.Reclaim(bytes, some); });
   FileDescriptor brokerListener;
   if (!options.home.empty()) {
     brokerListener = ListenAsBroker(options.home, brokerLock, error);
@@ -170,6 +170,7 @@ void FabricNode::Impl::SweepNowAndThen() {
     lock.unlock();
     try {
       copies.Sweep();
+      pool.CutGrown();
     } catch (const std::exception& failure) {
       Log(kWarn, std::string("could not look after the pulled copies: ") + failure.what());
     }

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 
@@ -68,7 +69,14 @@ bool Pool::Adopt(const std::string& name, const std::function<void(const std::st
               std::to_string(OwnerOf(id)) + ", this is node " + std::to_string(mNodeId);
       return false;
     }
+    // A tenant holds descriptors for writing and may have made its file as large as it liked.
     const auto size = static_cast<std::uint64_t>(state.st_size);
+    if (size > Capacity::kMaxSize ||
+        Capacity::Charge(size) >
+            Capacity::kMaxSize - std::min(Capacity::kMaxSize, mCapacity.Used() + space->charged)) {
+      warn("larger than any pool, left alone: " + entry.path().string());
+      continue;
+    }
     space->sizes.emplace(id, size);
     space->charged += Capacity::Charge(size);
   }
@@ -139,6 +147,36 @@ int Pool::Enter(const Access& access, NamespacePtr& space) const {
   return space->token.Matches(access.token) ? 0 : -EACCES;
 }
 
+FileDescriptor Pool::MakeFile(std::uint64_t size, int& failure) {
+  FileDescriptor file = mFolder.MakeFile(size, failure);
+  if (!file && failure == ENOSPC) {
+    mCapacity.GiveWay(Capacity::Charge(size));
+    file = mFolder.MakeFile(size, failure);
+  }
+  return file;
+}
+
+void Pool::CutGrown() {
+  for (const NamespacePtr& space : All()) {
+    for (const ObjectInfo& info : Objects(space)) {
+      struct stat state {};
+      const std::string path = PathOf(*space, info.id);
+      if (::fstatat(mFolder.Descriptor(), path.c_str(), &state, AT_SYMLINK_NOFOLLOW) != 0 ||
+          static_cast<std::uint64_t>(state.st_blocks) * 512 <= Capacity::Charge(info.size)) {
+        continue;
+      }
+      std::lock_guard one(
+          space->expanding);  // a file that Expand is at is larger than its object for a moment
+      FileDescriptor file;
+      std::uint64_t size = 0;
+      if (OpenObject(space, info.id, true, file, size) == 0 && ::fstat(file.Get(), &state) == 0 &&
+          static_cast<std::uint64_t>(state.st_blocks) * 512 > Capacity::Charge(size)) {
+        [[maybe_unused]] const int cut = ::ftruncate(file.Get(), static_cast<off_t>(size));
+      }
+    }
+  }
+}
+
 int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id) {
   if (size > Capacity::kMaxSize) {
     return kBmNotEnoughCapacity;
@@ -148,7 +186,7 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
     return kBmNotEnoughCapacity;
   }
   int failure = 0;
-  const FileDescriptor file = mFolder.MakeFile(size, failure);
+  const FileDescriptor file = MakeFile(size, failure);
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
@@ -185,7 +223,12 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   if (!reservation) {
     return kBmNotEnoughCapacity;
   }
-  if (const int failure = PoolFolder::Reserve(file.Get(), size); failure != 0) {
+  int failure = PoolFolder::Reserve(file.Get(), size);
+  if (failure == ENOSPC) {
+    mCapacity.GiveWay(more);
+    failure = PoolFolder::Reserve(file.Get(), size);
+  }
+  if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
   std::lock_guard lock(space->mutex);

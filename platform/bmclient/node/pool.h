@@ -58,6 +58,11 @@ class Pool {
   int Enter(const Access& access, NamespacePtr& space) const;
 
   int Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id);
+  /// A file without a name in the pool's file system, with `size` bytes reserved. Copies give way when it is
+  /// full. \param failure errno.
+  FileDescriptor MakeFile(std::uint64_t size, int& failure);
+  /// Cuts files back to their objects' sizes: who has one for writing can make it larger, unaccounted.
+  void CutGrown();
   /// `size` is the new size. One below the present size is kBmLocalError.
   int Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size);
   int Free(const NamespacePtr& space, std::string_view id);

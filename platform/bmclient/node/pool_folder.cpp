@@ -105,7 +105,9 @@ int PoolFolder::MakeNamespace(const std::string& name, const TokenHash& token) {
   const auto& bytes = token.Stored();
   const FileDescriptor file(::openat(mInternal.Get(), (staged + "/" + kTokenFile).c_str(),
                                      O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  errno = ENOSPC;
+  if (file) {
+    errno = ENOSPC;  // for a short write
+  }
   const bool written =
       file && ::write(file.Get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
   if (written &&

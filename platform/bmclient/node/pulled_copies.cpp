@@ -111,7 +111,7 @@ int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, std::uint64_
     return kBmNotEnoughCapacity;
   }
   int failure = 0;
-  const FileDescriptor file = mPool.Folder().MakeFile(size, failure);
+  const FileDescriptor file = mPool.MakeFile(size, failure);
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
@@ -164,7 +164,13 @@ void PulledCopies::Drop(std::string_view id) {
   }
 }
 
-void PulledCopies::Reclaim(std::uint64_t bytes) {
+void PulledCopies::Reclaim(std::uint64_t bytes, bool some) {
+  if (!some) {
+    std::lock_guard lock(mMutex);
+    if (mBytes < bytes) {
+      return;  // it would not help, and the copies are of use
+    }
+  }
   for (std::uint64_t freed = 0; freed < bytes;) {
     FileDescriptor keeper;
     std::lock_guard lock(mMutex);

@@ -38,9 +38,9 @@ class PulledCopies {
   void Drop(std::string_view id);
   /// Asks the owners which originals are gone, and drops their copies.
   void Sweep();
-  /// Drops copies, those first that were not used for the longest time, until `bytes` are free or none is
-  /// left.
-  void Reclaim(std::uint64_t bytes);
+  /// Drops copies, those first that were not used for the longest time, until `bytes` are free. When all of
+  /// them would not give so much: drops none, or all when `some` will do.
+  void Reclaim(std::uint64_t bytes, bool some);
   /// Makes every pull under way give up.
   void Stop() { mStopping = true; }
 

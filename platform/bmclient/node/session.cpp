@@ -136,7 +136,9 @@ bool Session::Allocate(Exchange& exchange, Reader& arguments) {
     result = mParts.pool.Enter(access, space);
     result = result == 0 ? Seen(mParts.pool.Allocate(space, size, id)) : result;
   }
-  const bool answered = exchange.Answer(result, result == 0 ? Writer().Text(id).Bytes() : std::string_view());
+  // A send to a peer that has closed its end may still succeed.
+  const bool answered = (result != 0 || !exchange.PeerGone()) &&
+                        exchange.Answer(result, result == 0 ? Writer().Text(id).Bytes() : std::string_view());
   if (result == 0 && !answered) {
     // Nobody knows the id: the object would stay for ever.
     if (other != nullptr) {

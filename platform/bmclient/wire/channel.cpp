@@ -20,6 +20,9 @@ IoStatus Channel::ReadAnswer(Operation operation, int& result, std::string& head
       return IoStatus::kFailed;
     }
     if ((header.flags & kFrameProgress) != 0) {
+      if (header.headLength != 0 || header.dataLength != 0) {
+        return IoStatus::kFailed;
+      }
       if (progress != nullptr) {
         progress();
       }

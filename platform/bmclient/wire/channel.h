@@ -36,8 +36,9 @@ class Channel {
   /// Whether the channel can take another request: every answer was read and the other side is there.
   bool Usable() { return mSent == mAnswered && !mReader.HasBuffered() && mStream->Quiet(); }
 
-  /// When the channel was put aside. Used by its pool.
+  /// When the channel was put aside; and whether it was taken up again. Used by its pool.
   Deadline mIdleSince{};
+  bool mReused = false;
 
  private:
   std::unique_ptr<ByteStream> mStream;

@@ -32,15 +32,18 @@ std::chrono::milliseconds TimeFor(std::uint64_t size) {
 
 }  // namespace
 
-int RemoteNode::Hello(Channel& channel) {
+int RemoteNode::Hello(Channel& channel, Deadline deadline) {
+  const auto left = [deadline] {
+    return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  };
   Writer head;
   head.Put(kProtocolVersion).Put(static_cast<std::uint16_t>(mRole)).Put(mExpectedNode);
-  IoStatus status = channel.SendRequest(Operation::kHello, head.Bytes(), nullptr, 0, mTimeouts.connect);
+  IoStatus status = channel.SendRequest(Operation::kHello, head.Bytes(), nullptr, 0, left());
   std::string answer;
   int result = 0;
   std::uint32_t dataLength = 0;
   if (status == IoStatus::kOk) {
-    status = channel.ReadAnswer(Operation::kHello, result, answer, dataLength, mTimeouts.connect);
+    status = channel.ReadAnswer(Operation::kHello, result, answer, dataLength, left());
   }
   if (status != IoStatus::kOk || result != 0) {
     return status != IoStatus::kOk ? ResultOf(status) : result;
@@ -66,16 +69,27 @@ int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
       mIdle.pop_back();
     }
     if (std::chrono::steady_clock::now() - channel->mIdleSince < kMaxIdleTime && channel->Usable()) {
+      channel->mReused = true;
       return 0;
     }
   }
   int result = kBmUnconnected;
-  auto stream = mConnect(After(mTimeouts.connect), result);
+  const Deadline deadline = After(mTimeouts.connect);
+  auto stream = mConnect(deadline, result);
   if (stream == nullptr) {
     return result;
   }
   channel = std::make_unique<Channel>(std::move(stream));
-  return Hello(*channel);
+  return Hello(*channel, deadline);
+}
+
+int RemoteNode::Broken(const Channel& channel, IoStatus status) {
+  if (channel.mReused && (status == IoStatus::kClosed || status == IoStatus::kTimeout)) {
+    std::vector<std::unique_ptr<Channel>> dropped;  // outside the lock
+    std::lock_guard lock(mMutex);
+    dropped.swap(mIdle);
+  }
+  return ResultOf(status);
 }
 
 void RemoteNode::Release(std::unique_ptr<Channel> channel) {
@@ -98,7 +112,14 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
   if (const int result = Acquire(channel); result != 0) {
     return result;
   }
+  const bool reused = channel->mReused;
   Release(std::move(channel));
+  if (reused) {
+    NodeAttributes attributes;  // a host that was lost shows only in an answer that does not come
+    if (const int result = Query(attributes); result != 0) {
+      return result;
+    }
+  }
   if (nodeId != nullptr) {
     std::lock_guard lock(mMutex);
     *nodeId = mNodeId;
@@ -122,7 +143,7 @@ int RemoteNode::Call(Operation operation, std::string_view head, std::string& an
     status = IoStatus::kFailed;
   }
   if (status != IoStatus::kOk) {
-    return ResultOf(status);
+    return Broken(*channel, status);
   }
   FileDescriptor received = channel->TakeDescriptor();
   if (descriptor != nullptr) {
@@ -279,7 +300,7 @@ int RemoteNode::Transfer(Operation operation, const ObjectName& object, std::uin
       const IoStatus sent = channel->SendRequest(operation, head.Bytes(), data, source == nullptr ? 0 : chunk,
                                                  mTimeouts.answer);
       if (sent != IoStatus::kOk) {
-        return ResultOf(sent);
+        return Broken(*channel, sent);
       }
       asked += chunk;
       ++due;
@@ -289,7 +310,7 @@ int RemoteNode::Transfer(Operation operation, const ObjectName& object, std::uin
     std::string answer;
     if (const IoStatus status = channel->ReadAnswer(operation, result, answer, dataLength, mTimeouts.answer);
         status != IoStatus::kOk) {
-      return ResultOf(status);
+      return Broken(*channel, status);
     }
     --due;
     const std::uint64_t chunk = std::min<std::uint64_t>(kMaxDataLength, length - done);

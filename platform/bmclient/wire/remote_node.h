@@ -81,7 +81,10 @@ class RemoteNode {
 
  private:
   int Acquire(std::unique_ptr<Channel>& channel);
-  int Hello(Channel& channel);
+  int Hello(Channel& channel, Deadline deadline);
+  /// The result of a call that `channel` did not bring to its end. When it was taken up again, the node may
+  /// have gone without a word, and those that are kept are no better: they are dropped.
+  int Broken(const Channel& channel, IoStatus status);
   void Release(std::unique_ptr<Channel> channel);
   /// A chunked, pipelined kRead (with a sink) or kWrite (with a source).
   int Transfer(Operation operation, const ObjectName& object, std::uint64_t offset, std::uint64_t length,

@@ -71,7 +71,8 @@ class ScriptedServer {
   std::thread mThread;
 };
 
-/// Takes the client's greeting, gives ours, takes a request with a body of `length` bytes. Returns: its call number.
+/// Takes the client's greeting, gives ours, takes a request with a body of `length` bytes. Returns: its call
+/// number.
 std::uint64_t Greet(RawSocket& socket, std::size_t length) {
   EXPECT_TRUE(socket.Send(WireGreeting()));
   const std::string bytes = socket.Receive(16 + 24 + length);
@@ -213,8 +214,8 @@ TEST(RpcClient, ALateReplyIsNeverTakenForALaterCall) {
 }
 
 TEST(RpcClient, OneDeadlineForTheWholeCall) {
-  // Bytes keep coming, each well within the time-out or so fast that the socket is always readable; the reply as
-  // a whole does not.
+  // Bytes keep coming, each well within the time-out or so fast that the socket is always readable; the reply
+  // as a whole does not.
   const struct {
     std::chrono::milliseconds pause;
     int bytes;

@@ -126,6 +126,7 @@ std::uint32_t BmInitialize(const char* home, int clientFlag) {
     g_vynHome = home;
     g_clientFlag = clientFlag;
   }
+  g_bmUninitClaim.store(0);  // another thread may have uninitialised since this call began
   g_bmInitInProgress.store(0, std::memory_order_release);
   return VYN_OK;
 }

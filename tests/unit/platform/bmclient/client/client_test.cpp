@@ -299,8 +299,15 @@ TEST_P(ClientTest, GatherLaysPiecesBehindEachOther) {
   ASSERT_EQ(gather(list, kGatherExisting, &room), 0);
   EXPECT_EQ(mTenant.Read(room.mId.c_str(), 0, expected.size() + 1), expected + '\0');
 
-  const Tenant::Context little(mTenant, mTenant.Allocate(mNode, 10));
+  // A gather that is refused has changed nothing, whichever piece is the wrong one.
+  const Tenant::Context little(mTenant, mTenant.Allocate(mNode, 1010));  // the first piece would fit
   EXPECT_EQ(gather(list, kGatherExisting, &little), kBmLocalError);
+  EXPECT_EQ(mTenant.Read(little.mId.c_str(), 0, 1010), std::string(1010, '\0'));
+  ASSERT_EQ(mTenant.Write(room.mId.c_str(), 0, std::string(1000, '-')), 0);
+  std::strcpy(pieces[2].bmId, MakeObjectId(mNode).c_str());
+  EXPECT_EQ(gather(listOf({pieces, pieces + 3}), kGatherExisting, &room), -ENOENT);
+  EXPECT_EQ(mTenant.Read(room.mId.c_str(), 0, 1000), std::string(1000, '-'));
+  std::strcpy(pieces[2].bmId, firstId.c_str());
   EXPECT_EQ(gather(list, 0, &room), kBmLocalError);
   EXPECT_EQ(gather(listOf({pieces, pieces + 1}, 7), kGatherExisting, &room), kBmLocalError);
   pieces[1].offset = 1;  // one byte too far: the new object must go again

@@ -227,19 +227,19 @@ TEST_F(DoorsTest, AFullDoorLetsTheLongestIdleGoAndKeepsTheBusy) {
     options.maxLinkConnections = 100;
     options.maxConnectionsPerPeer = 2;
   });
-  Raw first = Link();
-  first.Send(kHelloBytes);
-  ASSERT_EQ(first.Receive(26).size(), 26U);
-  Raw second = Link();
-  second.Send(kHelloBytes + "V");  // a frame has begun: busy
-  ASSERT_EQ(second.Receive(26).size(), 26U);
+  Raw busy = Link();             // the older one
+  busy.Send(kHelloBytes + "V");  // a frame has begun
+  ASSERT_EQ(busy.Receive(26).size(), 26U);
   ::poll(nullptr, 0, 50);
+  Raw idle = Link();
+  idle.Send(kHelloBytes);
+  ASSERT_EQ(idle.Receive(26).size(), 26U);
   Raw third = Link();
   third.Send(kHelloBytes);
   EXPECT_EQ(third.Receive(26).size(), 26U);
-  EXPECT_TRUE(first.Closes(0));
-  second.Send(Frame(Operation::kQuery, 1, "").substr(1));
-  EXPECT_EQ(second.Receive(24).size(), 24U);
+  EXPECT_TRUE(idle.Closes(0));
+  busy.Send(Frame(Operation::kQuery, 1, "").substr(1));
+  EXPECT_EQ(busy.Receive(24).size(), 24U);
 }
 
 TEST_F(DoorsTest, AnIdleConnectionIsClosedAndAClientComesBack) {

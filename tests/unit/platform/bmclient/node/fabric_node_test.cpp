@@ -5,13 +5,16 @@
 #include "support/fabric.h"
 #include "support/temp_dir.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <limits>
 #include <set>
 
 namespace vyn::bm {
@@ -176,6 +179,34 @@ TEST(FabricNodeTest, ThePoolIsFullAtItsLimitAndAFreeMakesRoom) {
   ASSERT_EQ(node.DestroyNamespace("app"), 0);
   ASSERT_EQ(node.CreateNamespace("app", ""), 0);
   EXPECT_EQ(node.Allocate("app", 1, id), 0);
+}
+
+TEST(FabricNodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {
+  // Who has a descriptor for writing can do to the file what it likes, beside the node and its account.
+  const FabricPlace place(7);
+  FabricNode node;
+  std::string error;
+  ASSERT_TRUE(node.Start(place.Options(), error)) << error;
+  ASSERT_EQ(node.CreateNamespace("app", ""), 0);
+  std::string id;
+  std::string other;
+  ASSERT_EQ(node.Allocate("app", 5000, id), 0);
+  ASSERT_EQ(node.Allocate("app", 5000, other), 0);
+  const std::string path = place.Pool() + "/app/" + id;
+  const FileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  ASSERT_EQ(::fallocate(file.Get(), 0, 0, 1 << 20), 0);
+  struct stat state {};
+  for (int tries = 0; tries < 3000 && (::fstat(file.Get(), &state) != 0 || state.st_size != 5000); ++tries) {
+    ::poll(nullptr, 0, 10);
+  }
+  EXPECT_EQ(state.st_size, 5000);
+  EXPECT_EQ(state.st_blocks * 512, 8192);
+  node.Stop();
+  std::filesystem::resize_file(path, std::numeric_limits<std::int64_t>::max());
+  ASSERT_TRUE(node.Start(place.Options(), error)) << error;
+  EXPECT_EQ(node.Stats().objects, 1U);
+  EXPECT_EQ(node.Stats().used, 8192U);
+  EXPECT_EQ(node.Allocate("app", 5000, id), 0);
 }
 
 TEST(FabricNodeTest, ManyThreadsNeverBreakTheAccount) {
