@@ -68,12 +68,6 @@ class ClusterTest : public testing::Test {
     ASSERT_EQ(mAdapter->ClusterZKMakeDir(), 0U);
     mRaw = std::make_unique<RawZookeeper>(mUrl);
   }
-  /// Kills the server, without the plain client: two clients of one process write their complaints about a lost
-  /// connection into the same buffer of the client library.
-  void KillServer() {
-    mRaw.reset();
-    gServer->Kill();
-  }
   std::string LeaderAddress() {
     std::shared_lock lock(mMeta->mLeaderLock);
     return mMeta->mLeaderAddress;

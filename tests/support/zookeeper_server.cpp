@@ -1,5 +1,3 @@
-#define THREADED  // the synchronous calls
-
 #include "support/zookeeper_server.h"
 
 #include <arpa/inet.h>
@@ -65,12 +63,6 @@ std::string MakeRoot(const std::string& servers) {
   return servers + root;
 }
 
-void Require(int result, const std::string& what) {
-  if (result != ZOK) {
-    throw std::runtime_error(what + ": " + zerror(result));
-  }
-}
-
 }  // namespace
 
 ReservedPort::ReservedPort() : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -87,17 +79,6 @@ ReservedPort::ReservedPort() : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXE
 }
 
 ReservedPort::~ReservedPort() { close(mSocket); }
-
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::seconds limit) {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
 
 ZookeeperServer::ZookeeperServer(const std::string& listen) : ZookeeperServer(0, "", listen) {
   WaitUntilServing();
@@ -192,84 +173,6 @@ std::string ZookeeperEnsemble::NewRoot() {
     servers += (servers.empty() ? "" : ",") + server->Address();
   }
   return MakeRoot(servers);
-}
-
-RawZookeeper::RawZookeeper(const std::string& url) {
-  zoo_set_debug_level(ZOO_LOG_LEVEL_ERROR);
-  mHandle = zookeeper_init2(url.c_str(), nullptr, 30000, nullptr, nullptr, ZOO_NO_LOG_CLIENTENV,
-                            [](const char*) {});
-  if (mHandle == nullptr || !WaitUntil([this] { return zoo_state(mHandle) == ZOO_CONNECTED_STATE; })) {
-    zookeeper_close(mHandle);
-    throw std::runtime_error("no connection with " + url);
-  }
-}
-
-RawZookeeper::~RawZookeeper() { zookeeper_close(mHandle); }
-
-void RawZookeeper::Create(const std::string& path, const std::optional<std::string>& value, int flags) {
-  for (auto slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-    const int made =
-        zoo_create(mHandle, path.substr(0, slash).c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
-    Require(made == ZNODEEXISTS ? static_cast<int>(ZOK) : made, path);
-  }
-  Require(zoo_create(mHandle, path.c_str(), value ? value->data() : nullptr,
-                     value ? static_cast<int>(value->size()) : -1, &ZOO_OPEN_ACL_UNSAFE, flags, nullptr, 0),
-          path);
-}
-
-void RawZookeeper::Set(const std::string& path, const std::string& value) {
-  Require(zoo_set(mHandle, path.c_str(), value.data(), static_cast<int>(value.size()), -1), path);
-}
-
-void RawZookeeper::Delete(const std::string& path) { Require(zoo_delete(mHandle, path.c_str(), -1), path); }
-
-void RawZookeeper::CreateChildren(const std::string& parent, int count) {
-  constexpr int kAtOnce = 5000;
-  for (int done = 0; done < count; done += kAtOnce) {
-    const int now = std::min(kAtOnce, count - done);
-    std::vector<std::string> paths;
-    for (int i = 0; i < now; ++i) {
-      paths.push_back(parent + "/" + std::to_string(done + i));
-    }
-    std::vector<zoo_op_t> operations(paths.size());
-    std::vector<zoo_op_result_t> results(paths.size());
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      zoo_create_op_init(&operations[i], paths[i].c_str(), "1", 1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
-    }
-    Require(zoo_multi(mHandle, now, operations.data(), results.data()), parent);
-  }
-}
-
-bool RawZookeeper::Exists(const std::string& path) const {
-  const int result = zoo_exists(mHandle, path.c_str(), 0, nullptr);
-  Require(result == ZNONODE ? static_cast<int>(ZOK) : result, path);
-  return result == ZOK;
-}
-
-std::int64_t RawZookeeper::Owner(const std::string& path) const {
-  Stat stat{};
-  Require(zoo_exists(mHandle, path.c_str(), 0, &stat), path);
-  return stat.ephemeralOwner;
-}
-
-std::string RawZookeeper::Get(const std::string& path) const {
-  std::string value(4096, '\0');
-  int length = static_cast<int>(value.size());
-  const int result = zoo_get(mHandle, path.c_str(), 0, value.data(), &length, nullptr);
-  if (result == ZNONODE) {
-    return "(none)";
-  }
-  Require(result, path);
-  return length < 0 ? "(null)" : value.substr(0, static_cast<std::size_t>(length));
-}
-
-std::vector<std::string> RawZookeeper::Children(const std::string& path) const {
-  String_vector names{};
-  Require(zoo_get_children(mHandle, path.c_str(), 0, &names), path);
-  std::vector<std::string> children(names.data, names.data + names.count);
-  deallocate_String_vector(&names);
-  std::sort(children.begin(), children.end());
-  return children;
 }
 
 void ExpireSession(int port, const clientid_t& session) {

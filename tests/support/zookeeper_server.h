@@ -1,17 +1,15 @@
 #pragma once
 
-// Real ZooKeeper servers on free loopback ports, with their data in temporary folders, and a plain client to prepare and
-// inspect a tree behind the back of the code under test. The servers die with the test program.
+// Real ZooKeeper servers on free loopback ports, with their data in temporary folders. They die with the test program.
 
 #include "support/child_process.h"
+#include "support/raw_zookeeper.h"
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 
 #include <zookeeper/zookeeper.h>
 
-#include <chrono>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,9 +29,6 @@ class ReservedPort {
   int mSocket;
   int mNumber;
 };
-
-/// Waits until `condition` holds. Returns: whether it did within the limit.
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::seconds limit = std::chrono::seconds(60));
 
 /// One server. Its members throw std::runtime_error when the server does not do what they ask for.
 class ZookeeperServer {
@@ -80,31 +75,6 @@ class ZookeeperEnsemble {
  private:
   std::vector<std::unique_ptr<ReservedPort>> mPorts;
   std::vector<std::unique_ptr<ZookeeperServer>> mServers;
-};
-
-/// A client of its own session. Its members throw std::runtime_error when ZooKeeper refuses.
-class RawZookeeper {
- public:
-  explicit RawZookeeper(const std::string& url);
-  ~RawZookeeper();
-  RawZookeeper(const RawZookeeper&) = delete;
-  RawZookeeper& operator=(const RawZookeeper&) = delete;
-
-  /// Creates a znode, with the znodes above it. A value of nullopt is null.
-  void Create(const std::string& path, const std::optional<std::string>& value = std::nullopt, int flags = 0);
-  void Set(const std::string& path, const std::string& value);
-  void Delete(const std::string& path);
-  /// Creates `count` children of `parent`, named by their number, many at a time.
-  void CreateChildren(const std::string& parent, int count);
-  bool Exists(const std::string& path) const;
-  /// Returns: the session that owns the znode, 0 when it is persistent.
-  std::int64_t Owner(const std::string& path) const;
-  /// Returns: the value; "(none)" when there is no such znode, "(null)" when it has none.
-  std::string Get(const std::string& path) const;
-  std::vector<std::string> Children(const std::string& path) const;
-
- private:
-  zhandle_t* mHandle = nullptr;
 };
 
 /// Makes a session of the server at `port` expire: takes it over and closes it.

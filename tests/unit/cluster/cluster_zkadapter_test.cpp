@@ -195,7 +195,7 @@ TEST_F(ClusterZKAdapterTest, AFrozenServerIsAPassingFailure) {
     return result == 0U || result == 2000053U;
   }));
 
-  KillServer();
+  gServer->Kill();
   EXPECT_TRUE(
       WaitUntil([&] { return mAdapter->ClusterZKCheckAvailable() == (result == 0U ? 2000049U : 2000053U); }));
   gServer->Start();

@@ -103,7 +103,7 @@ TEST_F(ElectionTest, ARoundThatFailsHalfWay) {
 TEST_F(ElectionTest, ALostConnectionIsALostRoundAndCounted) {
   mAdapter->ClusterZKClose();
   Connect(4000);
-  KillServer();
+  gServer->Kill();
   const auto lose = [&](int count) {
     bool won = true;
     ASSERT_EQ(mAdapter->ZKTryBecomeMetaElectionLeader(mMeta, won), 0U);
@@ -124,7 +124,7 @@ TEST_F(ElectionTest, ALostConnectionIsALostRoundAndCounted) {
   ASSERT_TRUE(WaitUntil([&] { return mAdapter->ClusterZKCheckAvailable() == 0U; }));
   bool won = false;
   EXPECT_EQ(mAdapter->ZKTryBecomeMetaElectionLeader(mMeta, won), 0U);
-  KillServer();
+  gServer->Kill();
   lose(1);
   gServer->Start();
 }

@@ -107,7 +107,7 @@ TEST_F(LeaderRecordTest, ALeaderOfTheTimeWithoutConnectionIsSeen) {
   ASSERT_EQ(mAdapter->ZKRegisterWatcher(true), 0U);
   const clientid_t session = DoDlZooClientId(cluster::g_ZKHandler);
   for (const char* leader : {"first", "second"}) {
-    KillServer();
+    gServer->Kill();
     ASSERT_TRUE(WaitUntil([&] { return mAdapter->ClusterZKCheckAvailable() != 0U; }));
     gServer->Start();
     gServer->WaitUntilServing();
