@@ -1,5 +1,7 @@
 #include "platform/zk_helper/security.h"
 
+#include "platform/zk_helper/client_lines.h"
+
 #include <dlfcn.h>
 #include <stdlib.h>
 #include <strings.h>
@@ -63,13 +65,13 @@ bool ClientHas(const char* feature, bool present, const char* libraryDirectory, 
 
 }  // namespace
 
-int ChooseClient(const char* url, int sessionTimeout, const VynZookeeperSecurity* security,
-                 const VynZookeeperKeys& keys, const char* libraryDirectory, log_callback_fn logCallback,
-                 MakeClient& make, std::string& cause) {
+int ChooseClient(const std::string& url, int sessionTimeout, const VynZookeeperSecurity* security,
+                 const VynZookeeperKeys& keys, const char* libraryDirectory, MakeClient& make,
+                 std::string& cause) {
   if (security == nullptr || !security->enable) {
     make = [=](watcher_fn watcher, void* context) {
-      return zookeeper_init2(url, watcher, sessionTimeout, nullptr, context, ZOO_NO_LOG_CLIENTENV,
-                             logCallback);
+      return zookeeper_init2(url.c_str(), watcher, sessionTimeout, nullptr, context, ZOO_NO_LOG_CLIENTENV,
+                             &OnClientLine);
     };
     return ZOK;
   }
@@ -79,7 +81,8 @@ int ChooseClient(const char* url, int sessionTimeout, const VynZookeeperSecurity
       return ZUNIMPLEMENTED;
     }
     make = [=, certificates = Text(security->certificates)](watcher_fn watcher, void* context) {
-      return zookeeper_init_ssl(url, certificates.c_str(), watcher, sessionTimeout, nullptr, context,
+      CatchClientStream();  // this constructor alone takes no callback
+      return zookeeper_init_ssl(url.c_str(), certificates.c_str(), watcher, sessionTimeout, nullptr, context,
                                 ZOO_NO_LOG_CLIENTENV);
     };
     return ZOK;
@@ -94,15 +97,14 @@ int ChooseClient(const char* url, int sessionTimeout, const VynZookeeperSecurity
       return ZUNIMPLEMENTED;
     }
     make = [=, service = Text(security->principleName), host = Text(security->principleHostname),
-            user = Text(security->clientPrincipal),
-            keytab = Text(security->clientKeytab)](watcher_fn watcher, void* context) {
-      setenv("KRB5_CLIENT_KTNAME", keytab.c_str(), 0);
-      // The client refers to the callbacks for the life of its handle, and after it there is no moment to
-      // free them.
-      static const void* callbacks = zoo_sasl_make_basic_callbacks(user.c_str(), nullptr, nullptr);
-      ZooSaslParameters parameters{service.c_str(), host.c_str(), "GSSAPI", callbacks};
-      return zookeeper_init_sasl(url, watcher, sessionTimeout, nullptr, context, ZOO_NO_LOG_CLIENTENV,
-                                 logCallback, &parameters);
+            user = Text(security->clientPrincipal), keytab = Text(security->clientKeytab),
+            callbacks = std::shared_ptr<void>()](watcher_fn watcher, void* context) mutable {
+      setenv("KRB5_CLIENT_KTNAME", keytab.c_str(), 1);
+      // The client refers to the callbacks, and they to the user's name, for the life of its handle.
+      callbacks.reset(zoo_sasl_make_basic_callbacks(user.c_str(), nullptr, nullptr), &free);
+      ZooSaslParameters parameters{service.c_str(), host.c_str(), "GSSAPI", callbacks.get()};
+      return zookeeper_init_sasl(url.c_str(), watcher, sessionTimeout, nullptr, context, ZOO_NO_LOG_CLIENTENV,
+                                 &OnClientLine, &parameters);
     };
     return ZOK;
   }

@@ -11,11 +11,10 @@
 
 namespace vyn::utilities::zookeeper {
 
-/// Chooses how to make the client. `security` may be null, for a plain connection. `logCallback` gets the
-/// client's own error lines. Returns: ZOK with `make`, which refers to the arguments; otherwise a negative
-/// result, `cause` telling what is missing.
-int ChooseClient(const char* url, int sessionTimeout, const VynZookeeperSecurity* security,
-                 const VynZookeeperKeys& keys, const char* libraryDirectory, log_callback_fn logCallback,
-                 MakeClient& make, std::string& cause);
+/// Chooses how to make the client. `security` may be null, for a plain connection. Returns: ZOK with `make`, which
+/// has copies of what it needs; otherwise a negative result, `cause` telling what is missing.
+int ChooseClient(const std::string& url, int sessionTimeout, const VynZookeeperSecurity* security,
+                 const VynZookeeperKeys& keys, const char* libraryDirectory, MakeClient& make,
+                 std::string& cause);
 
 }  // namespace vyn::utilities::zookeeper

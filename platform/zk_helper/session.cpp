@@ -1,5 +1,7 @@
 #include "platform/zk_helper/session.h"
 
+#include "platform/zk_helper/client_lines.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -31,10 +33,11 @@ Session::~Session() {
   }
 }
 
-int Session::Start(const MakeClient& make, std::chrono::seconds connectTimeout) {
+int Session::Start(MakeClient make, std::chrono::seconds connectTimeout) {
+  mMake = std::move(make);
   mCloser = std::thread([self = shared_from_this()] { self->CloseClientWhenGone(); });
   mDispatcher = std::thread([self = shared_from_this()] { self->RunWatchers(); });
-  zhandle_t* client = make(&Session::OnSessionEvent, this);
+  zhandle_t* client = mMake(&Session::OnSessionEvent, this);
   if (client == nullptr) {
     return ZSYSTEMERROR;
   }
@@ -101,6 +104,7 @@ void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void*
   std::lock_guard lock(session.mMutex);
   if (state == ZOO_CONNECTED_STATE) {
     session.mConnected = true;
+    ForgetClientLine();
     for (const auto& [watch, path] : session.mOwed) {
       session.mEvents.push_back({watch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, path});
     }
@@ -148,10 +152,9 @@ void Session::CloseClientWhenGone() {
   // A session can end before its making has handed out the client.
   mChanged.wait(lock, [this] { return mState == State::kGone && (mClient != nullptr || mClosing); });
   lock.unlock();
-  if (mClient != nullptr) {
-    zookeeper_close(mClient);
-  }
+  const int result = mClient == nullptr ? static_cast<int>(ZOK) : zookeeper_close(mClient);
   lock.lock();
+  mCloseResult = mEnd == ZCLOSING ? result : static_cast<int>(ZOK);
   // What the client took in after it had told all others of the end.
   while (!mRequests.empty()) {
     const auto request = mRequests.begin()->second;
@@ -159,7 +162,7 @@ void Session::CloseClientWhenGone() {
   }
 }
 
-void Session::Close() {
+int Session::Close() {
   {
     std::lock_guard lock(mMutex);
     mState = State::kGone;
@@ -169,14 +172,17 @@ void Session::Close() {
   if (mCloser.joinable()) {
     mCloser.join();
   }
+  int result = ZOK;
   {
     std::lock_guard lock(mMutex);
     mStopWatchers = true;
+    result = mCloseResult;
     mChanged.notify_all();
   }
   if (mDispatcher.joinable() && mDispatcher.get_id() != std::this_thread::get_id()) {
     mDispatcher.join();
   }
+  return result;
 }
 
 clientid_t Session::ClientId() {

@@ -32,7 +32,8 @@ namespace vyn::utilities::zookeeper {
 
 class Session;
 
-/// Makes a client with the given global watcher and its context. Returns: null with errno on failure.
+/// Makes a client with the given global watcher and its context, once. Returns: null with errno on failure. The
+/// client may refer to what the function holds.
 using MakeClient = std::function<zhandle_t*(watcher_fn watcher, void* context)>;
 
 /// A watcher with its context, told apart by both: setting it twice on a znode makes it run once.
@@ -79,7 +80,7 @@ class Session : public std::enable_shared_from_this<Session> {
   /// Makes the client and waits until the session stands.
   /// Returns: ZOK; ZSYSTEMERROR with errno when there is no client; ZAUTHFAILED; ZOPERATIONTIMEOUT. After a
   /// failure, also a thrown std::system_error, only Close may be called.
-  int Start(const MakeClient& make, std::chrono::seconds connectTimeout);
+  int Start(MakeClient make, std::chrono::seconds connectTimeout);
 
   /// Submits a call with `submit(client)`, which must give the request to the client as data, and waits for
   /// the answer.
@@ -114,8 +115,9 @@ class Session : public std::enable_shared_from_this<Session> {
   /// The client's watcher function for every Watch, which is its context.
   static void OnNodeEvent(zhandle_t* client, int type, int state, const char* path, void* watch);
 
-  /// Ends the session, if it has not ended, and its threads. Once only.
-  void Close();
+  /// Ends the session, if it has not ended, and its threads. Once only. Returns: ZOK, also when the session had
+  /// gone before; otherwise why the servers could not be told.
+  int Close();
 
   clientid_t ClientId();
   /// Whether the session ended by itself.
@@ -140,6 +142,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
   zhandle_t* const mTicket;
   // Set while the session is made, constant afterwards.
+  MakeClient mMake;
   zhandle_t* mClient = nullptr;
   std::chrono::milliseconds mCallLimit{0};
   std::thread mCloser;
@@ -153,6 +156,7 @@ class Session : public std::enable_shared_from_this<Session> {
   bool mConnected = false;
   bool mClosing = false;
   bool mStopWatchers = false;
+  int mCloseResult = ZOK;
   std::unordered_map<Request*, std::shared_ptr<Request>> mRequests;
   std::map<std::pair<watcher_fn, void*>, std::unique_ptr<Watch>> mWatches;
   std::deque<Event> mEvents;

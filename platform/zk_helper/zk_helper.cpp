@@ -1,8 +1,10 @@
 #include "platform/zk_helper/zk_helper.h"
 
+#include "platform/zk_helper/client_lines.h"
 #include "platform/zk_helper/security.h"
 #include "platform/zk_helper/session.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include <atomic>
@@ -16,6 +18,8 @@
 #include <vector>
 
 using vyn::utilities::zookeeper::ChooseClient;
+using vyn::utilities::zookeeper::ForgetClientLine;
+using vyn::utilities::zookeeper::LastClientLine;
 using vyn::utilities::zookeeper::MakeClient;
 using vyn::utilities::zookeeper::Request;
 using vyn::utilities::zookeeper::Session;
@@ -32,8 +36,6 @@ struct Registry {
   std::map<zhandle_t*, std::shared_ptr<Session>> mSessions;
   zhandle_t* mCurrent = nullptr;
   std::uintptr_t mLastTicket = 0;
-  /// The client's latest error line. It tells why a connection fails, which no result does.
-  std::string mClientLine;
 
   static Registry& Get() {
     static auto* registry = new Registry;
@@ -55,24 +57,7 @@ struct Registry {
     auto node = mSessions.extract(ticket);
     return node.empty() ? nullptr : std::move(node.mapped());
   }
-  std::string ClientLine() {
-    std::lock_guard lock(mMutex);
-    return mClientLine;
-  }
 };
-
-/// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text.
-void OnClientLine(const char* message) {
-  const std::string line = message == nullptr ? "" : message;
-  const auto mark = line.find(":ZOO_ERROR@");
-  const auto text = mark == std::string::npos ? mark : line.find(": ", mark);
-  if (text == std::string::npos) {
-    return;
-  }
-  Registry& registry = Registry::Get();
-  std::lock_guard lock(registry.mMutex);
-  registry.mClientLine = line.substr(text + 2);
-}
 
 int Fail(int result, std::string message) {
   gLastMessage = std::move(message) + " (" + std::to_string(result) + ")";
@@ -86,7 +71,7 @@ int Note(int result) {
   }
   std::string message = zerror(result);
   if (result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT) {
-    const std::string line = Registry::Get().ClientLine();
+    const std::string line = LastClientLine();
     message += line.empty() ? "" : ": " + line;
   }
   return Fail(result, std::move(message));
@@ -119,8 +104,7 @@ int RunWithWatch(zhandle_t* handle, const char* path, watcher_fn watcher, void* 
   });
 }
 
-// --- completions
-// ------------------------------------------------------------------------------------------------
+// --- completions --------------------------------------------------------------------------------------------
 
 void OnVoid(int result, const void* data) {
   Session::Answer(data, result, [](Request&) {});
@@ -142,15 +126,31 @@ void OnData(int result, const char* value, int length, const Stat* stat, const v
   });
 }
 
+/// Returns: whether there was memory for it. What was copied is the caller's to free in any case.
+bool Copy(const String_vector* names, String_vector& copy) {
+  if (names == nullptr || names->count <= 0) {
+    return true;
+  }
+  copy.data = static_cast<char**>(calloc(static_cast<std::size_t>(names->count), sizeof(char*)));
+  if (copy.data == nullptr) {
+    return false;
+  }
+  copy.count = names->count;
+  for (int i = 0; i < names->count; ++i) {
+    copy.data[i] = strdup(names->data[i]);
+    if (copy.data[i] == nullptr) {
+      return false;
+    }
+  }
+  return true;
+}
+
 void OnNames(int result, const String_vector* names, const void* data) {
-  Session::Answer(data, result, [&](Request& request) {
-    if (result != ZOK || names == nullptr || allocate_String_vector(&request.mNames, names->count) != 0) {
-      return;
-    }
-    for (int i = 0; i < names->count; ++i) {
-      request.mNames.data[i] = strdup(names->data[i]);
-    }
-  });
+  String_vector copy{};
+  // Too little memory is a failure: as an empty list it would tell of children that have all gone.
+  const int outcome = result == ZOK && !Copy(names, copy) ? static_cast<int>(ZSYSTEMERROR) : result;
+  Session::Answer(data, outcome, [&](Request& request) { std::swap(request.mNames, copy); });
+  deallocate_String_vector(&copy);
 }
 
 /// Hands the stat of a finished call out.
@@ -181,22 +181,18 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
   }
   MakeClient make;
   std::string cause;
-  const int choice =
-      ChooseClient(url, sessionTimeout, security, *keys, libraryDirectory, &OnClientLine, make, cause);
+  const int choice = ChooseClient(url, sessionTimeout, security, *keys, libraryDirectory, make, cause);
   if (choice != ZOK) {
     return Fail(choice, cause);
   }
+  ForgetClientLine();
   Registry& registry = Registry::Get();
-  {
-    std::lock_guard lock(registry.mMutex);
-    registry.mClientLine.clear();
-  }
   zhandle_t* ticket = registry.NewTicket();
   const auto session = std::make_shared<Session>(ticket);
   const std::string servers = "the servers \"" + std::string(url) + "\" ";
   int result = ZSYSTEMERROR;
   try {
-    result = session->Start(make, std::chrono::seconds(keys->connectTimeout));
+    result = session->Start(std::move(make), std::chrono::seconds(keys->connectTimeout));
   } catch (const std::system_error& failure) {
     errno = failure.code().value();
   }
@@ -208,7 +204,7 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
     cause = "gave no session within " + std::to_string(keys->connectTimeout) + " s";
   }
   if (result != ZOK) {
-    const std::string line = registry.ClientLine();
+    const std::string line = LastClientLine();
     session->Close();
     return Fail(result, servers + cause + (line.empty() ? "" : ": " + line));
   }
@@ -359,8 +355,7 @@ int DoDlZookeeperClose(zhandle_t* handle) {
   if (session == nullptr) {
     return Fail(ZINVALIDSTATE, "there is no session of this handle");
   }
-  session->Close();
-  return ZOK;
+  return Note(session->Close());
 }
 
 void DoDlZooSetDebugLevel(int level) { zoo_set_debug_level(static_cast<ZooLogLevel>(level)); }

@@ -186,7 +186,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKCheckAvailable() const {
                     << result << ", try to recreate the ZK client");
       return VYN_ERR_ZK_SESSION_EXPIRED;
     default:
-      VYN_LOG_ERROR("Other error in check ZK Cluster available, ret is: " << result << " "
+      VYN_LOG_ERROR("Other error in check ZK Cluster available, ret is: " << result
                                                                           << VynZookeeperGetLastMessage());
       return VYN_ERR_ZK_OTHER;
   }

@@ -9,9 +9,9 @@
 // Results: 0; 1 for a failure; 2000057 when there is no session, or no MetaNodeInfo where one is needed;
 // further codes where an operation names them. What failed stands in the log with ZooKeeper's own words.
 //
-// Threads: any. Every operation holds mZKHandleLock from start to end, unless it says otherwise. Watchers run
-// on the ZooKeeper client's thread and take the same lock. Lock order: mZKHandleLock, then a lock of
-// MetaNodeInfo.
+// Threads: any. Every operation holds mZKHandleLock from start to end, unless it says otherwise. Watchers run on a
+// thread that the session has for them, one at a time, and take the same lock. Lock order: mZKHandleLock, then a
+// lock of MetaNodeInfo.
 
 #include "cluster/meta_node_info.h"
 #include "common/util/ref.h"
@@ -62,10 +62,8 @@ class ClusterZKAdapter : public common::Referable {
   /// Ends the session.
   ~ClusterZKAdapter() override;
 
-  // --- the session (cluster_zkadapter.cpp)
-  // ----------------------------------------------------------------------
-  /// Returns: the process's adapter, made at the first call, whose `role` it keeps. Empty only without
-  /// memory.
+  // --- the session (cluster_zkadapter.cpp) -----------------------------------------------------------------
+  /// Returns: the process's adapter, made at the first call, whose `role` it keeps. Empty only without memory.
   static Ref<ClusterZKAdapter> GetInstance(NodeRole role);
   /// Connects as the configuration says. A no-op while there is a session. \param sessionTimeout in
   /// milliseconds.
@@ -80,17 +78,16 @@ class ClusterZKAdapter : public common::Referable {
   /// Ends the session. The session itself is ended outside mZKHandleLock.
   std::uint32_t ClusterZKClose() const;
 
-  // --- the leader (leader_record.cpp)
-  // ---------------------------------------------------------------------------
+  // --- the leader (leader_record.cpp) ----------------------------------------------------------------------
   /// Reads the leader znode into metaNode->mLeaderAddress, which a failure leaves alone.
   static std::uint32_t ZKGetAndUpdateMetaLeaderInfo(const Ref<MetaNodeInfo>& metaNode);
-  /// Sets the leader watch and, unless `leaderOnly`, those of the followers and of the statuses. There must
-  /// be a leader. Returns: 0; 2000047, 2000049, 2000053 or 2000055 when the leader watch could not be set.
+  /// Sets the leader watch and, unless `leaderOnly`, those of the followers and of the statuses. There must be a
+  /// leader; it is read once the watch stands. Returns: 0; 2000047, 2000049, 2000053 or 2000055 when the leader
+  /// watch could not be set; 1 when one of the others could not.
   static std::uint32_t ZKRegisterWatcher(bool leaderOnly);
   static void MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int state, const char* path, void* context);
 
-  // --- the status tree (status_tree.cpp, status_watch.cpp)
-  // ------------------------------------------------------
+  // --- the status tree (status_tree.cpp, status_watch.cpp) -------------------------------------------------
   /// Makes "/meta/status" with one child a key, each with status 1 whatever the map says.
   static std::uint32_t ZKCreateStatus(std::map<std::string, MetaNodeStatus>& nodes);
   /// Empties the status tree and makes it anew from metaNode->mNodeStatusMap.
@@ -100,8 +97,7 @@ class ClusterZKAdapter : public common::Referable {
   static std::uint32_t ZKGetAllStatusNode(String_vector& children);
   static std::uint32_t ZKSetStatus(const std::string& node, MetaNodeStatus status);
   static std::uint32_t ZKGetNodeWithStatusList(std::vector<std::pair<std::string, MetaNodeStatus>>& list);
-  /// Brings MetaNodeInfo up to date: the leader, and either the whole map or (status not 0) the entry of
-  /// `node`.
+  /// Brings MetaNodeInfo up to date: the leader, and either the whole map or (status not 0) the entry of `node`.
   static std::uint32_t ZKUpdateMemoryInformation(const std::string& node, MetaNodeStatus status,
                                                  bool refreshAll);
   /// Marks as broken every node that was alive, is not the leader and is missing from `followers`, which it
@@ -115,8 +111,7 @@ class ClusterZKAdapter : public common::Referable {
   static std::uint32_t PutMetaIntoContainer(std::string& list, const std::string& separator,
                                             std::map<std::string, MetaNodeStatus>& nodes);
 
-  // --- the nodes of the memory fabric (fabric_nodes.cpp)
-  // --------------------------------------------------------
+  // --- the nodes of the memory fabric (fabric_nodes.cpp) ---------------------------------------------------
   /// Formats a time in local time. Needs no session and takes no lock.
   static std::uint32_t ConvertTimestamp(unsigned long seconds, std::string& text);
   /// The ids of all nodes. Takes no lock. After a failure `nodes` may hold some of them.
@@ -127,8 +122,7 @@ class ClusterZKAdapter : public common::Referable {
   /// One node's capacity record.
   std::uint32_t ClusterZKGetMemInfo(unsigned int nodeId, NodeInfo& info) const;
 
-  // --- the election (election.cpp)
-  // ------------------------------------------------------------------------------
+  // --- the election (election.cpp) -------------------------------------------------------------------------
   /// One attempt to become the leader. An attempt that timed out counts as lost and is no failure.
   static std::uint32_t ZKTryBecomeMetaElectionLeader(const Ref<MetaNodeInfo>& metaNode, bool& isLeader);
   /// Gives the leadership up. Returns: 1 also when the leader znode had gone before.

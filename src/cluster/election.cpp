@@ -183,7 +183,7 @@ std::uint32_t ClusterZKAdapter::ZKWaitAndCreateMetaMutex() {
       continue;
     }
     Audit("create_status_dynamic", false);
-    VYN_LOG_ERROR("Failed to create metadata zookeeper mutex. ret is " << result << " "
+    VYN_LOG_ERROR("Failed to create metadata zookeeper mutex. ret is " << result
                                                                        << VynZookeeperGetLastMessage());
     if (result != ZOPERATIONTIMEOUT) {
       return VYN_ERR_GENERIC;

@@ -1,4 +1,7 @@
 // The watches that keep this process's copy of the status tree, and mark followers that vanish.
+//
+// Other events than a change mean that changes may have gone unseen: the watch stood late, or the connection was
+// lost. Setting a watch again reads what stands now, and that is acted upon whatever the event was.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
@@ -27,9 +30,9 @@ void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, c
   if (type != ZOO_CHILD_EVENT) {
     VYN_LOG_INFO("MetaNodeFollowerWatcher: OTHER EVENT: " << type << ", path: " << path);
     DoDlZooWgetChildren(zh, mMetaFollowerPath.c_str(), MetaNodeFollowerWatchFunc, nullptr, nullptr);
-    return;
+  } else {
+    VYN_LOG_INFO("MetaNodeFollowerWatcher: ZOO_CHILD_EVENT, path: " << path << ", update follower status");
   }
-  VYN_LOG_INFO("MetaNodeFollowerWatcher: ZOO_CHILD_EVENT, path: " << path << ", update follower status");
   if (result != ZOK) {
     // An empty list would stand for followers that have all gone.
     VYN_LOG_INFO("Failed to get followers, ret: " << result << ", " << VYN_ZK_ERROR);
@@ -53,10 +56,13 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
   if (type != ZOO_CHANGED_EVENT) {
     VYN_LOG_INFO("MetaNodeStatusWatcher: OTHER EVENT: " << type << ", path: " << path);
     DoDlZooWexists(g_ZKHandler, path, MetaNodeStatusWatchFunc, nullptr, nullptr);
-    return;
+    if (result != ZOK) {
+      return;
+    }
+  } else {
+    VYN_LOG_INFO("MetaNodeStatusWatcher: ZOO_CHANGED_EVENT " << type << " path: " << path
+                                                             << ", update information in memory");
   }
-  VYN_LOG_INFO("MetaNodeStatusWatcher: ZOO_CHANGED_EVENT " << type << " path: " << path
-                                                           << ", update information in memory");
   const std::string whole = path;
   const std::size_t mark = whole.find('/', mMetaStatusPath.size());
   const std::string name = mark == std::string::npos ? "" : whole.substr(mark + 1);

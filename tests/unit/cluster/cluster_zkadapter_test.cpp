@@ -2,11 +2,23 @@
 
 #include "support/cluster_test.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 
 #include <filesystem>
 #include <set>
 #include <thread>
+
+namespace {
+int gCloseResult = ZOK;
+}
+
+// Found before the client's own: an end that the servers cannot be told of is hard to come by.
+extern "C" int zookeeper_close(zhandle_t* handle) {
+  static const auto real = reinterpret_cast<int (*)(zhandle_t*)>(dlsym(RTLD_NEXT, "zookeeper_close"));
+  const int result = real(handle);
+  return result == ZOK ? gCloseResult : result;
+}
 
 namespace vyn::test {
 namespace {
@@ -56,6 +68,14 @@ TEST_F(ClusterZKAdapterTest, OneSessionFromInitToClose) {
   EXPECT_EQ(mAdapter->ClusterZKClose(), 0U);
   EXPECT_TRUE(mLog.Has(kInfoLine, "Cluster Adapter close ZK Client successfully"));
   EXPECT_EQ(mAdapter->ClusterZKClose(), 2000057U);
+
+  ASSERT_EQ(mAdapter->ClusterZKAdapterInit(10000), 0U);
+  gCloseResult = ZCONNECTIONLOSS;
+  EXPECT_EQ(mAdapter->ClusterZKClose(), 1U);
+  gCloseResult = ZOK;
+  EXPECT_TRUE(
+      mLog.Has(kErrorLine, "Failed to close zookeeper client, zookeeper get error:connection loss (-4)"));
+  EXPECT_EQ(g_ZKHandler, nullptr);
 }
 
 TEST_F(ClusterZKAdapterTest, ATreeThatCannotBeMade) {
@@ -65,7 +85,7 @@ TEST_F(ClusterZKAdapterTest, ATreeThatCannotBeMade) {
   EXPECT_TRUE(mLog.Has(kErrorLine, "Create /meta failed, ret: no node (-101)"));
   EXPECT_TRUE(Audited("mkdir_meta", false));
   EXPECT_EQ(mAdapter->ClusterZKCheckAvailable(), 2000055U);
-  EXPECT_TRUE(mLog.Has(kErrorLine, "Other error in check ZK Cluster available, ret is: -101 no node (-101)"));
+  EXPECT_TRUE(mLog.Has(kErrorLine, "Other error in check ZK Cluster available, ret is: -101no node (-101)"));
 }
 
 TEST_F(ClusterZKAdapterTest, EveryOperationNeedsTheSession) {

@@ -209,7 +209,7 @@ TEST_F(ElectionTest, AHeldMutexIsWaitedForUpToFiveMinutes) {
   mRaw->Delete("/meta/election");
   mRaw->Delete("/meta");
   EXPECT_EQ(mAdapter->ZKWaitAndCreateMetaMutex(), 1U);
-  EXPECT_TRUE(mLog.Has(kErrorLine, "Failed to create metadata zookeeper mutex. ret is -101 no node (-101)"));
+  EXPECT_TRUE(mLog.Has(kErrorLine, "Failed to create metadata zookeeper mutex. ret is -101no node (-101)"));
 }
 
 }  // namespace

@@ -61,6 +61,17 @@ TEST_F(LeaderRecordTest, TheWatchNeedsALeader) {
   EXPECT_EQ(mAdapter->ZKRegisterWatcher(true), 0U);
 }
 
+TEST_F(LeaderRecordTest, ALeaderThatCameBetweenTheReadAndTheWatchIsSeen) {
+  for (const bool leaderOnly : {true, false}) {
+    mRaw->Create(kLeader, "first");
+    ASSERT_EQ(mAdapter->ZKGetAndUpdateMetaLeaderInfo(mMeta), 0U);
+    ReplaceLeader("second");
+    EXPECT_EQ(mAdapter->ZKRegisterWatcher(leaderOnly), leaderOnly ? 0U : 1U);  // no status tree
+    EXPECT_EQ(LeaderAddress(), "second");
+    mRaw->Delete(kLeader);
+  }
+}
+
 TEST_F(LeaderRecordTest, ADeletionKeepsTheAddressUntilTheNextLeader) {
   mRaw->Create(kLeader, "first");
   ASSERT_EQ(mAdapter->ZKGetAndUpdateMetaLeaderInfo(mMeta), 0U);
@@ -120,7 +131,6 @@ TEST_F(LeaderRecordTest, ALeaderOfTheTimeWithoutConnectionIsSeen) {
 
 TEST_F(LeaderRecordTest, WatchersRestWhenTheDaemonStops) {
   mRaw->Create(kLeader, "first");
-  ASSERT_EQ(mAdapter->ZKRegisterWatcher(true), 0U);
   ClusterZKAdapter::isRunning = false;
   ClusterZKAdapter::MetaNodeLeaderWatchFunc(cluster::g_ZKHandler, ZOO_CREATED_EVENT, 0, kLeader, nullptr);
   EXPECT_EQ(LeaderAddress(), "");

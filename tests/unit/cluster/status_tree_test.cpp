@@ -185,6 +185,7 @@ TEST_F(StatusTreeTest, AStatusChangeIsBroughtIntoMemory) {
   mRaw->Create("/meta/status/a", "1");
   EXPECT_TRUE(WaitUntil(
       [&] { return Logged(kInfoLine, "MetaNodeStatusWatcher: OTHER EVENT: 1, path: /meta/status/a"); }));
+  EXPECT_TRUE(WaitUntil([&] { return StatusMap()["a"] == 1; }));
   mRaw->Set("/meta/status/a", "2");
   EXPECT_TRUE(WaitUntil([&] { return StatusMap()["a"] == 2; }));
   ClusterZKAdapter::MetaNodeStatusWatchFunc(cluster::g_ZKHandler, ZOO_CHANGED_EVENT, 0, "/meta/status",
@@ -192,14 +193,64 @@ TEST_F(StatusTreeTest, AStatusChangeIsBroughtIntoMemory) {
   EXPECT_TRUE(Logged(kInfoLine, "Failed to get leader ip from node path"));
 }
 
-TEST_F(StatusTreeTest, TooManyChildrenAreRefused) {
-  mRaw->Create("/meta/status");
-  mRaw->CreateChildren("/meta/status", 100001);
-  std::vector<std::pair<std::string, MetaNodeStatus>> list;
-  EXPECT_EQ(mAdapter->ZKGetNodeWithStatusList(list), 1U);
-  EXPECT_TRUE(list.empty());
-  EXPECT_THAT(mLog.Texts(kErrorLine), ElementsAre("Invalid nodes count from zookeeper for count is: 100001"));
+// A connection that is lost keeps watches from being set. Each is told once it is back, with a session event, and must
+// act on what it then reads: no change event will come for what has happened before.
+TEST_F(StatusTreeTest, WhatALostConnectionHidIsActedUponAfterwards) {
+  Nodes nodes = {{"gone", kInit}, {"here", kInit}};
+  ASSERT_EQ(mAdapter->ZKCreateStatus(nodes), 0U);
+  mRaw->Set("/meta/status/here", "2");
+  mRaw->Create(kLeader, "leader");
+  mRaw->Create(std::string(kFollowers) + "here");
+  mMeta->mNodeStatusMap = {{"gone", kAlive}, {"here", kInit}};
+  gServer->Kill();
+  ASSERT_TRUE(WaitUntil([&] { return mAdapter->ClusterZKCheckAvailable() == 2000049U; }));
+  const auto tell = [](auto watcher, int type, const char* path) {
+    watcher(cluster::g_ZKHandler, type, ZOO_CONNECTED_STATE, path, nullptr);
+  };
+  tell(ClusterZKAdapter::MetaNodeFollowerWatchFunc, ZOO_CHILD_EVENT, "/meta/election/follower_info");
+  tell(ClusterZKAdapter::MetaNodeStatusWatchFunc, ZOO_CHANGED_EVENT, "/meta/status/here");
+  EXPECT_EQ(StatusMap(), (Nodes{{"gone", kAlive}, {"here", kInit}})) << "nobody could be asked";
+  gServer->Start();
+  gServer->WaitUntilServing();
+  mRaw = std::make_unique<RawZookeeper>(mUrl);
+  EXPECT_TRUE(WaitUntil([&] { return mRaw->Get("/meta/status/gone") == "3"; }));
+  EXPECT_TRUE(WaitUntil([&] { return StatusMap()["here"] == kAlive; }));
+  EXPECT_EQ(mRaw->Get("/meta/status/here"), "2");
 }
+
+class ChildrenLimitTest : public StatusTreeTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(ChildrenLimitTest, MoreAreRefusedWithOneLine) {
+  const std::string parent = GetParam();
+  const std::vector<std::string> refusal = {"Invalid nodes count from zookeeper for count is: 100001"};
+  mRaw->Create(parent + "/100000");
+  mRaw->CreateChildren(parent, 99999);
+  std::set<unsigned int> ids;
+  if (parent == "/mf/node") {
+    EXPECT_EQ(mAdapter->ClusterZKGetNodeList(ids), 0U);
+    EXPECT_EQ(ids.size(), 100000U);
+    ids.clear();
+  }
+  mRaw->Create(parent + "/99999");
+  mLog.Clear();
+  if (parent == "/mf/node") {
+    EXPECT_EQ(mAdapter->ClusterZKGetNodeList(ids), 1U);
+    EXPECT_TRUE(ids.empty());
+  } else if (parent == "/meta/status") {
+    std::vector<std::pair<std::string, MetaNodeStatus>> list;
+    EXPECT_EQ(mAdapter->ZKGetNodeWithStatusList(list), 1U);
+    EXPECT_TRUE(list.empty());
+  } else {
+    ClusterZKAdapter::MetaNodeFollowerWatchFunc(cluster::g_ZKHandler, ZOO_CHILD_EVENT, 0, parent.c_str(),
+                                                nullptr);
+  }
+  const bool watcher = parent == "/meta/election/follower_info";
+  EXPECT_EQ(mLog.Texts(kInfoLine), watcher ? refusal : std::vector<std::string>{});
+  EXPECT_EQ(mLog.Texts(kErrorLine), watcher ? std::vector<std::string>{} : refusal);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, ChildrenLimitTest,
+                         testing::Values("/mf/node", "/meta/status", "/meta/election/follower_info"));
 
 TEST(PutMetaIntoContainerTest, CutsAtEverySeparator) {
   struct Case {
