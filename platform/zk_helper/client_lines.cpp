@@ -23,8 +23,8 @@ struct Lines {
     return *lines;
   }
 
-  /// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text. Requires: mMutex
-  /// is held.
+  /// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text. Requires:
+  /// mMutex is held.
   void Take(std::string_view line) {
     const auto mark = line.find(":ZOO_ERROR@");
     const auto text = mark == std::string_view::npos ? mark : line.find(": ", mark);

@@ -11,8 +11,8 @@
 
 namespace vyn::utilities::zookeeper {
 
-/// Chooses how to make the client. `security` may be null, for a plain connection. Returns: ZOK with `make`, which
-/// has copies of what it needs; otherwise a negative result, `cause` telling what is missing.
+/// Chooses how to make the client. `security` may be null, for a plain connection. Returns: ZOK with `make`,
+/// which has copies of what it needs; otherwise a negative result, `cause` telling what is missing.
 int ChooseClient(const std::string& url, int sessionTimeout, const VynZookeeperSecurity* security,
                  const VynZookeeperKeys& keys, const char* libraryDirectory, MakeClient& make,
                  std::string& cause);

@@ -41,12 +41,10 @@ int Session::Start(MakeClient make, std::chrono::seconds connectTimeout) {
   if (client == nullptr) {
     return ZSYSTEMERROR;
   }
-  // Later than a century counts as no limit, and does not overflow the clock.
-  const auto wait = std::min<std::chrono::seconds>(connectTimeout, std::chrono::hours(24 * 365 * 100));
   std::unique_lock lock(mMutex);
   mClient = client;
   mChanged.notify_all();
-  mChanged.wait_for(lock, wait, [this] { return mConnected || mState == State::kGone; });
+  mChanged.wait_for(lock, connectTimeout, [this] { return mConnected || mState == State::kGone; });
   if (mState == State::kGone) {
     return ZAUTHFAILED;
   }
@@ -162,7 +160,7 @@ void Session::CloseClientWhenGone() {
   }
 }
 
-int Session::Close() {
+int Session::CloseClient() {
   {
     std::lock_guard lock(mMutex);
     mState = State::kGone;
@@ -172,17 +170,19 @@ int Session::Close() {
   if (mCloser.joinable()) {
     mCloser.join();
   }
-  int result = ZOK;
+  std::lock_guard lock(mMutex);
+  return mCloseResult;
+}
+
+void Session::StopWatchers() {
   {
     std::lock_guard lock(mMutex);
     mStopWatchers = true;
-    result = mCloseResult;
     mChanged.notify_all();
   }
   if (mDispatcher.joinable() && mDispatcher.get_id() != std::this_thread::get_id()) {
     mDispatcher.join();
   }
-  return result;
 }
 
 clientid_t Session::ClientId() {

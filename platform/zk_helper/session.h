@@ -32,8 +32,8 @@ namespace vyn::utilities::zookeeper {
 
 class Session;
 
-/// Makes a client with the given global watcher and its context, once. Returns: null with errno on failure. The
-/// client may refer to what the function holds.
+/// Makes a client with the given global watcher and its context, once. Returns: null with errno on failure.
+/// The client may refer to what the function holds.
 using MakeClient = std::function<zhandle_t*(watcher_fn watcher, void* context)>;
 
 /// A watcher with its context, told apart by both: setting it twice on a znode makes it run once.
@@ -79,7 +79,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
   /// Makes the client and waits until the session stands.
   /// Returns: ZOK; ZSYSTEMERROR with errno when there is no client; ZAUTHFAILED; ZOPERATIONTIMEOUT. After a
-  /// failure, also a thrown std::system_error, only Close may be called.
+  /// failure, also a thrown std::system_error, only CloseClient and StopWatchers may be called.
   int Start(MakeClient make, std::chrono::seconds connectTimeout);
 
   /// Submits a call with `submit(client)`, which must give the request to the client as data, and waits for
@@ -115,9 +115,11 @@ class Session : public std::enable_shared_from_this<Session> {
   /// The client's watcher function for every Watch, which is its context.
   static void OnNodeEvent(zhandle_t* client, int type, int state, const char* path, void* watch);
 
-  /// Ends the session, if it has not ended, and its threads. Once only. Returns: ZOK, also when the session had
-  /// gone before; otherwise why the servers could not be told.
-  int Close();
+  /// Ends the session, if it has not ended, and closes the client; waits for no watcher. Once only. Returns:
+  /// ZOK, also when the session had gone before; otherwise why the servers could not be told.
+  int CloseClient();
+  /// Waits for the watcher that is running, unless called from it; no other will run. Once only, at the end.
+  void StopWatchers();
 
   clientid_t ClientId();
   /// Whether the session ended by itself.

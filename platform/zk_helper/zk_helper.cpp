@@ -7,8 +7,11 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +32,9 @@ namespace {
 
 thread_local std::string gLastMessage;
 
+/// Later than a century counts as no limit, and does not overflow the clock.
+constexpr std::chrono::hours kLongestWait{24 * 365 * 100};
+
 /// The sessions by ticket. Never destroyed: the adapter closes its session while statics are being destroyed.
 struct Registry {
   std::mutex mMutex;
@@ -36,6 +42,8 @@ struct Registry {
   std::map<zhandle_t*, std::shared_ptr<Session>> mSessions;
   zhandle_t* mCurrent = nullptr;
   std::uintptr_t mLastTicket = 0;
+  bool mClientInUse = false;
+  std::condition_variable mClientFree;
 
   static Registry& Get() {
     static auto* registry = new Registry;
@@ -46,6 +54,28 @@ struct Registry {
     std::lock_guard lock(mMutex);
     // Small numbers: nothing that could be taken for an address.
     return reinterpret_cast<zhandle_t*>(++mLastTicket);  // NOLINT(performance-no-int-to-ptr)
+  }
+  /// Waits until the client of the session before is closed: two at once write into the same buffer of the
+  /// client library, without a lock, when both lose their connection. Returns: whether one may be made.
+  bool UseClient(std::chrono::seconds limit) {
+    std::unique_lock lock(mMutex);
+    mClientFree.wait_for(lock, limit, [this] { return !mClientInUse || mCurrent != nullptr; });
+    if (mClientInUse) {
+      return false;
+    }
+    mClientInUse = true;
+    return true;
+  }
+  int Close(Session& session) {
+    const int result = session.CloseClient();
+    {
+      std::lock_guard lock(mMutex);
+      mClientInUse = false;
+      mClientFree.notify_all();
+    }
+    // Last: a watcher may be waiting for a lock that is held by whoever waits for the client.
+    session.StopWatchers();
+    return result;
   }
   std::shared_ptr<Session> Find(zhandle_t* ticket) {
     std::lock_guard lock(mMutex);
@@ -104,7 +134,7 @@ int RunWithWatch(zhandle_t* handle, const char* path, watcher_fn watcher, void* 
   });
 }
 
-// --- completions --------------------------------------------------------------------------------------------
+// --- completions ------------------------------------------------------------------------------------------
 
 void OnVoid(int result, const void* data) {
   Session::Answer(data, result, [](Request&) {});
@@ -176,23 +206,25 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
   if (url == nullptr || *url == '\0' || sessionTimeout <= 0 || keys == nullptr || keys->connectTimeout < 0) {
     return Fail(ZBADARGUMENTS, "the servers, the session time-out or the connect time-out are not given");
   }
-  if (VynGetZkHandle() != nullptr) {
-    return Fail(ZINVALIDSTATE, "there is a connection already");
-  }
   MakeClient make;
   std::string cause;
   const int choice = ChooseClient(url, sessionTimeout, security, *keys, libraryDirectory, make, cause);
   if (choice != ZOK) {
     return Fail(choice, cause);
   }
-  ForgetClientLine();
   Registry& registry = Registry::Get();
+  const auto wait = std::min<std::chrono::seconds>(std::chrono::seconds(keys->connectTimeout), kLongestWait);
+  if (!registry.UseClient(wait)) {
+    return Fail(ZINVALIDSTATE, VynGetZkHandle() == nullptr ? "the connection before is not closed"
+                                                           : "there is a connection already");
+  }
+  ForgetClientLine();
   zhandle_t* ticket = registry.NewTicket();
   const auto session = std::make_shared<Session>(ticket);
   const std::string servers = "the servers \"" + std::string(url) + "\" ";
   int result = ZSYSTEMERROR;
   try {
-    result = session->Start(std::move(make), std::chrono::seconds(keys->connectTimeout));
+    result = session->Start(std::move(make), wait);
   } catch (const std::system_error& failure) {
     errno = failure.code().value();
   }
@@ -205,19 +237,14 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
   }
   if (result != ZOK) {
     const std::string line = LastClientLine();
-    session->Close();
+    registry.Close(*session);
     return Fail(result, servers + cause + (line.empty() ? "" : ": " + line));
   }
-  {
-    std::lock_guard lock(registry.mMutex);
-    if (registry.mCurrent == nullptr) {
-      registry.mCurrent = ticket;
-      registry.mSessions.emplace(ticket, session);
-      return ZOK;
-    }
-  }
-  session->Close();
-  return Fail(ZINVALIDSTATE, "there is a connection already");
+  std::lock_guard lock(registry.mMutex);
+  registry.mCurrent = ticket;
+  registry.mSessions.emplace(ticket, session);
+  registry.mClientFree.notify_all();
+  return ZOK;
 }
 
 zhandle_t* VynGetZkHandle() {
@@ -351,11 +378,12 @@ int DoDlZooWgetChildren(zhandle_t* handle, const char* path, watcher_fn watcher,
 }
 
 int DoDlZookeeperClose(zhandle_t* handle) {
-  const auto session = Registry::Get().Take(handle);
+  Registry& registry = Registry::Get();
+  const auto session = registry.Take(handle);
   if (session == nullptr) {
     return Fail(ZINVALIDSTATE, "there is no session of this handle");
   }
-  return Note(session->Close());
+  return Note(registry.Close(*session));
 }
 
 void DoDlZooSetDebugLevel(int level) { zoo_set_debug_level(static_cast<ZooLogLevel>(level)); }

@@ -9,9 +9,9 @@
 // Results: 0; 1 for a failure; 2000057 when there is no session, or no MetaNodeInfo where one is needed;
 // further codes where an operation names them. What failed stands in the log with ZooKeeper's own words.
 //
-// Threads: any. Every operation holds mZKHandleLock from start to end, unless it says otherwise. Watchers run on a
-// thread that the session has for them, one at a time, and take the same lock. Lock order: mZKHandleLock, then a
-// lock of MetaNodeInfo.
+// Threads: any. Every operation holds mZKHandleLock from start to end, unless it says otherwise. Watchers run
+// on a thread that the session has for them, one at a time, and take the same lock. Lock order:
+// mZKHandleLock, then a lock of MetaNodeInfo.
 
 #include "cluster/meta_node_info.h"
 #include "common/util/ref.h"
@@ -63,7 +63,8 @@ class ClusterZKAdapter : public common::Referable {
   ~ClusterZKAdapter() override;
 
   // --- the session (cluster_zkadapter.cpp) -----------------------------------------------------------------
-  /// Returns: the process's adapter, made at the first call, whose `role` it keeps. Empty only without memory.
+  /// Returns: the process's adapter, made at the first call, whose `role` it keeps. Empty only without
+  /// memory.
   static Ref<ClusterZKAdapter> GetInstance(NodeRole role);
   /// Connects as the configuration says. A no-op while there is a session. \param sessionTimeout in
   /// milliseconds.
@@ -81,9 +82,9 @@ class ClusterZKAdapter : public common::Referable {
   // --- the leader (leader_record.cpp) ----------------------------------------------------------------------
   /// Reads the leader znode into metaNode->mLeaderAddress, which a failure leaves alone.
   static std::uint32_t ZKGetAndUpdateMetaLeaderInfo(const Ref<MetaNodeInfo>& metaNode);
-  /// Sets the leader watch and, unless `leaderOnly`, those of the followers and of the statuses. There must be a
-  /// leader; it is read once the watch stands. Returns: 0; 2000047, 2000049, 2000053 or 2000055 when the leader
-  /// watch could not be set; 1 when one of the others could not.
+  /// Sets the leader watch and, unless `leaderOnly`, those of the followers and of the statuses. There must
+  /// be a leader; it is read once the watch stands. Returns: 0; 2000047, 2000049, 2000053 or 2000055 when the
+  /// leader watch could not be set; 1 when one of the others could not.
   static std::uint32_t ZKRegisterWatcher(bool leaderOnly);
   static void MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int state, const char* path, void* context);
 
@@ -97,7 +98,8 @@ class ClusterZKAdapter : public common::Referable {
   static std::uint32_t ZKGetAllStatusNode(String_vector& children);
   static std::uint32_t ZKSetStatus(const std::string& node, MetaNodeStatus status);
   static std::uint32_t ZKGetNodeWithStatusList(std::vector<std::pair<std::string, MetaNodeStatus>>& list);
-  /// Brings MetaNodeInfo up to date: the leader, and either the whole map or (status not 0) the entry of `node`.
+  /// Brings MetaNodeInfo up to date: the leader, and either the whole map or (status not 0) the entry of
+  /// `node`.
   static std::uint32_t ZKUpdateMemoryInformation(const std::string& node, MetaNodeStatus status,
                                                  bool refreshAll);
   /// Marks as broken every node that was alive, is not the leader and is missing from `followers`, which it

@@ -62,8 +62,8 @@ std::uint32_t ClusterZKAdapter::ZKRegisterWatcher(bool leaderOnly) {
     VYN_LOG_ERROR("Check meta node exists failed, ret: " << result << ", " << VYN_ZK_ERROR);
     return WatchStatus(result);
   }
-  // The leader can have changed between the caller's own read and the watch. It is no failure if it goes now: the
-  // watch tells of it.
+  // The leader can have changed between the caller's own read and the watch. It is no failure if it goes now:
+  // the watch tells of it.
   ZKGetAndUpdateMetaLeaderInfo(MetaNodeInfo::GetInstance());
   if (leaderOnly) {
     return VYN_OK;

@@ -1,7 +1,7 @@
 // The watches that keep this process's copy of the status tree, and mark followers that vanish.
 //
-// Other events than a change mean that changes may have gone unseen: the watch stood late, or the connection was
-// lost. Setting a watch again reads what stands now, and that is acted upon whatever the event was.
+// Other events than a change mean that changes may have gone unseen: the watch stood late, or the connection
+// was lost. Setting a watch again reads what stands now, and that is acted upon whatever the event was.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"

@@ -1,7 +1,7 @@
 #pragma once
 
-// The base of tests that use the ZooKeeper adapter of this process against a real server: a staged home, a configuration
-// that names the server, a root of the test's own, and the log and audit lines.
+// The base of tests that use the ZooKeeper adapter of this process against a real server: a staged home, a
+// configuration that names the server, a root of the test's own, and the log and audit lines.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"

@@ -1,8 +1,8 @@
 #pragma once
 
-// A plain ZooKeeper client, to prepare and inspect a tree behind the back of the code under test. It is a shared library
-// with a copy of the C client of its own: two clients of one copy write the server's address for their complaints into the
-// same buffer, without a lock.
+// A plain ZooKeeper client, to prepare and inspect a tree behind the back of the code under test. It is a
+// shared library with a copy of the C client of its own: two clients of one copy write the server's address
+// for their complaints into the same buffer, without a lock.
 
 #include <cstdint>
 #include <optional>

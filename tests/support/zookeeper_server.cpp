@@ -191,15 +191,16 @@ void ExpireSession(int port, const clientid_t& session) {
                                  std::string(session.passwd, sizeof(session.passwd)) + '\0');
   // Number and type of the request.
   const std::string end = frame({{1, 4}, {-11, 4}}, "");
-  // What the session's own client asks for after this makes the server drop its connection, and the client comes back to
-  // hear of the end. Without it the client would notice at its next ping.
+  // What the session's own client asks for after this makes the server drop its connection, and the client
+  // comes back to hear of the end. Without it the client would notice at its next ping.
   {
     Connection connection(port);
     connection.Send(take);
     connection.Receive(41);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  // In one write: the own client may take the session back at any time. It is gone when a time-out of 0 is granted.
+  // In one write: the own client may take the session back at any time. It is gone when a time-out of 0 is
+  // granted.
   const auto gone = [&] {
     Connection connection(port);
     connection.Send(take + end);

@@ -1,6 +1,7 @@
 #pragma once
 
-// Real ZooKeeper servers on free loopback ports, with their data in temporary folders. They die with the test program.
+// Real ZooKeeper servers on free loopback ports, with their data in temporary folders. They die with the test
+// program.
 
 #include "support/child_process.h"
 #include "support/raw_zookeeper.h"
@@ -15,8 +16,8 @@
 
 namespace vyn::test {
 
-/// A loopback port that is nobody else's for the life of this object. A server that sets SO_REUSEADDR can listen on it,
-/// and listen again after a restart.
+/// A loopback port that is nobody else's for the life of this object. A server that sets SO_REUSEADDR can
+/// listen on it, and listen again after a restart.
 class ReservedPort {
  public:
   ReservedPort();

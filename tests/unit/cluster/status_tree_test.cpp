@@ -193,8 +193,8 @@ TEST_F(StatusTreeTest, AStatusChangeIsBroughtIntoMemory) {
   EXPECT_TRUE(Logged(kInfoLine, "Failed to get leader ip from node path"));
 }
 
-// A connection that is lost keeps watches from being set. Each is told once it is back, with a session event, and must
-// act on what it then reads: no change event will come for what has happened before.
+// A connection that is lost keeps watches from being set. Each is told once it is back, with a session event,
+// and must act on what it then reads: no change event will come for what has happened before.
 TEST_F(StatusTreeTest, WhatALostConnectionHidIsActedUponAfterwards) {
   Nodes nodes = {{"gone", kInit}, {"here", kInit}};
   ASSERT_EQ(mAdapter->ZKCreateStatus(nodes), 0U);

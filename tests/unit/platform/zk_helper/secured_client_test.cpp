@@ -1,5 +1,6 @@
-// Securing a connection with a client that can do it. The client of this machine cannot, so this program brings the
-// functions that such a client has besides; the loader finds them here. What they make is a plain session.
+// Securing a connection with a client that can do it. The client of this machine cannot, so this program
+// brings the functions that such a client has besides; the loader finds them here. What they make is a plain
+// session.
 
 #include "platform/zk_helper/zk_helper.h"
 #include "support/zookeeper_server.h"

@@ -129,6 +129,17 @@ TEST_F(ZkHelperTest, ConnectingFailsWithItsCause) {
   zhandle_t* handle = VynGetZkHandle();
   EXPECT_EQ(Init(mUrl), ZINVALIDSTATE);
   EXPECT_EQ(VynGetZkHandle(), handle);
+
+  // One that is forgotten is in the way until it is closed.
+  VynRemoveZkHandle();
+  EXPECT_EQ(Init(mUrl, {}, 0), ZINVALIDSTATE);
+  EXPECT_THAT(VynZookeeperGetLastMessage(), HasSubstr("the connection before is not closed"));
+  std::jthread closer([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(DoDlZookeeperClose(handle), ZOK);
+  });
+  EXPECT_EQ(Init(mUrl), ZOK) << VynZookeeperGetLastMessage();
+  EXPECT_NE(VynGetZkHandle(), handle);
 }
 
 TEST_F(ZkHelperTest, SecurityNeedsAClientThatHasIt) {
