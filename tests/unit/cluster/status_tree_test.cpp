@@ -218,7 +218,15 @@ TEST_F(StatusTreeTest, WhatALostConnectionHidIsActedUponAfterwards) {
   EXPECT_EQ(mRaw->Get("/meta/status/here"), "2");
 }
 
-class ChildrenLimitTest : public StatusTreeTest, public testing::WithParamInterface<const char*> {};
+/// A server each: one has memory for one such tree.
+class ChildrenLimitTest : public StatusTreeTest, public testing::WithParamInterface<const char*> {
+ protected:
+  static void SetUpTestSuite() {}
+  void SetUp() override {
+    gServer = std::make_unique<ZookeeperServer>();
+    StatusTreeTest::SetUp();
+  }
+};
 
 TEST_P(ChildrenLimitTest, MoreAreRefusedWithOneLine) {
   const std::string parent = GetParam();
