@@ -8,8 +8,11 @@
 #include "common/util/log.h"
 #include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
+#include "services/common/service_status.h"
 #include "services/config_check/config_check.h"
+#include "services/vynd/token_registry.h"
 
+#include <cerrno>
 #include <thread>
 
 namespace vyn::services {
@@ -69,6 +72,26 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   member.service.applicationTimeout = mOptions.applicationTimeout;
   member.service.server = ServerSettings();
   mMember = std::make_unique<MetadataMember>(std::move(member));
+  mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
+    if (mNodeServer == nullptr) {
+      return;
+    }
+    if (entry.variablePath.empty()) {
+      mNodeServer->Forget(entry.application);
+    } else {
+      mNodeServer->Forget(entry.application, entry.variableId);
+    }
+  });
+  NodeServerOptions node;
+  node.nodeId = mOptions.nodeId;
+  node.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_server.port", 3891));
+  node.server = ServerSettings();
+  node.reclaim = [this](const std::string& application) { return mReclaimer->Drain(application); };
+  node.lookUp = [this](const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
+    return mMetadataClient.LookUp(application, id, info);
+  };
+  mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
+  // The fabric's namespace guard uses both, once the node id is claimed.
   if (!StartFabric(error) || !ConnectZooKeeper(error)) {
     return fail();
   }
@@ -80,26 +103,8 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   if (!mRegistry->Claim(error)) {  // before anything that is this id's is touched
     return fail();
   }
-  mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
-    if (mNodeServer == nullptr) {
-      return;
-    }
-    if (entry.variablePath.empty()) {
-      mNodeServer->Forget(entry.application);
-    } else {
-      mNodeServer->Forget(entry.application, entry.variableId);
-    }
-  });
   mReclaimer->Drain();  // what was freed while this node was down goes before anyone is served
-  NodeServerOptions node;
-  node.nodeId = mOptions.nodeId;
-  node.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_server.port", 3891));
-  node.server = ServerSettings();
-  node.reclaim = [this](const std::string& application) { return mReclaimer->Drain(application); };
-  node.lookUp = [this](const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
-    return mMetadataClient.LookUp(application, id, info);
-  };
-  mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
+  mClaimed = true;
   if (!mRegistry->Start(error) || !mNodeServer->Start(error)) {
     return fail();
   }
@@ -213,6 +218,17 @@ bool Daemon::StartFabric(std::string& error) {
       }
     }
     return false;
+  };
+  options.namespaceGuard = [this](const std::string& ns, const std::string& token) {
+    if (!mClaimed) {
+      return -EIO;
+    }
+    // As in a registration: a driver outside the fabric may come before every executor.
+    const std::uint32_t status = FixToken(ns, token);
+    if (status == kStatusWrongToken) {
+      return -EACCES;
+    }
+    return Failed(status) || !mReclaimer->Drain(ns) ? -EIO : 0;
   };
   options.log = [](int level, const std::string& text) {
     if (common::logging::Gate(level)) {

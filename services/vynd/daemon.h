@@ -11,6 +11,7 @@
 #include "services/vynd/options.h"
 #include "services/vynd/reclaimer.h"
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -50,6 +51,8 @@ class Daemon {
   std::unique_ptr<MetadataMember> mMember;
   std::unique_ptr<NodeServer> mNodeServer;
   std::unique_ptr<Reclaimer> mReclaimer;
+  /// The node id is this process's: new namespaces may be made.
+  std::atomic<bool> mClaimed{false};
   std::unique_ptr<NodeRegistry> mRegistry;
 };
 

@@ -168,6 +168,13 @@ TEST_F(VyndTest, AWrongTokenIsRefusedOnEveryNode) {
     EXPECT_EQ(executor.Do("register app 0 secret"), "0 1");
   }
   EXPECT_FALSE(RawZookeeper(mUrl).Get("/vyn/apps/app/token").find("secret") != std::string::npos);
+
+  // Nor can the fabric's own doors give a name another token, on a node that does not know the application yet.
+  ChildProcess outsider({VYN_TEST_PROGRAM_DIR "/fabric_client", VYN_STAGE_DIR "/lib/mf/libbmclient.so"});
+  ASSERT_EQ(driver.Do("register other 1 secret"), "0 1");
+  ASSERT_EQ(outsider.Ask("init " + second->Home() + " 0"), "0");
+  EXPECT_EQ(outsider.Ask("create 2 other guessed"), std::to_string(-EACCES));
+  EXPECT_EQ(outsider.Ask("create 2 other secret"), "0");
 }
 
 TEST_F(VyndTest, AFullPoolIsAClearErrorAndLeaksNothing) {

@@ -37,7 +37,7 @@ struct FabricNode::Impl {
         neighbours(options.directory,
                    {std::move(trust), [this](const std::string& text) { Log(kWarn, text); }}),
         copies(pool, neighbours),
-        parts{options.nodeId, pool, copies, neighbours} {}
+        parts{options.nodeId, pool, copies, neighbours, options.namespaceGuard} {}
 
   ~Impl() {
     {

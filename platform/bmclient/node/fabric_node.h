@@ -40,6 +40,11 @@ struct NodeAddress {
 /// keeps fresh).
 using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& address)>;
 
+/// Asked before a client, of this machine or over a link, makes a namespace that this node does not have. Returns: 0, or the
+/// result for the client: -EACCES when the token is not the one that the cluster knows for the name. Called from the node's
+/// own threads, several at once; may block for as long as a client waits.
+using NamespaceGuard = std::function<int(const std::string& ns, const std::string& token)>;
+
 /// How lines reach the log of the process: level as spdlog counts them (2 info, 3 warn, 4 error), the text.
 using NodeLog = std::function<void(int level, const std::string& text)>;
 
@@ -66,6 +71,8 @@ struct FabricNodeOptions {
   std::map<std::string, const std::string> linkTrust;
   /// Null: no other node is known, and its objects cannot be reached from here.
   NodeDirectory directory;
+  /// Null: whoever comes first fixes a namespace's token.
+  NamespaceGuard namespaceGuard;
   /// Null: silent.
   NodeLog log;
 

@@ -86,6 +86,17 @@ bool Session::Query(Exchange& exchange, Reader& arguments) {
   return exchange.Answer(0, answer.Bytes());
 }
 
+int Session::MakeNamespace(const Access& access) {
+  if (mParts.namespaceGuard != nullptr && IsNamespaceName(access.ns) &&
+      mParts.pool.Find(access.ns) == nullptr) {
+    const int refusal = mParts.namespaceGuard(std::string(access.ns), std::string(access.token));
+    if (refusal != 0) {
+      return refusal;
+    }
+  }
+  return mParts.pool.CreateNamespace(access.ns, access.token);
+}
+
 bool Session::CreateNamespace(Exchange& exchange, Reader& arguments) {
   const auto node = arguments.Get<std::uint16_t>();
   const Access access = GetAccess(arguments);
@@ -95,8 +106,7 @@ bool Session::CreateNamespace(Exchange& exchange, Reader& arguments) {
   std::shared_ptr<RemoteNode> other;
   int result = Route(node, other);
   if (result == 0) {
-    result = other != nullptr ? other->CreateNamespace(node, access)
-                              : Seen(mParts.pool.CreateNamespace(access.ns, access.token));
+    result = other != nullptr ? other->CreateNamespace(node, access) : Seen(MakeNamespace(access));
   }
   return exchange.Answer(result);
 }

@@ -3,6 +3,7 @@
 // One connection's conversation with the node: what each request of the protocol does.
 
 #include "platform/bmclient/node/exchange.h"
+#include "platform/bmclient/node/fabric_node.h"
 #include "platform/bmclient/node/neighbours.h"
 #include "platform/bmclient/node/pool.h"
 #include "platform/bmclient/node/pulled_copies.h"
@@ -15,6 +16,7 @@ struct NodeParts {
   Pool& pool;
   PulledCopies& copies;
   Neighbours& neighbours;
+  NamespaceGuard namespaceGuard = nullptr;
 };
 
 enum class DoorKind { kBroker, kLink };
@@ -30,6 +32,7 @@ class Session {
  private:
   bool Hello(Exchange& exchange, Reader& arguments);
   bool Query(Exchange& exchange, Reader& arguments);
+  int MakeNamespace(const Access& access);
   bool CreateNamespace(Exchange& exchange, Reader& arguments);
   bool DestroyNamespace(Exchange& exchange, Reader& arguments);
   bool Allocate(Exchange& exchange, Reader& arguments);
