@@ -26,7 +26,6 @@ using vyn::utilities::zookeeper::LastClientLine;
 using vyn::utilities::zookeeper::MakeClient;
 using vyn::utilities::zookeeper::Request;
 using vyn::utilities::zookeeper::Session;
-using vyn::utilities::zookeeper::Watch;
 
 namespace {
 

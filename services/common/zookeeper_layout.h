@@ -7,7 +7,8 @@
 //   /vyn/apps/<application>           JSON {heartbeat}, or {removed} while its removal runs
 //   /vyn/apps/<application>/token     JSON {salt, hash}: the token that the first registration fixed
 //   /vyn/apps/<application>/<variable id>.<unique>      a variable: one line of JSON {state, blockNum,
-//                                     pieces, list}, a line feed, and the first piece of its serialised block list
+//                                     pieces, list}, a line feed, and the first piece of its serialised
+//                                     block list
 //   /vyn/apps/<application>/<variable id>.<unique>/<list>.<n>  its further pieces; <list> is a <unique> too
 //   /vyn/reclaim/<node id>/<unique>   what that node has to give back: JSON, see ReclaimEntry
 //
