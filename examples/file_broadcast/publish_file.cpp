@@ -4,7 +4,8 @@
 //   publish_file HOME APP TOKEN ID FILE BLOCK_SIZE
 //
 // It prints how many blocks there are, which readers have to know, and ends the application when its input
-// ends or a line comes. It does not matter whether the program runs on a node of the memory fabric or outside.
+// ends or a line comes. It does not matter whether the program runs on a node of the memory fabric or
+// outside.
 
 #include "common.h"
 

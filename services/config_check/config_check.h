@@ -1,8 +1,8 @@
 #pragma once
 
-// Checks a configuration file as an operator wants it checked: it goes on past a bad line, and it also tells what a load
-// would take in silence but otherwise than it was meant, such as "True" for a bool (which is false), a number that does
-// not fit, a line without "=" or a carriage return at the end of a value.
+// Checks a configuration file as an operator wants it checked: it goes on past a bad line, and it also tells
+// what a load would take in silence but otherwise than it was meant, such as "True" for a bool (which is
+// false), a number that does not fit, a line without "=" or a carriage return at the end of a value.
 
 #include <string>
 #include <vector>
@@ -28,8 +28,9 @@ struct ConfigComplaint {
   bool warning = false;
 };
 
-/// Returns: all complaints and warnings, in the order of lines, then those about keys that do not stand in the file; none if the file
-/// is fine. Touches nothing outside: the process's own configuration stays as it is.
+/// Returns: all complaints and warnings, in the order of lines, then those about keys that do not stand in
+/// the file; none if the file is fine. Touches nothing outside: the process's own configuration stays as it
+/// is.
 std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features);
 
 /// The same for the features that the file itself turns on; a switch that it does not name is on.
@@ -39,8 +40,8 @@ std::vector<ConfigComplaint> CheckConfigAsItIs(const std::string& file, const Co
 /// Returns: whether there is a complaint that is no warning.
 bool AnyRefusal(const std::vector<ConfigComplaint>& complaints);
 
-/// Returns: "file:line: warning: key: text" with the parts that there are; without the key when the text names it as "<key>". What is
-/// not printable stands as \xNN.
+/// Returns: "file:line: warning: key: text" with the parts that there are; without the key when the text
+/// names it as "<key>". What is not printable stands as \xNN.
 std::string ToLine(const ConfigComplaint& complaint);
 
 }  // namespace vyn::services

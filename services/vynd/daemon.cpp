@@ -19,7 +19,8 @@ namespace vyn::services {
 
 namespace {
 
-/// Milliseconds that running calls get to answer when the daemon ends. With the rest of the end it stays below main()'s limit.
+/// Milliseconds that running calls get to answer when the daemon ends. With the rest of the end it stays
+/// below main()'s limit.
 constexpr std::int64_t kStopTimeout = 2000;
 /// What the ensemble may need beyond the session time-out to see that a session has gone.
 constexpr auto kSessionSlack = std::chrono::seconds(10);
@@ -113,7 +114,8 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
     error = "the metadata member cannot start, the log tells why";
     return fail();
   }
-  // Ready is a node whose clients find the metadata service; the first node of a cluster may be up before those that lead.
+  // Ready is a node whose clients find the metadata service; the first node of a cluster may be up before
+  // those that lead.
   if (AwaitLeader(kLeaderLimit, [&] { return !stopping(); }).empty()) {
     VYN_LOG_WARN("No metadata leader is known yet");
   }
@@ -123,8 +125,8 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
 }
 
 void Daemon::Stop() {
-  // All at once: while ZooKeeper does not answer, only what asks it waits, and the calls under way still get their
-  // answers. The pages come last.
+  // All at once: while ZooKeeper does not answer, only what asks it waits, and the calls under way still get
+  // their answers. The pages come last.
   std::vector<std::thread> ends;
   const auto end = [&](auto& part) {
     if (part != nullptr) {

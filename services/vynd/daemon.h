@@ -30,8 +30,8 @@ class Daemon {
   /// \param stopping ends the waits of the start early; Stop has to follow.
   /// Returns: whether everything serves; otherwise `errors` tells, one complaint a line, and nothing runs.
   bool Start(std::vector<std::string>& errors, const std::function<bool()>& stopping);
-  /// Leaves the cluster's tree, gives the leadership up and lets running calls answer, all at once; then closes
-  /// everything. Objects stay in the pool.
+  /// Leaves the cluster's tree, gives the leadership up and lets running calls answer, all at once; then
+  /// closes everything. Objects stay in the pool.
   void Stop();
 
  private:

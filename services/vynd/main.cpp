@@ -16,8 +16,8 @@
 
 namespace {
 
-/// From the signal to the end, whatever ZooKeeper, which may not answer, is asked for meanwhile. Nothing is lost by the hard
-/// end: the pool and the records are whole at every moment.
+/// From the signal to the end, whatever ZooKeeper, which may not answer, is asked for meanwhile. Nothing is
+/// lost by the hard end: the pool and the records are whole at every moment.
 constexpr auto kEndLimit = std::chrono::milliseconds(4500);
 
 /// What the thread of the signals tells the main thread. Lives as long as the process.

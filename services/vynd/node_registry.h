@@ -1,14 +1,15 @@
 #pragma once
 
-// This node in the cluster's tree: its ephemeral records under /mf, kept fresh by a thread of its own, and its persistent
-// ones, by which the metadata leader knows it also while it is down.
+// This node in the cluster's tree: its ephemeral records under /mf, kept fresh by a thread of its own, and
+// its persistent ones, by which the metadata leader knows it also while it is down.
 //
-// A node id is a node's own: what stands below it in ZooKeeper tells which memory of that node is free. So Claim comes
-// before anything of the id is read or written, and refuses an id that is another node's:
+// A node id is a node's own: what stands below it in ZooKeeper tells which memory of that node is free. So
+// Claim comes before anything of the id is read or written, and refuses an id that is another node's:
 //
 //   /mf/node/<id> of another session, at another address              refused: that node runs
 //   ... at this address and link port                                 replaced: this node before a restart, for nobody
-//                                                                     else can have the port that is open here
+//                                                                     else can have the port that is open
+//                                                                     here
 //   ... at this address and another link port                         waited for, at most claimLimit: it may run or not
 //   /vyn/nodes/<id> with another address, and an empty pool here      refused without takeOver: that node may come back
 
@@ -44,11 +45,13 @@ class NodeRegistry {
   NodeRegistry(const NodeRegistry&) = delete;
   NodeRegistry& operator=(const NodeRegistry&) = delete;
 
-  /// Makes the id this node's: its record under /mf/node, then its persistent ones. Requires: the fabric node runs.
-  /// Returns: false with the reason: ZooKeeper does not answer, or the id is another node's, of which nothing was changed.
+  /// Makes the id this node's: its record under /mf/node, then its persistent ones. Requires: the fabric node
+  /// runs.
+  /// Returns: false with the reason: ZooKeeper does not answer, or the id is another node's, of which nothing
+  /// was changed.
   bool Claim(std::string& error);
-  /// Publishes the capacity too, with which this node is chosen for blocks, and begins to keep the records. Requires:
-  /// Claim. Returns: false with the reason.
+  /// Publishes the capacity too, with which this node is chosen for blocks, and begins to keep the records.
+  /// Requires: Claim. Returns: false with the reason.
   bool Start(std::string& error);
   /// Ends the thread and takes the ephemeral records away.
   void Stop();

@@ -20,8 +20,8 @@ struct Options {
   bool takeOver = false;  ///< the node of this id at another address will not come back
 };
 
-/// Reads the command line. Returns: true; false when the process has to end with `exitCode` (help and version were
-/// printed, or a complaint was).
+/// Reads the command line. Returns: true; false when the process has to end with `exitCode` (help and version
+/// were printed, or a complaint was).
 bool ReadOptions(int argc, char** argv, Options& options, int& exitCode);
 
 }  // namespace vyn::services

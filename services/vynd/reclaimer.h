@@ -1,7 +1,8 @@
 #pragma once
 
-// Gives memory back that the metadata leader has freed: works this node's list in ZooKeeper off, at start before the node
-// serves, when an application registers anew, and by a thread of its own. What could not be done stays in the list.
+// Gives memory back that the metadata leader has freed: works this node's list in ZooKeeper off, at start
+// before the node serves, when an application registers anew, and by a thread of its own. What could not be
+// done stays in the list.
 
 #include "platform/bmclient/node/fabric_node.h"
 #include "services/common/zookeeper_layout.h"
@@ -18,7 +19,8 @@ namespace vyn::services {
 
 class Reclaimer {
  public:
-  /// \param fabric is the caller's and outlives the reclaimer. \param forget is told of every entry before its memory goes.
+  /// \param fabric is the caller's and outlives the reclaimer. \param forget is told of every entry before
+  ///        its memory goes.
   Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
             std::function<void(const ReclaimEntry& entry)> forget);
   /// Stops.
@@ -28,8 +30,8 @@ class Reclaimer {
 
   void Start();
   void Stop();
-  /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is left of it
-  /// that could be done.
+  /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is
+  /// left of it that could be done.
   bool Drain(const std::string& application = "");
 
  private:

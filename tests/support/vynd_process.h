@@ -11,13 +11,14 @@
 
 namespace vyn::test {
 
-/// A node of a cluster: its home, its configuration and pool, and its daemon when that runs. The end of the object ends the
-/// daemon and removes the pool.
+/// A node of a cluster: its home, its configuration and pool, and its daemon when that runs. The end of the
+/// object ends the daemon and removes the pool.
 class VyndNode {
  public:
-  /// \param metadataPort the one port at which the leader of the cluster listens. \param nodeList who may lead.
-  /// \param prefix words in front of the command lines of the daemon and of the node's clients: another user, a network
-  /// namespace.
+  /// \param metadataPort the one port at which the leader of the cluster listens. \param nodeList who may
+  ///        lead.
+  /// \param prefix words in front of the command lines of the daemon and of the node's clients: another user,
+  /// a network namespace.
   VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
            const std::string& nodeList, std::vector<std::string> prefix = {});
   ~VyndNode();

@@ -211,7 +211,8 @@ TEST(ULogTest, AFullDiskCostsLinesOnly) {
   EXPECT_NE(testing::internal::GetCapturedStderr().find("No space left on device"), std::string::npos);
 }
 
-// A rotation fails when no descriptor is left to open the new file with. What then stands in the sink must not be used.
+// A rotation fails when no descriptor is left to open the new file with. What then stands in the sink must
+// not be used.
 TEST(ULogTest, AFailedRotationIsMadeGoodLater) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "the undefined behaviour sanitizer needs descriptors of its own to check a virtual call";

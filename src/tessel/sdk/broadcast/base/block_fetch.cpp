@@ -1,4 +1,5 @@
-// The blocks of a variable in a process that did not create them: ids and sizes come into this process's table once.
+// The blocks of a variable in a process that did not create them: ids and sizes come into this process's
+// table once.
 
 #include "common/util/text.h"
 #include "tessel/message/broadcast/broadcast_messages.h"

@@ -49,8 +49,9 @@ constexpr unsigned int kDriverFlag = 0;
 /// A waiter looks at the flags this often.
 constexpr auto kPollPause = std::chrono::microseconds(10);
 
-// How the initialisation that ran last has ended, for those who waited for it: the number of initialisations that have
-// ended, and the status of the latest. Written by the holder of the claim before it frees the claim.
+// How the initialisation that ran last has ended, for those who waited for it: the number of initialisations
+// that have ended, and the status of the latest. Written by the holder of the claim before it frees the
+// claim.
 std::atomic<unsigned int> gEndedInitialisations{0};
 std::atomic<unsigned int> gLastStatus{VYN_OK};
 
@@ -159,8 +160,8 @@ enum class Waited {
   kFailed,  ///< a re-initialisation has failed, with gLastStatus
 };
 
-/// \param ended the initialisations that had ended before the claim was found taken. \param theirs receives the status of
-/// the one waited for, when it is kFailed.
+/// \param ended the initialisations that had ended before the claim was found taken. \param theirs receives
+/// the status of the one waited for, when it is kFailed.
 Waited WaitForTheOther(unsigned int ended, unsigned int& theirs) {
   const bool first = g_initInProgress.load(std::memory_order_acquire) != 0;
   while (g_initClaim.load(std::memory_order_acquire) != 0) {
