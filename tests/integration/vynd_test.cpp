@@ -177,6 +177,40 @@ TEST_F(VyndTest, AWrongTokenIsRefusedOnEveryNode) {
   EXPECT_EQ(outsider.Ask("create 2 other secret"), "0");
 }
 
+TEST_F(VyndTest, OrdinaryUsersMeetByTheTokenAlone) {
+  const auto user = [](int id) -> std::vector<std::string> {
+    const std::string number = std::to_string(id);
+    return {"setpriv", "--reuid=" + number, "--regid=" + number, "--clear-groups", "--pdeathsig", "KILL"};
+  };
+  const auto can = [&](int id, const std::string& command) {
+    std::string all;
+    for (const std::string& word : user(id)) {
+      all += word + " ";
+    }
+    return RunCommand(all + command).status == 0;
+  };
+  if (geteuid() != 0 || !can(65534, "test -x " VYN_STAGE_DIR "/bin/vynd")) {
+    GTEST_SKIP() << "needs root, and a build that other users can run";
+  }
+  VyndNode node(1, "127.0.0.1", mUrl, mMetadataPort.Number(), "127.0.0.1", user(65534));
+  const std::string places = node.Home() + " " + node.Pool();
+  ASSERT_EQ(RunCommand("chmod 755 " + node.Home() + "/.. && chown -R 65534:65534 " + places).status, 0);
+  node.Start();
+  BroadcastClient driver(node.Home(), true, user(65533));
+  ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
+  ASSERT_EQ(driver.Do("create app 1 2"), "0");
+  ASSERT_EQ(driver.Do("fill app 1 2 5000 3"), "0");
+  BroadcastClient executor(node.Home(), false, user(65532));
+  EXPECT_NE(executor.Do("register app 0 guessed").substr(0, 2), "0 ");
+  EXPECT_NE(executor.Do("look app 1 2 3"), "0 1");
+  EXPECT_EQ(executor.Do("register app 0 secret"), "0 1");
+  EXPECT_EQ(executor.Do("fetch app 1 2"), "0");
+  EXPECT_EQ(executor.Do("look app 1 2 3"), "0 1");
+  EXPECT_TRUE(can(65534, "ls " + node.Pool() + "/app"));
+  EXPECT_FALSE(can(65532, "ls " + node.Pool() + "/app"));
+  End(node.Process());
+}
+
 TEST_F(VyndTest, AFullPoolIsAClearErrorAndLeaksNothing) {
   const auto node = Node();
   node->Start("8M");
