@@ -6,12 +6,11 @@
 // A node id is a node's own: what stands below it in ZooKeeper tells which memory of that node is free. So
 // Claim comes before anything of the id is read or written, and refuses an id that is another node's:
 //
-//   /mf/node/<id> of another session, at another address              refused: that node runs
-//   ... at this address and link port                                 replaced: this node before a restart, for nobody
-//                                                                     else can have the port that is open
-//                                                                     here
-//   ... at this address and another link port                         waited for, at most claimLimit: it may run or not
-//   /vyn/nodes/<id> with another address, and an empty pool here      refused without takeOver: that node may come back
+//   /mf/node/<id> of another session, at another address          refused: that node runs
+//   ... at this address and link port                             replaced: this node before a restart, for
+//                                                                 nobody else can have the open port
+//   ... at this address and another link port                     waited for, at most claimLimit: it may run
+//   /vyn/nodes/<id> with another address, and an empty pool here  refused without takeOver: it may come back
 
 #include "platform/bmclient/node/fabric_node.h"
 
