@@ -2,13 +2,13 @@
 // one line that begins with "= " and the status; the log goes to standard error. Contents are a pattern made
 // from a seed.
 //
-//   init HOME FLAG | register APP DRIVER TOKEN -> status registered | leave APP | complete APP | beat APP | end
+//   init HOME FLAG | register APP DRIVER TOKEN -> status registered | leave APP | complete APP | beat APP
+//   end
 //   create APP ID BLOCKS | fill APP ID BLOCKS SIZE SEED | delete APP ID
-//   place APP ID BLOCKS SIZE SEED TOKEN  -> status node; creates and fills the blocks on a node of the service's
-//                        choice
-//   copy APP ID BLOCKS SIZE SEED TOKEN   -> status 1 when the blocks, copied from their node, have the pattern
+//   place APP ID BLOCKS SIZE SEED TOKEN -> status node: blocks, filled, on a node that the service chooses
+//   copy APP ID BLOCKS SIZE SEED TOKEN  -> status 1 when the blocks, copied from there, have the pattern
 //   fetch APP ID BLOCKS
-//   look APP ID BLOCKS SEED              -> status 1 when the mapped bytes, which stay mapped, are the pattern's
+//   look APP ID BLOCKS SEED             -> status 1 when the mapped bytes are the pattern's; they stay mapped
 //   again SEED           -> 0 1 when what is mapped still has the pattern
 //   release APP ID       unmaps what is mapped
 
