@@ -300,7 +300,7 @@ TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
   folder.Write("in", contents);
   CommandResult run = Vynctl(*node, "--token t --json put app 5 " + folder / "in" + " --block-size 100K");
   ASSERT_EQ(run.status, 0) << run.output;
-  EXPECT_NE(run.output.find("\"blocks\":3"), std::string::npos) << run.output;
+  EXPECT_NE(run.output.find("\"blocks\": 3"), std::string::npos) << run.output;
   run = Vynctl(*node, "--token t get app 5 -o " + folder / "out");
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_TRUE(ReadFile(folder / "out") == contents);
@@ -314,18 +314,67 @@ TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
                            "\"name\": \"app\"", "\"live\": true"}) {
     EXPECT_NE(run.output.find(part), std::string::npos) << part << "\n" << run.output;
   }
-  EXPECT_EQ(Vynctl(*node, "status").status, 0);
+  // What exists stays as it is, and what a put could not finish goes.
+  run = Vynctl(*node, "--token t put app 5 " + folder / "in" + " --block-size 100K");
+  EXPECT_EQ(run.status, 1) << run.output;
+  EXPECT_EQ(node->Objects(), 3U);
+  EXPECT_EQ(Vynctl(*node, "--token t put app 6 " + folder.Write("wide", std::string(65 << 20, 'w'))).status,
+            1);
+  EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 3; }));
+  EXPECT_EQ(Vynctl(*node, "app ls --json").output.find("\"id\": 6"), std::string::npos);
+  run =
+      RunCommand("exec 3>&1; " VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() + " --token t put app 7 " +
+                 folder.Write("long", std::string(40 << 20, 'l')) +
+                 " --block-size 4K & pid=$!; until " VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() +
+                 " app ls --json | grep -q '\"id\": 7'; do :; done; kill -INT $pid; wait $pid; echo code $?");
+  EXPECT_NE(run.output.find("code"), std::string::npos) << run.output;
+  if (run.output.find("interrupted") != std::string::npos) {  // it may have been done already
+    EXPECT_NE(run.output.find("code 1"), std::string::npos) << run.output;
+    EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 3; }));
+  } else {
+    EXPECT_EQ(Vynctl(*node, "rm app 7").status, 0);
+  }
+  // Behind what a file has already; the token not on the command line.
+  const std::string token = folder.Write("token", "t\n");
+  run = RunCommand("printf '%s' before > " + folder / "appended" + "; exec 1>>" + folder / "appended" + "; " +
+                   VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() + " --token-file " + token +
+                   " get app 5");
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(ReadFile(folder / "appended") == "before" + contents);
+  // Strangers' znodes are passed over.
+  RawZookeeper(mUrl).Create("/mf/node/stranger", "?");
+  RawZookeeper(mUrl).Create("/vyn/nodes/stranger", "?");
+  RawZookeeper(mUrl).Create("/vyn/nodes/9", R"({"host":7})");
+  for (const char* command : {"status", "status --json"}) {
+    run = Vynctl(*node, command);
+    EXPECT_EQ(run.status, 0) << run.output;
+  }
+  folder.Write("no", "old");
   EXPECT_EQ(Vynctl(*node, "--token wrong get app 5 -o " + folder / "no").status, 1);
+  EXPECT_EQ(ReadFile(folder / "no"), "old");
   run = Vynctl(*node, "rm app 5");
   EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_EQ(Vynctl(*node, "rm app 5").status, 1);
   EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 0; }));
   EXPECT_EQ(Vynctl(*node, "--token t get app 5 -o " + folder / "no").status, 1);
   run = Vynctl(*node, "app rm app");
   EXPECT_EQ(run.status, 0) << run.output;
   run = Vynctl(*node, "app ls --json");
   EXPECT_EQ(run.output.find("\"name\""), std::string::npos) << run.output;
+  EXPECT_EQ(Vynctl(*node, "app rm app").status, 1);
   EXPECT_EQ(Vynctl(*node, "put app").status, 2);
-  EXPECT_EQ(Vynctl(*node, "conf check " + node->Home() + "/conf/vyn.conf").status, 0);
+  EXPECT_EQ(Vynctl(*node, "conf check").status, 0);
+  EXPECT_EQ(Vynctl(*node, "conf check --tls").status, 1);
+  run = Vynctl(*node, "--json conf check " +
+                          folder.Write("warned", ReadFile(node->Home() + "/conf/vyn.conf") + "x\n"));
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_NE(run.output.find("\"warning\": true"), std::string::npos) << run.output;
+
+  // Nobody leads any more.
+  End(node->Process());
+  run = Vynctl(*node, "status");
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_NE(run.output.find("LEADER  none"), std::string::npos) << run.output;
 }
 
 }  // namespace

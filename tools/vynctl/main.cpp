@@ -8,29 +8,46 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 namespace {
 
 using namespace vyn::tools;
 
-int CheckConfiguration(const Settings& settings, const std::string& file,
+/// As vynd checks it: for the features that the file turns on, and those that were asked for.
+int CheckConfiguration(const Settings& settings, std::string file,
                        const vyn::services::ConfigFeatures& features) {
-  const auto complaints = vyn::services::CheckConfig(file, features);
+  if (file.empty()) {
+    file = settings.home + "/conf/vyn.conf";
+  }
+  const auto complaints = vyn::services::CheckConfigAsItIs(file, features);
   if (settings.json) {
     auto list = nlohmann::json::array();
     for (const auto& complaint : complaints) {
-      list.push_back({{"line", complaint.line}, {"key", complaint.key}, {"text", complaint.text}});
+      list.push_back({{"file", complaint.file},
+                      {"line", complaint.line},
+                      {"key", complaint.key},
+                      {"text", complaint.text},
+                      {"warning", complaint.warning}});
     }
-    std::printf("%s\n", nlohmann::json{{"file", file}, {"complaints", list}}
-                            .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
-                            .c_str());
+    PrintJson({{"file", file}, {"complaints", list}});
   } else {
     for (const auto& complaint : complaints) {
       std::printf("%s\n", vyn::services::ToLine(complaint).c_str());
     }
   }
-  return complaints.empty() ? 0 : 1;
+  return vyn::services::AnyRefusal(complaints) ? 1 : 0;
+}
+
+/// The first line of the file.
+std::string ReadToken(const std::string& file) {
+  std::ifstream input(file);
+  std::string token;
+  if (!std::getline(input, token)) {
+    throw CommandError(file + " has no token");
+  }
+  return token;
 }
 
 }  // namespace
@@ -40,6 +57,10 @@ int main(int argc, char** argv) {
   if (const char* home = std::getenv("VYN_HOME")) {
     settings.home = home;
   }
+  if (const char* token = std::getenv("VYN_TOKEN")) {
+    settings.token = token;
+  }
+  std::string tokenFile;
   std::string application;
   std::string file;
   std::string output;
@@ -49,10 +70,18 @@ int main(int argc, char** argv) {
   int code = 0;
 
   CLI::App app{"vynctl, the operator's view of Vyn broadcast", "vynctl"};
-  app.set_version_flag("--version", "vynctl 2.0.0");
+  app.set_version_flag("--version", std::string("vynctl ") + VYN_PROJECT_VERSION);
   app.require_subcommand(1);
   app.add_option("--home", settings.home, "the installation (default: VYN_HOME)");
-  app.add_option("--token", settings.token, "the application's token, for put and get");
+  auto* token = app.add_option("--token", settings.token,
+                               "the application's token, for put and get; everybody sees it in the list of "
+                               "processes (default: VYN_TOKEN)");
+  app.add_option("--token-file", tokenFile, "a file whose first line is the token")->excludes(token);
+  app.parse_complete_callback([&] {
+    if (!tokenFile.empty()) {
+      settings.token = ReadToken(tokenFile);
+    }
+  });
   app.add_flag("--json", settings.json, "answer in JSON");
   app.add_flag("--verbose", settings.verbose, "show log lines on standard error");
   app.fallthrough();
@@ -86,7 +115,7 @@ int main(int argc, char** argv) {
   auto* conf = app.add_subcommand("conf", "configuration files");
   conf->require_subcommand(1);
   auto* check = conf->add_subcommand("check", "check a file and print each complaint");
-  check->add_option("FILE", file)->required();
+  check->add_option("FILE", file, "default: <home>/conf/vyn.conf");
   check->add_flag("--auth", features.authentication, "as with authentication on");
   check->add_flag("--tls", features.tls, "as with TLS on");
   check->add_flag("--author", features.authorization, "as with authorization on");

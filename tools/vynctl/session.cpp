@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace vyn::tools {
 
@@ -30,10 +31,17 @@ void Require(std::uint32_t status, const std::string& what) {
   }
 }
 
+void PrintJson(const nlohmann::json& answer) {
+  std::printf("%s\n", answer.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
 void LoadConfiguration(const Settings& settings) {
+  if (settings.home.empty()) {
+    throw CommandError("no home is given: --home DIR, or the environment variable VYN_HOME");
+  }
   std::string home;
   if (Failed(common::FileUtil::RealPathNoLog(settings.home, home))) {
-    throw CommandError("the home " + settings.home + " cannot be resolved");
+    throw CommandError("the home '" + settings.home + "' cannot be resolved");
   }
   if (Failed(common::BaseApiUtil::SetVynEnv(home.c_str(), VYN_RELEASE, VYN_BINARY_TYPE)) ||
       common::EnvHelper::GetInstance() == nullptr ||

@@ -4,6 +4,7 @@
 // and the SDK for variables.
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <stdexcept>
 #include <string>
 
@@ -27,6 +28,8 @@ void LoadConfiguration(const Settings& settings);
 void ConnectZooKeeper();
 /// Starts the SDK as a driver or an executor. Throws CommandError.
 void StartSdk(const Settings& settings, bool driver);
+/// One JSON object on standard output; bytes that are no UTF-8 are replaced.
+void PrintJson(const nlohmann::json& answer);
 /// Throws CommandError with the thread's last error when `status` tells of a failure.
 void Require(std::uint32_t status, const std::string& what);
 

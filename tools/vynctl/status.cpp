@@ -8,6 +8,7 @@
 #include "tools/vynctl/commands.h"
 #include "vyn/broadcast.h"
 
+#include <charconv>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -42,12 +43,26 @@ std::vector<std::string> Children(const std::string& path) {
   return names;
 }
 
+/// Returns: false for a name that is no number. The tree is open to everybody, so a stranger's znode may be in it.
+bool ToNumber(const std::string& name, std::uint32_t& number) {
+  const char* end = name.data() + name.size();
+  const auto [rest, error] = std::from_chars(name.data(), end, number);
+  return error == std::errc() && rest == end;
+}
+
+/// The text behind a key of a node's persistent record, empty when the record is damaged.
+std::string TextOf(const json& record, const char* key) {
+  const auto value = record.is_object() ? record.find(key) : record.end();
+  return record.is_object() && value != record.end() && value->is_string() ? value->get<std::string>() : "";
+}
+
 /// The variables of an application, without their contents.
 json Variables(const std::string& application) {
   json variables = json::array();
   for (const std::string& name : Children(services::AppPath(application))) {
     services::VariableRecord record;
-    if (name == services::kTokenName ||
+    std::uint32_t id = 0;
+    if (!ToNumber(name.substr(0, name.find('.')), id) ||
         services::ReadVariableRecord(services::AppPath(application) + "/" + name, record) !=
             services::RecordRead::kRead ||
         record.state == services::RecordState::kDeleted) {
@@ -58,7 +73,7 @@ json Variables(const std::string& application) {
       bytes += size;
     }
     variables.push_back(
-        {{"id", std::stoul(name)},
+        {{"id", id},
          {"blocks", record.blockNum},
          {"bytes", bytes},
          {"ready", record.state == services::RecordState::kReady},
@@ -89,8 +104,8 @@ json Collect() {
   std::set<std::string> live;
   for (const std::string& name : Children(adapter->mNodePath)) {
     cluster::NodeInfo node;
-    const auto id = static_cast<std::uint32_t>(std::stoul(name));
-    if (Failed(adapter->ClusterZKGetNodeInfo(id, node))) {
+    std::uint32_t id = 0;
+    if (!ToNumber(name, id) || Failed(adapter->ClusterZKGetNodeInfo(id, node))) {
       continue;
     }
     live.insert(name);
@@ -104,12 +119,13 @@ json Collect() {
   }
   for (const std::string& name : Children(services::kNodesPath)) {
     std::string text;
-    if (live.count(name) == 0 &&
+    std::uint32_t id = 0;
+    if (live.count(name) == 0 && ToNumber(name, id) &&
         zookeeper::Get(std::string(services::kNodesPath) + "/" + name, text) == ZOK) {
       const json node = json::parse(text, nullptr, false);
-      nodes.push_back({{"id", std::stoul(name)},
-                       {"host", node.is_object() ? node.value("host", "") : ""},
-                       {"address", node.is_object() ? node.value("ip", "") : ""},
+      nodes.push_back({{"id", id},
+                       {"host", TextOf(node, "host")},
+                       {"address", TextOf(node, "ip")},
                        {"live", false},
                        {"capacity", 0},
                        {"used", 0}});
@@ -144,10 +160,10 @@ void ShowStatus(const Settings& settings) {
   ConnectZooKeeper();
   const json status = Collect();
   if (settings.json) {
-    std::printf("%s\n", status.dump(2).c_str());
+    PrintJson(status);
     return;
   }
-  std::printf("LEADER  %s\n\n", status["leader"].empty() ? "none" : Text(status["leader"]).c_str());
+  std::printf("LEADER  %s\n\n", Text(status["leader"]).empty() ? "none" : Text(status["leader"]).c_str());
   std::printf("%-24s %s\n", "MEMBER", "STATUS");
   for (const json& member : status["members"]) {
     std::printf("%-24s %s%s\n", Text(member["address"]).c_str(), Text(member["status"]).c_str(),
@@ -175,7 +191,7 @@ void ListApplications(const Settings& settings) {
   ConnectZooKeeper();
   const json applications = Applications();
   if (settings.json) {
-    std::printf("%s\n", json{{"applications", applications}}.dump(2).c_str());
+    PrintJson({{"applications", applications}});
   } else {
     PrintApplications(applications);
   }
@@ -184,9 +200,14 @@ void ListApplications(const Settings& settings) {
 void RemoveApplication(const Settings& settings, const std::string& application) {
   LoadConfiguration(settings);
   StartSdk(settings, true);
+  // The metadata service takes a removal of nothing, as a repeated call has to succeed; a person wants to know.
+  const int found = zookeeper::Exists(services::AppPath(application));
   Require(MarkBroadcastApplicationCompleted(application.c_str()), "removing application " + application);
+  if (found == ZNONODE) {
+    throw CommandError("there is no application " + application);
+  }
   if (settings.json) {
-    std::printf("%s\n", json{{"removed", application}}.dump().c_str());
+    PrintJson({{"removed", application}});
   } else {
     std::printf("application %s removed\n", application.c_str());
   }

@@ -13,9 +13,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <vector>
 
 namespace vyn::tools {
@@ -24,28 +27,42 @@ namespace {
 
 using nlohmann::json;
 
-/// A descriptor that is closed at the end.
-class Descriptor {
+/// A file open for reading.
+class Input {
  public:
-  Descriptor(const std::string& path, int flags) : mValue(open(path.c_str(), flags | O_CLOEXEC, 0644)) {
+  explicit Input(const std::string& path) : mValue(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
     if (mValue < 0) {
       throw CommandError(path + ": " + std::strerror(errno));
     }
   }
-  ~Descriptor() { close(mValue); }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+  ~Input() { close(mValue); }
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
   int Get() const { return mValue; }
 
  private:
   int mValue;
 };
 
+/// Set by SIGINT, SIGTERM and SIGHUP while half a variable may be in the pool.
+volatile std::sig_atomic_t gInterrupted = 0;
+
+/// Ends the work where it may end.
+void CheckInterrupted() {
+  if (gInterrupted != 0) {
+    throw CommandError("interrupted");
+  }
+}
+
 /// Fills a mapped block from the file.
 void ReadInto(int descriptor, char* target, std::uint64_t size, std::uint64_t offset,
               const std::string& file) {
   while (size > 0) {
     const ssize_t count = pread(descriptor, target, size, static_cast<off_t>(offset));
+    if (count < 0 && errno == EINTR) {
+      CheckInterrupted();
+      continue;
+    }
     if (count <= 0) {
       throw CommandError(file +
                          (count == 0 ? " has become shorter" : std::string(": ") + std::strerror(errno)));
@@ -59,6 +76,9 @@ void ReadInto(int descriptor, char* target, std::uint64_t size, std::uint64_t of
 void WriteAll(int descriptor, const char* data, std::uint64_t size) {
   while (size > 0) {
     const ssize_t count = write(descriptor, data, size);
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
     if (count < 0) {
       throw CommandError(std::string("writing: ") + std::strerror(errno));
     }
@@ -67,34 +87,132 @@ void WriteAll(int descriptor, const char* data, std::uint64_t size) {
   }
 }
 
-std::uint32_t CountBlocks(const std::string& application, std::uint32_t id) {
+std::string NameOf(const std::string& application, std::uint32_t id) {
+  return "variable " + std::to_string(id) + " of application " + application;
+}
+
+/// What the records tell of a variable.
+struct Found {
+  bool ready;  ///< with its blocks
+  std::uint32_t blockNum;
+};
+
+/// Returns: nothing when there is no such variable.
+std::optional<Found> FindVariable(const std::string& application, std::uint32_t id) {
   std::vector<std::string> names;
   const int result = services::zookeeper::Children(services::AppPath(application), names);
+  if (result != ZOK && result != ZNONODE) {
+    throw CommandError("cannot read the variables of " + application + ": " +
+                       services::zookeeper::ResultText(result));
+  }
   const std::string prefix = std::to_string(id) + ".";
-  if (result == ZOK) {
-    for (const std::string& name : names) {
-      services::VariableRecord record;
-      if (name.rfind(prefix, 0) == 0 &&
-          services::ReadVariableRecord(services::AppPath(application) + "/" + name, record) ==
-              services::RecordRead::kRead &&
-          record.state == services::RecordState::kReady) {
-        return record.blockNum;
-      }
+  for (const std::string& name : names) {
+    services::VariableRecord record;
+    if (name.rfind(prefix, 0) == 0 &&
+        services::ReadVariableRecord(services::AppPath(application) + "/" + name, record) ==
+            services::RecordRead::kRead &&
+        record.state != services::RecordState::kDeleted) {
+      return Found{record.state == services::RecordState::kReady, record.blockNum};
     }
   }
-  throw CommandError("there is no variable " + std::to_string(id) + " of application " + application);
+  return std::nullopt;
 }
+
+/// Takes a variable that was created and not filled away again, so that nobody reads half of it.
+class Undo {
+ public:
+  Undo(const std::string& application, std::uint32_t id) : mApplication(application), mId(id) {
+    struct sigaction action {};
+    action.sa_handler = [](int) { gInterrupted = 1; };
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+      sigaction(number, &action, nullptr);
+    }
+  }
+  ~Undo() {
+    if (!mDone && Failed(DeleteBroadcastVar(mApplication.c_str(), mId))) {
+      std::fprintf(stderr, "vynctl: %s is there in part and could not be removed\n",
+                   NameOf(mApplication, mId).c_str());
+    }
+  }
+  Undo(const Undo&) = delete;
+  Undo& operator=(const Undo&) = delete;
+  void Done() { mDone = true; }
+
+ private:
+  const std::string mApplication;
+  const std::uint32_t mId;
+  bool mDone = false;
+};
+
+/// Where contents go: standard output, or a file that has its name only once it is whole.
+class Output {
+ public:
+  explicit Output(const std::string& file) : mFile(file) {
+    if (file.empty()) {
+      mDescriptor = STDOUT_FILENO;
+      return;
+    }
+    struct stat status {};
+    if (stat(file.c_str(), &status) == 0 &&
+        !S_ISREG(status.st_mode)) {  // a pipe or a device takes no new name
+      mDescriptor = open(file.c_str(), O_WRONLY | O_CLOEXEC);
+      if (mDescriptor < 0) {
+        throw CommandError(file + ": " + std::strerror(errno));
+      }
+      return;
+    }
+    mTemporary = file + ".XXXXXX";
+    mDescriptor = mkostemp(mTemporary.data(), O_CLOEXEC);
+    if (mDescriptor < 0) {
+      throw CommandError(mTemporary + ": " + std::strerror(errno));
+    }
+    const mode_t mask = umask(0);
+    umask(mask);
+    fchmod(mDescriptor, status.st_mode != 0 ? status.st_mode & 0777U : 0666U & ~mask);
+  }
+  ~Output() {
+    if (mDescriptor >= 0 && mDescriptor != STDOUT_FILENO) {
+      close(mDescriptor);
+    }
+    if (!mTemporary.empty()) {
+      unlink(mTemporary.c_str());
+    }
+  }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+  int Descriptor() const { return mDescriptor; }
+  void Finish() {
+    if (mFile.empty()) {
+      return;
+    }
+    const bool closed = close(mDescriptor) == 0;
+    mDescriptor = -1;
+    if (!closed || (!mTemporary.empty() && rename(mTemporary.c_str(), mFile.c_str()) != 0)) {
+      throw CommandError(mFile + ": " + std::strerror(errno));
+    }
+    mTemporary.clear();
+  }
+
+ private:
+  const std::string mFile;
+  std::string mTemporary;
+  int mDescriptor = -1;
+};
 
 /// What the command did, in the form that was asked for.
 void Print(const Settings& settings, const json& answer, const std::string& text) {
-  std::printf("%s\n", settings.json ? answer.dump().c_str() : text.c_str());
+  if (settings.json) {
+    PrintJson(answer);
+  } else {
+    std::printf("%s\n", text.c_str());
+  }
 }
 
 }  // namespace
 
 void PutVariable(const Settings& settings, const std::string& application, std::uint32_t id,
                  const std::string& file, std::uint64_t blockSize) {
-  const Descriptor input(file, O_RDONLY);
+  const Input input(file);
   struct stat status {};
   if (fstat(input.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0) {
     throw CommandError(file + " is no file with contents");
@@ -110,12 +228,18 @@ void PutVariable(const Settings& settings, const std::string& application, std::
   StartSdk(settings, true);
   bool registered = false;
   Require(RegisterBroadcastApp(app, true, settings.token.c_str(), &registered), "registering " + application);
+  // A creation that is repeated with as many blocks succeeds, and would leave a second set of them in the pool.
+  if (FindVariable(application, id)) {
+    throw CommandError("there is " + NameOf(application, id) + " already");
+  }
   Require(CreateBroadcastVar(app, id, count), "creating the variable");
+  Undo undo(application, id);
   Progress progress("put", total);
   std::uint64_t offset = 0;
   if (registered) {
     Require(CreateBroadcastBlockBatch(app, id, sizes.data(), count), "creating the blocks");
     for (unsigned int i = 0; i < count; ++i) {
+      CheckInterrupted();
       void* address = nullptr;
       Require(ObtainBroadcastBlockAddr(app, id, i, &address), "mapping a block");
       ReadInto(input.Get(), static_cast<char*>(address), sizes[i], offset, file);
@@ -138,6 +262,7 @@ void PutVariable(const Settings& settings, const std::string& application, std::
             "creating the blocks on " + nodes[0]);
     std::vector<char> buffer(std::min(blockSize, total));
     for (unsigned int i = 0; i < count; ++i) {
+      CheckInterrupted();
       ReadInto(input.Get(), buffer.data(), sizes[i], offset, file);
       Require(WriteRemoteBlock(app, ids[i].c_str(), buffer.data(), sizes[i], settings.token.c_str()),
               "writing a block");
@@ -145,6 +270,7 @@ void PutVariable(const Settings& settings, const std::string& application, std::
       progress.Add(sizes[i]);
     }
   }
+  undo.Done();
   Print(settings, {{"application", application}, {"variable", id}, {"blocks", count}, {"bytes", total}},
         "variable " + std::to_string(id) + " of " + application + ": " + std::to_string(total) +
             " bytes in " + std::to_string(count) + " blocks");
@@ -154,7 +280,11 @@ void GetVariable(const Settings& settings, const std::string& application, std::
                  const std::string& file) {
   LoadConfiguration(settings);
   ConnectZooKeeper();
-  const std::uint32_t count = CountBlocks(application, id);
+  const auto found = FindVariable(application, id);
+  if (!found || !found->ready) {
+    throw CommandError("there is no " + NameOf(application, id));
+  }
+  const std::uint32_t count = found->blockNum;
   StartSdk(settings, false);
   const char* app = application.c_str();
   bool registered = false;
@@ -166,17 +296,18 @@ void GetVariable(const Settings& settings, const std::string& application, std::
   for (const unsigned long size : sizes) {
     total += size;
   }
-  const Descriptor output(file.empty() ? "/dev/stdout" : file, O_WRONLY | O_CREAT | O_TRUNC);
+  Output output(file);
   {
     Progress progress("get", total);
     for (std::uint32_t i = 0; i < count; ++i) {
       void* address = nullptr;
       Require(ObtainBroadcastBlockAddr(app, id, i, &address), "mapping a block");
-      WriteAll(output.Get(), static_cast<const char*>(address), sizes[i]);
+      WriteAll(output.Descriptor(), static_cast<const char*>(address), sizes[i]);
       Require(ReleaseBroadcastBlockAddr(app, id, i, address), "releasing a block");
       progress.Add(sizes[i]);
     }
   }
+  output.Finish();
   if (!file.empty()) {
     Print(settings, {{"application", application}, {"variable", id}, {"bytes", total}, {"file", file}},
           std::to_string(total) + " bytes in " + file);
@@ -186,7 +317,12 @@ void GetVariable(const Settings& settings, const std::string& application, std::
 void RemoveVariable(const Settings& settings, const std::string& application, std::uint32_t id) {
   LoadConfiguration(settings);
   StartSdk(settings, true);
+  const bool found = FindVariable(application, id).has_value();
+  // Also when there is none here: a record that cannot be read is removed all the same.
   Require(DeleteBroadcastVar(application.c_str(), id), "removing the variable");
+  if (!found) {
+    throw CommandError("there is no " + NameOf(application, id));
+  }
   Print(settings, {{"application", application}, {"removed", id}},
         "variable " + std::to_string(id) + " of " + application + " removed");
 }
