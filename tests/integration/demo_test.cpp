@@ -1,64 +1,23 @@
 // The demo itself: it tells that every executor read what the driver wrote, and leaves nothing behind.
 
-#include "support/command.h"
-#include "support/temp_dir.h"
-#include "support/zookeeper_server.h"
+#include "support/demo_test.h"
 
-#include <gtest/gtest.h>
 #include <unistd.h>
-
-#include <filesystem>
 
 namespace vyn::test {
 namespace {
 
-namespace fs = std::filesystem;
-
-class DemoTest : public testing::Test {
+/// On a file of about a megabyte, in small blocks.
+class SmallDemoTest : public DemoTest {
  protected:
-  /// The demo's temporary folder is below the test's own, so that what it started can be found by it.
-  std::string Command(const std::string& arguments) {
-    return "TMPDIR=" + mFolder.Path() +
-           " python3 " VYN_SOURCE_DIR "/tools/demo/demo.py --stage " VYN_STAGE_DIR " " + mFile +
-           " --block-size 64K " + arguments;
-  }
-  std::size_t Count(const std::string& text, const std::string& part) {
-    std::size_t count = 0;
-    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) {
-      ++count;
-    }
-    return count;
-  }
-  /// \param pid of the demo: its pools and namespaces carry it in their names.
-  void ExpectNothingLeft(const std::string& pid) {
-    EXPECT_EQ(RunCommand("pgrep -f " + mFolder.Path() + "/[v]yn-demo-").output, "");
-    EXPECT_FALSE(fs::exists("/dev/shm/vyn-demo-" + pid + "-1"));
-    EXPECT_FALSE(fs::exists("/dev/shm/vyn-demo-" + pid + "-2"));
-    const std::string mark = "/run/netns/vyn" + std::to_string(std::stol(pid) % 100000);
-    EXPECT_FALSE(fs::exists(mark + "s"));
-    EXPECT_FALSE(fs::exists(mark + "h0"));
-    for (const auto& entry : fs::directory_iterator(mFolder.Path())) {
-      EXPECT_NE(entry.path().filename().string().rfind("vyn-demo-", 0), 0U) << entry.path();
-    }
-  }
-  /// Runs the demo in a shell that tells its number first.
-  void ExpectEqual(const std::string& arguments, std::size_t executors) {
-    const CommandResult run = RunCommand("echo $$; exec env " + Command(arguments));
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_EQ(Count(run.output, " equal\n"), executors) << run.output;
-    EXPECT_EQ(Count(run.output, "DIFFERENT"), 0U) << run.output;
-    ExpectNothingLeft(run.output.substr(0, run.output.find('\n')));
-  }
-
-  TempDir mFolder;
-  const std::string mFile = mFolder.Write("file", std::string(1'000'001, 'v'));
+  SmallDemoTest() { mFile = mFolder.Write("file", std::string(1'000'001, 'v')) + " --block-size 64K"; }
 };
 
-TEST_F(DemoTest, EveryExecutorReadsTheFile) { ExpectEqual("--executors 2", 2); }
+TEST_F(SmallDemoTest, EveryExecutorReadsTheFile) { ExpectEqual("--executors 2", 2); }
 
-TEST_F(DemoTest, EveryExecutorReadsTheFileOverTls) { ExpectEqual("--executors 2 --tls", 2); }
+TEST_F(SmallDemoTest, EveryExecutorReadsTheFileOverTls) { ExpectEqual("--executors 2 --tls", 2); }
 
-TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
+TEST_F(SmallDemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "network namespaces need root";
   }
@@ -69,7 +28,7 @@ TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
   ExpectEqual("--outside --tls", 2);
 }
 
-TEST_F(DemoTest, AnInterruptLeavesNothing) {
+TEST_F(SmallDemoTest, AnInterruptLeavesNothing) {
   const CommandResult run = RunCommand(
       "env --default-signal=INT " + Command("--executors 2") +
       " & pid=$!; echo $pid; for i in $(seq 600); do pgrep -f " + mFolder.Path() +

@@ -5,7 +5,6 @@ One node on loopback by default: ZooKeeper, vynd, a driver, executors. With --ou
 of the fabric with an executor on each, and a driver that belongs to neither.
 """
 import argparse
-import glob
 import json
 import os
 import re
@@ -112,6 +111,15 @@ class Child:
     def say(self, text="go"):
         self.process.stdin.write(text + "\n")
         self.process.stdin.flush()
+
+    def finish(self):
+        """Waits for an end that has to be a good one."""
+        try:
+            code = self.process.wait(WORK_TIMEOUT)
+        except subprocess.TimeoutExpired:
+            raise DemoError(f"{self.name} did not end within {WORK_TIMEOUT} s\n{self.tail()}") from None
+        if code != 0:
+            raise DemoError(f"{self.name} ended with {code}\n{self.tail()}")
 
     def stop(self, timeout=8):
         if self.process.poll() is None:
@@ -283,24 +291,35 @@ class Demo:
         for executor in ready:
             executor.say()
         results = [executor.event("read") for executor in ready]
-        pool = sum(os.path.getsize(path) for folder in self.pools
-                   for path in glob.glob(folder + "/**/*", recursive=True) if os.path.isfile(path))
+        pool = self.pool_memory()
         for executor in ready:
             executor.say()
-            executor.process.wait(WORK_TIMEOUT)
+            executor.finish()
         driver.say()
         driver.event("ended")
-        driver.process.wait(WORK_TIMEOUT)
+        driver.finish()
         return published, results, pool
 
-    def run_sockets(self, count):
+    def pool_memory(self):
+        """The pages that the files of all pools take, pulled copies included."""
+        return sum(os.stat(os.path.join(root, name)).st_blocks * 512
+                   for pool in self.pools for root, _, names in os.walk(pool) for name in names)
+
+    def run_sockets(self, namespaces, driver):
+        """The way without a fabric, over the same network. Returns: nothing when the copies do not fit the memory."""
+        needed = len(namespaces) * self.file_size
+        if needed > available_memory() * 0.7:
+            print(f"\nThe way over sockets is left out: {len(namespaces)} copies take {human(needed)}, and this machine has "
+                  f"{human(available_memory())} free.")
+            return None
         options = self.options
+        namespace, address = driver
         server = self.start("socket-server", [self.program("vyn-demo-driver"), "--file", options.file, "--receivers",
-                                              str(count)])
+                                              str(len(namespaces)), "--listen", address], namespace)
         listening = server.event("listening")
         receivers = [self.start(f"receiver-{i}", [self.program("vyn-demo-executor"), "--socket",
-                                                  f"127.0.0.1:{listening['port']}", "--block-size",
-                                                  str(self.file_size)]) for i in range(count)]
+                                                  f"{address}:{listening['port']}", "--block-size",
+                                                  str(self.file_size)], where) for i, where in enumerate(namespaces)]
         for receiver in receivers:
             receiver.event("ready")
         for receiver in receivers:
@@ -308,7 +327,8 @@ class Demo:
         results = [receiver.event("read") for receiver in receivers]
         for receiver in receivers:
             receiver.say()
-            receiver.process.wait(WORK_TIMEOUT)
+            receiver.finish()
+        server.finish()
         return results
 
     # --- the whole ---------------------------------------------------------------------------------------------------
@@ -323,6 +343,7 @@ class Demo:
         pool_size = self.file_size + (256 << 20)
         ports = [free_port(self.ports) for _ in range(3)]
         names = {}
+        driver_place = (None, "127.0.0.1")
         if options.outside:
             hosts = self.make_namespaces()
             zookeeper = self.start_zookeeper(*hosts[0])
@@ -333,6 +354,7 @@ class Demo:
                 self.start_vynd(i + 1, home, address, pool_size, namespace)
                 executors.append((home, namespace))
             driver_home = self.make_home("home-driver", self.settings(zookeeper, nodes, ports))
+            driver_place = hosts[2]
             names["driver"] = hosts[2][0]
         else:
             zookeeper = self.start_zookeeper(None, "127.0.0.1")
@@ -347,8 +369,8 @@ class Demo:
             state = "equal" if result["sha256"] == sum256 else "DIFFERENT"
             print(f"executor {i}: SHA-256 {result['sha256']} {state}")
         wrong = [result for result in results if result["sha256"] != sum256]
-        sockets = self.run_sockets(len(executors))
-        wrong += [result for result in sockets if result["sha256"] != sum256]
+        sockets = self.run_sockets([namespace for _, namespace in executors], driver_place)
+        wrong += [result for result in sockets or [] if result["sha256"] != sum256]
         self.print_table(published, results, pool, sockets)
         if wrong:
             raise DemoError(f"{len(wrong)} executors read other bytes than the driver wrote")
@@ -357,20 +379,20 @@ class Demo:
         publish = published["end"] - published["begin"]
         count = len(results)
         milliseconds = lambda seconds: f"{seconds * 1e3:.2f} ms"
-        first = [result["first"] - result["begin"] for result in results]
-        last = [result["last"] - result["begin"] for result in results]
-        old_first = [result["first"] - result["begin"] for result in sockets]
-        old_last = [result["last"] - result["begin"] for result in sockets]
-        rate = lambda seconds: f"{count * self.file_size / seconds / 1e9:.2f} GB/s" if seconds > 0 else "-"
-        rows = [
-            ("", "shared pages", "a socket and a copy each"),
-            ("publish (driver)", f"{milliseconds(publish)}, {self.file_size / publish / 1e9:.2f} GB/s", "-"),
-            ("first byte readable, slowest executor", milliseconds(max(first)), milliseconds(max(old_first))),
-            ("last byte readable, slowest executor", milliseconds(max(last)), milliseconds(max(old_last))),
-            (f"made readable to {count} executors at", rate(max(last)), rate(max(old_last))),
-            ("memory for the contents", human(pool), human(count * self.file_size)),
-            ("private memory of all executors", human(sum(r["private"] for r in results)),
-             human(sum(r["private"] for r in sockets))),
+        both = lambda result: f"{milliseconds(result['first'] - result['begin'])}, {milliseconds(result['last'] - result['begin'])}"
+        slowest = lambda all: max(result["last"] - result["begin"] for result in all)
+        rate = lambda all: f"{count * self.file_size / slowest(all) / 1e9:.2f} GB/s"
+        private = lambda all: sum(result["private"] for result in all)
+        old = lambda text, all=sockets: text(all) if all else "-"
+        rows = [("", "shared pages", "a socket and a copy each"),
+                ("publish (driver)", f"{milliseconds(publish)}, {self.file_size / publish / 1e9:.2f} GB/s", "-")]
+        rows += [(f"executor {i}: first, last byte readable", both(result), both(sockets[i]) if sockets else "-")
+                 for i, result in enumerate(results)]
+        rows += [
+            (f"made readable to {count} executors at", rate(results), old(rate)),
+            ("pages of the pool", human(pool), "-"),
+            ("private memory of all executors", human(private(results)), old(lambda all: human(private(all)))),
+            ("memory in all", human(pool + private(results)), old(lambda all: human(private(all)))),
         ]
         print()
         for row in rows:
@@ -388,6 +410,11 @@ class Demo:
         for pool in self.pools:
             shutil.rmtree(pool, ignore_errors=True)
         shutil.rmtree(self.folder, ignore_errors=True)
+
+
+def available_memory():
+    with open("/proc/meminfo") as file:
+        return next(int(line.split()[1]) << 10 for line in file if line.startswith("MemAvailable:"))
 
 
 def default_file():
@@ -430,20 +457,21 @@ def main():
     def interrupted(number, frame):
         raise KeyboardInterrupt
 
-    signal.signal(signal.SIGTERM, interrupted)
+    for number in (signal.SIGTERM, signal.SIGHUP):  # SIGHUP: the terminal is closed
+        signal.signal(number, interrupted)
     demo = Demo(options)
     code = 1
     try:
         demo.run()
         code = 0
-    except DemoError as error:
+    except (DemoError, OSError, subprocess.CalledProcessError) as error:
         print(f"demo: {error}", file=sys.stderr)
     except KeyboardInterrupt:
         print("demo: interrupted", file=sys.stderr)
         code = 130
     finally:
-        signal.signal(signal.SIGTERM, signal.SIG_IGN)
-        signal.signal(signal.SIGINT, signal.SIG_IGN)
+        for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT):
+            signal.signal(number, signal.SIG_IGN)
         demo.clean()
     return code
 

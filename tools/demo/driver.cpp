@@ -112,9 +112,9 @@ int ServeSockets(const Arguments& arguments) {
   const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof(address);
-  if (bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener, 128) != 0 ||
+  if (inet_pton(AF_INET, arguments.listen.c_str(), &address.sin_addr) != 1 ||
+      bind(listener, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(listener, 128) != 0 ||
       getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     std::cerr << "cannot listen: " << std::strerror(errno) << "\n";
     return 1;

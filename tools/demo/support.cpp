@@ -37,6 +37,7 @@ bool ReadArguments(const char* name, int argc, char** argv, Arguments& arguments
   app.add_option("--block-size", arguments.blockSize, "bytes of a block")->capture_default_str();
   app.add_option("--blocks", arguments.blocks, "how many blocks the executor reads");
   app.add_option("--socket", arguments.socket, "read from ip:port instead of the fabric");
+  app.add_option("--listen", arguments.listen, "address for the receivers")->capture_default_str();
   app.add_option("--receivers", arguments.receivers, "send the file to so many over a socket instead");
   try {
     app.parse(argc, argv);

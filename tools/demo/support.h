@@ -23,9 +23,10 @@ struct Arguments {
   unsigned int variable = 1;
   std::string file;  ///< driver: what is broadcast
   std::uint64_t blockSize = 4 << 20;
-  unsigned int blocks = 0;     ///< executor: how many there are
-  std::string socket;          ///< executor: "ip:port" to read the file from instead, the old way
-  unsigned int receivers = 0;  ///< driver: serve the file to so many over a socket, the old way
+  unsigned int blocks = 0;           ///< executor: how many there are
+  std::string socket;                ///< executor: "ip:port" to read the file from instead, the old way
+  std::string listen = "127.0.0.1";  ///< driver: at which address it serves receivers
+  unsigned int receivers = 0;        ///< driver: serve the file to so many over a socket, the old way
 };
 
 /// Reads the command line. Returns: false when the process has to end with `exitCode`.
