@@ -8,7 +8,7 @@ namespace vyn::test {
 
 /// Waits until `condition` holds. Returns: whether it did within the limit.
 inline bool WaitUntil(const std::function<bool()>& condition,
-                      std::chrono::seconds limit = std::chrono::seconds(60)) {
+                      std::chrono::seconds limit = std::chrono::seconds(120)) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) {

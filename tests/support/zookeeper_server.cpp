@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <stdexcept>
 #include <thread>
 
@@ -26,7 +27,7 @@ sockaddr_in Loopback(int port) {
 class Connection {
  public:
   explicit Connection(int port) : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const timeval patience{2, 0};
+    const timeval patience{10, 0};
     setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     const sockaddr_in address = Loopback(port);
     mStanding = connect(mSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
@@ -90,7 +91,8 @@ void ZookeeperServer::WaitUntilServing() const {
   }
 }
 
-ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, const std::string& listen) {
+ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, const std::string& listen)
+    : mAlone(ensemble.empty()) {
   mFolder.Write("data/myid", std::to_string(id));
   mFolder.Write("zoo.cfg",
                 "tickTime=200\nminSessionTimeout=400\nmaxSessionTimeout=60000\nmaxClientCnxns=0\n"
@@ -102,6 +104,7 @@ ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, const std:
 }
 
 void ZookeeperServer::Start() {
+  std::filesystem::remove(mFolder / "server.log");
   mProcess = ChildProcess(
       {"java", "-Xmx128m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-Xshare:auto",
        "-Dzookeeper.admin.enableServer=false", "-Dzookeeper.forceSync=no", "-Dzookeeper.digest.enabled=false",
@@ -111,6 +114,11 @@ void ZookeeperServer::Start() {
 }
 
 std::string ZookeeperServer::Mode() const {
+  // A server that is asked while it starts has been seen to stop in the midst of it, and to answer nobody any
+  // more. This is among the last that it says of its start.
+  if (mAlone && ReadFile(mFolder / "server.log").find("ContainerManager") == std::string::npos) {
+    return "";
+  }
   Connection connection(mPort.Number());
   connection.Send("srvr");
   const std::string answer = connection.Receive(std::string::npos);

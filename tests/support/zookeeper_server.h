@@ -56,6 +56,7 @@ class ZookeeperServer {
   std::string Mode() const;
 
  private:
+  const bool mAlone;
   TempDir mFolder;
   ReservedPort mPort;
   ChildProcess mProcess;

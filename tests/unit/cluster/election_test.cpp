@@ -102,7 +102,7 @@ TEST_F(ElectionTest, ARoundThatFailsHalfWay) {
 
 TEST_F(ElectionTest, ALostConnectionIsALostRoundAndCounted) {
   mAdapter->ClusterZKClose();
-  Connect(4000);
+  Connect(15000);  // a call may take two thirds of it, and the session must outlive the restart of the server
   gServer->Kill();
   const auto lose = [&](int count) {
     bool won = true;
