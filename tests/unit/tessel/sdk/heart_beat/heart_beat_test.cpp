@@ -22,7 +22,6 @@ using test::ScriptedService;
 
 constexpr unsigned int kMetaHeartBeat = 21;
 constexpr unsigned int kTuningHeartBeat = 2;
-constexpr unsigned int kAppRemove = 0;
 
 class HeartBeatTest : public testing::Test {
  protected:
