@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -73,6 +74,9 @@ int ReadVariable(const Arguments& arguments) {
   return 0;
 }
 
+/// What one recv() may return: without a limit it goes on as long as bytes come, and the first byte would seem late.
+constexpr std::size_t kChunk = 256U << 10U;
+
 int Receive(const Arguments& arguments) {
   std::cout << nlohmann::json{{"event", "ready"}}.dump() << std::endl;
   AwaitLine();
@@ -98,7 +102,7 @@ int Receive(const Arguments& arguments) {
   std::size_t received = 0;
   double first = 0;
   while (received < size) {
-    const ssize_t count = recv(connection, copy + received, size - received, 0);
+    const ssize_t count = recv(connection, copy + received, std::min(kChunk, size - received), 0);
     if (count <= 0) {
       break;
     }
