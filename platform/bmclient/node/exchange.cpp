@@ -62,21 +62,23 @@ bool Exchange::AnswerFile(int file, std::uint64_t offset, std::uint32_t length) 
          mStream.SendFile(file, offset, length, After(kFrameTimeout)) == IoStatus::kOk;
 }
 
-void Exchange::Progress() {
+bool Exchange::Progress() {
+  mBroken = mBroken || mStream.PeerGone();
   const auto now = std::chrono::steady_clock::now();
-  if (now - mLastSign < kProgressInterval) {
-    return;
+  if (mBroken || now - mLastSign < kProgressInterval) {
+    return !mBroken;
   }
   mLastSign = now;
   FrameHeader header = mHeader;
   header.flags = kFrameProgress;
   header.headLength = 0;
   header.dataLength = 0;
-  mBroken = mBroken || SendFrame(mStream, header, {}, nullptr, After(kFrameTimeout)) != IoStatus::kOk;
+  mBroken = SendFrame(mStream, header, {}, nullptr, After(kFrameTimeout)) != IoStatus::kOk;
+  return !mBroken;
 }
 
-void ServeConnection(ByteStream& stream, const Handler& handler, std::chrono::milliseconds idle,
-                     const std::function<void(bool)>& busy) {
+IoStatus ServeConnection(ByteStream& stream, const Handler& handler, std::chrono::milliseconds idle,
+                         const std::function<void(bool)>& busy) {
   FrameReader frames(stream);
   std::unique_ptr<char[]> buffer;
   std::string head;
@@ -88,7 +90,7 @@ void ServeConnection(ByteStream& stream, const Handler& handler, std::chrono::mi
       status = frames.WaitForFrame(After(idle - kKeepBuffer));
     }
     if (status != IoStatus::kOk) {
-      return;
+      return status;
     }
     if (busy != nullptr) {
       busy(true);
@@ -96,12 +98,12 @@ void ServeConnection(ByteStream& stream, const Handler& handler, std::chrono::mi
     FrameHeader header{};
     if (frames.ReadFrame(header, head, After(kFrameTimeout)) != IoStatus::kOk ||
         header.sequence != sequence || header.flags != 0 || header.result != 0) {
-      return;
+      return IoStatus::kFailed;
     }
     Exchange exchange(stream, frames, header, buffer);
     Reader arguments(head);
     if (!handler(exchange, arguments)) {
-      return;
+      return IoStatus::kFailed;
     }
     if (busy != nullptr) {
       busy(false);

@@ -31,8 +31,9 @@ class Exchange {
   bool Answer(int result, std::string_view head = {}, int descriptor = -1);
   bool AnswerData(const void* data, std::uint32_t length);
   bool AnswerFile(int file, std::uint64_t offset, std::uint32_t length);
-  /// Sends an interim answer if the last sign of life is long ago.
-  void Progress();
+  /// Sends an interim answer if the last sign of life is long ago. Returns: false when nobody waits for the
+  /// answer any more: the caller has gone, or the node is about to stop.
+  bool Progress();
 
   /// Whether the caller has gone meanwhile: what it asked for is not wanted any more.
   bool PeerGone() { return mStream.PeerGone(); }
@@ -54,8 +55,9 @@ class Exchange {
 using Handler = std::function<bool(Exchange& exchange, Reader& arguments)>;
 
 /// Serves a connection until it ends, breaks a limit, or stays idle for `idle`. \param busy called with true
-/// when a request has begun to arrive and with false when it is answered; may be null.
-void ServeConnection(ByteStream& stream, const Handler& handler, std::chrono::milliseconds idle,
-                     const std::function<void(bool)>& busy = nullptr);
+/// when a request has begun to arrive and with false when it is answered; may be null. Returns: how the wait
+/// for the next request ended; kFailed when the connection ended within a request.
+IoStatus ServeConnection(ByteStream& stream, const Handler& handler, std::chrono::milliseconds idle,
+                         const std::function<void(bool)>& busy = nullptr);
 
 }  // namespace vyn::bm

@@ -142,10 +142,10 @@ std::unique_ptr<Door> FabricNode::Impl::MakeDoor(FileDescriptor listener, DoorKi
           return;
         }
         Session session(parts, kind);
-        ServeConnection(
+        session.End(ServeConnection(
             *stream,
             [&session](Exchange& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
-            idle, busy);
+            idle, busy));
       });
 }
 

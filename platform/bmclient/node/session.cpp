@@ -6,7 +6,15 @@
 
 namespace vyn::bm {
 
+namespace {
+
+/// How long after its answer an allocation is undone by a reset: longer than any caller waits for the answer.
+constexpr std::chrono::seconds kFreshTime{30};
+
+}  // namespace
+
 bool Session::Handle(Exchange& exchange, Reader& arguments) {
+  mFresh.reset();
   if (!mGreeted) {
     return exchange.What() == Operation::kHello && Hello(exchange, arguments);
   }
@@ -146,18 +154,35 @@ bool Session::Allocate(Exchange& exchange, Reader& arguments) {
     result = mParts.pool.Enter(access, space);
     result = result == 0 ? Seen(mParts.pool.Allocate(space, size, id)) : result;
   }
-  // A send to a peer that has closed its end may still succeed.
-  const bool answered = (result != 0 || !exchange.PeerGone()) &&
-                        exchange.Answer(result, result == 0 ? Writer().Text(id).Bytes() : std::string_view());
-  if (result == 0 && !answered) {
-    // Nobody knows the id: the object would stay for ever.
-    if (other != nullptr) {
-      other->Free({access, id});
-    } else {
-      mParts.pool.Free(space, id);
-    }
+  if (result != 0) {
+    return exchange.Answer(result);
   }
-  return answered;
+  // Without an answer nobody knows the id: the object would stay for ever.
+  Fresh fresh{other, space, {}, {}, id, After(kFreshTime)};
+  if (other != nullptr) {
+    fresh.ns = access.ns;
+    fresh.token = access.token;
+  }
+  if (exchange.PeerGone() || !exchange.Answer(0, Writer().Text(id).Bytes())) {
+    Undo(fresh);
+    return false;
+  }
+  mFresh = std::move(fresh);
+  return true;
+}
+
+void Session::Undo(const Fresh& fresh) {
+  if (fresh.other != nullptr) {
+    fresh.other->Free({{fresh.ns, fresh.token}, fresh.id});
+  } else {
+    mParts.pool.Free(fresh.space, fresh.id);
+  }
+}
+
+void Session::End(IoStatus how) {
+  if (how == IoStatus::kReset && mFresh.has_value() && std::chrono::steady_clock::now() < mFresh->believed) {
+    Undo(*mFresh);
+  }
 }
 
 bool Session::Expand(Exchange& exchange, Reader& arguments) {

@@ -8,6 +8,8 @@
 #include "platform/bmclient/node/pool.h"
 #include "platform/bmclient/node/pulled_copies.h"
 
+#include <optional>
+
 namespace vyn::bm {
 
 /// What the sessions of a node share.
@@ -28,8 +30,21 @@ class Session {
 
   /// A Handler for ServeConnection.
   bool Handle(Exchange& exchange, Reader& arguments);
+  /// The connection has ended. \param how what ServeConnection returned.
+  void End(IoStatus how);
 
  private:
+  /// The object that the last request allocated. Its id is lost when the connection is reset before anything
+  /// else comes from the caller: the answer was never read.
+  struct Fresh {
+    std::shared_ptr<RemoteNode> other;  // the owner, null for this node
+    NamespacePtr space;                 // of this node
+    std::string ns;                     // of another one
+    std::string token;
+    std::string id;
+    Deadline believed;  // a reset later than this has another reason
+  };
+
   bool Hello(Exchange& exchange, Reader& arguments);
   bool Query(Exchange& exchange, Reader& arguments);
   int MakeNamespace(const Access& access);
@@ -51,6 +66,7 @@ class Session {
   int Route(std::uint16_t owner, std::shared_ptr<RemoteNode>& other) const;
   /// A result of the pool as the caller is to see it.
   int Seen(int result) const;
+  void Undo(const Fresh& fresh);
   int EnterAndOpen(const ObjectName& object, bool writable, FileDescriptor& file, std::uint64_t& size) const;
   bool ForwardRead(Exchange& exchange, RemoteNode& other, const ObjectName& object, std::uint64_t offset,
                    std::uint32_t length, std::uint64_t beyond);
@@ -60,6 +76,7 @@ class Session {
   NodeParts& mParts;
   const DoorKind mDoor;
   bool mGreeted = false;
+  std::optional<Fresh> mFresh;
 };
 
 }  // namespace vyn::bm

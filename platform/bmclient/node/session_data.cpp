@@ -118,7 +118,7 @@ bool Session::Copy(Exchange& exchange, Reader& arguments) {
     result = kBmLocalError;
   }
   if (result == 0 && !CopyFile(from.Get(), sourceOffset, to.Get(), destinationOffset, length,
-                               exchange.Buffer(), [&exchange] { exchange.Progress(); })) {
+                               exchange.Buffer(), [&exchange] { return exchange.Progress(); })) {
     result = Seen(-EIO);
   }
   return exchange.Answer(result);

@@ -22,6 +22,7 @@ inline Deadline After(std::chrono::milliseconds time) { return std::chrono::stea
 enum class IoStatus {
   kOk,
   kClosed,   ///< the other side is gone
+  kReset,    ///< the other side is gone and has not taken all that it was sent
   kTimeout,  ///< the deadline has passed
   kFailed,   ///< what arrived is no frame, or a local file failed; the stream is of no use any more
 };

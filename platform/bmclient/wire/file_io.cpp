@@ -43,7 +43,7 @@ bool WriteFile(int file, const void* buffer, std::size_t length, std::uint64_t o
 }
 
 bool CopyFile(int source, std::uint64_t sourceOffset, int destination, std::uint64_t destinationOffset,
-              std::uint64_t length, char* buffer, const std::function<void()>& between) {
+              std::uint64_t length, char* buffer, const std::function<bool()>& between) {
   // From the end when the destination lies behind: should it be the same file, no byte is overwritten before
   // it was read.
   const bool fromEnd = destinationOffset > sourceOffset;
@@ -55,8 +55,9 @@ bool CopyFile(int source, std::uint64_t sourceOffset, int destination, std::uint
       return false;
     }
     moved += count;
-    if (between != nullptr) {
-      between();
+    if (between != nullptr && !between()) {
+      errno = ECANCELED;
+      return false;
     }
   }
   return true;

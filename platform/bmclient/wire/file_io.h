@@ -21,8 +21,8 @@ bool WriteFile(int file, const void* buffer, std::size_t length, std::uint64_t o
 
 /// Copies between files, which may be the same one under two descriptors; its ranges may then overlap.
 /// \param source, destination the descriptors. \param buffer of kFileBlock bytes. \param between called after
-/// every block when it is not null. Returns: false on failure, with errno set.
+/// every block when it is not null; false ends the copy. Returns: false on failure, with errno set.
 bool CopyFile(int source, std::uint64_t sourceOffset, int destination, std::uint64_t destinationOffset,
-              std::uint64_t length, char* buffer, const std::function<void()>& between = nullptr);
+              std::uint64_t length, char* buffer, const std::function<bool()>& between = nullptr);
 
 }  // namespace vyn::bm

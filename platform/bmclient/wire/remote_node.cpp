@@ -17,6 +17,7 @@ int ResultOf(IoStatus status) {
     case IoStatus::kOk:
       return 0;
     case IoStatus::kClosed:
+    case IoStatus::kReset:
     case IoStatus::kTimeout:
       return kBmUnconnected;
     case IoStatus::kFailed:

@@ -38,14 +38,18 @@ IoStatus SocketStream::Receive(void* buffer, std::size_t room, std::size_t& rece
       return IoStatus::kOk;
     }
     if (count == 0) {
-      return IoStatus::kClosed;
+      // Gone before what it was sent has reached it: the refusal may stand behind the end of its own bytes.
+      int refusal = 0;
+      socklen_t length = sizeof(refusal);
+      ::getsockopt(mSocket.Get(), SOL_SOCKET, SO_ERROR, &refusal, &length);
+      return refusal == 0 ? IoStatus::kClosed : IoStatus::kReset;
     }
     if (errno == EAGAIN) {
       if (const IoStatus status = Wait(POLLIN, deadline); status != IoStatus::kOk) {
         return status;
       }
     } else if (errno != EINTR) {
-      return IoStatus::kClosed;
+      return errno == ECONNRESET || errno == EPIPE ? IoStatus::kReset : IoStatus::kClosed;
     }
   }
 }
