@@ -188,7 +188,12 @@ void FillMappedBlocks(benchmark::State& state) {
       ids.push_back(fabric.Allocate(kFillBlock));
       const BmSecContext context{ids.back().c_str(), "bench", "token"};
       void* address = nullptr;
-      fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address);
+      if (fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address) != 0) {
+        fabric.Free(ids.back());
+        ids.pop_back();
+        state.SkipWithError("cannot map");
+        break;
+      }
       std::memset(address, 'f', kFillBlock);
       fabric.local.Unmap(ids.back().c_str(), address);
     }
@@ -228,7 +233,11 @@ void ReadMapped(benchmark::State& state) {
   const std::string id = fabric.Allocate(kLarge);
   const BmSecContext context{id.c_str(), "bench", "token"};
   void* address = nullptr;
-  fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address);
+  if (fabric.local.Map(&context, PROT_READ | PROT_WRITE, MAP_SHARED, &address) != 0) {
+    fabric.Free(id);
+    state.SkipWithError("cannot map");
+    return;
+  }
   std::memset(address, 'r', kLarge);
   for (auto _ : state) {
     benchmark::DoNotOptimize(Sum(address, kLarge));

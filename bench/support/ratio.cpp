@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,11 +29,16 @@ class Keeper : public benchmark::ConsoleReporter {
     for (const Run& run : runs) {
       if (run.run_type == Run::RT_Aggregate) {
         aggregates.push_back(run);
-      } else if (!run.error_occurred && run.iterations > 0) {
+        continue;
+      }
+      const std::string name =
+          run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args);
+      if (run.error_occurred) {
+        mFailed.insert(name);
+      } else if (run.iterations > 0) {
         const bool waits = !run.run_name.time_type.empty();  // UseRealTime or UseManualTime
         const double time = waits ? run.real_accumulated_time : run.cpu_accumulated_time;
-        mTimes[run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args)]
-            .push_back(time / static_cast<double>(run.iterations));
+        mTimes[name].push_back(time / static_cast<double>(run.iterations));
       }
     }
     ConsoleReporter::ReportRuns(aggregates.empty() ? runs : aggregates);
@@ -48,8 +54,11 @@ class Keeper : public benchmark::ConsoleReporter {
     return times[times.size() / 2];
   }
 
+  bool HasFailed(const std::string& name) const { return mFailed.count(name) > 0; }
+
  private:
   std::map<std::string, std::vector<double>> mTimes;
+  std::set<std::string> mFailed;
 };
 
 }  // namespace
@@ -87,9 +96,15 @@ int main(int argc, char** argv) {
 
   std::printf("\n%-44s %-44s %12s %12s %8s %8s\n", "measured", "floor", "measured ns", "floor ns", "ratio",
               "bar");
+  bool failed = false;
   for (const Ratio& ratio : Ratios()) {
     const double measured = keeper.Median(ratio.measured);
     const double floor = keeper.Median(ratio.floor);
+    if (keeper.HasFailed(ratio.measured) || keeper.HasFailed(ratio.floor)) {
+      std::printf("%-44s %-44s FAILED\n", ratio.measured, ratio.floor);
+      failed = true;
+      continue;
+    }
     if (measured < 0 || floor <= 0) {
       continue;
     }
@@ -100,10 +115,13 @@ int main(int argc, char** argv) {
   }
   for (const Limit& limit : Limits()) {
     const double measured = keeper.Median(limit.measured) * 1e9;
-    if (measured >= 0) {
+    if (keeper.HasFailed(limit.measured)) {
+      std::printf("%-44s %-44s FAILED\n", limit.measured, "-");
+      failed = true;
+    } else if (measured >= 0) {
       std::printf("%-44s %-44s %12.1f %12s %8s <=%.0f ns %s\n", limit.measured, "-", measured, "-", "-",
                   limit.nanoseconds, measured <= limit.nanoseconds ? "met" : "MISSED");
     }
   }
-  return 0;
+  return failed ? 1 : 0;
 }

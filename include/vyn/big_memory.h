@@ -21,7 +21,9 @@
 // The text of a failure is the calling thread's BmGetLastErrorMessage().
 //
 // A lost connection. Functions marked "retries" call the library up to 4 times while it reports that its
-// connection is not up, and sleep 5, 10 and 15 seconds in between, in the calling thread.
+// connection is not up, and sleep 5, 10 and 15 seconds in between, in the calling thread. A call whose answer
+// was lost may have taken effect: a free tried again can so fail with 2080007 although the object is gone, and
+// a copy within one object whose ranges overlap can be done twice.
 //
 // Threads. Any thread may call any function; nothing is locked around the library's calls. BmUninitialize
 // must not run beside another big-memory call: end that work first. Nothing that is passed in is kept beyond
@@ -81,7 +83,9 @@ extern "C" {
 ///         a null home.
 std::uint32_t BmInitialize(const char* home, int clientFlag);
 
-/// Closes the client library. Does nothing when it is not up. Mappings must not be used afterwards.
+/// Closes the client library. Does nothing when it is not up. Mappings must not be used afterwards. Undo them
+/// first: nothing can unmap them any more then, and the pages of a freed object that is still mapped stay
+/// until the process ends.
 /// \return always 0.
 std::uint32_t BmUninitialize();
 

@@ -53,12 +53,10 @@ static_assert(std::endian::native == std::endian::little, "frames are written as
 //                              machine
 //   kBmUnconnected             a node that is needed cannot be reached, or did not answer in time
 //   kBmRemoteFailed            the remote node failed in its own work
-//   kBmRemoteUnreachable       the remote node could not reach another one that the call needs
 //   kBmRemoteProtocol          the remote side answered what no fabric node answers, or is another node than
 //                              the one called; a link could not be secured: one side without TLS, a
 //                              certificate that is not trusted
 inline constexpr int kBmRemoteFailed = kBmRemoteErrorA;
-inline constexpr int kBmRemoteUnreachable = kBmRemoteErrorB;
 inline constexpr int kBmRemoteProtocol = kBmRemoteErrorC;
 
 // --- Texts
@@ -163,13 +161,16 @@ inline constexpr std::chrono::milliseconds kAnswerTimePerGiB{4000};
 inline constexpr std::chrono::milliseconds kFrameTimeout{10000};
 /// A node at work sends an interim answer this often.
 inline constexpr std::chrono::milliseconds kProgressInterval{2000};
+/// For an answer, however many interim ones come before it.
+inline constexpr std::chrono::milliseconds kLongestAnswer{3600 * 1000};
 
 // --- Records of libbmclient.so that its callers fill
 
-/// BmGatherContext::type of a gather list: BmGatherPiece records. `kind` and the pass-through argument of BM_GatherSec
-/// are not used.
+/// BmGatherContext::type of a gather list: BmGatherPiece records. `kind` and the pass-through argument of
+/// BM_GatherSec are not used.
 ///
-/// An existing destination (0x80) must have room for all pieces. For a new one (0x100) an object of exactly
+/// All pieces are looked at before the first byte is moved: one that is refused leaves the destination alone.
+/// An existing destination (0x80) must have room for all of them. For a new one (0x100) an object of exactly
 /// their length is allocated - on the node of this machine, or, in a process outside the fabric, on the node
 /// of the first piece - and its id is written to the destination context's `bmId`, a buffer of at least 61
 /// bytes; a gather that fails frees it again.

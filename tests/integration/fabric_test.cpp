@@ -1,4 +1,5 @@
-// The fabric between real processes: nodes and clients that are killed, stopped, restarted, and of other users.
+// The fabric between real processes: nodes and clients that are killed, stopped, restarted, and of other
+// users.
 
 #include "support/fabric.h"
 
@@ -154,6 +155,11 @@ TEST(FabricTest, ACopyServesWhileItsOwnerIsAwayAndGivesWayWhenRoomIsWanted) {
   ASSERT_EQ(client.Ask("map app token " + ids[2] + " 3"), "0 3");  // in place of the second
   EXPECT_EQ(nearHost.Stats()[kCopies], 2U);
   EXPECT_EQ(nearHost.Stats()[kPulls], 3U);
+  // What the copies together have no room for takes none of them.
+  const std::string own = IdOf(client.Ask("alloc 1 app token 2000000"));
+  EXPECT_EQ(client.Ask("alloc 1 app token 10000000").substr(0, 6), "-79999");
+  EXPECT_EQ(nearHost.Stats()[kCopies], 2U);
+  ASSERT_EQ(client.Ask("free app token " + own), "0");
 
   farHost->Process().Kill();
   EXPECT_EQ(client.Ask("map app token " + ids[0] + " 3"), "0 4");
@@ -161,7 +167,7 @@ TEST(FabricTest, ACopyServesWhileItsOwnerIsAwayAndGivesWayWhenRoomIsWanted) {
   EXPECT_EQ(client.Ask("map app wrong " + ids[0] + " 3"), "-195 4");
   EXPECT_EQ(client.Ask("map app token " + ids[1] + " 3"), "-195 4");
   // An own object needs room: copies go, mappings stay.
-  const std::string own = IdOf(client.Ask("alloc 1 app token 8388608"));
+  const std::string large = IdOf(client.Ask("alloc 1 app token 8388608"));
   EXPECT_EQ(nearHost.Stats()[kCopies], 0U);
   EXPECT_EQ(client.Ask("look 1 4194304 2"), "1");
   EXPECT_EQ(client.Ask("look 3 4194304 3"), "1");
@@ -169,11 +175,91 @@ TEST(FabricTest, ACopyServesWhileItsOwnerIsAwayAndGivesWayWhenRoomIsWanted) {
   farHost.emplace(far);
   nearHost.Knows(2, farHost->Port());
   EXPECT_EQ(client.Ask("map app token " + ids[0] + " 3"), "-79999 4");  // an own object gives no way
-  ASSERT_EQ(client.Ask("free app token " + own), "0");
+  ASSERT_EQ(client.Ask("free app token " + large), "0");
   EXPECT_EQ(client.Ask("map app token " + ids[0] + " 3"), "0 5");
   EXPECT_EQ(client.Ask("look 5 4194304 1"), "1");
   EXPECT_EQ(client.Ask("free app token " + ids[0]), "0");  // through the own node, which drops its copy
   EXPECT_EQ(nearHost.Stats()[kUsed], 0U);
+}
+
+TEST(FabricTest, CopiesGiveWayWhenTheFileSystemIsFullBeforeTheLimit) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "mounting a file system needs root";
+  }
+  const FabricPlace near(1);
+  const FabricPlace far(2);
+  // A tmpfs of 10 MiB below a limit of 1 GiB, seen by this node alone.
+  FabricHost nearHost(near, {},
+                      {"unshare", "--mount", "sh", "-c",
+                       "mount -t tmpfs -o size=10m,mode=700 pool " + near.Pool() + " && exec \"$@\"", "sh"});
+  FabricHost farHost(far);
+  nearHost.Knows(2, farHost.Port());
+  ChildProcess client = ClientOf(near);
+  ASSERT_EQ(client.Ask("create 2 app token"), "0");
+  ASSERT_EQ(client.Ask("create 1 app token"), "0");
+  const auto pull = [&] {
+    const std::string id = IdOf(client.Ask("alloc 2 app token 4194304"));
+    EXPECT_EQ(client.Ask("map app token " + id + " 1").substr(0, 2), "0 ");
+    EXPECT_EQ(client.Ask("unmap " + std::to_string(nearHost.Stats()[kPulls] - 1)), "0");
+  };
+  pull();
+  pull();
+  pull();  // in place of the first
+  EXPECT_EQ(nearHost.Stats()[kCopies], 2U);
+  const std::string own = IdOf(client.Ask("alloc 1 app token 4194304"));
+  EXPECT_EQ(nearHost.Stats()[kCopies], 1U);
+  IdOf(client.Ask("alloc 1 app token 4194304"));
+  EXPECT_EQ(nearHost.Stats()[kCopies], 0U);
+  EXPECT_EQ(client.Ask("alloc 1 app token 4194304").substr(0, 6), "-79999");
+  EXPECT_EQ(nearHost.Stats()[kUsed], 8388608U);
+  EXPECT_EQ(client.Ask("free app token " + own), "0");
+  EXPECT_EQ(client.Ask("alloc 1 app token 4194304").substr(0, 2), "0 ");
+}
+
+TEST(FabricTest, TenantsInTheirOwnProcessesDoNotReachEachOther) {
+  const FabricPlace near(1);
+  const FabricPlace far(2);
+  FabricHost nearHost(near);
+  FabricHost farHost(far);
+  nearHost.Knows(2, farHost.Port());
+  ChildProcess victim = ClientOf(near);
+  ChildProcess other = ClientOf(near);
+  std::vector<std::string> ids;
+  for (const std::string node : {"1", "2"}) {
+    ASSERT_EQ(victim.Ask("create " + node + " app-a token-a"), "0");
+    ASSERT_EQ(other.Ask("create " + node + " app-b token-b"), "0");
+    ids.push_back(IdOf(victim.Ask("alloc " + node + " app-a token-a 4096")));
+    ASSERT_EQ(victim.Ask("write app-a token-a " + ids.back() + " 0 4096 1"), "0");
+    ASSERT_EQ(victim.Ask("map app-a token-a " + ids.back() + " 1").substr(0, 2), "0 ");
+  }
+  EXPECT_EQ(nearHost.Stats()[kCopies], 1U);
+  // Each right of the other tenant's with each object of the first's. `far` is the answer for the copy of the
+  // far object that stands in this very node.
+  const auto tryAll = [&](int farOwn, int farFalse) {
+    const struct {
+      std::string right;
+      int near;
+      int far;
+    } cases[] = {{"app-b token-b ", -ENOENT, farOwn},
+                 {"app-a token-b ", -EACCES, farFalse},
+                 {"app-b token-a ", -EACCES, farFalse}};
+    for (const auto& one : cases) {
+      for (const std::string& id : ids) {
+        const std::string expected = std::to_string(id == ids[0] ? one.near : one.far);
+        EXPECT_EQ(other.Ask("map " + one.right + id + " 1").substr(0, expected.size() + 1), expected + " ");
+        EXPECT_EQ(other.Ask("read " + one.right + id + " 0 4096 1"), expected + " 0");
+        EXPECT_EQ(other.Ask("write " + one.right + id + " 0 4096 2"), expected);
+        EXPECT_EQ(other.Ask("free " + one.right + id), expected);
+      }
+    }
+  };
+  tryAll(-ENOENT, -EACCES);
+  EXPECT_EQ(nearHost.Stats()[kCopies], 1U);
+  farHost.Process().Kill();
+  tryAll(kBmUnconnected, kBmUnconnected);
+  EXPECT_EQ(victim.Ask("map app-a token-a " + ids[1] + " 1"), "0 2");
+  EXPECT_EQ(victim.Ask("look 2 4096 1"), "1");
+  EXPECT_EQ(victim.Ask("read app-a token-a " + ids[0] + " 0 4096 1"), "0 1");
 }
 
 TEST(FabricTest, ANodeKilledWhileItPullsLeavesNothingAndTheNextOnePulls) {
@@ -217,8 +303,8 @@ TEST(FabricTest, ANodeKilledWhileItAllocatesLeavesWholeObjectsOnly) {
       ids.push_back(answer.substr(2));
     }
     host.emplace(place);
-    // Whoever asked was answered with an id or with an error. In between an object may have been made whose id nobody
-    // learnt; whatever is there is whole and counted.
+    // Whoever asked was answered with an id or with an error. In between an object may have been made whose
+    // id nobody learnt; whatever is there is whole and counted.
     const auto stats = host->Stats();
     EXPECT_EQ(stats[kUsed], stats[kObjects] * size);
     EXPECT_GE(stats[kObjects], ids.size());
@@ -260,7 +346,8 @@ TEST(FabricTest, AClientKilledWhileItFillsOrAllocatesHarmsNobody) {
     };
     EXPECT_TRUE(Becomes(writeAndRead, "0 0 1"));
   }
-  // Who is gone before the node comes to the request has allocated nothing, nor has who goes while it is at work.
+  // Who is gone before the node comes to the request has allocated nothing, nor has who goes while it is at
+  // work.
   ChildProcess early = ClientOf(place);
   ChildProcess late = ClientOf(place);
   ASSERT_EQ(early.Ask("query"), "0 1");

@@ -85,8 +85,10 @@ std::vector<std::string> NamesIn(const std::string& folder) {
   return names;
 }
 
-FabricHost::FabricHost(const FabricPlace& place, const std::vector<std::string>& more) {
+FabricHost::FabricHost(const FabricPlace& place, const std::vector<std::string>& more,
+                       const std::vector<std::string>& around) {
   std::vector<std::string> command = place.HostCommand();
+  command.insert(command.begin(), around.begin(), around.end());
   command.insert(command.end(), more.begin(), more.end());
   mProcess = ChildProcess(command);
   const std::string ready = mProcess.Receive();

@@ -1,7 +1,7 @@
 #pragma once
 
-// Fabric nodes and clients for tests: nodes in this process or as processes of their own, each with a home and a pool
-// on tmpfs; and the check that a pool is left empty.
+// Fabric nodes and clients for tests: nodes in this process or as processes of their own, each with a home
+// and a pool on tmpfs; and the check that a pool is left empty.
 
 #include "platform/bmclient/client/client.h"
 #include "platform/bmclient/node/fabric_node.h"
@@ -17,8 +17,9 @@
 
 namespace vyn::test {
 
-/// A home that every user may enter, and a pool's folder on tmpfs. Its end checks that whatever happened to the nodes
-/// on it, a last one adopts the pool, and that the folder is empty once the namespaces are destroyed.
+/// A home that every user may enter, and a pool's folder on tmpfs. Its end checks that whatever happened to
+/// the nodes on it, a last one adopts the pool, and that the folder is empty once the namespaces are
+/// destroyed.
 class FabricPlace {
  public:
   explicit FabricPlace(std::uint16_t nodeId);
@@ -47,7 +48,9 @@ std::vector<std::string> NamesIn(const std::string& folder);
 /// A fabric node as a process.
 class FabricHost {
  public:
-  explicit FabricHost(const FabricPlace& place, const std::vector<std::string>& more = {});
+  /// \param more of its arguments. \param around a command that takes the node's own behind its last argument.
+  explicit FabricHost(const FabricPlace& place, const std::vector<std::string>& more = {},
+                      const std::vector<std::string>& around = {});
 
   std::uint16_t Port() const { return mPort; }
   ChildProcess& Process() { return mProcess; }

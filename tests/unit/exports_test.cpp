@@ -75,4 +75,16 @@ TEST(ExportsTest, TheSystemsOwnNamesAndNoOthersLeaveTheLibrary) {
   EXPECT_EQ(Difference(wanted, found), Names()) << "these are missing";
 }
 
+TEST(ExportsTest, TheFabricsLibraryHasItsSixteenFunctionsAndNothingElse) {
+  const auto listed =
+      vyn::test::RunCommand("nm -D --defined-only " VYN_STAGE_DIR "/lib/mf/libbmclient.so | cut -d' ' -f3");
+  ASSERT_EQ(listed.status, 0) << listed.output;
+  std::istringstream lines(listed.output);
+  const Names names{std::istream_iterator<std::string>(lines), {}};
+  EXPECT_EQ(names, (Names{"BM_Init", "BM_CreateLink", "BM_CreateNSSec", "BM_DestroyNSSec", "BM_AllocSec",
+                          "BM_ExpandSec", "BM_FreeSec", "BM_BatchFreeSec", "BM_MapSec", "BM_Unmap",
+                          "BM_QueryResAttri", "BM_CopySec", "BM_ReadSec", "BM_WriteSec",
+                          "BM_SpecificObjSwapInSec", "BM_GatherSec"}));
+}
+
 }  // namespace

@@ -10,7 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <system_error>
+#include <exception>
 
 namespace vyn::bm {
 
@@ -60,7 +60,11 @@ void Door::Listen() {
     while (!mStopping) {
       FileDescriptor socket(::accept4(mListener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (socket) {
-        Admit(std::move(socket));
+        try {
+          Admit(std::move(socket));
+        } catch (const std::exception&) {
+          // Out of memory or threads: this one is closed, the door stays open.
+        }
         continue;
       }
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
@@ -83,10 +87,8 @@ void Door::Admit(FileDescriptor socket) {
     SetLinkOptions(socket.Get());
   }
   std::lock_guard lock(mMutex);
-  const auto ofPeer = static_cast<std::size_t>(std::count_if(
-      mConnections.begin(), mConnections.end(), [&](const auto& other) { return other->peer == peer; }));
-  if (ofPeer >= mLimits.perPeer ? !EndIdlest(&peer)
-                                : mConnections.size() >= mLimits.connections && !EndIdlest(nullptr)) {
+  if (Staying(&peer) >= mLimits.perPeer ? !EndIdlest(&peer)
+                                        : Staying(nullptr) >= mLimits.connections && !EndIdlest(nullptr)) {
     return;
   }
   mConnections.push_back(std::make_unique<Connection>(std::move(socket), peer));
@@ -94,9 +96,17 @@ void Door::Admit(FileDescriptor socket) {
   connection.idleSince = Now();
   try {
     connection.thread = std::thread([this, &connection] { Run(connection); });
-  } catch (const std::system_error&) {
-    mConnections.pop_back();  // no more threads to be had
+  } catch (...) {
+    mConnections.pop_back();
+    throw;
   }
+}
+
+std::size_t Door::Staying(const std::string* peer) const {
+  return static_cast<std::size_t>(
+      std::count_if(mConnections.begin(), mConnections.end(), [peer](const auto& connection) {
+        return !connection->leaving && (peer == nullptr || connection->peer == *peer);
+      }));
 }
 
 bool Door::EndIdlest(const std::string* peer) {
@@ -104,7 +114,8 @@ bool Door::EndIdlest(const std::string* peer) {
   std::int64_t since = 0;
   for (const auto& connection : mConnections) {
     const std::int64_t idle = connection->idleSince;
-    if (idle != 0 && (idlest == nullptr || idle < since) && (peer == nullptr || connection->peer == *peer)) {
+    if (idle != 0 && !connection->leaving && (idlest == nullptr || idle < since) &&
+        (peer == nullptr || connection->peer == *peer)) {
       idlest = connection.get();
       since = idle;
     }
@@ -112,7 +123,7 @@ bool Door::EndIdlest(const std::string* peer) {
   if (idlest == nullptr) {
     return false;
   }
-  idlest->idleSince = 0;
+  idlest->leaving = true;
   idlest->stream.Shutdown();
   return true;
 }

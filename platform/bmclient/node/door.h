@@ -25,8 +25,8 @@ class Door {
     std::uint32_t connections;
     std::uint32_t perPeer;
   };
-  /// Serves one connection to its end. \param peer its address or user. \param busy tells whether a request is
-  /// under way.
+  /// Serves one connection to its end. \param peer its address or user. \param busy tells whether a request
+  /// is under way.
   using Serve = std::function<void(SocketStream& stream, const std::string& peer,
                                    const std::function<void(bool)>& busy)>;
 
@@ -46,6 +46,7 @@ class Door {
     SocketStream stream;
     const std::string peer;
     std::atomic<std::int64_t> idleSince{0};  // of the steady clock; 0 while a request is under way
+    bool leaving = false;                    // was told to go; guarded by mMutex
     std::thread thread;
   };
   using ConnectionList = std::list<std::unique_ptr<Connection>>;
@@ -53,6 +54,8 @@ class Door {
   void Listen();
   void Admit(FileDescriptor socket);
   void Run(Connection& connection);
+  /// Connections that were not told to go, of a peer or, with null, of all. Requires: mMutex is held.
+  std::size_t Staying(const std::string* peer) const;
   /// Requires: mMutex is held. \param peer null for any. Returns: whether one was told to go.
   bool EndIdlest(const std::string* peer);
   std::string PeerOf(int socket) const;

@@ -69,12 +69,13 @@ bool Pool::Adopt(const std::string& name, const std::function<void(const std::st
               std::to_string(OwnerOf(id)) + ", this is node " + std::to_string(mNodeId);
       return false;
     }
-    // A tenant holds descriptors for writing and may have made its file as large as it liked.
+    // A tenant holds descriptors for writing and may have made its file as large as it liked: a size without
+    // pages behind it was never allocated.
     const auto size = static_cast<std::uint64_t>(state.st_size);
-    if (size > Capacity::kMaxSize ||
+    if (size > Capacity::kMaxSize || static_cast<std::uint64_t>(state.st_blocks) * 512 < size ||
         Capacity::Charge(size) >
             Capacity::kMaxSize - std::min(Capacity::kMaxSize, mCapacity.Used() + space->charged)) {
-      warn("larger than any pool, left alone: " + entry.path().string());
+      warn("larger than what was allocated, left alone: " + entry.path().string());
       continue;
     }
     space->sizes.emplace(id, size);
@@ -103,6 +104,9 @@ int Pool::CreateNamespace(std::string_view name, std::string_view token) {
   if (const auto found = mNamespaces.find(name); found != mNamespaces.end()) {
     return found->second->token.Matches(token) ? kBmNamespaceExists : -EACCES;
   }
+  if (mNamespaces.size() >= kMaxNamespaces) {
+    return kBmNotEnoughCapacity;
+  }
   auto space = std::make_shared<Namespace>(std::string(name), TokenHash::Of(token));
   if (const int failure = mFolder.MakeNamespace(space->name, space->token); failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
@@ -111,7 +115,7 @@ int Pool::CreateNamespace(std::string_view name, std::string_view token) {
   return 0;
 }
 
-int Pool::DestroyNamespace(const NamespacePtr& space) {
+int Pool::DestroyNamespace(const NamespacePtr& space, const std::function<void()>& between) {
   std::string gone;
   std::uint64_t charged = 0;
   {
@@ -128,7 +132,7 @@ int Pool::DestroyNamespace(const NamespacePtr& space) {
     charged = std::exchange(space->charged, 0);
     mNamespaces.erase(space->name);
   }
-  mFolder.DeleteGone(gone);
+  mFolder.DeleteGone(gone, between);
   mCapacity.Release(charged);
   return 0;
 }

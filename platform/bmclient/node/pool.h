@@ -49,9 +49,13 @@ class Pool {
   bool Open(const std::string& path, const std::function<void(const std::string&)>& warn, std::string& error);
   void Close();
 
+  /// More namespaces than anybody needs are kBmNotEnoughCapacity.
+  static constexpr std::size_t kMaxNamespaces = 1U << 16U;
+
   /// -EACCES, kBmNamespaceExists, kBmNamespaceInvalid as in protocol.h.
   int CreateNamespace(std::string_view name, std::string_view token);
-  int DestroyNamespace(const NamespacePtr& space);
+  /// \param between called after every object that is freed; may be null.
+  int DestroyNamespace(const NamespacePtr& space, const std::function<void()>& between = nullptr);
   /// Finds a namespace without asking for its token. Returns: null when there is none.
   NamespacePtr Find(std::string_view name) const;
   /// Finds a namespace for who knows its token. Returns: 0, -ENOENT, -EACCES.

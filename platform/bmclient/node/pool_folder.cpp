@@ -124,9 +124,17 @@ int PoolFolder::HideNamespace(const std::string& name, std::string& gone) {
   return ::renameat(mFolder.Get(), name.c_str(), mInternal.Get(), gone.c_str()) == 0 ? 0 : errno;
 }
 
-void PoolFolder::DeleteGone(const std::string& gone) const {
+void PoolFolder::DeleteGone(const std::string& gone, const std::function<void()>& between) const {
   std::error_code ignored;
-  std::filesystem::remove_all(std::filesystem::path(mPath) / kInternal / gone, ignored);
+  const std::filesystem::path folder = std::filesystem::path(mPath) / kInternal / gone;
+  if (between != nullptr) {
+    for (std::filesystem::directory_iterator file(folder, ignored), end; !ignored && file != end;
+         file.increment(ignored)) {
+      ::unlink(file->path().c_str());
+      between();
+    }
+  }
+  std::filesystem::remove_all(folder, ignored);
 }
 
 bool PoolFolder::ReadToken(const std::string& name, TokenHash& token) const {

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace vyn::bm {
@@ -49,7 +50,8 @@ class PoolFolder {
   /// Takes a namespace's folder out of sight. \param gone receives what DeleteGone needs. Returns: 0 or
   /// errno.
   int HideNamespace(const std::string& name, std::string& gone);
-  void DeleteGone(const std::string& gone) const;
+  /// \param between called after every file; may be null.
+  void DeleteGone(const std::string& gone, const std::function<void()>& between = nullptr) const;
   /// Returns: false when the namespace's folder has no token that could be read.
   bool ReadToken(const std::string& name, TokenHash& token) const;
 

@@ -128,11 +128,12 @@ bool Session::DestroyNamespace(Exchange& exchange, Reader& arguments) {
   std::shared_ptr<RemoteNode> other;
   int result = Route(node, other);
   if (result == 0 && other != nullptr) {
-    result = other->DestroyNamespace(node, access);
+    result = other->DestroyNamespace(node, access, [&exchange] { exchange.Progress(); });
   } else if (result == 0) {
     NamespacePtr space;
     result = mParts.pool.Enter(access, space);
-    result = result == 0 ? Seen(mParts.pool.DestroyNamespace(space)) : result;
+    result = result == 0 ? Seen(mParts.pool.DestroyNamespace(space, [&exchange] { exchange.Progress(); }))
+                         : result;
   }
   return exchange.Answer(result);
 }
@@ -240,7 +241,7 @@ bool Session::FreeBatch(Exchange& exchange, Reader& arguments) {
   NamespacePtr space;
   int result = ids.empty() ? 0 : Route(OwnerOf(ids.front()), other);
   if (result == 0 && other != nullptr) {
-    result = other->FreeBatch(access, ids);
+    result = other->FreeBatch(access, ids, [&exchange] { exchange.Progress(); });
     for (const std::string_view id : ids) {
       if (result == 0) {
         mParts.copies.Drop(id);
@@ -250,6 +251,7 @@ bool Session::FreeBatch(Exchange& exchange, Reader& arguments) {
     for (const std::string_view id : ids) {
       const int freed = mParts.pool.Free(space, id);
       result = result == 0 ? freed : result;
+      exchange.Progress();
     }
   }
   return exchange.Answer(result);

@@ -1,5 +1,7 @@
 #include "platform/bmclient/wire/channel.h"
 
+#include <algorithm>
+
 namespace vyn::bm {
 
 IoStatus Channel::SendRequest(Operation operation, std::string_view head, const void* data,
@@ -11,9 +13,11 @@ IoStatus Channel::SendRequest(Operation operation, std::string_view head, const 
 
 IoStatus Channel::ReadAnswer(Operation operation, int& result, std::string& head, std::uint32_t& dataLength,
                              std::chrono::milliseconds timeout, const Progress& progress) {
+  const Deadline end = After(kLongestAnswer);
   for (;;) {
     FrameHeader header{};
-    if (const IoStatus status = mReader.ReadFrame(header, head, After(timeout)); status != IoStatus::kOk) {
+    if (const IoStatus status = mReader.ReadFrame(header, head, std::min(After(timeout), end));
+        status != IoStatus::kOk) {
       return status;
     }
     if (header.operation != static_cast<std::uint16_t>(operation) || header.sequence != mAnswered) {

@@ -85,7 +85,7 @@ int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
 }
 
 int RemoteNode::Broken(const Channel& channel, IoStatus status) {
-  if (channel.mReused && (status == IoStatus::kClosed || status == IoStatus::kTimeout)) {
+  if (channel.mReused && status != IoStatus::kFailed) {
     std::vector<std::unique_ptr<Channel>> dropped;  // outside the lock
     std::lock_guard lock(mMutex);
     dropped.swap(mIdle);
@@ -116,9 +116,13 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
   const bool reused = channel->mReused;
   Release(std::move(channel));
   if (reused) {
-    NodeAttributes attributes;  // a host that was lost shows only in an answer that does not come
-    if (const int result = Query(attributes); result != 0) {
-      return result;
+    // A host that was lost shows only in an answer that does not come. It may be back: what was kept is gone by
+    // then, and the second question goes over a new connection.
+    NodeAttributes attributes;
+    if (Query(attributes) != 0) {
+      if (const int result = Query(attributes); result != 0) {
+        return result;
+      }
     }
   }
   if (nodeId != nullptr) {
@@ -175,11 +179,11 @@ int RemoteNode::CreateNamespace(std::uint16_t node, const Access& access) {
   return Call(Operation::kCreateNamespace, head.Bytes(), answer);
 }
 
-int RemoteNode::DestroyNamespace(std::uint16_t node, const Access& access) {
+int RemoteNode::DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress) {
   Writer head;
   Put(head.Put(node), access);
   std::string answer;
-  return Call(Operation::kDestroyNamespace, head.Bytes(), answer);
+  return Call(Operation::kDestroyNamespace, head.Bytes(), answer, {}, nullptr, progress);
 }
 
 int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id) {
@@ -208,7 +212,8 @@ int RemoteNode::Free(const ObjectName& object) {
   return Call(Operation::kFree, head.Bytes(), answer);
 }
 
-int RemoteNode::FreeBatch(const Access& access, const std::vector<std::string_view>& ids) {
+int RemoteNode::FreeBatch(const Access& access, const std::vector<std::string_view>& ids,
+                          const Progress& progress) {
   int first = 0;
   for (std::size_t begin = 0; begin < ids.size(); begin += kMaxIdsPerFrame) {
     const std::size_t count = std::min<std::size_t>(kMaxIdsPerFrame, ids.size() - begin);
@@ -218,7 +223,7 @@ int RemoteNode::FreeBatch(const Access& access, const std::vector<std::string_vi
       head.Text(ids[begin + index]);
     }
     std::string answer;
-    const int result = Call(Operation::kFreeBatch, head.Bytes(), answer);
+    const int result = Call(Operation::kFreeBatch, head.Bytes(), answer, {}, nullptr, progress);
     first = first == 0 ? result : first;
   }
   return first;

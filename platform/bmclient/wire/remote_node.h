@@ -48,16 +48,17 @@ class RemoteNode {
 
   int Query(NodeAttributes& attributes);
   int CreateNamespace(std::uint16_t node, const Access& access);
-  int DestroyNamespace(std::uint16_t node, const Access& access);
+  /// \param progress here and below: called whenever the node says that it is still at work; may be null.
+  int DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress = nullptr);
   int Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id);
   int Expand(const ObjectName& object, std::uint64_t size);
   int Free(const ObjectName& object);
   /// \param ids any number, all of one owner. Returns: the first failure.
-  int FreeBatch(const Access& access, const std::vector<std::string_view>& ids);
+  int FreeBatch(const Access& access, const std::vector<std::string_view>& ids,
+                const Progress& progress = nullptr);
   /// Broker only. \param writable in: the wish; out: whether the descriptor is for writing.
   int Open(const ObjectName& object, bool& writable, FileDescriptor& descriptor, std::uint64_t& size);
   int Stat(const ObjectName& object, std::uint64_t& size);
-  /// \param progress called whenever the node says that it is still at work; may be null.
   int Copy(const ObjectName& source, std::uint64_t sourceOffset, const ObjectName& destination,
            std::uint64_t destinationOffset, std::uint64_t length, const Progress& progress = nullptr);
   /// \param exist receives one entry an id. Requires: at most kMaxIdsPerFrame ids.

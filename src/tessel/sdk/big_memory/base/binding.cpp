@@ -73,8 +73,7 @@ unsigned int CheckBmAccess(const char* ns, const char* token) {
     return VYN_ERR_BM_INVALID;
   }
   if (token == nullptr) {
-    VYN_LOG_ERROR("Unexpected nullptr value token");
-    return VYN_ERR_BM_INVALID;
+    return VYN_FAIL(VYN_ERR_BM_INVALID, "Unexpected nullptr value token");
   }
   return VYN_OK;
 }

@@ -254,10 +254,11 @@ TEST_F(BmWrappers, RefuseArgumentsBeforeTheLibraryIsTouched) {
     std::string text;  ///< of the record; empty for none
   };
   const std::string noLength = "Invalid input params whose length is 0";
+  const std::string noToken = "Unexpected nullptr value token";
   const std::vector<Case> cases{
       {[&] { return BmCreateNamespace(1, "", "", 0, kToken); }, 2080001, noLength},
       {[&] { return BmDestroyNamespace(1, "", nullptr, kToken); }, 2080001, ""},
-      {[&] { return BmDestroyNamespace(1, "", kNs, nullptr); }, 2080001, ""},
+      {[&] { return BmDestroyNamespace(1, "", kNs, nullptr); }, 2080001, noToken},
       {[&] { return BmAlloc(kNs, 1, 0, 0, nullptr, nullptr); }, 2080001,
        "Invalid parameter. bmId is null?1, token is null?1"},
       {[&] { return BmAlloc("a.b", 1, 0, 0, gNewId, kToken); }, 2080001,
@@ -266,8 +267,8 @@ TEST_F(BmWrappers, RefuseArgumentsBeforeTheLibraryIsTouched) {
        "Invalid input param " + longId + " with length 61 whose length is not equal to 60"},
       {[&] { return BmFree(shortId.c_str(), 0, kNs, kToken); }, 2080001, notEqual},
       {[&] { return BmFree(shortId.c_str(), 0, kNs, nullptr); }, 2080001,
-       ""},  // the token is looked at first
-      {[&] { return BmBatchFree(gIds, 1, 0, kNs, nullptr); }, 2080001, ""},
+       noToken},  // the token is looked at first
+      {[&] { return BmBatchFree(gIds, 1, 0, kNs, nullptr); }, 2080001, noToken},
       {[&] { return BmBatchFree(gIds, 1, 0, "", kToken); }, 2080001, noLength},
       {[&] { return BmMmap(nullptr, 3, 1, &gAddress, kNs, kToken); }, 2080001,
        "Invalid input params is nullptr"},

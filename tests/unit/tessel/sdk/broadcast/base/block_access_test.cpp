@@ -7,8 +7,14 @@
 #include "vyn/status.h"
 
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <fstream>
+#include <mutex>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -186,19 +192,34 @@ TEST_F(BlockAccess, BeforeInitialisationSaysSo) {
 }
 
 TEST_F(BlockAccess, ManyThreadsMakeOneMapping) {
-  // A mapping that takes its time: the other threads look meanwhile and find none.
-  mLibrary.script.Expect("BM_MapSec",
-                         {{0, 0, [] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }}});
+  // All have looked and found no address before the first one can map: this reader keeps them from the lock
+  // for writing.
+  const auto info = g_broadcastCache->GetVarInfo("app_1-42");
+  std::shared_lock reader(info->mBlockLock);
   std::mutex mutex;
   std::set<void*> addresses;
   std::vector<std::thread> threads;
-  for (int i = 0; i < 16; ++i) {
+  std::vector<std::atomic<pid_t>> ids(16);
+  for (auto& id : ids) {
     threads.emplace_back([&] {
+      id = ::gettid();
       void* addr = Obtain(1);
       std::lock_guard lock(mutex);
       addresses.insert(addr);
     });
   }
+  const auto waits = [](pid_t id) {
+    std::string call;  // the system call that it sleeps in, by number
+    std::ifstream("/proc/self/task/" + std::to_string(id) + "/syscall") >> call;
+    return call == std::to_string(SYS_futex);
+  };
+  for (const auto& id : ids) {
+    for (int tries = 0; tries < 3000 && !(id != 0 && waits(id)); ++tries) {
+      ::usleep(10000);
+    }
+    EXPECT_TRUE(waits(id));
+  }
+  reader.unlock();
   for (auto& thread : threads) {
     thread.join();
   }

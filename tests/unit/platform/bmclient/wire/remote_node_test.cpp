@@ -1,0 +1,122 @@
+#include "platform/bmclient/wire/remote_node.h"
+
+#include "platform/bmclient/wire/sockets.h"
+#include "support/fabric.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace vyn::bm {
+namespace {
+
+/// A connection whose other side can die without a word.
+class MortalStream : public ByteStream {
+ public:
+  MortalStream(std::unique_ptr<SocketStream> stream, std::shared_ptr<const bool> dead)
+      : mStream(std::move(stream)), mDead(std::move(dead)) {}
+
+  IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, Deadline deadline) override {
+    return *mDead ? IoStatus::kTimeout : mStream->Receive(buffer, room, received, deadline);
+  }
+  IoStatus Send(iovec* parts, std::size_t count, Deadline deadline, int descriptor) override {
+    return *mDead ? IoStatus::kOk : mStream->Send(parts, count, deadline, descriptor);
+  }
+  IoStatus SendFile(int, std::uint64_t, std::uint64_t, Deadline) override { return IoStatus::kFailed; }
+  bool Quiet() override { return *mDead || mStream->Quiet(); }
+  bool PeerGone() override { return false; }
+  void Shutdown() override { mStream->Shutdown(); }
+
+ private:
+  const std::unique_ptr<SocketStream> mStream;
+  const std::shared_ptr<const bool> mDead;
+};
+
+TEST(RemoteNodeTest, AHostThatDiesCostsOneCallHoweverManyConnectionsAreKept) {
+  const test::FabricPlace place(1);
+  FabricNode host;
+  std::string error;
+  ASSERT_TRUE(host.Start(place.Options(), error)) << error;
+  auto dead = std::make_shared<bool>(false);
+  RemoteNode node(
+      [&](Deadline deadline, int&) {
+        int failure = 0;
+        return std::make_unique<MortalStream>(ConnectToLink("127.0.0.1", host.LinkPort(), deadline, failure),
+                                              dead);
+      },
+      PeerRole::kClient, 1);
+  ASSERT_EQ(node.CreateNamespace(1, {"app", "t"}), 0);
+  std::string id;
+  ASSERT_EQ(node.Allocate(1, {"app", "t"}, 4096, id), 0);
+  const ObjectName object{{"app", "t"}, id};
+  char bytes[6];
+  const std::function<int(int)> nest = [&](int depth) {
+    return node.Read(object, 0, 1, [&](Channel& channel, std::uint64_t, std::uint32_t length) {
+      EXPECT_EQ(depth > 0 ? nest(depth - 1) : 0, 0);
+      return channel.ReadData(&bytes[depth], length, std::chrono::seconds(20));
+    });
+  };
+  NodeAttributes attributes;
+  const struct {
+    const char* what;
+    std::function<int()> call;
+    int expected;
+  } cases[] = {{"a call", [&] { return node.Query(attributes); }, kBmUnconnected},
+               {"a transfer", [&] { return node.Read(object, 0, 1, bytes); }, kBmUnconnected},
+               {"reaching the node", [&] { return node.Reach(); }, 0}};
+  for (const auto& one : cases) {
+    ASSERT_EQ(nest(5), 0) << one.what;  // reads within reads: a connection each, and all are kept
+    EXPECT_GE(host.Stats().connections, 6U) << one.what;
+    *dead = true;  // for all connections up to now; the host is back at once
+    dead = std::make_shared<bool>(false);
+    EXPECT_EQ(one.call(), one.expected) << one.what;
+    EXPECT_EQ(node.Query(attributes), 0) << one.what;
+  }
+}
+
+TEST(RemoteNodeTest, ConnectingAndGreetingShareOneDeadline) {
+  // Accepted by the kernel, answered by nobody; the connection itself takes most of the time.
+  std::string text;
+  std::uint16_t port = 0;
+  const FileDescriptor listener = ListenAsLink("127.0.0.1", port, text);
+  const std::chrono::milliseconds time(2000);
+  RemoteNode node(
+      [&](Deadline deadline, int&) {
+        std::this_thread::sleep_until(deadline - std::chrono::milliseconds(100));
+        int error = 0;
+        return ConnectToLink("127.0.0.1", port, deadline, error);
+      },
+      PeerRole::kClient, kAnyNode, {time, std::chrono::seconds(60)});
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(node.Reach(), kBmUnconnected);
+  const auto taken = std::chrono::steady_clock::now() - begin;
+  EXPECT_GE(taken, time - std::chrono::milliseconds(200));
+  EXPECT_LT(taken, time + time * 9 / 10);  // a hello with a deadline of its own would double it
+}
+
+TEST(ChannelTest, AnInterimAnswerCarriesNothing) {
+  for (const bool full : {false, true}) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    SocketStream node{FileDescriptor(ends[0])};
+    Channel channel(std::make_unique<SocketStream>(FileDescriptor(ends[1])));
+    FrameHeader header{kFrameMagic, static_cast<std::uint16_t>(Operation::kCopy), kFrameProgress, 0, 0, 0, 0};
+    header.headLength = full ? 1 : 0;
+    ASSERT_EQ(SendFrame(node, header, full ? "x" : "", nullptr, After(std::chrono::seconds(5))),
+              IoStatus::kOk);
+    header.headLength = 0;
+    header.flags = 0;
+    ASSERT_EQ(SendFrame(node, header, {}, nullptr, After(std::chrono::seconds(5))), IoStatus::kOk);
+    int result = -1;
+    std::string head;
+    std::uint32_t dataLength = 0;
+    EXPECT_EQ(channel.ReadAnswer(Operation::kCopy, result, head, dataLength, std::chrono::seconds(20)),
+              full ? IoStatus::kFailed : IoStatus::kOk);
+  }
+}
+
+}  // namespace
+}  // namespace vyn::bm
