@@ -213,6 +213,7 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
   }
   Registry& registry = Registry::Get();
   const auto wait = std::min<std::chrono::seconds>(std::chrono::seconds(keys->connectTimeout), kLongestWait);
+  const auto end = std::chrono::steady_clock::now() + wait;
   if (!registry.UseClient(wait)) {
     return Fail(ZINVALIDSTATE, VynGetZkHandle() == nullptr ? "the connection before is not closed"
                                                            : "there is a connection already");
@@ -223,7 +224,8 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
   const std::string servers = "the servers \"" + std::string(url) + "\" ";
   int result = ZSYSTEMERROR;
   try {
-    result = session->Start(std::move(make), wait);
+    const auto left = std::chrono::ceil<std::chrono::seconds>(end - std::chrono::steady_clock::now());
+    result = session->Start(std::move(make), std::max(left, std::chrono::seconds(0)));
   } catch (const std::system_error& failure) {
     errno = failure.code().value();
   }

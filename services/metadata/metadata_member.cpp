@@ -204,9 +204,23 @@ void MetadataMember::KeepOwnStatus() {
 }
 
 void MetadataMember::RegisterWatches() {
+  if (mWatching) {
+    return;
+  }
+  static_cast<void>(ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(mRecord));
+  mWatching = !Failed(ClusterZKAdapter::ZKRegisterWatcher(false));
   if (!mWatching) {
-    static_cast<void>(ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(mRecord));
-    mWatching = !Failed(ClusterZKAdapter::ZKRegisterWatcher(false));
+    return;
+  }
+  // What changed before the watches stood no event will tell: a node that went down while nobody led stays "alive".
+  static_cast<void>(
+      ClusterZKAdapter::ZKUpdateMemoryInformation(mOptions.nodeAddress, common::META_NODE_STATUS_NONE, true));
+  if (mLeading) {
+    String_vector followers{};
+    if (DoDlZooGetChildren(VynGetZkHandle(), ClusterZKAdapter::mMetaFollowerPath.c_str(), 0, &followers) ==
+        ZOK) {
+      static_cast<void>(ClusterZKAdapter::ZKCheckAndMarkFollowerBroken(mRecord, followers));
+    }
   }
 }
 

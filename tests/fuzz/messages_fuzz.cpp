@@ -4,6 +4,7 @@
 #include "support/all_messages.h"
 #include "vyn/status.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 
@@ -41,6 +42,8 @@ void TryBlob(const std::uint8_t* data, std::size_t size) {
   ShuffleBlob again;
   Require(Accepts(again, blob.SerializedData(), blob.SerializedDataSize()));
   Require(vyn::test::Same(*again.mId, *blob.mId) && again.blobText.c_str() == blob.blobText);
+  Require(std::equal(blob.mRecord.begin(), blob.mRecord.begin() + ShuffleBlob::kTextOffset,
+                     again.mRecord.begin()));
 }
 
 template <typename Class>

@@ -88,6 +88,13 @@ TEST_F(MetadataMemberTest, TakesOverWhenTheLeaderGoes) {
   EXPECT_FALSE(mRaw->Exists(kFollowerPath));
 }
 
+TEST_F(MetadataMemberTest, WhoWentWhileNobodyLedIsFoundOut) {
+  mRaw->Create(std::string("/meta/status/") + kSelf, "3");
+  mRaw->Create(std::string("/meta/status/") + kOther, "2");
+  StartMember();
+  EXPECT_TRUE(test::WaitUntil([&] { return Status(kOther) == "3" && Status(kSelf) == "2"; }));
+}
+
 TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
   StartMember();
   ASSERT_TRUE(Leads());
