@@ -110,8 +110,8 @@ void GetVarInfo(benchmark::State& state) {
 }
 BENCHMARK(GetVarInfo);
 
-// The least: a bare lookup under a shared lock. What GetVarInfo hands out outlives the lock, so it also counts
-// a reference up and down.
+// The least: a bare lookup under a shared lock. What GetVarInfo hands out outlives the lock, so it also
+// counts a reference up and down.
 void GetVarInfoFloor(benchmark::State& state) {
   std::unordered_map<std::string, std::shared_ptr<BroadcastVarInfo>> table;
   std::shared_mutex mutex;

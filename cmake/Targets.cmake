@@ -59,9 +59,10 @@ function(vyn_tests folder label)
     gtest_discover_tests(${name} TEST_PREFIX "${name}:" DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                          PROPERTIES LABELS ${label})
     if(name MATCHES "_slow_test$")
+      # Their waits are long, so that a failure can say what it waited for before ctest ends it.
       # gtest_discover_tests keeps only the first label of a list: ctest sets both when it has read the names.
       file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake
-        "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${label};slow\")\nendif()\n")
+        "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${label};slow\" TIMEOUT 1200)\nendif()\n")
       set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
     endif()
   endforeach()

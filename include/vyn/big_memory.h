@@ -22,8 +22,8 @@
 //
 // A lost connection. Functions marked "retries" call the library up to 4 times while it reports that its
 // connection is not up, and sleep 5, 10 and 15 seconds in between, in the calling thread. A call whose answer
-// was lost may have taken effect: a free tried again can so fail with 2080007 although the object is gone, and
-// a copy within one object whose ranges overlap can be done twice.
+// was lost may have taken effect: a free tried again can so fail with 2080007 although the object is gone,
+// and a copy within one object whose ranges overlap can be done twice.
 //
 // Threads. Any thread may call any function; nothing is locked around the library's calls. BmUninitialize
 // must not run beside another big-memory call: end that work first. Nothing that is passed in is kept beyond

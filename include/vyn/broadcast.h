@@ -176,7 +176,8 @@ unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcast
 
 /// Creates the blocks of a variable on a chosen node, from a process outside the fabric. Waits up to 10
 /// seconds a block while that node's pool is full. What was made is taken back when a later step fails, but
-/// for the last: see `bmIds`.
+/// for the last: see `bmIds`. Taking back destroys the application's namespace on that node, and with it the
+/// blocks of its earlier variables there, which the metadata service still lists.
 /// \param selectedNode, hostName, nodeId one entry of the lists of GetRemoteNodeInfo; the port must be below
 ///        32768.
 /// \param bmIds receives the blocks' ids for WriteRemoteBlock, also when only the metadata service could not

@@ -193,7 +193,8 @@ clientid_t Session::ClientId() {
 
 bool Session::Expired() {
   std::lock_guard lock(mMutex);
-  // The client may refuse a call before its event has come here: only a close makes the session's end another one.
+  // The client may refuse a call before its event has come here: only a close makes the session's end another
+  // one.
   return mState == State::kOpen || (mState == State::kGone && mEnd == ZINVALIDSTATE);
 }
 

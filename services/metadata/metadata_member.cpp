@@ -94,15 +94,19 @@ void MetadataMember::Run() {
 }
 
 void MetadataMember::Step() {
-  if (mAdapter->ClusterZKCheckAvailable() == VYN_ERR_ZK_SESSION_EXPIRED || VynGetZkHandle() == nullptr) {
+  const auto asked = common::SteadyNow();
+  const std::uint32_t available = mAdapter->ClusterZKCheckAvailable();
+  if (available == VYN_ERR_ZK_SESSION_EXPIRED || VynGetZkHandle() == nullptr) {
     KeepSession();
     return;
   }
+  // A question lasts as long as the client needs for giving its connection up: no second one when it failed.
   Stat stat{};
-  const int result = zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat);
+  const int result = Failed(available) ? static_cast<int>(ZCONNECTIONLOSS)
+                                       : zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat);
   const auto now = common::SteadyNow();
   if (result == ZNONODE) {
-    mLastAnswer = now;
+    mLastAnswer = asked;
     EndLeading();
     if (mElectable && now >= mNextClaim) {
       // Whatever a round says of its steps, the znode tells who leads.
@@ -120,7 +124,7 @@ void MetadataMember::Step() {
     }
     return;
   }
-  mLastAnswer = now;
+  mLastAnswer = asked;
   if (zookeeper::IsOwn(stat)) {
     BeginLeading();
   } else {
@@ -212,7 +216,8 @@ void MetadataMember::RegisterWatches() {
   if (!mWatching) {
     return;
   }
-  // What changed before the watches stood no event will tell: a node that went down while nobody led stays "alive".
+  // What changed before the watches stood no event will tell: a node that went down while nobody led stays
+  // "alive".
   static_cast<void>(
       ClusterZKAdapter::ZKUpdateMemoryInformation(mOptions.nodeAddress, common::META_NODE_STATUS_NONE, true));
   if (mLeading) {

@@ -27,6 +27,8 @@ constexpr auto kSilencePeriod = std::chrono::milliseconds(500);
 constexpr auto kStandstill = std::chrono::seconds(1);
 /// How old the view of the fabric may be when it does not show who is asked for.
 constexpr auto kViewAge = std::chrono::milliseconds(100);
+/// The most names of one question: each unknown one is looked for in ZooKeeper.
+constexpr std::size_t kMaxNames = 10000;
 /// A big-memory id, without the padding that a driver outside the fabric sends behind it.
 constexpr std::size_t kBmIdLength = 60;
 
@@ -152,7 +154,11 @@ void MetadataService::RegisterOperations() {
   Serve<ShuffleApplicationIdList, ShuffleApplicationIdList>(
       mServer, static_cast<std::uint16_t>(ShuffleMeta::CHECK_VALID_APP), "CHECK_VALID_APP",
       [this](ShuffleApplicationIdList& request, ShuffleApplicationIdList& response, const std::string&) {
-        return WhenReady([&] {
+        return WhenReady([&]() -> std::uint32_t {
+          if (request.appIds.size() > kMaxNames) {
+            return kStatusTooLarge;
+          }
+          std::erase_if(request.appIds, [](const std::string& name) { return !IsName(name); });
           response.appIds = mState.Known(request.appIds);
           return VYN_OK;
         });

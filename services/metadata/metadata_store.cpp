@@ -314,7 +314,9 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
   // The record stays, marked, until its node has freed the blocks that it lists: the header alone is read
   // again, so the first piece has to stay behind it.
   std::string text;
-  if (const int result = zookeeper::Get(variable.path, text); result != ZOK) {
+  if (const int result = zookeeper::Get(variable.path, text); result == ZNONODE) {
+    return VYN_OK;  // somebody has taken the record away
+  } else if (result != ZOK) {
     return StoreFailure(result, "read " + variable.path);
   }
   Transaction transaction;
@@ -359,7 +361,9 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
   if (const std::uint32_t status = Commit(transaction, "remove application " + application); Failed(status)) {
     return status;
   }
-  return present == ZOK ? DeleteRecords(path) : VYN_OK;
+  // A removal that stops here is completed by the next leadership, which reads the mark; this one must not
+  // serve the application any more.
+  return present == ZOK && Failed(DeleteRecords(path)) ? kStatusDeposed : VYN_OK;
 }
 
 std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {

@@ -227,6 +227,9 @@ bool Daemon::StartFabric(std::string& error) {
     }
     // As in a registration: a driver outside the fabric may come before every executor.
     const std::uint32_t status = FixToken(ns, token);
+    if (Failed(status)) {
+      common::AuditGlog(std::to_string(getpid()).c_str(), "register_application", ns.c_str(), "FAILED");
+    }
     if (status == kStatusWrongToken) {
       return -EACCES;
     }

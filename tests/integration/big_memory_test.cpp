@@ -1,5 +1,5 @@
-// The wrappers and the access to blocks on the real fabric: nodes as processes of their own, other processes beside
-// this one.
+// The wrappers and the access to blocks on the real fabric: nodes as processes of their own, other processes
+// beside this one.
 
 #include "vyn/big_memory.h"
 

@@ -169,7 +169,8 @@ TEST_F(VyndTest, AWrongTokenIsRefusedOnEveryNode) {
   }
   EXPECT_FALSE(RawZookeeper(mUrl).Get("/vyn/apps/app/token").find("secret") != std::string::npos);
 
-  // Nor can the fabric's own doors give a name another token, on a node that does not know the application yet.
+  // Nor can the fabric's own doors give a name another token, on a node that does not know the application
+  // yet.
   ChildProcess outsider({VYN_TEST_PROGRAM_DIR "/fabric_client", VYN_STAGE_DIR "/lib/mf/libbmclient.so"});
   ASSERT_EQ(driver.Do("register other 1 secret"), "0 1");
   ASSERT_EQ(outsider.Ask("init " + second->Home() + " 0"), "0");
@@ -226,7 +227,7 @@ TEST_F(VyndTest, AFullPoolIsAClearErrorAndLeaksNothing) {
 
 TEST_F(VyndTest, ASilentApplicationGivesItsMemoryBack) {
   const auto node = Node();
-  node->Start("64M", 3);
+  node->Start("64M", 15);
   BroadcastClient driver(*node, true);
   ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
   ASSERT_EQ(driver.Do("create app 1 2"), "0");
@@ -322,11 +323,12 @@ TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
             1);
   EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 3; }));
   EXPECT_EQ(Vynctl(*node, "app ls --json").output.find("\"id\": 6"), std::string::npos);
-  run =
-      RunCommand("exec 3>&1; " VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() + " --token t put app 7 " +
-                 folder.Write("long", std::string(40 << 20, 'l')) +
-                 " --block-size 4K & pid=$!; until " VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() +
-                 " app ls --json | grep -q '\"id\": 7'; do :; done; kill -INT $pid; wait $pid; echo code $?");
+  run = RunCommand("exec 3>&1; " VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() +
+                   " --token t put app 7 " + folder.Write("long", std::string(40 << 20, 'l')) +
+                   " --block-size 4K & pid=$!; for i in $(seq 300); do " VYN_STAGE_DIR "/bin/vynctl --home " +
+                   node->Home() +
+                   " app ls --json | grep -q '\"id\": 7' && break; sleep 0.1; done; kill -INT $pid; wait "
+                   "$pid; echo code $?");
   EXPECT_NE(run.output.find("code"), std::string::npos) << run.output;
   if (run.output.find("interrupted") != std::string::npos) {  // it may have been done already
     EXPECT_NE(run.output.find("code 1"), std::string::npos) << run.output;

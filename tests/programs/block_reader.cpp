@@ -1,4 +1,5 @@
-// An executor in small: enters one variable of one block into its table, obtains the block and tells what stands in it.
+// An executor in small: enters one variable of one block into its table, obtains the block and tells what
+// stands in it.
 //
 //   block_reader HOME APP TOKEN ID SIZE   ->   STATUS SUM | STATUS last failure
 //

@@ -1,5 +1,6 @@
-// A process that uses libbmclient.so, given as its argument. Each line of input is a command, answered by one line that
-// begins with the library's result. "-" stands for the empty text. Contents are a pattern made from a seed.
+// A process that uses libbmclient.so, given as its argument. Each line of input is a command, answered by one
+// line that begins with the library's result. "-" stands for the empty text. Contents are a pattern made from
+// a seed.
 //
 //   init HOME FLAG | link NODE ADDRESS PORT | create NODE NS TOKEN | destroy NODE NS TOKEN
 //   alloc NODE NS TOKEN SIZE -> result id | free NS TOKEN ID | query -> result node
@@ -8,7 +9,7 @@
 //   write NS TOKEN ID OFFSET LENGTH SEED | read NS TOKEN ID OFFSET LENGTH SEED -> result, 1 when they are
 //   user ID                  becomes that user
 //   reach PATH               errno of opening it for reading, 0 when that went well
-//   readonly NS TOKEN ID     what can be done with a descriptor for reading: "result mapped reopened" (errnos)
+//   readonly NS TOKEN ID     what a descriptor for reading allows: "result mapped reopened" (errnos)
 
 #include "platform/bmclient/bm_functions.h"
 #include "platform/bmclient/wire/remote_node.h"

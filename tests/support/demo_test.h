@@ -1,6 +1,7 @@
 #pragma once
 
-// The base of tests that run the demo: it tells that every executor read what the driver wrote, and leaves nothing behind.
+// The base of tests that run the demo: it tells that every executor read what the driver wrote, and leaves
+// nothing behind.
 
 #include "support/command.h"
 #include "support/temp_dir.h"

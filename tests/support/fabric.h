@@ -48,7 +48,8 @@ std::vector<std::string> NamesIn(const std::string& folder);
 /// A fabric node as a process.
 class FabricHost {
  public:
-  /// \param more of its arguments. \param around a command that takes the node's own behind its last argument.
+  /// \param more of its arguments. \param around a command that takes the node's own behind its last
+  /// argument.
   explicit FabricHost(const FabricPlace& place, const std::vector<std::string>& more = {},
                       const std::vector<std::string>& around = {});
 

@@ -30,11 +30,12 @@ const Names kPlain{
 const Names kWithSignature{
     "_Z11CheckMfNodev", "_Z31BroadcastInitRpcCliMetaLeaderIpj", "_Z24BroadcastGetMetaLeaderIpj",
     "_Z26BroadcastMetaLeaderInfoGetv", "_Z22BroadcastUnregisterAppPKc",
-    // std::string& ns, unsigned int, unsigned short, std::vector<std::string>& bmIds, std::vector<unsigned long>& sizes
+    // std::string& ns, unsigned int, unsigned short, std::vector<std::string>& bmIds, std::vector<unsigned
+    // long>& sizes
     "_Z17GenerateBlockInfoRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEjtRSt6vectorIS4_SaIS4_EERS6_"
     "ImSaImEE",
-    // const std::string& ns, const std::string& token, unsigned short, const std::vector<unsigned long>& sizes,
-    // std::vector<std::string>& bmIds
+    // const std::string& ns, const std::string& token, unsigned short, const std::vector<unsigned long>&
+    // sizes, std::vector<std::string>& bmIds
     "_Z23AllocBmForBlockRemotelyRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES6_"
     "tRKSt6vectorImSaImEERS7_"
     "IS4_SaIS4_EE",

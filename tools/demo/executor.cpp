@@ -74,7 +74,8 @@ int ReadVariable(const Arguments& arguments) {
   return 0;
 }
 
-/// What one recv() may return: without a limit it goes on as long as bytes come, and the first byte would seem late.
+/// What one recv() may return: without a limit it goes on as long as bytes come, and the first byte would
+/// seem late.
 constexpr std::size_t kChunk = 256U << 10U;
 
 int Receive(const Arguments& arguments) {

@@ -43,7 +43,8 @@ std::vector<std::string> Children(const std::string& path) {
   return names;
 }
 
-/// Returns: false for a name that is no number. The tree is open to everybody, so a stranger's znode may be in it.
+/// Returns: false for a name that is no number. The tree is open to everybody, so a stranger's znode may be
+/// in it.
 bool ToNumber(const std::string& name, std::uint32_t& number) {
   const char* end = name.data() + name.size();
   const auto [rest, error] = std::from_chars(name.data(), end, number);
@@ -200,7 +201,8 @@ void ListApplications(const Settings& settings) {
 void RemoveApplication(const Settings& settings, const std::string& application) {
   LoadConfiguration(settings);
   StartSdk(settings, true);
-  // The metadata service takes a removal of nothing, as a repeated call has to succeed; a person wants to know.
+  // The metadata service takes a removal of nothing, as a repeated call has to succeed; a person wants to
+  // know.
   const int found = zookeeper::Exists(services::AppPath(application));
   Require(MarkBroadcastApplicationCompleted(application.c_str()), "removing application " + application);
   if (found == ZNONODE) {

@@ -129,18 +129,34 @@ class Undo {
     }
   }
   ~Undo() {
-    if (!mDone && Failed(DeleteBroadcastVar(mApplication.c_str(), mId))) {
+    if (mDone || IsOfAnother()) {
+      return;
+    }
+    if (Failed(DeleteBroadcastVar(mApplication.c_str(), mId))) {
       std::fprintf(stderr, "vynctl: %s is there in part and could not be removed\n",
                    NameOf(mApplication, mId).c_str());
     }
   }
   Undo(const Undo&) = delete;
   Undo& operator=(const Undo&) = delete;
+  /// The blocks of the record are this command's.
+  void Recorded() { mRecorded = true; }
   void Done() { mDone = true; }
 
  private:
+  /// Whether another command has written the variable meanwhile: the blocks of the record are its own.
+  bool IsOfAnother() const {
+    try {
+      const auto found = mRecorded ? std::nullopt : FindVariable(mApplication, mId);
+      return found && found->ready;
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
   const std::string mApplication;
   const std::uint32_t mId;
+  bool mRecorded = false;
   bool mDone = false;
 };
 
@@ -228,7 +244,8 @@ void PutVariable(const Settings& settings, const std::string& application, std::
   StartSdk(settings, true);
   bool registered = false;
   Require(RegisterBroadcastApp(app, true, settings.token.c_str(), &registered), "registering " + application);
-  // A creation that is repeated with as many blocks succeeds, and would leave a second set of them in the pool.
+  // A creation that is repeated with as many blocks succeeds, and would leave a second set of them in the
+  // pool.
   if (FindVariable(application, id)) {
     throw CommandError("there is " + NameOf(application, id) + " already");
   }
@@ -238,6 +255,7 @@ void PutVariable(const Settings& settings, const std::string& application, std::
   std::uint64_t offset = 0;
   if (registered) {
     Require(CreateBroadcastBlockBatch(app, id, sizes.data(), count), "creating the blocks");
+    undo.Recorded();
     for (unsigned int i = 0; i < count; ++i) {
       CheckInterrupted();
       void* address = nullptr;
@@ -260,6 +278,7 @@ void PutVariable(const Settings& settings, const std::string& application, std::
     Require(CreateBroadcastBlockBatchRemote(app, settings.token.c_str(), id, sizes.data(), count,
                                             nodes[0].c_str(), hosts[0].c_str(), nodeIds[0], ids),
             "creating the blocks on " + nodes[0]);
+    undo.Recorded();
     std::vector<char> buffer(std::min(blockSize, total));
     for (unsigned int i = 0; i < count; ++i) {
       CheckInterrupted();

@@ -38,6 +38,7 @@ void Client::Close() {
   std::lock_guard lock(mMutex);
   broker.swap(mBroker);
   links.swap(mLinks);
+  mLinkSetting = {};  // the object itself may never be destroyed
   mKnowsLocal = false;
 }
 

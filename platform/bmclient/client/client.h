@@ -30,8 +30,8 @@ class Client {
   explicit Client(Timeouts timeouts = {}) : mTimeouts(timeouts) {}
 
   /// Starts afresh: links and connections of before are forgotten. \param home null or empty: the
-  /// environment's VYN_HOME. \param links how this process secures its links. With TLS on, a link is under TLS
-  /// or is refused.
+  /// environment's VYN_HOME. \param links how this process secures its links. With TLS on, a link is under
+  /// TLS or is refused.
   int Initialize(const char* home, int clientFlag, tls::ClientSetting links = {});
   /// Lets everything go but the mappings. Calls under way end by themselves.
   void Close();
@@ -39,9 +39,9 @@ class Client {
   void ForgetMappings() { mMappings.Clear(); }
 
   /// Links this process to a node, or moves the link to another address. \param ip numeric.
-  /// Returns: kBmUnconnected when nobody answers; kBmRemoteProtocol when another node answers, or one that was
-  /// refused or refuses (plain against TLS, a certificate without trust); kBmLocalError for an address that is
-  /// none, and when what TLS needs cannot be read.
+  /// Returns: kBmUnconnected when nobody answers; kBmRemoteProtocol when another node answers, or one that
+  /// was refused or refuses (plain against TLS, a certificate without trust); kBmLocalError for an address
+  /// that is none, and when what TLS needs cannot be read.
   int CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port);
   int Query(NodeAttributes* attributes);
   int CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token);

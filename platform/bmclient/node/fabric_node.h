@@ -14,8 +14,8 @@
 // as used, though the file system still holds them; when it is full before the limit is reached, allocations
 // fail just the same.
 //
-// Who has an object mapped for writing can do to its file what it likes. What it makes larger is cut back by the
-// sweep and does not count at the next start; what it makes smaller hurts nobody but its own namespace.
+// Who has an object mapped for writing can do to its file what it likes. What it makes larger is cut back by
+// the sweep and does not count at the next start; what it makes smaller hurts nobody but its own namespace.
 //
 // Results are those of platform/bmclient/protocol.h. Any thread may call any function between Start and Stop.
 // Start and Stop themselves are called by one thread.
@@ -40,9 +40,9 @@ struct NodeAddress {
 /// keeps fresh).
 using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& address)>;
 
-/// Asked before a client, of this machine or over a link, makes a namespace that this node does not have. Returns: 0, or the
-/// result for the client: -EACCES when the token is not the one that the cluster knows for the name. Called from the node's
-/// own threads, several at once; may block for as long as a client waits.
+/// Asked before a client, of this machine or over a link, makes a namespace that this node does not have.
+/// Returns: 0, or the result for the client: -EACCES when the token is not the one that the cluster knows for
+/// the name. Called from the node's own threads, several at once; may block for as long as a client waits.
 using NamespaceGuard = std::function<int(const std::string& ns, const std::string& token)>;
 
 /// How lines reach the log of the process: level as spdlog counts them (2 info, 3 warn, 4 error), the text.

@@ -116,8 +116,8 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
   const bool reused = channel->mReused;
   Release(std::move(channel));
   if (reused) {
-    // A host that was lost shows only in an answer that does not come. It may be back: what was kept is gone by
-    // then, and the second question goes over a new connection.
+    // A host that was lost shows only in an answer that does not come. It may be back: what was kept is gone
+    // by then, and the second question goes over a new connection.
     NodeAttributes attributes;
     if (Query(attributes) != 0) {
       if (const int result = Query(attributes); result != 0) {

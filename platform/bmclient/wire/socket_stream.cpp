@@ -42,14 +42,14 @@ IoStatus SocketStream::Receive(void* buffer, std::size_t room, std::size_t& rece
       int refusal = 0;
       socklen_t length = sizeof(refusal);
       ::getsockopt(mSocket.Get(), SOL_SOCKET, SO_ERROR, &refusal, &length);
-      return refusal == 0 ? IoStatus::kClosed : IoStatus::kReset;
+      return refusal == 0 || mShut ? IoStatus::kClosed : IoStatus::kReset;
     }
     if (errno == EAGAIN) {
       if (const IoStatus status = Wait(POLLIN, deadline); status != IoStatus::kOk) {
         return status;
       }
     } else if (errno != EINTR) {
-      return errno == ECONNRESET || errno == EPIPE ? IoStatus::kReset : IoStatus::kClosed;
+      return (errno == ECONNRESET || errno == EPIPE) && !mShut ? IoStatus::kReset : IoStatus::kClosed;
     }
   }
 }
@@ -144,6 +144,9 @@ bool SocketStream::PeerGone() {
   return ::poll(&waited, 1, 0) != 0;
 }
 
-void SocketStream::Shutdown() { ::shutdown(mSocket.Get(), SHUT_RDWR); }
+void SocketStream::Shutdown() {
+  mShut = true;
+  ::shutdown(mSocket.Get(), SHUT_RDWR);
+}
 
 }  // namespace vyn::bm

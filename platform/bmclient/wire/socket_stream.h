@@ -4,6 +4,8 @@
 
 #include "platform/bmclient/wire/byte_stream.h"
 
+#include <atomic>
+
 namespace vyn::bm {
 
 class SocketStream : public ByteStream {
@@ -30,6 +32,8 @@ class SocketStream : public ByteStream {
 
   FileDescriptor mSocket;
   bool mDescriptors;
+  /// This side has shut the connection: a reset that follows says nothing of what the other side has taken.
+  std::atomic<bool> mShut{false};
   FileDescriptor mReceived;
 };
 

@@ -100,7 +100,7 @@ TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
   ASSERT_TRUE(Leads());
   const std::int64_t before = OwnSession();
   test::ExpireSession(gServer->Port(), DoDlZooClientId(VynGetZkHandle()));
-  EXPECT_TRUE(test::WaitUntil([&] { return mSessions == 1; }));
+  EXPECT_TRUE(test::WaitUntil([&] { return mSessions >= 1; }));
   EXPECT_TRUE(Leads());
   EXPECT_NE(OwnSession(), before);
   EXPECT_EQ(mRaw->Owner(kLeaderPath), OwnSession());

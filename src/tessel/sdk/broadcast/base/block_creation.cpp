@@ -192,14 +192,20 @@ Ref<BroadcastBlockInfo> GenerateBlockInfo(std::string& ns, unsigned int broadcas
                                           std::vector<std::string>& bmIds,
                                           std::vector<unsigned long>& sizes) {
   auto blockInfo = NewMessage<BroadcastBlockInfo>();
+  if (blockInfo != nullptr) {
+    try {
+      blockInfo->appId = ns;
+      blockInfo->bmIds = bmIds;
+    } catch (const std::bad_alloc&) {
+      blockInfo = Ref<BroadcastBlockInfo>();
+    }
+  }
   if (blockInfo == nullptr) {
     VYN_LOG_ERROR("New BroadcastBlockInfoPtr failed, Block info is null");
     return blockInfo;
   }
-  blockInfo->appId = ns;
   blockInfo->broadcastId = broadcastId;
   blockInfo->nodeId = nodeId;
-  blockInfo->bmIds = bmIds;
   blockInfo->sizes.swap(sizes);
   return blockInfo;
 }

@@ -97,10 +97,12 @@ bool SetTlsLibraries() {
   return true;
 }
 
-unsigned int ConnectMetadataClient() {
+unsigned int ConnectMetadataClient(unsigned int flag) {
   const long timeout = g_broadcastConf->GetLong("vyn.tessel.rpc.shuffle_meta.timeout", 0);
-  // The server client is still empty in a driver.
-  g_ShuffleMetaRPCEngine = ShuffleMetaRPCEngine::CreateInstance(timeout, true, g_shuffleServerRPCEngine);
+  // A driver learns of the leader through ZooKeeper alone, also when an earlier call has made its server
+  // client.
+  const auto server = flag == kDriverFlag ? Ref<ShuffleServerRPCEngine>() : g_shuffleServerRPCEngine;
+  g_ShuffleMetaRPCEngine = ShuffleMetaRPCEngine::CreateInstance(timeout, true, server);
   VYN_CHECK_POINTER(g_ShuffleMetaRPCEngine);
   g_ShuffleMetaRPCEngine->mConnectionCount = 1;
   // An unreachable metadata service does not stop an initialisation: it shows at the first call.
@@ -123,7 +125,7 @@ unsigned int StartUp(const std::string& home, unsigned int flag) {
   }
   g_broadcastCache = new (std::nothrow) BroadcastSdkCache();
   VYN_CHECK_POINTER(g_broadcastCache);
-  if (const unsigned int status = ConnectMetadataClient(); Failed(status)) {
+  if (const unsigned int status = ConnectMetadataClient(flag); Failed(status)) {
     return status;
   }
   if (flag == kDriverFlag && Failed(CheckMfNode())) {

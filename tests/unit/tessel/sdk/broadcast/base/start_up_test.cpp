@@ -277,6 +277,20 @@ TEST(StartUpTest, ADriverLearnsItsLeaderAndWhetherItsNodeIsInTheFabric) {
   }));
 }
 
+TEST(StartUpTest, ADriverNeverAsksTheNodeServerForTheLeader) {
+  DriverGround ground;
+  SdkWorld world;
+  world.WriteConf(ground.url);
+  // Makes a server client, which nothing has connected.
+  EXPECT_NE(UnRegisterBroadcastApp("app"), 0U);
+  EXPECT_EQ(world.Initialize(0), 0U);
+  bool registered = false;
+  EXPECT_EQ(RegisterBroadcastApp("app", true, "token", &registered), 0U);
+  BroadcastUninitialize();
+  EXPECT_EQ(world.Initialize(0), 0U) << "with a server client that works";
+  EXPECT_EQ(world.server.Count(ShuffleServer::META_LEADER_INFO), 0U);
+}
+
 TEST(StartUpTest, ADriverWithoutZooKeeperLeaderOrWatchFails) {
   SdkWorld world;
   world.WriteConf();
