@@ -13,6 +13,8 @@
 #include "services/vynd/token_registry.h"
 
 #include <cerrno>
+#include <latch>
+#include <memory>
 #include <thread>
 
 namespace vyn::services {
@@ -127,18 +129,19 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
 void Daemon::Stop() {
   // All at once: while ZooKeeper does not answer, only what asks it waits, and the calls under way still get
   // their answers. The pages come last.
-  std::vector<std::thread> ends;
-  const auto end = [&](auto& part) {
-    if (part != nullptr) {
-      ends.emplace_back([&part] { part->Stop(); });
-    }
+  const auto running = std::make_shared<std::latch>(3);
+  const auto end = [&running](auto& part) {
+    std::thread([&part, running] {
+      if (part != nullptr) {
+        part->Stop();
+      }
+      running->count_down();
+    }).detach();  // a hard end of the process leaves none behind that should have been joined
   };
   end(mRegistry);
   end(mMember);
   end(mNodeServer);
-  for (std::thread& thread : ends) {
-    thread.join();
-  }
+  running->wait();
   if (mReclaimer != nullptr) {
     mReclaimer->Stop();
   }

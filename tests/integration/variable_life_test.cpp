@@ -13,6 +13,7 @@
 
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <random>
 
 namespace vyn::test {
@@ -83,17 +84,26 @@ class VariableLifeTest : public testing::Test {
       return {0, BytesOf(made)};
     });
     mServer.Answer(ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, [this](const Request& request) -> Reply {
-      const auto found = mRecords.find(ReadAs<BroadcastVar>(request.body)->broadcastId);
-      return found == mRecords.end() ? Reply{2140011, ""} : Reply{0, found->second};
+      const std::string record = Record(ReadAs<BroadcastVar>(request.body)->broadcastId);
+      return record.empty() ? Reply{2140011, ""} : Reply{0, record};
     });
+  }
+
+  /// What the metadata service has of a variable, empty without a record.
+  std::string Record(unsigned int id) {
+    std::lock_guard lock(mMutex);
+    const auto found = mRecords.find(id);
+    return found == mRecords.end() ? "" : found->second;
   }
 
   void ScriptMetadata() {
     mMetadata.Answer(ShuffleMeta::BROADCAST_VAR_INFO_ADD, [this](const Request& request) -> Reply {
+      std::lock_guard lock(mMutex);
       mRecords[ReadAs<BroadcastBlockInfo>(request.body)->broadcastId] = request.body;
       return {};
     });
     mMetadata.Answer(ShuffleMeta::BROADCAST_VAR_REMOVE, [this](const Request& request) -> Reply {
+      std::lock_guard lock(mMutex);
       const auto found = mRecords.find(ReadAs<BroadcastVar>(request.body)->broadcastId);
       if (found == mRecords.end()) {
         return {2140011, ""};
@@ -174,7 +184,8 @@ class VariableLifeTest : public testing::Test {
   const std::string mUrl = mZookeeper.NewRoot();
   bm::Client mFabric;
   Tenant mTenant{mFabric, "app", "secret"};
-  std::map<unsigned int, std::string> mRecords;
+  std::mutex mMutex;
+  std::map<unsigned int, std::string> mRecords;  ///< guarded by mMutex
   ScriptedService mServer;
   ScriptedService mMetadata;
 };
@@ -185,7 +196,7 @@ TEST_F(VariableLifeTest, ADriverOnANodeAndItsExecutors) {
   ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
   ASSERT_EQ(driver.Do("create app 7 3"), "0");
   ASSERT_EQ(driver.Do("fill app 7 3 " + std::to_string(kSize) + " 5"), "0");
-  const auto record = ReadAs<BroadcastBlockInfo>(mRecords[7]);
+  const auto record = ReadAs<BroadcastBlockInfo>(Record(7));
   EXPECT_THAT(record->sizes, ElementsAre(kSize, kSize, kSize));
   EXPECT_EQ(record->nodeId, kNode);
   ExpectExecutorsRead("7", 5);
@@ -199,7 +210,7 @@ TEST_F(VariableLifeTest, ADriverOutsideTheFabricAndExecutorsOnANode) {
   ASSERT_EQ(driver.Do("register app 1 secret"), "0 0") << "it takes no part";
   ASSERT_EQ(driver.Do("create app 8 3"), "0");
   ASSERT_EQ(driver.Do("place app 8 3 " + std::to_string(kSize) + " 6 secret"), "0 " + std::to_string(kNode));
-  const auto record = ReadAs<BroadcastBlockInfo>(mRecords[8]);
+  const auto record = ReadAs<BroadcastBlockInfo>(Record(8));
   ASSERT_EQ(record->bmIds.size(), 3U);
   EXPECT_EQ(record->bmIds[2].substr(60), std::string(4, '\0'));
   EXPECT_EQ(record->nodeId, kNode);
