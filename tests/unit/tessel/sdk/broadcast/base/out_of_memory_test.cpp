@@ -191,6 +191,13 @@ TEST_F(OutOfMemoryTest, AStartWithoutATableFreesTheClaim) {
               testing::HasSubstr("Unexpected nullptr value g_broadcastCache"));
   EXPECT_EQ(gRefusedSize, 0U);
   EXPECT_EQ(g_initClaim.load(), 0);
+  gRefusedSize = sizeof(ShuffleMetaRPCEngine);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(mWorld.Initialize(0), 2000057U);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::HasSubstr("Unexpected nullptr value g_ShuffleMetaRPCEngine"));
+  EXPECT_EQ(gRefusedSize, 0U);
+  EXPECT_EQ(g_initClaim.load(), 0);
   EXPECT_EQ(mWorld.Initialize(0), 0U);
 }
 

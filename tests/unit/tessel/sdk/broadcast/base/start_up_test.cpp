@@ -18,13 +18,15 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
 
-// What cannot be made to fail on demand from outside: the library calls these two instead of the real ones.
+// What cannot be made to fail on demand from outside: the library calls these instead of the real ones.
 std::atomic<bool> gLoggerFails{false};
 std::atomic<bool> gWatchFails{false};
+std::atomic<bool> gEnvironmentFails{false};
 
 template <typename Function>
 Function* Real(Function*, const char* name) {
@@ -36,6 +38,10 @@ Function* Real(Function*, const char* name) {
 int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount) {
   // A type that there is not makes the real one refuse, with its own words.
   return Real(&ULOG_Init, "ULOG_Init")(gLoggerFails ? 17 : type, level, path, fileSize, fileCount);
+}
+
+int setenv(const char* name, const char* value, int overwrite) noexcept {
+  return gEnvironmentFails ? -1 : Real(&setenv, "setenv")(name, value, overwrite);
 }
 
 int DoDlZooWexists(zhandle_t* handle, const char* path, watcher_fn watcher, void* context, Stat* stat) {
@@ -78,6 +84,12 @@ TEST(StartUpTest, FailuresBeforeTheLoggerTellStandardOutputAndFreeTheClaim) {
   EXPECT_EQ(BroadcastInitialize(world.Home().c_str(), nullptr, VYN_BINARY_TYPE, 1), 2000057U);
   EXPECT_EQ(BroadcastInitialize(world.Home().c_str(), "24.0.0", nullptr, 1), 2000057U);
   EXPECT_EQ(BroadcastInitialize("/no/such/home", "24.0.0", VYN_BINARY_TYPE, 1), 1U);
+  gEnvironmentFails = true;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(world.Initialize(1), 1U);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Failed to set VYN_HOME with ret: -1\n");
+  EXPECT_EQ(g_initClaim.load(), 0);
+  gEnvironmentFails = false;
 
   std::filesystem::remove_all(world.Home() + "/conf");
   unsetenv("VYN_BINARY_TYPE");
@@ -106,6 +118,59 @@ TEST(StartUpTest, FailuresBeforeTheLoggerTellStandardOutputAndFreeTheClaim) {
   EXPECT_EQ(g_mfClientFlag, 0U);
   EXPECT_TRUE(g_clusterZkAdapter_broadcast == nullptr) << "an executor has no session with ZooKeeper";
   EXPECT_EQ(world.bm.script.Calls("BM_Init"), std::vector<std::string>{Joined(world.Home(), 0)});
+
+  // With a logger the refused arguments are told.
+  for (const auto& [line, home, version, type] :
+       std::vector<std::tuple<const char*, const char*, const char*, const char*>>{
+           {"Unexpected nullptr value vynHome", nullptr, "24.0.0", VYN_BINARY_TYPE},
+           {"Unexpected nullptr value vynVersion", world.Home().c_str(), nullptr, VYN_BINARY_TYPE},
+           {"Unexpected nullptr value vynBinaryType", world.Home().c_str(), "24.0.0", nullptr},
+           {"Failed to execute FileUtil::RealPath(vynHome, realPath)", "/no/such/home", "24.0.0",
+            VYN_BINARY_TYPE}}) {
+    testing::internal::CaptureStderr();
+    EXPECT_NE(BroadcastInitialize(home, version, type, 1), 0U) << line;
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(line));
+  }
+  EXPECT_EQ(g_initClaim.load(), 1) << "the start before stands";
+}
+
+TEST(StartUpTest, AnExecutorWhoseNodeServerIsDownFails) {
+  SdkWorld world;
+  const ReservedPort nobody;  // bound, and nobody listens
+  world.WriteConf("", "vyn.tessel.rpc.shuffle_server.port=" + std::to_string(nobody.Number()) + "\n");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(world.Initialize(1), 1U);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("[Broadcast] Failed to get meta leader ip from shuffle service"));
+  EXPECT_EQ(g_initClaim.load(), 0);
+  EXPECT_EQ(world.bm.script.CallCount(), 0U);
+}
+
+TEST(StartUpTest, ACallOnTheOtherSidesServerClientIsRefused) {
+  SdkWorld world;
+  world.WriteConf();
+  ASSERT_EQ(world.Initialize(1), 0U);
+  const auto asked = world.server.Requests().size();
+  ShuffleServerRPCEngine::mIsSdk = false;
+  bool registered = false;
+  unsigned long sizes[2] = {1, 2};
+  EXPECT_EQ(RegisterBroadcastApp("a", false, "t", &registered), 2120009U);
+  EXPECT_THAT(BroadcastGetLastErrorMessage(), testing::StartsWith("Failed to get shuffle rpc cli "));
+  const std::vector<std::tuple<std::uint32_t, const char*, std::function<std::uint32_t()>>> calls{
+      {2120009, "Batch create broadcast block error: serverRpcEnginePtr nullptr",
+       [&] { return CreateBroadcastBlockBatch("a", 1, sizes, 2); }},
+      {2120009, "Batch fetch broadcast block error: serverRpcEnginePtr nullptr",
+       [&] { return FetchBroadcastBlockBatch("a", 1, sizes); }},
+      {2120009, "Broadcast SDK function<BroadcastMetaLeaderInfoGet> Err: serverRpcEnginePtr nullptr",
+       [] { return BroadcastMetaLeaderInfoGet(); }},
+      {2080009, "", [] { return BroadcastUnregisterApp("a"); }}};
+  for (const auto& [status, line, call] : calls) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(call(), status) << line;
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(line));
+  }
+  EXPECT_EQ(world.server.Requests().size(), asked);
+  ShuffleServerRPCEngine::mIsSdk = true;
 }
 
 TEST(StartUpTest, AnExecutorWithoutItsServerFailsAndMayTryAgain) {
