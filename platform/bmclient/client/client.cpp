@@ -39,6 +39,7 @@ void Client::Close() {
   broker.swap(mBroker);
   links.swap(mLinks);
   mLinkSetting = {};  // the object itself may never be destroyed
+  mLinkTls.reset();
   mKnowsLocal = false;
 }
 
