@@ -39,10 +39,25 @@ def human(count):
         count /= 1024
 
 
+PORT_CLAIMS = []  # held until this demo ends
+
+
+def claim_port(port):
+    """Whether no other demo of this machine has taken the port for itself, also while its service is not up yet."""
+    claim = socket.socket(socket.AF_UNIX)
+    try:
+        claim.bind(f"\0vyn-demo-port-{port}")
+    except OSError:
+        claim.close()
+        return False
+    PORT_CLAIMS.append(claim)
+    return True
+
+
 def free_port(taken):
     # Below the range from which the kernel serves outgoing connections, and as vyn.conf and the clients take them.
     for port in range(20000 + os.getpid() % 5000, 32000):
-        if port in taken:
+        if port in taken or not claim_port(port):
             continue
         with socket.socket() as probe:
             try:
