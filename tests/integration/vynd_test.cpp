@@ -218,7 +218,7 @@ TEST_F(VyndTest, AFullPoolIsAClearErrorAndLeaksNothing) {
   BroadcastClient driver(*node, true);
   ASSERT_EQ(driver.Do("register app 1 secret"), "0 1");
   ASSERT_EQ(driver.Do("create app 1 5"), "0");
-  EXPECT_NE(driver.Do("fill app 1 5 2000000 0"), "0");
+  EXPECT_EQ(driver.Do("fill app 1 5 2000000 0"), "1") << "the node server refused";
   EXPECT_EQ(node->Objects(), 0U);
   ASSERT_EQ(driver.Do("create app 2 3"), "0");
   EXPECT_EQ(driver.Do("fill app 2 3 2000000 0"), "0");
