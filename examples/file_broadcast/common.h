@@ -5,6 +5,8 @@
 #include <vyn/broadcast.h>
 #include <vyn/status.h>
 
+#include <exception>
+#include <iostream>
 #include <stdexcept>
 #include <string>
 
@@ -36,3 +38,18 @@ class Sdk {
   Sdk(const Sdk&) = delete;
   Sdk& operator=(const Sdk&) = delete;
 };
+
+/// The frame of a program with six arguments. Returns: its exit code.
+inline int RunProgram(int argc, char** argv, const char* usage, void (*run)(char** arguments)) {
+  if (argc != 7) {
+    std::cerr << "usage: " << usage << "\n";
+    return 2;
+  }
+  try {
+    run(argv);
+    return 0;
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+    return 1;
+  }
+}

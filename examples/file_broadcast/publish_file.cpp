@@ -132,15 +132,5 @@ void Run(char** arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 7) {
-    std::cerr << "usage: publish_file HOME APP TOKEN ID FILE BLOCK_SIZE\n";
-    return 2;
-  }
-  try {
-    Run(argv);
-    return 0;
-  } catch (const std::exception& error) {
-    std::cerr << error.what() << "\n";
-    return 1;
-  }
+  return RunProgram(argc, argv, "publish_file HOME APP TOKEN ID FILE BLOCK_SIZE", Run);
 }

@@ -57,15 +57,5 @@ void Run(char** arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 7) {
-    std::cerr << "usage: read_file HOME APP TOKEN ID BLOCKS FILE\n";
-    return 2;
-  }
-  try {
-    Run(argv);
-    return 0;
-  } catch (const std::exception& error) {
-    std::cerr << error.what() << "\n";
-    return 1;
-  }
+  return RunProgram(argc, argv, "read_file HOME APP TOKEN ID BLOCKS FILE", Run);
 }
