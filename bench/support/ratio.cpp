@@ -110,8 +110,12 @@ int main(int argc, char** argv) {
     }
     const double value = ratio.atLeast ? floor / measured : measured / floor;
     const bool met = ratio.atLeast ? value >= ratio.bar : value <= ratio.bar;
-    std::printf("%-44s %-44s %12.1f %12.1f %8.2f %s%.2f %s\n", ratio.measured, ratio.floor, measured * 1e9,
-                floor * 1e9, value, ratio.atLeast ? ">=" : "<=", ratio.bar, met ? "met" : "MISSED");
+    std::printf("%-44s %-44s %12.1f %12.1f %8.2f", ratio.measured, ratio.floor, measured * 1e9, floor * 1e9,
+                value);
+    if (ratio.bar > 0) {
+      std::printf(" %s%.2f %s", ratio.atLeast ? ">=" : "<=", ratio.bar, met ? "met" : "MISSED");
+    }
+    std::printf("\n");
   }
   for (const Limit& limit : Limits()) {
     const double measured = keeper.Median(limit.measured) * 1e9;

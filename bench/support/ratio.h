@@ -23,6 +23,7 @@ namespace vyn::bench {
 struct Ratio {
   const char* measured;
   const char* floor;
+  /// 0: none, the ratio is only told.
   double bar;
   /// false: time of measured / time of floor, to stay at or below the bar.
   /// true: speed of measured / speed of floor, to stay at or above it.
@@ -48,6 +49,7 @@ bool AddLimit(const Limit& limit);
 #define VYN_RATIO_AT_LEAST(MEASURED, FLOOR, BAR)                   \
   [[maybe_unused]] static const bool VYN_RATIO_NAME(__COUNTER__) = \
       ::vyn::bench::AddRatio({MEASURED, FLOOR, BAR, true})
+#define VYN_RATIO(MEASURED, OTHER) VYN_RATIO_AT_MOST(MEASURED, OTHER, 0)
 #define VYN_TIME_AT_MOST(MEASURED, NANOSECONDS)                    \
   [[maybe_unused]] static const bool VYN_RATIO_NAME(__COUNTER__) = \
       ::vyn::bench::AddLimit({MEASURED, NANOSECONDS})

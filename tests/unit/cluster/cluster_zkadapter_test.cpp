@@ -11,13 +11,21 @@
 
 namespace {
 int gCloseResult = ZOK;
-}
+int gExistsResult = ZOK;
+}  // namespace
 
 // Found before the client's own: an end that the servers cannot be told of is hard to come by.
 extern "C" int zookeeper_close(zhandle_t* handle) {
   static const auto real = reinterpret_cast<int (*)(zhandle_t*)>(dlsym(RTLD_NEXT, "zookeeper_close"));
   const int result = real(handle);
   return result == ZOK ? gCloseResult : result;
+}
+
+// Results that only a client with TLS, or a process that was stuck in the kernel, ever sees.
+extern "C" int zoo_exists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
+  static const auto real =
+      reinterpret_cast<int (*)(zhandle_t*, const char*, int, Stat*)>(dlsym(RTLD_NEXT, "zoo_exists"));
+  return gExistsResult == ZOK ? real(handle, path, watch, stat) : gExistsResult;
 }
 
 namespace vyn::test {
@@ -64,6 +72,17 @@ TEST_F(ClusterZKAdapterTest, OneSessionFromInitToClose) {
     EXPECT_EQ(raw.Owner(path), 0) << path;
   }
   EXPECT_FALSE(raw.Exists("/meta/status"));
+
+  gExistsResult = ZSSLCONNECTIONERROR;
+  EXPECT_EQ(mAdapter->ClusterZKCheckAvailable(), 2000051U);
+  gExistsResult = ZBADARGUMENTS;
+  EXPECT_EQ(mAdapter->ClusterZKCheckAvailable(), 2000053U);
+  gExistsResult = ZOK;
+  EXPECT_TRUE(
+      mLog.Has(kErrorLine, "SSL connection error to ZK server, ret is: -15, try again to connect to server"));
+  EXPECT_TRUE(mLog.Has(kErrorLine,
+                       "Failed to connect to ZK server, client session expired with process in D state, "
+                       "ret is: -8, try to recreate the ZK client"));
 
   EXPECT_EQ(mAdapter->ClusterZKClose(), 0U);
   EXPECT_TRUE(mLog.Has(kInfoLine, "Cluster Adapter close ZK Client successfully"));

@@ -2,7 +2,24 @@
 #include "support/cluster_test.h"
 #include "support/fake_clock.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
+
+namespace {
+int gLostReplies = 0;
+}
+
+// Found before the client's own: the server does what it was asked, and the reply is lost on its way.
+extern "C" int zoo_create(zhandle_t* handle, const char* path, const char* value, int length,
+                          const ACL_vector* acl, int flags, char* out, int outLength) {
+  static const auto real = reinterpret_cast<decltype(&zoo_create)>(dlsym(RTLD_NEXT, "zoo_create"));
+  const int result = real(handle, path, value, length, acl, flags, out, outLength);
+  if (gLostReplies == 0) {
+    return result;
+  }
+  --gLostReplies;
+  return ZOPERATIONTIMEOUT;
+}
 
 namespace vyn::test {
 namespace {
@@ -173,6 +190,21 @@ TEST_F(ElectionTest, TheSetUpMutexIsTakenAndGivenBack) {
   EXPECT_TRUE(Audited("delete_meta_mutex", false));
   EXPECT_TRUE(mLog.Has(kErrorLine,
                        "Failed to clear /meta/mutex, ret is: -111, zookeeper get error:not empty (-111)"));
+}
+
+TEST_F(ElectionTest, AMutexWhoseReplyWasLostIsNotWaitedFor) {
+  FakeClock clock;
+  gLostReplies = 2;
+  EXPECT_EQ(mAdapter->ZKWaitAndCreateMetaMutex(), 0U);
+  EXPECT_TRUE(Audited("create_status_dynamic", false));
+  EXPECT_TRUE(clock.Sleeps().empty());
+  EXPECT_EQ(mRaw->Owner(kMutex), mOwn);
+  mRaw->Delete(kMutex);
+
+  mRaw->Create(kMutex);  // another's, and a reply is lost all the same
+  gLostReplies = 1;
+  EXPECT_EQ(mAdapter->ZKWaitAndCreateMetaMutex(), 1U);
+  EXPECT_EQ(clock.Sleeps(), std::vector<std::chrono::nanoseconds>(61, 5s));
 }
 
 TEST_F(ElectionTest, AHeldMutexIsWaitedForUpToFiveMinutes) {
