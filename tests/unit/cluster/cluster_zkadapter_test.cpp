@@ -22,9 +22,8 @@ extern "C" int zookeeper_close(zhandle_t* handle) {
 }
 
 // Results that only a client with TLS, or a process that was stuck in the kernel, ever sees.
-extern "C" int zoo_exists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
-  static const auto real =
-      reinterpret_cast<int (*)(zhandle_t*, const char*, int, Stat*)>(dlsym(RTLD_NEXT, "zoo_exists"));
+extern "C" int DoDlZooExists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
+  static const auto real = reinterpret_cast<decltype(&DoDlZooExists)>(dlsym(RTLD_NEXT, "DoDlZooExists"));
   return gExistsResult == ZOK ? real(handle, path, watch, stat) : gExistsResult;
 }
 

@@ -9,11 +9,11 @@ namespace {
 int gLostReplies = 0;
 }
 
-// Found before the client's own: the server does what it was asked, and the reply is lost on its way.
-extern "C" int zoo_create(zhandle_t* handle, const char* path, const char* value, int length,
-                          const ACL_vector* acl, int flags, char* out, int outLength) {
-  static const auto real = reinterpret_cast<decltype(&zoo_create)>(dlsym(RTLD_NEXT, "zoo_create"));
-  const int result = real(handle, path, value, length, acl, flags, out, outLength);
+// Found before the helper's own: the server does what it was asked, and the reply is lost on its way.
+extern "C" int DoDlZooCreate(zhandle_t* handle, const char* path, const char* value, int valueLength,
+                             const ACL_vector* acl, int flags, char* pathBuffer, int pathBufferLength) {
+  static const auto real = reinterpret_cast<decltype(&DoDlZooCreate)>(dlsym(RTLD_NEXT, "DoDlZooCreate"));
+  const int result = real(handle, path, value, valueLength, acl, flags, pathBuffer, pathBufferLength);
   if (gLostReplies == 0) {
     return result;
   }
