@@ -14,6 +14,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 namespace vyn::services {
 
@@ -31,31 +32,55 @@ inline bool IsName(const std::string& name) {
 template <typename Request, typename Response>
 using Operation = std::function<std::uint32_t(Request& request, Response& response, const std::string& peer)>;
 
-/// Serves `code` with `operation`. `name` stands in the log when the operation refuses.
+/// Takes back what an operation made for a caller that its answer did not reach. Any thread; must not block.
 template <typename Request, typename Response>
-void Serve(rpc::Server& server, std::uint16_t code, const char* name,
-           Operation<Request, Response> operation) {
-  server.Register(rpc::MessageId(code), [code, name, operation = std::move(operation)](
-                                            const std::shared_ptr<rpc::ServerContext>& context,
-                                            const std::shared_ptr<rpc::Message>& message) {
-    common::Ref<Request> request(new (std::nothrow) Request());
-    common::Ref<Response> response(new (std::nothrow) Response());
-    if (request == nullptr || response == nullptr) {
-      common::RpcEngine::SyncRpcReply(code, context, VYN_ERR_NULL_POINTER, nullptr, 0, 0);
-      return;
+using Undo = std::function<void(const Request& request, const Response& response)>;
+
+/// Runs `undo` when a reply could not be sent whole. Made with new; its one call deletes it.
+class UndoUnsent : public rpc::Callback {
+ public:
+  explicit UndoUnsent(std::function<void()> undo) : mUndo(std::move(undo)) {}
+  void Done(int status) override {
+    const std::unique_ptr<UndoUnsent> self(this);
+    if (status != 0) {
+      mUndo();
     }
-    if (Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
-      return;  // refused and answered
-    }
-    const std::uint32_t status = operation(*request, *response, context->PeerAddress());
-    if (Failed(status)) {
-      VYN_LOG_WARN("Refused " << name << " from " << context->PeerAddress() << " with " << status << ": "
-                              << StatusText(status));
-      common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
-      return;
-    }
-    common::RpcEngine::SyncRpcReply(code, context, VYN_OK, response, 0);
-  });
+  }
+
+ private:
+  const std::function<void()> mUndo;
+};
+
+/// Serves `code` with `operation`. `name` stands in the log when the operation refuses. \param undo for an
+/// operation that makes what only its answer tells of.
+template <typename Request, typename Response>
+void Serve(rpc::Server& server, std::uint16_t code, const char* name, Operation<Request, Response> operation,
+           Undo<Request, Response> undo = {}) {
+  server.Register(
+      rpc::MessageId(code),
+      [code, name, operation = std::move(operation), undo = std::move(undo)](
+          const std::shared_ptr<rpc::ServerContext>& context, const std::shared_ptr<rpc::Message>& message) {
+        common::Ref<Request> request(new (std::nothrow) Request());
+        common::Ref<Response> response(new (std::nothrow) Response());
+        if (request == nullptr || response == nullptr) {
+          common::RpcEngine::SyncRpcReply(code, context, VYN_ERR_NULL_POINTER, nullptr, 0, 0);
+          return;
+        }
+        if (Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
+          return;  // refused and answered
+        }
+        const std::uint32_t status = operation(*request, *response, context->PeerAddress());
+        if (Failed(status)) {
+          VYN_LOG_WARN("Refused " << name << " from " << context->PeerAddress() << " with " << status << ": "
+                                  << StatusText(status));
+          common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
+          return;
+        }
+        auto unsent =
+            undo ? std::make_unique<UndoUnsent>([undo, request, response] { undo(*request, *response); })
+                 : nullptr;
+        common::RpcEngine::SyncRpcReply(code, context, VYN_OK, response, 0, unsent.release());
+      });
 }
 
 /// Serves `code` with an operation that answers no message.

@@ -90,6 +90,9 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   node.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_server.port", 3891));
   node.server = ServerSettings();
   node.reclaim = [this](const std::string& application) { return mReclaimer->Drain(application); };
+  node.giveBack = [this](const std::string& application, const std::vector<std::string>& bmIds) {
+    mReclaimer->GiveBack(application, bmIds);
+  };
   node.lookUp = [this](const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
     return mMetadataClient.LookUp(application, id, info);
   };

@@ -125,7 +125,10 @@ void NodeServer::RegisterOperations() {
       [this](auto& request, const std::string&) { return UnregisterApplication(request); });
   Serve<BlobCreateRequest, ShuffleBlob>(
       mServer, ShuffleServer::BLOB_CREATE, "BLOB_CREATE",
-      [this](auto& request, auto& response, const std::string&) { return CreateBlob(request, response); });
+      [this](auto& request, auto& response, const std::string&) { return CreateBlob(request, response); },
+      [this](const auto& request, const auto& response) {
+        TakeBack("BLOB_CREATE", request.ns, {response.blobText});
+      });
   ServeWithoutReply<BlobBatchDeleteRequest>(
       mServer, ShuffleServer::BLOB_BATCH_DELETE, "BLOB_BATCH_DELETE",
       [this](auto& request, const std::string&) { return DeleteBlobs(request); });
@@ -146,7 +149,10 @@ void NodeServer::RegisterOperations() {
       });
   Serve<BroadcastBlockBatch, BroadcastBlockInfo>(
       mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_CREATE, "BROADCAST_BLOCK_BATCH_CREATE",
-      [this](auto& request, auto& response, const std::string&) { return CreateBlocks(request, response); });
+      [this](auto& request, auto& response, const std::string&) { return CreateBlocks(request, response); },
+      [this](const auto& request, const auto& response) {
+        TakeBack("BROADCAST_BLOCK_BATCH_CREATE", request.appId, response.bmIds);
+      });
   Serve<BroadcastVar, BroadcastBlockInfo>(
       mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, "BROADCAST_BLOCK_BATCH_FETCH",
       [this](auto& request, auto& response, const std::string&) { return FetchBlocks(request, response); });
@@ -218,6 +224,14 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
     response.bmIds.push_back(std::move(bmId));
   }
   return VYN_OK;
+}
+
+void NodeServer::TakeBack(const char* operation, const std::string& application,
+                          const std::vector<std::string>& bmIds) {
+  VYN_LOG_WARN("The answer to " << operation << " of application " << application
+                                << " did not reach its caller, " << bmIds.size()
+                                << " objects are given back");
+  mOptions.giveBack(application, bmIds);
 }
 
 std::uint32_t NodeServer::FetchBlocks(BroadcastVar& request, BroadcastBlockInfo& response) {

@@ -34,6 +34,8 @@ struct NodeServerOptions {
   /// node.
   /// Returns: whether nothing is left of it.
   std::function<bool(const std::string& application)> reclaim;
+  /// Frees objects of the pool, soon: called from threads that must not wait.
+  std::function<void(const std::string& application, const std::vector<std::string>& bmIds)> giveBack;
   /// Asks the metadata leader for a variable. Returns: 0 or a status.
   std::function<std::uint32_t(const std::string& application, std::uint32_t id,
                               tessel::BroadcastBlockInfo& info)>
@@ -66,6 +68,8 @@ class NodeServer {
                                     tessel::NodeIdResponse& response);
   std::uint32_t UnregisterApplication(tessel::ApplicationRegisterRequest& request);
   std::uint32_t CreateBlocks(tessel::BroadcastBlockBatch& request, tessel::BroadcastBlockInfo& response);
+  /// Frees what was made for a caller that has gone without its answer.
+  void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
   std::uint32_t FetchBlocks(tessel::BroadcastVar& request, tessel::BroadcastBlockInfo& response);
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request);

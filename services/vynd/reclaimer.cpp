@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
-#include <vector>
 
 namespace vyn::services {
 
@@ -37,17 +36,39 @@ void Reclaimer::Stop() {
   if (mThread.joinable()) {
     mThread.join();
   }
+  FreeGivenBack();
+}
+
+void Reclaimer::GiveBack(const std::string& application, const std::vector<std::string>& bmIds) {
+  {
+    std::lock_guard lock(mMutex);
+    mGivenBack.emplace_back(application, bmIds);
+  }
+  mWake.notify_all();
+}
+
+void Reclaimer::FreeGivenBack() {
+  std::vector<std::pair<std::string, std::vector<std::string>>> given;
+  {
+    std::lock_guard lock(mMutex);
+    given.swap(mGivenBack);
+  }
+  for (const auto& [application, bmIds] : given) {
+    mFabric.FreeBatch(application, bmIds);  // the application may have ended meanwhile
+  }
 }
 
 void Reclaimer::Run() {
   for (;;) {
     try {
+      FreeGivenBack();
       Drain();
     } catch (const std::exception& failure) {  // no memory: the next round may have some
       VYN_LOG_ERROR("This node's list could not be worked off: " << failure.what());
     }
     std::unique_lock lock(mMutex);
-    if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
+    mWake.wait_for(lock, kPeriod, [this] { return mStopping || !mGivenBack.empty(); });
+    if (mStopping) {
       return;
     }
   }

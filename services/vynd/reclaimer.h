@@ -2,7 +2,7 @@
 
 // Gives memory back that the metadata leader has freed: works this node's list in ZooKeeper off, at start
 // before the node serves, when an application registers anew, and by a thread of its own. What could not be
-// done stays in the list.
+// done stays in the list. Beside it, frees what this node made and nobody has learnt of.
 
 #include "platform/bmclient/node/fabric_node.h"
 #include "services/common/zookeeper_layout.h"
@@ -14,6 +14,8 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace vyn::services {
 
@@ -29,7 +31,10 @@ class Reclaimer {
   Reclaimer& operator=(const Reclaimer&) = delete;
 
   void Start();
+  /// Requires: the fabric runs, or nothing was given back since the thread last looked.
   void Stop();
+  /// Frees the objects, by the thread. Any thread; waits for nothing.
+  void GiveBack(const std::string& application, const std::vector<std::string>& bmIds);
   /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is
   /// left of it that could be done.
   bool Drain(const std::string& application = "");
@@ -42,6 +47,7 @@ class Reclaimer {
   };
 
   void Run();
+  void FreeGivenBack();
   Outcome Handle(const ReclaimEntry& entry);
   Outcome FreeVariable(const ReclaimEntry& entry);
 
@@ -53,8 +59,10 @@ class Reclaimer {
   /// Records of which it was told that they cannot be read. Guarded by mDraining.
   std::set<std::string> mTold;
   std::mutex mMutex;
-  /// Guarded by mMutex.
+  // Guarded by mMutex.
   bool mStopping = false;
+  /// By application.
+  std::vector<std::pair<std::string, std::vector<std::string>>> mGivenBack;
   std::condition_variable mWake;
   std::thread mThread;
 };

@@ -68,7 +68,7 @@ void LogCallError(unsigned short opcode, int status, long timeout) {
 
 /// Sends the result word and, behind it, `data` if there is any. Returns: whether it was sent.
 bool Reply(unsigned short opcode, const std::shared_ptr<rpc::ServerContext>& context, ResultWord result,
-           void* data, unsigned int size, long timeout) {
+           void* data, unsigned int size, long timeout, rpc::Callback* callback = nullptr) {
   rpc::Message reply{MessageId(opcode)};
   reply.Bl().reserve(2);
   reply.Bl().emplace_back(&result, sizeof(result), nullptr);
@@ -76,7 +76,7 @@ bool Reply(unsigned short opcode, const std::shared_ptr<rpc::ServerContext>& con
     reply.Bl().emplace_back(data, size, nullptr);
   }
   context->mTimeout = EffectiveTimeout(timeout);
-  return rpc::Server::Reply(context, &reply, nullptr);
+  return rpc::Server::Reply(context, &reply, callback);
 }
 
 }  // namespace
@@ -251,6 +251,13 @@ unsigned int RpcEngine::SyncRpcReply(unsigned short opcode,
 unsigned int RpcEngine::SyncRpcReply(unsigned short opcode,
                                      const std::shared_ptr<rpc::ServerContext>& context, unsigned int result,
                                      const Ref<BaseMessage>& response, long timeout) {
+  return SyncRpcReply(opcode, context, result, response, timeout, nullptr);
+}
+
+unsigned int RpcEngine::SyncRpcReply(unsigned short opcode,
+                                     const std::shared_ptr<rpc::ServerContext>& context, unsigned int result,
+                                     const Ref<BaseMessage>& response, long timeout,
+                                     rpc::Callback* callback) {
   VYN_CHECK_POINTER(context);
   void* data = nullptr;
   unsigned int size = 0;
@@ -259,7 +266,7 @@ unsigned int RpcEngine::SyncRpcReply(unsigned short opcode,
     data = response->SerializedData();
     size = response->SerializedDataSize();
   }
-  if (!Reply(opcode, context, result, data, size, timeout)) {
+  if (!Reply(opcode, context, result, data, size, timeout, callback)) {
     VYN_LOG_ERROR("Rpc reply error. opcode: " << opcode << ", " << context->mStatus << ": "
                                               << VynRpcStatusString(context->mStatus));
     return VYN_ERR_GENERIC;

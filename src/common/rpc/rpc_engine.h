@@ -67,6 +67,10 @@ class RpcEngine : public Referable {
   /// The same with a message, which may hold null.
   static unsigned int SyncRpcReply(unsigned short opcode, const std::shared_ptr<rpc::ServerContext>& context,
                                    unsigned int result, const Ref<BaseMessage>& response, long timeout);
+  /// The same. \param callback may be null; is told when the last byte has left or the reply failed.
+  static unsigned int SyncRpcReply(unsigned short opcode, const std::shared_ptr<rpc::ServerContext>& context,
+                                   unsigned int result, const Ref<BaseMessage>& response, long timeout,
+                                   rpc::Callback* callback);
 
   std::string mIp;
   short mPort = 0;

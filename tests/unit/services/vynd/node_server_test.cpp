@@ -8,9 +8,13 @@
 #include "services/vynd/token_registry.h"
 #include "support/cluster_test.h"
 #include "support/fabric.h"
+#include "support/raw_socket.h"
 #include "tessel/message/operation_codes.h"
 
 #include <gmock/gmock.h>
+#include <sys/socket.h>
+
+#include <thread>
 
 namespace vyn::services {
 namespace {
@@ -43,8 +47,13 @@ class NodeServerTest : public test::ClusterTest {
     options.nodeId = 1;
     options.port = static_cast<std::uint16_t>(mPort.Number());
     options.reclaim = [this](const std::string& application) { return mReclaimer.Drain(application); };
+    options.giveBack = [this](const std::string& application, const std::vector<std::string>& bmIds) {
+      mReclaimer.GiveBack(application, bmIds);
+    };
+    options.server.mWorkerThreads = mWorkers;
     options.lookUp = [this](const std::string& application, std::uint32_t id, BroadcastBlockInfo& info) {
       ++mLookUps;
+      EXPECT_TRUE(id != kHeld || test::WaitUntil([this] { return mLetGo.load(); }));
       info.appId = application;
       info.broadcastId = id;
       info.bmIds = {std::string(60, 'x')};
@@ -93,8 +102,27 @@ class NodeServerTest : public test::ClusterTest {
     return Call(BROADCAST_BLOCK_BATCH_FETCH, request.Get(), response.Get());
   }
 
+  /// Sends a request as a client that will not read its answer, and waits until the server has seen it go.
+  void SendAndGo(std::uint16_t code, const Ref<common::BaseMessage>& request) {
+    ASSERT_EQ(request->Serialize(), 0U);
+    const std::string bytes(reinterpret_cast<const char*>(request->SerializedData()),
+                            request->SerializedDataSize());
+    auto client = test::RawSocket::Connect(static_cast<std::uint16_t>(mPort.Number()));
+    const auto length = static_cast<std::uint32_t>(2 + bytes.size());
+    ASSERT_TRUE(client.Send(test::WireGreeting() + test::WireHeader(length, 1, code) +
+                            test::Wire(std::uint16_t{1}) + bytes));
+    client.Receive(test::WireGreeting().size());
+    shutdown(client.Descriptor(), SHUT_WR);
+    EXPECT_TRUE(client.EndsWithin(test::RawSocket::kPatience));
+  }
+
+  /// The look-up of this variable waits for mLetGo.
+  static constexpr std::uint32_t kHeld = 77;
+
   test::FabricPlace mPlace{1};
   test::ReservedPort mPort;
+  unsigned int mWorkers = 8;
+  std::atomic<bool> mLetGo{false};
   bm::FabricNode mFabric;
   std::atomic<int> mLookUps{0};
   std::unique_ptr<NodeServer> mServer;
@@ -158,6 +186,35 @@ TEST_F(NodeServerTest, ABatchIsCreatedWholeOrNotAtAll) {
   EXPECT_THAT(mCreated->sizes, testing::ElementsAre(1, 9 * 4096));
   EXPECT_EQ(mCreated->bmIds.size(), 2U);
   EXPECT_EQ(mCreated->nodeId, 1U);
+}
+
+TEST_F(NodeServerTest, WhatWasMadeForACallerThatHasGoneIsGivenBack) {
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  mReclaimer.Start();
+  mWorkers = 1;
+  StartServer();
+  std::jthread busy([this] { EXPECT_EQ(Fetch("app", kHeld), 0U); });
+  ASSERT_TRUE(test::WaitUntil([this] { return mLookUps == 1; }));
+  // Both wait behind it until their callers have gone.
+  Ref<BroadcastBlockBatch> blocks(new BroadcastBlockBatch());
+  blocks->appId = "app";
+  blocks->sizes = {100, 100};
+  SendAndGo(BROADCAST_BLOCK_BATCH_CREATE, blocks.Get());
+  Ref<BlobCreateRequest> blob(new BlobCreateRequest());
+  blob->ns = "app";
+  blob->bagName = "bag";
+  blob->blobSize = 100;
+  blob->token = "secret";
+  SendAndGo(BLOB_CREATE, blob.Get());
+  EXPECT_EQ(mFabric.Stats().objects, 0U);
+  mLetGo = true;
+  for (const char* made : {"BROADCAST_BLOCK_BATCH_CREATE of application app did not reach its caller, 2",
+                           "BLOB_CREATE of application app did not reach its caller, 1"}) {
+    const std::string line = std::string("The answer to ") + made + " objects are given back";
+    EXPECT_TRUE(test::WaitUntil([&] { return mLog.Has(test::kWarnLine, line); })) << line;
+  }
+  EXPECT_TRUE(test::WaitUntil([this] { return mFabric.Stats().objects == 0; }));
+  mReclaimer.Stop();
 }
 
 TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
