@@ -101,6 +101,9 @@ bool IsLoopback(const Address& address) {
                                            : IN6_IS_ADDR_LOOPBACK(&address.m6.sin6_addr);
 }
 
+/// Milliseconds after which a peer that acknowledges nothing, as one whose host has vanished, is given up.
+constexpr int kUnacknowledgedTime = 60000;
+
 void SetOption(int socket, int level, int name, int value) {
   setsockopt(socket, level, name, &value, sizeof(value));
 }
@@ -112,6 +115,7 @@ Outcome NewSocket(const Address& peer, const TransportSetting& setting, const st
     return {kNoMemory, std::string("no socket: ") + strerror(errno)};
   }
   SetOption(result.Get(), IPPROTO_TCP, TCP_NODELAY, 1);
+  SetOption(result.Get(), IPPROTO_TCP, TCP_USER_TIMEOUT, kUnacknowledgedTime);
   if (setting.mKeepAliveSeconds > 0) {
     SetOption(result.Get(), SOL_SOCKET, SO_KEEPALIVE, 1);
     SetOption(result.Get(), IPPROTO_TCP, TCP_KEEPIDLE, setting.mKeepAliveSeconds);

@@ -27,6 +27,53 @@ inline bool IsName(const std::string& name) {
   return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
 }
 
+/// The way back to who sent a request. Any thread, also after the handler has returned; all copies together
+/// answer once.
+class Caller {
+ public:
+  /// \param name of the operation, for the log.
+  Caller(std::uint16_t code, const char* name, std::shared_ptr<rpc::ServerContext> context)
+      : mCode(code), mName(name), mContext(std::move(context)) {}
+
+  /// As "ip:port".
+  std::string Peer() const { return mContext->PeerAddress(); }
+  /// An odd status goes without a message.
+  void Refuse(std::uint32_t status) const {
+    VYN_LOG_WARN("Refused " << mName << " from " << Peer() << " with " << status << ": "
+                            << StatusText(status));
+    common::RpcEngine::SyncRpcReply(mCode, mContext, status, nullptr, 0, kReplyTimeout);
+  }
+  /// \param response may hold null. \param sent may be null; see RpcEngine::SyncRpcReply.
+  void Answer(const common::Ref<common::BaseMessage>& response, rpc::Callback* sent = nullptr) const {
+    common::RpcEngine::SyncRpcReply(mCode, mContext, VYN_OK, response, kReplyTimeout, sent);
+  }
+
+ private:
+  /// Milliseconds for the whole of an answer. A caller that takes nothing of it is given up sooner.
+  static constexpr long kReplyTimeout = 240000;
+
+  std::uint16_t mCode;
+  const char* mName;
+  std::shared_ptr<rpc::ServerContext> mContext;
+};
+
+/// Serves `code`: `handler` gets each request that can be read, and owes its caller an answer, now or later.
+template <typename Request>
+void ServeRequests(rpc::Server& server, std::uint16_t code, const char* name,
+                   std::function<void(const common::Ref<Request>& request, const Caller& caller)> handler) {
+  server.Register(rpc::MessageId(code), [code, name, handler = std::move(handler)](
+                                            const std::shared_ptr<rpc::ServerContext>& context,
+                                            const std::shared_ptr<rpc::Message>& message) {
+    const Caller caller(code, name, context);
+    common::Ref<Request> request(new (std::nothrow) Request());
+    if (request == nullptr) {
+      caller.Refuse(VYN_ERR_NULL_POINTER);
+    } else if (!Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
+      handler(request, caller);
+    }  // otherwise refused and answered
+  });
+}
+
 /// One operation: reads `request`, fills `response`, returns 0 or an odd status. An odd status goes to the
 /// caller without a response. `peer` is the caller as "ip:port".
 template <typename Request, typename Response>
@@ -51,35 +98,25 @@ class UndoUnsent : public rpc::Callback {
   const std::function<void()> mUndo;
 };
 
-/// Serves `code` with `operation`. `name` stands in the log when the operation refuses. \param undo for an
-/// operation that makes what only its answer tells of.
+/// Serves `code` with `operation`. \param undo for an operation that makes what only its answer tells of.
 template <typename Request, typename Response>
 void Serve(rpc::Server& server, std::uint16_t code, const char* name, Operation<Request, Response> operation,
            Undo<Request, Response> undo = {}) {
-  server.Register(
-      rpc::MessageId(code),
-      [code, name, operation = std::move(operation), undo = std::move(undo)](
-          const std::shared_ptr<rpc::ServerContext>& context, const std::shared_ptr<rpc::Message>& message) {
-        common::Ref<Request> request(new (std::nothrow) Request());
+  ServeRequests<Request>(
+      server, code, name,
+      [operation = std::move(operation), undo = std::move(undo)](const common::Ref<Request>& request,
+                                                                 const Caller& caller) {
         common::Ref<Response> response(new (std::nothrow) Response());
-        if (request == nullptr || response == nullptr) {
-          common::RpcEngine::SyncRpcReply(code, context, VYN_ERR_NULL_POINTER, nullptr, 0, 0);
-          return;
-        }
-        if (Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
-          return;  // refused and answered
-        }
-        const std::uint32_t status = operation(*request, *response, context->PeerAddress());
+        const std::uint32_t status =
+            response == nullptr ? VYN_ERR_NULL_POINTER : operation(*request, *response, caller.Peer());
         if (Failed(status)) {
-          VYN_LOG_WARN("Refused " << name << " from " << context->PeerAddress() << " with " << status << ": "
-                                  << StatusText(status));
-          common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
+          caller.Refuse(status);
           return;
         }
         auto unsent =
             undo ? std::make_unique<UndoUnsent>([undo, request, response] { undo(*request, *response); })
                  : nullptr;
-        common::RpcEngine::SyncRpcReply(code, context, VYN_OK, response, 0, unsent.release());
+        caller.Answer(response, unsent.release());
       });
 }
 
@@ -87,24 +124,16 @@ void Serve(rpc::Server& server, std::uint16_t code, const char* name, Operation<
 template <typename Request>
 void ServeWithoutReply(rpc::Server& server, std::uint16_t code, const char* name,
                        std::function<std::uint32_t(Request& request, const std::string& peer)> operation) {
-  server.Register(rpc::MessageId(code), [code, name, operation = std::move(operation)](
-                                            const std::shared_ptr<rpc::ServerContext>& context,
-                                            const std::shared_ptr<rpc::Message>& message) {
-    common::Ref<Request> request(new (std::nothrow) Request());
-    if (request == nullptr) {
-      common::RpcEngine::SyncRpcReply(code, context, VYN_ERR_NULL_POINTER, nullptr, 0, 0);
-      return;
-    }
-    if (Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
-      return;
-    }
-    const std::uint32_t status = operation(*request, context->PeerAddress());
-    if (Failed(status)) {
-      VYN_LOG_WARN("Refused " << name << " from " << context->PeerAddress() << " with " << status << ": "
-                              << StatusText(status));
-    }
-    common::RpcEngine::SyncRpcReply(code, context, status, nullptr, 0, 0);
-  });
+  ServeRequests<Request>(
+      server, code, name,
+      [operation = std::move(operation)](const common::Ref<Request>& request, const Caller& caller) {
+        const std::uint32_t status = operation(*request, caller.Peer());
+        if (Failed(status)) {
+          caller.Refuse(status);
+        } else {
+          caller.Answer(nullptr);
+        }
+      });
 }
 
 /// Answers every operation with `status`. Call it first: what is served later takes the code's place.

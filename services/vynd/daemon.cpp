@@ -141,6 +141,7 @@ void Daemon::Stop() {
       running->count_down();
     }).detach();  // a hard end of the process leaves none behind that should have been joined
   };
+  mMetadataClient.Stop();
   end(mRegistry);
   end(mMember);
   end(mNodeServer);

@@ -2,9 +2,9 @@
 
 #include "cluster/meta_node_info.h"
 #include "common/util/clock.h"
-#include "common/util/configuration.h"
 #include "common/util/logging.h"
 #include "services/common/service_status.h"
+#include "tessel/message/operation_codes.h"
 
 #include <shared_mutex>
 
@@ -13,6 +13,12 @@ namespace vyn::services {
 namespace {
 
 constexpr auto kLeaderPause = std::chrono::milliseconds(20);
+constexpr auto kRetryPause = std::chrono::seconds(1);
+
+/// Whether another leader, or the same a moment later, may answer.
+bool IsTransient(std::uint32_t status) {
+  return status == VYN_ERR_RPC_TRANSPORT_A || status == VYN_ERR_RPC_TRANSPORT_B || status == kStatusNoLeader;
+}
 
 }  // namespace
 
@@ -46,10 +52,7 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   if (KnownLeader().empty()) {
     return kStatusNoLeader;
   }
-  const auto conf = common::Configuration::GetInstance();
-  VYN_CHECK_POINTER(conf);
-  engine = tessel::ShuffleMetaRPCEngine::CreateInstance(
-      conf->GetLong("vyn.tessel.rpc.shuffle_meta.timeout", 0), false, nullptr);
+  engine = tessel::ShuffleMetaRPCEngine::CreateInstance(mLimits.connect.count(), false, nullptr);
   VYN_CHECK_POINTER(engine);
   // A leader that does not answer now is followed by the calls: only a client without a pool has to be made
   // again.
@@ -65,19 +68,33 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   return VYN_OK;
 }
 
+std::uint32_t MetadataClient::Ask(const common::Ref<tessel::BroadcastVar>& request,
+                                  const common::Ref<tessel::BroadcastBlockInfo>& response) {
+  common::Ref<tessel::ShuffleMetaRPCEngine> engine;
+  std::uint32_t status = Engine(engine);
+  if (!Failed(status)) {
+    status = engine->RefreshMasterNodeInfo(true);
+  }
+  return Failed(status) ? status
+                        : engine->SendCall(static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GET),
+                                           request, response, mLimits.call.count());
+}
+
 std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32_t id,
                                      tessel::BroadcastBlockInfo& info) {
-  common::Ref<tessel::ShuffleMetaRPCEngine> engine;
-  if (const std::uint32_t status = Engine(engine); Failed(status)) {
-    return status;
-  }
   common::Ref<tessel::BroadcastVar> request(new (std::nothrow) tessel::BroadcastVar());
   common::Ref<tessel::BroadcastBlockInfo> response(new (std::nothrow) tessel::BroadcastBlockInfo());
   VYN_CHECK_POINTER(request);
   VYN_CHECK_POINTER(response);
   request->appId = application;
   request->broadcastId = id;
-  const std::uint32_t status = engine->BroadcastVarInfoGet(request, response);
+  const auto end = common::SteadyNow() + mLimits.lookUp;
+  std::uint32_t status = Ask(request, response);
+  while (IsTransient(status) && !mStopping.load(std::memory_order_relaxed) &&
+         common::SteadyNow() + kRetryPause < end) {
+    common::SleepFor(kRetryPause);
+    status = Ask(request, response);
+  }
   if (Failed(status)) {
     return status;
   }

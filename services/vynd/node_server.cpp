@@ -3,7 +3,6 @@
 #include "common/util/log.h"
 #include "common/util/logging.h"
 #include "platform/bmclient/protocol.h"
-#include "services/common/rpc_handlers.h"
 #include "services/vynd/metadata_client.h"
 #include "services/vynd/token_registry.h"
 #include "tessel/message/operation_codes.h"
@@ -67,6 +66,16 @@ void Copy(const BroadcastBlockInfo& from, BroadcastBlockInfo& to) {
   to.bmIds = from.bmIds;
   to.sizes = from.sizes;
   to.nodeId = from.nodeId;
+}
+
+void Answer(const Caller& caller, const BroadcastBlockInfo& variable) {
+  common::Ref<BroadcastBlockInfo> response(new (std::nothrow) BroadcastBlockInfo());
+  if (response == nullptr) {
+    caller.Refuse(VYN_ERR_NULL_POINTER);
+    return;
+  }
+  Copy(variable, *response);
+  caller.Answer(response);
 }
 
 /// What the object `bmId` gives to the number of its blob. Returns: 0 when it cannot be computed.
@@ -153,9 +162,11 @@ void NodeServer::RegisterOperations() {
       [this](const auto& request, const auto& response) {
         TakeBack("BROADCAST_BLOCK_BATCH_CREATE", request.appId, response.bmIds);
       });
-  Serve<BroadcastVar, BroadcastBlockInfo>(
-      mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, "BROADCAST_BLOCK_BATCH_FETCH",
-      [this](auto& request, auto& response, const std::string&) { return FetchBlocks(request, response); });
+  ServeRequests<BroadcastVar>(mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH,
+                              "BROADCAST_BLOCK_BATCH_FETCH",
+                              [this](const common::Ref<BroadcastVar>& request, const Caller& caller) {
+                                FetchBlocks(*request, caller);
+                              });
 }
 
 bool NodeServer::IsRegistered(const std::string& application) const {
@@ -234,35 +245,63 @@ void NodeServer::TakeBack(const char* operation, const std::string& application,
   mOptions.giveBack(application, bmIds);
 }
 
-std::uint32_t NodeServer::FetchBlocks(BroadcastVar& request, BroadcastBlockInfo& response) {
+void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) {
   if (!IsName(request.appId)) {
-    return kStatusInvalidRequest;
+    caller.Refuse(kStatusInvalidRequest);
+    return;
   }
   if (!IsRegistered(request.appId)) {
-    return kStatusNotRegistered;
+    caller.Refuse(kStatusNotRegistered);
+    return;
   }
-  const Key key(request.appId, request.broadcastId);
-  std::uint64_t forgets = 0;
+  Flight flight({request.appId, request.broadcastId}, 0);
+  common::Ref<BroadcastBlockInfo> known;
   {
     std::lock_guard lock(mMutex);
-    if (const auto known = mVariables.find(key); known != mVariables.end()) {
-      Copy(*known->second, response);
-      return VYN_OK;
+    if (const auto found = mVariables.find(flight.first); found != mVariables.end()) {
+      known = found->second;
+    } else {
+      flight.second = mForgets;
+      const auto [waiting, first] = mFlights.try_emplace(flight, std::vector<Caller>{caller});
+      if (!first) {
+        waiting->second.push_back(caller);
+        return;
+      }
     }
-    forgets = mForgets;
   }
-  const std::uint32_t status = mOptions.lookUp(request.appId, request.broadcastId, response);
-  if (Failed(status)) {
-    return status;
+  if (known != nullptr) {
+    Answer(caller, *known);
+  } else {
+    LookUp(flight);
   }
-  common::Ref<BroadcastBlockInfo> remembered(new (std::nothrow) BroadcastBlockInfo());
-  VYN_CHECK_POINTER(remembered);
-  Copy(response, *remembered);
-  std::lock_guard lock(mMutex);
-  if (mForgets == forgets) {
-    mVariables[key] = remembered;
+}
+
+void NodeServer::LookUp(const Flight& flight) {
+  const auto& [application, id] = flight.first;
+  common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
+  std::uint32_t status = VYN_ERR_NULL_POINTER;
+  try {
+    if (found != nullptr) {
+      status = mOptions.lookUp(application, id, *found);
+    }
+  } catch (const std::exception& failure) {
+    VYN_LOG_ERROR("The look-up of variable " << id << " of " << application << " failed: " << failure.what());
   }
-  return VYN_OK;
+  std::vector<Caller> waiting;
+  {
+    std::lock_guard lock(mMutex);
+    waiting = std::move(mFlights.extract(flight).mapped());
+    if (!Failed(status) && mForgets == flight.second) {
+      mVariables[flight.first] = found;
+    }
+  }
+  for (const Caller& caller : waiting) {
+    if (Failed(status)) {
+      caller.Refuse(status);
+    } else {
+      Answer(caller, *found);
+    }
+  }
 }
 
 std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response) {

@@ -10,6 +10,7 @@
 #include "common/util/ref.h"
 #include "platform/bmclient/node/fabric_node.h"
 #include "platform/rpc/server.h"
+#include "services/common/rpc_handlers.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/shuffle/blob_messages.h"
@@ -62,6 +63,8 @@ class NodeServer {
 
  private:
   using Key = std::pair<std::string, std::uint32_t>;
+  /// A look-up under way: of which variable, and how often this server had forgotten when it began.
+  using Flight = std::pair<Key, std::uint64_t>;
 
   void RegisterOperations();
   std::uint32_t RegisterApplication(tessel::ApplicationRegisterRequest& request,
@@ -70,7 +73,9 @@ class NodeServer {
   std::uint32_t CreateBlocks(tessel::BroadcastBlockBatch& request, tessel::BroadcastBlockInfo& response);
   /// Frees what was made for a caller that has gone without its answer.
   void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
-  std::uint32_t FetchBlocks(tessel::BroadcastVar& request, tessel::BroadcastBlockInfo& response);
+  void FetchBlocks(const tessel::BroadcastVar& request, const Caller& caller);
+  /// Asks the metadata leader, and answers all who have asked meanwhile.
+  void LookUp(const Flight& flight);
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request);
   /// Requires: mMutex is held.
@@ -85,8 +90,11 @@ class NodeServer {
   std::mutex mMutex;
   // Guarded by mMutex.
   std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;
-  /// Counts the forgets, so that an answer of the leader that was on its way meanwhile is not remembered.
+  /// Counts the forgets, so that an answer of the leader that was on its way meanwhile is not remembered, nor
+  /// given to who asked later.
   std::uint64_t mForgets = 0;
+  /// Who waits for each look-up. Only the first of them keeps a worker.
+  std::map<Flight, std::vector<Caller>> mFlights;
 };
 
 }  // namespace vyn::services

@@ -36,9 +36,12 @@ class NodeServerTest : public test::ClusterTest {
     fabric.capacity = 10 * 4096;
     ASSERT_TRUE(mFabric.Start(fabric, error)) << error;
     StartServer();
+    ConnectTo(*mEngine);
+  }
+  void ConnectTo(common::RpcEngine& engine) {
     std::string ip = "127.0.0.1";
     std::map<std::string, const std::string> security;
-    ASSERT_EQ(mEngine->Initialize(ip, static_cast<short>(mPort.Number()), kTimeout, false, false, security),
+    ASSERT_EQ(engine.Initialize(ip, static_cast<short>(mPort.Number()), kTimeout, false, false, security),
               0U);
   }
   void StartServer() {
@@ -94,12 +97,25 @@ class NodeServerTest : public test::ClusterTest {
     mCreated = new BroadcastBlockInfo();
     return Call(BROADCAST_BLOCK_BATCH_CREATE, request.Get(), mCreated.Get());
   }
-  std::uint32_t Fetch(const std::string& app, std::uint32_t id) {
+  std::uint32_t Fetch(const std::string& app, std::uint32_t id) { return Fetch(*mEngine, app, id); }
+  static std::uint32_t Fetch(common::RpcEngine& engine, const std::string& app, std::uint32_t id) {
     Ref<BroadcastVar> request(new BroadcastVar());
     request->appId = app;
     request->broadcastId = id;
     Ref<BroadcastBlockInfo> response(new BroadcastBlockInfo());
-    return Call(BROADCAST_BLOCK_BATCH_FETCH, request.Get(), response.Get());
+    const std::uint32_t status =
+        engine.SyncRpcCall(BROADCAST_BLOCK_BATCH_FETCH, request.Get(), response.Get(), kTimeout);
+    EXPECT_TRUE(status != 0 || response->bmIds.size() == 1);
+    return status;
+  }
+  /// Another client, which fetches the held variable.
+  std::jthread FetchHeld() {
+    return std::jthread([this] {
+      Ref<common::RpcEngine> engine(new common::RpcEngine());
+      ConnectTo(*engine);
+      EXPECT_EQ(Fetch(*engine, "app", kHeld), 0U);
+      ++mFetched;
+    });
   }
 
   /// Sends a request as a client that will not read its answer, and waits until the server has seen it go.
@@ -123,6 +139,7 @@ class NodeServerTest : public test::ClusterTest {
   test::ReservedPort mPort;
   unsigned int mWorkers = 8;
   std::atomic<bool> mLetGo{false};
+  std::atomic<int> mFetched{0};
   bm::FabricNode mFabric;
   std::atomic<int> mLookUps{0};
   std::unique_ptr<NodeServer> mServer;
@@ -193,7 +210,7 @@ TEST_F(NodeServerTest, WhatWasMadeForACallerThatHasGoneIsGivenBack) {
   mReclaimer.Start();
   mWorkers = 1;
   StartServer();
-  std::jthread busy([this] { EXPECT_EQ(Fetch("app", kHeld), 0U); });
+  const std::jthread busy = FetchHeld();
   ASSERT_TRUE(test::WaitUntil([this] { return mLookUps == 1; }));
   // Both wait behind it until their callers have gone.
   Ref<BroadcastBlockBatch> blocks(new BroadcastBlockBatch());
@@ -234,6 +251,29 @@ TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
   EXPECT_EQ(mLookUps, 3);
   EXPECT_EQ(Fetch("app", 1), 0U);
   EXPECT_EQ(mLookUps, 4);
+}
+
+TEST_F(NodeServerTest, OneAsksTheLeaderForAllAndTheOthersKeepNoWorker) {
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  mWorkers = 3;
+  StartServer();
+  std::vector<std::jthread> clients;
+  for (int i = 0; i < 6; ++i) {
+    clients.push_back(FetchHeld());
+  }
+  ASSERT_TRUE(test::WaitUntil([this] { return mLookUps == 1; }));
+  EXPECT_EQ(Fetch("app", 1), 0U) << "there are workers for it";
+  EXPECT_EQ(mLookUps, 2);
+  // Who asks after the variable was deleted must not get what was asked for before.
+  mServer->Forget("app", kHeld);
+  clients.push_back(FetchHeld());
+  EXPECT_TRUE(test::WaitUntil([this] { return mLookUps == 3; }));
+  EXPECT_EQ(mFetched, 0);
+  mLetGo = true;
+  clients.clear();
+  EXPECT_EQ(mFetched, 7);
+  EXPECT_EQ(Fetch("app", kHeld), 0U);
+  EXPECT_EQ(mLookUps, 3) << "the later answer is remembered";
 }
 
 TEST_F(NodeServerTest, ANameOrTokenThatThePoolRefusesIsNotFixed) {
