@@ -90,19 +90,24 @@ bool TlsContext::LoadRevocations(const std::string& path, std::string& error) {
                                                             mApi->BIO_free);
   X509_STORE* store = mApi->SSL_CTX_get_cert_store(mContext);
   int count = 0;
-  while (file != nullptr) {
+  bool good = file != nullptr;
+  while (good) {
     X509_CRL* list = mApi->PEM_read_bio_X509_CRL(file.get(), nullptr, nullptr, nullptr);
     if (list == nullptr) {
-      break;
+      const unsigned long code = mApi->ERR_peek_error();
+      good = count > 0 && ERR_GET_LIB(code) == ERR_LIB_PEM && ERR_GET_REASON(code) == PEM_R_NO_START_LINE;
+      break;  // good: the end of the file
     }
-    count += mApi->X509_STORE_add_crl(store, list);
+    good = mApi->X509_STORE_add_crl(store, list) == 1;
     mApi->X509_CRL_free(list);
+    count += good ? 1 : 0;
   }
-  if (count == 0) {
-    error = "cannot read a revocation list of tls.crl.path " + path + ": " + TlsErrorText(mApi);
+  if (!good) {
+    error = "cannot read revocation list " + std::to_string(count + 1) + " of tls.crl.path " + path + ": " +
+            TlsErrorText(mApi);
     return false;
   }
-  mApi->ERR_clear_error();  // the end of the file
+  mApi->ERR_clear_error();
   mApi->X509_STORE_set_flags(store, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
   return true;
 }

@@ -13,8 +13,8 @@ namespace vyn::test {
 class Certificates {
  public:
   /// Files: ca.pem, other_ca.pem; server, expired and revoked, each .pem and .key; encrypted.key, the
-  /// server's under the password in password.txt; crl.pem, which revokes "revoked". The certificates name
-  /// vyn-server and 127.0.0.1.
+  /// server's under the password in password.txt; crl.pem, which revokes "revoked"; half_crl.pem, the
+  /// same with the beginning of another list behind it. The certificates name vyn-server and 127.0.0.1.
   Certificates() {
     mFolder.Write("ca.cnf",
                   "[ca]\ndefault_ca=own\n[own]\ndatabase=index.txt\ndefault_md=sha256\ndefault_crl_days=2\n");
@@ -29,6 +29,7 @@ class Certificates {
     Run("openssl pkey -in server.key -aes256 -passout file:password.txt -out encrypted.key");
     Run("openssl ca -config ca.cnf -cert ca.pem -keyfile ca.key -revoke revoked.pem");
     Run("openssl ca -config ca.cnf -cert ca.pem -keyfile ca.key -gencrl -out crl.pem");
+    Run("(cat crl.pem; head -n 3 crl.pem) > half_crl.pem");
   }
 
   /// Returns: the path of one of the files.

@@ -258,7 +258,8 @@ TEST_F(RpcTls, SettingsThatAreRefused) {
       {"tls.ca.cert.path", "", "tls.ca.cert.path is empty"},
       {"tls.ca.cert.path", "/nowhere/ca.pem", "tls.ca.cert.path /nowhere/ca.pem"},
       {"tls.crl.path", "/nowhere/crl.pem", "tls.crl.path /nowhere/crl.pem"},
-      {"tls.crl.path", File("ca.pem"), "revocation list"},
+      {"tls.crl.path", File("ca.pem"), "revocation list 1 of tls.crl.path"},
+      {"tls.crl.path", File("half_crl.pem"), "revocation list 2 of tls.crl.path"},
   };
   for (const auto& one : kClients) {
     SecuredClient client("127.0.0.1", StartServer("server"), {}, true, false);
