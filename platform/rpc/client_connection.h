@@ -45,6 +45,8 @@ class ClientConnection {
  private:
   Outcome Open(const Deadline& deadline);
   Outcome Establish(const Deadline& deadline);
+  /// Gives a plain socket its time limits, by which reads and writes can wait without a poll.
+  Outcome MakeWaiting() const;
   Outcome Exchange(const Message& request, std::uint32_t length, Message& response, const Deadline& deadline);
   Outcome Send(std::vector<iovec>& parts, const Deadline& deadline);
   Outcome ReceiveExactly(void* data, std::size_t size, const Deadline& deadline);
@@ -67,6 +69,8 @@ class ClientConnection {
   // The open connection; mStream is null when there is none.
   Descriptor mSocket;
   std::unique_ptr<Stream> mStream;
+  PlainStream* mPlain = nullptr;  // the stream, if it can wait by itself
+  Deadline::Clock::time_point mLastBegin{};
   std::optional<FrameReader> mReader;
   std::uint32_t mPeerMaxLength = 0;
   std::uint64_t mLastCall = 0;

@@ -21,6 +21,11 @@ class Deadline {
   bool HasLimit() const { return mEnd != Clock::time_point::max(); }
   bool IsOver(Clock::time_point now = Clock::now()) const { return now >= mEnd; }
 
+  /// Whether more than `time` is left.
+  bool Exceeds(std::chrono::milliseconds time, Clock::time_point now = Clock::now()) const {
+    return !HasLimit() || mEnd - now > time;
+  }
+
   /// What is left as poll() takes it: -1 without a limit, otherwise rounded up, so that a wait of this length
   /// ends behind the deadline and not before it.
   int PollTime() const {

@@ -16,7 +16,12 @@ FrameReader::State FrameReader::Next(Stream& stream, Frame& frame) {
       }
       needed += header.mLength;
       if (mEnd - mBegin >= needed) {
+        mAccepted = false;
         return Take(header, frame) ? State::kFrame : Fail("no memory for a frame");
+      }
+      if (needed > kLargeBlock && !mAccepted) {
+        mLongLength = header.mLength;
+        return State::kLongFrame;
       }
     }
     if (mDrained) {

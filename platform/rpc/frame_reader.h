@@ -22,8 +22,14 @@ inline constexpr std::size_t kReplyAlignment = 4;
 
 class FrameReader {
  public:
+  /// The smallest and the largest block that is taken before the length of a frame is known. A frame above the
+  /// latter is a long one.
+  static constexpr std::size_t kSmallBlock = 4096;
+  static constexpr std::size_t kLargeBlock = std::size_t{128} << 10;
+
   enum class State {
     kFrame,      ///< `frame` is filled
+    kLongFrame,  ///< LongLength() bytes are to come, for which no memory was taken yet; Accept() lets Next go on
     kWantRead,   ///< again when the socket is readable
     kWantWrite,  ///< again when the socket is writable (TLS)
     kClosed,     ///< the peer closed the connection
@@ -37,6 +43,9 @@ class FrameReader {
   State Next(Stream& stream, Frame& frame);
   /// The socket is readable: Next has to look, whatever the last read found.
   void Woken() { mDrained = false; }
+  /// The length of the body that kLongFrame told of.
+  std::size_t LongLength() const { return mLongLength; }
+  void Accept() { mAccepted = true; }
   /// Whether bytes behind the last whole frame have arrived.
   bool IsInFrame() const { return mBegin != mEnd; }
   const char* Error() const { return mError; }
@@ -46,10 +55,6 @@ class FrameReader {
     void operator()(char* block) const { std::free(block); }
   };
   using Block = std::unique_ptr<char, Free>;
-
-  /// The smallest and the largest block that is taken before the length of a frame is known.
-  static constexpr std::size_t kSmallBlock = 4096;
-  static constexpr std::size_t kLargeBlock = std::size_t{256} << 10;
 
   bool MakeRoom(std::size_t frameLength);
   bool Take(const FrameHeader& header, Frame& frame);
@@ -65,6 +70,8 @@ class FrameReader {
   std::size_t mBegin = 0;
   std::size_t mEnd = 0;
   std::size_t mExpected = kSmallBlock;
+  std::size_t mLongLength = 0;
+  bool mAccepted = false;
   bool mDrained = false;  // the last read took all that there was
   const char* mError = "";
 };

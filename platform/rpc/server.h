@@ -50,7 +50,10 @@ struct ServerOptions {
   std::size_t mMaxConnections = 4096;
   /// Unanswered requests of one connection; the connection is not read from above it.
   std::size_t mMaxPendingCalls = 64;
-  /// Bytes of unanswered requests of all connections together; above it no connection begins a new request.
+  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of replies
+  /// that wait for their readers. Above it no connection begins a new request, which the report tells. A reply
+  /// that would have to wait when those that wait fill the limit by themselves ends its connection. A
+  /// connection's read buffer, with frames of at most 128 KiB, does not count.
   std::size_t mMaxPendingBytes = std::size_t{512} << 20;
   /// Milliseconds from accept to the end of the greeting, TLS included.
   std::int64_t mHandshakeTimeout = 10000;
@@ -95,7 +98,8 @@ class Server {
   std::size_t Connections() const;
 
   /// Takes no more connections and requests, lets running calls answer for at most mStopTimeout, then closes
-  /// every connection and ends the threads. Waits for handlers that are running. Not from a handler.
+  /// every connection and ends the threads. Waits for handlers that are running, and for another thread that
+  /// is at it. Not from a handler.
   void Stop();
 
   /// Sends the reply to the request of `context`; any thread, once. What the connection does not take at once

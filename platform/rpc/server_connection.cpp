@@ -119,7 +119,11 @@ ServerConnection::Step ServerConnection::StepHandshake(std::string& error) {
   Greeting own;
   own.mMaxLength = static_cast<std::uint32_t>(mCore->Options().mMaxFrameLength);
   Output output;
-  return Keep({{&own, sizeof(own)}}, 0, nullptr, output) ? Step::kGo : Step::kEnd;
+  if (const char* wrong = Keep({{&own, sizeof(own)}}, 0, nullptr, output)) {
+    error = wrong;
+    return Step::kEnd;
+  }
+  return Step::kGo;
 }
 
 ServerConnection::Step ServerConnection::StepGreeting(std::string& error) {
@@ -151,17 +155,27 @@ ServerConnection::Step ServerConnection::NextFrame(Frame& frame, std::string& er
     mPaused = true;
     return Step::kWait;
   }
-  if (!mCore->AdmitOrPark(shared_from_this())) {
+  // A request that was let in must be able to end, or those that wait for it would wait for ever.
+  if (mArriving == 0 && !mCore->AdmitOrPark(shared_from_this())) {
     mParked = true;
     return Step::kWait;
   }
-  switch (mReader.Next(*mStream, frame)) {
+  FrameReader::State state = mReader.Next(*mStream, frame);
+  if (state == FrameReader::State::kLongFrame) {
+    mArriving = mReader.LongLength();
+    mCore->Hold(mArriving);
+    mReader.Accept();
+    state = mReader.Next(*mStream, frame);
+  }
+  switch (state) {
     case FrameReader::State::kFrame:
       mLastActivity = mLoop.mEvents.Now();
       mFrameBegan = {};
       ++mPending;
-      mCore->BeginCall(frame.mHeader.mLength);
+      mCore->BeginCall(frame.mHeader.mLength - std::exchange(mArriving, 0));
       return Step::kGo;
+    case FrameReader::State::kLongFrame:
+      break;  // only once in a frame
     case FrameReader::State::kWantRead:
       if (mReader.IsInFrame() && mFrameBegan == Clock::time_point{}) {
         mFrameBegan = mLoop.mEvents.Now();
@@ -210,11 +224,12 @@ ServerConnection::Step ServerConnection::Flush(Ended& ended, std::string& error)
   return Step::kGo;
 }
 
-bool ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t first, Message* message,
-                            Output& output) {
+const char* ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t first, Message* message,
+                                   Output& output) {
   try {
     std::size_t copied = 0;
     for (std::size_t i = first; i < parts.size(); ++i) {
+      output.mHeld += parts[i].iov_len;
       if (i == 0 || !message->Bl()[i - 1].Owns()) {
         copied += parts[i].iov_len;
       }
@@ -233,15 +248,19 @@ bool ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t first, 
       output.mParts.push_back(part);
     }
     mOutput.push_back(std::move(output));
-    mLastWritten = mLoop.mEvents.Now();
-    return true;
   } catch (const std::bad_alloc&) {
-    return false;
+    return "no memory for a reply";
   }
+  if (!mCore->HoldReply(mOutput.back().mHeld)) {
+    mOutput.pop_back();
+    return "a reply has to wait, and those that wait fill the limit of bytes already";
+  }
+  mLastWritten = mLoop.mEvents.Now();
+  return nullptr;
 }
 
-bool ServerConnection::KeepReply(std::size_t first, std::int32_t status, Message* message,
-                                 std::int64_t timeout, Callback* callback, std::size_t requestLength) {
+const char* ServerConnection::KeepReply(std::size_t first, std::int32_t status, Message* message,
+                                        std::int64_t timeout, Callback* callback, std::size_t requestLength) {
   Output output;
   output.mStatus = status;
   output.mDeadline = Deadline(timeout < 1 ? -1 : timeout);
@@ -282,6 +301,7 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
   std::int32_t result = kConnectionLost;
   Step step = Step::kEnd;
   bool pump = false;
+  std::size_t arriving = 0;
   {
     std::lock_guard lock(mMutex);
     if (mPhase != Phase::kClosed) {
@@ -293,9 +313,11 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
       std::size_t first = 0;
       std::string error;
       step = mOutput.empty() ? Write(mParts, first, error) : Step::kWait;
-      if (step == Step::kWait && !KeepReply(first, result, message, timeout, callback, requestLength)) {
-        step = Step::kEnd;
-        error = "no memory for a reply";
+      if (step == Step::kWait) {
+        if (const char* wrong = KeepReply(first, result, message, timeout, callback, requestLength)) {
+          step = Step::kEnd;
+          error = wrong;
+        }
       }
       if (step == Step::kGo) {
         mLastActivity = mLastWritten;
@@ -303,7 +325,7 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
       pump = step == Step::kGo ? CountDown() : step == Step::kWait;
       if (step == Step::kEnd) {
         result = kConnectionLost;
-        Close(ended);
+        arriving = Close(ended);
         mLoop.mEvents.Post([self = shared_from_this(), error] { self->Shut(error); });
       }
     }
@@ -312,6 +334,9 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
     PostPump();
   }
   Settle(ended, kConnectionLost);
+  if (arriving > 0) {
+    mCore->Release(arriving);
+  }
   if (step != Step::kWait) {
     if (callback != nullptr) {
       callback->Done(result);
@@ -349,7 +374,7 @@ std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
 }
 
 /// Ends all traffic. The descriptor itself stays open until the loop's thread lets go of it.
-void ServerConnection::Close(Ended& ended) {
+std::size_t ServerConnection::Close(Ended& ended) {
   mPhase = Phase::kClosed;
   for (Output& output : mOutput) {
     ended.push_back(std::move(output));
@@ -358,17 +383,20 @@ void ServerConnection::Close(Ended& ended) {
   mStream->Close();
   mStream.reset();
   shutdown(mSocket.Get(), SHUT_RDWR);
+  return std::exchange(mArriving, 0);
 }
 
 void ServerConnection::Shut(const std::string& reason) {
   Ended ended;
+  std::size_t arriving = 0;
   {
     std::lock_guard lock(mMutex);
     if (mPhase != Phase::kClosed) {
-      Close(ended);
+      arriving = Close(ended);
     }
   }
   Settle(ended, kConnectionLost);
+  mCore->Release(arriving);
   if (mSocket) {
     mLoop.mEvents.Unwatch(mSocket.Get());
     mSocket.Close();
@@ -387,6 +415,7 @@ void ServerConnection::Settle(Ended& ended, std::int32_t status) {
     if (output.mIsReply) {
       mCore->EndCall(output.mRequestLength);
     }
+    mCore->ReleaseReply(output.mHeld);
   }
 }
 

@@ -60,6 +60,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     Callback* mCallback = nullptr;
     std::int32_t mStatus = 0;  // for the callback, once all is written
     std::size_t mRequestLength = 0;
+    std::size_t mHeld = 0;  // counted in until it has gone
     bool mIsReply = false;
   };
   /// Calls that have ended, to be counted out when the lock is gone.
@@ -81,15 +82,16 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   Step Write(std::vector<iovec>& parts, std::size_t& first, std::string& error);
   Step Flush(Ended& ended, std::string& error);
   /// Puts the rest of `parts`, from `first` on, behind mOutput: a header, then the buffers of `message`.
-  /// Returns: false without memory.
-  bool Keep(const std::vector<iovec>& parts, std::size_t first, Message* message, Output& output);
-  bool KeepReply(std::size_t first, std::int32_t status, Message* message, std::int64_t timeout,
-                 Callback* callback, std::size_t requestLength);
+  /// Returns: null, or why that is not possible.
+  const char* Keep(const std::vector<iovec>& parts, std::size_t first, Message* message, Output& output);
+  const char* KeepReply(std::size_t first, std::int32_t status, Message* message, std::int64_t timeout,
+                        Callback* callback, std::size_t requestLength);
   std::int32_t LayOut(FrameHeader& header, Message* message);
   /// A call has its answer. Returns: whether the connection may be read from again and was not.
   bool CountDown();
   Step Note(IoState state, std::string& error);
-  void Close(Ended& ended);
+  /// Returns: the bytes of a request that was arriving, to be released when the lock is gone.
+  std::size_t Close(Ended& ended);
 
   void Settle(Ended& ended, std::int32_t status);
   /// Tells the loop what to wait for.
@@ -113,6 +115,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   std::deque<Output> mOutput;
   std::vector<iovec> mParts;  // of the reply being written
   std::size_t mPending = 0;   // calls that are not answered, or whose answer has not gone yet
+  std::size_t mArriving = 0;  // bytes counted in for a long request that is not complete
   bool mPaused = false;       // not read from until one of them is answered
   bool mParked = false;       // not read from until the server has room
   bool mWantRead = false;

@@ -22,6 +22,9 @@ namespace {
 /// Connections taken from the listener before the loop's other work gets its turn.
 constexpr int kAcceptsInTurn = 64;
 
+/// How often the report tells at most that the byte limit is reached.
+constexpr std::chrono::seconds kFullReportPause{10};
+
 struct SocketAddress {
   sockaddr_storage mStorage{};
   socklen_t mSize = sizeof(sockaddr_storage);
@@ -164,7 +167,12 @@ void ServerCore::RunLoop(EventLoop& events) const {
 }
 
 void ServerCore::Stop() {
-  if (mStopping.exchange(true) || mLoops.empty()) {
+  mStopping.store(true);
+  std::call_once(mStopped, [this] { StopOnce(); });
+}
+
+void ServerCore::StopOnce() {
+  if (mLoops.empty()) {
     return;
   }
   mLoops.front()->mEvents.Post([this] { mListener.Close(); });
@@ -242,7 +250,8 @@ void ServerCore::Admit(Descriptor descriptor, std::string peer) {
     }
     return;
   }
-  auto stream = mTls != nullptr ? mTls->NewStream(descriptor.Get()) : NewPlainStream(descriptor.Get());
+  auto stream =
+      mTls != nullptr ? mTls->NewStream(descriptor.Get()) : std::make_unique<PlainStream>(descriptor.Get());
   if (stream == nullptr) {
     Report(peer + ": no memory for a TLS connection");
     return;
@@ -286,7 +295,22 @@ bool ServerCore::AdmitOrPark(const std::shared_ptr<ServerConnection>& connection
     return true;
   }
   mParked.push_back(connection);
+  ReportFull();
   return false;
+}
+
+/// With mMutex held.
+void ServerCore::ReportFull() {
+  const auto now = EventLoop::Clock::now();
+  if (mFullReported != EventLoop::Clock::time_point{} && now - mFullReported < kFullReportPause) {
+    return;
+  }
+  mFullReported = now;
+  mLoops.front()->mEvents.Post([this] {
+    Report("requests and waiting replies hold " + std::to_string(mPendingBytes.load()) +
+           " bytes, the limit is " + std::to_string(mOptions.mMaxPendingBytes) +
+           ": new requests have to wait");
+  });
 }
 
 void ServerCore::BeginCall(std::size_t length) {
@@ -295,20 +319,43 @@ void ServerCore::BeginCall(std::size_t length) {
 }
 
 void ServerCore::EndCall(std::size_t length) {
-  const std::size_t bytes = mPendingBytes.fetch_sub(length) - length;
-  std::vector<std::shared_ptr<ServerConnection>> resumed;
-  if (mAnyParked.load() && bytes < mOptions.mMaxPendingBytes) {
-    std::lock_guard lock(mMutex);
-    mAnyParked.store(false);
-    resumed.swap(mParked);
-  }
+  Release(length);
   if (mPendingCalls.fetch_sub(1) == 1 && IsStopping()) {
     std::lock_guard lock(mMutex);
     mIdle.notify_all();
   }
+}
+
+void ServerCore::Release(std::size_t bytes) {
+  const std::size_t left = mPendingBytes.fetch_sub(bytes) - bytes;
+  if (!mAnyParked.load() || left >= mOptions.mMaxPendingBytes) {
+    return;
+  }
+  std::vector<std::shared_ptr<ServerConnection>> resumed;
+  {
+    std::lock_guard lock(mMutex);
+    mAnyParked.store(false);
+    resumed.swap(mParked);
+  }
   for (const auto& connection : resumed) {
     connection->Resume();
   }
+}
+
+bool ServerCore::HoldReply(std::size_t bytes) {
+  // A single reply is always kept, however long it is.
+  const std::size_t before = mWaitingBytes.fetch_add(bytes);
+  if (before != 0 && before + bytes > mOptions.mMaxPendingBytes) {
+    mWaitingBytes.fetch_sub(bytes);
+    return false;
+  }
+  Hold(bytes);
+  return true;
+}
+
+void ServerCore::ReleaseReply(std::size_t bytes) {
+  mWaitingBytes.fetch_sub(bytes);
+  Release(bytes);
 }
 
 void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, const FrameHeader& header,

@@ -53,9 +53,16 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
 
   /// Whether there is room for one more request; if not, `connection` is resumed when there is.
   bool AdmitOrPark(const std::shared_ptr<ServerConnection>& connection);
-  /// Counts a request of `length` bytes in, and out again when its answer has gone.
+  /// Counts a request in, and out again when its answer has gone; `length` is what it adds to the bytes that
+  /// are held, and then takes off them.
   void BeginCall(std::size_t length);
   void EndCall(std::size_t length);
+  /// Counts bytes of a request that is arriving in, and out again.
+  void Hold(std::size_t bytes) { mPendingBytes.fetch_add(bytes); }
+  void Release(std::size_t bytes);
+  /// The same for bytes of a reply that has to wait. Returns: false when there are too many already.
+  bool HoldReply(std::size_t bytes);
+  void ReleaseReply(std::size_t bytes);
   /// Runs the handler of a request that was counted in, here or on a worker. Without one the caller is told
   /// so.
   void Dispatch(const std::shared_ptr<ServerConnection>& connection, const FrameHeader& header,
@@ -77,6 +84,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   void OnReady(std::uint32_t events) override;
   void Admit(Descriptor descriptor, std::string peer);
   void Sweep(ServerLoop& loop);
+  void StopOnce();
+  void ReportFull();
   void Run(const Entry& entry, const std::shared_ptr<ServerContext>& context,
            const std::shared_ptr<Message>& request);
 
@@ -97,13 +106,16 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   std::atomic<bool> mStopping{false};
   std::atomic<std::size_t> mOpen{0};
   std::atomic<std::size_t> mPendingCalls{0};
-  std::atomic<std::size_t> mPendingBytes{0};
+  std::atomic<std::size_t> mPendingBytes{0};  // of requests, and of replies that wait
+  std::atomic<std::size_t> mWaitingBytes{0};  // of replies that wait
   std::atomic<bool> mAnyParked{false};
 
-  /// Guards mParked, and the fall of mPendingCalls to 0 against a Stop that begins to wait for it.
+  /// Guards mParked, mFullReported, and the fall of mPendingCalls to 0 against a Stop that begins to wait for it.
   std::mutex mMutex;
   std::condition_variable mIdle;
   std::vector<std::shared_ptr<ServerConnection>> mParked;
+  EventLoop::Clock::time_point mFullReported{};
+  std::once_flag mStopped;
 };
 
 }  // namespace vyn::rpc
