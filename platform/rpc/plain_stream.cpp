@@ -40,6 +40,7 @@ IoState PlainStream::Refusal(IoState wait) {
   if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) {
     return wait;
   }
+  mWasReset = errno == ECONNRESET || errno == EPIPE;
   mError = strerror(errno);
   return IoState::kClosed;
 }

@@ -47,9 +47,13 @@ class Stream {
   virtual void Close() = 0;
 
   const std::string& Error() const { return mError; }
+  /// After kClosed: whether a step found the connection reset, so that the peer has not taken all that it was
+  /// sent. A reset behind the end of the peer's own bytes shows in the socket only.
+  bool WasReset() const { return mWasReset; }
 
  protected:
   std::string mError;
+  bool mWasReset = false;
 };
 
 /// Takes `bytes` off the front of `parts`, of which `first` are finished already.

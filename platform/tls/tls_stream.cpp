@@ -189,6 +189,7 @@ class TlsStream : public Stream {
         return IoState::kClosed;
       case SSL_ERROR_SYSCALL:
         mBroken = true;
+        mWasReset = systemError == ECONNRESET || systemError == EPIPE;
         mError = result < 0 && systemError != 0 ? strerror(systemError) : "";
         return IoState::kClosed;
       default:

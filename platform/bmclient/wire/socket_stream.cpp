@@ -38,20 +38,24 @@ IoStatus SocketStream::Receive(void* buffer, std::size_t room, std::size_t& rece
       return IoStatus::kOk;
     }
     if (count == 0) {
-      // Gone before what it was sent has reached it: the refusal may stand behind the end of its own bytes.
-      int refusal = 0;
-      socklen_t length = sizeof(refusal);
-      ::getsockopt(mSocket.Get(), SOL_SOCKET, SO_ERROR, &refusal, &length);
-      return refusal == 0 || mShut ? IoStatus::kClosed : IoStatus::kReset;
+      return Ended(false);
     }
     if (errno == EAGAIN) {
       if (const IoStatus status = Wait(POLLIN, deadline); status != IoStatus::kOk) {
         return status;
       }
     } else if (errno != EINTR) {
-      return (errno == ECONNRESET || errno == EPIPE) && !mShut ? IoStatus::kReset : IoStatus::kClosed;
+      return Ended(errno == ECONNRESET || errno == EPIPE);
     }
   }
+}
+
+IoStatus SocketStream::Ended(bool reset) {
+  // Gone before what it was sent has reached it: the refusal may stand behind the end of its own bytes.
+  int refusal = 0;
+  socklen_t length = sizeof(refusal);
+  ::getsockopt(mSocket.Get(), SOL_SOCKET, SO_ERROR, &refusal, &length);
+  return (reset || refusal != 0) && !mShut ? IoStatus::kReset : IoStatus::kClosed;
 }
 
 long SocketStream::ReceiveWithDescriptor(void* buffer, std::size_t room) {

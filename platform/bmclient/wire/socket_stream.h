@@ -26,6 +26,8 @@ class SocketStream : public ByteStream {
   int Socket() const { return mSocket.Get(); }
   /// Waits until the socket is ready for `events` of poll().
   IoStatus Wait(short events, Deadline deadline);
+  /// kClosed or kReset, for a socket on which a read found the end. \param reset whether the read said so.
+  IoStatus Ended(bool reset);
 
  private:
   long ReceiveWithDescriptor(void* buffer, std::size_t room);

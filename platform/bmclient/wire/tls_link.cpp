@@ -24,7 +24,7 @@ IoStatus TlsLink::After(tls::IoState state, Deadline deadline) {
     case tls::IoState::kWantWrite:
       return mSocket.Wait(POLLOUT, deadline);
     case tls::IoState::kClosed:
-      return IoStatus::kClosed;
+      return mSocket.Ended(mTls->WasReset());
     case tls::IoState::kFailed:
       break;
   }

@@ -3,7 +3,9 @@
 #include "platform/bmclient/protocol.h"
 #include "platform/bmclient/wire/names.h"
 #include "platform/bmclient/wire/sockets.h"
+#include "platform/bmclient/wire/tls_link.h"
 #include "support/fabric.h"
+#include "support/link_tls.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -33,7 +35,10 @@ const std::string kHelloBytes(
 /// A raw conversation with a door.
 class Raw {
  public:
-  explicit Raw(std::unique_ptr<SocketStream> stream) : mStream(std::move(stream)) {}
+  explicit Raw(std::unique_ptr<SocketStream> stream) : Raw(stream->Socket(), nullptr) {
+    mStream = std::move(stream);
+  }
+  Raw(int socket, std::unique_ptr<ByteStream> stream) : mSocket(socket), mStream(std::move(stream)) {}
 
   void Send(std::string bytes) {
     iovec part{bytes.data(), bytes.size()};
@@ -55,14 +60,15 @@ class Raw {
   }
   /// Waits until bytes have arrived, and leaves them where they are.
   bool HasArrived() {
-    pollfd waited{mStream->Socket(), POLLIN, 0};
+    pollfd waited{mSocket, POLLIN, 0};
     return ::poll(&waited, 1, 30000) == 1;
   }
   /// Whether the node closes the connection, after `most` bytes at the utmost.
   bool Closes(std::size_t most) { return Receive(most + 1).size() <= most && mClosed; }
 
  private:
-  std::unique_ptr<SocketStream> mStream;
+  int mSocket;
+  std::unique_ptr<ByteStream> mStream;
   bool mClosed = false;
 };
 
@@ -101,6 +107,18 @@ class DoorsTest : public testing::Test {
   Raw Link() {
     int error = 0;
     return Raw(ConnectToLink("127.0.0.1", mNode.LinkPort(), After(std::chrono::seconds(5)), error));
+  }
+  /// \param trust of a client.
+  Raw SecuredLink(const tls::TlsContext::SecurityMap& trust) {
+    int error = 0;
+    std::string text;
+    const Deadline deadline = After(std::chrono::seconds(30));
+    auto socket = ConnectToLink("127.0.0.1", mNode.LinkPort(), deadline, error);
+    SocketStream& connected = *socket;
+    auto tls = tls::TlsContext::ForClient(trust, text)->NewStream(connected.Socket());
+    auto link = std::make_unique<TlsLink>(connected, std::move(socket), std::move(tls));
+    EXPECT_EQ(link->Handshake(deadline), IoStatus::kOk);
+    return Raw(connected.Socket(), std::move(link));
   }
   Raw Broker() {
     int error = 0;
@@ -272,48 +290,66 @@ TEST_F(DoorsTest, AFullDoorLetsTheIdleGoAndKeepsTheBusy) {
   EXPECT_EQ(busy.Receive(24), Frame(Operation::kWrite, 1, "", 0, 0));
 }
 
-TEST_F(DoorsTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
-  Start();
+enum class Way { kBroker, kLink, kTlsLink };
+
+class UndoTest : public DoorsTest, public testing::WithParamInterface<Way> {};
+std::string NameOf(const testing::TestParamInfo<Way>& way) {
+  static const char* const gNames[] = {"Broker", "Link", "TlsLink"};
+  return gNames[static_cast<int>(way.param)];
+}
+INSTANTIATE_TEST_SUITE_P(Ways, UndoTest, testing::Values(Way::kBroker, Way::kLink, Way::kTlsLink), NameOf);
+
+TEST_P(UndoTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
+  std::optional<test::LinkTls> tls;
+  if (GetParam() == Way::kTlsLink) {
+    tls.emplace();
+  }
+  Start([&](FabricNodeOptions& options) {
+    if (tls.has_value()) {
+      tls->Use(options);
+    }
+  });
+  const auto connect = [&] {
+    return GetParam() == Way::kBroker ? Broker() : tls.has_value() ? SecuredLink(tls->Trust()) : Link();
+  };
   const std::uint64_t before = mNode.Stats().used;
   const std::uint64_t size = 128U << 20U;
   const std::string request =
       Frame(Operation::kAllocate, 1,
             std::string("\x07\0", 2) + Packed({"app", "t"}) + std::string("\0\0\0\x08\0\0\0\0", 8));
   const std::size_t answer = sizeof(FrameHeader) + 2 + kIdLength;
-  for (const bool link : {true, false}) {
-    for (const bool answered : {false, true}) {
-      {
-        Raw raw = link ? Link() : Broker();
-        raw.Send(kHelloBytes);
-        ASSERT_EQ(raw.Receive(26).size(), 26U);
-        raw.Send(request);
-        if (answered) {
-          ASSERT_TRUE(raw.HasArrived());
-        } else {
-          WaitFor(&FabricNodeStats::used, [&](std::uint64_t used) { return used >= before + size; });
-        }
+  for (const bool answered : {false, true}) {
+    {
+      Raw raw = connect();
+      raw.Send(kHelloBytes);
+      ASSERT_EQ(raw.Receive(26).size(), 26U);
+      raw.Send(request);
+      if (answered) {
+        ASSERT_TRUE(raw.HasArrived());
+      } else {
+        WaitFor(&FabricNodeStats::used, [&](std::uint64_t used) { return used >= before + size; });
       }
-      WaitForConnections(0);
-      EXPECT_EQ(mNode.Stats().used, before) << link << answered;
-      EXPECT_EQ(mNode.Stats().objects, 1U) << link << answered;
     }
-    // Who has read the id keeps the object, however the connection ends afterwards.
-    for (const bool more : {false, true}) {
-      {
-        Raw raw = link ? Link() : Broker();
-        raw.Send(kHelloBytes + request);
-        ASSERT_EQ(raw.Receive(26 + answer).size(), 26 + answer);
-        if (more) {
-          raw.Send(Frame(Operation::kQuery, 2, ""));
-          ASSERT_TRUE(raw.HasArrived());
-        }
+    WaitForConnections(0);
+    EXPECT_EQ(mNode.Stats().used, before) << answered;
+    EXPECT_EQ(mNode.Stats().objects, 1U) << answered;
+  }
+  // Who has read the id keeps the object, however the connection ends afterwards.
+  for (const bool more : {false, true}) {
+    {
+      Raw raw = connect();
+      raw.Send(kHelloBytes + request);
+      ASSERT_EQ(raw.Receive(26 + answer).size(), 26 + answer);
+      if (more) {
+        raw.Send(Frame(Operation::kQuery, 2, ""));
+        ASSERT_TRUE(raw.HasArrived());
       }
-      WaitForConnections(0);
-      EXPECT_EQ(mNode.Stats().objects, 2U) << link << more;
-      ASSERT_EQ(mNode.DestroyNamespace("app"), 0);
-      ASSERT_EQ(mNode.CreateNamespace("app", "t"), 0);
-      ASSERT_EQ(mNode.Allocate("app", 10, mId), 0);
     }
+    WaitForConnections(0);
+    EXPECT_EQ(mNode.Stats().objects, 2U) << more;
+    ASSERT_EQ(mNode.DestroyNamespace("app"), 0);
+    ASSERT_EQ(mNode.CreateNamespace("app", "t"), 0);
+    ASSERT_EQ(mNode.Allocate("app", 10, mId), 0);
   }
 }
 
