@@ -128,12 +128,13 @@ bool Session::DestroyNamespace(Exchange& exchange, Reader& arguments) {
   std::shared_ptr<RemoteNode> other;
   int result = Route(node, other);
   if (result == 0 && other != nullptr) {
-    result = other->DestroyNamespace(node, access, [&exchange] { exchange.Progress(); });
+    result = other->DestroyNamespace(node, access, [&exchange] { return exchange.Progress(); });
   } else if (result == 0) {
     NamespacePtr space;
     result = mParts.pool.Enter(access, space);
-    result = result == 0 ? Seen(mParts.pool.DestroyNamespace(space, [&exchange] { exchange.Progress(); }))
-                         : result;
+    result = result == 0
+                 ? Seen(mParts.pool.DestroyNamespace(space, [&exchange] { return exchange.Progress(); }))
+                 : result;
   }
   return exchange.Answer(result);
 }
@@ -241,7 +242,7 @@ bool Session::FreeBatch(Exchange& exchange, Reader& arguments) {
   NamespacePtr space;
   int result = ids.empty() ? 0 : Route(OwnerOf(ids.front()), other);
   if (result == 0 && other != nullptr) {
-    result = other->FreeBatch(access, ids, [&exchange] { exchange.Progress(); });
+    result = other->FreeBatch(access, ids, [&exchange] { return exchange.Progress(); });
     for (const std::string_view id : ids) {
       if (result == 0) {
         mParts.copies.Drop(id);
@@ -278,7 +279,7 @@ bool Session::Open(Exchange& exchange, Reader& arguments) {
   } else {
     writable = false;
     result = Seen(mParts.copies.Open(
-        object, [&exchange] { exchange.Progress(); }, file, size));
+        object, [&exchange] { return exchange.Progress(); }, file, size));
   }
   if (result != 0) {
     return exchange.Answer(result);

@@ -105,7 +105,7 @@ bool Session::Copy(Exchange& exchange, Reader& arguments) {
   int result = Route(OwnerOf(source.id), other);
   if (result == 0 && other != nullptr) {
     return exchange.Answer(other->Copy(source, sourceOffset, destination, destinationOffset, length,
-                                       [&exchange] { exchange.Progress(); }));
+                                       [&exchange] { return exchange.Progress(); }));
   }
   FileDescriptor from;
   FileDescriptor to;

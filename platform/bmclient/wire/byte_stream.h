@@ -24,7 +24,7 @@ enum class IoStatus {
   kClosed,   ///< the other side is gone
   kReset,    ///< the other side is gone and has not taken all that it was sent
   kTimeout,  ///< the deadline has passed
-  kFailed,   ///< what arrived is no frame, or a local file failed; the stream is of no use any more
+  kFailed,   ///< what arrived is no frame, or this side gave up; the stream is of no use any more
 };
 
 class ByteStream {

@@ -24,11 +24,8 @@ IoStatus Channel::ReadAnswer(Operation operation, int& result, std::string& head
       return IoStatus::kFailed;
     }
     if ((header.flags & kFrameProgress) != 0) {
-      if (header.headLength != 0 || header.dataLength != 0) {
+      if (header.headLength != 0 || header.dataLength != 0 || (progress != nullptr && !progress())) {
         return IoStatus::kFailed;
-      }
-      if (progress != nullptr) {
-        progress();
       }
       continue;
     }

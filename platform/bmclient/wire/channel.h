@@ -14,7 +14,8 @@ namespace vyn::bm {
 
 class Channel {
  public:
-  using Progress = std::function<void()>;
+  /// Asked whether the answer is still wanted.
+  using Progress = std::function<bool()>;
 
   explicit Channel(std::unique_ptr<ByteStream> stream) : mStream(std::move(stream)), mReader(*mStream) {}
 
@@ -22,8 +23,8 @@ class Channel {
                        std::chrono::milliseconds timeout);
 
   /// Waits for the answer that is due next; its data, if any, must be read before the next call. Interim
-  /// answers are swallowed, each starts the wait anew and calls `progress`, unless that is null. \param
-  /// result the answer's result. Returns: kFailed when what came is not that answer.
+  /// answers are swallowed; each starts the wait anew and asks `progress`, unless that is null. \param result
+  /// the answer's result. Returns: kFailed when what came is not that answer, or nobody wants it any more.
   IoStatus ReadAnswer(Operation operation, int& result, std::string& head, std::uint32_t& dataLength,
                       std::chrono::milliseconds timeout, const Progress& progress = nullptr);
 

@@ -48,7 +48,8 @@ class RemoteNode {
 
   int Query(NodeAttributes& attributes);
   int CreateNamespace(std::uint16_t node, const Access& access);
-  /// \param progress here and below: called whenever the node says that it is still at work; may be null.
+  /// \param progress here and below: asked, whenever the node says that it is still at work, whether the call
+  /// is still wanted; what is not ends, with the connection, and the node sees that. May be null.
   int DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress = nullptr);
   int Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id);
   int Expand(const ObjectName& object, std::uint64_t size);

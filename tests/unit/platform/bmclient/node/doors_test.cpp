@@ -6,6 +6,7 @@
 #include "platform/bmclient/wire/tls_link.h"
 #include "support/fabric.h"
 #include "support/link_tls.h"
+#include "support/raw_socket.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -350,6 +351,42 @@ TEST_P(UndoTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
     ASSERT_EQ(mNode.DestroyNamespace("app"), 0);
     ASSERT_EQ(mNode.CreateNamespace("app", "t"), 0);
     ASSERT_EQ(mNode.Allocate("app", 10, mId), 0);
+  }
+}
+
+TEST_F(DoorsTest, WhatIsForwardedEndsWithItsCaller) {
+  test::RawListener far;
+  Start([&](FabricNodeOptions& options) {
+    options.directory = [&](std::uint16_t, NodeAddress& address) {
+      address = {"127.0.0.1", far.Port()};
+      return true;
+    };
+  });
+  const std::string object = Packed({"app", "t", MakeObjectId(8)});
+  const std::string u64(8, '\0');
+  const struct {
+    Operation operation;
+    std::string head;
+  } cases[] = {
+      {Operation::kCopy, object + u64 + object + u64 + u64},
+      {Operation::kDestroyNamespace, std::string("\x08\0", 2) + Packed({"app", "t"})},
+      {Operation::kFreeBatch, Packed({"app", "t"}) + std::string("\x01\0", 2) + Packed({MakeObjectId(8)})},
+  };
+  for (const auto& one : cases) {
+    test::RawSocket owner;
+    {
+      Raw caller = Broker();
+      caller.Send(kHelloBytes + Frame(one.operation, 1, one.head));
+      owner = far.Accept();
+      ASSERT_EQ(owner.Receive(32).size(), 32U);
+      ASSERT_TRUE(owner.Send(Frame(Operation::kHello, 0, std::string("\x08\0", 2))));
+      ASSERT_EQ(owner.Receive(24 + one.head.size()), Frame(one.operation, 1, one.head));
+    }
+    // The owner is at work as long as anybody wants that.
+    EXPECT_TRUE(test::Eventually([&] {
+      owner.Send(Frame(one.operation, 1, "", 0, 0, kFrameProgress));
+      return owner.EndsWithin(0);
+    })) << static_cast<int>(one.operation);
   }
 }
 
