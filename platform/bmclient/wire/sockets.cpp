@@ -73,6 +73,18 @@ int FinishConnect(int socket, Deadline deadline) {
   }
 }
 
+/// Whether the socket is connected with itself: that happens where the kernel's choice of a local port is the
+/// very one that nobody listens on.
+bool IsOwnPeer(int socket) {
+  sockaddr_storage own{};
+  sockaddr_storage peer{};
+  socklen_t ownLength = sizeof(own);
+  socklen_t peerLength = sizeof(peer);
+  return ::getsockname(socket, reinterpret_cast<sockaddr*>(&own), &ownLength) == 0 &&
+         ::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &peerLength) == 0 &&
+         ownLength == peerLength && std::memcmp(&own, &peer, ownLength) == 0;
+}
+
 }  // namespace
 
 std::unique_ptr<SocketStream> ConnectToBroker(const std::string& home, Deadline deadline, int& error) {
@@ -119,6 +131,9 @@ std::unique_ptr<SocketStream> ConnectToLink(const std::string& host, std::uint16
   error = ::connect(socket.Get(), list.first->ai_addr, list.first->ai_addrlen) == 0 ? 0 : errno;
   if (error == EINPROGRESS) {
     error = FinishConnect(socket.Get(), deadline);
+  }
+  if (error == 0 && IsOwnPeer(socket.Get())) {
+    error = ECONNREFUSED;
   }
   return error == 0 ? std::make_unique<SocketStream>(std::move(socket)) : nullptr;
 }

@@ -1,11 +1,15 @@
 #include "platform/bmclient/wire/remote_node.h"
 
 #include "platform/bmclient/wire/sockets.h"
+#include "support/command.h"
 #include "support/fabric.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -95,6 +99,26 @@ TEST(RemoteNodeTest, ConnectingAndGreetingShareOneDeadline) {
   const auto taken = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(taken, time - std::chrono::milliseconds(200));
   EXPECT_LT(taken, time + time * 9 / 10);  // a hello with a deadline of its own would double it
+}
+
+TEST(SocketsTest, ASocketThatFindsItselfHasFoundNoNode) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "a network of its own needs root";
+  }
+  // Where a single port is left for the kernel to choose, and nobody listens on it.
+  bool ready = false;
+  int error = 0;
+  std::unique_ptr<SocketStream> found;
+  std::thread host([&] {
+    ready = ::unshare(CLONE_NEWNET) == 0 &&
+            test::RunCommand("ip link set lo up && echo 40000 40000 > /proc/sys/net/ipv4/ip_local_port_range")
+                    .status == 0;
+    found = ready ? ConnectToLink("127.0.0.1", 40000, After(std::chrono::seconds(30)), error) : nullptr;
+  });
+  host.join();
+  ASSERT_TRUE(ready);
+  EXPECT_EQ(found, nullptr);
+  EXPECT_EQ(error, ECONNREFUSED);
 }
 
 TEST(ChannelTest, AnInterimAnswerCarriesNothing) {
