@@ -24,16 +24,13 @@ class Capacity {
     return (std::max<std::uint64_t>(size, 1) + kPage - 1) / kPage * kPage;
   }
 
-  /// Called without a lock when a reservation does not fit: gives `bytes` back by Release. What it has is
-  /// less: it gives nothing, or all of it when `some` will do.
-  using Reclaimer = std::function<void(std::uint64_t bytes, bool some)>;
+  /// Called when a reservation does not fit, without this account's lock: gives at least `bytes` back by
+  /// Release. What has less gives nothing and returns false.
+  using Reclaimer = std::function<bool(std::uint64_t bytes)>;
+  /// Requires: nothing was reserved yet.
   void SetReclaimer(Reclaimer reclaim) { mReclaim = std::move(reclaim); }
-  /// For the file system, which may be full before the limit is reached.
-  void GiveWay(std::uint64_t bytes) {
-    if (mReclaim != nullptr) {
-      mReclaim(bytes, true);
-    }
-  }
+  /// For the file system, which may be full before the limit is reached. Returns: whether `bytes` were given.
+  bool GiveWay(std::uint64_t bytes) const { return mReclaim != nullptr && mReclaim(bytes); }
 
   /// Takes `bytes` from what is left. Returns: false when they are not there.
   bool Reserve(std::uint64_t bytes) {
@@ -41,11 +38,7 @@ class Capacity {
     if (missing == 0) {
       return true;
     }
-    if (bytes > mLimit || mReclaim == nullptr) {
-      return false;
-    }
-    mReclaim(missing, false);
-    return Try(bytes) == 0;
+    return bytes <= mLimit && GiveWay(missing) && Try(bytes) == 0;
   }
   void Release(std::uint64_t bytes) {
     std::lock_guard lock(mMutex);

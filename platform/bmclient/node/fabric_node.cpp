@@ -98,7 +98,7 @@ bool FabricNode::Impl::Open(std::string& error) {
           options.poolPath, [this](const std::string& text) { Log(kWarn, text); }, error)) {
     return false;
   }
-  pool.Bytes().SetReclaimer([this](std::uint64_t bytes, bool some) { copies.Reclaim(bytes, some); });
+  pool.Bytes().SetReclaimer([this](std::uint64_t bytes) { return copies.Reclaim(bytes); });
   FileDescriptor brokerListener;
   if (!options.home.empty()) {
     brokerListener = ListenAsBroker(options.home, brokerLock, error);

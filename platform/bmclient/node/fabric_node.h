@@ -14,8 +14,9 @@
 // as used, though the file system still holds them; when it is full before the limit is reached, allocations
 // fail just the same.
 //
-// Who has an object mapped for writing can do to its file what it likes. What it makes larger is cut back by
-// the sweep and does not count at the next start; what it makes smaller hurts nobody but its own namespace.
+// Who has an object mapped for writing can do to its file what it likes. What it makes larger is cut back to
+// what was allocated, by the sweep and at the next start; what it makes smaller hurts nobody but its own
+// namespace.
 //
 // Results are those of platform/bmclient/protocol.h. Any thread may call any function between Start and Stop.
 // Start and Stop themselves are called by one thread.

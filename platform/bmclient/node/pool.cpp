@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,8 +19,7 @@ std::string PathOf(const Namespace& space, std::string_view id) { return space.n
 
 }  // namespace
 
-bool Pool::Open(const std::string& path, const std::function<void(const std::string&)>& warn,
-                std::string& error) {
+bool Pool::Open(const std::string& path, const Warn& warn, std::string& error) {
   if (!mFolder.Open(path, error)) {
     return false;
   }
@@ -44,8 +44,7 @@ bool Pool::Open(const std::string& path, const std::function<void(const std::str
   return true;
 }
 
-bool Pool::Adopt(const std::string& name, const std::function<void(const std::string&)>& warn,
-                 std::string& error) {
+bool Pool::Adopt(const std::string& name, const Warn& warn, std::string& error) {
   TokenHash token;
   const std::string folder = mFolder.Path() + "/" + name;
   if (!mFolder.ReadToken(name, token)) {
@@ -56,11 +55,18 @@ bool Pool::Adopt(const std::string& name, const std::function<void(const std::st
   std::error_code failure;
   for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
     const std::string id = entry.path().filename();
-    struct stat state {};
     if (id == PoolFolder::kTokenFile) {
       continue;
     }
-    if (!IsObjectId(id) || ::lstat(entry.path().c_str(), &state) != 0 || !S_ISREG(state.st_mode)) {
+    std::error_code unknown;
+    const auto kind = entry.symlink_status(unknown).type();
+    if (id[0] == '.' && IsObjectId(id.substr(1)) && kind == std::filesystem::file_type::symlink) {
+      if (!std::filesystem::exists(folder + "/" + id.substr(1), unknown)) {
+        mFolder.RemoveSize(name, id.substr(1));  // its object was on its way in or out
+      }
+      continue;
+    }
+    if (!IsObjectId(id) || kind != std::filesystem::file_type::regular) {
       warn("not of the fabric, left alone: " + entry.path().string());
       continue;
     }
@@ -69,17 +75,10 @@ bool Pool::Adopt(const std::string& name, const std::function<void(const std::st
               std::to_string(OwnerOf(id)) + ", this is node " + std::to_string(mNodeId);
       return false;
     }
-    // A tenant holds descriptors for writing and may have made its file as large as it liked: a size without
-    // pages behind it was never allocated.
-    const auto size = static_cast<std::uint64_t>(state.st_size);
-    if (size > Capacity::kMaxSize || static_cast<std::uint64_t>(state.st_blocks) * 512 < size ||
-        Capacity::Charge(size) >
-            Capacity::kMaxSize - std::min(Capacity::kMaxSize, mCapacity.Used() + space->charged)) {
-      warn("larger than what was allocated, left alone: " + entry.path().string());
-      continue;
+    if (std::uint64_t size = 0; SizeOf(*space, id, warn, size)) {
+      space->sizes.emplace(id, size);
+      space->charged += Capacity::Charge(size);
     }
-    space->sizes.emplace(id, size);
-    space->charged += Capacity::Charge(size);
   }
   if (failure) {
     error = "cannot read the folder " + folder + ": " + failure.message();
@@ -87,6 +86,38 @@ bool Pool::Adopt(const std::string& name, const std::function<void(const std::st
   }
   mCapacity.Adopt(space->charged);
   mNamespaces.emplace(name, std::move(space));
+  return true;
+}
+
+bool Pool::SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size) {
+  const std::string path = mFolder.Path() + "/" + PathOf(space, id);
+  struct stat state {};
+  if (::lstat(path.c_str(), &state) != 0) {
+    warn("cannot be read, left alone: " + path);
+    return false;
+  }
+  const auto length = static_cast<std::uint64_t>(state.st_size);
+  const std::uint64_t pages = static_cast<std::uint64_t>(state.st_blocks) * 512;
+  const bool known = mFolder.ReadSize(space.name, id, size);
+  if (!known) {
+    size = length;  // of a node that wrote no sizes down
+  }
+  if (size > Capacity::kMaxSize || (!known && pages < size) ||
+      Capacity::Charge(size) >
+          Capacity::kMaxSize - std::min(Capacity::kMaxSize, mCapacity.Used() + space.charged)) {
+    warn("larger than what can have been allocated, left alone: " + path);
+    return false;
+  }
+  // A tenant holds descriptors for writing and may have made its file as large as it liked, also while no
+  // node looked after it.
+  if (length > size || pages > Capacity::Charge(size)) {
+    const bool cut = ::truncate(path.c_str(), static_cast<off_t>(size)) == 0;
+    warn("larger than the " + std::to_string(size) + " bytes allocated, " + (cut ? "" : "could not be ") +
+         "cut back: " + path);
+  }
+  if (!known) {
+    mFolder.WriteSize(space.name, id, size);
+  }
   return true;
 }
 
@@ -153,11 +184,26 @@ int Pool::Enter(const Access& access, NamespacePtr& space) const {
 
 FileDescriptor Pool::MakeFile(std::uint64_t size, int& failure) {
   FileDescriptor file = mFolder.MakeFile(size, failure);
-  if (!file && failure == ENOSPC) {
-    mCapacity.GiveWay(Capacity::Charge(size));
+  if (!file && failure == ENOSPC && MakeRoom(Capacity::Charge(size))) {
     file = mFolder.MakeFile(size, failure);
   }
   return file;
+}
+
+bool Pool::MakeRoom(std::uint64_t bytes) const {
+  struct statvfs state {};
+  while (::fstatvfs(mFolder.Descriptor(), &state) == 0) {
+    const std::uint64_t room = state.f_bavail * state.f_frsize;
+    const bool files = state.f_files == 0 || state.f_favail > 0;  // 0: without a limit
+    if (files && room >= bytes) {
+      return true;
+    }
+    // What some process still maps gives no room when its copy goes; the next one may.
+    if (!mCapacity.GiveWay(room >= bytes ? 1 : bytes - room)) {
+      return false;
+    }
+  }
+  return false;
 }
 
 void Pool::CutGrown() {
@@ -199,8 +245,16 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
   if (space->destroyed) {
     return -ENOENT;
   }
-  if (made.empty() || PoolFolder::Publish(file, mFolder.Descriptor(), PathOf(*space, made)) != 0) {
+  if (made.empty()) {
     return -EIO;
+  }
+  failure = mFolder.WriteSize(space->name, made, size);
+  if (failure == 0 &&
+      (failure = PoolFolder::Publish(file, mFolder.Descriptor(), PathOf(*space, made))) != 0) {
+    mFolder.RemoveSize(space->name, made);
+  }
+  if (failure != 0) {
+    return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
   space->sizes.emplace(made, size);
   space->charged += Capacity::Charge(size);
@@ -228,8 +282,7 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
     return kBmNotEnoughCapacity;
   }
   int failure = PoolFolder::Reserve(file.Get(), size);
-  if (failure == ENOSPC) {
-    mCapacity.GiveWay(more);
+  if (failure == ENOSPC && MakeRoom(more)) {
     failure = PoolFolder::Reserve(file.Get(), size);
   }
   if (failure != 0) {
@@ -239,6 +292,9 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   const auto found = space->sizes.find(std::string(id));
   if (found == space->sizes.end()) {
     return -ENOENT;  // freed meanwhile
+  }
+  if (failure = mFolder.WriteSize(space->name, found->first, size); failure != 0) {
+    return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
   found->second = size;
   space->charged += more;
@@ -257,6 +313,7 @@ int Pool::Free(const NamespacePtr& space, std::string_view id) {
     }
     charge = Capacity::Charge(found->second);
     PoolFolder::Remove(mFolder.Descriptor(), PathOf(*space, id), keeper);
+    mFolder.RemoveSize(space->name, found->first);
     space->sizes.erase(found);
     space->charged -= charge;
   }

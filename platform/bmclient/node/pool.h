@@ -3,7 +3,8 @@
 // The objects that this node owns: namespaces with their tokens, and the files in them.
 //
 // What stands in the folder is the truth; the tables here are made from it at Open and kept beside it.
-// Threads: any, between Open and Close. No call holds a lock while it reserves or frees pages of an object.
+// Threads: any, between Open and Close. While pages are reserved or freed no lock is held, but for one: an
+// object of a namespace is made larger by one call at a time.
 //
 // Results are those of protocol.h, and -EIO when the pool's folder failed in something that it should do.
 
@@ -43,10 +44,13 @@ using NamespacePtr = std::shared_ptr<Namespace>;
 
 class Pool {
  public:
+  using Warn = std::function<void(const std::string&)>;
+
   Pool(std::uint16_t nodeId, std::uint64_t capacity) : mNodeId(nodeId), mCapacity(capacity) {}
 
-  /// Opens the folder and adopts what stands in it. \param warn takes a line about what was left alone.
-  bool Open(const std::string& path, const std::function<void(const std::string&)>& warn, std::string& error);
+  /// Opens the folder and adopts what stands in it, each object at the size that it was given. \param warn
+  /// takes a line about each file that was cut back to it, and about what was left alone.
+  bool Open(const std::string& path, const Warn& warn, std::string& error);
   void Close();
 
   /// More namespaces than anybody needs are kBmNotEnoughCapacity.
@@ -63,7 +67,7 @@ class Pool {
 
   int Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id);
   /// A file without a name in the pool's file system, with `size` bytes reserved. Copies give way when it is
-  /// full. \param failure errno.
+  /// full and would have room without them. \param failure errno.
   FileDescriptor MakeFile(std::uint64_t size, int& failure);
   /// Cuts files back to their objects' sizes: who has one for writing can make it larger, unaccounted.
   void CutGrown();
@@ -86,8 +90,12 @@ class Pool {
   PoolFolder& Folder() { return mFolder; }
 
  private:
-  bool Adopt(const std::string& name, const std::function<void(const std::string&)>& warn,
-             std::string& error);
+  bool Adopt(const std::string& name, const Warn& warn, std::string& error);
+  /// The size of an object that is adopted. Returns: false when it is none of this pool's.
+  bool SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size);
+  /// Makes copies go until the file system has room for a file of `bytes`. Returns: false when it would have
+  /// none without all of them; then none goes.
+  bool MakeRoom(std::uint64_t bytes) const;
   std::vector<NamespacePtr> All() const;
 
   const std::uint16_t mNodeId;

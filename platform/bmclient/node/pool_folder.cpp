@@ -4,7 +4,9 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -16,6 +18,8 @@ namespace vyn::bm {
 namespace {
 
 std::string ErrorText(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+std::string SizePath(const std::string& space, const std::string& id) { return space + "/." + id; }
 
 }  // namespace
 
@@ -96,6 +100,30 @@ void PoolFolder::Remove(int folder, const std::string& name, FileDescriptor& kee
 }
 
 std::string PoolFolder::UniqueName(const char* prefix) { return prefix + std::to_string(++mCount); }
+
+int PoolFolder::WriteSize(const std::string& space, const std::string& id, std::uint64_t size) {
+  const std::string staged = UniqueName("size");
+  if (::symlinkat(std::to_string(size).c_str(), mInternal.Get(), staged.c_str()) != 0) {
+    return errno;
+  }
+  if (::renameat(mInternal.Get(), staged.c_str(), mFolder.Get(), SizePath(space, id).c_str()) == 0) {
+    return 0;
+  }
+  const int failure = errno;
+  ::unlinkat(mInternal.Get(), staged.c_str(), 0);
+  return failure;
+}
+
+bool PoolFolder::ReadSize(const std::string& space, const std::string& id, std::uint64_t& size) const {
+  char text[24];
+  const ssize_t length = ::readlinkat(mFolder.Get(), SizePath(space, id).c_str(), text, sizeof(text));
+  const auto [end, error] = std::from_chars(text, text + std::max<ssize_t>(length, 0), size);
+  return error == std::errc() && end == text + length;
+}
+
+void PoolFolder::RemoveSize(const std::string& space, const std::string& id) const {
+  ::unlinkat(mFolder.Get(), SizePath(space, id).c_str(), 0);
+}
 
 int PoolFolder::MakeNamespace(const std::string& name, const TokenHash& token) {
   const std::string staged = UniqueName("new");

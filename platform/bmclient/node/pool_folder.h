@@ -4,8 +4,10 @@
 //
 //   <pool>/<namespace>/.token   salted hash of the namespace's token
 //   <pool>/<namespace>/<id>     one object
+//   <pool>/<namespace>/.<id>    a symbolic link whose text is the object's size: it is replaced at once, takes no
+//                               page, and no holder of the object can touch it, as it can its file's length
 //   <pool>/.node/               what is on its way in or out, and pulled copies; nothing in it outlives the
-//   process
+//                               process
 //
 // Threads: any, between Open and Close.
 
@@ -44,6 +46,12 @@ class PoolFolder {
   /// Takes the name away. The pages are freed when the last descriptor and mapping are gone; the last of our
   /// own is `keeper`, so that the caller frees them where it wants to.
   static void Remove(int folder, const std::string& name, FileDescriptor& keeper);
+
+  /// Writes down, or replaces, an object's size. Returns: 0 or errno.
+  int WriteSize(const std::string& space, const std::string& id, std::uint64_t size);
+  /// Returns: false when no size was written down.
+  bool ReadSize(const std::string& space, const std::string& id, std::uint64_t& size) const;
+  void RemoveSize(const std::string& space, const std::string& id) const;
 
   /// Makes a namespace's folder with its token, whole. Returns: 0 or errno.
   int MakeNamespace(const std::string& name, const TokenHash& token);

@@ -21,7 +21,7 @@ std::string RightOf(const Access& access) {
 
 }  // namespace
 
-int PulledCopies::Open(const ObjectName& object, const std::function<void()>& waiting, FileDescriptor& file,
+int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& waiting, FileDescriptor& file,
                        std::uint64_t& size) {
   const std::string id(object.id);
   const std::string right = RightOf(object.access);
@@ -80,7 +80,9 @@ int PulledCopies::Open(const ObjectName& object, const std::function<void()>& wa
       }
       if (!copy->ready) {
         lock.unlock();
-        waiting();
+        if (!waiting()) {
+          return kBmUnconnected;
+        }
         lock.lock();
       }
       continue;
@@ -105,7 +107,7 @@ bool PulledCopies::Serve(const std::string& id, const Copy& copy, FileDescriptor
 }
 
 int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, std::uint64_t size,
-                       const std::function<void()>& waiting) {
+                       const std::function<bool()>& waiting) {
   Reservation reservation(mPool.Bytes(), size > Capacity::kMaxSize ? size : Capacity::Charge(size));
   if (!reservation) {
     return kBmNotEnoughCapacity;
@@ -164,23 +166,18 @@ void PulledCopies::Drop(std::string_view id) {
   }
 }
 
-void PulledCopies::Reclaim(std::uint64_t bytes, bool some) {
-  if (!some) {
-    std::lock_guard lock(mMutex);
-    if (mBytes < bytes) {
-      return;  // it would not help, and the copies are of use
-    }
-  }
+bool PulledCopies::Reclaim(std::uint64_t bytes) {
   for (std::uint64_t freed = 0; freed < bytes;) {
     FileDescriptor keeper;
     std::lock_guard lock(mMutex);
-    if (mUses.empty()) {
-      return;
+    if (mBytes < bytes - freed) {
+      return false;  // it would not help, and the copies are of use
     }
     const std::string id = mUses.back();
     freed += Capacity::Charge(mCopies.at(id)->size);
     Remove(id, keeper);
   }
+  return true;
 }
 
 void PulledCopies::Sweep() {

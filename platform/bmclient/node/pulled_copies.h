@@ -28,19 +28,19 @@ class PulledCopies {
  public:
   PulledCopies(Pool& pool, Neighbours& neighbours) : mPool(pool), mNeighbours(neighbours) {}
 
-  /// Opens the copy of an object of another node, after pulling it when that is needed. \param waiting called
-  /// now and then while the caller waits. Returns: 0, the owner's refusal, or kBmUnconnected,
-  /// kBmNotEnoughCapacity, -EIO.
-  int Open(const ObjectName& object, const std::function<void()>& waiting, FileDescriptor& file,
+  /// Opens the copy of an object of another node, after pulling it when that is needed. \param waiting asked
+  /// now and then whether the caller still waits; who pulls does so to the end, for the others. Returns: 0,
+  /// the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EIO.
+  int Open(const ObjectName& object, const std::function<bool()>& waiting, FileDescriptor& file,
            std::uint64_t& size);
 
   /// Forgets a copy whose original is gone.
   void Drop(std::string_view id);
   /// Asks the owners which originals are gone, and drops their copies.
   void Sweep();
-  /// Drops copies, those first that were not used for the longest time, until `bytes` are free. When all of
-  /// them would not give so much: drops none, or all when `some` will do.
-  void Reclaim(std::uint64_t bytes, bool some);
+  /// Drops copies, those first that were not used for the longest time, until `bytes` are free. Returns: false
+  /// when all of them would not give so much; then none is dropped.
+  bool Reclaim(std::uint64_t bytes);
   /// Makes every pull under way give up.
   void Stop() { mStopping = true; }
 
@@ -62,7 +62,7 @@ class PulledCopies {
   using CopyPtr = std::shared_ptr<Copy>;
 
   int Pull(RemoteNode& owner, const ObjectName& object, std::uint64_t size,
-           const std::function<void()>& waiting);
+           const std::function<bool()>& waiting);
   /// Takes a ready copy out of the table. Requires: mMutex is held. \param keeper as in PoolFolder::Remove.
   void Remove(const std::string& id, FileDescriptor& keeper);
   bool Serve(const std::string& id, const Copy& copy, FileDescriptor& file, std::uint64_t& size) const;

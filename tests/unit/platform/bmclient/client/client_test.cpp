@@ -152,8 +152,18 @@ TEST_P(ClientTest, ExpandGrowsAndNeverShrinks) {
   EXPECT_EQ(mClient.Expand(&context, ~0ULL), kBmNotEnoughCapacity);
   EXPECT_EQ(mTenant.Read(id, 4990, 12), std::string("0123456789\0\0", 12));
   EXPECT_EQ(mTenant.Write(id, 99999, "e"), 0);
-  EXPECT_EQ(mClient.Free(&context), 0);
-  EXPECT_EQ(Owner().Stats().used, 0U);
+  // The next node on the pool finds it as large.
+  Owner().Stop();
+  FabricNodeOptions options = (mNode == 1 ? mNearPlace : mFarPlace).Options();
+  FabricNode next;
+  std::string error;
+  std::vector<ObjectInfo> objects;
+  ASSERT_TRUE(next.Start(options, error)) << error;
+  ASSERT_EQ(next.Objects("app-1", objects), 0);
+  ASSERT_EQ(objects.size(), 1U);
+  EXPECT_EQ(objects[0].size, 100000U);
+  EXPECT_EQ(next.Free("app-1", id), 0);
+  EXPECT_EQ(next.Stats().used, 0U);
 }
 
 TEST_P(ClientTest, FreesOneAndManyAndSaysWhatWasNotThere) {

@@ -201,16 +201,32 @@ TEST(FabricNodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {
   }
   EXPECT_EQ(state.st_size, 5000);
   EXPECT_EQ(state.st_blocks * 512, 8192);
-  node.Stop();
-  for (const std::int64_t size : {std::numeric_limits<std::int64_t>::max(), std::int64_t{1} << 40}) {
-    std::filesystem::resize_file(path, size);
-    ASSERT_TRUE(node.Start(place.Options(), error)) << error;
-    EXPECT_EQ(node.Stats().objects, 1U);
-    EXPECT_EQ(node.Stats().used, 8192U);
+  // And while no node looks after it, with pages or without.
+  const auto grow = [&](int mode, std::int64_t size) {
+    EXPECT_EQ(::fallocate(file.Get(), mode, 0, size), 0);
+  };
+  const std::function<void()> ways[] = {
+      [&] { std::filesystem::resize_file(path, std::numeric_limits<std::int64_t>::max()); },
+      [&] { grow(0, 1 << 20); }, [&] { grow(FALLOC_FL_KEEP_SIZE, 1 << 20); }};
+  FabricNodeOptions options = place.Options();
+  std::string warnings;
+  options.log = [&](int level, const std::string& text) { warnings += level == 3 ? text : ""; };
+  for (const auto& way : ways) {
     node.Stop();
+    way();
+    const std::string leftover = place.Pool() + "/app/." + MakeObjectId(7);
+    std::filesystem::create_symlink("1", leftover);  // of an object that was never made
+    std::filesystem::remove(place.Pool() + "/app/." + other);
+    warnings.clear();
+    ASSERT_TRUE(node.Start(options, error)) << error;
+    EXPECT_THAT(warnings, HasSubstr("larger than the 5000 bytes allocated, cut back: " + path));
+    EXPECT_EQ(node.Stats().objects, 2U);
+    EXPECT_EQ(node.Stats().used, 16384U);
+    EXPECT_EQ(::fstat(file.Get(), &state), 0);
+    EXPECT_EQ(state.st_size, 5000);
+    EXPECT_EQ(state.st_blocks * 512, 8192);
+    EXPECT_FALSE(std::filesystem::is_symlink(leftover));
   }
-  ASSERT_TRUE(node.Start(place.Options(), error)) << error;
-  EXPECT_EQ(node.Allocate("app", 5000, id), 0);
 }
 
 TEST(FabricNodeTest, ManyThreadsNeverBreakTheAccount) {
