@@ -1,11 +1,13 @@
 #include "services/metadata/fabric_view.h"
 
 #include "common/util/clock.h"
+#include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
 #include "vyn/status.h"
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <nlohmann/json.hpp>
@@ -15,6 +17,11 @@ namespace vyn::services {
 namespace {
 
 constexpr auto kPeriod = std::chrono::seconds(1);
+constexpr auto kIdlePeriod = std::chrono::seconds(10);
+/// How long somebody waits for another's reading.
+constexpr auto kShareLimit = std::chrono::seconds(5);
+/// After so many failures in a row the pause grows no more: 1, 2, 4, 8 seconds.
+constexpr unsigned int kMostFailures = 4;
 
 bool ToNodeId(const std::string& name, std::uint32_t& id) {
   const char* end = name.data() + name.size();
@@ -36,6 +43,7 @@ FabricView::~FabricView() { Stop(); }
 void FabricView::Start() {
   Stop();
   mStopping = false;
+  static_cast<void>(Refresh());
   mThread = std::thread([this] { Run(); });
 }
 
@@ -44,31 +52,41 @@ void FabricView::Stop() {
     std::lock_guard lock(mMutex);
     mStopping = true;
   }
-  mWake.notify_all();
+  mChanged.notify_all();
   if (mThread.joinable()) {
     mThread.join();
   }
 }
 
+void FabricView::SetServing(bool serving) {
+  {
+    std::lock_guard lock(mMutex);
+    mServing = serving;
+  }
+  mChanged.notify_all();
+}
+
 void FabricView::Run() {
   for (;;) {
-    Refresh();
-    std::unique_lock lock(mMutex);
-    if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
-      return;
+    {
+      std::unique_lock lock(mMutex);
+      const bool serving = mServing;
+      const auto now = common::SteadyNow();
+      const auto due = std::max(mNextTry, now + (serving ? kPeriod : kIdlePeriod));
+      mChanged.wait_for(lock, due - now, [&] { return mStopping || mServing != serving; });
+      if (mStopping) {
+        return;
+      }
     }
+    static_cast<void>(Refresh());
   }
 }
 
 bool FabricView::RefreshOlderThan(std::chrono::milliseconds age) {
-  const auto asked = common::SteadyNow();
-  std::lock_guard refreshing(mRefreshing);
   {
     std::lock_guard lock(mMutex);
-    if (mRead >= asked) {
-      return true;  // read while this one waited
-    }
-    if (asked - mRead < age) {
+    const auto now = common::SteadyNow();
+    if (!mReading && (now - mRead < age || now < mNextTry)) {
       return false;
     }
   }
@@ -77,6 +95,41 @@ bool FabricView::RefreshOlderThan(std::chrono::milliseconds age) {
 
 bool FabricView::Refresh() {
   const auto begin = common::SteadyNow();
+  {
+    std::unique_lock lock(mMutex);
+    if (mReading) {
+      const std::uint64_t before = mReadings;
+      return mChanged.wait_for(lock, kShareLimit, [&] { return mReadings != before; }) && mLastAnswered;
+    }
+    mReading = true;
+  }
+  Nodes nodes;
+  bool answered = false;
+  try {
+    answered = Read(nodes);
+  } catch (const std::exception& failure) {  // no memory: the next time there may be some
+    VYN_LOG_ERROR("The nodes of the fabric could not be read: " << failure.what());
+  }
+  {
+    std::lock_guard lock(mMutex);
+    mReading = false;
+    ++mReadings;
+    mLastAnswered = answered;
+    if (answered) {
+      mNodes = std::move(nodes);
+      mRead = begin;
+      mNextTry = {};
+      mFailures = 0;
+    } else {
+      mFailures = std::min(mFailures + 1, kMostFailures);
+      mNextTry = common::SteadyNow() + kPeriod * (1U << mFailures) / 2;
+    }
+  }
+  mChanged.notify_all();
+  return answered;
+}
+
+bool FabricView::Read(Nodes& nodes) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   if (adapter == nullptr) {
     return false;
@@ -86,7 +139,6 @@ bool FabricView::Refresh() {
   if (result != ZOK && result != ZNONODE) {
     return false;
   }
-  std::map<std::uint32_t, cluster::NodeInfo> live;
   for (const std::string& name : names) {
     std::uint32_t id = 0;
     cluster::NodeInfo node;
@@ -100,10 +152,9 @@ bool FabricView::Refresh() {
     } else {
       // A node that has just come has no capacity record yet; it counts as full until it has.
       static_cast<void>(adapter->ClusterZKGetMemInfo(id, node));
-      live.emplace(id, std::move(node));
+      nodes.live.emplace(id, std::move(node));
     }
   }
-  std::map<std::uint32_t, std::string> registered;
   names.clear();
   const int listed = zookeeper::Children(kNodesPath, names);
   if (listed != ZOK && listed != ZNONODE) {
@@ -116,23 +167,35 @@ bool FabricView::Refresh() {
       continue;
     }
     if (const int got = zookeeper::Get(NodePath(id), text); got == ZOK) {
-      registered.emplace(id, HostOf(text));
+      nodes.registered.emplace(id, HostOf(text));
     } else if (got != ZNONODE) {
       return false;
     }
   }
-  std::lock_guard lock(mMutex);
-  mLive = std::move(live);
-  mRegistered = std::move(registered);
-  mRead = begin;
   return true;
+}
+
+bool FabricView::Find(std::uint32_t nodeId, cluster::NodeInfo& node) {
+  for (bool again : {true, false}) {
+    {
+      std::lock_guard lock(mMutex);
+      if (const auto found = mNodes.live.find(nodeId); found != mNodes.live.end()) {
+        node = found->second;
+        return true;
+      }
+    }
+    if (!again || !RefreshOlderThan(kPeriod)) {
+      return false;
+    }
+  }
+  return false;
 }
 
 std::vector<cluster::NodeInfo> FabricView::Live() const {
   std::lock_guard lock(mMutex);
   std::vector<cluster::NodeInfo> nodes;
-  nodes.reserve(mLive.size());
-  for (const auto& [id, node] : mLive) {
+  nodes.reserve(mNodes.live.size());
+  for (const auto& [id, node] : mNodes.live) {
     nodes.push_back(node);
   }
   return nodes;
@@ -140,7 +203,7 @@ std::vector<cluster::NodeInfo> FabricView::Live() const {
 
 std::map<std::uint32_t, std::string> FabricView::Registered() const {
   std::lock_guard lock(mMutex);
-  return mRegistered;
+  return mNodes.registered;
 }
 
 }  // namespace vyn::services

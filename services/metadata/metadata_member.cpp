@@ -76,7 +76,11 @@ void MetadataMember::Stop() {
 
 void MetadataMember::Run() {
   for (;;) {
-    Step();
+    try {
+      Step();
+    } catch (const std::exception& failure) {  // no memory: the next step may have some
+      VYN_LOG_ERROR("The metadata member's step failed: " << failure.what());
+    }
     std::unique_lock lock(mMutex);
     if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
       break;
@@ -99,6 +103,12 @@ void MetadataMember::Step() {
   if (available == VYN_ERR_ZK_SESSION_EXPIRED || VynGetZkHandle() == nullptr) {
     KeepSession();
     return;
+  }
+  if (!mPrepared) {
+    PrepareSession();
+    if (!mPrepared) {
+      return;
+    }
   }
   // A question lasts as long as the client needs for giving its connection up: no second one when it failed.
   Stat stat{};
@@ -137,18 +147,24 @@ void MetadataMember::Step() {
 
 void MetadataMember::KeepSession() {
   EndLeading();
-  mWatching = false;
+  mPrepared = mWatching = mCaughtUp = false;
   VYN_LOG_WARN("The ZooKeeper session has gone, connecting again");
   if (VynGetZkHandle() != nullptr) {
     static_cast<void>(mAdapter->ClusterZKClose());
   }
-  if (Failed(mAdapter->ClusterZKAdapterInit(mOptions.sessionTimeout)) ||
-      Failed(mAdapter->ClusterZKMakeDir())) {
-    return;  // the next step tries again
+  if (!Failed(mAdapter->ClusterZKAdapterInit(mOptions.sessionTimeout))) {
+    PrepareSession();
+  }
+}
+
+void MetadataMember::PrepareSession() {
+  if (Failed(mAdapter->ClusterZKMakeDir())) {
+    return;
   }
   if (mOptions.onNewSession) {
     mOptions.onNewSession();
   }
+  mPrepared = true;
 }
 
 void MetadataMember::BuildStatusTree() {
@@ -208,25 +224,24 @@ void MetadataMember::KeepOwnStatus() {
 }
 
 void MetadataMember::RegisterWatches() {
-  if (mWatching) {
-    return;
-  }
-  static_cast<void>(ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(mRecord));
-  mWatching = !Failed(ClusterZKAdapter::ZKRegisterWatcher(false));
   if (!mWatching) {
-    return;
+    static_cast<void>(ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(mRecord));
+    mWatching = !Failed(ClusterZKAdapter::ZKRegisterWatcher(false));
   }
-  // What changed before the watches stood no event will tell: a node that went down while nobody led stays
-  // "alive".
-  static_cast<void>(
-      ClusterZKAdapter::ZKUpdateMemoryInformation(mOptions.nodeAddress, common::META_NODE_STATUS_NONE, true));
-  if (mLeading) {
-    String_vector followers{};
-    if (DoDlZooGetChildren(VynGetZkHandle(), ClusterZKAdapter::mMetaFollowerPath.c_str(), 0, &followers) ==
-        ZOK) {
-      static_cast<void>(ClusterZKAdapter::ZKCheckAndMarkFollowerBroken(mRecord, followers));
-    }
+  if (mWatching && !mCaughtUp) {
+    mCaughtUp = CatchUp();
   }
+}
+
+bool MetadataMember::CatchUp() {
+  if (Failed(ClusterZKAdapter::ZKUpdateMemoryInformation(mOptions.nodeAddress, common::META_NODE_STATUS_NONE,
+                                                         true))) {
+    return false;
+  }
+  String_vector followers{};
+  return !mLeading || (DoDlZooGetChildren(VynGetZkHandle(), ClusterZKAdapter::mMetaFollowerPath.c_str(), 0,
+                                          &followers) == ZOK &&
+                       !Failed(ClusterZKAdapter::ZKCheckAndMarkFollowerBroken(mRecord, followers)));
 }
 
 void MetadataMember::BeginLeading() {

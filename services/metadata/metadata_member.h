@@ -65,10 +65,15 @@ class MetadataMember {
   /// One look at the leader znode, and what follows from it.
   void Step();
   void KeepSession();
+  /// What a new session needs once; again until it succeeds.
+  void PrepareSession();
   void BuildStatusTree();
   void Follow();
   void KeepOwnStatus();
   void RegisterWatches();
+  /// What changed before the watches stood no event will tell: a node that went down while nobody led stays
+  /// "alive". Returns: whether all of it was read and marked.
+  bool CatchUp();
   /// Requires: the leader znode is this session's.
   void BeginLeading();
   void EndLeading();
@@ -80,7 +85,9 @@ class MetadataMember {
   common::Ref<cluster::ClusterZKAdapter> mAdapter;
   common::Ref<common::MetaNodeInfo> mRecord;
   bool mElectable = false;
-  bool mWatching = false;
+  bool mPrepared = true;
+  bool mWatching = false;  ///< the watches stand
+  bool mCaughtUp = false;  ///< with what changed before they stood
   /// Of ZooKeeper, in Step.
   std::chrono::steady_clock::time_point mLastAnswer;
   /// Before it a claim is not tried again: serving failed.

@@ -79,8 +79,8 @@ std::uint32_t MetadataService::Start() {
     Stop();
     return status;
   }
-  // A view of before the leadership may be a second old; one that cannot be had now comes with the next
-  // period.
+  // The view may be old; one that cannot be had now comes with the next period.
+  mView.SetServing(true);
   static_cast<void>(mView.Refresh());
   {
     std::lock_guard lock(mMutex);
@@ -98,6 +98,7 @@ void MetadataService::Stop() {
     mStopping = true;
   }
   mChanged.notify_all();
+  mView.SetServing(false);
   mServer.Stop();
   if (mWatcher.joinable()) {
     mWatcher.join();
@@ -297,19 +298,31 @@ void MetadataService::WatchSilence() {
       mState.Forgive(now - last);
     }
     last = now;
-    for (const std::string& application : mState.Silent(mOptions.applicationTimeout)) {
-      bool removed = false;
-      const std::uint32_t status = mState.Expire(application, mOptions.applicationTimeout, removed);
-      if (!removed) {
-        continue;  // it has sent one meanwhile
-      }
+    try {
+      EndSilent();
+    } catch (const std::exception& failure) {  // no memory: the next look may have some
+      VYN_LOG_ERROR("Silent applications could not be ended: " << failure.what());
+    }
+    if (Deposed()) {
+      return;
+    }
+  }
+}
+
+void MetadataService::EndSilent() {
+  for (const std::string& application : mState.Silent(mOptions.applicationTimeout)) {
+    bool removed = false;
+    const std::uint32_t status = mState.Expire(application, mOptions.applicationTimeout, removed);
+    if (status == MetadataStore::kStatusDeposed) {
+      mDeposed.store(true, std::memory_order_release);
+    }
+    if (Failed(status)) {
+      return;  // the store has said why; the next look tries again, or the next leader
+    }
+    if (removed) {  // it may have sent a heartbeat meanwhile
       VYN_LOG_WARN("Application " << application << " has sent no heartbeat for "
-                                  << mOptions.applicationTimeout.count() << " ms, it is removed");
+                                  << mOptions.applicationTimeout.count() << " ms, it was removed");
       Audit("expire_application", application, status);
-      if (status == MetadataStore::kStatusDeposed) {
-        mDeposed.store(true, std::memory_order_release);
-        return;
-      }
     }
   }
 }

@@ -62,6 +62,7 @@ class MetadataService {
   /// SelectNodes on a view that is fresh enough to show a node that has just come.
   std::vector<cluster::NodeInfo> Select(const std::vector<std::string>& candidates, bool one);
   void WatchSilence();
+  void EndSilent();
 
   const MetadataServiceOptions mOptions;
   FabricView& mView;

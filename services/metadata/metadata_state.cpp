@@ -229,9 +229,14 @@ std::uint32_t MetadataState::Expire(const std::string& application, std::chrono:
   {
     std::shared_lock lock(mMutex);
     const auto app = mApplications.find(application);
-    removed = app != mApplications.end() && IsSilent(app->second, timeout);
+    removed = false;
+    if (app == mApplications.end() || !IsSilent(app->second, timeout)) {
+      return VYN_OK;
+    }
   }
-  return removed ? Remove(application) : VYN_OK;
+  const std::uint32_t status = Remove(application);
+  removed = !Failed(status);
+  return status;
 }
 
 std::uint32_t MetadataState::Remove(const std::string& application) {

@@ -45,7 +45,7 @@ class MetadataState {
   std::uint32_t HeartBeat(const std::string& application, bool alive = true);
   /// Moves every silence: the service itself stood still for `gap` and cannot know who was silent meanwhile.
   void Forgive(std::chrono::steady_clock::duration gap);
-  /// Removes it if it is still silent. \param removed receives whether it was. Returns: 0 or a status.
+  /// Removes it if it is still silent. \param removed receives whether it is gone. Returns: 0 or a status.
   std::uint32_t Expire(const std::string& application, std::chrono::milliseconds timeout, bool& removed);
   /// Those that sent heartbeats and have been silent for `timeout`.
   std::vector<std::string> Silent(std::chrono::milliseconds timeout) const;

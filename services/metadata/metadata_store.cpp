@@ -114,10 +114,15 @@ std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applicatio
   std::atomic<std::size_t> next{0};
   std::atomic<std::uint32_t> failure{VYN_OK};
   const auto load = [&] {
-    for (std::size_t i = next++; i < names.size() && !Failed(failure); i = next++) {
-      if (const std::uint32_t status = LoadApplication(names[i], loaded[i]); Failed(status)) {
-        failure = status;
+    try {
+      for (std::size_t i = next++; i < names.size() && !Failed(failure); i = next++) {
+        if (const std::uint32_t status = LoadApplication(names[i], loaded[i]); Failed(status)) {
+          failure = status;
+        }
       }
+    } catch (const std::exception& problem) {
+      VYN_LOG_ERROR("The records could not be read: " << problem.what());
+      failure = VYN_ERR_NULL_POINTER;
     }
   };
   {

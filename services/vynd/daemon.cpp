@@ -106,19 +106,23 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   identity.claimLimit =
       std::chrono::milliseconds(Conf()->GetInt("vyn.zookeeper.session.timeout", 30000)) + kSessionSlack;
   mRegistry = std::make_unique<NodeRegistry>(std::move(identity), mFabric);
-  if (!mRegistry->Claim(error)) {  // before anything that is this id's is touched
+  if (!mRegistry->Claim(error, stopping)) {  // before anything that is this id's is touched
     return fail();
   }
   mReclaimer->Drain();  // what was freed while this node was down goes before anyone is served
   mClaimed = true;
-  if (!mRegistry->Start(error) || !mNodeServer->Start(error)) {
+  if (!mRegistry->Start(error)) {
     return fail();
   }
-  mReclaimer->Start();
+  // Before the node server: with it comes the view by which other nodes are found.
   if (Failed(mMember->Start())) {
     error = "the metadata member cannot start, the log tells why";
     return fail();
   }
+  if (!mNodeServer->Start(error)) {
+    return fail();
+  }
+  mReclaimer->Start();
   // Ready is a node whose clients find the metadata service; the first node of a cluster may be up before
   // those that lead.
   if (AwaitLeader(kLeaderLimit, [&] { return !stopping(); }).empty()) {
@@ -220,13 +224,12 @@ bool Daemon::StartFabric(std::string& error) {
     common::BaseApiUtil::GetPlxTlsConf4Client(conf, options.linkTrust, false);
   }
   options.directory = [this](std::uint16_t nodeId, bm::NodeAddress& address) {
-    for (const auto& node : mMember->View().Live()) {
-      if (node.nodeId == nodeId) {
-        address = {node.ip, static_cast<std::uint16_t>(node.auxValue)};
-        return true;
-      }
+    cluster::NodeInfo node;
+    if (!mMember->View().Find(nodeId, node)) {
+      return false;
     }
-    return false;
+    address = {node.ip, static_cast<std::uint16_t>(node.auxValue)};
+    return true;
   };
   options.namespaceGuard = [this](const std::string& ns, const std::string& token) {
     if (!mClaimed) {

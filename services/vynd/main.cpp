@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
     for (const std::string& error : errors) {
       std::fprintf(stderr, "vynd: %s\n", error.c_str());
     }
-    return 1;
+    return stopping() ? 0 : 1;
   }
   if (!stopping()) {
     std::printf("READY\n");

@@ -70,13 +70,13 @@ NodeRegistry::NodeRegistry(NodeIdentity identity, const bm::FabricNode& fabric)
 
 NodeRegistry::~NodeRegistry() { Stop(); }
 
-bool NodeRegistry::Claim(std::string& error) {
+bool NodeRegistry::Claim(std::string& error, const std::function<bool()>& stopping) {
   if (!MakeTree(error) || !CheckKnownAddress(error)) {
     return false;
   }
   const auto end = common::SteadyNow() + mIdentity.claimLimit;
   Published published = PublishIdentity(error);
-  while (published == Published::kUndecided && common::SteadyNow() < end) {
+  while (published == Published::kUndecided && common::SteadyNow() < end && !(stopping && stopping())) {
     common::SleepFor(kClaimPause);
     published = PublishIdentity(error);
   }

@@ -46,9 +46,9 @@ class NodeRegistry {
 
   /// Makes the id this node's: its record under /mf/node, then its persistent ones. Requires: the fabric node
   /// runs.
-  /// Returns: false with the reason: ZooKeeper does not answer, or the id is another node's, of which nothing
-  /// was changed.
-  bool Claim(std::string& error);
+  /// \param stopping ends the wait early. Returns: false with the reason: ZooKeeper does not answer, or the id
+  /// is another node's, of which nothing was changed.
+  bool Claim(std::string& error, const std::function<bool()>& stopping = {});
   /// Publishes the capacity too, with which this node is chosen for blocks, and begins to keep the records.
   /// Requires: Claim. Returns: false with the reason.
   bool Start(std::string& error);

@@ -163,8 +163,9 @@ TEST_F(NodeRegistryTest, WaitsForTheEndOfAnEarlierSession) {
   auto earlier = std::make_unique<RawZookeeper>(mUrl);
   earlier->Create(kNode, NodeBytes("10.0.0.1", "host-7", "\x35\x12\0\0"s), ZOO_EPHEMERAL);
   NodeIdentity identity = Identity();
-  identity.claimLimit = std::chrono::seconds(60);
+  identity.claimLimit = std::chrono::hours(10);
   NodeRegistry registry(identity, mFabric);
+  EXPECT_FALSE(registry.Claim(mError, [] { return true; })) << "the daemon is told to end";
   std::jthread end([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     earlier.reset();
