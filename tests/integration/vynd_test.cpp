@@ -331,11 +331,17 @@ TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
                    "$pid; echo code $?");
   EXPECT_NE(run.output.find("code"), std::string::npos) << run.output;
   if (run.output.find("interrupted") != std::string::npos) {  // it may have been done already
-    EXPECT_NE(run.output.find("code 1"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("code 130"), std::string::npos) << run.output;
     EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 3; }));
   } else {
     EXPECT_EQ(Vynctl(*node, "rm app 7").status, 0);
   }
+  run = RunCommand(
+      "cd " + folder.Path() + "; mkfifo unread; " VYN_STAGE_DIR "/bin/vynctl --home " + node->Home() +
+      " --token t get app 5 > unread & pid=$!; cd " + folder.Path() +
+      "; while [ ! -p unread ]; do sleep 0.1; done; exec 4<unread; head -c 1 <&4 >/dev/null; kill $pid; "
+      "wait $pid; echo code $?");
+  EXPECT_NE(run.output.find("interrupted\ncode 143"), std::string::npos) << run.output;
   // Behind what a file has already; the token not on the command line.
   const std::string token = folder.Write("token", "t\n");
   run = RunCommand("printf '%s' before > " + folder / "appended" + "; exec 1>>" + folder / "appended" + "; " +

@@ -1,9 +1,10 @@
 // vynctl: looks at a cluster of Vyn broadcast and moves variables in and out of it.
 //
-// Exit codes: 0 done, 1 the command failed, 2 the command line is wrong.
+// Exit codes: 0 done, 1 the command failed, 2 the command line is wrong, 128 and the signal's number when one ended it.
 
 #include "services/config_check/config_check.h"
 #include "tools/vynctl/commands.h"
+#include "tools/vynctl/interruption.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -126,9 +127,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
-  } catch (const CommandError& error) {
+  } catch (const Interrupted& error) {
     std::fprintf(stderr, "vynctl: %s\n", error.what());
-    return 1;
+    return 128 + error.signal;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "vynctl: %s\n", error.what());
     return 1;

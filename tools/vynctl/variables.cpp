@@ -3,6 +3,7 @@
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
 #include "tools/vynctl/commands.h"
+#include "tools/vynctl/interruption.h"
 #include "vyn/broadcast.h"
 #include "vyn/status.h"
 
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,23 +44,13 @@ class Input {
   int mValue;
 };
 
-/// Set by SIGINT, SIGTERM and SIGHUP while half a variable may be in the pool.
-volatile std::sig_atomic_t gInterrupted = 0;
-
-/// Ends the work where it may end.
-void CheckInterrupted() {
-  if (gInterrupted != 0) {
-    throw CommandError("interrupted");
-  }
-}
-
 /// Fills a mapped block from the file.
 void ReadInto(int descriptor, char* target, std::uint64_t size, std::uint64_t offset,
               const std::string& file) {
   while (size > 0) {
+    CheckInterrupted();
     const ssize_t count = pread(descriptor, target, size, static_cast<off_t>(offset));
     if (count < 0 && errno == EINTR) {
-      CheckInterrupted();
       continue;
     }
     if (count <= 0) {
@@ -75,6 +65,7 @@ void ReadInto(int descriptor, char* target, std::uint64_t size, std::uint64_t of
 
 void WriteAll(int descriptor, const char* data, std::uint64_t size) {
   while (size > 0) {
+    CheckInterrupted();
     const ssize_t count = write(descriptor, data, size);
     if (count < 0 && errno == EINTR) {
       continue;
@@ -121,13 +112,7 @@ std::optional<Found> FindVariable(const std::string& application, std::uint32_t 
 /// Takes a variable that was created and not filled away again, so that nobody reads half of it.
 class Undo {
  public:
-  Undo(const std::string& application, std::uint32_t id) : mApplication(application), mId(id) {
-    struct sigaction action {};
-    action.sa_handler = [](int) { gInterrupted = 1; };
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-      sigaction(number, &action, nullptr);
-    }
-  }
+  Undo(const std::string& application, std::uint32_t id) : mApplication(application), mId(id) {}
   ~Undo() {
     if (mDone || IsOfAnother()) {
       return;
@@ -249,6 +234,7 @@ void PutVariable(const Settings& settings, const std::string& application, std::
   if (FindVariable(application, id)) {
     throw CommandError("there is " + NameOf(application, id) + " already");
   }
+  DeferSignals();
   Require(CreateBroadcastVar(app, id, count), "creating the variable");
   Undo undo(application, id);
   Progress progress("put", total);
@@ -315,10 +301,12 @@ void GetVariable(const Settings& settings, const std::string& application, std::
   for (const unsigned long size : sizes) {
     total += size;
   }
+  DeferSignals();
   Output output(file);
   {
     Progress progress("get", total);
     for (std::uint32_t i = 0; i < count; ++i) {
+      CheckInterrupted();
       void* address = nullptr;
       Require(ObtainBroadcastBlockAddr(app, id, i, &address), "mapping a block");
       WriteAll(output.Descriptor(), static_cast<const char*>(address), sizes[i]);
