@@ -4,6 +4,7 @@
 
 #include "common/rpc/rpc_engine.h"
 #include "common/util/input_check.h"
+#include "common/util/log.h"
 #include "common/util/logging.h"
 #include "common/util/ref.h"
 #include "platform/rpc/server.h"
@@ -25,6 +26,12 @@ inline constexpr std::uint16_t kOperationCodes = 1024;
 /// it.
 inline bool IsName(const std::string& name) {
   return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
+}
+
+/// A line of the audit log. \param subject who acted: the caller as "ip:port", or this process's id.
+inline void Audit(const std::string& subject, const char* operation, const std::string& target,
+                  std::uint32_t status) {
+  common::AuditGlog(subject.c_str(), operation, target.c_str(), Failed(status) ? "FAILED" : "SUCCESS");
 }
 
 /// The way back to who sent a request. Any thread, also after the handler has returned; all copies together

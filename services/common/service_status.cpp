@@ -7,11 +7,12 @@ namespace vyn::services {
 
 namespace {
 
-constexpr std::array<std::pair<std::uint32_t, const char*>, 12> kTexts{{
+constexpr std::array<std::pair<std::uint32_t, const char*>, 14> kTexts{{
     {kStatusUnknownOperation, "no such operation"},
     {kStatusInvalidRequest, "the request makes no sense"},
     {kStatusNotRegistered, "the application is not registered at this node"},
     {kStatusWrongToken, "the token is not the application's"},
+    {kStatusWrongOwner, "a block lies on another node"},
     {kStatusUnknownVariable, "no such variable or block"},
     {kStatusVariableExists, "the variable exists with other blocks"},
     {kStatusNotReady, "the blocks of the variable are not known yet"},
@@ -20,6 +21,7 @@ constexpr std::array<std::pair<std::uint32_t, const char*>, 12> kTexts{{
     {kStatusFabric, "the pool of this node refused"},
     {kStatusNotServed, "not served by this node"},
     {kStatusTooLarge, "more than one record can hold"},
+    {kStatusLimit, "the application has as many variables or blocks as it may have"},
 }};
 
 }  // namespace

@@ -17,6 +17,8 @@ inline constexpr std::uint32_t kStatusInvalidRequest = 2140003;
 inline constexpr std::uint32_t kStatusNotRegistered = 2140005;
 /// The token is not the application's.
 inline constexpr std::uint32_t kStatusWrongToken = 2140007;
+/// A block is said to lie on another node than its id says.
+inline constexpr std::uint32_t kStatusWrongOwner = 2140009;
 /// No such variable, or no such block in it.
 inline constexpr std::uint32_t kStatusUnknownVariable = 2140011;
 /// The variable exists with other blocks.
@@ -33,6 +35,8 @@ inline constexpr std::uint32_t kStatusFabric = 2140021;
 inline constexpr std::uint32_t kStatusNotServed = 2140023;
 /// More than one record can hold.
 inline constexpr std::uint32_t kStatusTooLarge = 2140025;
+/// The application has as many variables or blocks as one may have.
+inline constexpr std::uint32_t kStatusLimit = 2140027;
 
 /// Returns: the words for a code of this table, "unknown status" for any other.
 const char* StatusText(std::uint32_t status);

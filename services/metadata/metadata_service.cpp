@@ -4,6 +4,7 @@
 #include "common/util/clock.h"
 #include "common/util/log.h"
 #include "common/util/logging.h"
+#include "platform/bmclient/wire/names.h"
 #include "services/common/rpc_handlers.h"
 #include "services/metadata/node_selection.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -29,23 +30,24 @@ constexpr auto kStandstill = std::chrono::seconds(1);
 constexpr auto kViewAge = std::chrono::milliseconds(100);
 /// The most names of one question: each unknown one is looked for in ZooKeeper.
 constexpr std::size_t kMaxNames = 10000;
-/// A big-memory id, without the padding that a driver outside the fabric sends behind it.
-constexpr std::size_t kBmIdLength = 60;
-
-/// Cuts the padding of the ids off. Returns: whether the block list can be one.
-bool Normalize(BroadcastBlockInfo& info) {
-  if (!IsName(info.appId) || info.bmIds.size() != info.sizes.size() || info.nodeId > 0xFFFF) {
-    return false;
+/// Cuts the padding off that a driver outside the fabric sends behind the ids. Returns: 0 when the block list
+/// can be one.
+std::uint32_t Normalize(BroadcastBlockInfo& info) {
+  if (!IsName(info.appId) || info.bmIds.size() != info.sizes.size()) {
+    return kStatusInvalidRequest;
   }
   for (std::string& bmId : info.bmIds) {
     if (const std::size_t end = bmId.find('\0'); end != std::string::npos) {
       bmId.resize(end);
     }
-    if (bmId.size() != kBmIdLength || !IsName(bmId)) {
-      return false;
+    if (!bm::IsObjectId(bmId)) {
+      return kStatusInvalidRequest;
+    }
+    if (bm::OwnerOf(bmId) != info.nodeId) {
+      return kStatusWrongOwner;
     }
   }
-  return true;
+  return VYN_OK;
 }
 
 rpc::ServerOptions ServerOptionsOf(const MetadataServiceOptions& options) {
@@ -54,15 +56,10 @@ rpc::ServerOptions ServerOptionsOf(const MetadataServiceOptions& options) {
   return server;
 }
 
-void Audit(const char* operation, const std::string& target, std::uint32_t status) {
-  common::AuditGlog(std::to_string(getpid()).c_str(), operation, target.c_str(),
-                    Failed(status) ? "FAILED" : "SUCCESS");
-}
-
 }  // namespace
 
 MetadataService::MetadataService(MetadataServiceOptions options, FabricView& view)
-    : mOptions(std::move(options)), mView(view), mServer(ServerOptionsOf(mOptions)) {
+    : mOptions(std::move(options)), mView(view), mState(mOptions.limits), mServer(ServerOptionsOf(mOptions)) {
   RegisterOperations();
 }
 
@@ -142,13 +139,13 @@ void MetadataService::RegisterOperations() {
 
   ServeWithoutReply<ShuffleApplication>(
       mServer, static_cast<std::uint16_t>(ShuffleMeta::APP_REMOVE), "APP_REMOVE",
-      [this](ShuffleApplication& request, const std::string&) {
+      [this](ShuffleApplication& request, const std::string& peer) {
         return WhenReady([&]() -> std::uint32_t {
           if (!IsName(request.appId)) {
             return kStatusInvalidRequest;
           }
           const std::uint32_t status = mState.RemoveApplication(request.appId);
-          Audit("remove_application", request.appId, status);
+          Audit(peer, "remove_application", request.appId, status);
           return status;
         });
       });
@@ -184,14 +181,18 @@ void MetadataService::RegisterVariableOperations() {
                                                  : kStatusInvalidRequest;
                                     });
                                   });
-  ServeWithoutReply<BroadcastVar>(mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_REMOVE),
-                                  "BROADCAST_VAR_REMOVE", [this](BroadcastVar& request, const std::string&) {
-                                    return WhenReady([&]() -> std::uint32_t {
-                                      return IsName(request.appId)
-                                                 ? mState.RemoveVariable(request.appId, request.broadcastId)
-                                                 : kStatusInvalidRequest;
-                                    });
-                                  });
+  ServeWithoutReply<BroadcastVar>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_REMOVE), "BROADCAST_VAR_REMOVE",
+      [this](BroadcastVar& request, const std::string& peer) {
+        return WhenReady([&]() -> std::uint32_t {
+          if (!IsName(request.appId)) {
+            return kStatusInvalidRequest;
+          }
+          const std::uint32_t status = mState.RemoveVariable(request.appId, request.broadcastId);
+          Audit(peer, "remove_variable", request.appId + "/" + std::to_string(request.broadcastId), status);
+          return status;
+        });
+      });
   Serve<BroadcastVar, BroadcastBlockInfo>(
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GET), "BROADCAST_VAR_GET",
       [this](BroadcastVar& request, BroadcastBlockInfo& response, const std::string&) {
@@ -201,14 +202,16 @@ void MetadataService::RegisterVariableOperations() {
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_INFO_ADD), "BROADCAST_VAR_INFO_ADD",
       [this](BroadcastBlockInfo& request, const std::string&) {
         return WhenReady([&]() -> std::uint32_t {
-          return Normalize(request) ? mState.SetBlocks(request) : kStatusInvalidRequest;
+          const std::uint32_t status = Normalize(request);
+          return Failed(status) ? status : mState.SetBlocks(request);
         });
       });
   ServeWithoutReply<BroadcastBlockInfo>(
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_BLOCK_INFO_ADD), "BROADCAST_BLOCK_INFO_ADD",
       [this](BroadcastBlockInfo& request, const std::string&) {
         return WhenReady([&]() -> std::uint32_t {
-          return Normalize(request) ? mState.AddBlocks(request) : kStatusInvalidRequest;
+          const std::uint32_t status = Normalize(request);
+          return Failed(status) ? status : mState.AddBlocks(request);
         });
       });
   Serve<BlockInfoRequest, BlockBmInfo>(
@@ -322,7 +325,7 @@ void MetadataService::EndSilent() {
     if (removed) {  // it may have sent a heartbeat meanwhile
       VYN_LOG_WARN("Application " << application << " has sent no heartbeat for "
                                   << mOptions.applicationTimeout.count() << " ms, it was removed");
-      Audit("expire_application", application, status);
+      Audit(std::to_string(getpid()), "expire_application", application, status);
     }
   }
 }

@@ -29,6 +29,7 @@ struct MetadataServiceOptions {
   std::chrono::milliseconds applicationTimeout{60000};
   /// How long a request waits for the records of a leadership that has just begun.
   std::chrono::milliseconds readyTimeout{30000};
+  ApplicationLimits limits;
   /// TLS and limits of the server; its mReport is replaced.
   rpc::ServerOptions server;
 };

@@ -30,6 +30,9 @@ std::uint32_t MetadataState::Load() {
   const auto now = common::SteadyNow();
   for (auto& [name, application] : applications) {
     application.lastBeat = now;
+    for (const auto& [id, variable] : application.variables) {
+      application.blocks += variable.blockNum;
+    }
   }
   std::unique_lock lock(mMutex);
   mApplications = std::move(applications);
@@ -82,6 +85,9 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   if (Find(application, id, variable)) {
     return variable.blockNum == blockNum ? VYN_OK : kStatusVariableExists;
   }
+  if (!HasRoom(application, blockNum)) {
+    return kStatusLimit;
+  }
   if (const std::uint32_t status = EnsureApplication(application); Failed(status)) {
     return status;
   }
@@ -91,8 +97,18 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
     return status;
   }
   std::unique_lock lock(mMutex);
-  mApplications[application].variables[id] = std::move(variable);
+  Application& owner = mApplications[application];
+  owner.variables[id] = std::move(variable);
+  owner.blocks += blockNum;
   return VYN_OK;
+}
+
+bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockNum) const {
+  std::shared_lock lock(mMutex);
+  const auto app = mApplications.find(application);
+  const std::size_t variables = app == mApplications.end() ? 0 : app->second.variables.size();
+  const std::uint64_t blocks = app == mApplications.end() ? 0 : app->second.blocks;
+  return variables < mLimits.variables && blocks + blockNum <= mLimits.blocks;
 }
 
 std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id) {
@@ -107,7 +123,9 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
   }
   const auto now = common::SteadyNow();
   std::unique_lock lock(mMutex);
-  mApplications[application].variables.erase(id);
+  Application& owner = mApplications[application];
+  owner.variables.erase(id);
+  owner.blocks -= variable.blockNum;
   std::erase_if(mDeleted, [now](const auto& deleted) { return now - deleted.second.when > kDeletedMemory; });
   if (!entries.empty()) {
     mDeleted[{application, id}] = {now, std::move(entries)};

@@ -25,6 +25,7 @@ namespace vyn::services {
 
 class MetadataState {
  public:
+  explicit MetadataState(ApplicationLimits limits = {}) : mLimits(limits) {}
   /// Begins a leadership.
   std::uint32_t Load();
 
@@ -64,6 +65,10 @@ class MetadataState {
   /// Requires: the application's write lock is held.
   std::uint32_t Remove(const std::string& application);
 
+  /// Whether one more variable with so many blocks fits into the application.
+  bool HasRoom(const std::string& application, std::uint32_t blockNum) const;
+
+  const ApplicationLimits mLimits;
   MetadataStore mStore;
   std::array<std::mutex, 64> mWriteLocks;
   /// Guards mApplications and mDeleted.

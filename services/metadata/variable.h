@@ -3,6 +3,7 @@
 // What the metadata service knows of the applications and their variables.
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -31,6 +32,13 @@ struct Application {
   /// Of its latest heartbeat, or of the start of this leadership.
   std::chrono::steady_clock::time_point lastBeat;
   std::map<std::uint32_t, Variable> variables;
+  std::uint64_t blocks = 0;  ///< of all its variables, those that are not known yet included
+};
+
+/// The most that one application can have. Both stand in ZooKeeper and in the leader's memory.
+struct ApplicationLimits {
+  std::size_t variables = 100000;
+  std::uint64_t blocks = 2000000;
 };
 
 }  // namespace vyn::services

@@ -73,6 +73,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   member.service.address = mOptions.address;
   member.service.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_meta.port", 3892));
   member.service.applicationTimeout = mOptions.applicationTimeout;
+  member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
   member.service.server = ServerSettings();
   mMember = std::make_unique<MetadataMember>(std::move(member));
   mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
@@ -88,6 +89,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   NodeServerOptions node;
   node.nodeId = mOptions.nodeId;
   node.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_server.port", 3891));
+  node.maxObjects = mOptions.maxBlocks;
   node.server = ServerSettings();
   node.reclaim = [this](const std::string& application) { return mReclaimer->Drain(application); };
   node.giveBack = [this](const std::string& application, const std::vector<std::string>& bmIds) {

@@ -1,6 +1,5 @@
 #include "services/vynd/node_server.h"
 
-#include "common/util/log.h"
 #include "common/util/logging.h"
 #include "platform/bmclient/protocol.h"
 #include "services/vynd/metadata_client.h"
@@ -8,7 +7,6 @@
 #include "tessel/message/operation_codes.h"
 
 #include <openssl/evp.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -46,11 +44,6 @@ std::uint32_t StatusOf(int result) {
       VYN_LOG_ERROR("The pool of this node refused with " << result);
       return kStatusFabric;
   }
-}
-
-void Audit(const char* operation, const std::string& application, std::uint32_t status) {
-  common::AuditGlog(std::to_string(getpid()).c_str(), operation, application.c_str(),
-                    Failed(status) ? "FAILED" : "SUCCESS");
 }
 
 rpc::ServerOptions ServerOptionsOf(const NodeServerOptions& options) {
@@ -126,21 +119,23 @@ void NodeServer::RegisterOperations() {
   RefuseAll(mServer, kStatusUnknownOperation);
   Serve<ApplicationRegisterRequest, NodeIdResponse>(
       mServer, ShuffleServer::APP_REGISTER, "APP_REGISTER",
-      [this](auto& request, auto& response, const std::string&) {
-        return RegisterApplication(request, response);
+      [this](auto& request, auto& response, const std::string& peer) {
+        return RegisterApplication(request, response, peer);
       });
   ServeWithoutReply<ApplicationRegisterRequest>(
       mServer, ShuffleServer::APP_UNREGISTER, "APP_UNREGISTER",
-      [this](auto& request, const std::string&) { return UnregisterApplication(request); });
+      [this](auto& request, const std::string& peer) { return UnregisterApplication(request, peer); });
   Serve<BlobCreateRequest, ShuffleBlob>(
       mServer, ShuffleServer::BLOB_CREATE, "BLOB_CREATE",
-      [this](auto& request, auto& response, const std::string&) { return CreateBlob(request, response); },
+      [this](auto& request, auto& response, const std::string& peer) {
+        return CreateBlob(request, response, peer);
+      },
       [this](const auto& request, const auto& response) {
         TakeBack("BLOB_CREATE", request.ns, {response.blobText});
       });
   ServeWithoutReply<BlobBatchDeleteRequest>(
       mServer, ShuffleServer::BLOB_BATCH_DELETE, "BLOB_BATCH_DELETE",
-      [this](auto& request, const std::string&) { return DeleteBlobs(request); });
+      [this](auto& request, const std::string& peer) { return DeleteBlobs(request, peer); });
   for (const std::uint16_t code : {ShuffleServer::LOCAL_BLOB_GET, ShuffleServer::LOCAL_BLOB_COMMIT}) {
     mServer.Register(
         rpc::MessageId(code),
@@ -173,7 +168,26 @@ bool NodeServer::IsRegistered(const std::string& application) const {
   return mFabric.CheckToken(application, "") != -ENOENT;
 }
 
-std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& request, NodeIdResponse& response) {
+std::uint64_t NodeServer::ObjectsOf(const std::string& application) const {
+  for (const bm::NamespaceInfo& info : mFabric.Namespaces()) {
+    if (info.name == application) {
+      return info.objects;
+    }
+  }
+  return 0;
+}
+
+std::uint32_t NodeServer::CheckToken(const std::string& application, const std::string& token,
+                                     const char* operation, const std::string& peer) const {
+  const std::uint32_t status = StatusOf(mFabric.CheckToken(application, token));
+  if (status == kStatusWrongToken) {
+    Audit(peer, operation, application, status);
+  }
+  return status;
+}
+
+std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& request, NodeIdResponse& response,
+                                              const std::string& peer) {
   if (!CanRegister(request.ns, request.token)) {
     return kStatusInvalidRequest;
   }
@@ -187,7 +201,7 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
     const int result = mFabric.CreateNamespace(request.ns, request.token);
     status = result == kBmNamespaceExists ? VYN_OK : StatusOf(result);
   }
-  Audit("register_application", request.ns, status);
+  Audit(peer, "register_application", request.ns, status);
   if (Failed(status)) {
     return status;
   }
@@ -196,12 +210,13 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
   return VYN_OK;
 }
 
-std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request) {
+std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request,
+                                                const std::string& peer) {
   if (!IsName(request.ns)) {
     return kStatusInvalidRequest;  // nor does it go into the audit log
   }
   const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
-  Audit("unregister_application", request.ns, status);
+  Audit(peer, "unregister_application", request.ns, status);
   if (!Failed(status)) {
     std::lock_guard lock(mMutex);
     ForgetVariables(request.ns);
@@ -218,6 +233,9 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
   }
   if (!IsRegistered(request.appId)) {
     return kStatusNotRegistered;
+  }
+  if (ObjectsOf(request.appId) + request.sizes.size() > mOptions.maxObjects) {
+    return kStatusLimit;
   }
   response.appId = request.appId;
   response.broadcastId = request.broadcastId;
@@ -304,13 +322,18 @@ void NodeServer::LookUp(const Flight& flight) {
   }
 }
 
-std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response) {
+std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response,
+                                     const std::string& peer) {
   if (!IsName(request.ns) || !IsName(request.bagName) || request.blobSize == 0 ||
       request.blobSize > kMaxBlobSize) {
     return kStatusInvalidRequest;
   }
-  if (const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token)); Failed(status)) {
+  if (const std::uint32_t status = CheckToken(request.ns, request.token, "create_blob", peer);
+      Failed(status)) {
     return status;
+  }
+  if (ObjectsOf(request.ns) >= mOptions.maxObjects) {
+    return kStatusLimit;
   }
   std::string bmId;
   if (const std::uint32_t status = StatusOf(mFabric.Allocate(request.ns, request.blobSize, bmId));
@@ -329,8 +352,9 @@ std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& re
   return VYN_OK;
 }
 
-std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request) {
-  if (const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token)); Failed(status)) {
+std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std::string& peer) {
+  if (const std::uint32_t status = CheckToken(request.ns, request.token, "delete_blobs", peer);
+      Failed(status)) {
     return status;
   }
   std::unordered_set<std::uint64_t> wanted;

@@ -30,6 +30,8 @@ namespace vyn::services {
 struct NodeServerOptions {
   std::uint16_t nodeId = 0;
   std::uint16_t port = 0;  ///< on 127.0.0.1
+  /// The most objects of one application in this node's pool.
+  std::uint64_t maxObjects = 2000000;
   rpc::ServerOptions server;
   /// Gives back, before an application registers, what an earlier application of that name has left on this
   /// node.
@@ -68,16 +70,23 @@ class NodeServer {
 
   void RegisterOperations();
   std::uint32_t RegisterApplication(tessel::ApplicationRegisterRequest& request,
-                                    tessel::NodeIdResponse& response);
-  std::uint32_t UnregisterApplication(tessel::ApplicationRegisterRequest& request);
+                                    tessel::NodeIdResponse& response, const std::string& peer);
+  std::uint32_t UnregisterApplication(tessel::ApplicationRegisterRequest& request, const std::string& peer);
   std::uint32_t CreateBlocks(tessel::BroadcastBlockBatch& request, tessel::BroadcastBlockInfo& response);
   /// Frees what was made for a caller that has gone without its answer.
   void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
   void FetchBlocks(const tessel::BroadcastVar& request, const Caller& caller);
   /// Asks the metadata leader, and answers all who have asked meanwhile.
   void LookUp(const Flight& flight);
-  std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response);
-  std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request);
+  std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response,
+                           const std::string& peer);
+  std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request, const std::string& peer);
+  /// Whether the token is the application's, for an operation on blobs. A wrong one is audited. Returns: 0 or a
+  /// status.
+  std::uint32_t CheckToken(const std::string& application, const std::string& token, const char* operation,
+                           const std::string& peer) const;
+  /// Objects that the pool has of the application.
+  std::uint64_t ObjectsOf(const std::string& application) const;
   /// Requires: mMutex is held.
   void ForgetVariables(const std::string& application);
   bool IsRegistered(const std::string& application) const;

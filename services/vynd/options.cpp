@@ -67,6 +67,13 @@ bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
                  "seconds after which an application that sent heartbeats and fell silent is removed")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
+  app.add_option("--max-variables", options.maxVariables, "variables that one application can have")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
+  app.add_option("--max-blocks", options.maxBlocks,
+                 "blocks that one application can have, in all its variables and in this node's pool")
+      ->check(CLI::PositiveNumber)
+      ->capture_default_str();
   app.add_flag("--take-over", options.takeOver,
                "take this node id over from another address: that node is gone for good, or has moved here");
   try {

@@ -3,6 +3,7 @@
 // What an operator tells vynd on its command line.
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -17,7 +18,9 @@ struct Options {
   std::uint64_t poolSize = 0;  ///< bytes
   std::uint16_t linkPort = 0;  ///< 0: vyn.tessel.rpc.manager.port
   std::chrono::milliseconds applicationTimeout{0};
-  bool takeOver = false;  ///< the node of this id at another address will not come back
+  std::size_t maxVariables = 100000;  ///< of one application
+  std::uint64_t maxBlocks = 2000000;  ///< of one application
+  bool takeOver = false;              ///< the node of this id at another address will not come back
 };
 
 /// Reads the command line. Returns: true; false when the process has to end with `exitCode` (help and version

@@ -75,7 +75,7 @@ class MetadataServiceTest : public test::ClusterTest {
     info->appId = app;
     info->broadcastId = id;
     info->nodeId = 1;
-    info->bmIds.assign(count, std::string(60, 'b'));
+    info->bmIds.assign(count, "b0001" + std::string(55, 'b'));
     info->sizes.assign(count, 7);
     return info;
   }
@@ -101,6 +101,11 @@ TEST_F(MetadataServiceTest, RefusesWhatMakesNoSense) {
   info = Blocks("app", 1, 2);
   info->bmIds[0] = "short";
   EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, info.Get()), kStatusInvalidRequest);
+  info = Blocks("app", 1, 2);
+  info->nodeId = 2;
+  EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, info.Get()), kStatusWrongOwner)
+      << "their node would never free them";
+  EXPECT_EQ(Call(BROADCAST_BLOCK_INFO_ADD, info.Get()), kStatusWrongOwner);
   EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, Blocks("app", 1, 3).Get()), kStatusInvalidRequest);
   EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, Blocks("app", 2, 2).Get()), kStatusUnknownVariable);
   Ref<BroadcastBlockInfo> got(new BroadcastBlockInfo());
@@ -119,6 +124,8 @@ TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEnd) {
   EXPECT_EQ(got->nodeId, 1U);
   EXPECT_EQ(Variable(BROADCAST_VAR_REMOVE, "app", 1, 0), 0U);
   EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), kStatusUnknownVariable);
+  EXPECT_THAT(test::ReadFile(mFolder / "audit.log"),
+              testing::ContainsRegex("\\[127.0.0.1:[0-9]+\\]\\[remove_variable\\]\\[app/1\\]\\[SUCCESS\\]"));
   EXPECT_THAT(mRaw->Children("/vyn/reclaim/1"), testing::SizeIs(1));
   EXPECT_THAT(mRaw->Children("/vyn/reclaim/2"), testing::SizeIs(1)) << "also the node that is down";
   Ref<ShuffleApplication> app(new ShuffleApplication());

@@ -166,6 +166,24 @@ TEST_F(MetadataStoreTest, ARepeatSucceedsAndAContradictionDoesNot) {
   EXPECT_EQ(state.AddBlocks(Blocks(4, 400000)), kStatusInvalidRequest) << "at once";
 }
 
+TEST_F(MetadataStoreTest, AnApplicationHasNoMoreThanItMayHave) {
+  {
+    MetadataState state;
+    ASSERT_EQ(state.Load(), 0U);
+    ASSERT_EQ(state.NewVariable("app", 1, 6), 0U);
+  }
+  MetadataState state({.variables = 3, .blocks = 10});
+  ASSERT_EQ(state.Load(), 0U);
+  EXPECT_EQ(state.NewVariable("app", 2, 5), kStatusLimit) << "with what an earlier leader took";
+  EXPECT_EQ(state.NewVariable("app", 2, 4), 0U);
+  EXPECT_EQ(state.NewVariable("app", 2, 4), 0U) << "a repeat";
+  EXPECT_EQ(state.NewVariable("app", 3, 0), 0U);
+  EXPECT_EQ(state.NewVariable("app", 4, 0), kStatusLimit);
+  EXPECT_EQ(state.NewVariable("other", 4, 10), 0U);
+  EXPECT_EQ(state.RemoveVariable("app", 1), 0U);
+  EXPECT_EQ(state.NewVariable("app", 4, 6), 0U);
+}
+
 TEST_F(MetadataStoreTest, ALongListIsWrittenAnewAtOnce) {
   MetadataState state;
   ASSERT_EQ(state.Load(), 0U);

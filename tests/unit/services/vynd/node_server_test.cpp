@@ -54,6 +54,7 @@ class NodeServerTest : public test::ClusterTest {
       mReclaimer.GiveBack(application, bmIds);
     };
     options.server.mWorkerThreads = mWorkers;
+    options.maxObjects = 4;
     options.lookUp = [this](const std::string& application, std::uint32_t id, BroadcastBlockInfo& info) {
       ++mLookUps;
       EXPECT_TRUE(id != kHeld || test::WaitUntil([this] { return mLetGo.load(); }));
@@ -203,6 +204,7 @@ TEST_F(NodeServerTest, ABatchIsCreatedWholeOrNotAtAll) {
   EXPECT_THAT(mCreated->sizes, testing::ElementsAre(1, 9 * 4096));
   EXPECT_EQ(mCreated->bmIds.size(), 2U);
   EXPECT_EQ(mCreated->nodeId, 1U);
+  EXPECT_EQ(Create("app", {1, 1, 1}), kStatusLimit);
 }
 
 TEST_F(NodeServerTest, WhatWasMadeForACallerThatHasGoneIsGivenBack) {
@@ -293,6 +295,8 @@ TEST_F(NodeServerTest, BlobsAreObjectsOfThePool) {
   create->token = "guess";
   Ref<ShuffleBlob> blob(new ShuffleBlob());
   EXPECT_EQ(Call(BLOB_CREATE, create.Get(), blob.Get()), kStatusWrongToken);
+  EXPECT_THAT(test::ReadFile(mFolder / "audit.log"),
+              testing::ContainsRegex("\\[127.0.0.1:[0-9]+\\]\\[create_blob\\]\\[app\\]\\[FAILED\\]"));
   create->token = "secret";
   ASSERT_EQ(Call(BLOB_CREATE, create.Get(), blob.Get()), 0U);
   Ref<ShuffleBlob> other(new ShuffleBlob());
