@@ -376,9 +376,17 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std
 }
 
 void NodeServer::Forget(const std::string& application, std::uint32_t id) {
-  std::lock_guard lock(mMutex);
-  ++mForgets;
-  mVariables.erase(Key(application, id));
+  common::Ref<BroadcastBlockInfo> known;
+  {
+    std::lock_guard lock(mMutex);
+    ++mForgets;
+    if (auto found = mVariables.extract(Key(application, id))) {
+      known = std::move(found.mapped());
+    }
+  }
+  if (known != nullptr) {
+    mFabric.DropCopies(known->bmIds);
+  }
 }
 
 void NodeServer::ForgetVariables(const std::string& application) {
@@ -390,8 +398,11 @@ void NodeServer::ForgetVariables(const std::string& application) {
 }
 
 void NodeServer::Forget(const std::string& application) {
-  std::lock_guard lock(mMutex);
-  ForgetVariables(application);
+  {
+    std::lock_guard lock(mMutex);
+    ForgetVariables(application);
+  }
+  mFabric.DropCopies(application);
 }
 
 }  // namespace vyn::services

@@ -59,7 +59,8 @@ class NodeServer {
   /// Lets running calls answer.
   void Stop();
 
-  /// Forgets what is remembered of a variable, of an application.
+  /// Forgets what is remembered of a variable, of an application that has ended, and what was pulled of their
+  /// blocks.
   void Forget(const std::string& application, std::uint32_t id);
   void Forget(const std::string& application);
 

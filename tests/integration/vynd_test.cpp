@@ -269,12 +269,27 @@ TEST_F(VyndTest, AFollowerServesWhatAKilledLeaderAcknowledged) {
   ASSERT_EQ(driver.Do("create app 1 2"), "0");
   ASSERT_EQ(driver.Do("fill app 1 2 50000 3"), "0");
   ASSERT_EQ(lost.Do("fetch app 1 2"), "0");
+  BroadcastClient neighbour(dead, true);
+  ASSERT_EQ(neighbour.Do("register app 1 secret"), "0 1");
+  ASSERT_EQ(neighbour.Do("create app 3 2"), "0");
+  ASSERT_EQ(neighbour.Do("fill app 3 2 50000 3"), "0");
+  ASSERT_EQ(executor.Do("fetch app 3 2"), "0");
+  ASSERT_EQ(executor.Do("look app 3 2 3"), "0 1");
+  const auto copies = [&] {
+    const std::filesystem::directory_iterator folder(reader.Pool() + "/.node");
+    return std::distance(begin(folder), end(folder));
+  };
+  EXPECT_EQ(copies(), 2);
 
   dead.Process().Kill();
   // A create begun while nobody leads finds the next leader.
   EXPECT_EQ(driver.Do("create app 2 1"), "0");
   EXPECT_EQ(driver.Do("fill app 2 1 50000 4"), "0");
   EXPECT_NE(tree.Get(kLeaderPath), leader);
+  // What goes while its owner is down goes from the other nodes at once.
+  EXPECT_EQ(driver.Do("delete app 3"), "0");
+  EXPECT_TRUE(WaitUntil([&] { return copies() == 0; }));
+  EXPECT_EQ(executor.Do("again 3"), "0 1");
   EXPECT_EQ(executor.Do("fetch app 1 2"), "0");
   EXPECT_EQ(executor.Do("look app 1 2 3"), "0 1");
 

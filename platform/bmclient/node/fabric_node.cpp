@@ -261,6 +261,14 @@ int FabricNode::FreeBatch(const std::string& ns, const std::vector<std::string>&
   return result;
 }
 
+void FabricNode::DropCopies(const std::vector<std::string>& ids) {
+  for (const std::string& id : ids) {
+    mImpl->copies.Drop(id);
+  }
+}
+
+void FabricNode::DropCopies(const std::string& ns) { mImpl->copies.DropNamespace(ns); }
+
 std::vector<NamespaceInfo> FabricNode::Namespaces() const { return mImpl->pool.Namespaces(); }
 
 int FabricNode::Objects(const std::string& ns, std::vector<ObjectInfo>& objects) const {

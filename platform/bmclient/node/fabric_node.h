@@ -148,6 +148,11 @@ class FabricNode {
   /// Frees every one that exists. Returns: 0, or -ENOENT when one did not.
   int FreeBatch(const std::string& ns, const std::vector<std::string>& ids);
 
+  /// Drops this node's copies of other nodes' objects, which that process knows to be gone though their owner
+  /// may not have been told yet.
+  void DropCopies(const std::vector<std::string>& ids);
+  void DropCopies(const std::string& ns);
+
   /// In no particular order.
   std::vector<NamespaceInfo> Namespaces() const;
   /// \param objects receives the namespace's objects, in no particular order. Returns: 0, -ENOENT.

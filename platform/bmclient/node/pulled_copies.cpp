@@ -58,6 +58,7 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& wa
       copy->result = result;
       if (result == 0) {
         copy->size = wanted;
+        copy->ns = object.access.ns;
         copy->right = TokenHash::Of(right);
         copy->use = mUses.insert(mUses.begin(), id);
         copy->ready = true;
@@ -163,6 +164,21 @@ void PulledCopies::Drop(std::string_view id) {
   const auto found = mCopies.find(std::string(id));
   if (found != mCopies.end() && found->second->ready) {
     Remove(found->first, keeper);
+  }
+}
+
+void PulledCopies::DropNamespace(std::string_view ns) {
+  std::vector<std::string> ids;
+  {
+    std::lock_guard lock(mMutex);
+    for (const auto& [id, copy] : mCopies) {
+      if (copy->ready && copy->ns == ns) {
+        ids.push_back(id);
+      }
+    }
+  }
+  for (const std::string& id : ids) {
+    Drop(id);
   }
 }
 

@@ -36,6 +36,8 @@ class PulledCopies {
 
   /// Forgets a copy whose original is gone.
   void Drop(std::string_view id);
+  /// Forgets all copies of a namespace that is gone.
+  void DropNamespace(std::string_view ns);
   /// Asks the owners which originals are gone, and drops their copies.
   void Sweep();
   /// Drops copies, those first that were not used for the longest time, until `bytes` are free. Returns: false
@@ -56,6 +58,7 @@ class PulledCopies {
     bool ready = false;  // otherwise it is being pulled
     int result = 0;      // of the pull, once it has ended
     std::uint64_t size = 0;
+    std::string ns;
     TokenHash right;                       // of the namespace and token that the owner accepted last
     std::list<std::string>::iterator use;  // in mUses, while ready
   };
