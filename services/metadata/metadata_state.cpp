@@ -23,7 +23,8 @@ bool IsSilent(const Application& application, std::chrono::milliseconds timeout)
 
 std::uint32_t MetadataState::Load() {
   std::map<std::string, Application> applications;
-  if (const std::uint32_t status = mStore.Open(applications); Failed(status)) {
+  MetadataStore::Deletions deletions;
+  if (const std::uint32_t status = mStore.Open(applications, deletions); Failed(status)) {
     return status;
   }
   // Nobody knows how long they have been silent: each gets the whole time-out.
@@ -36,6 +37,9 @@ std::uint32_t MetadataState::Load() {
   }
   std::unique_lock lock(mMutex);
   mApplications = std::move(applications);
+  for (auto& [variable, entries] : deletions) {
+    mDeleted[variable] = {now, std::move(entries)};
+  }
   return VYN_OK;
 }
 

@@ -102,7 +102,7 @@ std::uint32_t MetadataStore::RaiseEpoch() {
   return kStatusDeposed;
 }
 
-std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applications) {
+std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applications, Deletions& deletions) {
   if (const std::uint32_t status = RaiseEpoch(); Failed(status)) {
     return status;
   }
@@ -142,8 +142,35 @@ std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applicatio
       applications.emplace(application.name, std::move(application));
     }
   }
+  if (const std::uint32_t status = LoadDeletions(deletions); Failed(status)) {
+    return status;
+  }
   VYN_LOG_INFO("Metadata of " << applications.size() << " applications read, epoch " << mEpoch);
   return VYN_OK;
+}
+
+std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
+  // A node that is down remembers nothing, and its list may be long.
+  const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
+  VYN_CHECK_POINTER(adapter);
+  std::vector<std::string> nodes;
+  int result = zookeeper::Children(adapter->mNodePath, nodes);
+  for (std::size_t i = 0; i < nodes.size() && result == ZOK; ++i) {
+    const std::string list = std::string(kReclaimPath) + "/" + nodes[i];
+    std::vector<std::string> names;
+    result = zookeeper::Children(list, names);
+    for (std::size_t n = 0; n < names.size() && result == ZOK; ++n) {
+      std::string text;
+      ReclaimEntry entry;
+      result = zookeeper::Get(list + "/" + names[n], text);
+      if (result == ZOK && ReclaimEntry::FromText(text, entry) && !entry.variablePath.empty()) {
+        deletions[{entry.application, entry.variableId}].push_back(list + "/" + names[n]);
+      }
+      result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // done meanwhile
+    }
+    result = result == ZNONODE ? static_cast<int>(ZOK) : result;
+  }
+  return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read what nodes have to forget");
 }
 
 std::uint32_t MetadataStore::LoadApplication(const std::string& name, Application& application) {
@@ -348,23 +375,31 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
   // between leaves the mark, by which its successor completes the removal; until then nobody can register the
   // name anew.
   const std::string path = AppPath(application);
-  Transaction transaction;
-  transaction.Check(kEpochPath, mEpoch);
-  Stat stat{};
-  const int present = zookeeper::Exists(path, &stat);
-  if (present == ZOK) {
-    transaction.Set(path, nlohmann::json{{kRemovedFlag, true}}.dump());
-  } else if (present != ZNONODE) {
-    return StoreFailure(present, "look at " + path);
+  int present = ZOK;
+  int result = ZNODEEXISTS;
+  for (int attempt = 0; result == ZNODEEXISTS && attempt < kDeleteAttempts; ++attempt) {
+    Transaction transaction;
+    transaction.Check(kEpochPath, mEpoch);
+    present = zookeeper::Exists(path);
+    if (present == ZOK) {
+      transaction.Set(path, nlohmann::json{{kRemovedFlag, true}}.dump());
+    } else if (present == ZNONODE) {
+      // Nodes may hold a namespace of it all the same. One that registers at this moment must not lose what it
+      // has just got: then this fails.
+      transaction.Create(path, "").Delete(path);
+    } else {
+      return StoreFailure(present, "look at " + path);
+    }
+    bool ownerTold = false;
+    if (const std::uint32_t status =
+            TellNodes(transaction, ReclaimEntry{application, "", 0, false}, 0, ownerTold);
+        Failed(status)) {
+      return status;
+    }
+    result = transaction.Commit();
   }
-  bool ownerTold = false;
-  if (const std::uint32_t status =
-          TellNodes(transaction, ReclaimEntry{application, "", 0, false}, 0, ownerTold);
-      Failed(status)) {
-    return status;
-  }
-  if (const std::uint32_t status = Commit(transaction, "remove application " + application); Failed(status)) {
-    return status;
+  if (result != ZOK) {
+    return StatusOf(result, "remove application " + application);
   }
   // A removal that stops here is completed by the next leadership, which reads the mark; this one must not
   // serve the application any more.

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vyn::services {
@@ -36,8 +37,12 @@ class MetadataStore {
   /// The most blocks that a variable can have: their list fits into one frame of a reply.
   static constexpr std::uint32_t kMaxBlocks = 500000;
 
-  /// Begins a leadership and reads everything. Returns: 0, or a status; the leadership has not begun then.
-  std::uint32_t Open(std::map<std::string, Application>& applications);
+  /// Deleted variables, by application and number, and what tells the nodes of each.
+  using Deletions = std::map<std::pair<std::string, std::uint32_t>, std::vector<std::string>>;
+
+  /// Begins a leadership and reads everything. \param deletions receives those that live nodes have not heard
+  /// of yet. Returns: 0, or a status; the leadership has not begun then.
+  std::uint32_t Open(std::map<std::string, Application>& applications, Deletions& deletions);
 
   /// The application becomes known; one that exists is left alone. Returns: 0 or a status, like all below.
   std::uint32_t AddApplication(const std::string& application);
@@ -65,6 +70,7 @@ class MetadataStore {
   std::uint32_t Commit(zookeeper::Transaction& transaction, const std::string& what);
   std::uint32_t RaiseEpoch();
   std::uint32_t LoadApplication(const std::string& name, Application& application);
+  std::uint32_t LoadDeletions(Deletions& deletions);
   std::uint32_t LoadVariable(const std::string& path, Variable& variable, bool& deleted);
   /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is
   /// one.

@@ -119,6 +119,7 @@ TEST_F(MetadataStoreTest, ADeposedLeaderChangesNothing) {
   EXPECT_EQ(old.RemoveVariable("app", 1), deposed);
   EXPECT_EQ(old.RemoveVariable("app", 2), deposed);
   EXPECT_EQ(old.RemoveApplication("app"), deposed);
+  EXPECT_EQ(old.RemoveApplication("never-seen"), deposed);
   EXPECT_EQ(old.HeartBeat("app"), deposed);
 
   EXPECT_THAT(mRaw->Children("/vyn/apps"), testing::ElementsAre("app"));
@@ -240,17 +241,19 @@ TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {
   EXPECT_EQ(record.state, RecordState::kDeleted);
   EXPECT_EQ(record.blocks.bmIds, Blocks(1, 2).bmIds) << "the node still learns what to free";
 
-  // The number can be used again once the live nodes have forgotten the old variable, and no later leader
-  // takes the old record for it.
+  // The number can be used again once the live nodes have forgotten the old variable, also under the next
+  // leader, and no later leader takes the old record for it.
   mRaw->Create("/mf/node/1", "");
+  MetadataState after;
+  ASSERT_EQ(after.Load(), 0U);
   std::jthread node([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     mRaw->Delete("/vyn/reclaim/1/" + mRaw->Children("/vyn/reclaim/1").at(0));
   });
-  ASSERT_EQ(state.NewVariable("app", 1, 1), 0U);
+  ASSERT_EQ(after.NewVariable("app", 1, 1), 0U);
   EXPECT_THAT(Entries(1), IsEmpty()) << "the node was waited for";
   node.join();
-  ASSERT_EQ(state.SetBlocks(Blocks(1, 1)), 0U);
+  ASSERT_EQ(after.SetBlocks(Blocks(1, 1)), 0U);
   MetadataState next;
   ASSERT_EQ(next.Load(), 0U);
   ASSERT_EQ(next.GetVariable("app", 1, info), 0U);
