@@ -141,8 +141,8 @@ void MetadataMember::Step() {
     EndLeading();
     Follow();
   }
+  KeepOwnStatus();  // may wait for the mutex, and watchers with it, so it comes first
   RegisterWatches();
-  KeepOwnStatus();
 }
 
 void MetadataMember::KeepSession() {

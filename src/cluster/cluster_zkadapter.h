@@ -9,7 +9,8 @@
 // Results: 0; 1 for a failure; 2000057 when there is no session, or no MetaNodeInfo where one is needed;
 // further codes where an operation names them. What failed stands in the log with ZooKeeper's own words.
 //
-// Threads: any. Every operation holds mZKHandleLock from start to end, unless it says otherwise. Watchers run
+// Threads: any. Every operation holds mZKHandleLock from start to end, unless it says otherwise; GetInstance and
+// GetVynLibPath take none of the locks named here. Watchers run
 // on a thread that the session has for them, one at a time, and take the same lock. Lock order:
 // mZKHandleLock, then a lock of MetaNodeInfo.
 

@@ -52,10 +52,14 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
   }
   char buffer[kWatchedStatusLength];
   int length = kWatchedStatusLength;
-  const int result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
+  int result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
   if (type != ZOO_CHANGED_EVENT) {
     VYN_LOG_INFO("MetaNodeStatusWatcher: OTHER EVENT: " << type << ", path: " << path);
-    DoDlZooWexists(g_ZKHandler, path, MetaNodeStatusWatchFunc, nullptr, nullptr);
+    const int standing = DoDlZooWexists(g_ZKHandler, path, MetaNodeStatusWatchFunc, nullptr, nullptr);
+    if (result == ZNONODE && standing == ZOK) {  // made anew in between: no created event comes
+      length = kWatchedStatusLength;
+      result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
+    }
     if (result != ZOK) {
       return;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-// The one seam through which the system reads the monotonic clock, sleeps and waits, so that tests can put a
+// The one seam through which the library and the services read the monotonic clock, sleep and wait, so that tests can put a
 // clock of their own in its place and see a 30-second retry in milliseconds.
 
 #include <chrono>

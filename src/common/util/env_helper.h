@@ -27,7 +27,7 @@ class EnvHelper : public Referable {
   /// environment was wrong then.
   static Ref<EnvHelper> GetInstance();
 
-  /// Reads and checks the environment. Returns: 0, or 1 with one line on standard output.
+  /// Reads and checks the environment. Returns: 0, or 1 with its complaint on standard output.
   unsigned int Initialize();
 
   /// Returns: `text` with ${VYN_HOME}, $VYN_HOME and the same of VYN_VERSION and VYN_BINARY_TYPE replaced.

@@ -11,18 +11,24 @@ namespace vyn::common {
 namespace {
 
 thread_local ErrorInfo* gRecord = nullptr;
+/// Set when the thread's owner has gone: a failure in what ends after it has no record, which nobody would free.
+thread_local bool gThreadEnds = false;
 
-/// Frees the thread's record at thread exit. The pointer stands apart so that it can still be read and set
-/// while the thread's other objects go.
+/// Frees the thread's record at thread exit. The pointer stands apart so that it can still be read while the
+/// thread's other objects go.
 struct RecordOwner {
   ~RecordOwner() {
     delete gRecord;
     gRecord = nullptr;
+    gThreadEnds = true;
   }
 };
 
-/// Returns: a new record, null without memory.
+/// Returns: a new record, null without memory and at the thread's end.
 ErrorInfo* MakeRecord(unsigned int code, const std::string& message, int detail) noexcept {
+  if (gThreadEnds) {
+    return nullptr;
+  }
   try {
     thread_local RecordOwner owner;
     static_cast<void>(owner);

@@ -6,7 +6,7 @@
 //
 //   VYN_LOG_ERROR("Failed to rename " << from << " to " << to);
 //
-// The text of a line is "<source file>:<line>] <message>". A closed gate costs one load and one compare and
+// The text of a line is "<source file>:<line>] <message>". A closed gate costs one pointer check and one compare and
 // allocates nothing. Forms may be used from any thread, also before the logger exists (they are silent then).
 
 #include "common/util/error_info.h"

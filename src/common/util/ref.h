@@ -73,7 +73,7 @@ class Ref {
       object->IncreaseRef();
     }
     T* old = mObj;
-    mObj = object;
+    mObj = object;  // before the drop: the end of the old object may come back to this reference
     Drop(old);
   }
 

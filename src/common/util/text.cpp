@@ -114,13 +114,14 @@ std::string ReplaceStr(const std::string& text, const std::string& from, const s
   if (from.empty()) {
     return text;
   }
-  std::string result;
-  std::size_t begin = 0;
-  for (auto found = text.find(from); found != std::string::npos; found = text.find(from, begin)) {
-    result.append(text, begin, found - begin).append(to);
-    begin = found + from.size();
+  // The search goes on one character further, on the changed text; a replacement that has `from` in it is
+  // passed over, or there would be no end.
+  const std::size_t step = to.find(from) == std::string::npos ? 1 : to.size();
+  std::string result = text;
+  for (auto found = result.find(from); found != std::string::npos; found = result.find(from, found + step)) {
+    result.replace(found, from.size(), to);
   }
-  return result.append(text, begin);
+  return result;
 }
 
 unsigned int GetMetaHostname(const std::string& text, const std::string& name, std::string& hostname) {

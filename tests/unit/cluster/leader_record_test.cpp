@@ -106,8 +106,11 @@ TEST_F(LeaderRecordTest, EveryLeaderOfManyFastOnesIsSeenWhileOthersHoldTheLock) 
     });
   }
   for (int i = 1; i <= 200; ++i) {
-    // Both in one go: the watch cannot stand again in between, and no created event comes.
-    ReplaceLeader(std::to_string(i));
+    {
+      // The watch cannot stand again in between, and no created event comes.
+      std::lock_guard lock(ClusterZKAdapter::mZKHandleLock);
+      ReplaceLeader(std::to_string(i));
+    }
     ASSERT_TRUE(WaitUntil([&] { return LeaderAddress() == std::to_string(i); })) << i;
   }
   stop = true;

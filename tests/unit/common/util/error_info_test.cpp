@@ -54,7 +54,14 @@ TEST(ErrorInfoTest, TakesTheRecordsOwnMessageAndTheRecordItself) {
 TEST(ErrorInfoTest, EveryThreadHasItsOwnRecord) {
   VynSetErrorInfo(1, "of the main thread");
   std::atomic<int> ready{0};
+  // Made before the thread's first record, so it goes after it: its failure must not be one that nobody frees.
+  struct Late {
+    ~Late() { VynSetErrorInfo(1, std::string(64, 'l')); }
+    bool used = false;
+  };
   auto fail = [&](const std::string& text) {
+    thread_local Late late;
+    late.used = true;
     EXPECT_EQ(BroadcastGetLastErrorMessage(), nullptr);
     VynSetErrorInfo(1, text);
     ++ready;

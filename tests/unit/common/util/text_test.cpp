@@ -89,8 +89,8 @@ TEST(TextTest, ReplaceStrEndsWhateverTheReplacement) {
   };
   for (const Case& item :
        {Case{"$H/a$H", "$H", "/x", "/x/a/x"}, Case{"aXb", "X", "XX", "aXXb"},
-        Case{"XX", "X", "aXa", "aXaaXa"}, Case{"abab", "ab", "", ""}, Case{"abc", "", "y", "abc"},
-        Case{"", "a", "b", ""}, Case{"abc", "d", "e", "abc"}}) {
+        Case{"XX", "X", "aXa", "aXaaXa"}, Case{"abab", "ab", "", "ab"}, Case{"abb", "ab", "xa", "xxa"},
+        Case{"abc", "", "y", "abc"}, Case{"", "a", "b", ""}, Case{"abc", "d", "e", "abc"}}) {
     EXPECT_EQ(ReplaceStr(item.text, item.from, item.to), item.expected) << item.text;
   }
 }
