@@ -11,6 +11,8 @@ namespace {
 constexpr std::size_t kMostLive = 40;
 constexpr int kBlocks = 2;
 constexpr int kBlockBytes = 30000;
+/// Connections to the other daemons that one keeps for a while, with a thread each.
+constexpr std::size_t kIdleConnections = 16;
 /// How long anything may take while daemons come and go.
 constexpr std::chrono::seconds kLimit{120};
 
@@ -24,6 +26,10 @@ std::string Seed(std::uint32_t id) { return std::to_string(id % 251); }
 }  // namespace
 
 BroadcastLoad::BroadcastLoad(std::vector<VyndNode*> nodes) : mNodes(std::move(nodes)) {
+  for (VyndNode* node : mNodes) {
+    mDescriptors.push_back(node->Descriptors());
+    mThreads.push_back(node->Threads());
+  }
   for (std::size_t i = 0; i < mNodes.size(); ++i) {
     mWorkers.push_back(std::make_unique<Worker>());
     mWorkers.back()->application = "load-" + std::to_string(i);
@@ -172,9 +178,21 @@ void BroadcastLoad::Finish() {
   } catch (const std::exception& error) {
     Fault(std::string("at the end: ") + error.what());
   }
-  for (const VyndNode* node : mNodes) {
-    if (!WaitUntil([&] { return node->Objects() == 0; }, kLimit)) {
-      Fault(node->Pool() + " still holds " + std::to_string(node->Objects()) + " objects");
+  for (std::size_t i = 0; i < mNodes.size(); ++i) {
+    VyndNode& node = *mNodes[i];
+    if (!WaitUntil([&] { return node.PoolEntries().empty(); }, kLimit)) {
+      const auto entries = node.PoolEntries();
+      Fault(node.Pool() + " still holds " + std::to_string(entries.size()) + " entries, " + entries.front());
+    }
+    if (!WaitUntil(
+            [&] {
+              return node.Descriptors() <= mDescriptors[i] + kIdleConnections &&
+                     node.Threads() <= mThreads[i] + kIdleConnections;
+            },
+            kLimit)) {
+      Fault(node.Pool() + ": the daemon has " + std::to_string(node.Descriptors()) + " descriptors and " +
+            std::to_string(node.Threads()) + " threads, before " + std::to_string(mDescriptors[i]) + " and " +
+            std::to_string(mThreads[i]));
     }
   }
 }

@@ -37,7 +37,8 @@ class BroadcastLoad {
   /// Lets the calls under way end.
   void Stop();
   /// Requires: stopped, and all daemons run. Reads every variable that was acknowledged and not deleted, at
-  /// every node; then ends the applications and looks whether all memory is free again.
+  /// every node; then ends the applications and looks whether pools, descriptors and threads are as before the
+  /// load.
   void Finish();
   /// Returns: what must not happen and did, a line each.
   std::string Faults() const;
@@ -60,6 +61,9 @@ class BroadcastLoad {
   void Fault(const std::string& line);
 
   const std::vector<VyndNode*> mNodes;
+  /// Of each daemon, before the load.
+  std::vector<std::size_t> mDescriptors;
+  std::vector<std::size_t> mThreads;
   std::vector<std::unique_ptr<Worker>> mWorkers;
   std::atomic<bool> mStop{false};
   std::atomic<std::size_t> mAcknowledged{0};

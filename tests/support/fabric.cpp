@@ -174,6 +174,10 @@ void SlowLink::Pass(int client) {
   while (far != nullptr && !mStopping) {
     const bool still = mLeft <= 0 && !mLetGo;
     mStill = mStill || still;
+    if (mCut) {
+      ::poll(nullptr, 0, 20);
+      continue;
+    }
     pollfd waited[2] = {{client, POLLIN, 0}, {far->Socket(), static_cast<short>(still ? 0 : POLLIN), 0}};
     ::poll(waited, 2, 20);
     for (int side = 0; side < 2; ++side) {

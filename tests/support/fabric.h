@@ -90,7 +90,7 @@ struct Tenant {
   std::string Read(const std::string& id, std::uint64_t offset, std::uint64_t length) const;
 };
 
-/// Stands between a client and a link port, and can stop passing on what the port sends.
+/// Stands between a client and a port, and can stop passing on what the port sends, or everything.
 class SlowLink {
  public:
   /// \param port the real one. \param passed bytes from it that go through before all stands still.
@@ -103,6 +103,8 @@ class SlowLink {
   /// Waits until all stands still. Returns: false when it does not come to that.
   bool WaitUntilStill();
   void LetGo() { mLetGo = true; }
+  /// Passes nothing on in either direction, as a network that has lost one of the two; or everything again.
+  void Cut(bool cut) { mCut = cut; }
 
  private:
   void Run();
@@ -114,6 +116,7 @@ class SlowLink {
   std::atomic<std::int64_t> mLeft;
   std::atomic<bool> mStill{false};
   std::atomic<bool> mLetGo{false};
+  std::atomic<bool> mCut{false};
   std::atomic<bool> mStopping{false};
   std::thread mThread;
 };

@@ -90,6 +90,27 @@ std::size_t VyndNode::Objects() const {
   return count;
 }
 
+std::vector<std::string> VyndNode::PoolEntries() const {
+  std::vector<std::string> entries;
+  std::error_code error;
+  for (const auto& entry : fs::recursive_directory_iterator(mPool, error)) {
+    if (entry.path() != fs::path(mPool) / ".node") {
+      entries.push_back(entry.path());
+    }
+  }
+  return entries;
+}
+
+std::size_t VyndNode::Count(const std::string& what) {
+  std::size_t count = 0;
+  std::error_code error;
+  const std::string folder = "/proc/" + std::to_string(mProcess.Pid()) + "/" + what;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
+    ++count;
+  }
+  return count;
+}
+
 std::string VyndNode::Log() const {
   std::string text;
   std::error_code error;

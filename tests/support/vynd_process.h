@@ -35,9 +35,17 @@ class VyndNode {
   ChildProcess& Process() { return mProcess; }
   /// Objects in the pool.
   std::size_t Objects() const;
+  /// The files in the pool, pulled copies and half-made ones included, and the folders of namespaces.
+  std::vector<std::string> PoolEntries() const;
+  /// Descriptors and threads of the running daemon.
+  std::size_t Descriptors() { return Count("fd"); }
+  std::size_t Threads() { return Count("task"); }
   std::string Log() const;
 
  private:
+  /// Entries of the daemon's folder below /proc.
+  std::size_t Count(const std::string& what);
+
   TempDir mFolder;
   const int mNodeId;
   const std::string mAddress;

@@ -171,16 +171,22 @@ class Demo:
         def run(*command):
             subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
+        def add(name):
+            self.namespaces.append(name)  # first, for an interrupt may come while it is made
+            try:
+                run("ip", "netns", "add", name)
+            except subprocess.CalledProcessError:
+                self.namespaces.remove(name)  # it is somebody else's, or could not be made
+                raise
+
         switch = mark + "s"
-        self.namespaces.append(switch)
-        run("ip", "netns", "add", switch)
+        add(switch)
         run("ip", "-n", switch, "link", "add", "bridge", "type", "bridge")
         run("ip", "-n", switch, "link", "set", "bridge", "up")
         hosts = []
         for i in range(3):
             host = f"{mark}h{i}"
-            self.namespaces.append(host)
-            run("ip", "netns", "add", host)
+            add(host)
             run("ip", "-n", switch, "link", "add", f"port{i}", "type", "veth", "peer", "name", "eth0", "netns", host)
             run("ip", "-n", switch, "link", "set", f"port{i}", "master", "bridge", "up")
             run("ip", "-n", host, "address", "add", f"10.77.0.{i + 1}/24", "dev", "eth0")

@@ -2,6 +2,7 @@
 
 #include "platform/zk_helper/zk_helper.h"
 #include "support/cluster_test.h"
+#include "support/fabric.h"
 #include "support/raw_socket.h"
 
 #include <gmock/gmock.h>
@@ -107,15 +108,20 @@ TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
 }
 
 TEST_F(MetadataMemberTest, StopsServingBeforeItsSessionCanHaveExpired) {
-  mRaw.reset();
+  constexpr int kSession = 8000;
   mAdapter->ClusterZKClose();
-  Connect(4000);
-  StartMember(4000);
+  test::SlowLink link(static_cast<std::uint16_t>(gServer->Port()), 1ULL << 40U);
+  test::UseZookeeper("127.0.0.1:" + std::to_string(link.Port()) + mUrl.substr(mUrl.find('/')));
+  Connect(kSession);
+  StartMember(kSession);
   ASSERT_TRUE(Leads());
-  gServer->Freeze();
-  EXPECT_TRUE(test::WaitUntil([&] { return !mMember->Leading(); })) << "it cannot know who else leads";
-  gServer->Thaw();
+  link.Cut(true);
+  EXPECT_TRUE(test::WaitUntil([&] { return !mRaw->Exists(kLeaderPath); })) << "another may lead from now on";
+  EXPECT_FALSE(mMember->Leading());
+  link.Cut(false);
   EXPECT_TRUE(Leads());
+  mMember.reset();
+  mAdapter->ClusterZKClose();
 }
 
 TEST_F(MetadataMemberTest, GivesUpAClaimThatItCannotServe) {
