@@ -323,7 +323,7 @@ class Demo:
 
     def pool_memory(self):
         """The pages that the files of all pools take, pulled copies included."""
-        return sum(os.stat(os.path.join(root, name)).st_blocks * 512
+        return sum(os.lstat(os.path.join(root, name)).st_blocks * 512
                    for pool in self.pools for root, _, names in os.walk(pool) for name in names)
 
     def run_sockets(self, namespaces, driver):
