@@ -18,13 +18,13 @@ namespace {
 /// Between two attempts to connect to a peer that refuses: the time that a restarting server is given.
 constexpr int kReconnectPause = 20;
 
-/// How long a read or a write of a plain socket waits by itself, which spares a poll. A call that has less than
-/// kAmple left polls, so that it ends in time.
+/// How long a read or a write of a plain socket waits by itself, which spares a poll. A call that has less
+/// than kAmple left polls, so that it ends in time.
 constexpr std::chrono::milliseconds kOwnWait{500};
 constexpr std::chrono::milliseconds kAmple{1000};
 
-/// A connection on which a call began so recently is taken to stand. A server that went meanwhile would not be
-/// back yet either.
+/// A connection on which a call began so recently is taken to stand. A server that went meanwhile would not
+/// be back yet either.
 constexpr std::chrono::milliseconds kFresh{1};
 
 /// Whether a failed call was answered: then its connection is as good as before.

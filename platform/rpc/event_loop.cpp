@@ -2,9 +2,9 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <system_error>
@@ -13,76 +13,89 @@ namespace vyn::rpc {
 
 namespace {
 
-/// Events taken in one wait.
-constexpr int kBatch = 64;
-
-epoll_event NewEvent(std::uint32_t events, EventLoop::Watcher* watcher) {
-  epoll_event event{};
-  event.events = events;
-  event.data.ptr = watcher;
-  return event;
-}
+/// Events taken in one wait; what a thread takes, no other can do meanwhile.
+constexpr int kBatch = 16;
 
 }  // namespace
 
-EventLoop::EventLoop() : mEpoll(epoll_create1(EPOLL_CLOEXEC)), mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  // The loop's own wake-up is the one descriptor without a watcher.
-  if (!mEpoll || !mWake || !Watch(mWake.Get(), EPOLLIN, nullptr)) {
+EventLoop::EventLoop()
+    : mEpoll(epoll_create1(EPOLL_CLOEXEC)),
+      mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      mTimer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+  if (!mEpoll || !mWake || !mTimer || !Add(mWake.Get(), EPOLLIN) || !Add(mTimer.Get(), EPOLLIN)) {
     throw std::system_error(errno, std::generic_category(), "event loop");
   }
 }
 
-bool EventLoop::Watch(int descriptor, std::uint32_t events, Watcher* watcher) {
-  epoll_event event = NewEvent(events, watcher);
+bool EventLoop::Add(int descriptor, std::uint32_t events) {
+  epoll_event event{};
+  event.events = events | EPOLLET;
+  event.data.fd = descriptor;
   return epoll_ctl(mEpoll.Get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
 
-void EventLoop::Change(int descriptor, std::uint32_t events, Watcher* watcher) {
-  epoll_event event = NewEvent(events, watcher);
-  epoll_ctl(mEpoll.Get(), EPOLL_CTL_MOD, descriptor, &event);
+bool EventLoop::Watch(int descriptor, std::shared_ptr<Watcher> watcher) {
+  {
+    std::lock_guard lock(mMutex);
+    const auto index = static_cast<std::size_t>(descriptor);
+    if (index >= mWatchers.size()) {
+      mWatchers.resize(index + 1);
+    }
+    mWatchers[index] = std::move(watcher);
+  }
+  if (Add(descriptor, EPOLLIN | EPOLLOUT | EPOLLRDHUP)) {
+    return true;
+  }
+  Unwatch(descriptor);
+  return false;
 }
 
-void EventLoop::Unwatch(int descriptor) { epoll_ctl(mEpoll.Get(), EPOLL_CTL_DEL, descriptor, nullptr); }
+void EventLoop::Unwatch(int descriptor) {
+  std::shared_ptr<Watcher> watcher;  // outlives the lock
+  epoll_ctl(mEpoll.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
+  std::lock_guard lock(mMutex);
+  if (const auto index = static_cast<std::size_t>(descriptor); index < mWatchers.size()) {
+    watcher.swap(mWatchers[index]);
+  }
+}
+
+/// An event that was on its way when its descriptor was closed finds nobody, or the descriptor's next owner,
+/// to whom it does no harm.
+std::shared_ptr<EventLoop::Watcher> EventLoop::Find(int descriptor) {
+  std::lock_guard lock(mMutex);
+  return mWatchers[static_cast<std::size_t>(descriptor)];
+}
 
 void EventLoop::SetTick(std::chrono::milliseconds period, std::function<void()> tick) {
-  mPeriod = period;
   mTick = std::move(tick);
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(period);
+  const timespec time{seconds.count(), std::chrono::nanoseconds(period - seconds).count()};
+  const itimerspec timer{time, time};
+  timerfd_settime(mTimer.Get(), 0, &timer, nullptr);
 }
 
-void EventLoop::Run() {
+void EventLoop::Run(const std::function<void()>& after) {
   std::array<epoll_event, kBatch> events;
-  auto nextTick = Now() + mPeriod;
-  for (bool running = true; running;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextTick - Now()).count();
-    const int count =
-        epoll_wait(mEpoll.Get(), events.data(), kBatch, static_cast<int>(std::max<long>(left, 0)));
+  while (!mStopped) {
+    const int count = epoll_wait(mEpoll.Get(), events.data(), kBatch, -1);
     mNow.store(Clock::now(), std::memory_order_relaxed);
-    bool woken = false;
     for (int i = 0; i < count; ++i) {
       const epoll_event& event = events[static_cast<std::size_t>(i)];
-      if (event.data.ptr == nullptr) {
-        woken = true;
-      } else {
-        static_cast<Watcher*>(event.data.ptr)->OnReady(event.events);
+      if (event.data.fd == mWake.Get()) {
+        // The count is never read: what tells of it is its change.
+        RunPosted();
+      } else if (event.data.fd == mTimer.Get()) {
+        std::uint64_t ignored;
+        if (read(mTimer.Get(), &ignored, sizeof(ignored)) > 0 && mTick) {
+          mTick();
+        }
+      } else if (const auto watcher = Find(event.data.fd)) {
+        watcher->OnReady(event.events);
       }
     }
-    if (woken) {
-      std::uint64_t ignored;
-      static_cast<void>(read(mWake.Get(), &ignored, sizeof(ignored)));
-      {
-        std::lock_guard lock(mMutex);
-        mWoken = false;
-        running = !mStopped;
-      }
-      RunPosted();
-    }
-    if (Now() >= nextTick) {
-      if (mTick) {
-        mTick();
-      }
-      nextTick = Now() + mPeriod;
-    }
+    after();
   }
+  Wake();  // the next one
 }
 
 bool EventLoop::RunPosted() {
@@ -98,24 +111,21 @@ bool EventLoop::RunPosted() {
 }
 
 void EventLoop::Post(std::function<void()> function) {
-  std::lock_guard lock(mMutex);
-  mPosted.push_back(std::move(function));
+  {
+    std::lock_guard lock(mMutex);
+    mPosted.push_back(std::move(function));
+  }
   Wake();
+}
+
+void EventLoop::Wake() {
+  const std::uint64_t one = 1;
+  static_cast<void>(write(mWake.Get(), &one, sizeof(one)));
 }
 
 void EventLoop::Stop() {
-  std::lock_guard lock(mMutex);
   mStopped = true;
   Wake();
-}
-
-/// With mMutex held.
-void EventLoop::Wake() {
-  if (!mWoken) {
-    mWoken = true;
-    const std::uint64_t one = 1;
-    static_cast<void>(write(mWake.Get(), &one, sizeof(one)));
-  }
 }
 
 }  // namespace vyn::rpc

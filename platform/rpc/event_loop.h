@@ -1,13 +1,13 @@
 #pragma once
 
-// One thread's wait for many descriptors.
+// The wait of several threads for many descriptors.
 //
-// Descriptors are registered once and reported as long as they are ready, so that a request costs one wait,
-// one read and one write. (Measured against Asio 1.22: its waits are re-armed for every event and look a
-// second time, two system calls a request more.)
+// A descriptor is registered once, for everything that can become of it, and reported at each change, so that
+// a request costs one wait, one read and one write. (Measured against Asio 1.22: its waits are re-armed for
+// every event and look a second time, two system calls a request more.) A thread that was given an event may
+// take its time: the others go on waiting, and the system wakes the one that waits since last.
 //
-// Run, Watch, Change, Unwatch and SetTick belong to the loop's thread, or to a time before Run; the others to
-// any.
+// Any thread may call anything.
 
 #include "platform/rpc/descriptor.h"
 
@@ -15,6 +15,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -27,26 +28,29 @@ class EventLoop {
   class Watcher {
    public:
     virtual ~Watcher() = default;
-    /// \param events of epoll(7). A watcher may be told once more behind its Unwatch, while the events of one
-    /// wait are handed out; it must exist until a function posted behind the Unwatch runs.
+    /// The descriptor became readable or writable, or its peer left; it is not told again until that happens
+    /// anew. \param events of epoll(7). Several threads may be in it at once, and it may be told once more
+    /// behind its Unwatch.
     virtual void OnReady(std::uint32_t events) = 0;
   };
 
   /// Throws std::system_error without descriptors.
   EventLoop();
 
-  /// Reports `descriptor` to `watcher` when one of `events` is there.
-  /// Returns: false when the system refuses.
-  bool Watch(int descriptor, std::uint32_t events, Watcher* watcher);
-  void Change(int descriptor, std::uint32_t events, Watcher* watcher);
+  /// Reports `descriptor` to `watcher`, which is kept until Unwatch. Returns: false when the system refuses.
+  bool Watch(int descriptor, std::shared_ptr<Watcher> watcher);
+  /// Requires: the descriptor is still open.
   void Unwatch(int descriptor);
-  /// Calls `tick` about every `period` from Run.
+  /// Calls `tick` about every `period`, on one of the threads. Requires: before Run.
   void SetTick(std::chrono::milliseconds period, std::function<void()> tick);
-  /// Runs until Stop. What was posted before Stop still runs.
-  void Run();
+  /// Runs until Stop. \param after is called after the events of each wait, when nothing is left to be done
+  /// for them, and may take its time.
+  void Run(const std::function<void()>& after);
 
-  /// Runs `function` on the loop's thread, soon.
+  /// Runs `function` on one of the threads, soon.
   void Post(std::function<void()> function);
+  /// Lets one thread that waits go through `after`.
+  void Wake();
   void Stop();
   /// The time when the last wait ended.
   Clock::time_point Now() const { return mNow.load(std::memory_order_relaxed); }
@@ -54,19 +58,20 @@ class EventLoop {
   bool RunPosted();
 
  private:
-  void Wake();
+  std::shared_ptr<Watcher> Find(int descriptor);
+  bool Add(int descriptor, std::uint32_t events);
 
   Descriptor mEpoll;
   Descriptor mWake;
-  std::chrono::milliseconds mPeriod{1000};
+  Descriptor mTimer;
   std::function<void()> mTick;
   std::atomic<Clock::time_point> mNow{Clock::now()};
+  std::atomic<bool> mStopped{false};
 
-  /// Guards mPosted, mWoken and mStopped.
+  /// Guards mWatchers and mPosted.
   std::mutex mMutex;
+  std::vector<std::shared_ptr<Watcher>> mWatchers;  // by descriptor
   std::vector<std::function<void()>> mPosted;
-  bool mWoken = false;
-  bool mStopped = false;
 };
 
 }  // namespace vyn::rpc

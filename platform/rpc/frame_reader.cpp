@@ -35,7 +35,7 @@ FrameReader::State FrameReader::Next(Stream& stream, Frame& frame) {
     switch (result.mState) {
       case IoState::kDone:
         mEnd += result.mBytes;
-        mDrained = result.mDrained;
+        mDrained = result.mDrained && !mToEnd;
         break;
       case IoState::kWantRead:
         return State::kWantRead;

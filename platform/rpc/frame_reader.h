@@ -22,14 +22,14 @@ inline constexpr std::size_t kReplyAlignment = 4;
 
 class FrameReader {
  public:
-  /// The smallest and the largest block that is taken before the length of a frame is known. A frame above the
-  /// latter is a long one.
+  /// The smallest and the largest block that is taken before the length of a frame is known. A frame above
+  /// the latter is a long one.
   static constexpr std::size_t kSmallBlock = 4096;
   static constexpr std::size_t kLargeBlock = std::size_t{128} << 10;
 
   enum class State {
     kFrame,      ///< `frame` is filled
-    kLongFrame,  ///< LongLength() bytes are to come, for which no memory was taken yet; Accept() lets Next go on
+    kLongFrame,  ///< LongLength() bytes are to come, without memory as yet; Accept() lets Next go on
     kWantRead,   ///< again when the socket is readable
     kWantWrite,  ///< again when the socket is writable (TLS)
     kClosed,     ///< the peer closed the connection
@@ -43,6 +43,11 @@ class FrameReader {
   State Next(Stream& stream, Frame& frame);
   /// The socket is readable: Next has to look, whatever the last read found.
   void Woken() { mDrained = false; }
+  /// From here on a read that got all there was is not believed: only the stream's own word ends Next.
+  void ReadToEnd() {
+    mToEnd = true;
+    mDrained = false;
+  }
   /// The length of the body that kLongFrame told of.
   std::size_t LongLength() const { return mLongLength; }
   void Accept() { mAccepted = true; }
@@ -73,6 +78,7 @@ class FrameReader {
   std::size_t mLongLength = 0;
   bool mAccepted = false;
   bool mDrained = false;  // the last read took all that there was
+  bool mToEnd = false;
   const char* mError = "";
 };
 

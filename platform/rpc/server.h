@@ -40,9 +40,9 @@ struct ServerOptions {
   bool mAuthentication = false;
   std::map<std::string, const std::string> mSecurity;
 
-  /// Threads that read, write and run the quick handlers. 1 to 64.
+  /// Threads that are left to read, write and run the quick handlers, however many handlers block. 1 to 64.
   unsigned int mIoThreads = 2;
-  /// Threads that run the handlers that may block. 1 to 1024.
+  /// Handlers that may block and run at once, each on a thread of its own. 1 to 1024.
   unsigned int mWorkerThreads = 8;
   /// The longest frame taken, without its header, in bytes. At most 2 GiB less 1 MiB.
   std::size_t mMaxFrameLength = std::size_t{64} << 20;
@@ -50,10 +50,10 @@ struct ServerOptions {
   std::size_t mMaxConnections = 4096;
   /// Unanswered requests of one connection; the connection is not read from above it.
   std::size_t mMaxPendingCalls = 64;
-  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of replies
-  /// that wait for their readers. Above it no connection begins a new request, which the report tells. A reply
-  /// that would have to wait when those that wait fill the limit by themselves ends its connection. A
-  /// connection's read buffer, with frames of at most 128 KiB, does not count.
+  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of
+  /// replies that wait for their readers. Above it no connection begins a new request, which the report
+  /// tells. A reply that would have to wait when those that wait fill the limit by themselves ends its
+  /// connection. A connection's read buffer, with frames of at most 128 KiB, does not count.
   std::size_t mMaxPendingBytes = std::size_t{512} << 20;
   /// Milliseconds from accept to the end of the greeting, TLS included.
   std::int64_t mHandshakeTimeout = 10000;
@@ -74,8 +74,8 @@ using Handler = std::function<void(const std::shared_ptr<ServerContext>& context
                                    const std::shared_ptr<Message>& request)>;
 
 enum class HandlerKind {
-  kMayBlock,  ///< runs on a worker thread
-  kQuick,     ///< runs on the thread that read the request, with no hand-over; must never block
+  kMayBlock,  ///< runs when the thread that read the request has nothing else to do, or on another one
+  kQuick,     ///< runs at once on the thread that read the request; must never block
 };
 
 class Server {

@@ -1,5 +1,6 @@
 #include "platform/rpc/server_connection.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -21,44 +22,83 @@ bool Passed(Clock::time_point since, Clock::time_point now, std::int64_t millise
 
 }  // namespace
 
-ServerConnection::ServerConnection(std::shared_ptr<ServerCore> core, ServerLoop& loop, Descriptor descriptor,
-                                   std::string peer, std::unique_ptr<Stream> stream)
+ServerConnection::ServerConnection(std::shared_ptr<ServerCore> core, Descriptor descriptor, std::string peer,
+                                   std::unique_ptr<Stream> stream)
     : mCore(std::move(core)),
-      mLoop(loop),
       mPeer(std::move(peer)),
       mSocket(std::move(descriptor)),
       mStream(std::move(stream)),
-      mReader(kRequestAlignment, mCore->Options().mMaxFrameLength) {}
+      mReader(kRequestAlignment, mCore->Options().mMaxFrameLength) {
+  if (mCore->Options().mTls) {
+    // That a record ends where the bytes end does not mean that the socket has no more.
+    mReader.ReadToEnd();
+  }
+}
 
 void ServerConnection::Begin() {
-  mLoop.mConnections.insert(shared_from_this());
-  if (mCore->IsStopping() || !mLoop.mEvents.Watch(mSocket.Get(), 0, this)) {
-    Shut("");
-  } else {
+  mCore->Remember(shared_from_this());
+  bool good = !mCore->IsStopping();
+  if (good) {
+    std::lock_guard lock(mMutex);
+    good = mPhase == Phase::kClosed || mCore->Events().Watch(mSocket.Get(), shared_from_this());
+  }
+  if (good) {
     Pump();
+  } else {
+    Shut("");
   }
 }
 
 void ServerConnection::OnReady(std::uint32_t events) {
-  if (mWatched == 0 && (events & (EPOLLHUP | EPOLLERR)) != 0) {
-    // Nobody is left to take the answers that are being waited for.
-    Shut("");
-  } else {
-    Pump();
+  if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+    bool gone = false;
+    {
+      std::lock_guard lock(mMutex);
+      if (mPhase == Phase::kClosed) {
+        return;
+      }
+      mReader.ReadToEnd();  // the end is told only once
+      if (mPaused || mParked || mCore->IsStopping()) {
+        pollfd now{mSocket.Get(), 0, 0};
+        gone = poll(&now, 1, 0) == 1 && (now.revents & (POLLHUP | POLLERR)) != 0;
+      }
+    }
+    if (gone) {
+      // Nobody is left to take the answers that are being waited for.
+      Shut("");
+      return;
+    }
   }
+  Pump();
 }
 
 void ServerConnection::Pump() {
+  {
+    std::lock_guard lock(mMutex);
+    if (mPumping) {
+      mPumpAgain = true;
+      return;
+    }
+    mPumping = true;
+  }
+  try {
+    while (PumpOnce()) {
+    }
+  } catch (const std::exception& error) {
+    Shut(error.what());  // no memory, most likely
+  }
+}
+
+/// Returns: whether there may be more to do.
+bool ServerConnection::PumpOnce() {
   Ended ended;
   std::string error;
   Step step;
   {
     std::lock_guard lock(mMutex);
-    if (mPhase == Phase::kClosed) {
-      return;
-    }
-    mWantRead = mWantWrite = false;
-    step = StepHandshake(error);
+    mPumpAgain = false;
+    mReader.Woken();
+    step = mPhase == Phase::kClosed ? Step::kEnd : StepHandshake(error);
     if (step == Step::kGo && Flush(ended, error) == Step::kEnd) {
       step = Step::kEnd;
     }
@@ -67,29 +107,35 @@ void ServerConnection::Pump() {
     }
   }
   Settle(ended, kOk);
-  int turn = 0;
-  while (step == Step::kGo && turn < kFramesInTurn) {
+  for (int turn = 0; step == Step::kGo; ++turn) {
     Frame frame;
     {
       std::lock_guard lock(mMutex);
+      if (turn == kFramesInTurn) {
+        mPumping = false;
+        break;
+      }
       step = mPhase == Phase::kOpen ? NextFrame(frame, error) : Step::kWait;
     }
     if (step == Step::kGo) {
-      ++turn;
       mCore->Dispatch(shared_from_this(), frame.mHeader, std::move(frame.mMessage));
     }
   }
+  if (step == Step::kGo) {
+    PostPump();
+    return false;
+  }
   if (step == Step::kEnd) {
     Shut(error);
-  } else if (step == Step::kGo) {
-    PostPump();
-  } else {
-    Arm();
+    return false;
   }
+  std::lock_guard lock(mMutex);
+  mPumping = mPumpAgain;
+  return mPumpAgain;
 }
 
 void ServerConnection::PostPump() {
-  mLoop.mEvents.Post([self = shared_from_this()] { self->Pump(); });
+  mCore->Events().Post([self = shared_from_this()] { self->Pump(); });
 }
 
 void ServerConnection::Resume() {
@@ -97,7 +143,7 @@ void ServerConnection::Resume() {
     std::lock_guard lock(mMutex);
     mParked = false;
     if (mFrameBegan != Clock::time_point{}) {
-      mFrameBegan = mLoop.mEvents.Now();  // it was not read from meanwhile
+      mFrameBegan = mCore->Events().Now();  // it was not read from meanwhile
     }
   }
   PostPump();
@@ -109,7 +155,7 @@ ServerConnection::Step ServerConnection::StepHandshake(std::string& error) {
   }
   const IoState state = mStream->Handshake();
   if (state != IoState::kDone) {
-    const Step step = Note(state, error);
+    const Step step = After(state, error);
     if (step == Step::kEnd && !error.empty()) {
       error = "TLS handshake: " + error;
     }
@@ -131,7 +177,7 @@ ServerConnection::Step ServerConnection::StepGreeting(std::string& error) {
     const IoResult result = mStream->Read(reinterpret_cast<char*>(&mPeerGreeting) + mGreetingRead,
                                           sizeof(mPeerGreeting) - mGreetingRead);
     if (result.mState != IoState::kDone) {
-      return Note(result.mState, error);
+      return After(result.mState, error);
     }
     mGreetingRead += result.mBytes;
     if (mGreetingRead < sizeof(mPeerGreeting)) {
@@ -142,7 +188,7 @@ ServerConnection::Step ServerConnection::StepGreeting(std::string& error) {
       return Step::kEnd;
     }
     mPhase = Phase::kOpen;
-    mLastActivity = mLoop.mEvents.Now();
+    mLastActivity = mCore->Events().Now();
   }
   return Step::kGo;
 }
@@ -169,7 +215,7 @@ ServerConnection::Step ServerConnection::NextFrame(Frame& frame, std::string& er
   }
   switch (state) {
     case FrameReader::State::kFrame:
-      mLastActivity = mLoop.mEvents.Now();
+      mLastActivity = mCore->Events().Now();
       mFrameBegan = {};
       ++mPending;
       mCore->BeginCall(frame.mHeader.mLength - std::exchange(mArriving, 0));
@@ -178,11 +224,11 @@ ServerConnection::Step ServerConnection::NextFrame(Frame& frame, std::string& er
       break;  // only once in a frame
     case FrameReader::State::kWantRead:
       if (mReader.IsInFrame() && mFrameBegan == Clock::time_point{}) {
-        mFrameBegan = mLoop.mEvents.Now();
+        mFrameBegan = mCore->Events().Now();
       }
-      return Note(IoState::kWantRead, error);
+      return After(IoState::kWantRead, error);
     case FrameReader::State::kWantWrite:
-      return Note(IoState::kWantWrite, error);
+      return After(IoState::kWantWrite, error);
     case FrameReader::State::kClosed:
       if (mReader.IsInFrame()) {
         error = "the connection ended in the middle of a frame";
@@ -200,10 +246,10 @@ ServerConnection::Step ServerConnection::Write(std::vector<iovec>& parts, std::s
   while (first < parts.size()) {
     const IoResult result = mStream->Write(parts.data() + first, parts.size() - first);
     if (result.mState != IoState::kDone) {
-      return Note(result.mState, error);
+      return After(result.mState, error);
     }
     Advance(parts.data(), parts.size(), first, result.mBytes);
-    mLastWritten = mLoop.mEvents.Now();
+    mLastWritten = mCore->Events().Now();
   }
   return Step::kGo;
 }
@@ -255,7 +301,7 @@ const char* ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t 
     mOutput.pop_back();
     return "a reply has to wait, and those that wait fill the limit of bytes already";
   }
-  mLastWritten = mLoop.mEvents.Now();
+  mLastWritten = mCore->Events().Now();
   return nullptr;
 }
 
@@ -275,15 +321,12 @@ bool ServerConnection::CountDown() {
   return std::exchange(mPaused, false);
 }
 
-ServerConnection::Step ServerConnection::Note(IoState state, std::string& error) {
+ServerConnection::Step ServerConnection::After(IoState state, std::string& error) const {
   switch (state) {
     case IoState::kDone:
       return Step::kGo;
     case IoState::kWantRead:
-      mWantRead = true;
-      return Step::kWait;
     case IoState::kWantWrite:
-      mWantWrite = true;
       return Step::kWait;
     case IoState::kFailed:
       error = mStream->Error();
@@ -300,8 +343,9 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
   Ended ended;  // of other calls
   std::int32_t result = kConnectionLost;
   Step step = Step::kEnd;
+  std::string error;
+  bool closed = false;
   bool pump = false;
-  std::size_t arriving = 0;
   {
     std::lock_guard lock(mMutex);
     if (mPhase != Phase::kClosed) {
@@ -311,7 +355,6 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
       header.mStatus = status;
       result = LayOut(header, status == kOk ? message : nullptr);
       std::size_t first = 0;
-      std::string error;
       step = mOutput.empty() ? Write(mParts, first, error) : Step::kWait;
       if (step == Step::kWait) {
         if (const char* wrong = KeepReply(first, result, message, timeout, callback, requestLength)) {
@@ -321,21 +364,20 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
       }
       if (step == Step::kGo) {
         mLastActivity = mLastWritten;
+        pump = CountDown();
       }
-      pump = step == Step::kGo ? CountDown() : step == Step::kWait;
       if (step == Step::kEnd) {
         result = kConnectionLost;
-        arriving = Close(ended);
-        mLoop.mEvents.Post([self = shared_from_this(), error] { self->Shut(error); });
+        closed = true;
+        Close(ended);
       }
     }
   }
   if (pump) {
     PostPump();
   }
-  Settle(ended, kConnectionLost);
-  if (arriving > 0) {
-    mCore->Release(arriving);
+  if (closed) {
+    Buried(ended, error);
   }
   if (step != Step::kWait) {
     if (callback != nullptr) {
@@ -373,8 +415,7 @@ std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
   return kOk;
 }
 
-/// Ends all traffic. The descriptor itself stays open until the loop's thread lets go of it.
-std::size_t ServerConnection::Close(Ended& ended) {
+void ServerConnection::Close(Ended& ended) {
   mPhase = Phase::kClosed;
   for (Output& output : mOutput) {
     ended.push_back(std::move(output));
@@ -382,28 +423,34 @@ std::size_t ServerConnection::Close(Ended& ended) {
   mOutput.clear();
   mStream->Close();
   mStream.reset();
+  mCore->Events().Unwatch(mSocket.Get());
   shutdown(mSocket.Get(), SHUT_RDWR);
-  return std::exchange(mArriving, 0);
+  mSocket.Close();
 }
 
 void ServerConnection::Shut(const std::string& reason) {
   Ended ended;
+  {
+    std::lock_guard lock(mMutex);
+    if (mPhase == Phase::kClosed) {
+      return;
+    }
+    Close(ended);
+  }
+  Buried(ended, reason);
+}
+
+void ServerConnection::Buried(Ended& ended, const std::string& reason) {
+  Settle(ended, kConnectionLost);
   std::size_t arriving = 0;
   {
     std::lock_guard lock(mMutex);
-    if (mPhase != Phase::kClosed) {
-      arriving = Close(ended);
-    }
+    arriving = std::exchange(mArriving, 0);
   }
-  Settle(ended, kConnectionLost);
   mCore->Release(arriving);
-  if (mSocket) {
-    mLoop.mEvents.Unwatch(mSocket.Get());
-    mSocket.Close();
-    mCore->Forget(mLoop, shared_from_this());
-    if (!reason.empty()) {
-      mCore->Report(mPeer + ": " + reason);
-    }
+  mCore->Forget(shared_from_this());
+  if (!reason.empty()) {
+    mCore->Report(mPeer + ": " + reason);
   }
 }
 
@@ -416,21 +463,6 @@ void ServerConnection::Settle(Ended& ended, std::int32_t status) {
       mCore->EndCall(output.mRequestLength);
     }
     mCore->ReleaseReply(output.mHeld);
-  }
-}
-
-void ServerConnection::Arm() {
-  std::uint32_t wanted = 0;
-  {
-    std::lock_guard lock(mMutex);
-    if (mPhase == Phase::kClosed) {
-      return;
-    }
-    wanted = (mWantRead ? EPOLLIN : 0U) | (mWantWrite ? EPOLLOUT : 0U);
-  }
-  if (wanted != mWatched) {
-    mWatched = wanted;
-    mLoop.mEvents.Change(mSocket.Get(), wanted, this);
   }
 }
 

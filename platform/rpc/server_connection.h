@@ -3,7 +3,8 @@
 // One client of a server: its handshake, its requests as they arrive, the replies that the socket has not
 // taken yet.
 //
-// Reading and arming belong to the thread of the connection's loop; Send may be called from any thread.
+// Any thread may call anything. One thread at a time pumps, that is, takes the connection as far as it goes;
+// what others see meanwhile it looks for once more.
 
 #include "platform/rpc/deadline.h"
 #include "platform/rpc/frame_reader.h"
@@ -20,24 +21,23 @@
 
 namespace vyn::rpc {
 
-class ServerConnection : public std::enable_shared_from_this<ServerConnection>, private EventLoop::Watcher {
+class ServerConnection : public std::enable_shared_from_this<ServerConnection>, public EventLoop::Watcher {
  public:
   /// Takes `descriptor` over, a connected, non-blocking socket.
-  ServerConnection(std::shared_ptr<ServerCore> core, ServerLoop& loop, Descriptor descriptor,
-                   std::string peer, std::unique_ptr<Stream> stream);
+  ServerConnection(std::shared_ptr<ServerCore> core, Descriptor descriptor, std::string peer,
+                   std::unique_ptr<Stream> stream);
 
-  /// Joins its loop. Loop thread.
+  /// Joins the event loop and goes on as far as possible.
   void Begin();
-  /// Lets the connection go on: handshake, reading, writing, as far as that is possible now. Loop thread.
-  void Pump();
-  /// Pump, from any thread, later.
+  /// Pumps, later, on a thread of the event loop.
   void PostPump();
   /// PostPump for a connection that AdmitOrPark had put aside.
   void Resume();
-  /// Closes the connection if one of its times is over. Loop thread.
+  /// Closes the connection if one of its times is over.
   void Sweep(Deadline::Clock::time_point now);
-  /// Loop thread. `reason` goes to the report unless it is empty.
+  /// Closes the connection if it is open. `reason` goes to the report unless it is empty.
   void Shut(const std::string& reason);
+  void OnReady(std::uint32_t events) override;
 
   /// Answers a call that was counted in, with `message` or, when `status` is not 0, with that status alone.
   /// What the socket does not take at once is kept and sent later. \param timeout milliseconds for that;
@@ -68,8 +68,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
 
   enum class Step {
     kGo,    ///< on to the next step
-    kWait,  ///< until the socket is ready for what Note has noted, or until something else wakes the
-            ///< connection
+    kWait,  ///< until the socket is ready, or until something else wakes the connection
     kEnd,   ///< close the connection
   };
 
@@ -89,24 +88,25 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   std::int32_t LayOut(FrameHeader& header, Message* message);
   /// A call has its answer. Returns: whether the connection may be read from again and was not.
   bool CountDown();
-  Step Note(IoState state, std::string& error);
-  /// Returns: the bytes of a request that was arriving, to be released when the lock is gone.
-  std::size_t Close(Ended& ended);
+  /// What an unfinished step of the stream means.
+  Step After(IoState state, std::string& error) const;
+  /// Ends all traffic; Buried tells the others when the lock is gone.
+  void Close(Ended& ended);
 
+  // Without mMutex.
+  void Pump();
+  bool PumpOnce();
   void Settle(Ended& ended, std::int32_t status);
-  /// Tells the loop what to wait for.
-  void Arm();
-  void OnReady(std::uint32_t events) override;
-  const std::shared_ptr<ServerCore> mCore;
-  ServerLoop& mLoop;
-  const std::string mPeer;
+  void Buried(Ended& ended, const std::string& reason);
 
-  // Changed by the loop's thread only, and closed by it when all others are locked out by Phase::kClosed.
-  Descriptor mSocket;
-  std::uint32_t mWatched = 0;
+  const std::shared_ptr<ServerCore> mCore;
+  const std::string mPeer;
 
   /// Guards everything below.
   std::mutex mMutex;
+  Descriptor mSocket;  // open unless mPhase is kClosed
+  bool mPumping = false;
+  bool mPumpAgain = false;
   Phase mPhase = Phase::kHandshake;
   std::unique_ptr<Stream> mStream;
   FrameReader mReader;
@@ -118,8 +118,6 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   std::size_t mArriving = 0;  // bytes counted in for a long request that is not complete
   bool mPaused = false;       // not read from until one of them is answered
   bool mParked = false;       // not read from until the server has room
-  bool mWantRead = false;
-  bool mWantWrite = false;
   Deadline::Clock::time_point mLastActivity = Deadline::Clock::now();
   Deadline::Clock::time_point mFrameBegan{};
   Deadline::Clock::time_point mLastWritten{};

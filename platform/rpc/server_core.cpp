@@ -61,6 +61,8 @@ struct SocketAddress {
 
 }  // namespace
 
+thread_local ServerCore::Job ServerCore::mDeferred;
+
 ServerCore::ServerCore(Server* server, ServerOptions options)
     : mServer(server), mOptions(std::move(options)) {}
 
@@ -92,7 +94,7 @@ Outcome ServerCore::CheckOptions() const {
 }
 
 Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
-  if (!mLoops.empty() || IsStopping()) {
+  if (mPort != 0 || IsStopping()) {
     return {kInvalidArgument, "a server starts once"};
   }
   if (Outcome outcome = CheckOptions(); !outcome.Ok()) {
@@ -106,11 +108,8 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
     }
   }
   try {
-    for (unsigned int i = 0; i < mOptions.mIoThreads; ++i) {
-      mLoops.push_back(std::make_unique<ServerLoop>());
-    }
+    mEvents = std::make_unique<EventLoop>();
     if (Outcome outcome = Listen(address, port); !outcome.Ok()) {
-      mLoops.clear();
       return outcome;
     }
     StartThreads();
@@ -143,21 +142,20 @@ void ServerCore::StartThreads() {
   if (mOptions.mIdleTimeout > 0) {
     shortest = std::min(shortest, mOptions.mIdleTimeout);
   }
-  const std::chrono::milliseconds period(std::clamp<std::int64_t>(shortest / 4, 10, 1000));
-  mWorkers = std::make_unique<WorkerPool>(mOptions.mWorkerThreads);
-  if (!mLoops.front()->mEvents.Watch(mListener.Get(), EPOLLIN, this)) {
-    throw std::system_error(errno, std::generic_category(), "listener");
+  mEvents->SetTick(std::chrono::milliseconds(std::clamp<std::int64_t>(shortest / 4, 10, 1000)),
+                   [this] { Sweep(); });
+  for (unsigned int i = 0; i < mOptions.mIoThreads + mOptions.mWorkerThreads; ++i) {
+    mThreads.emplace_back([this] { RunThread(); });
   }
-  for (const auto& loop : mLoops) {
-    loop->mEvents.SetTick(period, [this, &loop = *loop] { Sweep(loop); });
-    loop->mThread = std::thread([this, &events = loop->mEvents] { RunLoop(events); });
+  if (!mEvents->Watch(mListener.Get(), shared_from_this())) {
+    throw std::system_error(errno, std::generic_category(), "listener");
   }
 }
 
-void ServerCore::RunLoop(EventLoop& events) const {
+void ServerCore::RunThread() {
   for (;;) {
     try {
-      events.Run();
+      mEvents->Run([this] { RunDeferred(); });
       return;
     } catch (const std::exception& error) {
       // No memory, most likely. The connection that met it is left to its time limits.
@@ -172,38 +170,39 @@ void ServerCore::Stop() {
 }
 
 void ServerCore::StopOnce() {
-  if (mLoops.empty()) {
+  if (mEvents == nullptr) {
     return;
   }
-  mLoops.front()->mEvents.Post([this] { mListener.Close(); });
+  {
+    std::lock_guard lock(mAcceptMutex);
+    if (mListener) {
+      mEvents->Unwatch(mListener.Get());
+      mListener.Close();
+    }
+  }
   {
     std::unique_lock lock(mMutex);
     mIdle.wait_for(lock, std::chrono::milliseconds(mOptions.mStopTimeout),
                    [this] { return mPendingCalls == 0; });
   }
-  for (const auto& loop : mLoops) {
-    loop->mEvents.Post([&loop = *loop] {
-      const auto connections = loop.mConnections;
-      for (const auto& connection : connections) {
-        connection->Shut("");
-      }
-    });
-    loop->mEvents.Stop();
+  for (const auto& connection : AllConnections()) {
+    connection->Shut("");
   }
-  for (const auto& loop : mLoops) {
-    if (loop->mThread.joinable()) {
-      loop->mThread.join();
-    }
+  // Calls that no thread has begun end here, without an answer.
+  std::deque<Job> dropped;
+  {
+    std::lock_guard lock(mJobsMutex);
+    mNoJobs = true;
+    dropped.swap(mJobs);
+    mQueued = 0;
   }
-  // Calls that no worker has begun end here, without an answer.
-  mWorkers.reset();
-  // What was posted to a loop behind its last turn holds connections, which hold this object.
-  // Running it may post again.
-  for (bool more = true; more;) {
-    more = false;
-    for (const auto& loop : mLoops) {
-      more = loop->mEvents.RunPosted() || more;
-    }
+  mEvents->Stop();
+  for (std::thread& thread : mThreads) {
+    thread.join();
+  }
+  mThreads.clear();
+  // What was posted late holds connections, which hold this object. Running it may post again.
+  while (mEvents->RunPosted()) {
   }
   std::lock_guard lock(mMutex);
   mParked.clear();
@@ -215,8 +214,11 @@ void ServerCore::Report(const std::string& line) const {
   }
 }
 
-void ServerCore::OnReady(std::uint32_t /*events*/) {
-  for (int turn = 0; turn < kAcceptsInTurn; ++turn) {
+void ServerCore::OnReady(std::uint32_t /*events*/) { Accept(); }
+
+void ServerCore::Accept() {
+  std::lock_guard lock(mAcceptMutex);
+  for (int turn = 0; mListener && turn < kAcceptsInTurn; ++turn) {
     SocketAddress peer;
     Descriptor descriptor(accept4(mListener.Get(), peer.Any(), &peer.mSize, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (descriptor) {
@@ -224,9 +226,9 @@ void ServerCore::OnReady(std::uint32_t /*events*/) {
       continue;
     }
     if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      // The connection stays in the listener's queue. Trying again at once would only burn the processor.
+      // The connection stays in the listener's queue until the next tick. Trying again at once would only
+      // burn the processor.
       Report(std::string("cannot accept connections: ") + strerror(errno));
-      mLoops.front()->mEvents.Change(mListener.Get(), 0, this);
       mAcceptPaused = true;
       return;
     }
@@ -235,6 +237,7 @@ void ServerCore::OnReady(std::uint32_t /*events*/) {
     }
     // Anything else belongs to the one connection that could not be taken.
   }
+  mEvents->Post([this] { Accept(); });
 }
 
 void ServerCore::Admit(Descriptor descriptor, std::string peer) {
@@ -256,29 +259,41 @@ void ServerCore::Admit(Descriptor descriptor, std::string peer) {
     Report(peer + ": no memory for a TLS connection");
     return;
   }
-  ServerLoop& loop = *mLoops[mNextLoop++ % mLoops.size()];
-  auto connection = std::make_shared<ServerConnection>(shared_from_this(), loop, std::move(descriptor),
+  auto connection = std::make_shared<ServerConnection>(shared_from_this(), std::move(descriptor),
                                                        std::move(peer), std::move(stream));
   mOpen.fetch_add(1, std::memory_order_relaxed);
-  loop.mEvents.Post([connection = std::move(connection)] { connection->Begin(); });
+  mEvents->Post([connection = std::move(connection)] { connection->Begin(); });
 }
 
-void ServerCore::Forget(ServerLoop& loop, const std::shared_ptr<ServerConnection>& connection) {
-  if (loop.mConnections.erase(connection) > 0) {
-    mOpen.fetch_sub(1, std::memory_order_relaxed);
-    // An event that was collected already may still name it.
-    loop.mEvents.Post([connection] {});
-  }
+void ServerCore::Remember(const std::shared_ptr<ServerConnection>& connection) {
+  std::lock_guard lock(mConnectionsMutex);
+  mConnections.insert(connection);
 }
 
-void ServerCore::Sweep(ServerLoop& loop) {
-  if (mAcceptPaused && &loop == mLoops.front().get()) {
-    mAcceptPaused = false;
-    loop.mEvents.Change(mListener.Get(), EPOLLIN, this);
+void ServerCore::Forget(const std::shared_ptr<ServerConnection>& connection) {
+  {
+    std::lock_guard lock(mConnectionsMutex);
+    mConnections.erase(connection);
   }
-  const auto connections = loop.mConnections;
+  mOpen.fetch_sub(1, std::memory_order_relaxed);
+}
+
+std::vector<std::shared_ptr<ServerConnection>> ServerCore::AllConnections() {
+  std::lock_guard lock(mConnectionsMutex);
+  return {mConnections.begin(), mConnections.end()};
+}
+
+void ServerCore::Sweep() {
+  bool accept = false;
+  {
+    std::lock_guard lock(mAcceptMutex);
+    accept = std::exchange(mAcceptPaused, false);
+  }
+  if (accept) {
+    Accept();
+  }
   const auto now = Deadline::Clock::now();
-  for (const auto& connection : connections) {
+  for (const auto& connection : AllConnections()) {
     connection->Sweep(now);
   }
 }
@@ -306,7 +321,7 @@ void ServerCore::ReportFull() {
     return;
   }
   mFullReported = now;
-  mLoops.front()->mEvents.Post([this] {
+  mEvents->Post([this] {
     Report("requests and waiting replies hold " + std::to_string(mPendingBytes.load()) +
            " bytes, the limit is " + std::to_string(mOptions.mMaxPendingBytes) +
            ": new requests have to wait");
@@ -370,11 +385,72 @@ void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, c
   auto message = std::make_shared<Message>(std::move(request));
   if (entry.mKind == HandlerKind::kQuick) {
     Run(entry, context, message);
-  } else {
-    mWorkers->Post([this, &entry, context = std::move(context), message = std::move(message)] {
-      Run(entry, context, message);
-    });
+    return;
   }
+  Job job{&entry, std::move(context), std::move(message)};
+  if (mDeferred.mEntry == nullptr) {
+    mDeferred = std::move(job);
+  } else {
+    Queue(std::move(job));
+  }
+}
+
+void ServerCore::Queue(Job job) {
+  {
+    std::lock_guard lock(mJobsMutex);
+    if (mNoJobs) {
+      return;
+    }
+    mJobs.push_back(std::move(job));
+    ++mQueued;
+    if (mBlocking >= mOptions.mWorkerThreads) {
+      return;  // who is through with its own takes it
+    }
+  }
+  mEvents->Wake();
+}
+
+void ServerCore::RunDeferred() {
+  Job job = std::exchange(mDeferred, Job());
+  while ((job.mEntry != nullptr || mQueued != 0) && TakeTurn(job)) {
+    Run(*job.mEntry, job.mContext, job.mRequest);
+    job = Job();
+    std::lock_guard lock(mJobsMutex);
+    --mBlocking;
+  }
+}
+
+/// Counts a thread in that is to run `job`, or the one that waits longest if `job` is none. Returns: false
+/// when there is none or too many run already; `job` then waits.
+bool ServerCore::TakeTurn(Job& job) {
+  bool wake = false;
+  {
+    std::lock_guard lock(mJobsMutex);
+    if (mNoJobs) {
+      return false;
+    }
+    if (mBlocking >= mOptions.mWorkerThreads) {
+      if (job.mEntry != nullptr) {
+        mJobs.push_back(std::move(job));
+        ++mQueued;
+      }
+      return false;
+    }
+    if (job.mEntry == nullptr) {
+      if (mJobs.empty()) {
+        return false;
+      }
+      job = std::move(mJobs.front());
+      mJobs.pop_front();
+      --mQueued;
+    }
+    ++mBlocking;
+    wake = !mJobs.empty() && mBlocking < mOptions.mWorkerThreads;
+  }
+  if (wake) {
+    mEvents->Wake();
+  }
+  return true;
 }
 
 void ServerCore::Run(const Entry& entry, const std::shared_ptr<ServerContext>& context,

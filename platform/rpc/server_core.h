@@ -1,7 +1,10 @@
 #pragma once
 
-// What all connections of a server share: the loops that read and write, the workers, the limits and the
-// counts.
+// What all connections of a server share: the threads and their event loop, the limits and the counts.
+//
+// All threads are alike: each waits for events, reads and writes what they are about, and then runs the
+// request that it read by itself, while the others wait. Only what it cannot run goes to another thread: a
+// second request, or one above the number of handlers that may block at once.
 //
 // A core outlives its server object for as long as a context of it exists somewhere; it does nothing more
 // then. Calls may come from any thread unless they say otherwise.
@@ -11,12 +14,12 @@
 #include "platform/rpc/frame.h"
 #include "platform/rpc/outcome.h"
 #include "platform/rpc/server.h"
-#include "platform/rpc/worker_pool.h"
 #include "platform/tls/tls_context.h"
 
 #include <array>
 #include <atomic>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,15 +31,7 @@ namespace vyn::rpc {
 
 class ServerConnection;
 
-/// One thread with the connections that it reads from and writes to.
-struct ServerLoop {
-  EventLoop mEvents;
-  /// Used by the loop's thread only.
-  std::unordered_set<std::shared_ptr<ServerConnection>> mConnections;
-  std::thread mThread;
-};
-
-class ServerCore : public std::enable_shared_from_this<ServerCore>, private EventLoop::Watcher {
+class ServerCore : public std::enable_shared_from_this<ServerCore>, public EventLoop::Watcher {
  public:
   ServerCore(Server* server, ServerOptions options);
   ~ServerCore() override;
@@ -47,8 +42,12 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
 
   std::uint16_t Port() const { return mPort; }
   std::size_t Connections() const { return mOpen.load(std::memory_order_relaxed); }
+  /// Calls that are not answered, and the bytes that they and waiting replies hold.
+  std::size_t PendingCalls() const { return mPendingCalls; }
+  std::size_t PendingBytes() const { return mPendingBytes; }
   const ServerOptions& Options() const { return mOptions; }
   bool IsStopping() const { return mStopping.load(); }
+  EventLoop& Events() { return *mEvents; }
   void Report(const std::string& line) const;
 
   /// Whether there is room for one more request; if not, `connection` is resumed when there is.
@@ -63,12 +62,15 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   /// The same for bytes of a reply that has to wait. Returns: false when there are too many already.
   bool HoldReply(std::size_t bytes);
   void ReleaseReply(std::size_t bytes);
-  /// Runs the handler of a request that was counted in, here or on a worker. Without one the caller is told
-  /// so.
+  /// Runs the handler of a request that was counted in, here and now or behind the events that the thread is
+  /// at. Without one the caller is told so. Requires: a thread of the event loop.
   void Dispatch(const std::shared_ptr<ServerConnection>& connection, const FrameHeader& header,
                 Message request);
-  /// Counts a connection out. Loop thread of the connection.
-  void Forget(ServerLoop& loop, const std::shared_ptr<ServerConnection>& connection);
+  /// Counts a connection in, and out again.
+  void Remember(const std::shared_ptr<ServerConnection>& connection);
+  void Forget(const std::shared_ptr<ServerConnection>& connection);
+  /// The listener has connections.
+  void OnReady(std::uint32_t events) override;
 
  private:
   struct Entry {
@@ -76,16 +78,26 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
     HandlerKind mKind = HandlerKind::kMayBlock;
   };
 
+  /// A request whose handler may block.
+  struct Job {
+    const Entry* mEntry = nullptr;
+    std::shared_ptr<ServerContext> mContext;
+    std::shared_ptr<Message> mRequest;
+  };
+
   Outcome CheckOptions() const;
   Outcome Listen(const std::string& address, std::uint16_t port);
   void StartThreads();
-  void RunLoop(EventLoop& events) const;
-  /// The listener has connections.
-  void OnReady(std::uint32_t events) override;
+  void RunThread();
+  void Accept();
   void Admit(Descriptor descriptor, std::string peer);
-  void Sweep(ServerLoop& loop);
+  std::vector<std::shared_ptr<ServerConnection>> AllConnections();
+  void Sweep();
   void StopOnce();
   void ReportFull();
+  void RunDeferred();
+  void Queue(Job job);
+  bool TakeTurn(Job& job);
   void Run(const Entry& entry, const std::shared_ptr<ServerContext>& context,
            const std::shared_ptr<Message>& request);
 
@@ -95,13 +107,25 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   std::array<Entry, MessageId::kMask + 1> mHandlers;
   std::shared_ptr<tls::TlsContext> mTls;
   std::uint16_t mPort = 0;
-  std::vector<std::unique_ptr<ServerLoop>> mLoops;
-  std::unique_ptr<WorkerPool> mWorkers;
+  std::unique_ptr<EventLoop> mEvents;
+  std::vector<std::thread> mThreads;
 
-  // Used by the first loop's thread only.
+  /// Guards mListener and mAcceptPaused; held while connections are taken in.
+  std::mutex mAcceptMutex;
   Descriptor mListener;
-  std::size_t mNextLoop = 0;
   bool mAcceptPaused = false;
+
+  /// Guards mConnections.
+  std::mutex mConnectionsMutex;
+  std::unordered_set<std::shared_ptr<ServerConnection>> mConnections;
+
+  /// Guards mJobs, mBlocking and mNoJobs.
+  std::mutex mJobsMutex;
+  std::deque<Job> mJobs;       // bounded by the limits of the connections
+  unsigned int mBlocking = 0;  // threads that run one
+  bool mNoJobs = false;
+  std::atomic<std::size_t> mQueued{0};  // as many as mJobs has; read without the lock
+  static thread_local Job mDeferred;    // the thread's own
 
   std::atomic<bool> mStopping{false};
   std::atomic<std::size_t> mOpen{0};
@@ -110,7 +134,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, private Even
   std::atomic<std::size_t> mWaitingBytes{0};  // of replies that wait
   std::atomic<bool> mAnyParked{false};
 
-  /// Guards mParked, mFullReported, and the fall of mPendingCalls to 0 against a Stop that begins to wait for it.
+  /// Guards mParked, mFullReported, and the fall of mPendingCalls to 0 against a Stop that begins to wait for
+  /// it.
   std::mutex mMutex;
   std::condition_variable mIdle;
   std::vector<std::shared_ptr<ServerConnection>> mParked;

@@ -2,4 +2,6 @@
 
 #include <gtest/gtest.h>
 
-TEST(RpcLoad, RandomDisconnectsForAMinute) { vyn::test::RunRpcLoad(std::chrono::seconds(60)); }
+TEST(RpcLoad, RandomDisconnectsForAMinute) { vyn::test::RunRpcLoad(std::chrono::seconds(60), false); }
+
+TEST(RpcLoad, RandomDisconnectsUnderTlsForAMinute) { vyn::test::RunRpcLoad(std::chrono::seconds(60), true); }

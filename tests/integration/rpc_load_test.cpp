@@ -2,4 +2,6 @@
 
 #include <gtest/gtest.h>
 
-TEST(RpcLoad, RandomDisconnects) { vyn::test::RunRpcLoad(std::chrono::seconds(2)); }
+TEST(RpcLoad, RandomDisconnects) { vyn::test::RunRpcLoad(std::chrono::seconds(2), false); }
+
+TEST(RpcLoad, RandomDisconnectsUnderTls) { vyn::test::RunRpcLoad(std::chrono::seconds(2), true); }

@@ -1,13 +1,17 @@
 #include "support/rpc_load.h"
 
 #include "common/rpc/rpc_engine.h"
+#include "platform/openssl_dl/openssl_dl.h"
 #include "support/bytes_message.h"
+#include "support/certificates.h"
 #include "support/raw_socket.h"
 
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 
 #include <atomic>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <thread>
 #include <vector>
@@ -29,6 +33,20 @@ long OpenDescriptors() {
                        std::filesystem::directory_iterator());
 }
 
+/// Bytes that wait to be read on all sockets of the process.
+long UnreadBytes() {
+  long sum = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    int count = 0;
+    std::error_code gone;
+    if (std::filesystem::is_socket(entry.path(), gone) &&
+        ioctl(std::stoi(entry.path().filename()), FIONREAD, &count) == 0) {
+      sum += count;
+    }
+  }
+  return sum;
+}
+
 void Echo(const std::shared_ptr<rpc::ServerContext>& context, const std::shared_ptr<rpc::Message>& message) {
   void* data = nullptr;
   unsigned int size = 0;
@@ -40,22 +58,24 @@ void Echo(const std::shared_ptr<rpc::ServerContext>& context, const std::shared_
   }
 }
 
-/// Calls with random sizes; leaves its connection now and then, also in the middle of a call.
-void RunCaller(std::uint16_t port, unsigned int seed, const std::atomic<bool>& end,
-               std::atomic<long>& answered) {
+using Security = std::map<std::string, const std::string>;
+
+/// Calls with random sizes; leaves its connection now and then, also in the middle of a call. \param trust
+/// empty without TLS. \param engine keeps the last connection.
+void RunCaller(std::uint16_t port, unsigned int seed, Security trust, const std::atomic<bool>& end,
+               std::atomic<long>& answered, Ref<RpcEngine>& engine) {
   std::mt19937 random(seed);
   std::string ip = "127.0.0.1";
-  std::map<std::string, const std::string> security;
-  Ref<RpcEngine> engine;
-  while (!end) {
+  for (long call = 0; !end; ++call) {
     if (engine == nullptr || random() % 200 == 0) {
       engine = new RpcEngine;
-      ASSERT_EQ(
-          engine->Initialize(ip, static_cast<short>(port), RawSocket::kPatience, false, false, security), 0U);
+      ASSERT_EQ(engine->Initialize(ip, static_cast<short>(port), RawSocket::kPatience, !trust.empty(), false,
+                                   trust),
+                0U);
     }
     const std::size_t size = random() % 10 == 0 ? random() % 300000 : random() % 600 + 1;
     const Ref<BytesMessage> request(
-        new BytesMessage(std::string(size + 1, static_cast<char>('a' + random() % 26))));
+        new BytesMessage(std::to_string(call) + std::string(size, static_cast<char>('a' + seed))));
     const Ref<BytesMessage> response(new BytesMessage);
     const bool late = random() % 50 == 0;
     const unsigned int result = engine->SyncRpcCall(
@@ -93,19 +113,30 @@ void RunBreaker(std::uint16_t port, unsigned int seed, const std::atomic<bool>& 
 
 }  // namespace
 
-void RunRpcLoad(std::chrono::milliseconds duration) {
+void RunRpcLoad(std::chrono::milliseconds duration, bool tls) {
+  Security trust;
+  rpc::ServerOptions options;
+  std::optional<Certificates> files;
+  if (tls) {
+    ASSERT_EQ(SetOpensslDLopenLibPath("libssl.so.3", "libcrypto.so.3"), 1) << OpensslDLGetLastMessage();
+    files.emplace();
+    trust.emplace("tls.ca.cert.path", *files / "ca.pem");
+    options.mTls = true;
+    options.mSecurity = {{"tls.cert.path", *files / "server.pem"}, {"tls.key.path", *files / "server.key"}};
+  }
   const long before = OpenDescriptors();
   std::atomic<long> answered{0};
   {
-    rpc::Server server;
+    rpc::Server server(options);
     server.Register(rpc::MessageId(kQuickEcho), Echo, rpc::HandlerKind::kQuick);
     server.Register(rpc::MessageId(kEcho), Echo);
     server.Register(rpc::MessageId(kLateEcho), Echo);
-    ASSERT_TRUE(server.Start("127.0.0.1", 0));
+    ASSERT_TRUE(server.Start("127.0.0.1", 0)) << rpc::Server::mLastErrorMessage;
+    std::vector<Ref<RpcEngine>> engines(6);
     std::atomic<bool> end{false};
     std::vector<std::thread> threads;
-    for (unsigned int i = 0; i < 6; ++i) {
-      threads.emplace_back([&, i] { RunCaller(server.Port(), i, end, answered); });
+    for (unsigned int i = 0; i < engines.size(); ++i) {
+      threads.emplace_back([&, i] { RunCaller(server.Port(), i, trust, end, answered, engines[i]); });
     }
     for (unsigned int i = 0; i < 3; ++i) {
       threads.emplace_back([&, i] { RunBreaker(server.Port(), 100 + i, end); });
@@ -115,6 +146,8 @@ void RunRpcLoad(std::chrono::milliseconds duration) {
     for (std::thread& thread : threads) {
       thread.join();
     }
+    EXPECT_TRUE(Eventually([] { return UnreadBytes() == 0; })) << UnreadBytes();
+    engines.clear();
     EXPECT_TRUE(Eventually([&] { return server.Connections() == 0; }));
   }
   EXPECT_GT(answered, 0);

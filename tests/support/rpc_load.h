@@ -6,7 +6,8 @@
 
 namespace vyn::test {
 
-/// Reports through gtest: every answer was the caller's own, and no descriptor stayed behind.
-void RunRpcLoad(std::chrono::milliseconds duration);
+/// Reports through gtest: every answer was the caller's own, no byte of another was left to be read on any
+/// connection, and no descriptor stayed behind.
+void RunRpcLoad(std::chrono::milliseconds duration, bool tls);
 
 }  // namespace vyn::test

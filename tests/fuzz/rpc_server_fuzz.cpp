@@ -1,0 +1,214 @@
+// A connection of the server under whatever its client does: bytes in any pieces, a socket that takes little
+// or nothing, limits that are reached, answers that come late, times that are over. What the server says must
+// be sound frames that answer requests which were made, and nothing may stay counted in.
+//
+// The first byte is the length of the script, which is what happens and what the socket takes; the rest is
+// what the client says, behind a greeting of its own if the script does not say otherwise.
+
+#include "platform/rpc/server_connection.h"
+#include "support/memory_stream.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace {
+
+using namespace vyn::rpc;
+
+constexpr std::uint32_t kEcho = 1;
+constexpr std::uint32_t kHold = 2;
+constexpr std::uint32_t kThrow = 3;
+constexpr std::uint32_t kBig = 4;
+constexpr std::size_t kBigSize = 300000;
+
+/// What a connection's stream shares with its test.
+struct Script {
+  std::basic_string<std::uint8_t> mSteps;
+  std::size_t mNext = 0;
+  std::string mSaid;  // what the server wrote
+
+  std::uint8_t Next() { return mNext < mSteps.size() ? mSteps[mNext++] : 255; }
+};
+
+/// Its bytes come from memory; what it takes is up to the script.
+class ScriptedStream : public vyn::test::MemoryStream {
+ public:
+  ScriptedStream(std::shared_ptr<Script> script, const std::string& bytes)
+      : MemoryStream(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
+        mScript(std::move(script)) {}
+
+  IoState Handshake() override {
+    const std::uint8_t step = mScript->Next();
+    if (step == 0) {
+      mError = "refused";
+    }
+    return step == 0 ? IoState::kFailed : step < 8 ? IoState::kWantRead : IoState::kDone;
+  }
+  IoResult Write(const iovec* parts, std::size_t count) override {
+    const std::uint8_t step = mScript->Next();
+    if (step < 32) {
+      return {step == 0 ? IoState::kClosed : IoState::kWantWrite};
+    }
+    std::size_t left = step == 255 ? SIZE_MAX : step * std::size_t{97};
+    std::size_t done = 0;
+    for (std::size_t i = 0; i < count && left > 0; ++i) {
+      const std::size_t taken = std::min(parts[i].iov_len, left);
+      mScript->mSaid.append(static_cast<const char*>(parts[i].iov_base), taken);
+      done += taken;
+      left -= taken;
+    }
+    return {IoState::kDone, done};
+  }
+
+ private:
+  const std::shared_ptr<Script> mScript;
+};
+
+/// The requests that are held. The core's own thread goes on with a connection that had to wait.
+std::mutex gMutex;
+std::deque<std::shared_ptr<ServerContext>> gHeld;
+
+std::shared_ptr<ServerContext> TakeHeld(bool oldest) {
+  std::lock_guard lock(gMutex);
+  if (gHeld.empty()) {
+    return nullptr;
+  }
+  auto context = oldest ? gHeld.front() : gHeld.back();
+  oldest ? gHeld.pop_front() : gHeld.pop_back();
+  return context;
+}
+
+bool Reply(const std::shared_ptr<ServerContext>& context, std::uint32_t id, std::string text) {
+  Message reply{MessageId(id)};
+  reply.Bl().emplace_back(text.data(), text.size(), nullptr);
+  return Server::Reply(context, &reply, nullptr);
+}
+
+std::shared_ptr<ServerCore> NewCore() {
+  ServerOptions options;
+  options.mIoThreads = options.mWorkerThreads = 1;
+  options.mMaxFrameLength = std::size_t{1} << 18;
+  options.mMaxPendingCalls = 3;
+  options.mMaxPendingBytes = 100000;
+  auto core = std::make_shared<ServerCore>(nullptr, options);
+  core->Register(
+      MessageId(kEcho),
+      [](const auto& context, const auto& request) {
+        const auto& parts = request->Bl();
+        Reply(context, kEcho,
+              parts.empty() ? "" : std::string(static_cast<char*>(parts[0].Addr()), parts[0].Len()));
+      },
+      HandlerKind::kQuick);
+  core->Register(
+      MessageId(kHold),
+      [](const auto& context, const auto&) {
+        std::lock_guard lock(gMutex);
+        gHeld.push_back(context);
+      },
+      HandlerKind::kQuick);
+  core->Register(
+      MessageId(kThrow), [](const auto&, const auto&) { throw std::runtime_error("broken"); },
+      HandlerKind::kQuick);
+  core->Register(
+      MessageId(kBig),
+      [](const auto& context, const auto&) { Reply(context, kBig, std::string(kBigSize, 'b')); },
+      HandlerKind::kQuick);
+  if (!core->Start("127.0.0.1", 0).Ok()) {
+    std::abort();
+  }
+  return core;
+}
+
+/// Every whole frame that the server said is sound, and the last may be cut off.
+void CheckSaid(const std::string& said) {
+  Greeting greeting;
+  if (said.size() < sizeof(greeting)) {
+    return;
+  }
+  std::memcpy(&greeting, said.data(), sizeof(greeting));
+  if (CheckGreeting(greeting) != nullptr) {
+    std::abort();
+  }
+  FrameHeader header;
+  for (std::size_t at = sizeof(greeting); at + sizeof(header) <= said.size();
+       at += sizeof(header) + header.mLength) {
+    std::memcpy(&header, said.data() + at, sizeof(header));
+    if (CheckHeader(header, kLongestFrame) != nullptr || (header.mId == kThrow && header.mStatus == kOk)) {
+      std::abort();
+    }
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const std::shared_ptr<ServerCore> core = NewCore();
+  if (size < 3) {
+    return 0;
+  }
+  const std::size_t length = std::min<std::size_t>(data[0], size - 2);
+  auto script = std::make_shared<Script>();
+  script->mSteps.assign(data + 1, length);
+  // The stream takes the size of its pieces from the first byte.
+  std::string bytes(1, static_cast<char>(data[length + 1]));
+  if (script->Next() % 8 != 0) {
+    const Greeting greeting{.mMaxLength = 1 << 20};
+    bytes.append(reinterpret_cast<const char*>(&greeting), sizeof(greeting));
+  }
+  bytes.append(reinterpret_cast<const char*>(data) + length + 2, size - length - 2);
+
+  // A pipe in the socket's place: nothing ever happens to it.
+  int pipes[2];
+  if (pipe2(pipes, O_NONBLOCK | O_CLOEXEC) != 0) {
+    std::abort();
+  }
+  const Descriptor other(pipes[1]);
+  const auto connection = std::make_shared<ServerConnection>(core, Descriptor(pipes[0]), "fuzzer",
+                                                             std::make_unique<ScriptedStream>(script, bytes));
+  connection->Begin();
+  for (std::size_t turn = 0; turn < 2 * length + 8; ++turn) {
+    switch (turn < length ? data[1 + turn] % 16 : 15) {
+      case 0:
+        if (const auto context = TakeHeld(true)) {
+          Reply(context, kHold, "late");
+        }
+        break;
+      case 1:
+        TakeHeld(false);  // without an answer
+        break;
+      case 2:
+        if (const auto context = TakeHeld(false)) {
+          Reply(context, kHold, std::string(kBigSize, 'l'));
+        }
+        break;
+      case 3:
+        connection->Sweep(Deadline::Clock::now() + std::chrono::milliseconds(data[1 + turn] * 1000));
+        break;
+      case 4:
+        connection->OnReady(EPOLLIN | EPOLLRDHUP);
+        break;
+      case 5:
+        connection->Resume();
+        break;
+      default:
+        connection->OnReady(EPOLLIN | EPOLLOUT);
+    }
+  }
+  connection->Shut("");
+  while (TakeHeld(true) != nullptr) {
+  }
+  // A call that the core's own thread is at may end a moment later.
+  for (int i = 0; core->PendingCalls() != 0 || core->PendingBytes() != 0; ++i) {
+    if (i == 20000) {
+      std::abort();
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  CheckSaid(script->mSaid);
+  return 0;
+}
