@@ -4,6 +4,8 @@
 #include "platform/bmclient/wire/file_io.h"
 #include "platform/bmclient/wire/names.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -36,6 +38,13 @@ bool Session::Read(Exchange& exchange, Reader& arguments) {
   result = result == 0 ? EnterAndOpen(object, false, file, size) : result;
   if (result == 0 && !InRange(offset, rest, size)) {
     result = kBmLocalError;
+  }
+  // Who has the object for writing can make its file smaller; in the middle of an answer that would end the
+  // connection.
+  struct stat state {};
+  if (result == 0 && (::fstat(file.Get(), &state) != 0 ||
+                      !InRange(offset, length, static_cast<std::uint64_t>(state.st_size)))) {
+    result = Seen(-EIO);
   }
   return result != 0 ? exchange.Answer(result) : exchange.AnswerFile(file.Get(), offset, length);
 }

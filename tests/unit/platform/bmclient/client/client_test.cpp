@@ -120,6 +120,13 @@ TEST_P(ClientTest, ARangeBeyondTheObjectMovesNothing) {
   EXPECT_EQ(byte, 'y');
   EXPECT_EQ(mTenant.Write(id, size, ""), 0);
   EXPECT_EQ(mTenant.Read(id, size, 0), "");
+  // What somebody has cut off the object's file is an error of that object, not of the way to it.
+  const FabricPlace& place = mNode == 1 ? mNearPlace : mFarPlace;
+  std::filesystem::resize_file(place.Pool() + "/app-1/" + id, 10);
+  const std::string gone = std::to_string(mNode == 1 ? kBmLocalError : kBmRemoteFailed);
+  EXPECT_EQ(mTenant.Read(id, 5, 10), gone);
+  EXPECT_EQ(mTenant.Read(id, 0, size), gone);
+  EXPECT_EQ(mTenant.Read(id, 0, 10), std::string(10, '\0'));
 }
 
 TEST_P(ClientTest, CopiesAlsoOverlappingRanges) {
