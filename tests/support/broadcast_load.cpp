@@ -1,5 +1,6 @@
 #include "support/broadcast_load.h"
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 
@@ -27,8 +28,8 @@ std::string Seed(std::uint32_t id) { return std::to_string(id % 251); }
 
 BroadcastLoad::BroadcastLoad(std::vector<VyndNode*> nodes) : mNodes(std::move(nodes)) {
   for (VyndNode* node : mNodes) {
-    mDescriptors.push_back(node->Descriptors());
-    mThreads.push_back(node->Threads());
+    mDescriptors = std::max(mDescriptors, node->Descriptors());
+    mThreads = std::max(mThreads, node->Threads());
   }
   for (std::size_t i = 0; i < mNodes.size(); ++i) {
     mWorkers.push_back(std::make_unique<Worker>());
@@ -178,21 +179,19 @@ void BroadcastLoad::Finish() {
   } catch (const std::exception& error) {
     Fault(std::string("at the end: ") + error.what());
   }
-  for (std::size_t i = 0; i < mNodes.size(); ++i) {
-    VyndNode& node = *mNodes[i];
-    if (!WaitUntil([&] { return node.PoolEntries().empty(); }, kLimit)) {
-      const auto entries = node.PoolEntries();
-      Fault(node.Pool() + " still holds " + std::to_string(entries.size()) + " entries, " + entries.front());
+  for (VyndNode* node : mNodes) {
+    std::vector<std::string> entries;
+    if (!WaitUntil([&] { return (entries = node->PoolEntries()).empty(); }, kLimit)) {
+      Fault(node->Pool() + " still holds " + std::to_string(entries.size()) + " entries, " + entries.front());
     }
-    if (!WaitUntil(
-            [&] {
-              return node.Descriptors() <= mDescriptors[i] + kIdleConnections &&
-                     node.Threads() <= mThreads[i] + kIdleConnections;
-            },
-            kLimit)) {
-      Fault(node.Pool() + ": the daemon has " + std::to_string(node.Descriptors()) + " descriptors and " +
-            std::to_string(node.Threads()) + " threads, before " + std::to_string(mDescriptors[i]) + " and " +
-            std::to_string(mThreads[i]));
+    const auto calm = [&] {
+      return node->Descriptors() <= mDescriptors + kIdleConnections &&
+             node->Threads() <= mThreads + kIdleConnections;
+    };
+    if (!WaitUntil(calm, kLimit)) {
+      Fault(node->Pool() + ": the daemon has " + std::to_string(node->Descriptors()) + " descriptors and " +
+            std::to_string(node->Threads()) + " threads, before " + std::to_string(mDescriptors) + " and " +
+            std::to_string(mThreads));
     }
   }
 }

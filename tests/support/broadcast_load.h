@@ -61,9 +61,9 @@ class BroadcastLoad {
   void Fault(const std::string& line);
 
   const std::vector<VyndNode*> mNodes;
-  /// Of each daemon, before the load.
-  std::vector<std::size_t> mDescriptors;
-  std::vector<std::size_t> mThreads;
+  /// Of the daemon that has most, the leader, before the load.
+  std::size_t mDescriptors = 0;
+  std::size_t mThreads = 0;
   std::vector<std::unique_ptr<Worker>> mWorkers;
   std::atomic<bool> mStop{false};
   std::atomic<std::size_t> mAcknowledged{0};
