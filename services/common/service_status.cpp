@@ -1,5 +1,7 @@
 #include "services/common/service_status.h"
 
+#include "vyn/status.h"
+
 #include <array>
 #include <utility>
 
@@ -7,7 +9,10 @@ namespace vyn::services {
 
 namespace {
 
-constexpr std::array<std::pair<std::uint32_t, const char*>, 14> kTexts{{
+constexpr std::array<std::pair<std::uint32_t, const char*>, 17> kTexts{{
+    {VYN_ERR_OUT_OF_POOL_MEMORY, "the pool of this node is full"},
+    {VYN_ERR_NULL_POINTER, "this process has no memory"},
+    {VYN_ERR_RPC_TRANSPORT_A, "this node does not lead any more, or cannot tell"},
     {kStatusUnknownOperation, "no such operation"},
     {kStatusInvalidRequest, "the request makes no sense"},
     {kStatusNotRegistered, "the application is not registered at this node"},

@@ -38,7 +38,7 @@ inline constexpr std::uint32_t kStatusTooLarge = 2140025;
 /// The application has as many variables or blocks as one may have.
 inline constexpr std::uint32_t kStatusLimit = 2140027;
 
-/// Returns: the words for a code of this table, "unknown status" for any other.
+/// Returns: the words for a code that a service answers, "unknown status" for any other.
 const char* StatusText(std::uint32_t status);
 
 }  // namespace vyn::services

@@ -128,7 +128,7 @@ void MetadataMember::Step() {
     return;
   }
   if (result != ZOK) {
-    if (mService != nullptr && now - mLastAnswer > std::chrono::milliseconds(mOptions.sessionTimeout) / 2) {
+    if (mService != nullptr && now - mLastAnswer > Lease()) {
       VYN_LOG_WARN("ZooKeeper has not answered for half of the session time-out, this node stops to lead");
       EndLeading();
     }
@@ -249,6 +249,7 @@ void MetadataMember::BeginLeading() {
     EndLeading();
   }
   if (mService != nullptr) {
+    mService->ServeUntil(mLastAnswer + Lease());
     return;
   }
   std::string before;
@@ -271,6 +272,7 @@ void MetadataMember::BeginLeading() {
     GiveUpClaim();
     return;
   }
+  service->ServeUntil(common::SteadyNow() + Lease());  // it has just read all its records
   mService = std::move(service);
   mLeading.store(true, std::memory_order_release);
 }

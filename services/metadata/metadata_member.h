@@ -77,6 +77,8 @@ class MetadataMember {
   /// Requires: the leader znode is this session's.
   void BeginLeading();
   void EndLeading();
+  /// How long after its last answer ZooKeeper cannot have ended the session yet.
+  std::chrono::milliseconds Lease() const { return std::chrono::milliseconds(mOptions.sessionTimeout) / 2; }
   /// Deletes the leader znode if it is this session's.
   void GiveUpClaim();
 

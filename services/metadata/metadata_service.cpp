@@ -105,8 +105,9 @@ void MetadataService::Stop() {
 std::uint32_t MetadataService::AwaitReady() {
   std::unique_lock lock(mMutex);
   const bool decided = mChanged.wait_for(lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
-  // Both look like a lost connection to the client, which asks for the leader again and repeats the call.
-  return decided && mReady && !mStopping ? VYN_OK : MetadataStore::kStatusDeposed;
+  // All look like a lost connection to the client, which asks for the leader again and repeats the call.
+  const bool leads = common::SteadyNow() < mServeUntil.load(std::memory_order_acquire);
+  return decided && mReady && !mStopping && leads ? VYN_OK : MetadataStore::kStatusDeposed;
 }
 
 template <typename Work>

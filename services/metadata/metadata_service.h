@@ -47,6 +47,11 @@ class MetadataService {
   std::uint32_t Start();
   /// Lets running calls answer, then closes every connection.
   void Stop();
+  /// Until when nobody else can lead, so that what is read from memory is true; the owner moves it on. A process
+  /// that stood still finds requests in its sockets that a successor has answered otherwise.
+  void ServeUntil(std::chrono::steady_clock::time_point time) {
+    mServeUntil.store(time, std::memory_order_release);
+  }
   /// A write was refused because another leader has taken over: the owner stops the service.
   bool Deposed() const { return mDeposed.load(std::memory_order_acquire); }
   std::uint16_t Port() const { return mServer.Port(); }
@@ -70,6 +75,8 @@ class MetadataService {
   MetadataState mState;
   rpc::Server mServer;
   std::atomic<bool> mDeposed{false};
+  std::atomic<std::chrono::steady_clock::time_point> mServeUntil{
+      std::chrono::steady_clock::time_point::max()};
 
   std::mutex mMutex;
   // Guarded by mMutex.

@@ -183,6 +183,12 @@ TEST_F(MetadataServiceTest, OnlyWhoSentHeartbeatsIsMissed) {
 }
 
 TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {
+  Ref<BroadcastBlockInfo> got(new BroadcastBlockInfo());
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), kStatusUnknownVariable);
+  mService->ServeUntil(std::chrono::steady_clock::now());
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), MetadataStore::kStatusDeposed)
+      << "another may lead, and know better";
+  mService->ServeUntil(std::chrono::steady_clock::time_point::max());
   MetadataState next;
   ASSERT_EQ(next.Load(), 0U);
   EXPECT_FALSE(mService->Deposed());

@@ -36,7 +36,6 @@ class NodeServerTest : public test::ClusterTest {
     fabric.capacity = 10 * 4096;
     ASSERT_TRUE(mFabric.Start(fabric, error)) << error;
     StartServer();
-    ConnectTo(*mEngine);
   }
   void ConnectTo(common::RpcEngine& engine) {
     std::string ip = "127.0.0.1";
@@ -67,6 +66,7 @@ class NodeServerTest : public test::ClusterTest {
     mServer = std::make_unique<NodeServer>(options, mFabric);
     std::string error;
     ASSERT_TRUE(mServer->Start(error)) << error;
+    ConnectTo(*mEngine);
   }
   void TearDown() override {
     mServer.reset();
