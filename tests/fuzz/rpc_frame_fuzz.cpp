@@ -10,7 +10,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using vyn::rpc::FrameReader;
-  constexpr std::size_t kMaxLength = 1 << 16;
+  constexpr std::size_t kMaxLength = 1 << 18;
   const bool server = size > 0 && (data[0] & 1) != 0;
   const std::size_t alignment = server ? vyn::rpc::kRequestAlignment : vyn::rpc::kReplyAlignment;
   vyn::test::MemoryStream stream(data, size);
@@ -21,6 +21,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     vyn::rpc::Frame frame;
     const FrameReader::State state = reader.Next(stream, frame);
     if (state == FrameReader::State::kWantRead) {
+      continue;
+    }
+    if (state == FrameReader::State::kLongFrame) {
+      if (reader.LongLength() > kMaxLength || reader.LongLength() < FrameReader::kLargeBlock / 2) {
+        std::abort();
+      }
+      reader.Accept();
       continue;
     }
     if (state != FrameReader::State::kFrame) {
