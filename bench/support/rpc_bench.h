@@ -16,8 +16,8 @@
 
 namespace vyn::bench {
 
-inline constexpr unsigned short kEchoQuick = 1;   // answered by the thread that reads
-inline constexpr unsigned short kEchoWorker = 2;  // handed to a worker
+inline constexpr unsigned short kEchoQuick = 1;   // answered as soon as it is read
+inline constexpr unsigned short kEchoWorker = 2;  // a handler that may block
 inline constexpr std::size_t kRequestOverhead = 24 + 2;
 inline constexpr std::size_t kReplyOverhead = 24 + 4;
 

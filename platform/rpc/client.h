@@ -5,7 +5,8 @@
 // A call that timed out or broke closes the connection, so that a late reply can never be taken for that of a
 // later call; the next call connects again by itself, within its own time and at most the reconnect limit. A
 // connection that the server closed between two calls is noticed before anything is sent and costs the caller
-// nothing but the reconnect, unless the two begin within a millisecond: then the second may be lost with it.
+// nothing but the reconnect, unless the two begin within 100 microseconds: then the second may be lost with
+// it.
 //
 // The transport's settings are read from the environment when the client is made: UCX_TLS (empty, unset or
 // "tcp"; anything else is refused at connect, since no engine for it is present), UCX_NET_DEVICES (interface

@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kAmple{1000};
 
 /// A connection on which a call began so recently is taken to stand. A server that went meanwhile would not
 /// be back yet either.
-constexpr std::chrono::milliseconds kFresh{1};
+constexpr std::chrono::microseconds kFresh{100};
 
 /// Whether a failed call was answered: then its connection is as good as before.
 bool IsAnswer(std::int32_t status) {

@@ -217,22 +217,31 @@ void ServerCore::Report(const std::string& line) const {
 void ServerCore::OnReady(std::uint32_t /*events*/) { Accept(); }
 
 void ServerCore::Accept() {
-  std::lock_guard lock(mAcceptMutex);
-  for (int turn = 0; mListener && turn < kAcceptsInTurn; ++turn) {
+  for (int turn = 0; turn < kAcceptsInTurn; ++turn) {
     SocketAddress peer;
-    Descriptor descriptor(accept4(mListener.Get(), peer.Any(), &peer.mSize, SOCK_NONBLOCK | SOCK_CLOEXEC));
-    if (descriptor) {
-      Admit(std::move(descriptor), peer.Text());
-      continue;
-    }
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      // The connection stays in the listener's queue until the next tick. Trying again at once would only
+    Descriptor descriptor;
+    int error = 0;
+    bool pause = false;
+    {
+      std::lock_guard lock(mAcceptMutex);
+      if (!mListener) {
+        return;
+      }
+      descriptor =
+          Descriptor(accept4(mListener.Get(), peer.Any(), &peer.mSize, SOCK_NONBLOCK | SOCK_CLOEXEC));
+      error = descriptor ? 0 : errno;
+      // The connection then stays in the listener's queue until the next tick: trying again at once would only
       // burn the processor.
-      Report(std::string("cannot accept connections: ") + strerror(errno));
-      mAcceptPaused = true;
+      mAcceptPaused = error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+      pause = mAcceptPaused;
+    }
+    if (pause) {
+      Report(std::string("cannot accept connections: ") + strerror(error));
       return;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    if (descriptor) {
+      Admit(std::move(descriptor), peer.Text());
+    } else if (error == EAGAIN || error == EWOULDBLOCK) {
       return;
     }
     // Anything else belongs to the one connection that could not be taken.

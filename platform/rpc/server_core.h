@@ -6,6 +6,10 @@
 // request that it read by itself, while the others wait. Only what it cannot run goes to another thread: a
 // second request, or one above the number of handlers that may block at once.
 //
+// Locks: a connection's mutex comes before mMutex, and the event loop's own is the innermost; mAcceptMutex,
+// mConnectionsMutex and mJobsMutex are taken without any of the others. None is held while a handler, a
+// callback or the report runs.
+//
 // A core outlives its server object for as long as a context of it exists somewhere; it does nothing more
 // then. Calls may come from any thread unless they say otherwise.
 
@@ -110,7 +114,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   std::unique_ptr<EventLoop> mEvents;
   std::vector<std::thread> mThreads;
 
-  /// Guards mListener and mAcceptPaused; held while connections are taken in.
+  /// Guards mListener and mAcceptPaused.
   std::mutex mAcceptMutex;
   Descriptor mListener;
   bool mAcceptPaused = false;

@@ -28,8 +28,8 @@ using test::WireGreeting;
 using test::WireHeader;
 using testing::HasSubstr;
 
-constexpr std::uint32_t kEcho = 1;       // answers with what came, on a worker
-constexpr std::uint32_t kQuickEcho = 2;  // the same on the thread that reads
+constexpr std::uint32_t kEcho = 1;       // answers with what came, as a handler that may block
+constexpr std::uint32_t kQuickEcho = 2;  // the same as a quick one
 constexpr std::uint32_t kHold = 3;       // answers when the test lets it
 constexpr std::uint32_t kBig = 4;        // answers with as many bytes as the request says
 constexpr std::uint32_t kBigOwned = 5;   // the same from memory that the reply owns
