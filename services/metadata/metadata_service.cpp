@@ -320,8 +320,8 @@ void MetadataService::EndSilent() {
     if (status == MetadataStore::kStatusDeposed) {
       mDeposed.store(true, std::memory_order_release);
     }
-    if (Failed(status)) {
-      return;  // the store has said why; the next look tries again, or the next leader
+    if (status == MetadataStore::kStatusDeposed || status == MetadataStore::kStatusUnanswered) {
+      return;  // the next look tries again, or the next leader
     }
     if (removed) {  // it may have sent a heartbeat meanwhile
       VYN_LOG_WARN("Application " << application << " has sent no heartbeat for "

@@ -8,7 +8,7 @@
 #include "common/util/log.h"
 #include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
-#include "services/common/service_status.h"
+#include "services/common/rpc_handlers.h"
 #include "services/config_check/config_check.h"
 #include "services/vynd/token_registry.h"
 
@@ -239,9 +239,7 @@ bool Daemon::StartFabric(std::string& error) {
     }
     // As in a registration: a driver outside the fabric may come before every executor.
     const std::uint32_t status = FixToken(ns, token);
-    if (Failed(status)) {
-      common::AuditGlog(std::to_string(getpid()).c_str(), "register_application", ns.c_str(), "FAILED");
-    }
+    Audit(std::to_string(getpid()), "register_application", ns, status);
     if (status == kStatusWrongToken) {
       return -EACCES;
     }

@@ -176,6 +176,12 @@ TEST_F(VyndTest, AWrongTokenIsRefusedOnEveryNode) {
   ASSERT_EQ(outsider.Ask("init " + second->Home() + " 0"), "0");
   EXPECT_EQ(outsider.Ask("create 2 other guessed"), std::to_string(-EACCES));
   EXPECT_EQ(outsider.Ask("create 2 other secret"), "0");
+  EXPECT_EQ(outsider.Ask("create 2 other guessed"), std::to_string(-EACCES));
+  const std::string log = second->Log();
+  const std::string refused = "[register_application][other][FAILED]";
+  const std::size_t once = log.find(refused);
+  EXPECT_NE(once, std::string::npos);
+  EXPECT_NE(log.find(refused, once + 1), std::string::npos) << "also when the node knows the application";
 }
 
 TEST_F(VyndTest, OrdinaryUsersMeetByTheTokenAlone) {

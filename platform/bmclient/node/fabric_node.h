@@ -41,7 +41,8 @@ struct NodeAddress {
 /// keeps fresh).
 using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& address)>;
 
-/// Asked before a client, of this machine or over a link, makes a namespace that this node does not have.
+/// Asked before a client, of this machine or over a link, makes a namespace that this node does not have, or
+/// has with another token.
 /// Returns: 0, or the result for the client: -EACCES when the token is not the one that the cluster knows for
 /// the name. Called from the node's own threads, several at once; may block for as long as a client waits.
 using NamespaceGuard = std::function<int(const std::string& ns, const std::string& token)>;

@@ -95,8 +95,9 @@ bool Session::Query(Exchange& exchange, Reader& arguments) {
 }
 
 int Session::MakeNamespace(const Access& access) {
+  NamespacePtr known;
   if (mParts.namespaceGuard != nullptr && IsNamespaceName(access.ns) &&
-      mParts.pool.Find(access.ns) == nullptr) {
+      mParts.pool.Enter(access, known) != 0) {
     const int refusal = mParts.namespaceGuard(std::string(access.ns), std::string(access.token));
     if (refusal != 0) {
       return refusal;

@@ -326,7 +326,12 @@ TEST_F(MetadataStoreTest, DamagedRecordsAreLeftOut) {
 TEST_F(MetadataStoreTest, AWriteOfUnknownOutcomeEndsTheLeadership) {
   MetadataState state;
   ASSERT_EQ(state.Load(), 0U);
+  mRaw->Create("/vyn/apps/app", "{}");
+  ASSERT_EQ(state.HeartBeat("app"), 0U);
   gServer->Kill();
+  bool removed = true;
+  EXPECT_TRUE(Failed(state.Expire("app", std::chrono::milliseconds(0), removed)));
+  EXPECT_FALSE(removed);
   EXPECT_EQ(state.NewVariable("app", 1, 1), MetadataStore::kStatusDeposed);
   gServer->Start();
   EXPECT_TRUE(test::WaitUntil([] { return gServer->Mode() == "standalone"; }));
