@@ -1,5 +1,6 @@
 // A synchronous call through the engine beside a ping-pong of the same bytes over bare blocking sockets, at
-// 200 bytes and 64 KiB, answered by a quick handler and by one that may block; and 16 MiB of throughput.
+// 200 bytes and 64 KiB, answered by a quick handler and by one that may block; and 16 MiB of throughput. With
+// both ends on one processor, and on two.
 
 #include "support/latency.h"
 #include "support/rpc_bench.h"
@@ -8,30 +9,49 @@ namespace {
 
 using namespace vyn::bench;
 
-void Compare(const EchoServer& server, const std::string& size, std::size_t bytes, int turns, int calls,
-             double bar) {
+/// Where the two ends run.
+struct Places {
+  const char* mName;
+  int mCaller;
+  int mServer;
+};
+
+void Compare(const EchoServer& server, const Places& places, const std::string& size, std::size_t bytes,
+             int turns, int calls, double bar) {
   Caller quick(server.Port(), bytes);
-  Caller worker(server.Port(), bytes);
+  Caller blocking(server.Port(), bytes);
+  RunOn(places.mServer);
   BareEcho bare(bytes + kRequestOverhead, bytes + kReplyOverhead);
+  RunOn(places.mCaller);
   Latency quickTimes("SyncRpcCall " + size);
-  Latency workerTimes("SyncRpcCall " + size + ", may block");
+  Latency blockingTimes("SyncRpcCall " + size + ", may block");
   Latency bareTimes("blocking ping-pong " + size);
   for (int turn = 0; turn < turns; ++turn) {
     quickTimes.Run(calls, [&] { quick.Call(kEchoQuick); });
     bareTimes.Run(calls, [&] { bare.Call(); });
-    workerTimes.Run(calls, [&] { worker.Call(kEchoWorker); });
+    blockingTimes.Run(calls, [&] { blocking.Call(kEchoWorker); });
   }
   PrintRatio(quickTimes, bareTimes, bar);
-  PrintRatio(workerTimes, bareTimes, bar);
+  PrintRatio(blockingTimes, bareTimes, bar);
 }
 
 }  // namespace
 
 int main() {
-  EchoServer server;
-  PrintLatencyHeader();
-  Compare(server, "200 B", 200, 50, 400, 1.25);
-  Compare(server, "64 KiB", std::size_t{64} << 10, 50, 200, 1.25);
-  Compare(server, "16 MiB", std::size_t{16} << 20, 20, 2, 1 / 0.85);
+  const std::vector<int> all = Processors();
+  std::vector<Places> places{{"one processor", all.front(), all.front()}};
+  if (all.size() > 1) {
+    places.push_back({"two processors", all.front(), all.back()});
+  }
+  for (const Places& one : places) {
+    RunOn(one.mServer);
+    EchoServer server;
+    RunOn(one.mCaller);
+    std::printf("\n%s:", one.mName);
+    PrintLatencyHeader();
+    Compare(server, one, "200 B", 200, 50, 400, 1.25);
+    Compare(server, one, "64 KiB", std::size_t{64} << 10, 50, 200, 1.25);
+    Compare(server, one, "16 MiB", std::size_t{16} << 20, 20, 2, 1 / 0.85);
+  }
   return 0;
 }

@@ -166,6 +166,7 @@ ContextPtr NewContext(const SSL_METHOD* method) {
 }  // namespace
 
 int main() {
+  RunOn(Processors().front());
   if (SetOpensslDLopenLibPath("libssl.so.3", "libcrypto.so.3") != OPENSSL_DL_OK) {
     Die(OpensslDLGetLastMessage());
   }
@@ -187,6 +188,7 @@ int main() {
   SSL_CTX_set_verify(authority.get(), SSL_VERIFY_PEER, nullptr);
   SSL_CTX_set_num_tickets(identity.get(), 1);
 
+  std::printf("\none processor:");
   PrintLatencyHeader();
   const struct {
     const char* name;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +18,28 @@ using common::RpcEngine;
 void Die(const std::string& what) {
   std::fprintf(stderr, "%s\n", what.c_str());
   std::exit(1);
+}
+
+std::vector<int> Processors() {
+  cpu_set_t set;
+  std::vector<int> all;
+  if (sched_getaffinity(0, sizeof(set), &set) == 0) {
+    for (int i = 0; i < CPU_SETSIZE; ++i) {
+      if (CPU_ISSET(i, &set)) {
+        all.push_back(i);
+      }
+    }
+  }
+  return all;
+}
+
+void RunOn(int processor) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(processor, &set);
+  if (sched_setaffinity(0, sizeof(set), &set) != 0) {
+    Die("cannot choose a processor");
+  }
 }
 
 EchoServer::EchoServer(rpc::ServerOptions options) : mServer(std::move(options)) {

@@ -23,6 +23,13 @@ inline constexpr std::size_t kReplyOverhead = 24 + 4;
 
 [[noreturn]] void Die(const std::string& what);
 
+/// The processors that the program may use.
+std::vector<int> Processors();
+/// From here on the calling thread, and the threads that it makes, run on `processor`. Where the two ends of a
+/// connection run matters more than what they do: a wake-up across processors costs several times the rest of
+/// a small call. What is compared has to run at the same places.
+void RunOn(int processor);
+
 /// A payload that costs nothing to serialise, and a reply that is only looked at.
 class Payload : public common::BaseMessage {
  public:
