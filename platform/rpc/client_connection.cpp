@@ -65,7 +65,7 @@ Outcome ClientConnection::Call(const Message& request, Message& response, const 
     }
     length += buffer.Len();
   }
-  const auto now = Deadline::Clock::now();
+  auto now = Deadline::Clock::now();
   if (mStream != nullptr && now - mLastBegin > kFresh && mStream->IsStale()) {
     Close();
   }
@@ -74,6 +74,7 @@ Outcome ClientConnection::Call(const Message& request, Message& response, const 
     if (Outcome outcome = Reconnect(deadline); !outcome.Ok()) {
       return outcome;
     }
+    now = Deadline::Clock::now();
   }
   if (length > mPeerMaxLength) {
     return Named({kMessageTooLong, "a request of " + std::to_string(length) + " bytes; the server takes " +
@@ -191,6 +192,12 @@ Outcome ClientConnection::Send(std::vector<iovec>& parts, const Deadline& deadli
     const IoResult result = mStream->Write(parts.data() + first, parts.size() - first);
     if (result.mState == IoState::kDone) {
       Advance(parts.data(), parts.size(), first, result.mBytes);
+      if (first < parts.size() && deadline.IsOver()) {
+        return {kTimedOut, VynRpcStatusString(kTimedOut)};  // a peer that takes a little each time
+      }
+      if (first < parts.size() && mPlain != nullptr) {
+        mPlain->SetWaits(deadline.Exceeds(kAmple));
+      }
     } else if (Outcome outcome = After(result.mState, deadline); !outcome.Ok()) {
       return outcome;
     }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 namespace vyn::rpc {
 
@@ -18,8 +19,9 @@ constexpr int kBatch = 16;
 
 }  // namespace
 
-EventLoop::EventLoop()
-    : mEpoll(epoll_create1(EPOLL_CLOEXEC)),
+EventLoop::EventLoop(std::function<void(const char* what)> failed)
+    : mFailed(std::move(failed)),
+      mEpoll(epoll_create1(EPOLL_CLOEXEC)),
       mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mTimer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
   if (!mEpoll || !mWake || !mTimer || !Add(mWake.Get(), EPOLLIN) || !Add(mTimer.Get(), EPOLLIN)) {
@@ -81,21 +83,25 @@ void EventLoop::Run(const std::function<void()>& after) {
     mNow.store(Clock::now(), std::memory_order_relaxed);
     for (int i = 0; i < count; ++i) {
       const epoll_event& event = events[static_cast<std::size_t>(i)];
-      if (event.data.fd == mWake.Get()) {
-        // The count is never read: what tells of it is its change.
-        RunPosted();
-      } else if (event.data.fd == mTimer.Get()) {
-        std::uint64_t ignored;
-        if (read(mTimer.Get(), &ignored, sizeof(ignored)) > 0 && mTick) {
-          mTick();
-        }
-      } else if (const auto watcher = Find(event.data.fd)) {
-        watcher->OnReady(event.events);
-      }
+      Guarded([&] { Handle(event.data.fd, event.events); });
     }
-    after();
+    Guarded(after);
   }
   Wake();  // the next one
+}
+
+void EventLoop::Handle(int descriptor, std::uint32_t events) {
+  if (descriptor == mWake.Get()) {
+    // The count is never read: what tells of it is its change.
+    RunPosted();
+  } else if (descriptor == mTimer.Get()) {
+    std::uint64_t ignored;
+    if (read(mTimer.Get(), &ignored, sizeof(ignored)) > 0 && mTick) {
+      mTick();
+    }
+  } else if (const auto watcher = Find(descriptor)) {
+    watcher->OnReady(events);
+  }
 }
 
 bool EventLoop::RunPosted() {
@@ -105,7 +111,7 @@ bool EventLoop::RunPosted() {
     posted.swap(mPosted);
   }
   for (const auto& function : posted) {
-    function();
+    Guarded(function);
   }
   return !posted.empty();
 }

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -34,8 +35,9 @@ class EventLoop {
     virtual void OnReady(std::uint32_t events) = 0;
   };
 
-  /// Throws std::system_error without descriptors.
-  EventLoop();
+  /// \param failed told what was thrown by what the loop called, which then goes on; must not throw. Throws
+  /// std::system_error without descriptors.
+  explicit EventLoop(std::function<void(const char* what)> failed);
 
   /// Reports `descriptor` to `watcher`, which is kept until Unwatch. Returns: false when the system refuses.
   bool Watch(int descriptor, std::shared_ptr<Watcher> watcher);
@@ -59,8 +61,19 @@ class EventLoop {
 
  private:
   std::shared_ptr<Watcher> Find(int descriptor);
+  /// Calls it; what it throws harms nothing else that this thread has in hand.
+  template <typename Function>
+  void Guarded(const Function& function) {
+    try {
+      function();
+    } catch (const std::exception& failure) {  // no memory, most likely
+      mFailed(failure.what());
+    }
+  }
+  void Handle(int descriptor, std::uint32_t events);
   bool Add(int descriptor, std::uint32_t events);
 
+  const std::function<void(const char*)> mFailed;
   Descriptor mEpoll;
   Descriptor mWake;
   Descriptor mTimer;

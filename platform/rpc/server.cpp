@@ -30,10 +30,14 @@ std::size_t Server::Connections() const { return mCore->Connections(); }
 void Server::Stop() { mCore->Stop(); }
 
 bool Server::Reply(std::shared_ptr<ServerContext> context, Message* message, Callback* callback) {
+  const bool answered = context == nullptr || context->mReplied.exchange(true);
+  if (answered && callback != nullptr) {
+    callback->Done(kInvalidArgument);
+  }
   if (context == nullptr) {
     return false;
   }
-  if (context->mReplied.exchange(true)) {
+  if (answered) {
     context->mStatus = kInvalidArgument;
   } else {
     context->mStatus = context->mConnection->Send(context->mCall, context->mId, context->mRequestLength, kOk,

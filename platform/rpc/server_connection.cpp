@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -36,7 +37,12 @@ ServerConnection::ServerConnection(std::shared_ptr<ServerCore> core, Descriptor 
 }
 
 void ServerConnection::Begin() {
-  mCore->Remember(shared_from_this());
+  try {
+    mCore->Remember(shared_from_this());
+  } catch (const std::bad_alloc&) {
+    mCore->Forget(shared_from_this());
+    throw;
+  }
   bool good = !mCore->IsStopping();
   if (good) {
     std::lock_guard lock(mMutex);
@@ -82,7 +88,15 @@ void ServerConnection::Pump() {
     mPumping = true;
   }
   try {
-    while (PumpOnce()) {
+    for (int turn = 1; PumpOnce(); ++turn) {
+      if (turn == kFramesInTurn) {  // others of this thread's events wait, too
+        {
+          std::lock_guard lock(mMutex);
+          mPumping = false;
+        }
+        PostPump();
+        return;
+      }
     }
   } catch (const std::exception& error) {
     Shut(error.what());  // no memory, most likely
@@ -98,12 +112,17 @@ bool ServerConnection::PumpOnce() {
     std::lock_guard lock(mMutex);
     mPumpAgain = false;
     mReader.Woken();
-    step = mPhase == Phase::kClosed ? Step::kEnd : StepHandshake(error);
-    if (step == Step::kGo && Flush(ended, error) == Step::kEnd) {
+    try {
+      step = mPhase == Phase::kClosed ? Step::kEnd : StepHandshake(error);
+      if (step == Step::kGo && Flush(ended, error) == Step::kEnd) {
+        step = Step::kEnd;
+      }
+      if (step == Step::kGo) {
+        step = StepGreeting(error);
+      }
+    } catch (const std::exception& failure) {  // those that have ended are settled all the same
+      error = failure.what();
       step = Step::kEnd;
-    }
-    if (step == Step::kGo) {
-      step = StepGreeting(error);
     }
   }
   Settle(ended, kOk);
@@ -135,13 +154,18 @@ bool ServerConnection::PumpOnce() {
 }
 
 void ServerConnection::PostPump() {
-  mCore->Events().Post([self = shared_from_this()] { self->Pump(); });
+  try {
+    mCore->Events().Post([self = shared_from_this()] { self->Pump(); });
+  } catch (const std::bad_alloc&) {
+    Shut("no memory");
+  }
 }
 
 void ServerConnection::Resume() {
   {
     std::lock_guard lock(mMutex);
     mParked = false;
+    mLastActivity = mCore->Events().Now();
     if (mFrameBegan != Clock::time_point{}) {
       mFrameBegan = mCore->Events().Now();  // it was not read from meanwhile
     }
@@ -264,8 +288,7 @@ ServerConnection::Step ServerConnection::Flush(Ended& ended, std::string& error)
       mLastActivity = mLastWritten;
       CountDown();
     }
-    ended.push_back(std::move(output));
-    mOutput.pop_front();
+    ended.splice(ended.end(), mOutput, mOutput.begin());
   }
   return Step::kGo;
 }
@@ -275,7 +298,7 @@ const char* ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t 
   try {
     std::size_t copied = 0;
     for (std::size_t i = first; i < parts.size(); ++i) {
-      output.mHeld += parts[i].iov_len;
+      output.mHeld += output.mIsReply ? parts[i].iov_len : 0;
       if (i == 0 || !message->Bl()[i - 1].Owns()) {
         copied += parts[i].iov_len;
       }
@@ -297,11 +320,13 @@ const char* ServerConnection::Keep(const std::vector<iovec>& parts, std::size_t 
   } catch (const std::bad_alloc&) {
     return "no memory for a reply";
   }
-  if (!mCore->HoldReply(mOutput.back().mHeld)) {
+  if (mOutput.back().mIsReply && !mCore->HoldReply(mOutput.back().mHeld)) {
     mOutput.pop_back();
     return "a reply has to wait, and those that wait fill the limit of bytes already";
   }
-  mLastWritten = mCore->Events().Now();
+  if (mOutput.size() == 1) {  // the client's time for taking something begins
+    mLastWritten = mCore->Events().Now();
+  }
   return nullptr;
 }
 
@@ -353,14 +378,18 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
       header.mCall = call;
       header.mId = id;
       header.mStatus = status;
-      result = LayOut(header, status == kOk ? message : nullptr);
-      std::size_t first = 0;
-      step = mOutput.empty() ? Write(mParts, first, error) : Step::kWait;
-      if (step == Step::kWait) {
-        if (const char* wrong = KeepReply(first, result, message, timeout, callback, requestLength)) {
-          step = Step::kEnd;
-          error = wrong;
+      try {
+        result = LayOut(header, status == kOk ? message : nullptr);
+        std::size_t first = 0;
+        step = mOutput.empty() ? Write(mParts, first, error) : Step::kWait;
+        if (step == Step::kWait) {
+          if (const char* wrong = KeepReply(first, result, message, timeout, callback, requestLength)) {
+            step = Step::kEnd;
+            error = wrong;
+          }
         }
+      } catch (const std::bad_alloc&) {
+        step = Step::kEnd;
       }
       if (step == Step::kGo) {
         mLastActivity = mLastWritten;
@@ -417,10 +446,7 @@ std::int32_t ServerConnection::LayOut(FrameHeader& header, Message* message) {
 
 void ServerConnection::Close(Ended& ended) {
   mPhase = Phase::kClosed;
-  for (Output& output : mOutput) {
-    ended.push_back(std::move(output));
-  }
-  mOutput.clear();
+  ended.splice(ended.end(), mOutput);
   mStream->Close();
   mStream.reset();
   mCore->Events().Unwatch(mSocket.Get());
@@ -449,8 +475,12 @@ void ServerConnection::Buried(Ended& ended, const std::string& reason) {
   }
   mCore->Release(arriving);
   mCore->Forget(shared_from_this());
-  if (!reason.empty()) {
-    mCore->Report(mPeer + ": " + reason);
+  try {
+    if (!reason.empty()) {
+      mCore->Report(mPeer + ": " + reason);
+    }
+  } catch (const std::exception& failure) {
+    mCore->Report(failure.what());
   }
 }
 
@@ -477,14 +507,15 @@ void ServerConnection::Sweep(Clock::time_point now) {
     if (mPhase != Phase::kOpen) {
       reason = Passed(mLastActivity, now, options.mHandshakeTimeout) ? "no greeting in time" : nullptr;
     } else if (!mOutput.empty()) {
-      if (mOutput.front().mDeadline.IsOver(now)) {
+      if (std::any_of(mOutput.begin(), mOutput.end(),
+                      [now](const Output& output) { return output.mDeadline.IsOver(now); })) {
         reason = "a reply was not taken within the time of its call";
       } else if (Passed(mLastWritten, now, options.mFrameTimeout)) {
         reason = "the client does not take its replies";
       }
     } else if (mFrameBegan != Clock::time_point{} && !mPaused && !mParked) {
       reason = Passed(mFrameBegan, now, options.mFrameTimeout) ? "a frame did not arrive in time" : nullptr;
-    } else if (mPending == 0 && options.mIdleTimeout > 0 &&
+    } else if (mPending == 0 && !mParked && options.mIdleTimeout > 0 &&
                Passed(mLastActivity, now, options.mIdleTimeout)) {
       reason = "";
     }

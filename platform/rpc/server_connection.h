@@ -13,7 +13,7 @@
 
 #include <chrono>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -29,7 +29,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
 
   /// Joins the event loop and goes on as far as possible.
   void Begin();
-  /// Pumps, later, on a thread of the event loop.
+  /// Pumps, later, on a thread of the event loop. Without memory for that the connection ends.
   void PostPump();
   /// PostPump for a connection that AdmitOrPark had put aside.
   void Resume();
@@ -64,7 +64,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     bool mIsReply = false;
   };
   /// Calls that have ended, to be counted out when the lock is gone.
-  using Ended = std::vector<Output>;
+  using Ended = std::list<Output>;  // which is passed on without memory
 
   enum class Step {
     kGo,    ///< on to the next step
@@ -112,7 +112,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   FrameReader mReader;
   Greeting mPeerGreeting;
   std::size_t mGreetingRead = 0;
-  std::deque<Output> mOutput;
+  std::list<Output> mOutput;
   std::vector<iovec> mParts;  // of the reply being written
   std::size_t mPending = 0;   // calls that are not answered, or whose answer has not gone yet
   std::size_t mArriving = 0;  // bytes counted in for a long request that is not complete

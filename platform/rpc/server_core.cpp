@@ -108,7 +108,8 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
     }
   }
   try {
-    mEvents = std::make_unique<EventLoop>();
+    // Who met it, no memory most likely, is left to its time limits.
+    mEvents = std::make_unique<EventLoop>([this](const char* what) { Report(what); });
     if (Outcome outcome = Listen(address, port); !outcome.Ok()) {
       return outcome;
     }
@@ -145,22 +146,10 @@ void ServerCore::StartThreads() {
   mEvents->SetTick(std::chrono::milliseconds(std::clamp<std::int64_t>(shortest / 4, 10, 1000)),
                    [this] { Sweep(); });
   for (unsigned int i = 0; i < mOptions.mIoThreads + mOptions.mWorkerThreads; ++i) {
-    mThreads.emplace_back([this] { RunThread(); });
+    mThreads.emplace_back([this] { mEvents->Run([this] { RunDeferred(); }); });
   }
   if (!mEvents->Watch(mListener.Get(), shared_from_this())) {
     throw std::system_error(errno, std::generic_category(), "listener");
-  }
-}
-
-void ServerCore::RunThread() {
-  for (;;) {
-    try {
-      mEvents->Run([this] { RunDeferred(); });
-      return;
-    } catch (const std::exception& error) {
-      // No memory, most likely. The connection that met it is left to its time limits.
-      Report(error.what());
-    }
   }
 }
 
@@ -214,7 +203,23 @@ void ServerCore::Report(const std::string& line) const {
   }
 }
 
-void ServerCore::OnReady(std::uint32_t /*events*/) { Accept(); }
+void ServerCore::Report(const char* what) const noexcept {
+  try {
+    Report(std::string(what));
+  } catch (const std::exception&) {
+    static_cast<void>(what);  // the line is lost, the server goes on
+  }
+}
+
+void ServerCore::OnReady(std::uint32_t /*events*/) {
+  try {
+    Accept();
+  } catch (const std::bad_alloc&) {
+    std::lock_guard lock(mAcceptMutex);
+    mAcceptPaused = true;  // those that wait are told of only once
+    throw;
+  }
+}
 
 void ServerCore::Accept() {
   for (int turn = 0; turn < kAcceptsInTurn; ++turn) {
@@ -271,7 +276,12 @@ void ServerCore::Admit(Descriptor descriptor, std::string peer) {
   auto connection = std::make_shared<ServerConnection>(shared_from_this(), std::move(descriptor),
                                                        std::move(peer), std::move(stream));
   mOpen.fetch_add(1, std::memory_order_relaxed);
-  mEvents->Post([connection = std::move(connection)] { connection->Begin(); });
+  try {
+    mEvents->Post([connection = std::move(connection)] { connection->Begin(); });
+  } catch (const std::bad_alloc&) {
+    mOpen.fetch_sub(1, std::memory_order_relaxed);
+    throw;
+  }
 }
 
 void ServerCore::Remember(const std::shared_ptr<ServerConnection>& connection) {
@@ -283,6 +293,10 @@ void ServerCore::Forget(const std::shared_ptr<ServerConnection>& connection) {
   {
     std::lock_guard lock(mConnectionsMutex);
     mConnections.erase(connection);
+  }
+  if (mAnyParked.load()) {
+    std::lock_guard lock(mMutex);
+    std::erase(mParked, connection);
   }
   mOpen.fetch_sub(1, std::memory_order_relaxed);
 }
@@ -389,8 +403,13 @@ void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, c
     connection->Send(header.mCall, header.mId, header.mLength, kNoHandler, nullptr, -1, nullptr);
     return;
   }
-  auto context =
-      std::make_shared<ServerContext>(connection, mServer, header.mCall, header.mId, header.mLength);
+  std::shared_ptr<ServerContext> context;
+  try {
+    context = std::make_shared<ServerContext>(connection, mServer, header.mCall, header.mId, header.mLength);
+  } catch (const std::bad_alloc&) {
+    EndCall(header.mLength);  // from here on the context does that
+    throw;
+  }
   auto message = std::make_shared<Message>(std::move(request));
   if (entry.mKind == HandlerKind::kQuick) {
     Run(entry, context, message);
@@ -420,12 +439,19 @@ void ServerCore::Queue(Job job) {
 }
 
 void ServerCore::RunDeferred() {
+  struct Turn {
+    explicit Turn(ServerCore& core) : mCore(core) {}
+    ~Turn() {
+      std::lock_guard lock(mCore.mJobsMutex);
+      --mCore.mBlocking;
+    }
+    ServerCore& mCore;
+  };
   Job job = std::exchange(mDeferred, Job());
   while ((job.mEntry != nullptr || mQueued != 0) && TakeTurn(job)) {
+    const Turn turn(*this);
     Run(*job.mEntry, job.mContext, job.mRequest);
     job = Job();
-    std::lock_guard lock(mJobsMutex);
-    --mBlocking;
   }
 }
 

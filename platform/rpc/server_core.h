@@ -53,6 +53,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   bool IsStopping() const { return mStopping.load(); }
   EventLoop& Events() { return *mEvents; }
   void Report(const std::string& line) const;
+  void Report(const char* what) const noexcept;
 
   /// Whether there is room for one more request; if not, `connection` is resumed when there is.
   bool AdmitOrPark(const std::shared_ptr<ServerConnection>& connection);
@@ -92,7 +93,6 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   Outcome CheckOptions() const;
   Outcome Listen(const std::string& address, std::uint16_t port);
   void StartThreads();
-  void RunThread();
   void Accept();
   void Admit(Descriptor descriptor, std::string peer);
   std::vector<std::shared_ptr<ServerConnection>> AllConnections();
