@@ -381,6 +381,7 @@ TEST_F(RpcServer, BytesThatAreHeldAreBounded) {
   stuck.Send(WireHeader(8, 1, kBig) + "40000000");
   ASSERT_TRUE(stuck.Readable(RawSocket::kPatience));
   EXPECT_TRUE(secondWaits());
+  Open();  // new connections come in all the same
   const auto context = TakeHeld().first;
   EXPECT_FALSE(Reply(context, kHold, std::string(40000000, 'l')));
   EXPECT_EQ(context->mStatus, -19);
@@ -439,6 +440,28 @@ TEST_F(RpcServer, StopLetsRunningCallsAnswer) {
   EXPECT_EQ(socket.Receive(28), WireHeader(4, 1, kHold) + "done");
   EXPECT_TRUE(socket.EndsWithin(RawSocket::kPatience));
   EXPECT_THROW(RawSocket::Connect(mServer->Port()), std::runtime_error);
+}
+
+TEST_F(RpcServer, StopsWhileConnectionsCome) {
+  for (int round = 0; round < 10; ++round) {
+    Start();
+    std::atomic<int> made{0};
+    std::vector<std::jthread> callers;
+    for (int i = 0; i < 4; ++i) {
+      callers.emplace_back([&made, port = mServer->Port()] {
+        try {
+          for (std::vector<RawSocket> all; all.size() < 200; ++made) {
+            all.push_back(RawSocket::Connect(port));
+          }
+        } catch (const std::runtime_error&) {
+          ++made;  // nobody listens any more
+        }
+      });
+    }
+    EXPECT_TRUE(Eventually([&] { return made > 20 * round; }));
+    mServer->Stop();
+    EXPECT_EQ(mServer->Connections(), 0U);
+  }
 }
 
 TEST_F(RpcServer, StopDoesNotWaitForEver) {
