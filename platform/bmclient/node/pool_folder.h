@@ -4,8 +4,9 @@
 //
 //   <pool>/<namespace>/.token   salted hash of the namespace's token
 //   <pool>/<namespace>/<id>     one object
-//   <pool>/<namespace>/.<id>    a symbolic link whose text is the object's size: it is replaced at once, takes no
-//                               page, and no holder of the object can touch it, as it can its file's length
+//   <pool>/<namespace>/.<id>    a symbolic link whose text is the object's size: it is replaced at once and
+//                               takes no page, and whoever holds the object cannot change it, as he can the
+//                               length of the file
 //   <pool>/.node/               what is on its way in or out, and pulled copies; nothing in it outlives the
 //                               process
 //

@@ -40,8 +40,8 @@ class PulledCopies {
   void DropNamespace(std::string_view ns);
   /// Asks the owners which originals are gone, and drops their copies.
   void Sweep();
-  /// Drops copies, those first that were not used for the longest time, until `bytes` are free. Returns: false
-  /// when all of them would not give so much; then none is dropped.
+  /// Drops copies, those first that were not used for the longest time, until `bytes` are free. Returns:
+  /// false when all of them would not give so much; then none is dropped.
   bool Reclaim(std::uint64_t bytes);
   /// Makes every pull under way give up.
   void Stop() { mStopping = true; }
