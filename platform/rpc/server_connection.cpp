@@ -6,13 +6,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
 #include <new>
+#include <utility>
 
 namespace vyn::rpc {
 
 namespace {
 
-/// Requests taken from one connection before the others of its loop get their turn.
+/// Requests taken from one connection before others get their turn.
 constexpr int kFramesInTurn = 32;
 
 using Clock = Deadline::Clock;
