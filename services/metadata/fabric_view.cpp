@@ -131,7 +131,8 @@ bool FabricView::Refresh() {
 
 bool FabricView::Read(Nodes& nodes) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
-  if (adapter == nullptr) {
+  if (adapter == nullptr ||
+      VynGetZkHandle() == nullptr) {  // the fabric's doors open before the first session
     return false;
   }
   std::vector<std::string> names;
