@@ -47,8 +47,8 @@ class MetadataService {
   std::uint32_t Start();
   /// Lets running calls answer, then closes every connection.
   void Stop();
-  /// Until when nobody else can lead, so that what is read from memory is true; the owner moves it on. A process
-  /// that stood still finds requests in its sockets that a successor has answered otherwise.
+  /// Until when nobody else can lead, so that what is read from memory is true; the owner moves it on. A
+  /// process that stood still finds requests in its sockets that a successor has answered otherwise.
   void ServeUntil(std::chrono::steady_clock::time_point time) {
     mServeUntil.store(time, std::memory_order_release);
   }

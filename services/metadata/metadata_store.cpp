@@ -384,8 +384,8 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
     if (present == ZOK) {
       transaction.Set(path, nlohmann::json{{kRemovedFlag, true}}.dump());
     } else if (present == ZNONODE) {
-      // Nodes may hold a namespace of it all the same. One that registers at this moment must not lose what it
-      // has just got: then this fails.
+      // Nodes may hold a namespace of it all the same. One that registers at this moment must not lose what
+      // it has just got: then this fails.
       transaction.Create(path, "").Delete(path);
     } else {
       return StoreFailure(present, "look at " + path);

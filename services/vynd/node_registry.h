@@ -46,8 +46,8 @@ class NodeRegistry {
 
   /// Makes the id this node's: its record under /mf/node, then its persistent ones. Requires: the fabric node
   /// runs.
-  /// \param stopping ends the wait early. Returns: false with the reason: ZooKeeper does not answer, or the id
-  /// is another node's, of which nothing was changed.
+  /// \param stopping ends the wait early. Returns: false with the reason: ZooKeeper does not answer, or the
+  /// id is another node's, of which nothing was changed.
   bool Claim(std::string& error, const std::function<bool()>& stopping = {});
   /// Publishes the capacity too, with which this node is chosen for blocks, and begins to keep the records.
   /// Requires: Claim. Returns: false with the reason.

@@ -82,8 +82,8 @@ class NodeServer {
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response,
                            const std::string& peer);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request, const std::string& peer);
-  /// Whether the token is the application's, for an operation on blobs. A wrong one is audited. Returns: 0 or a
-  /// status.
+  /// Whether the token is the application's, for an operation on blobs. A wrong one is audited. Returns: 0 or
+  /// a status.
   std::uint32_t CheckToken(const std::string& application, const std::string& token, const char* operation,
                            const std::string& peer) const;
   /// Objects that the pool has of the application.

@@ -37,8 +37,8 @@ class BroadcastLoad {
   /// Lets the calls under way end.
   void Stop();
   /// Requires: stopped, and all daemons run. Reads every variable that was acknowledged and not deleted, at
-  /// every node; then ends the applications and looks whether pools, descriptors and threads are as before the
-  /// load.
+  /// every node; then ends the applications and looks whether pools, descriptors and threads are as before
+  /// the load.
   void Finish();
   /// Returns: what must not happen and did, a line each.
   std::string Faults() const;
