@@ -43,8 +43,12 @@ std::uint32_t MetadataState::Load() {
   return VYN_OK;
 }
 
-std::mutex& MetadataState::WriteLock(const std::string& application) {
-  return mWriteLocks[std::hash<std::string>()(application) % mWriteLocks.size()];
+std::unique_lock<std::mutex> MetadataState::BeginWrite(const std::string& application) {
+  std::unique_lock write(mWriteLocks[std::hash<std::string>()(application) % mWriteLocks.size()]);
+  if (mStore.Over()) {
+    write.unlock();
+  }
+  return write;
 }
 
 bool MetadataState::Find(const std::string& application, std::uint32_t id, Variable& variable) const {
@@ -84,7 +88,10 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
     return kStatusTooLarge;
   }
   AwaitForgotten(application, id);
-  std::lock_guard write(WriteLock(application));
+  const auto write = BeginWrite(application);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   Variable variable;
   if (Find(application, id, variable)) {
     return variable.blockNum == blockNum ? VYN_OK : kStatusVariableExists;
@@ -116,7 +123,10 @@ bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockN
 }
 
 std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id) {
-  std::lock_guard write(WriteLock(application));
+  const auto write = BeginWrite(application);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   Variable variable;
   if (!Find(application, id, variable)) {
     return VYN_OK;  // gone already
@@ -162,7 +172,10 @@ std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variabl
 }
 
 std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
-  std::lock_guard write(WriteLock(info.appId));
+  const auto write = BeginWrite(info.appId);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   Variable variable;
   if (!Find(info.appId, info.broadcastId, variable)) {
     return kStatusUnknownVariable;
@@ -180,7 +193,10 @@ std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
 }
 
 std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
-  std::lock_guard write(WriteLock(info.appId));
+  const auto write = BeginWrite(info.appId);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   Variable variable;
   if (!Find(info.appId, info.broadcastId, variable)) {
     return kStatusUnknownVariable;
@@ -241,17 +257,23 @@ std::uint32_t MetadataState::GetBlock(const std::string& application, std::uint3
 }
 
 std::uint32_t MetadataState::RemoveApplication(const std::string& application) {
-  std::lock_guard write(WriteLock(application));
+  const auto write = BeginWrite(application);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   return Remove(application);
 }
 
 std::uint32_t MetadataState::Expire(const std::string& application, std::chrono::milliseconds timeout,
                                     bool& removed) {
-  std::lock_guard write(WriteLock(application));
+  removed = false;
+  const auto write = BeginWrite(application);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   {
     std::shared_lock lock(mMutex);
     const auto app = mApplications.find(application);
-    removed = false;
     if (app == mApplications.end() || !IsSilent(app->second, timeout)) {
       return VYN_OK;
     }
@@ -280,7 +302,10 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application, bool aliv
       return VYN_OK;
     }
   }
-  std::lock_guard write(WriteLock(application));
+  const auto write = BeginWrite(application);
+  if (!write) {
+    return MetadataStore::kStatusDeposed;
+  }
   if (!alive || !mStore.IsRegistered(application)) {
     return VYN_OK;
   }

@@ -54,8 +54,9 @@ class MetadataState {
   std::vector<std::string> Known(const std::vector<std::string>& applications);
 
  private:
-  /// Guards the writes of the applications that share it.
-  std::mutex& WriteLock(const std::string& application);
+  /// Waits for the writes before this one; the lock is shared by several applications. Returns: no lock when
+  /// one of them ended the leadership.
+  std::unique_lock<std::mutex> BeginWrite(const std::string& application);
   std::uint32_t EnsureApplication(const std::string& application);
   /// Copies the variable out. Returns: whether it is there.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;

@@ -63,16 +63,21 @@ std::string MetadataStore::Unique() {
   return std::to_string(mEpoch) + "-" + std::to_string(mCounter.fetch_add(1, std::memory_order_relaxed));
 }
 
-std::uint32_t MetadataStore::StatusOf(int result, const std::string& what) const {
+std::uint32_t MetadataStore::End() {
+  mOver.store(true, std::memory_order_release);
+  return kStatusDeposed;
+}
+
+std::uint32_t MetadataStore::StatusOf(int result, const std::string& what) {
   if (result == ZOK) {
     return VYN_OK;
   }
   if (result == ZBADVERSION) {
     VYN_LOG_WARN("Refused to " << what << ": another metadata leader has taken over from epoch " << mEpoch);
-    return kStatusDeposed;
+    return End();
   }
   const std::uint32_t status = StoreFailure(result, what);
-  return IsUncertain(result) ? kStatusDeposed : status;
+  return IsUncertain(result) ? End() : status;
 }
 
 std::uint32_t MetadataStore::Commit(Transaction& transaction, const std::string& what) {
@@ -205,12 +210,27 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
     if (const std::uint32_t status = LoadVariable(variable.path, variable, deleted); Failed(status)) {
       return status;
     }
-    if (!deleted) {
-      variable.id = static_cast<std::uint32_t>(std::strtoul(child.c_str(), nullptr, 10));
-      application.variables[variable.id] = std::move(variable);
+    if (deleted) {
+      continue;
+    }
+    variable.id = static_cast<std::uint32_t>(std::strtoul(child.c_str(), nullptr, 10));
+    const auto [kept, added] = application.variables.try_emplace(variable.id, std::move(variable));
+    if (!added) {
+      if (const std::uint32_t status = Settle(name, kept->second, variable); Failed(status)) {
+        return status;
+      }
     }
   }
   return VYN_OK;
+}
+
+std::uint32_t MetadataStore::Settle(const std::string& application, Variable& kept, Variable& other) {
+  if (other.ready && !kept.ready) {
+    std::swap(kept, other);
+  }
+  VYN_LOG_WARN("Variable " << kept.path << " stands twice, " << other.path << " is deleted");
+  std::vector<std::string> entries;
+  return RemoveVariable(application, other, entries);
 }
 
 std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& variable, bool& deleted) {
@@ -403,7 +423,7 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
   }
   // A removal that stops here is completed by the next leadership, which reads the mark; this one must not
   // serve the application any more.
-  return present == ZOK && Failed(DeleteRecords(path)) ? kStatusDeposed : VYN_OK;
+  return present == ZOK && Failed(DeleteRecords(path)) ? End() : VYN_OK;
 }
 
 std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {

@@ -5,7 +5,8 @@
 //
 // A leadership begins with Open, which raises the version of /vyn/epoch. Every write of the leadership is one
 // transaction that checks this version, so a leader that has been deposed without knowing it cannot overwrite
-// what its successor wrote: its writes give kStatusDeposed.
+// what its successor wrote: its writes give kStatusDeposed. The first of them ends the leadership for all: what
+// its memory says of the written may be wrong from then on.
 //
 // Threads: any, after Open. The caller keeps the writes of one application in order.
 
@@ -43,6 +44,8 @@ class MetadataStore {
   /// Begins a leadership and reads everything. \param deletions receives those that live nodes have not heard
   /// of yet. Returns: 0, or a status; the leadership has not begun then.
   std::uint32_t Open(std::map<std::string, Application>& applications, Deletions& deletions);
+  /// A write has given kStatusDeposed. Whoever waited behind it must neither write nor trust its memory.
+  bool Over() const { return mOver.load(std::memory_order_acquire); }
 
   /// The application becomes known; one that exists is left alone. Returns: 0 or a status, like all below.
   std::uint32_t AddApplication(const std::string& application);
@@ -66,12 +69,16 @@ class MetadataStore {
 
  private:
   /// The status for a write's result.
-  std::uint32_t StatusOf(int result, const std::string& what) const;
+  std::uint32_t StatusOf(int result, const std::string& what);
+  /// Returns: kStatusDeposed.
+  std::uint32_t End();
   std::uint32_t Commit(zookeeper::Transaction& transaction, const std::string& what);
   std::uint32_t RaiseEpoch();
   std::uint32_t LoadApplication(const std::string& name, Application& application);
   std::uint32_t LoadDeletions(Deletions& deletions);
   std::uint32_t LoadVariable(const std::string& path, Variable& variable, bool& deleted);
+  /// Of two records with one number one stays: that with blocks, if there is one.
+  std::uint32_t Settle(const std::string& application, Variable& kept, Variable& other);
   /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is
   /// one.
   std::uint32_t TellNodes(zookeeper::Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
@@ -83,6 +90,7 @@ class MetadataStore {
 
   /// Constant after Open.
   int mEpoch = 0;
+  std::atomic<bool> mOver{false};
   std::atomic<std::uint64_t> mCounter{0};
 };
 

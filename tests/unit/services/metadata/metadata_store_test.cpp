@@ -4,9 +4,31 @@
 #include "services/metadata/metadata_state.h"
 #include "support/cluster_test.h"
 
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 
+#include <functional>
 #include <thread>
+#include <utility>
+
+namespace {
+
+/// Runs when the next transaction has been committed, whose reply then is lost.
+std::function<void()> gCommitLost;
+
+}  // namespace
+
+// Found before the helper's own.
+extern "C" int DoDlZooMulti(zhandle_t* handle, int count, const zoo_op_t* operations) {
+  static const auto real = reinterpret_cast<decltype(&DoDlZooMulti)>(dlsym(RTLD_NEXT, "DoDlZooMulti"));
+  const auto lost = std::exchange(gCommitLost, nullptr);
+  const int result = real(handle, count, operations);
+  if (!lost) {
+    return result;
+  }
+  lost();
+  return ZCONNECTIONLOSS;
+}
 
 namespace vyn::services {
 namespace {
@@ -321,6 +343,50 @@ TEST_F(MetadataStoreTest, DamagedRecordsAreLeftOut) {
   EXPECT_EQ(state.GetVariable("app", 2, info), kStatusUnknownVariable);
   EXPECT_EQ(state.GetVariable("app", 3, info), kStatusNotReady);
   EXPECT_THAT(state.Silent(std::chrono::milliseconds(0)), IsEmpty());
+}
+
+TEST_F(MetadataStoreTest, AWriteBehindOneOfUnknownOutcomeIsRefused) {
+  AddNodes();
+  const auto deposed = MetadataStore::kStatusDeposed;
+  for (const bool removal : {false, true}) {
+    MetadataState state;
+    ASSERT_EQ(state.Load(), 0U);
+    ASSERT_EQ(state.NewVariable("app", 2, 1), 0U);
+    std::jthread other;
+    gCommitLost = [&] {
+      other = std::jthread([&] {
+        EXPECT_EQ(state.NewVariable("app", 1, 1), deposed);
+        EXPECT_EQ(state.HeartBeat("app"), deposed);
+      });
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    };
+    EXPECT_EQ(removal ? state.RemoveVariable("app", 1) : state.NewVariable("app", 1, 1), deposed);
+    other.join();
+    EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(removal ? 1 : 2)) << removal;
+  }
+}
+
+TEST_F(MetadataStoreTest, OfTwoRecordsWithOneNumberTheReadyOneStays) {
+  AddNodes();
+  {
+    MetadataState state;
+    ASSERT_EQ(state.Load(), 0U);
+    for (const std::uint32_t id : {1U, 2U}) {
+      ASSERT_EQ(state.NewVariable("app", id, 1), 0U);
+      ASSERT_EQ(state.SetBlocks(Blocks(id, 1)), 0U);
+      // Several, as their order is of ZooKeeper's making.
+      for (const char* unique : {".0-0", ".9-9"}) {
+        mRaw->Create("/vyn/apps/app/" + std::to_string(id) + unique, RecordHeader(RecordState::kNew, 1, 0));
+      }
+    }
+  }
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+  tessel::BroadcastBlockInfo info;
+  EXPECT_EQ(next.GetVariable("app", 1, info), 0U);
+  EXPECT_EQ(next.GetVariable("app", 2, info), 0U);
+  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(2));
+  EXPECT_THAT(Entries(1), IsEmpty()) << "no blocks were given back";
 }
 
 TEST_F(MetadataStoreTest, AWriteOfUnknownOutcomeEndsTheLeadership) {
