@@ -86,6 +86,11 @@ std::uint64_t BagHash(std::uint32_t bagId) {
   return bagId * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: neighbours differ in all bits
 }
 
+/// Whether the leader's refusal may be out of date by the time that it arrives: the driver goes on meanwhile.
+bool CanComeTrue(std::uint32_t status) {
+  return status == kStatusUnknownVariable || status == kStatusNotReady;
+}
+
 /// A name and a token that the pool takes.
 bool CanRegister(const std::string& application, const std::string& token) {
   return IsName(application) && application.size() <= bm::kMaxNamespaceLength &&
@@ -295,30 +300,49 @@ void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) 
 }
 
 void NodeServer::LookUp(const Flight& flight) {
-  const auto& [application, id] = flight.first;
-  common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
-  std::uint32_t status = VYN_ERR_NULL_POINTER;
+  for (bool again = true; again;) {
+    std::vector<Caller> before;
+    {
+      std::lock_guard lock(mMutex);
+      before.swap(mFlights.at(flight));
+    }
+    const common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
+    const std::uint32_t status = AskLeader(flight.first, found);
+    std::vector<Caller> since;
+    {
+      std::lock_guard lock(mMutex);
+      const auto joined = mFlights.find(flight);
+      again = CanComeTrue(status) && !joined->second.empty();
+      if (!again) {
+        since.swap(joined->second);
+        mFlights.erase(joined);
+      }
+      if (!Failed(status) && mForgets == flight.second) {
+        mVariables[flight.first] = found;
+      }
+    }
+    for (const auto* callers : {&before, &since}) {
+      for (const Caller& caller : *callers) {
+        if (Failed(status)) {
+          caller.Refuse(status);
+        } else {
+          Answer(caller, *found);
+        }
+      }
+    }
+  }
+}
+
+std::uint32_t NodeServer::AskLeader(const Key& variable, const common::Ref<BroadcastBlockInfo>& found) {
+  if (found == nullptr) {
+    return VYN_ERR_NULL_POINTER;
+  }
   try {
-    if (found != nullptr) {
-      status = mOptions.lookUp(application, id, *found);
-    }
+    return mOptions.lookUp(variable.first, variable.second, *found);
   } catch (const std::exception& failure) {
-    VYN_LOG_ERROR("The look-up of variable " << id << " of " << application << " failed: " << failure.what());
-  }
-  std::vector<Caller> waiting;
-  {
-    std::lock_guard lock(mMutex);
-    waiting = std::move(mFlights.extract(flight).mapped());
-    if (!Failed(status) && mForgets == flight.second) {
-      mVariables[flight.first] = found;
-    }
-  }
-  for (const Caller& caller : waiting) {
-    if (Failed(status)) {
-      caller.Refuse(status);
-    } else {
-      Answer(caller, *found);
-    }
+    VYN_LOG_ERROR("The look-up of variable " << variable.second << " of " << variable.first
+                                             << " failed: " << failure.what());
+    return VYN_ERR_NULL_POINTER;
   }
 }
 

@@ -77,8 +77,11 @@ class NodeServer {
   /// Frees what was made for a caller that has gone without its answer.
   void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
   void FetchBlocks(const tessel::BroadcastVar& request, const Caller& caller);
-  /// Asks the metadata leader, and answers all who have asked meanwhile.
+  /// Asks the metadata leader, and answers all who have asked meanwhile. That the variable is not there, or
+  /// not ready, is only told to those who had asked before the leader was; for the others it is asked again.
   void LookUp(const Flight& flight);
+  /// Returns: 0 or a status.
+  std::uint32_t AskLeader(const Key& variable, const common::Ref<tessel::BroadcastBlockInfo>& found);
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response,
                            const std::string& peer);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request, const std::string& peer);

@@ -61,6 +61,10 @@ class NodeServerTest : public test::ClusterTest {
       info.broadcastId = id;
       info.bmIds = {std::string(60, 'x')};
       info.sizes = {5};
+      if (id == kHeld && mRefuseOnce.exchange(false)) {
+        mLetGo = false;
+        return kStatusNotReady;
+      }
       return id == 404 ? kStatusUnknownVariable : std::uint32_t{0};
     };
     mServer = std::make_unique<NodeServer>(options, mFabric);
@@ -110,25 +114,30 @@ class NodeServerTest : public test::ClusterTest {
     return status;
   }
   /// Another client, which fetches the held variable.
-  std::jthread FetchHeld() {
-    return std::jthread([this] {
+  std::jthread FetchHeld(std::uint32_t status = 0) {
+    return std::jthread([this, status] {
       Ref<common::RpcEngine> engine(new common::RpcEngine());
       ConnectTo(*engine);
-      EXPECT_EQ(Fetch(*engine, "app", kHeld), 0U);
+      EXPECT_EQ(Fetch(*engine, "app", kHeld), status);
       ++mFetched;
     });
   }
 
-  /// Sends a request as a client that will not read its answer, and waits until the server has seen it go.
-  void SendAndGo(std::uint16_t code, const Ref<common::BaseMessage>& request) {
-    ASSERT_EQ(request->Serialize(), 0U);
+  /// Returns: a client that has sent a request and read nothing but the greeting.
+  test::RawSocket Send(std::uint16_t code, const Ref<common::BaseMessage>& request) {
+    EXPECT_EQ(request->Serialize(), 0U);
     const std::string bytes(reinterpret_cast<const char*>(request->SerializedData()),
                             request->SerializedDataSize());
     auto client = test::RawSocket::Connect(static_cast<std::uint16_t>(mPort.Number()));
     const auto length = static_cast<std::uint32_t>(2 + bytes.size());
-    ASSERT_TRUE(client.Send(test::WireGreeting() + test::WireHeader(length, 1, code) +
+    EXPECT_TRUE(client.Send(test::WireGreeting() + test::WireHeader(length, 1, code) +
                             test::Wire(std::uint16_t{1}) + bytes));
     client.Receive(test::WireGreeting().size());
+    return client;
+  }
+  /// The same as a client that will not read its answer; waits until the server has seen it go.
+  void SendAndGo(std::uint16_t code, const Ref<common::BaseMessage>& request) {
+    auto client = Send(code, request);
     shutdown(client.Descriptor(), SHUT_WR);
     EXPECT_TRUE(client.EndsWithin(test::RawSocket::kPatience));
   }
@@ -140,6 +149,8 @@ class NodeServerTest : public test::ClusterTest {
   test::ReservedPort mPort;
   unsigned int mWorkers = 8;
   std::atomic<bool> mLetGo{false};
+  /// The next look-up of the held variable is refused, and the one after it waits again.
+  std::atomic<bool> mRefuseOnce{false};
   std::atomic<int> mFetched{0};
   bm::FabricNode mFabric;
   std::atomic<int> mLookUps{0};
@@ -276,6 +287,24 @@ TEST_F(NodeServerTest, OneAsksTheLeaderForAllAndTheOthersKeepNoWorker) {
   EXPECT_EQ(mFetched, 7);
   EXPECT_EQ(Fetch("app", kHeld), 0U);
   EXPECT_EQ(mLookUps, 3) << "the later answer is remembered";
+}
+
+TEST_F(NodeServerTest, ARefusalIsNotForWhoAskedAfterTheLeaderWasAsked) {
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  mRefuseOnce = true;
+  std::jthread first = FetchHeld(kStatusNotReady);
+  ASSERT_TRUE(test::WaitUntil([this] { return mLookUps == 1; }));
+  Ref<BroadcastVar> request(new BroadcastVar());
+  request->appId = "app";
+  request->broadcastId = kHeld;
+  auto second = Send(BROADCAST_BLOCK_BATCH_FETCH, request.Get());
+  EXPECT_EQ(Fetch("app", 1), 0U) << "by now the second has been heard";
+  mLetGo = true;
+  first.join();
+  ASSERT_TRUE(test::WaitUntil([this] { return mLookUps == 3; }));
+  mLetGo = true;
+  const std::string answer = second.Receive(test::WireHeader(0, 0, 0).size() + sizeof(std::uint32_t));
+  EXPECT_EQ(answer.substr(answer.size() - sizeof(std::uint32_t)), test::Wire(std::uint32_t{0}));
 }
 
 TEST_F(NodeServerTest, ANameOrTokenThatThePoolRefusesIsNotFixed) {
