@@ -191,6 +191,11 @@ clientid_t Session::ClientId() {
   return id == nullptr ? clientid_t{} : *id;
 }
 
+int Session::Timeout() {
+  std::lock_guard lock(mMutex);
+  return mState == State::kOpen ? zoo_recv_timeout(mClient) : 0;
+}
+
 bool Session::Expired() {
   std::lock_guard lock(mMutex);
   // The client may refuse a call before its event has come here: only a close makes the session's end another

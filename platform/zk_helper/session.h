@@ -122,6 +122,8 @@ class Session : public std::enable_shared_from_this<Session> {
   void StopWatchers();
 
   clientid_t ClientId();
+  /// As granted, in milliseconds; 0 once it has gone.
+  int Timeout();
   /// Whether the session ended by itself.
   bool Expired();
 

@@ -401,3 +401,8 @@ clientid_t DoDlZooClientId(zhandle_t* handle) {
   const auto session = Registry::Get().Find(handle);
   return session == nullptr ? clientid_t{} : session->ClientId();
 }
+
+int DoDlZooRecvTimeout(zhandle_t* handle) {
+  const auto session = Registry::Get().Find(handle);
+  return session == nullptr ? 0 : session->Timeout();
+}

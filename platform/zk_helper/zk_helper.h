@@ -101,5 +101,8 @@ void DoDlZooSetDebugLevel(int level);
 int DoDlDeallocateStringVector(String_vector* vector);
 /// The session's id and password, zeros when the handle is unknown or closed.
 clientid_t DoDlZooClientId(zhandle_t* handle);
+/// The session time-out that the servers granted, in milliseconds; 0 when the session has gone or the handle
+/// is unknown.
+int DoDlZooRecvTimeout(zhandle_t* handle);
 
 }  // extern "C"

@@ -23,10 +23,11 @@ constexpr auto kShareLimit = std::chrono::seconds(5);
 /// After so many failures in a row the pause grows no more: 1, 2, 4, 8 seconds.
 constexpr unsigned int kMostFailures = 4;
 
+/// Only as the fabric writes it: "007" is not node 7.
 bool ToNodeId(const std::string& name, std::uint32_t& id) {
   const char* end = name.data() + name.size();
   const auto [rest, error] = std::from_chars(name.data(), end, id);
-  return error == std::errc() && rest == end;
+  return error == std::errc() && rest == end && std::to_string(id) == name;
 }
 
 /// The host name in a node's persistent record, empty when the record is damaged.

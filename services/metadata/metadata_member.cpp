@@ -6,6 +6,7 @@
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -266,15 +267,19 @@ void MetadataMember::BeginLeading() {
         ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(OwnFollowerPath(mOptions.nodeAddress)));
   }
   auto service = std::make_unique<MetadataService>(mOptions.service, mView);
-  if (Failed(service->Start())) {
+  if (Failed(service->Start(Lease()))) {
     VYN_LOG_ERROR("This node won the election and cannot serve, it gives the leadership up");
     mNextClaim = common::SteadyNow() + kClaimPause;
     GiveUpClaim();
     return;
   }
-  service->ServeUntil(common::SteadyNow() + Lease());  // it has just read all its records
   mService = std::move(service);
   mLeading.store(true, std::memory_order_release);
+}
+
+std::chrono::milliseconds MetadataMember::Lease() const {
+  return std::chrono::milliseconds(std::min(mOptions.sessionTimeout, DoDlZooRecvTimeout(VynGetZkHandle()))) /
+         2;
 }
 
 void MetadataMember::GiveUpClaim() {

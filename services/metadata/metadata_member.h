@@ -77,8 +77,9 @@ class MetadataMember {
   /// Requires: the leader znode is this session's.
   void BeginLeading();
   void EndLeading();
-  /// How long after its last answer ZooKeeper cannot have ended the session yet.
-  std::chrono::milliseconds Lease() const { return std::chrono::milliseconds(mOptions.sessionTimeout) / 2; }
+  /// How long after its last answer ZooKeeper cannot have ended the session yet, which may have been granted
+  /// for less than was asked for. 0 for one that has gone.
+  std::chrono::milliseconds Lease() const;
   /// Deletes the leader znode if it is this session's.
   void GiveUpClaim();
 

@@ -28,7 +28,7 @@ constexpr auto kSilencePeriod = std::chrono::milliseconds(500);
 constexpr auto kStandstill = std::chrono::seconds(1);
 /// How old the view of the fabric may be when it does not show who is asked for.
 constexpr auto kViewAge = std::chrono::milliseconds(100);
-/// The most names of one question: each unknown one is looked for in ZooKeeper.
+/// The most names of one question.
 constexpr std::size_t kMaxNames = 10000;
 /// Cuts the padding off that a driver outside the fabric sends behind the ids. Returns: 0 when the block list
 /// can be one.
@@ -65,17 +65,19 @@ MetadataService::MetadataService(MetadataServiceOptions options, FabricView& vie
 
 MetadataService::~MetadataService() { Stop(); }
 
-std::uint32_t MetadataService::Start() {
+std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
   if (!mServer.Start(mOptions.address, mOptions.port)) {
     VYN_LOG_ERROR("The metadata service cannot listen at " << mOptions.address << ":" << mOptions.port << ": "
                                                            << rpc::Server::mLastErrorMessage);
     return VYN_ERR_GENERIC;
   }
-  if (const std::uint32_t status = mState.Load(); Failed(status)) {
+  std::chrono::steady_clock::time_point asked;
+  if (const std::uint32_t status = mState.Load(&asked); Failed(status)) {
     VYN_LOG_ERROR("The metadata service cannot read its records: " << status);
     Stop();
     return status;
   }
+  ServeUntil(asked + lease);
   // The view may be old; one that cannot be had now comes with the next period.
   mView.SetServing(true);
   static_cast<void>(mView.Refresh());
@@ -106,8 +108,7 @@ std::uint32_t MetadataService::AwaitReady() {
   std::unique_lock lock(mMutex);
   const bool decided = mChanged.wait_for(lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
   // All look like a lost connection to the client, which asks for the leader again and repeats the call.
-  const bool leads = common::SteadyNow() < mServeUntil.load(std::memory_order_acquire);
-  return decided && mReady && !mStopping && leads ? VYN_OK : MetadataStore::kStatusDeposed;
+  return decided && mReady && !mStopping && HasLease() ? VYN_OK : MetadataStore::kStatusDeposed;
 }
 
 template <typename Work>
@@ -120,6 +121,9 @@ std::uint32_t MetadataService::WhenReady(Work work) {
     status = work();
     if (status == MetadataStore::kStatusDeposed) {
       mDeposed.store(true, std::memory_order_release);
+    }
+    if (!HasLease()) {
+      return MetadataStore::kStatusDeposed;  // a successor may have changed what the work has read
     }
   }
   return status == MetadataStore::kStatusUnanswered ? MetadataStore::kStatusDeposed : status;
@@ -158,8 +162,7 @@ void MetadataService::RegisterOperations() {
             return kStatusTooLarge;
           }
           std::erase_if(request.appIds, [](const std::string& name) { return !IsName(name); });
-          response.appIds = mState.Known(request.appIds);
-          return VYN_OK;
+          return mState.Known(request.appIds, response.appIds);
         });
       });
   ServeWithoutReply<HeartBeatMessage>(

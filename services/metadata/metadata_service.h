@@ -6,6 +6,7 @@
 // A leadership is Start ... Stop; the object serves one. Requests that come before the records have been read
 // wait for them, for a bounded time.
 
+#include "common/util/clock.h"
 #include "platform/rpc/server.h"
 #include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_state.h"
@@ -43,8 +44,9 @@ class MetadataService {
   MetadataService(const MetadataService&) = delete;
   MetadataService& operator=(const MetadataService&) = delete;
 
-  /// Listens, then reads the records. Returns: 0 or a status; nothing runs after a failure.
-  std::uint32_t Start();
+  /// Listens, then reads the records. \param lease how long what ZooKeeper has told stays true, as with
+  /// ServeUntil. Returns: 0 or a status; nothing runs after a failure.
+  std::uint32_t Start(std::chrono::milliseconds lease);
   /// Lets running calls answer, then closes every connection.
   void Stop();
   /// Until when nobody else can lead, so that what is read from memory is true; the owner moves it on. A
@@ -60,6 +62,7 @@ class MetadataService {
   void RegisterOperations();
   void RegisterVariableOperations();
   void RegisterNodeOperations();
+  bool HasLease() const { return common::SteadyNow() < mServeUntil.load(std::memory_order_acquire); }
   /// Waits until the records are there. Returns: 0, or the status to refuse with.
   std::uint32_t AwaitReady();
   /// Runs `work` once the records are there and notes when it tells of a deposition.
@@ -75,8 +78,7 @@ class MetadataService {
   MetadataState mState;
   rpc::Server mServer;
   std::atomic<bool> mDeposed{false};
-  std::atomic<std::chrono::steady_clock::time_point> mServeUntil{
-      std::chrono::steady_clock::time_point::max()};
+  std::atomic<std::chrono::steady_clock::time_point> mServeUntil{};
 
   std::mutex mMutex;
   // Guarded by mMutex.

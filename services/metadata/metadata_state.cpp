@@ -15,16 +15,19 @@ namespace {
 /// it.
 constexpr auto kDeletedMemory = std::chrono::seconds(60);
 
+/// The most names of one question that are looked for in ZooKeeper, one read each.
+constexpr std::size_t kMaxUnknown = 500;
+
 bool IsSilent(const Application& application, std::chrono::milliseconds timeout) {
   return application.heartbeat && common::SteadyNow() - application.lastBeat > timeout;
 }
 
 }  // namespace
 
-std::uint32_t MetadataState::Load() {
+std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked) {
   std::map<std::string, Application> applications;
   MetadataStore::Deletions deletions;
-  if (const std::uint32_t status = mStore.Open(applications, deletions); Failed(status)) {
+  if (const std::uint32_t status = mStore.Open(applications, deletions, asked); Failed(status)) {
     return status;
   }
   // Nobody knows how long they have been silent: each gets the whole time-out.
@@ -148,14 +151,21 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
 }
 
 void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t id) {
-  std::vector<std::string> entries;
+  Deleted deleted;
   {
-    std::unique_lock lock(mMutex);
-    if (auto deleted = mDeleted.extract({application, id})) {
-      entries = std::move(deleted.mapped().entries);
+    std::shared_lock lock(mMutex);
+    const auto found = mDeleted.find({application, id});
+    if (found == mDeleted.end()) {
+      return;
     }
+    deleted = found->second;
   }
-  mStore.AwaitForgotten(entries);
+  mStore.AwaitForgotten(deleted.entries);
+  std::unique_lock lock(mMutex);
+  const auto found = mDeleted.find({application, id});
+  if (found != mDeleted.end() && found->second.entries == deleted.entries) {  // not deleted anew meanwhile
+    mDeleted.erase(found);
+  }
 }
 
 std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variable variable) {
@@ -306,8 +316,13 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application, bool aliv
   if (!write) {
     return MetadataStore::kStatusDeposed;
   }
-  if (!alive || !mStore.IsRegistered(application)) {
+  if (!alive) {
     return VYN_OK;
+  }
+  bool registered = false;
+  if (const std::uint32_t status = mStore.IsRegistered(application, registered);
+      Failed(status) || !registered) {
+    return status;
   }
   if (const std::uint32_t status = EnsureApplication(application); Failed(status)) {
     return status;
@@ -340,19 +355,28 @@ void MetadataState::Forgive(std::chrono::steady_clock::duration gap) {
   }
 }
 
-std::vector<std::string> MetadataState::Known(const std::vector<std::string>& applications) {
-  std::vector<std::string> known;
+std::uint32_t MetadataState::Known(const std::vector<std::string>& applications,
+                                   std::vector<std::string>& known) {
+  std::size_t unknown = 0;
   for (const std::string& name : applications) {
     bool here = false;
     {
       std::shared_lock lock(mMutex);
       here = mApplications.count(name) != 0;
     }
-    if (here || mStore.IsRegistered(name)) {
+    if (!here && ++unknown > kMaxUnknown) {
+      return kStatusTooLarge;
+    }
+    if (!here) {
+      if (const std::uint32_t status = mStore.IsRegistered(name, here); Failed(status)) {
+        return status;
+      }
+    }
+    if (here) {
       known.push_back(name);
     }
   }
-  return known;
+  return VYN_OK;
 }
 
 }  // namespace vyn::services

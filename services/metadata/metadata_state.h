@@ -26,8 +26,8 @@ namespace vyn::services {
 class MetadataState {
  public:
   explicit MetadataState(ApplicationLimits limits = {}) : mLimits(limits) {}
-  /// Begins a leadership.
-  std::uint32_t Load();
+  /// Begins a leadership. \param asked see MetadataStore::Open.
+  std::uint32_t Load(std::chrono::steady_clock::time_point* asked = nullptr);
 
   std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum);
   std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id);
@@ -50,8 +50,9 @@ class MetadataState {
   std::uint32_t Expire(const std::string& application, std::chrono::milliseconds timeout, bool& removed);
   /// Those that sent heartbeats and have been silent for `timeout`.
   std::vector<std::string> Silent(std::chrono::milliseconds timeout) const;
-  /// Those of `applications` that are known, or registered at a node.
-  std::vector<std::string> Known(const std::vector<std::string>& applications);
+  /// \param known receives those of `applications` that are known, or registered at a node. Only so many of
+  /// those that are not known here are looked for.
+  std::uint32_t Known(const std::vector<std::string>& applications, std::vector<std::string>& known);
 
  private:
   /// Waits for the writes before this one; the lock is shared by several applications. Returns: no lock when

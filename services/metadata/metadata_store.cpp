@@ -107,7 +107,8 @@ std::uint32_t MetadataStore::RaiseEpoch() {
   return kStatusDeposed;
 }
 
-std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applications, Deletions& deletions) {
+std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applications, Deletions& deletions,
+                                  std::chrono::steady_clock::time_point* asked) {
   if (const std::uint32_t status = RaiseEpoch(); Failed(status)) {
     return status;
   }
@@ -146,6 +147,9 @@ std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applicatio
     if (!application.name.empty()) {
       applications.emplace(application.name, std::move(application));
     }
+  }
+  if (asked != nullptr) {
+    *asked = common::SteadyNow();
   }
   if (const std::uint32_t status = LoadDeletions(deletions); Failed(status)) {
     return status;
@@ -239,6 +243,11 @@ std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& var
     case RecordRead::kFailed:
       return kStatusStore;
     case RecordRead::kAbsent:
+      if (record.state == RecordState::kReady) {
+        VYN_LOG_ERROR("A piece of the record " << path << " is missing, the variable is left out");
+      }  // otherwise its node has taken it away meanwhile
+      deleted = true;
+      return VYN_OK;
     case RecordRead::kDamaged:
       deleted = true;  // it cannot be served; the log names it
       return VYN_OK;
@@ -340,21 +349,23 @@ void MetadataStore::AwaitForgotten(const std::vector<std::string>& entries) {
     // A node that is down remembers nothing.
     const std::size_t begin = std::strlen(kReclaimPath) + 1;
     const std::string node = path.substr(begin, path.find('/', begin) - begin);
-    while (adapter != nullptr && zookeeper::Exists(path) == ZOK &&
-           zookeeper::Exists(adapter->mNodePath + "/" + node) == ZOK) {
+    while (adapter != nullptr && zookeeper::Exists(path) != ZNONODE &&
+           zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
       if (common::SteadyNow() > end) {
         VYN_LOG_WARN("Node " << node << " has not taken " << path << " yet, it is not waited for any longer");
-        break;
+        return;
       }
       common::SleepFor(kForgetPause);
     }
   }
 }
 
-bool MetadataStore::IsRegistered(const std::string& application) {
+std::uint32_t MetadataStore::IsRegistered(const std::string& application, bool& registered) {
   std::string text;
-  return zookeeper::Get(AppPath(application), text) == ZOK &&
-         !Flag(nlohmann::json::parse(text, nullptr, false), kRemovedFlag);
+  const std::string path = AppPath(application);
+  const int result = zookeeper::Get(path, text);
+  registered = result == ZOK && !Flag(nlohmann::json::parse(text, nullptr, false), kRemovedFlag);
+  return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read " + path);
 }
 
 std::uint32_t MetadataStore::RemoveVariable(const std::string& application, const Variable& variable,

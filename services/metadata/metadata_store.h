@@ -5,8 +5,8 @@
 //
 // A leadership begins with Open, which raises the version of /vyn/epoch. Every write of the leadership is one
 // transaction that checks this version, so a leader that has been deposed without knowing it cannot overwrite
-// what its successor wrote: its writes give kStatusDeposed. The first of them ends the leadership for all: what
-// its memory says of the written may be wrong from then on.
+// what its successor wrote: its writes give kStatusDeposed. The first such write ends the leadership for all,
+// because what memory says of it may be wrong.
 //
 // Threads: any, after Open. The caller keeps the writes of one application in order.
 
@@ -14,6 +14,7 @@
 #include "services/metadata/variable.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -42,8 +43,10 @@ class MetadataStore {
   using Deletions = std::map<std::pair<std::string, std::uint32_t>, std::vector<std::string>>;
 
   /// Begins a leadership and reads everything. \param deletions receives those that live nodes have not heard
-  /// of yet. Returns: 0, or a status; the leadership has not begun then.
-  std::uint32_t Open(std::map<std::string, Application>& applications, Deletions& deletions);
+  /// of yet. \param asked receives a late time after which ZooKeeper has answered. Returns: 0, or a status;
+  /// the leadership has not begun then.
+  std::uint32_t Open(std::map<std::string, Application>& applications, Deletions& deletions,
+                     std::chrono::steady_clock::time_point* asked = nullptr);
   /// A write has given kStatusDeposed. Whoever waited behind it must neither write nor trust its memory.
   bool Over() const { return mOver.load(std::memory_order_acquire); }
 
@@ -62,8 +65,9 @@ class MetadataStore {
                                std::vector<std::string>& entries);
   /// Waits until every live node has done what `entries` tell it, for a bounded time.
   void AwaitForgotten(const std::vector<std::string>& entries);
-  /// Whether the application has been registered at a node, or has a record here, and is not being removed.
-  bool IsRegistered(const std::string& application);
+  /// \param registered receives whether the application has been registered at a node, or has a record here,
+  /// and is not being removed.
+  std::uint32_t IsRegistered(const std::string& application, bool& registered);
   /// The application goes with all its variables; every node is told to free what it holds of it.
   std::uint32_t RemoveApplication(const std::string& application);
 

@@ -26,11 +26,12 @@ class MetadataServiceTest : public test::ClusterTest {
     Connect();
     AddNode(1, "host-1", true);
     AddNode(2, "host-2", false);
+    mRaw->Create("/mf/node/007", "");  // the fabric writes no such number
     MetadataServiceOptions options;
     options.address = "127.0.0.1";
     options.applicationTimeout = std::chrono::seconds(1);
     mService = std::make_unique<MetadataService>(options, mView);
-    ASSERT_EQ(mService->Start(), 0U);
+    ASSERT_EQ(mService->Start(std::chrono::hours(1)), 0U);
     std::string ip = "127.0.0.1";
     std::map<std::string, const std::string> security;
     ASSERT_EQ(mEngine->Initialize(ip, static_cast<short>(mService->Port()), kTimeout, false, false, security),
@@ -180,6 +181,8 @@ TEST_F(MetadataServiceTest, OnlyWhoSentHeartbeatsIsMissed) {
   asked->appIds = {"beating", "quiet"};
   ASSERT_EQ(Call(CHECK_VALID_APP, asked.Get(), known.Get()), 0U);
   EXPECT_THAT(known->appIds, testing::ElementsAre("quiet"));
+  asked->appIds.assign(501, "other");
+  EXPECT_EQ(Call(CHECK_VALID_APP, asked.Get(), known.Get()), kStatusTooLarge);
 }
 
 TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {

@@ -15,6 +15,8 @@ namespace {
 
 /// Runs when the next transaction has been committed, whose reply then is lost.
 std::function<void()> gCommitLost;
+/// The next question whether this znode or one below it exists gets no answer.
+std::string gUnanswered;
 
 }  // namespace
 
@@ -28,6 +30,15 @@ extern "C" int DoDlZooMulti(zhandle_t* handle, int count, const zoo_op_t* operat
   }
   lost();
   return ZCONNECTIONLOSS;
+}
+
+extern "C" int DoDlZooExists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
+  static const auto real = reinterpret_cast<decltype(&DoDlZooExists)>(dlsym(RTLD_NEXT, "DoDlZooExists"));
+  if (!gUnanswered.empty() && std::string(path).starts_with(gUnanswered)) {
+    gUnanswered.clear();
+    return ZCONNECTIONLOSS;
+  }
+  return real(handle, path, watch, stat);
 }
 
 namespace vyn::services {
@@ -59,6 +70,11 @@ class MetadataStoreTest : public test::ClusterTest {
       }
     }
   };
+  static std::vector<std::string> Known(MetadataState& state, const std::vector<std::string>& names) {
+    std::vector<std::string> known;
+    EXPECT_EQ(state.Known(names, known), 0U);
+    return known;
+  }
   /// The entries of a node's list.
   std::vector<ReclaimEntry> Entries(int node) {
     std::vector<ReclaimEntry> entries;
@@ -108,7 +124,7 @@ TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
   EXPECT_EQ(next.GetBlock("app", 2, 19999, bmId), 0U);
   EXPECT_EQ(bmId, Blocks(2, 20000).bmIds.back());
   EXPECT_EQ(next.GetBlock("app", 2, 20000, bmId), kStatusUnknownVariable);
-  EXPECT_THAT(next.Known({"app", "beating", "other"}), SizeIs(2));
+  EXPECT_THAT(Known(next, {"app", "beating", "other"}), SizeIs(2));
   EXPECT_TRUE(test::WaitUntil([&] { return !next.Silent(std::chrono::milliseconds(1)).empty(); }));
   EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), testing::ElementsAre("beating"));
   EXPECT_THAT(next.Silent(std::chrono::hours(1)), IsEmpty());
@@ -120,7 +136,7 @@ TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
   EXPECT_FALSE(removed) << "it has sent a heartbeat meanwhile";
   EXPECT_EQ(next.Expire("beating", std::chrono::milliseconds(1), removed), 0U);
   EXPECT_TRUE(removed);
-  EXPECT_THAT(next.Known({"beating"}), IsEmpty());
+  EXPECT_THAT(Known(next, {"beating"}), IsEmpty());
 }
 
 TEST_F(MetadataStoreTest, ADeposedLeaderChangesNothing) {
@@ -268,6 +284,7 @@ TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {
   mRaw->Create("/mf/node/1", "");
   MetadataState after;
   ASSERT_EQ(after.Load(), 0U);
+  gUnanswered = "/vyn/reclaim/1/";
   std::jthread node([this] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     mRaw->Delete("/vyn/reclaim/1/" + mRaw->Children("/vyn/reclaim/1").at(0));
@@ -327,7 +344,7 @@ TEST_F(MetadataStoreTest, ARemovedApplicationGoesAlsoWhenItsLeaderEndsInBetween)
   MetadataState next;
   ASSERT_EQ(next.Load(), 0U);
   EXPECT_FALSE(mRaw->Exists("/vyn/apps/half"));
-  EXPECT_THAT(next.Known({"half"}), IsEmpty());
+  EXPECT_THAT(Known(next, {"half"}), IsEmpty());
   EXPECT_THAT(Entries(1), SizeIs(3));
 }
 
@@ -336,8 +353,11 @@ TEST_F(MetadataStoreTest, DamagedRecordsAreLeftOut) {
   mRaw->Create("/vyn/apps/app/1.1-1", "no header");
   mRaw->Create("/vyn/apps/app/2.1-2", RecordHeader(RecordState::kReady, 1, 1) + "no list");
   mRaw->Create("/vyn/apps/app/3.1-3", RecordHeader(RecordState::kNew, 1, 0));
+  mRaw->Create("/vyn/apps/app/4.1-4", RecordHeader(RecordState::kReady, 1, 2, "1-5"));
   MetadataState state;
   ASSERT_EQ(state.Load(), 0U);
+  EXPECT_TRUE(mLog.Has(test::kErrorLine,
+                       "A piece of the record /vyn/apps/app/4.1-4 is missing, the variable is left out"));
   tessel::BroadcastBlockInfo info;
   EXPECT_EQ(state.GetVariable("app", 1, info), kStatusUnknownVariable);
   EXPECT_EQ(state.GetVariable("app", 2, info), kStatusUnknownVariable);
