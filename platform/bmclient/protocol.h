@@ -80,6 +80,8 @@ inline constexpr std::uint16_t kProtocolVersion = 1;
 inline constexpr std::uint32_t kMaxHeadLength = 80U << 10U;
 inline constexpr std::uint32_t kMaxDataLength = 1U << 20U;
 inline constexpr std::uint32_t kMaxIdsPerFrame = 1024;
+/// No object can be larger, whatever a node's limit.
+inline constexpr std::uint64_t kMaxObjectSize = std::uint64_t{1} << 62U;
 /// Requests under way on one connection at a time.
 inline constexpr std::uint32_t kPipelineDepth = 8;
 
@@ -157,6 +159,8 @@ inline constexpr std::chrono::milliseconds kConnectTimeout{3000};
 inline constexpr std::chrono::milliseconds kAnswerTimeout{10000};
 /// An answer that makes the node reserve pages is given this much more for each GiB.
 inline constexpr std::chrono::milliseconds kAnswerTimePerGiB{4000};
+/// No more than this, however large the object.
+inline constexpr std::chrono::milliseconds kMaxReserveTime{60000};
 /// For the rest of a frame that has begun.
 inline constexpr std::chrono::milliseconds kFrameTimeout{10000};
 /// A node at work sends an interim answer this often.

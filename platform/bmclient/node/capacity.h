@@ -2,6 +2,8 @@
 
 // The account of the pool's bytes. Threads: any.
 
+#include "platform/bmclient/protocol.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <functional>
@@ -13,8 +15,10 @@ namespace vyn::bm {
 class Capacity {
  public:
   static constexpr std::uint64_t kPage = 4096;
-  /// No object can be larger, whatever the limit.
-  static constexpr std::uint64_t kMaxSize = std::uint64_t{1} << 62U;
+  static constexpr std::uint64_t kMaxSize = kMaxObjectSize;
+
+  /// How often room is made for one reservation: others may take what was given for it.
+  static constexpr int kTries = 8;
 
   explicit Capacity(std::uint64_t limit) : mLimit(limit) {}
 
@@ -34,11 +38,15 @@ class Capacity {
 
   /// Takes `bytes` from what is left. Returns: false when they are not there.
   bool Reserve(std::uint64_t bytes) {
-    const std::uint64_t missing = Try(bytes);
-    if (missing == 0) {
-      return true;
+    for (int tries = kTries;; --tries) {
+      const std::uint64_t missing = Try(bytes);
+      if (missing == 0) {
+        return true;
+      }
+      if (tries == 0 || bytes > mLimit || !GiveWay(missing)) {
+        return false;
+      }
     }
-    return bytes <= mLimit && GiveWay(missing) && Try(bytes) == 0;
   }
   void Release(std::uint64_t bytes) {
     std::lock_guard lock(mMutex);

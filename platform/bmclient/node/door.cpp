@@ -56,8 +56,8 @@ void Door::Listen() {
     ::poll(waited, 2, -1);
     std::uint64_t count = 0;
     [[maybe_unused]] const auto read = ::read(mWake.Get(), &count, sizeof(count));
-    JoinFinished();
     while (!mStopping) {
+      JoinFinished();  // also while newcomers do not cease
       FileDescriptor socket(::accept4(mListener.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
       if (socket) {
         try {

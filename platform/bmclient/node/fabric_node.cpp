@@ -169,8 +169,12 @@ void FabricNode::Impl::SweepNowAndThen() {
   while (!sweepWake.wait_for(lock, std::chrono::seconds(options.sweepSeconds), [this] { return stopping; })) {
     lock.unlock();
     try {
-      copies.Sweep();
       pool.CutGrown();
+    } catch (const std::exception& failure) {
+      Log(kWarn, std::string("could not cut back what was grown: ") + failure.what());
+    }
+    try {
+      copies.Sweep();
     } catch (const std::exception& failure) {
       Log(kWarn, std::string("could not look after the pulled copies: ") + failure.what());
     }

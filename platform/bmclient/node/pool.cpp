@@ -183,11 +183,21 @@ int Pool::Enter(const Access& access, NamespacePtr& space) const {
 }
 
 FileDescriptor Pool::MakeFile(std::uint64_t size, int& failure) {
-  FileDescriptor file = mFolder.MakeFile(size, failure);
-  if (!file && failure == ENOSPC && MakeRoom(Capacity::Charge(size))) {
-    file = mFolder.MakeFile(size, failure);
-  }
+  FileDescriptor file;
+  failure = WithRoom(Capacity::Charge(size), [&] {
+    int error = 0;
+    file = mFolder.MakeFile(size, error);
+    return error;
+  });
   return file;
+}
+
+int Pool::WithRoom(std::uint64_t bytes, const std::function<int()>& attempt) const {
+  int failure = attempt();
+  for (int tries = Capacity::kTries; failure == ENOSPC && tries > 0 && MakeRoom(bytes); --tries) {
+    failure = attempt();
+  }
+  return failure;
 }
 
 bool Pool::MakeRoom(std::uint64_t bytes) const {
@@ -281,10 +291,7 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   if (!reservation) {
     return kBmNotEnoughCapacity;
   }
-  int failure = PoolFolder::Reserve(file.Get(), size);
-  if (failure == ENOSPC && MakeRoom(more)) {
-    failure = PoolFolder::Reserve(file.Get(), size);
-  }
+  int failure = WithRoom(more, [&] { return PoolFolder::Reserve(file.Get(), size); });
   if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }

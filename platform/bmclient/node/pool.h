@@ -96,6 +96,9 @@ class Pool {
   /// Makes copies go until the file system has room for a file of `bytes`. Returns: false when it would have
   /// none without all of them; then none goes.
   bool MakeRoom(std::uint64_t bytes) const;
+  /// Makes the attempt, and again after copies gave way to `bytes`, as long as there is no room: what gave way
+  /// may have been taken by somebody else. Returns: 0 or errno, as `attempt` does.
+  int WithRoom(std::uint64_t bytes, const std::function<int()>& attempt) const;
   std::vector<NamespacePtr> All() const;
 
   const std::uint16_t mNodeId;

@@ -13,7 +13,7 @@ IoStatus Channel::SendRequest(Operation operation, std::string_view head, const 
 
 IoStatus Channel::ReadAnswer(Operation operation, int& result, std::string& head, std::uint32_t& dataLength,
                              std::chrono::milliseconds timeout, const Progress& progress) {
-  const Deadline end = After(kLongestAnswer);
+  const Deadline end = After(progress == nullptr ? timeout : kLongestAnswer);
   for (;;) {
     FrameHeader header{};
     if (const IoStatus status = mReader.ReadFrame(header, head, std::min(After(timeout), end));
@@ -26,6 +26,9 @@ IoStatus Channel::ReadAnswer(Operation operation, int& result, std::string& head
     if ((header.flags & kFrameProgress) != 0) {
       if (header.headLength != 0 || header.dataLength != 0 || (progress != nullptr && !progress())) {
         return IoStatus::kFailed;
+      }
+      if (std::chrono::steady_clock::now() >= end) {
+        return IoStatus::kTimeout;  // who sends without a pause never makes a receive wait
       }
       continue;
     }

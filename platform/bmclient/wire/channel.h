@@ -22,9 +22,13 @@ class Channel {
   IoStatus SendRequest(Operation operation, std::string_view head, const void* data, std::uint32_t dataLength,
                        std::chrono::milliseconds timeout);
 
+  /// A Progress for what is wanted to its end.
+  static bool Wanted() { return true; }
+
   /// Waits for the answer that is due next; its data, if any, must be read before the next call. Interim
-  /// answers are swallowed; each starts the wait anew and asks `progress`, unless that is null. \param result
-  /// the answer's result. Returns: kFailed when what came is not that answer, or nobody wants it any more.
+  /// answers are swallowed; each asks `progress` and starts the wait anew, up to kLongestAnswer; when that is
+  /// null none makes the wait longer. \param result the answer's result. Returns: kFailed when what came is
+  /// not that answer, or nobody wants it any more.
   IoStatus ReadAnswer(Operation operation, int& result, std::string& head, std::uint32_t& dataLength,
                       std::chrono::milliseconds timeout, const Progress& progress = nullptr);
 

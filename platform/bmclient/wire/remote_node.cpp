@@ -28,7 +28,8 @@ int ResultOf(IoStatus status) {
 
 std::chrono::milliseconds TimeFor(std::uint64_t size) {
   const std::uint64_t gibibytes = std::min<std::uint64_t>(size >> 30U, 1024) + 1;
-  return kAnswerTimePerGiB * static_cast<std::chrono::milliseconds::rep>(gibibytes);
+  return std::min(kAnswerTimePerGiB * static_cast<std::chrono::milliseconds::rep>(gibibytes),
+                  kMaxReserveTime);
 }
 
 }  // namespace
@@ -187,6 +188,9 @@ int RemoteNode::DestroyNamespace(std::uint16_t node, const Access& access, const
 }
 
 int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id) {
+  if (size > kMaxObjectSize) {
+    return kBmNotEnoughCapacity;
+  }
   Writer head;
   Put(head.Put(node), access).Put(size);
   std::string answer;
@@ -199,6 +203,9 @@ int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t
 }
 
 int RemoteNode::Expand(const ObjectName& object, std::uint64_t size) {
+  if (size > kMaxObjectSize) {
+    return kBmNotEnoughCapacity;
+  }
   Writer head;
   Put(head, object).Put(size);
   std::string answer;
@@ -234,7 +241,8 @@ int RemoteNode::Open(const ObjectName& object, bool& writable, FileDescriptor& d
   Writer head;
   Put(head, object).Put(static_cast<std::uint8_t>(writable));
   std::string answer;
-  if (const int result = Call(Operation::kOpen, head.Bytes(), answer, {}, &descriptor); result != 0) {
+  if (const int result = Call(Operation::kOpen, head.Bytes(), answer, {}, &descriptor, Channel::Wanted);
+      result != 0) {
     return result;
   }
   Reader reader(answer);

@@ -49,19 +49,20 @@ class RemoteNode {
   int Query(NodeAttributes& attributes);
   int CreateNamespace(std::uint16_t node, const Access& access);
   /// \param progress here and below: asked, whenever the node says that it is still at work, whether the call
-  /// is still wanted; what is not ends, with the connection, and the node sees that. May be null.
-  int DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress = nullptr);
+  /// is still wanted; what is not ends, with the connection, and the node sees that.
+  int DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress = Channel::Wanted);
+  /// A size above kMaxObjectSize is kBmNotEnoughCapacity without asking.
   int Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id);
   int Expand(const ObjectName& object, std::uint64_t size);
   int Free(const ObjectName& object);
   /// \param ids any number, all of one owner. Returns: the first failure.
   int FreeBatch(const Access& access, const std::vector<std::string_view>& ids,
-                const Progress& progress = nullptr);
+                const Progress& progress = Channel::Wanted);
   /// Broker only. \param writable in: the wish; out: whether the descriptor is for writing.
   int Open(const ObjectName& object, bool& writable, FileDescriptor& descriptor, std::uint64_t& size);
   int Stat(const ObjectName& object, std::uint64_t& size);
   int Copy(const ObjectName& source, std::uint64_t sourceOffset, const ObjectName& destination,
-           std::uint64_t destinationOffset, std::uint64_t length, const Progress& progress = nullptr);
+           std::uint64_t destinationOffset, std::uint64_t length, const Progress& progress = Channel::Wanted);
   /// \param exist receives one entry an id. Requires: at most kMaxIdsPerFrame ids.
   int Exist(const std::vector<std::string>& ids, std::vector<bool>& exist);
 

@@ -1,6 +1,8 @@
 #include "platform/bmclient/wire/socket_stream.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 
@@ -51,11 +53,14 @@ IoStatus SocketStream::Receive(void* buffer, std::size_t room, std::size_t& rece
 }
 
 IoStatus SocketStream::Ended(bool reset) {
-  // Gone before what it was sent has reached it: the refusal may stand behind the end of its own bytes.
+  // Gone before what it was sent has reached it: the refusal may stand behind the end of its own bytes, or
+  // still be on its way. Who has read all that it was sent has acknowledged it with its end at the latest.
   int refusal = 0;
   socklen_t length = sizeof(refusal);
   ::getsockopt(mSocket.Get(), SOL_SOCKET, SO_ERROR, &refusal, &length);
-  return (reset || refusal != 0) && !mShut ? IoStatus::kReset : IoStatus::kClosed;
+  int untaken = 0;
+  ::ioctl(mSocket.Get(), SIOCOUTQ, &untaken);
+  return (reset || refusal != 0 || untaken > 0) && !mShut ? IoStatus::kReset : IoStatus::kClosed;
 }
 
 long SocketStream::ReceiveWithDescriptor(void* buffer, std::size_t room) {

@@ -1,5 +1,6 @@
 #include "platform/bmclient/node/fabric_node.h"
 
+#include "platform/bmclient/node/capacity.h"
 #include "platform/bmclient/protocol.h"
 #include "platform/bmclient/wire/names.h"
 #include "support/fabric.h"
@@ -179,6 +180,29 @@ TEST(FabricNodeTest, ThePoolIsFullAtItsLimitAndAFreeMakesRoom) {
   ASSERT_EQ(node.DestroyNamespace("app"), 0);
   ASSERT_EQ(node.CreateNamespace("app", ""), 0);
   EXPECT_EQ(node.Allocate("app", 1, id), 0);
+}
+
+TEST(CapacityTest, RoomThatAnotherTookIsMadeAgain) {
+  // What is given up for a reservation may go to somebody else before it is tried again.
+  for (const bool greedy : {false, true}) {
+    Capacity capacity(10);
+    ASSERT_TRUE(capacity.Reserve(10));
+    int copies = greedy ? 1000 : 2;  // of 5 bytes each, that can still give way
+    capacity.SetReclaimer([&](std::uint64_t bytes) {
+      EXPECT_EQ(bytes, 5U);
+      if (copies == 0) {
+        return false;
+      }
+      --copies;
+      capacity.Release(5);
+      if (greedy || copies == 1) {
+        EXPECT_TRUE(capacity.Reserve(5));
+      }
+      return true;
+    });
+    EXPECT_EQ(capacity.Reserve(5), !greedy);
+    EXPECT_EQ(capacity.Used(), 10U);
+  }
 }
 
 TEST(FabricNodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {

@@ -3,6 +3,7 @@
 #include "platform/bmclient/wire/sockets.h"
 #include "support/command.h"
 #include "support/fabric.h"
+#include "support/raw_socket.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -10,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -139,6 +141,59 @@ TEST(ChannelTest, AnInterimAnswerCarriesNothing) {
     std::uint32_t dataLength = 0;
     EXPECT_EQ(channel.ReadAnswer(Operation::kCopy, result, head, dataLength, std::chrono::seconds(20)),
               full ? IoStatus::kFailed : IoStatus::kOk);
+  }
+}
+
+/// A node that answers every read at once, with an interim answer.
+class FloodStream : public ByteStream {
+ public:
+  IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, Deadline) override {
+    const FrameHeader interim{
+        kFrameMagic, static_cast<std::uint16_t>(Operation::kExist), kFrameProgress, 0, 0, 0, 0};
+    EXPECT_GE(room, sizeof(interim));
+    std::memcpy(buffer, &interim, sizeof(interim));
+    received = sizeof(interim);
+    return std::chrono::steady_clock::now() < mEnd ? IoStatus::kOk : IoStatus::kClosed;
+  }
+  IoStatus Send(iovec*, std::size_t, Deadline, int) override { return IoStatus::kOk; }
+  IoStatus SendFile(int, std::uint64_t, std::uint64_t, Deadline) override { return IoStatus::kFailed; }
+  bool Quiet() override { return true; }
+  bool PeerGone() override { return false; }
+  void Shutdown() override {}
+
+ private:
+  const Deadline mEnd = After(std::chrono::seconds(60));
+};
+
+TEST(ChannelTest, InterimAnswersWithoutAPauseHoldNobodyBeyondHisTime) {
+  Channel channel(std::make_unique<FloodStream>());
+  int result = -1;
+  std::string head;
+  std::uint32_t dataLength = 0;
+  EXPECT_EQ(channel.ReadAnswer(Operation::kExist, result, head, dataLength, std::chrono::milliseconds(50)),
+            IoStatus::kTimeout);
+}
+
+TEST(SocketsTest, WhoEndsBeforeHeHasTakenAllHasNotReadIt) {
+  for (const bool takesAll : {false, true}) {
+    test::RawListener listener;
+    int error = 0;
+    const auto stream = ConnectToLink("127.0.0.1", listener.Port(), After(std::chrono::seconds(30)), error);
+    ASSERT_NE(stream, nullptr);
+    test::RawSocket peer = listener.Accept();
+    std::string bytes(takesAll ? 100 : 64U << 20U, 'x');  // more than both sides' kernels hold
+    iovec part{bytes.data(), bytes.size()};
+    const IoStatus sent = stream->Send(&part, 1, After(std::chrono::seconds(takesAll ? 30 : 1)), -1);
+    EXPECT_EQ(sent, takesAll ? IoStatus::kOk : IoStatus::kTimeout);
+    if (takesAll) {
+      ASSERT_EQ(peer.Receive(bytes.size()), bytes);
+    }
+    // The end of its bytes alone, as over a network, where a refusal comes later.
+    ASSERT_EQ(::shutdown(peer.Descriptor(), SHUT_WR), 0);
+    char byte;
+    std::size_t received = 0;
+    EXPECT_EQ(stream->Receive(&byte, 1, received, After(std::chrono::seconds(30))),
+              takesAll ? IoStatus::kClosed : IoStatus::kReset);
   }
 }
 
