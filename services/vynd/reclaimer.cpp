@@ -74,8 +74,12 @@ void Reclaimer::Run() {
   }
 }
 
+bool Reclaimer::Stopping() {
+  std::lock_guard lock(mMutex);
+  return mStopping;
+}
+
 bool Reclaimer::Drain(const std::string& application) {
-  std::lock_guard draining(mDraining);
   const std::string list = ReclaimPath(mNodeId);
   std::vector<std::string> names;
   const int listed = zookeeper::Children(list, names);
@@ -84,36 +88,47 @@ bool Reclaimer::Drain(const std::string& application) {
   }
   bool done = true;
   for (const std::string& name : names) {
-    const std::string path = list + "/" + name;
-    std::string text;
-    const int result = zookeeper::Get(path, text);
-    if (result != ZOK) {
-      done = done && result == ZNONODE;
-      continue;
+    if (Stopping()) {
+      return false;
     }
-    ReclaimEntry entry;
-    if (!ReclaimEntry::FromText(text, entry)) {
-      VYN_LOG_ERROR("The entry " << path << " cannot be read, it is dropped: " << text);
-      static_cast<void>(zookeeper::Delete(path));
-      continue;
+    FreeGivenBack();
+    const Outcome outcome = DrainEntry(list + "/" + name, application);
+    if (outcome == Outcome::kUnanswered) {
+      return false;  // nor would ZooKeeper answer for the next, each after a wait of its own
     }
-    if (!application.empty() && entry.application != application) {
-      continue;
-    }
-    const Outcome outcome = Handle(entry);
-    if (outcome != Outcome::kDone) {
-      done = done && outcome == Outcome::kKept;
-      continue;
-    }
-    mTold.erase(entry.variablePath);
-    const int deleted = zookeeper::Delete(path);
-    done = done && (deleted == ZOK || deleted == ZNONODE);
+    done = done && outcome != Outcome::kLater;
   }
   return done;
 }
 
-Reclaimer::Outcome Reclaimer::Handle(const ReclaimEntry& entry) {
-  if (mForget) {
+Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::string& application) {
+  std::lock_guard draining(mDraining);
+  std::string text;
+  if (const int result = zookeeper::Get(path, text); result != ZOK) {
+    return result == ZNONODE ? Outcome::kDone : Outcome::kUnanswered;
+  }
+  ReclaimEntry entry;
+  if (!ReclaimEntry::FromText(text, entry)) {
+    VYN_LOG_ERROR("The entry " << path << " cannot be read, it is dropped: " << text);
+    static_cast<void>(zookeeper::Delete(path));
+    return Outcome::kDone;
+  }
+  if (!application.empty() && entry.application != application) {
+    return Outcome::kDone;
+  }
+  const Outcome outcome = Handle(path, entry);
+  if (outcome != Outcome::kDone) {
+    return outcome;
+  }
+  mTold.erase(entry.variablePath);
+  mForgotten.erase(path);
+  const int deleted = zookeeper::Delete(path);
+  return deleted == ZOK || deleted == ZNONODE ? Outcome::kDone : Outcome::kLater;
+}
+
+Reclaimer::Outcome Reclaimer::Handle(const std::string& path, const ReclaimEntry& entry) {
+  // An entry of a variable may stay for long, and its number be in use again meanwhile.
+  if (mForget && (entry.variablePath.empty() || mForgotten.insert(path).second)) {
     mForget(entry);
   }
   if (entry.variablePath.empty()) {
@@ -137,7 +152,7 @@ Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
     read = result == ZOK ? RecordRead::kDamaged : RecordRead::kFailed;
   }
   if (read == RecordRead::kFailed) {
-    return Outcome::kLater;
+    return Outcome::kUnanswered;
   }
   if (read == RecordRead::kDamaged && mFabric.CheckToken(entry.application, "") != -ENOENT) {
     if (mTold.insert(entry.variablePath).second) {

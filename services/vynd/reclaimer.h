@@ -22,7 +22,7 @@ namespace vyn::services {
 class Reclaimer {
  public:
   /// \param fabric is the caller's and outlives the reclaimer. \param forget is told of every entry before
-  ///        its memory goes.
+  ///        its memory goes, of a variable's only once.
   Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
             std::function<void(const ReclaimEntry& entry)> forget);
   /// Stops.
@@ -42,20 +42,25 @@ class Reclaimer {
  private:
   enum class Outcome {
     kDone,
-    kLater,  ///< something did not answer: again
-    kKept,   ///< the blocks cannot be named: they stay until their application ends, and the entry with them
+    kLater,       ///< it could not be freed: again
+    kUnanswered,  ///< ZooKeeper does not tell what it is: this and all that follow, again
+    kKept,  ///< the blocks cannot be named: they stay until their application ends, and the entry with them
   };
 
   void Run();
   void FreeGivenBack();
-  Outcome Handle(const ReclaimEntry& entry);
+  bool Stopping();
+  Outcome DrainEntry(const std::string& path, const std::string& application);
+  Outcome Handle(const std::string& path, const ReclaimEntry& entry);
   Outcome FreeVariable(const ReclaimEntry& entry);
 
   const std::uint16_t mNodeId;
   bm::FabricNode& mFabric;
   const std::function<void(const ReclaimEntry& entry)> mForget;
-  /// Held while the list is worked off, so that no entry is done twice at once.
+  /// Held while an entry is worked off, so that none is done twice at once.
   std::mutex mDraining;
+  /// Entries of variables that are still in the list and of which mForget was told. Guarded by mDraining.
+  std::set<std::string> mForgotten;
   /// Records of which it was told that they cannot be read. Guarded by mDraining.
   std::set<std::string> mTold;
   std::mutex mMutex;

@@ -49,9 +49,12 @@ TEST_F(ReclaimerTest, KeepsWhatItCannotFreeUntilTheApplicationEnds) {
     Entry(c.name, path);
   }
   Entry("done", "/vyn/apps/app/gone");
-  Reclaimer reclaimer(7, mFabric, nullptr);
+  int forgotten = 0;
+  Reclaimer reclaimer(7, mFabric,
+                      [&](const ReclaimEntry& entry) { forgotten += !entry.variablePath.empty(); });
   EXPECT_TRUE(reclaimer.Drain()) << "nothing is left that could be done";
   EXPECT_TRUE(reclaimer.Drain());
+  EXPECT_EQ(forgotten, 3) << "each once: the number may be in use again";
   EXPECT_EQ(mRaw->Children("/vyn/reclaim/7").size(), 2U);
   EXPECT_EQ(mFabric.Stats().objects, 1U);
   for (const Case& c : cases) {
