@@ -24,6 +24,8 @@ using namespace tessel;  // the messages
 constexpr std::size_t kMaxBlocks = 500000;
 /// How long the question for the leader waits while there is none.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
+/// The most variables that wait to be asked for. So many do only while no leader answers.
+constexpr std::size_t kMaxQueued = 10000;
 /// The largest blob, in bytes; the client has the same limit.
 constexpr std::uint64_t kMaxBlobSize = std::uint64_t{20} << 20U;
 
@@ -279,6 +281,7 @@ void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) 
   }
   Flight flight({request.appId, request.broadcastId}, 0);
   common::Ref<BroadcastBlockInfo> known;
+  bool tooMany = false;
   {
     std::lock_guard lock(mMutex);
     if (const auto found = mVariables.find(flight.first); found != mVariables.end()) {
@@ -290,25 +293,70 @@ void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) 
         waiting->second.push_back(caller);
         return;
       }
+      if (mAsking < std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)) {
+        ++mAsking;
+      } else if (mQueued.size() < kMaxQueued) {
+        mQueued.push_back(flight);
+        return;
+      } else {
+        mFlights.erase(waiting);
+        tooMany = true;
+      }
     }
   }
   if (known != nullptr) {
     Answer(caller, *known);
+  } else if (tooMany) {
+    caller.Refuse(kStatusNoLeader);
   } else {
-    LookUp(flight);
+    LookUpAll(flight);
   }
 }
 
-void NodeServer::LookUp(const Flight& flight) {
-  for (bool again = true; again;) {
+void NodeServer::LookUpAll(Flight flight) {
+  std::uint32_t status = LookUp(flight);
+  while (TakeQueued(flight)) {
+    if (Failed(status) && !CanComeTrue(status)) {
+      RefuseQueued(flight, status);  // who has waited while the leader was asked in vain
+    } else {
+      status = LookUp(flight);
+    }
+  }
+}
+
+bool NodeServer::TakeQueued(Flight& flight) {
+  std::lock_guard lock(mMutex);
+  if (mQueued.empty()) {
+    --mAsking;
+    return false;
+  }
+  flight = std::move(mQueued.front());
+  mQueued.pop_front();
+  return true;
+}
+
+void NodeServer::RefuseQueued(const Flight& flight, std::uint32_t status) {
+  std::vector<Caller> waiting;
+  {
+    std::lock_guard lock(mMutex);
+    waiting = std::move(mFlights.extract(flight).mapped());
+  }
+  for (const Caller& caller : waiting) {
+    caller.Refuse(status);
+  }
+}
+
+std::uint32_t NodeServer::LookUp(const Flight& flight) {
+  for (;;) {
     std::vector<Caller> before;
     {
       std::lock_guard lock(mMutex);
       before.swap(mFlights.at(flight));
     }
     const common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
-    const std::uint32_t status = AskLeader(flight.first, found);
+    const std::uint32_t status = AskLeader(flight, found);
     std::vector<Caller> since;
+    bool again = false;
     {
       std::lock_guard lock(mMutex);
       const auto joined = mFlights.find(flight);
@@ -316,9 +364,6 @@ void NodeServer::LookUp(const Flight& flight) {
       if (!again) {
         since.swap(joined->second);
         mFlights.erase(joined);
-      }
-      if (!Failed(status) && mForgets == flight.second) {
-        mVariables[flight.first] = found;
       }
     }
     for (const auto* callers : {&before, &since}) {
@@ -330,18 +375,26 @@ void NodeServer::LookUp(const Flight& flight) {
         }
       }
     }
+    if (!again) {
+      return status;
+    }
   }
 }
 
-std::uint32_t NodeServer::AskLeader(const Key& variable, const common::Ref<BroadcastBlockInfo>& found) {
+std::uint32_t NodeServer::AskLeader(const Flight& flight, const common::Ref<BroadcastBlockInfo>& found) {
+  const auto& [application, id] = flight.first;
   if (found == nullptr) {
     return VYN_ERR_NULL_POINTER;
   }
   try {
-    return mOptions.lookUp(variable.first, variable.second, *found);
+    const std::uint32_t status = mOptions.lookUp(application, id, *found);
+    std::lock_guard lock(mMutex);
+    if (!Failed(status) && mForgets == flight.second) {
+      mVariables[flight.first] = found;
+    }
+    return status;
   } catch (const std::exception& failure) {
-    VYN_LOG_ERROR("The look-up of variable " << variable.second << " of " << variable.first
-                                             << " failed: " << failure.what());
+    VYN_LOG_ERROR("The look-up of variable " << id << " of " << application << " failed: " << failure.what());
     return VYN_ERR_NULL_POINTER;
   }
 }

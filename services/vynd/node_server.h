@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -77,11 +78,18 @@ class NodeServer {
   /// Frees what was made for a caller that has gone without its answer.
   void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
   void FetchBlocks(const tessel::BroadcastVar& request, const Caller& caller);
+  /// Looks up, and then what is queued, until that is nothing; once the leader has been asked in vain, refuses
+  /// it. Requires: mAsking counts this.
+  void LookUpAll(Flight flight);
+  /// Fills `flight` with the next. Returns: false when there is none; mAsking counts this one no more.
+  bool TakeQueued(Flight& flight);
+  void RefuseQueued(const Flight& flight, std::uint32_t status);
   /// Asks the metadata leader, and answers all who have asked meanwhile. That the variable is not there, or
   /// not ready, is only told to those who had asked before the leader was; for the others it is asked again.
-  void LookUp(const Flight& flight);
-  /// Returns: 0 or a status.
-  std::uint32_t AskLeader(const Key& variable, const common::Ref<tessel::BroadcastBlockInfo>& found);
+  /// Returns: 0 or the last status.
+  std::uint32_t LookUp(const Flight& flight);
+  /// Remembers the answer. Returns: 0 or a status.
+  std::uint32_t AskLeader(const Flight& flight, const common::Ref<tessel::BroadcastBlockInfo>& found);
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response,
                            const std::string& peer);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request, const std::string& peer);
@@ -106,8 +114,12 @@ class NodeServer {
   /// Counts the forgets, so that an answer of the leader that was on its way meanwhile is not remembered, nor
   /// given to who asked later.
   std::uint64_t mForgets = 0;
-  /// Who waits for each look-up. Only the first of them keeps a worker.
+  /// Who waits for each look-up, under way or queued. At most the first of them keeps a worker.
   std::map<Flight, std::vector<Caller>> mFlights;
+  /// Look-ups that keep a worker: at most half of all, so that what needs no leader is served without one.
+  unsigned int mAsking = 0;
+  /// Look-ups that wait for one of these, without a worker.
+  std::deque<Flight> mQueued;
 };
 
 }  // namespace vyn::services

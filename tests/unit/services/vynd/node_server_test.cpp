@@ -56,7 +56,7 @@ class NodeServerTest : public test::ClusterTest {
     options.maxObjects = 4;
     options.lookUp = [this](const std::string& application, std::uint32_t id, BroadcastBlockInfo& info) {
       ++mLookUps;
-      EXPECT_TRUE(id != kHeld || test::WaitUntil([this] { return mLetGo.load(); }));
+      EXPECT_TRUE(id / 10 != kHeld / 10 || test::WaitUntil([this] { return mLetGo.load(); }));
       info.appId = application;
       info.broadcastId = id;
       info.bmIds = {std::string(60, 'x')};
@@ -113,12 +113,12 @@ class NodeServerTest : public test::ClusterTest {
     EXPECT_TRUE(status != 0 || response->bmIds.size() == 1);
     return status;
   }
-  /// Another client, which fetches the held variable.
-  std::jthread FetchHeld(std::uint32_t status = 0) {
-    return std::jthread([this, status] {
+  /// Another client, which fetches a held variable.
+  std::jthread FetchHeld(std::uint32_t status = 0, std::uint32_t id = kHeld) {
+    return std::jthread([this, status, id] {
       Ref<common::RpcEngine> engine(new common::RpcEngine());
       ConnectTo(*engine);
-      EXPECT_EQ(Fetch(*engine, "app", kHeld), status);
+      EXPECT_EQ(Fetch(*engine, "app", id), status);
       ++mFetched;
     });
   }
@@ -142,7 +142,7 @@ class NodeServerTest : public test::ClusterTest {
     EXPECT_TRUE(client.EndsWithin(test::RawSocket::kPatience));
   }
 
-  /// The look-up of this variable waits for mLetGo.
+  /// The look-ups of this variable and of others of its decade wait for mLetGo.
   static constexpr std::uint32_t kHeld = 77;
 
   test::FabricPlace mPlace{1};
@@ -287,6 +287,24 @@ TEST_F(NodeServerTest, OneAsksTheLeaderForAllAndTheOthersKeepNoWorker) {
   EXPECT_EQ(mFetched, 7);
   EXPECT_EQ(Fetch("app", kHeld), 0U);
   EXPECT_EQ(mLookUps, 3) << "the later answer is remembered";
+}
+
+TEST_F(NodeServerTest, LookUpsOfManyVariablesLeaveWorkersForOthers) {
+  mWorkers = 4;
+  StartServer();
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  std::vector<std::jthread> clients;
+  for (std::uint32_t id = kHeld - 4; id < kHeld; ++id) {
+    clients.push_back(FetchHeld(0, id));
+  }
+  ASSERT_TRUE(test::WaitUntil([this] { return mLookUps == 2; }));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(Register("app", "secret"), 0U);
+  }
+  EXPECT_EQ(mLookUps, 2);
+  mLetGo = true;
+  clients.clear();
+  EXPECT_EQ(mFetched, 4);
 }
 
 TEST_F(NodeServerTest, ARefusalIsNotForWhoAskedAfterTheLeaderWasAsked) {
