@@ -75,6 +75,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   member.service.applicationTimeout = mOptions.applicationTimeout;
   member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
   member.service.server = ServerSettings();
+  member.onNewSession = [this] { mNodeServer->ForgetAll(); };
   mMember = std::make_unique<MetadataMember>(std::move(member));
   mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
     if (mNodeServer == nullptr) {

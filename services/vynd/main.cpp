@@ -16,6 +16,8 @@
 
 namespace {
 
+/// Of the hard end, which is none of an orderly one or of a refused start.
+constexpr int kHardEnd = 3;
 /// From the signal to the end, whatever ZooKeeper, which may not answer, is asked for meanwhile. Nothing is
 /// lost by the hard end: the pool and the records are whole at every moment.
 constexpr auto kEndLimit = std::chrono::milliseconds(4500);
@@ -37,7 +39,7 @@ void AwaitSignal(Ending& ending, sigset_t signals) {
   ending.changed.notify_all();
   vyn::common::SleepFor(kEndLimit);
   std::fprintf(stderr, "vynd: the orderly end took too long, leaving without it\n");
-  _exit(0);
+  _exit(kHardEnd);
 }
 
 }  // namespace

@@ -482,4 +482,16 @@ void NodeServer::Forget(const std::string& application) {
   mFabric.DropCopies(application);
 }
 
+void NodeServer::ForgetAll() {
+  std::map<Key, common::Ref<BroadcastBlockInfo>> known;
+  {
+    std::lock_guard lock(mMutex);
+    ++mForgets;
+    known.swap(mVariables);
+  }
+  for (const auto& [key, variable] : known) {
+    mFabric.DropCopies(variable->bmIds);
+  }
+}
+
 }  // namespace vyn::services

@@ -64,6 +64,9 @@ class NodeServer {
   /// blocks.
   void Forget(const std::string& application, std::uint32_t id);
   void Forget(const std::string& application);
+  /// All, for the leader may have counted this node as down: it does not wait then until what was deleted is
+  /// forgotten here before a number is used again.
+  void ForgetAll();
 
  private:
   using Key = std::pair<std::string, std::uint32_t>;

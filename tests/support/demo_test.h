@@ -33,7 +33,7 @@ class DemoTest : public testing::Test {
     EXPECT_EQ(RunCommand("pgrep -f " + mFolder.Path() + "/[v]yn-demo-").output, "");
     EXPECT_FALSE(std::filesystem::exists("/dev/shm/vyn-demo-" + pid + "-1"));
     EXPECT_FALSE(std::filesystem::exists("/dev/shm/vyn-demo-" + pid + "-2"));
-    const std::string mark = "/run/netns/vyn" + std::to_string(std::stol(pid) % 100000);
+    const std::string mark = "/run/netns/vyn" + pid;
     EXPECT_FALSE(std::filesystem::exists(mark + "s"));
     EXPECT_FALSE(std::filesystem::exists(mark + "h0"));
     for (const auto& entry : std::filesystem::directory_iterator(mFolder.Path())) {

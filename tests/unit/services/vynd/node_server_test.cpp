@@ -264,6 +264,9 @@ TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
   EXPECT_EQ(mLookUps, 3);
   EXPECT_EQ(Fetch("app", 1), 0U);
   EXPECT_EQ(mLookUps, 4);
+  mServer->ForgetAll();
+  EXPECT_EQ(Fetch("app", 2), 0U);
+  EXPECT_EQ(mLookUps, 5);
 }
 
 TEST_F(NodeServerTest, OneAsksTheLeaderForAllAndTheOthersKeepNoWorker) {
