@@ -119,12 +119,15 @@ std::unique_ptr<BroadcastClient> BroadcastLoad::Join(std::size_t node, bool driv
 void BroadcastLoad::Write(Worker& worker, BroadcastClient& driver) {
   const std::uint32_t id = mNextId++;
   const std::string variable = Blocks(worker.application, id);
+  worker.left.insert(id);
   if (driver.Do("create " + variable) == "0" &&
       driver.Do("fill " + variable + " " + std::to_string(kBlockBytes) + " " + Seed(id)) == "0") {
     std::lock_guard lock(mMutex);
     mLive[worker.application].push_back(id);
     ++worker.acknowledged;
     ++mAcknowledged;
+  } else {
+    ++mFailed;
   }
 }
 
@@ -160,7 +163,15 @@ void BroadcastLoad::Delete(Worker& worker, BroadcastClient& driver) {
     id = *victim;
     live.erase(victim);
   }
-  driver.Do("delete " + worker.application + " " + std::to_string(id));
+  Remove(worker, driver, id);
+}
+
+bool BroadcastLoad::Remove(Worker& worker, BroadcastClient& driver, std::uint32_t id) {
+  const bool removed = driver.Do("delete " + worker.application + " " + std::to_string(id)) == "0";
+  if (removed) {
+    worker.left.erase(id);
+  }
+  return removed;
 }
 
 void BroadcastLoad::Finish() {
@@ -170,9 +181,14 @@ void BroadcastLoad::Finish() {
         CheckAll(node, worker->application);
       }
     }
+    std::vector<std::unique_ptr<BroadcastClient>> drivers;
     for (std::size_t i = 0; i < mWorkers.size(); ++i) {
-      const auto driver = Join(i, true, mWorkers[i]->application);
-      if (!WaitUntil([&] { return driver->Do("complete " + mWorkers[i]->application) == "0"; }, kLimit)) {
+      drivers.push_back(Join(i, true, mWorkers[i]->application));
+      RemoveAll(*mWorkers[i], *drivers[i]);
+    }
+    CheckObjects();
+    for (std::size_t i = 0; i < mWorkers.size(); ++i) {
+      if (!WaitUntil([&] { return drivers[i]->Do("complete " + mWorkers[i]->application) == "0"; }, kLimit)) {
         Fault(mWorkers[i]->application + " cannot be ended");
       }
     }
@@ -193,6 +209,31 @@ void BroadcastLoad::Finish() {
             std::to_string(node->Threads()) + " threads, before " + std::to_string(mDescriptors) + " and " +
             std::to_string(mThreads));
     }
+  }
+}
+
+void BroadcastLoad::RemoveAll(Worker& worker, BroadcastClient& driver) {
+  const auto left = worker.left;
+  for (const std::uint32_t id : left) {
+    if (!WaitUntil([&] { return Remove(worker, driver, id); }, kLimit)) {
+      Fault(worker.application + ": variable " + std::to_string(id) + " cannot be deleted");
+      return;
+    }
+  }
+}
+
+void BroadcastLoad::CheckObjects() {
+  std::size_t objects = 0;
+  const auto few = [&] {
+    objects = 0;
+    for (VyndNode* node : mNodes) {
+      objects += node->Objects();
+    }
+    return objects <= kBlocks * mFailed;
+  };
+  if (!WaitUntil(few, kLimit)) {
+    Fault(std::to_string(objects) + " objects are left of deleted variables, after " +
+          std::to_string(mFailed) + " failed to be written");
   }
 }
 

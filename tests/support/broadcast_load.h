@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,8 +38,8 @@ class BroadcastLoad {
   /// Lets the calls under way end.
   void Stop();
   /// Requires: stopped, and all daemons run. Reads every variable that was acknowledged and not deleted, at
-  /// every node; then ends the applications and looks whether pools, descriptors and threads are as before
-  /// the load.
+  /// every node; then deletes all, looks whether their blocks go, ends the applications and looks whether
+  /// pools, descriptors and threads are as before the load.
   void Finish();
   /// Returns: what must not happen and did, a line each.
   std::string Faults() const;
@@ -47,6 +48,8 @@ class BroadcastLoad {
   struct Worker {
     std::string application;
     std::mt19937 random;
+    /// Variables that it tried to make, but those whose deletion was acknowledged.
+    std::set<std::uint32_t> left;
     std::atomic<std::size_t> acknowledged{0};
     std::thread thread;
   };
@@ -57,6 +60,12 @@ class BroadcastLoad {
   void Write(Worker& worker, BroadcastClient& driver);
   void ReadOne(Worker& worker, BroadcastClient& executor);
   void Delete(Worker& worker, BroadcastClient& driver);
+  /// Returns: whether the deletion was acknowledged.
+  static bool Remove(Worker& worker, BroadcastClient& driver, std::uint32_t id);
+  void RemoveAll(Worker& worker, BroadcastClient& driver);
+  /// A daemon that is killed between making blocks and answering leaves them until their application ends;
+  /// nothing else is left of deleted variables.
+  void CheckObjects();
   void CheckAll(std::size_t node, const std::string& application);
   void Fault(const std::string& line);
 
@@ -68,6 +77,8 @@ class BroadcastLoad {
   std::atomic<bool> mStop{false};
   std::atomic<std::size_t> mAcknowledged{0};
   std::atomic<std::size_t> mRead{0};
+  /// Variables whose blocks were perhaps made, and which were not acknowledged.
+  std::atomic<std::size_t> mFailed{0};
   std::atomic<std::uint32_t> mNextId{1};
   mutable std::mutex mMutex;
   // Guarded by mMutex.
