@@ -14,9 +14,10 @@
 //            the other way has a hello's answer with kBmRemoteProtocol, in a plain frame, and is closed.
 //
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
-// the request's operation and sequence number. Up to kPipelineDepth requests may be under way on a
-// connection. While the node works on a request that may take long it sends interim answers marked
-// kFrameProgress, which carry nothing. A frame that breaks a limit or the sequence ends the connection. A
+// the request's operation and sequence number. A client has at most kPipelineDepth requests under way on a
+// connection; a node does not count them, it takes the next one when it has answered the last. While it works
+// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers marked kFrameProgress, which
+// carry nothing. A frame that breaks a limit or the sequence ends the connection. A
 // node answers nothing before the hello, and closes a connection whose frame stays incomplete
 // (kFrameTimeout).
 //
@@ -82,7 +83,7 @@ inline constexpr std::uint32_t kMaxDataLength = 1U << 20U;
 inline constexpr std::uint32_t kMaxIdsPerFrame = 1024;
 /// No object can be larger, whatever a node's limit.
 inline constexpr std::uint64_t kMaxObjectSize = std::uint64_t{1} << 62U;
-/// Requests under way on one connection at a time.
+/// Requests that a client has under way on one connection at a time.
 inline constexpr std::uint32_t kPipelineDepth = 8;
 
 /// FrameHeader::flags: an interim answer; the final one follows.
@@ -155,7 +156,8 @@ enum class Operation : std::uint16_t {
 
 /// For a connection to stand, its hello included.
 inline constexpr std::chrono::milliseconds kConnectTimeout{3000};
-/// For the next sign of life of an answer that is due: an answer, an interim one, or some of its data.
+/// For the next sign of life of an answer that is due: an answer, some of its data, or an interim one where
+/// the operation has such.
 inline constexpr std::chrono::milliseconds kAnswerTimeout{10000};
 /// An answer that makes the node reserve pages is given this much more for each GiB.
 inline constexpr std::chrono::milliseconds kAnswerTimePerGiB{4000};

@@ -39,6 +39,7 @@ int WriteSocket(BIO* bio, const char* data, int size) {
 }
 
 int ReadSocket(BIO* bio, char* data, int size) {
+  errno = 0;  // a plain end of the connection sets none: what stood there is of something else
   return Finish(bio, recv(DescriptorOf(bio), data, static_cast<std::size_t>(size), 0), BIO_FLAGS_READ);
 }
 

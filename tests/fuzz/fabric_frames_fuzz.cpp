@@ -5,6 +5,9 @@
 //          operation (1), length of the arguments (2), length of the data (2), the arguments
 //   4..    the rest is what a client receives, which makes the call of that number
 //
+// The last byte of what a connection receives says how its end looks: bit 0 that the peer has gone as soon as
+// its bytes have been taken, bit 1 that it was reset.
+//
 // Afterwards the node's account must agree with what it lists.
 
 #include "platform/bmclient/node/session.h"
@@ -37,7 +40,7 @@ class MemoryStream : public ByteStream {
     received = std::min(room, mInput.size() - mPosition);
     std::memcpy(buffer, mInput.data() + mPosition, received);
     mPosition += received;
-    return received > 0 ? IoStatus::kOk : IoStatus::kClosed;
+    return received > 0 ? IoStatus::kOk : (End() & 2U) != 0 ? IoStatus::kReset : IoStatus::kClosed;
   }
   IoStatus Send(iovec* parts, std::size_t count, Deadline, int) override {
     for (std::size_t index = 0; index < count; ++index) {
@@ -49,11 +52,13 @@ class MemoryStream : public ByteStream {
   }
   IoStatus SendFile(int, std::uint64_t, std::uint64_t, Deadline) override { return IoStatus::kOk; }
   bool Quiet() override { return true; }
-  bool PeerGone() override { return false; }
+  bool PeerGone() override { return (End() & 1U) != 0 && mPosition == mInput.size(); }
   FileDescriptor TakeDescriptor() override { return FileDescriptor(::memfd_create("fuzz", MFD_CLOEXEC)); }
   void Shutdown() override {}
 
  private:
+  unsigned End() const { return mInput.empty() ? 0 : static_cast<unsigned char>(mInput.back()); }
+
   const std::string mInput;
   std::size_t mPosition = 0;
   unsigned mSum = 0;
@@ -78,9 +83,9 @@ class Node {
   void Serve(ByteStream& stream, DoorKind door) {
     NodeParts parts{kNodeId, *mPool, *mCopies, mNeighbours};
     Session session(parts, door);
-    ServeConnection(
+    session.End(ServeConnection(
         stream, [&](Exchange& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
-        std::chrono::seconds(1));
+        std::chrono::seconds(1)));
   }
 
   /// Checks the account and brings the node back to how it was.

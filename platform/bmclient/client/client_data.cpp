@@ -135,9 +135,14 @@ int Client::SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::ui
     return result;
   }
   // A file of another node cannot be opened here; a negative number stands for "this machine".
-  std::uint16_t own = 0;
-  if (file->node >= 0 && LocalNode(own) == 0 && file->node != own) {
-    return kBmLocalError;
+  if (file->node >= 0) {
+    std::uint16_t own = 0;
+    if (const int unknown = LocalNode(own); unknown != 0) {
+      return unknown;
+    }
+    if (file->node != own) {
+      return kBmLocalError;
+    }
   }
   const FileDescriptor opened(::open(file->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat state {};

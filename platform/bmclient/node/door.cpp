@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <system_error>
 
 namespace vyn::bm {
 
@@ -29,6 +30,9 @@ Door::Door(FileDescriptor listener, bool link, Limits limits, Serve serve)
       mLimits(limits),
       mServe(std::move(serve)),
       mWake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+  if (!mWake) {
+    throw std::system_error(errno, std::generic_category(), "no eventfd for a door");
+  }
   mThread = QuietThread([this] { Listen(); });
 }
 

@@ -37,7 +37,12 @@ struct FabricNode::Impl {
         neighbours(options.directory,
                    {std::move(trust), [this](const std::string& text) { Log(kWarn, text); }}),
         copies(pool, neighbours),
-        parts{options.nodeId, pool, copies, neighbours, options.namespaceGuard} {}
+        parts{options.nodeId,
+              pool,
+              copies,
+              neighbours,
+              options.namespaceGuard,
+              [this](const std::string& text) { Log(kWarn, text); }} {}
 
   ~Impl() {
     {

@@ -15,7 +15,8 @@
 // fail just the same.
 //
 // Who has an object mapped for writing can do to its file what it likes. What it makes larger is cut back to
-// what was allocated, by the sweep and at the next start; what it makes smaller hurts nobody but its own
+// what was allocated, by the sweep and at the next start; after the object's free nobody cuts it back any
+// more, and it keeps its pages until the last holder lets go. What it makes smaller hurts nobody but its own
 // namespace.
 //
 // Results are those of platform/bmclient/protocol.h. Any thread may call any function between Start and Stop.

@@ -204,7 +204,7 @@ bool Pool::MakeRoom(std::uint64_t bytes) const {
   struct statvfs state {};
   while (::fstatvfs(mFolder.Descriptor(), &state) == 0) {
     const std::uint64_t room = state.f_bavail * state.f_frsize;
-    const bool files = state.f_files == 0 || state.f_favail > 0;  // 0: without a limit
+    const bool files = state.f_files == 0 || state.f_favail > 1;  // 0: without a limit; an object takes two
     if (files && room >= bytes) {
       return true;
     }
@@ -251,23 +251,32 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
   std::string made = MakeObjectId(mNodeId);
-  std::lock_guard lock(space->mutex);
-  if (space->destroyed) {
-    return -ENOENT;
-  }
   if (made.empty()) {
     return -EIO;
   }
-  failure = mFolder.WriteSize(space->name, made, size);
-  if (failure == 0 &&
-      (failure = PoolFolder::Publish(file, mFolder.Descriptor(), PathOf(*space, made))) != 0) {
-    mFolder.RemoveSize(space->name, made);
+  bool gone = false;
+  failure = WithRoom(0, [&] {
+    std::lock_guard lock(space->mutex);
+    if (space->destroyed) {
+      gone = true;
+      return 0;
+    }
+    int error = mFolder.WriteSize(space->name, made, size);
+    if (error == 0 && (error = PoolFolder::Publish(file, mFolder.Descriptor(), PathOf(*space, made))) != 0) {
+      mFolder.RemoveSize(space->name, made);
+    }
+    if (error == 0) {
+      space->sizes.emplace(made, size);
+      space->charged += Capacity::Charge(size);
+    }
+    return error;
+  });
+  if (gone) {
+    return -ENOENT;
   }
   if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
-  space->sizes.emplace(made, size);
-  space->charged += Capacity::Charge(size);
   reservation.Keep();
   id = std::move(made);
   return 0;
@@ -295,16 +304,27 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
-  std::lock_guard lock(space->mutex);
-  const auto found = space->sizes.find(std::string(id));
-  if (found == space->sizes.end()) {
-    return -ENOENT;  // freed meanwhile
+  bool gone = false;
+  failure = WithRoom(0, [&] {
+    std::lock_guard lock(space->mutex);
+    const auto found = space->sizes.find(std::string(id));
+    if (found == space->sizes.end()) {
+      gone = true;  // freed meanwhile
+      return 0;
+    }
+    const int error = mFolder.WriteSize(space->name, found->first, size);
+    if (error == 0) {
+      found->second = size;
+      space->charged += more;
+    }
+    return error;
+  });
+  if (gone) {
+    return -ENOENT;
   }
-  if (failure = mFolder.WriteSize(space->name, found->first, size); failure != 0) {
+  if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
-  found->second = size;
-  space->charged += more;
   reservation.Keep();
   return 0;
 }
@@ -352,15 +372,15 @@ int Pool::OpenObject(const NamespacePtr& space, std::string_view id, bool writab
   return errno == ENOENT ? -ENOENT : -EIO;  // freed meanwhile
 }
 
-bool Pool::Exists(std::string_view id) const {
-  const std::string key(id);
+std::vector<bool> Pool::Exist(const std::vector<std::string>& ids) const {
+  std::vector<bool> exist(ids.size());
   for (const NamespacePtr& space : All()) {
     std::lock_guard lock(space->mutex);
-    if (space->sizes.count(key) > 0) {
-      return true;
+    for (std::size_t index = 0; index < ids.size(); ++index) {
+      exist[index] = exist[index] || space->sizes.count(ids[index]) > 0;
     }
   }
-  return false;
+  return exist;
 }
 
 std::vector<NamespacePtr> Pool::All() const {

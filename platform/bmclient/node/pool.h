@@ -78,8 +78,8 @@ class Pool {
   /// Opens an object's file.
   int OpenObject(const NamespacePtr& space, std::string_view id, bool writable, FileDescriptor& file,
                  std::uint64_t& size) const;
-  /// Whether any namespace has the object.
-  bool Exists(std::string_view id) const;
+  /// For each object whether any namespace has it.
+  std::vector<bool> Exist(const std::vector<std::string>& ids) const;
 
   std::vector<NamespaceInfo> Namespaces() const;
   static std::vector<ObjectInfo> Objects(const NamespacePtr& space);
@@ -93,8 +93,8 @@ class Pool {
   bool Adopt(const std::string& name, const Warn& warn, std::string& error);
   /// The size of an object that is adopted. Returns: false when it is none of this pool's.
   bool SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size);
-  /// Makes copies go until the file system has room for a file of `bytes`. Returns: false when it would have
-  /// none without all of them; then none goes.
+  /// Makes copies go until the file system has room for an object of `bytes`. Returns: false when that needs
+  /// more than all of them account for; what some process maps gives no room, so that all may go in vain.
   bool MakeRoom(std::uint64_t bytes) const;
   /// Makes the attempt, and again after copies gave way to `bytes`, as long as there is no room: what gave way
   /// may have been taken by somebody else. Returns: 0 or errno, as `attempt` does.

@@ -7,8 +7,8 @@
 //   <pool>/<namespace>/.<id>    a symbolic link whose text is the object's size: it is replaced at once and
 //                               takes no page, and whoever holds the object cannot change it, as he can the
 //                               length of the file
-//   <pool>/.node/               what is on its way in or out, and pulled copies; nothing in it outlives the
-//                               process
+//   <pool>/.node/               what is on its way in or out, and pulled copies; cleared at Close and
+//                               Open: what a killed process left stands until the next start
 //
 // Threads: any, between Open and Close.
 

@@ -176,7 +176,11 @@ bool Session::Allocate(Exchange& exchange, Reader& arguments) {
 
 void Session::Undo(const Fresh& fresh) {
   if (fresh.other != nullptr) {
-    fresh.other->Free({{fresh.ns, fresh.token}, fresh.id});
+    const int result = fresh.other->Free({{fresh.ns, fresh.token}, fresh.id});
+    if (result != 0 && result != -ENOENT && mParts.warn != nullptr) {
+      mParts.warn("the object " + fresh.id + " stays though nobody knows it: it could not be freed, result " +
+                  std::to_string(result));
+    }
   } else {
     mParts.pool.Free(fresh.space, fresh.id);
   }
@@ -310,11 +314,19 @@ bool Session::Stat(Exchange& exchange, Reader& arguments) {
 
 bool Session::Exist(Exchange& exchange, Reader& arguments) {
   const auto count = arguments.Get<std::uint16_t>();
-  Writer answer;
+  std::vector<std::string> ids;
   for (std::uint32_t index = 0; index < count && count <= kMaxIdsPerFrame; ++index) {
-    answer.Put(static_cast<std::uint8_t>(mParts.pool.Exists(arguments.Text())));
+    const std::string_view id = arguments.Text();
+    ids.emplace_back(IsObjectId(id) ? id : "");  // what is no id is nobody's
   }
-  return arguments.Complete() && mDoor == DoorKind::kLink && exchange.Answer(0, answer.Bytes());
+  if (!arguments.Complete() || mDoor != DoorKind::kLink) {
+    return false;
+  }
+  Writer answer;
+  for (const bool exists : mParts.pool.Exist(ids)) {
+    answer.Put(static_cast<std::uint8_t>(exists));
+  }
+  return exchange.Answer(0, answer.Bytes());
 }
 
 }  // namespace vyn::bm

@@ -19,6 +19,7 @@ struct NodeParts {
   PulledCopies& copies;
   Neighbours& neighbours;
   NamespaceGuard namespaceGuard = nullptr;
+  std::function<void(const std::string&)> warn = nullptr;
 };
 
 enum class DoorKind { kBroker, kLink };
@@ -34,8 +35,9 @@ class Session {
   void End(IoStatus how);
 
  private:
-  /// The object that the last request allocated. Its id is lost when the connection is reset before anything
-  /// else comes from the caller: the answer was never read.
+  /// The object that the last request allocated. Its id is taken for lost when the connection is reset, or
+  /// ends with something untaken, before anything else comes from the caller: as far as can be told its
+  /// answer was never read.
   struct Fresh {
     std::shared_ptr<RemoteNode> other;  // the owner, null for this node
     NamespacePtr space;                 // of this node

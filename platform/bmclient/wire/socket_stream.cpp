@@ -12,6 +12,13 @@
 
 namespace vyn::bm {
 
+namespace {
+
+/// Between two looks at what the kernel tells nobody of.
+constexpr int kPauseMilliseconds = 1;
+
+}  // namespace
+
 IoStatus SocketStream::Wait(short events, Deadline deadline) {
   for (;;) {
     const auto left = deadline - std::chrono::steady_clock::now();
@@ -84,7 +91,31 @@ long SocketStream::ReceiveWithDescriptor(void* buffer, std::size_t room) {
   return count;
 }
 
+IoStatus SocketStream::WaitUntilTaken(Deadline deadline) {
+  for (int untaken = 0; ::ioctl(mSocket.Get(), SIOCOUTQ, &untaken) == 0 && untaken > 0;) {
+    if (const IoStatus status = Pause(deadline); status != IoStatus::kOk) {
+      return status;
+    }
+  }
+  return IoStatus::kOk;
+}
+
+IoStatus SocketStream::Pause(Deadline deadline) {
+  if (std::chrono::steady_clock::now() >= deadline) {
+    return IoStatus::kTimeout;
+  }
+  pollfd ended{mSocket.Get(), 0, 0};
+  return ::poll(&ended, 1, kPauseMilliseconds) > 0 ? IoStatus::kClosed : IoStatus::kOk;
+}
+
 IoStatus SocketStream::Send(iovec* parts, std::size_t count, Deadline deadline, int descriptor) {
+  // Descriptors that nobody has taken yet count against the user of this process, whose other connections
+  // would be refused theirs: each has at most one on its way.
+  if (descriptor >= 0) {
+    if (const IoStatus status = WaitUntilTaken(deadline); status != IoStatus::kOk) {
+      return status;
+    }
+  }
   while (count > 0) {
     msghdr message{};
     message.msg_iov = parts;
@@ -103,6 +134,10 @@ IoStatus SocketStream::Send(iovec* parts, std::size_t count, Deadline deadline, 
     if (sent < 0) {
       if (errno == EAGAIN) {
         if (const IoStatus status = Wait(POLLOUT, deadline); status != IoStatus::kOk) {
+          return status;
+        }
+      } else if (errno == ETOOMANYREFS) {
+        if (const IoStatus status = Pause(deadline); status != IoStatus::kOk) {
           return status;
         }
       } else if (errno != EINTR) {

@@ -31,6 +31,10 @@ class SocketStream : public ByteStream {
 
  private:
   long ReceiveWithDescriptor(void* buffer, std::size_t room);
+  /// Waits until the other side has taken all that it was sent.
+  IoStatus WaitUntilTaken(Deadline deadline);
+  /// A moment of waiting. Returns: kClosed when the connection has ended.
+  IoStatus Pause(Deadline deadline);
 
   FileDescriptor mSocket;
   bool mDescriptors;
