@@ -184,6 +184,39 @@ std::uint64_t NodeServer::ObjectsOf(const std::string& application) const {
   return 0;
 }
 
+class NodeServer::Making {
+ public:
+  Making(NodeServer& server, std::string application)
+      : mServer(server), mApplication(std::move(application)) {}
+  ~Making() { Done(mCount); }
+  Making(const Making&) = delete;
+  Making& operator=(const Making&) = delete;
+
+  /// Returns: false when the application would have more than it may.
+  bool Begin(std::uint64_t count) {
+    std::lock_guard lock(mServer.mMakingMutex);
+    std::uint64_t& making = mServer.mMaking[mApplication];
+    const bool allowed = mServer.ObjectsOf(mApplication) + making + count <= mServer.mOptions.maxObjects;
+    mCount = allowed ? count : 0;
+    making += mCount;
+    return allowed;
+  }
+  /// So many are in the pool by now.
+  void Done(std::uint64_t count) {
+    std::lock_guard lock(mServer.mMakingMutex);
+    mCount -= count;
+    const auto making = mServer.mMaking.find(mApplication);
+    if (making != mServer.mMaking.end() && (making->second -= count) == 0) {
+      mServer.mMaking.erase(making);
+    }
+  }
+
+ private:
+  NodeServer& mServer;
+  const std::string mApplication;
+  std::uint64_t mCount = 0;
+};
+
 std::uint32_t NodeServer::CheckToken(const std::string& application, const std::string& token,
                                      const char* operation, const std::string& peer) const {
   const std::uint32_t status = StatusOf(mFabric.CheckToken(application, token));
@@ -241,7 +274,8 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
   if (!IsRegistered(request.appId)) {
     return kStatusNotRegistered;
   }
-  if (ObjectsOf(request.appId) + request.sizes.size() > mOptions.maxObjects) {
+  Making making(*this, request.appId);
+  if (!making.Begin(request.sizes.size())) {
     return kStatusLimit;
   }
   response.appId = request.appId;
@@ -257,6 +291,7 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
       mFabric.FreeBatch(request.appId, response.bmIds);
       return StatusOf(result);
     }
+    making.Done(1);
     response.bmIds.push_back(std::move(bmId));
   }
   return VYN_OK;
@@ -409,7 +444,8 @@ std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& re
       Failed(status)) {
     return status;
   }
-  if (ObjectsOf(request.ns) >= mOptions.maxObjects) {
+  Making making(*this, request.ns);
+  if (!making.Begin(1)) {
     return kStatusLimit;
   }
   std::string bmId;

@@ -102,6 +102,8 @@ class NodeServer {
                            const std::string& peer) const;
   /// Objects that the pool has of the application.
   std::uint64_t ObjectsOf(const std::string& application) const;
+  /// Objects that a call is about to make: others that come meanwhile count them, too.
+  class Making;
   /// Requires: mMutex is held.
   void ForgetVariables(const std::string& application);
   bool IsRegistered(const std::string& application) const;
@@ -111,6 +113,9 @@ class NodeServer {
   rpc::Server mServer;
 
   std::atomic<bool> mStopping{false};
+  std::mutex mMakingMutex;
+  /// By application. Guarded by mMakingMutex.
+  std::map<std::string, std::uint64_t> mMaking;
   std::mutex mMutex;
   // Guarded by mMutex.
   std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;

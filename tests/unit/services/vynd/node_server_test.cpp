@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
+#include <latch>
 #include <thread>
 
 namespace vyn::services {
@@ -216,6 +217,28 @@ TEST_F(NodeServerTest, ABatchIsCreatedWholeOrNotAtAll) {
   EXPECT_EQ(mCreated->bmIds.size(), 2U);
   EXPECT_EQ(mCreated->nodeId, 1U);
   EXPECT_EQ(Create("app", {1, 1, 1}), kStatusLimit);
+}
+
+TEST_F(NodeServerTest, BatchesAtOnceDoNotPassTheLimitTogether) {
+  ASSERT_EQ(Register("app", "secret"), 0U);
+  std::latch ready(8);
+  std::atomic<int> made{0};
+  std::vector<std::jthread> clients;
+  for (int i = 0; i < 8; ++i) {
+    clients.emplace_back([&] {
+      Ref<common::RpcEngine> engine(new common::RpcEngine());
+      ConnectTo(*engine);
+      Ref<BroadcastBlockBatch> request(new BroadcastBlockBatch());
+      request->appId = "app";
+      request->sizes = {1, 1, 1};
+      Ref<BroadcastBlockInfo> response(new BroadcastBlockInfo());
+      ready.arrive_and_wait();
+      made += engine->SyncRpcCall(BROADCAST_BLOCK_BATCH_CREATE, request.Get(), response.Get(), kTimeout) == 0;
+    });
+  }
+  clients.clear();
+  EXPECT_EQ(made, 1);
+  EXPECT_EQ(mFabric.Stats().objects, 3U);
 }
 
 TEST_F(NodeServerTest, WhatWasMadeForACallerThatHasGoneIsGivenBack) {
