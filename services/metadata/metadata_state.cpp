@@ -11,8 +11,8 @@ namespace vyn::services {
 
 namespace {
 
-/// After this time no node remembers a deleted variable any more, whatever became of the entries that tell
-/// it.
+/// After this time a node that ZooKeeper reaches has worked its entries off and remembers a deleted variable no
+/// more, whatever became of the entries that tell it.
 constexpr auto kDeletedMemory = std::chrono::seconds(60);
 
 /// The most names of one question that are looked for in ZooKeeper, one read each.

@@ -159,7 +159,8 @@ std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applicatio
 }
 
 std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
-  // A node that is down remembers nothing, and its list may be long.
+  // A node that is down, or has lost its session, forgets all before it serves from a new one, and its list may
+  // be long.
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   VYN_CHECK_POINTER(adapter);
   std::vector<std::string> nodes;
@@ -346,7 +347,7 @@ void MetadataStore::AwaitForgotten(const std::vector<std::string>& entries) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   const auto end = common::SteadyNow() + kForgetLimit;
   for (const std::string& path : entries) {
-    // A node that is down remembers nothing.
+    // A node without its session forgets all before the next one.
     const std::size_t begin = std::strlen(kReclaimPath) + 1;
     const std::string node = path.substr(begin, path.find('/', begin) - begin);
     while (adapter != nullptr && zookeeper::Exists(path) != ZNONODE &&
