@@ -50,8 +50,8 @@ class HarmTest : public testing::Test {
     mLoad->Finish();
     EXPECT_EQ(mLoad->Faults(), "");
     EXPECT_GT(mLoad->Read(), 0U);
-    std::cout << mLoad->Acknowledged() << " variables acknowledged, " << mLoad->Read()
-              << " read under load\n";
+    std::cout << mLoad->Acknowledged() << " variables acknowledged, " << mLoad->Read() << " read under load, "
+              << mLoad->Killed() << " clients killed in a call\n";
     for (const auto& node : mNodes) {
       node->Process().Signal(SIGTERM);
       EXPECT_EQ(node->Process().Wait(std::chrono::seconds(60)), 0);

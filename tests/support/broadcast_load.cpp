@@ -1,5 +1,7 @@
 #include "support/broadcast_load.h"
 
+#include <signal.h>
+
 #include <algorithm>
 #include <exception>
 #include <stdexcept>
@@ -81,17 +83,40 @@ void BroadcastLoad::Run(std::size_t index) {
       if (executor == nullptr) {
         executor = Join((index + 1) % mNodes.size(), false, worker.application);
       }
-      Write(worker, *driver);
-      ReadOne(worker, *executor);
-      Delete(worker, *driver);
-      // Processes of the engine come and go, too.
-      if (worker.random() % 60 == 0) {
+      // Processes of the engine come and go, too: some end between two calls, some are killed in one.
+      const unsigned int fate = worker.random() % 60;
+      if (fate == 0) {
+        Killed(worker, driver, [&] { Write(worker, *driver); });
+      } else if (fate == 1) {
+        Killed(worker, executor, [&] { ReadOne(worker, *executor); });
+      } else {
+        Write(worker, *driver);
+        ReadOne(worker, *executor);
+        Delete(worker, *driver);
+      }
+      if (fate == 2) {
         (worker.random() % 2 == 0 ? driver : executor).reset();
       }
     }
   } catch (const std::exception& error) {
     Fault(worker.application + ": " + error.what());
   }
+}
+
+void BroadcastLoad::Killed(Worker& worker, std::unique_ptr<BroadcastClient>& client,
+                           const std::function<void()>& call) {
+  const auto after = std::chrono::microseconds(worker.random() % 20000);
+  std::thread killer([&client, after] {
+    std::this_thread::sleep_for(after);
+    client->Process().Signal(SIGKILL);
+  });
+  try {
+    call();
+  } catch (const std::runtime_error&) {
+    ++mKilled;  // in the call
+  }
+  killer.join();
+  client.reset();
 }
 
 std::unique_ptr<BroadcastClient> BroadcastLoad::Join(std::size_t node, bool driver,
@@ -120,14 +145,14 @@ void BroadcastLoad::Write(Worker& worker, BroadcastClient& driver) {
   const std::uint32_t id = mNextId++;
   const std::string variable = Blocks(worker.application, id);
   worker.left.insert(id);
+  ++mFailed;
   if (driver.Do("create " + variable) == "0" &&
       driver.Do("fill " + variable + " " + std::to_string(kBlockBytes) + " " + Seed(id)) == "0") {
     std::lock_guard lock(mMutex);
     mLive[worker.application].push_back(id);
     ++worker.acknowledged;
     ++mAcknowledged;
-  } else {
-    ++mFailed;
+    --mFailed;
   }
 }
 

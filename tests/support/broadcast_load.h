@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -33,6 +34,8 @@ class BroadcastLoad {
   std::size_t Acknowledged() const { return mAcknowledged; }
   /// Reads of a variable whose every byte was right, while the load ran.
   std::size_t Read() const { return mRead; }
+  /// Processes of the engine that were killed in the middle of a call.
+  std::size_t Killed() const { return mKilled; }
   /// Waits until every driver has had `count` more acknowledged. Returns: whether it has within two minutes.
   bool Progress(std::size_t count);
   /// Lets the calls under way end.
@@ -55,6 +58,8 @@ class BroadcastLoad {
   };
 
   void Run(std::size_t index);
+  /// Makes a call of the client and kills it meanwhile, or, when the call was quicker, behind it.
+  void Killed(Worker& worker, std::unique_ptr<BroadcastClient>& client, const std::function<void()>& call);
   /// Returns: a client whose application is registered.
   std::unique_ptr<BroadcastClient> Join(std::size_t node, bool driver, const std::string& application);
   void Write(Worker& worker, BroadcastClient& driver);
@@ -79,6 +84,7 @@ class BroadcastLoad {
   std::atomic<std::size_t> mRead{0};
   /// Variables whose blocks were perhaps made, and which were not acknowledged.
   std::atomic<std::size_t> mFailed{0};
+  std::atomic<std::size_t> mKilled{0};
   std::atomic<std::uint32_t> mNextId{1};
   mutable std::mutex mMutex;
   // Guarded by mMutex.
