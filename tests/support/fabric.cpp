@@ -78,9 +78,14 @@ std::vector<std::string> FabricPlace::HostCommand() const {
 
 std::vector<std::string> NamesIn(const std::string& folder) {
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
-    names.push_back(entry.path().lexically_relative(folder));
-  }
+  std::error_code error;
+  do {  // again when a folder in it went while it was looked at
+    names.clear();
+    for (std::filesystem::recursive_directory_iterator entry(folder, error), end; !error && entry != end;
+         entry.increment(error)) {
+      names.push_back(entry->path().lexically_relative(folder));
+    }
+  } while (error && std::filesystem::exists(folder));
   std::sort(names.begin(), names.end());
   return names;
 }

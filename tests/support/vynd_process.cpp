@@ -93,11 +93,15 @@ std::size_t VyndNode::Objects() const {
 std::vector<std::string> VyndNode::PoolEntries() const {
   std::vector<std::string> entries;
   std::error_code error;
-  for (const auto& entry : fs::recursive_directory_iterator(mPool, error)) {
-    if (entry.path() != fs::path(mPool) / ".node") {
-      entries.push_back(entry.path());
+  do {  // again when a folder went while it was looked at
+    entries.clear();
+    for (fs::recursive_directory_iterator entry(mPool, error), end; !error && entry != end;
+         entry.increment(error)) {
+      if (entry->path() != fs::path(mPool) / ".node") {
+        entries.push_back(entry->path());
+      }
     }
-  }
+  } while (error && fs::exists(mPool));
   return entries;
 }
 
@@ -114,9 +118,10 @@ std::size_t VyndNode::Count(const std::string& what) {
 std::string VyndNode::Log() const {
   std::string text;
   std::error_code error;
-  for (const auto& file : fs::recursive_directory_iterator(mHome + "/logs", error)) {
-    if (file.is_regular_file(error)) {
-      text += ReadFile(file.path());
+  for (fs::recursive_directory_iterator file(mHome + "/logs", error), end; !error && file != end;
+       file.increment(error)) {
+    if (file->is_regular_file(error)) {
+      text += ReadFile(file->path());
     }
   }
   return text;
