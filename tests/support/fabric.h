@@ -42,7 +42,7 @@ class FabricPlace {
   std::uint16_t mNodeId;
 };
 
-/// The names in a folder and below, sorted.
+/// The names in a folder and below, sorted; none when there is no such folder.
 std::vector<std::string> NamesIn(const std::string& folder);
 
 /// A fabric node as a process.

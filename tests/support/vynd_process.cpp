@@ -1,5 +1,7 @@
 #include "support/vynd_process.h"
 
+#include "support/fabric.h"
+
 #include <filesystem>
 #include <stdexcept>
 
@@ -91,17 +93,8 @@ std::size_t VyndNode::Objects() const {
 }
 
 std::vector<std::string> VyndNode::PoolEntries() const {
-  std::vector<std::string> entries;
-  std::error_code error;
-  do {  // again when a folder went while it was looked at
-    entries.clear();
-    for (fs::recursive_directory_iterator entry(mPool, error), end; !error && entry != end;
-         entry.increment(error)) {
-      if (entry->path() != fs::path(mPool) / ".node") {
-        entries.push_back(entry->path());
-      }
-    }
-  } while (error && fs::exists(mPool));
+  std::vector<std::string> entries = NamesIn(mPool);
+  std::erase(entries, ".node");
   return entries;
 }
 

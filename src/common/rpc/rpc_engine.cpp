@@ -5,6 +5,7 @@
 #include "common/util/time_counter.h"
 
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace vyn::common {
@@ -87,8 +88,10 @@ unsigned int RpcEngine::Initialize(std::string& ip, short port, long timeout, bo
   mPort = port;
   mTimeout = timeout < 1 ? -1 : timeout;
   const auto peerPort = static_cast<unsigned short>(port);
-  mClient.reset(new (std::nothrow) rpc::SecuredClient(ip, peerPort, mClientOptions, tlsEnable, authEnable));
-  if (mClient == nullptr) {
+  try {
+    mClient = std::make_unique<rpc::SecuredClient>(ip, peerPort, mClientOptions, tlsEnable, authEnable);
+  } catch (const std::bad_alloc&) {
+    mClient.reset();
     VYN_LOG_ERROR("Failed to create rpc client.");
     return VYN_ERR_GENERIC;
   }
