@@ -5,7 +5,7 @@
 #include "common/util/ref.h"
 #include "common/util/text.h"
 #include "support/ratio.h"
-#include "tessel/sdk/broadcast/base/sdk_state.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/broadcast.h"
 
 #include <cstdint>

@@ -3,9 +3,9 @@
 // The node runs as a process of its own would: in a forked child. Sizes are smaller than a real pool's so
 // that the whole can be repeated; they are far beyond the caches.
 
-#include "platform/bmclient/client/client.h"
-#include "platform/bmclient/node/fabric_node.h"
-#include "platform/bmclient/wire/sockets.h"
+#include "platform/fabric/client/client.h"
+#include "platform/fabric/node/fabric_node.h"
+#include "platform/fabric/protocol/sockets.h"
 #include "support/ratio.h"
 
 #include <fcntl.h>

@@ -1,11 +1,11 @@
 // What every call passes through: the input check, a closed logging gate, the table of variables, a
 // reference.
 
+#include "common/log/logging.h"
 #include "common/util/input_check.h"
-#include "common/util/logging.h"
 #include "common/util/text.h"
 #include "support/ratio.h"
-#include "tessel/sdk/broadcast/base/broadcast_sdk_cache.h"
+#include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
 
 #include <atomic>
 #include <cstring>

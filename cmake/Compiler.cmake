@@ -34,7 +34,9 @@ endif()
 find_program(VYN_CCACHE ccache)
 if(VYN_CCACHE)
   set(CMAKE_C_COMPILER_LAUNCHER ${VYN_CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${VYN_CCACHE})
+  # ccache takes a file with precompiled headers only when it is told to.
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${VYN_CCACHE})
+  add_compile_options($<$<COMPILE_LANG_AND_ID:CXX,GNU>:-fpch-preprocess>)
 endif()
 
 # A binary finds its libraries beside itself, wherever the tree is moved to.

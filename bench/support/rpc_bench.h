@@ -3,8 +3,8 @@
 // What the benchmarks of the RPC layer share: an echo server of ours, a caller, and the bare blocking sockets
 // that they are compared with.
 
+#include "common/message/base_message.h"
 #include "common/rpc/rpc_engine.h"
-#include "common/util/base_message.h"
 #include "vyn/status.h"
 
 #include <cstdint>

@@ -2,12 +2,12 @@
 
 // The handlers of a service: take the request apart, refuse what makes no sense, answer exactly once.
 
+#include "common/log/log.h"
+#include "common/log/logging.h"
 #include "common/rpc/rpc_engine.h"
 #include "common/util/input_check.h"
-#include "common/util/log.h"
-#include "common/util/logging.h"
 #include "common/util/ref.h"
-#include "platform/rpc/server.h"
+#include "platform/rpc/server/server.h"
 #include "services/common/service_status.h"
 
 #include <cstdint>

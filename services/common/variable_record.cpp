@@ -1,6 +1,6 @@
 #include "services/common/variable_record.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 

@@ -1,8 +1,8 @@
 #include "services/config_check/config_check.h"
 
-#include "common/util/configuration.h"
-#include "common/util/configuration_catalogue.h"
-#include "common/util/kv_parser.h"
+#include "common/config/configuration.h"
+#include "common/config/configuration_catalogue.h"
+#include "common/config/kv_parser.h"
 #include "common/util/text.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "services/metadata/fabric_view.h"
 
+#include "common/log/logging.h"
 #include "common/util/clock.h"
-#include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"

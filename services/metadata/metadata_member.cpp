@@ -1,8 +1,8 @@
 #include "services/metadata/metadata_member.h"
 
+#include "common/log/log.h"
+#include "common/log/logging.h"
 #include "common/util/clock.h"
-#include "common/util/log.h"
-#include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/zookeeper_io.h"
 

@@ -1,10 +1,10 @@
 #include "services/metadata/metadata_service.h"
 
+#include "common/log/log.h"
+#include "common/log/logging.h"
 #include "common/message/heart_beat_message.h"
 #include "common/util/clock.h"
-#include "common/util/log.h"
-#include "common/util/logging.h"
-#include "platform/bmclient/wire/names.h"
+#include "platform/fabric/protocol/names.h"
 #include "services/common/rpc_handlers.h"
 #include "services/metadata/node_selection.h"
 #include "tessel/message/broadcast/broadcast_messages.h"

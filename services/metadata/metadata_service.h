@@ -7,7 +7,7 @@
 // wait for them, for a bounded time.
 
 #include "common/util/clock.h"
-#include "platform/rpc/server.h"
+#include "platform/rpc/server/server.h"
 #include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_state.h"
 

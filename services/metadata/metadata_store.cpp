@@ -1,8 +1,8 @@
 #include "services/metadata/metadata_store.h"
 
 #include "cluster/cluster_zkadapter.h"
+#include "common/log/logging.h"
 #include "common/util/clock.h"
-#include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/service_status.h"
 #include "services/common/variable_record.h"

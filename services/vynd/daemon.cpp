@@ -1,16 +1,16 @@
 #include "services/vynd/daemon.h"
 
 #include "common/api/base_api_util.h"
+#include "common/config/configuration.h"
+#include "common/config/env_helper.h"
+#include "common/log/log.h"
+#include "common/log/logging.h"
 #include "common/rpc/rpc_setter.h"
-#include "common/util/configuration.h"
-#include "common/util/env_helper.h"
 #include "common/util/file_util.h"
-#include "common/util/log.h"
-#include "common/util/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/rpc_handlers.h"
 #include "services/config_check/config_check.h"
-#include "services/vynd/token_registry.h"
+#include "services/node/token_registry.h"
 
 #include <cerrno>
 #include <latch>

@@ -2,14 +2,14 @@
 
 // vynd as a whole: brings its parts up in order and takes them down in the opposite one.
 
-#include "platform/bmclient/node/fabric_node.h"
+#include "platform/fabric/node/fabric_node.h"
 #include "services/metadata/metadata_member.h"
+#include "services/node/metadata_client.h"
+#include "services/node/node_registry.h"
+#include "services/node/node_server.h"
+#include "services/node/reclaimer.h"
 #include "services/vynd/home_lock.h"
-#include "services/vynd/metadata_client.h"
-#include "services/vynd/node_registry.h"
-#include "services/vynd/node_server.h"
 #include "services/vynd/options.h"
-#include "services/vynd/reclaimer.h"
 
 #include <atomic>
 #include <functional>

@@ -1,10 +1,10 @@
 #include "cluster/cluster_zkadapter.h"
 
 #include "cluster/zk_session.h"
-#include "common/util/configuration.h"
-#include "common/util/env_helper.h"
+#include "common/config/configuration.h"
+#include "common/config/env_helper.h"
+#include "common/log/log.h"
 #include "common/util/file_util.h"
-#include "common/util/log.h"
 
 #include <unistd.h>
 

@@ -1,8 +1,8 @@
 #include "cluster/leader_rpc_engine.h"
 
 #include "common/api/base_api_util.h"
+#include "common/log/logging.h"
 #include "common/util/clock.h"
-#include "common/util/logging.h"
 #include "common/util/text.h"
 
 #include <chrono>

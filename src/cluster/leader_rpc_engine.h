@@ -12,8 +12,8 @@
 
 #include "cluster/leader_rpc_engine_pool.h"
 #include "cluster/meta_node_info.h"
+#include "common/config/configuration.h"
 #include "common/rpc/rpc_engine_base.h"
-#include "common/util/configuration.h"
 
 #include <cstdint>
 #include <functional>

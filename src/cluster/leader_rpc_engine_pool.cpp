@@ -1,6 +1,6 @@
 #include "cluster/leader_rpc_engine_pool.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 
 #include <utility>
 

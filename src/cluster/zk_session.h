@@ -2,7 +2,7 @@
 
 // What the sources of the adapter share: the session's handle and the forms of their log and audit lines.
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "platform/zk_helper/zk_helper.h"
 
 #include <atomic>

@@ -10,8 +10,8 @@
 //
 // Afterwards the node's account must agree with what it lists.
 
-#include "platform/bmclient/node/session.h"
-#include "platform/bmclient/wire/names.h"
+#include "platform/fabric/node/session.h"
+#include "platform/fabric/protocol/names.h"
 
 #include <sys/mman.h>
 

@@ -1,7 +1,7 @@
 // Any bytes as a configuration file: the parser and the store answer, and what they answer agrees.
 
-#include "common/util/configuration.h"
-#include "common/util/kv_parser.h"
+#include "common/config/configuration.h"
+#include "common/config/kv_parser.h"
 
 #include <cstdint>
 #include <cstdlib>

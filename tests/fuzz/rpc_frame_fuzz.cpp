@@ -2,7 +2,7 @@
 // sent, has a sound header, and its bytes are the peer's own. The first byte chooses the side and the size of
 // the pieces.
 
-#include "platform/rpc/frame_reader.h"
+#include "platform/rpc/wire/frame_reader.h"
 #include "support/memory_stream.h"
 
 #include <cstdlib>

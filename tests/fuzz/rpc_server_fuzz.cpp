@@ -5,7 +5,7 @@
 // The first byte is the length of the script, which is what happens and what the socket takes; the rest is
 // what the client says, behind a greeting of its own if the script does not say otherwise.
 
-#include "platform/rpc/server_connection.h"
+#include "platform/rpc/server/server_connection.h"
 #include "support/memory_stream.h"
 
 #include <fcntl.h>

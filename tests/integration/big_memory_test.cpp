@@ -3,13 +3,13 @@
 
 #include "vyn/big_memory.h"
 
+#include "common/log/error_info.h"
 #include "common/util/clock.h"
-#include "common/util/error_info.h"
 #include "support/block_contents.h"
 #include "support/captured_log.h"
 #include "support/fabric.h"
 #include "support/installation.h"
-#include "tessel/sdk/broadcast/base/sdk_state.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/broadcast.h"
 #include "vyn/status.h"
 

@@ -1,7 +1,7 @@
 // What takes the fabric's own time-outs to see.
 
-#include "platform/bmclient/wire/names.h"
-#include "platform/bmclient/wire/sockets.h"
+#include "platform/fabric/protocol/names.h"
+#include "platform/fabric/protocol/sockets.h"
 #include "support/fabric.h"
 
 #include <gtest/gtest.h>

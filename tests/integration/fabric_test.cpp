@@ -3,7 +3,7 @@
 
 #include "support/fabric.h"
 
-#include "platform/bmclient/wire/names.h"
+#include "platform/fabric/protocol/names.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -6,7 +6,7 @@
 // VYN_HOME and its kin come from the environment.
 
 #include "support/block_contents.h"
-#include "tessel/sdk/broadcast/base/sdk_state.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
 #include "vyn/broadcast.h"
 

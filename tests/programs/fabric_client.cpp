@@ -11,9 +11,9 @@
 //   reach PATH               errno of opening it for reading, 0 when that went well
 //   readonly NS TOKEN ID     what a descriptor for reading allows: "result mapped reopened" (errnos)
 
-#include "platform/bmclient/bm_functions.h"
-#include "platform/bmclient/wire/remote_node.h"
-#include "platform/bmclient/wire/sockets.h"
+#include "platform/fabric/client/bm_functions.h"
+#include "platform/fabric/protocol/remote_node.h"
+#include "platform/fabric/protocol/sockets.h"
 
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -5,7 +5,7 @@
 //
 // The first line of output is "ready PORT" or "failed TEXT".
 
-#include "platform/bmclient/node/fabric_node.h"
+#include "platform/fabric/node/fabric_node.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>

@@ -3,7 +3,7 @@
 
 #include "cluster/meta_node_info.h"
 #include "common/api/base_api_util.h"
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "vyn/status.h"
 

@@ -1,6 +1,6 @@
 // A libbmclient.so that does what a test's script says.
 
-#include "platform/bmclient/bm_functions.h"
+#include "platform/fabric/client/bm_functions.h"
 #include "tests/support/bm_script.h"
 
 #include <atomic>

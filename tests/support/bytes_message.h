@@ -2,7 +2,7 @@
 
 // A message whose payload is the text itself, for tests that look at the frame around it.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 #include "vyn/status.h"
 
 #include <string>

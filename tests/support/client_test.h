@@ -3,7 +3,7 @@
 // The ground of the clients' tests: the process's configuration, without TLS and authentication, and the
 // table of operations that each client is tested by.
 
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 #include "support/captured_log.h"
 #include "support/scripted_service.h"
 #include "support/temp_dir.h"

@@ -5,7 +5,7 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 #include "platform/ulog/ulog.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"

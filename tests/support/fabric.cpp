@@ -1,6 +1,6 @@
 #include "support/fabric.h"
 
-#include "platform/bmclient/wire/sockets.h"
+#include "platform/fabric/protocol/sockets.h"
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -3,8 +3,8 @@
 // Fabric nodes and clients for tests: nodes in this process or as processes of their own, each with a home
 // and a pool on tmpfs; and the check that a pool is left empty.
 
-#include "platform/bmclient/client/client.h"
-#include "platform/bmclient/node/fabric_node.h"
+#include "platform/fabric/client/client.h"
+#include "platform/fabric/node/fabric_node.h"
 #include "support/child_process.h"
 
 #include <gtest/gtest.h>

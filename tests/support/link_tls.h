@@ -2,7 +2,7 @@
 
 // Links under TLS for tests: certificates of a run, options of a node, settings of a client.
 
-#include "platform/bmclient/node/fabric_node.h"
+#include "platform/fabric/node/fabric_node.h"
 #include "platform/openssl_dl/openssl_dl.h"
 #include "platform/tls/client_setting.h"
 #include "support/certificates.h"

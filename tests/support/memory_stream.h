@@ -2,7 +2,7 @@
 
 // A stream of the transport whose bytes come from memory, in pieces that the bytes themselves decide.
 
-#include "platform/rpc/stream.h"
+#include "platform/net/stream.h"
 
 #include <algorithm>
 #include <cstdint>

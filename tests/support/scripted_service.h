@@ -3,9 +3,9 @@
 // A service on loopback that answers what a test tells it and notes what it receives, frame by frame. It
 // knows the frame by itself, so that a mistake in ours does not cancel out.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 #include "common/util/ref.h"
-#include "platform/rpc/server.h"
+#include "platform/rpc/server/server.h"
 
 #include <chrono>
 #include <cstdint>

@@ -2,7 +2,7 @@
 // Exit codes: 0 fine, perhaps with warnings; 1 complaints; anything else a wrong command line. Complaints and
 // warnings go to standard output, one a line.
 
-#include "common/util/configuration_catalogue.h"
+#include "common/config/configuration_catalogue.h"
 #include "services/config_check/config_check.h"
 
 #include <CLI/CLI.hpp>

@@ -1,8 +1,8 @@
 #include "common/api/base_api_util.h"
 
-#include "common/util/env_helper.h"
+#include "common/config/env_helper.h"
+#include "common/log/logging.h"
 #include "common/util/file_util.h"
-#include "common/util/logging.h"
 #include "platform/openssl_dl/openssl_dl.h"
 
 #include <dlfcn.h>

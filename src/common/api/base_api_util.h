@@ -7,7 +7,7 @@
 // The set-up functions belong to the thread that starts the process up: setenv is not safe beside getenv. The
 // security maps and the registry may be used from any thread.
 
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 #include "common/util/ref.h"
 
 #include <map>

@@ -1,7 +1,7 @@
 // The security maps: configuration keys under the names that the RPC layer knows.
 
 #include "common/api/base_api_util.h"
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "common/util/system.h"
 
 namespace vyn::common {

@@ -1,6 +1,6 @@
 #include "common/message/heart_beat_message.h"
 
-#include "common/util/message_codec.h"
+#include "common/message/message_codec.h"
 #include "schema/heart_beat_generated.h"
 
 namespace vyn::common {

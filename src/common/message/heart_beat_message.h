@@ -2,7 +2,7 @@
 
 // The heartbeat of a process, sent to the metadata service and to the tuning service.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include <cstdint>
 #include <string>

@@ -3,8 +3,8 @@
 // What the operations of the typed clients are written in: the check of an identifier, and the form in which
 // a refused argument or a failed call is reported.
 
+#include "common/log/logging.h"
 #include "common/util/input_check.h"
-#include "common/util/logging.h"
 
 #include <string>
 

@@ -1,8 +1,8 @@
 #include "common/rpc/rpc_engine.h"
 
+#include "common/log/logging.h"
+#include "common/log/time_counter.h"
 #include "common/util/clock.h"
-#include "common/util/logging.h"
-#include "common/util/time_counter.h"
 
 #include <cstring>
 #include <memory>

@@ -12,10 +12,10 @@
 // of its own. A failed call changes nothing: the engine can be used again and connects again when it has to.
 // The server half of the frame is static and may be used from any thread.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 #include "common/util/ref.h"
-#include "platform/rpc/client.h"
-#include "platform/rpc/server.h"
+#include "platform/rpc/client/client.h"
+#include "platform/rpc/server/server.h"
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "common/rpc/rpc_engine_base.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 
 namespace vyn::common {
 

@@ -5,8 +5,8 @@
 // Any number of threads may call SendCall at once, also while the derived client replaces its pool: a call
 // begins with the pool in use and hands its engine back to the one in use when it ends.
 
+#include "common/message/base_message.h"
 #include "common/rpc/rpc_engine_pool.h"
-#include "common/util/base_message.h"
 #include "common/util/ref.h"
 
 #include <cstdint>

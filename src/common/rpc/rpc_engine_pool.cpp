@@ -1,6 +1,6 @@
 #include "common/rpc/rpc_engine_pool.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "common/util/system.h"
 
 #include <new>

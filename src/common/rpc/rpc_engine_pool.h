@@ -7,8 +7,8 @@
 // Any thread may take and return engines. The mutex is the innermost lock and is never held during a connect
 // or a call.
 
+#include "common/config/configuration.h"
 #include "common/rpc/rpc_engine.h"
-#include "common/util/configuration.h"
 #include "common/util/ref.h"
 
 #include <cstdint>

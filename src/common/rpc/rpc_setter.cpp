@@ -1,8 +1,8 @@
 #include "common/rpc/rpc_setter.h"
 
+#include "common/log/logging.h"
+#include "common/rpc/network.h"
 #include "common/util/file_util.h"
-#include "common/util/logging.h"
-#include "common/util/network.h"
 
 #include <cstdlib>
 #include <filesystem>

@@ -7,7 +7,7 @@
 // Stateless. Belongs to start-up, before the first connection and before other threads read the environment.
 // Nothing here fails the start-up: what cannot be found is a warning, and the variable stays as it was.
 
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 #include "common/util/ref.h"
 
 #include <string>

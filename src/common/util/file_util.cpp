@@ -1,6 +1,6 @@
 #include "common/util/file_util.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -1,6 +1,6 @@
 #include "common/util/input_check.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 
 #include <array>
 #include <cstring>

@@ -3,7 +3,7 @@
 // The messages about nodes, leader and applications rather than data. common/util/base_message.h tells how a
 // message is used and by whom.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include <cstdint>
 #include <string>

@@ -4,7 +4,7 @@
 // names, the vocabulary of the services and of their logs. A call carries the code beside the message; which
 // table applies follows from the port that was connected.
 
-#include "common/util/operation_table.h"
+#include "common/message/operation_table.h"
 
 /// Operations of the node-local server.
 #define VYN_SHUFFLE_SERVER_OPERATIONS(OPERATION) \

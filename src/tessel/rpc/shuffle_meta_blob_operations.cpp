@@ -1,9 +1,9 @@
 // Bags and blobs of the shuffle.
 
+#include "common/log/time_counter.h"
 #include "common/rpc/client_forms.h"
 #include "common/util/clock.h"
 #include "common/util/text.h"
-#include "common/util/time_counter.h"
 #include "tessel/message/operation_codes.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 

@@ -3,7 +3,7 @@
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 
 #include "common/api/base_api_util.h"
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "common/util/system.h"
 #include "tessel/rpc/server_rpc_engine_pool.h"
 

@@ -9,8 +9,8 @@
 // wire, with the cause in the log; 2000057 when the operation could not allocate its request. A refused
 // argument, a null request among them, sends nothing. Responses are the caller's objects, filled on success.
 
+#include "common/config/configuration.h"
 #include "common/rpc/rpc_engine_base.h"
-#include "common/util/configuration.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/shuffle/blob_messages.h"

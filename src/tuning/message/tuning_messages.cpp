@@ -1,6 +1,6 @@
 #include "tuning/message/tuning_messages.h"
 
-#include "common/util/message_codec.h"
+#include "common/message/message_codec.h"
 #include "schema/tuning_generated.h"
 
 namespace vyn {

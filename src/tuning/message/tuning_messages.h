@@ -4,7 +4,7 @@
 // it. Their tables are this system's own choice (schema/tuning.fbs). common/util/base_message.h tells how a
 // message is used and by whom.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include <map>
 #include <string>

@@ -2,7 +2,7 @@
 
 // The operation codes of the tuning service and their names.
 
-#include "common/util/operation_table.h"
+#include "common/message/operation_table.h"
 
 namespace vyn::tuning {
 

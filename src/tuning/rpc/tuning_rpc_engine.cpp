@@ -2,7 +2,7 @@
 
 #include "tuning/rpc/tuning_rpc_engine.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "tuning/rpc/tuning_rpc_engine_pool.h"
 
 #include <mutex>

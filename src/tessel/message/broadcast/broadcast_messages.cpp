@@ -1,6 +1,6 @@
 #include "tessel/message/broadcast/broadcast_messages.h"
 
-#include "common/util/message_codec.h"
+#include "common/message/message_codec.h"
 #include "schema/broadcast_generated.h"
 
 namespace vyn::tessel {

@@ -4,7 +4,7 @@
 // nodes. common/util/base_message.h tells how a message is used and by whom. Flags whose sense only the
 // services know keep the names that they have on the wire.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 #include "tessel/message/shuffle/bag_messages.h"
 
-#include "common/util/message_codec.h"
+#include "common/message/message_codec.h"
 #include "schema/bag_generated.h"
 
 namespace vyn::tessel {

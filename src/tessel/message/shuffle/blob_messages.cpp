@@ -1,7 +1,7 @@
 #include "tessel/message/shuffle/blob_messages.h"
 
-#include "common/util/logging.h"
-#include "common/util/message_codec.h"
+#include "common/log/logging.h"
+#include "common/message/message_codec.h"
 #include "schema/blob_generated.h"
 
 #include <algorithm>

@@ -4,7 +4,7 @@
 // metadata service. Values that only the services give sense keep the names that they have on the wire.
 // common/util/base_message.h tells how a message is used and by whom.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 #include "tessel/message/shuffle/shuffle_blob.h"
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "tessel/message/shuffle/local_blob_messages.h"
 
-#include "common/util/message_codec.h"
+#include "common/message/message_codec.h"
 #include "schema/local_blob_generated.h"
 
 namespace vyn::tessel {

@@ -4,7 +4,7 @@
 // system's own choice (schema/local_blob.fbs); the members that the client checks come first.
 // common/util/base_message.h tells how a message is used and by whom.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 #include "tessel/message/shuffle/shuffle_application.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 
 #include <new>
 

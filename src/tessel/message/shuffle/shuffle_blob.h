@@ -4,7 +4,7 @@
 // bytes, the root of its buffer, without a table around it. common/util/base_message.h tells how a message is
 // used and by whom.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include <array>
 #include <atomic>

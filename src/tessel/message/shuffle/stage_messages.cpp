@@ -1,6 +1,6 @@
 #include "tessel/message/shuffle/stage_messages.h"
 
-#include "common/util/message_codec.h"
+#include "common/message/message_codec.h"
 #include "schema/stage_generated.h"
 
 namespace vyn::tessel {

@@ -1,9 +1,9 @@
 // The exported switch of an application's heartbeats.
 
 #include "common/api/base_api_util.h"
+#include "common/log/logging.h"
 #include "common/util/input_check.h"
-#include "common/util/logging.h"
-#include "tessel/sdk/broadcast/base/sdk_frame.h"
+#include "tessel/sdk/start_up/sdk_frame.h"
 #include "vyn/broadcast.h"
 
 using vyn::Failed;

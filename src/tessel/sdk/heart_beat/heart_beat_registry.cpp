@@ -1,7 +1,7 @@
 // The registry of heartbeat senders: the members of BaseApiUtil that call upwards, to the typed clients.
 
 #include "common/api/base_api_util.h"
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "tessel/sdk/heart_beat/heart_beat_thread.h"
 
 #include <unistd.h>

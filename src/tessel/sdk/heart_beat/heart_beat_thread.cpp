@@ -1,7 +1,7 @@
 #include "tessel/sdk/heart_beat/heart_beat_thread.h"
 
+#include "common/log/logging.h"
 #include "common/util/clock.h"
-#include "common/util/logging.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"
 

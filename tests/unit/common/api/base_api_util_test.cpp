@@ -1,7 +1,7 @@
 #include "common/api/base_api_util.h"
 
-#include "common/util/configuration_catalogue.h"
-#include "common/util/error_info.h"
+#include "common/config/configuration_catalogue.h"
+#include "common/log/error_info.h"
 #include "platform/openssl_dl/openssl_dl.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"

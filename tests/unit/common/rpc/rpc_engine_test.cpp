@@ -1,7 +1,7 @@
 #include "common/rpc/rpc_engine.h"
 
+#include "common/log/time_counter.h"
 #include "common/util/clock.h"
-#include "common/util/time_counter.h"
 #include "support/bytes_message.h"
 #include "support/captured_log.h"
 #include "support/fake_clock.h"

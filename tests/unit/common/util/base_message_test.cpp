@@ -1,7 +1,7 @@
 // The frame of every message: input bytes and their owner, the builders of a thread, what is refused before
 // any field.
 
-#include "common/util/base_message.h"
+#include "common/message/base_message.h"
 
 #include "support/captured_log.h"
 #include "support/raw_table.h"

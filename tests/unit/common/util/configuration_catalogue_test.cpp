@@ -1,6 +1,6 @@
-#include "common/util/configuration_catalogue.h"
+#include "common/config/configuration_catalogue.h"
 
-#include "common/util/kv_parser.h"
+#include "common/config/kv_parser.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>

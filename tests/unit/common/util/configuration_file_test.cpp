@@ -1,4 +1,4 @@
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
 

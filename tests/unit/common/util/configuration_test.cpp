@@ -1,4 +1,4 @@
-#include "common/util/configuration.h"
+#include "common/config/configuration.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "common/util/env_helper.h"
+#include "common/config/env_helper.h"
 
 #include "support/temp_dir.h"
 

@@ -1,4 +1,4 @@
-#include "common/util/error_info.h"
+#include "common/log/error_info.h"
 
 #include "support/captured_log.h"
 #include "vyn/broadcast.h"

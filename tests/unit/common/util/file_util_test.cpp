@@ -1,6 +1,6 @@
 #include "common/util/file_util.h"
 
-#include "common/util/error_info.h"
+#include "common/log/error_info.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
 

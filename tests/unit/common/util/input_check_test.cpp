@@ -1,6 +1,6 @@
 #include "common/util/input_check.h"
 
-#include "common/util/error_info.h"
+#include "common/log/error_info.h"
 #include "support/captured_log.h"
 #include "vyn/broadcast.h"
 

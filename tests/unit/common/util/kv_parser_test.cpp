@@ -1,4 +1,4 @@
-#include "common/util/kv_parser.h"
+#include "common/config/kv_parser.h"
 
 #include "support/temp_dir.h"
 

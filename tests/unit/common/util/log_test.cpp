@@ -1,8 +1,8 @@
-#include "common/util/log.h"
+#include "common/log/log.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
+#include "common/log/time_counter.h"
 #include "common/util/system.h"
-#include "common/util/time_counter.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
 

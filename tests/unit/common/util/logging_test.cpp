@@ -1,4 +1,4 @@
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 
 #include "common/util/input_check.h"
 #include "support/captured_log.h"

@@ -1,4 +1,4 @@
-#include "common/util/network.h"
+#include "common/rpc/network.h"
 
 #include "support/captured_log.h"
 

@@ -1,4 +1,4 @@
-#include "common/util/validator.h"
+#include "common/config/validator.h"
 
 #include <gtest/gtest.h>
 

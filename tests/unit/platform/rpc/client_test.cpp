@@ -1,4 +1,4 @@
-#include "platform/rpc/client.h"
+#include "platform/rpc/client/client.h"
 
 #include "support/raw_socket.h"
 

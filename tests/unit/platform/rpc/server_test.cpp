@@ -1,7 +1,7 @@
-#include "platform/rpc/server.h"
+#include "platform/rpc/server/server.h"
 
-#include "platform/rpc/client.h"
-#include "platform/rpc/deadline.h"
+#include "platform/net/deadline.h"
+#include "platform/rpc/client/client.h"
 #include "support/raw_socket.h"
 
 #include <gmock/gmock.h>

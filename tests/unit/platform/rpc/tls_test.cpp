@@ -1,6 +1,6 @@
 #include "platform/openssl_dl/openssl_dl.h"
-#include "platform/rpc/client.h"
-#include "platform/rpc/server.h"
+#include "platform/rpc/client/client.h"
+#include "platform/rpc/server/server.h"
 #include "support/certificates.h"
 #include "support/raw_socket.h"
 

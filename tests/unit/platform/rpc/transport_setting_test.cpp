@@ -1,8 +1,8 @@
-#include "platform/rpc/transport_setting.h"
+#include "platform/net/transport_setting.h"
 
-#include "platform/rpc/client.h"
-#include "platform/rpc/dialer.h"
-#include "platform/rpc/server.h"
+#include "platform/net/dialer.h"
+#include "platform/rpc/client/client.h"
+#include "platform/rpc/server/server.h"
 #include "support/command.h"
 #include "support/raw_socket.h"
 

@@ -1,6 +1,6 @@
 #include "platform/ulog/ulog.h"
 
-#include "common/util/logging.h"
+#include "common/log/logging.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>

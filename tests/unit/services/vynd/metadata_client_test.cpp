@@ -1,4 +1,4 @@
-#include "services/vynd/metadata_client.h"
+#include "services/node/metadata_client.h"
 
 #include "services/common/service_status.h"
 #include "support/meta_client_test.h"

@@ -1,4 +1,4 @@
-#include "services/vynd/node_registry.h"
+#include "services/node/node_registry.h"
 
 #include "platform/zk_helper/zk_helper.h"
 #include "support/cluster_test.h"

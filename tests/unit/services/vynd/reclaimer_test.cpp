@@ -1,4 +1,4 @@
-#include "services/vynd/reclaimer.h"
+#include "services/node/reclaimer.h"
 
 #include "services/common/variable_record.h"
 #include "support/cluster_test.h"

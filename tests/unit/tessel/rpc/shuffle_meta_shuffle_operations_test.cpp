@@ -1,6 +1,6 @@
 // The operations about bags, blobs, stages, tasks and workers.
 
-#include "common/util/time_counter.h"
+#include "common/log/time_counter.h"
 #include "support/fake_clock.h"
 #include "support/meta_client_test.h"
 

@@ -4,7 +4,7 @@
 #include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
 #include "support/temp_dir.h"
-#include "tessel/sdk/big_memory/base/big_memory_client_api.h"
+#include "tessel/sdk/big_memory/big_memory_client_api.h"
 #include "vyn/big_memory.h"
 #include "vyn/status.h"
 

@@ -1,7 +1,7 @@
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
-#include "tessel/sdk/broadcast/base/sdk_state.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
 #include "vyn/broadcast.h"
 #include "vyn/status.h"

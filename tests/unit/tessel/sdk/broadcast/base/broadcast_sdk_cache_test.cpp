@@ -1,4 +1,4 @@
-#include "tessel/sdk/broadcast/base/broadcast_sdk_cache.h"
+#include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
 
 #include <gtest/gtest.h>
 

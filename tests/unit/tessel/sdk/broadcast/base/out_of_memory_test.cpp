@@ -2,8 +2,8 @@
 
 #include "support/captured_log.h"
 #include "support/sdk_world.h"
-#include "tessel/sdk/broadcast/base/base_api_broadcast.h"
-#include "tessel/sdk/broadcast/base/sdk_state.h"
+#include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

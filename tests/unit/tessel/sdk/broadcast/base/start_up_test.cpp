@@ -5,8 +5,8 @@
 #include "platform/zk_helper/zk_helper.h"
 #include "support/fake_clock.h"
 #include "support/sdk_world.h"
-#include "tessel/sdk/broadcast/base/base_api_broadcast.h"
-#include "tessel/sdk/broadcast/base/sdk_state.h"
+#include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
 
 #include <dlfcn.h>

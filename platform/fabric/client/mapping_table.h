@@ -1,0 +1,55 @@
+#pragma once
+
+// The mappings of this process that the library made: a mapping is undone with the object's id and its
+// address, and the length must be known. Threads: any.
+
+#include "platform/fabric/protocol/protocol.h"
+
+#include <sys/mman.h>
+
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace vyn::bm {
+
+class MappingTable {
+ public:
+  void Add(void* address, std::string_view id, std::size_t length) {
+    std::lock_guard lock(mMutex);
+    mMappings.insert_or_assign(address, Mapping{std::string(id), length});
+  }
+
+  /// Removes the mapping. Returns: 0; kBmLocalError when there is none of that object at that address.
+  int Remove(void* address, std::string_view id) {
+    std::lock_guard lock(mMutex);
+    const auto found = mMappings.find(address);
+    if (found == mMappings.end() || found->second.id != id || ::munmap(address, found->second.length) != 0) {
+      return kBmLocalError;
+    }
+    mMappings.erase(found);
+    return 0;
+  }
+
+  /// Forgets the mappings; they stay where they are.
+  void Clear() {
+    std::lock_guard lock(mMutex);
+    std::unordered_map<void*, Mapping>().swap(mMappings);
+  }
+
+  void LockForFork() { mMutex.lock(); }
+  void UnlockAfterFork() { mMutex.unlock(); }
+
+ private:
+  struct Mapping {
+    std::string id;
+    std::size_t length;
+  };
+
+  std::mutex
+      mMutex;  // guards mMappings; held while one is undone, so that its address is not new before it is gone
+  std::unordered_map<void*, Mapping> mMappings;
+};
+
+}  // namespace vyn::bm

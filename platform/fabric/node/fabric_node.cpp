@@ -1,0 +1,292 @@
+#include "platform/fabric/node/fabric_node.h"
+
+#include "platform/fabric/node/door.h"
+#include "platform/fabric/node/neighbours.h"
+#include "platform/fabric/node/pool/pool.h"
+#include "platform/fabric/node/pool/token_hash.h"
+#include "platform/fabric/node/pulled_copies.h"
+#include "platform/fabric/node/quiet_thread.h"
+#include "platform/fabric/node/session.h"
+#include "platform/fabric/protocol/link.h"
+#include "platform/fabric/protocol/sockets.h"
+
+#include <cerrno>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace vyn::bm {
+
+namespace {
+
+constexpr int kInfo = 2;
+constexpr int kWarn = 3;
+
+int Local(int result) { return result == -EIO ? kBmLocalError : result; }
+
+}  // namespace
+
+/// Everything of a running node. Members end in the reverse of their order: the doors first.
+struct FabricNode::Impl {
+  /// \param theIdentity, trust of links; null when they are plain.
+  Impl(const FabricNodeOptions& theOptions, std::shared_ptr<tls::TlsContext> theIdentity,
+       std::shared_ptr<tls::TlsContext> trust)
+      : options(theOptions),
+        identity(std::move(theIdentity)),
+        pool(options.nodeId, options.capacity),
+        neighbours(options.directory,
+                   {std::move(trust), [this](const std::string& text) { Log(kWarn, text); }}),
+        copies(pool, neighbours),
+        parts{options.nodeId,
+              pool,
+              copies,
+              neighbours,
+              options.namespaceGuard,
+              [this](const std::string& text) { Log(kWarn, text); }} {}
+
+  ~Impl() {
+    {
+      std::lock_guard lock(sweepMutex);
+      stopping = true;
+    }
+    sweepWake.notify_all();
+    copies.Stop();
+    if (sweeper.joinable()) {
+      sweeper.join();
+    }
+    links.reset();
+    if (broker) {
+      RemoveBrokerSocket(options.home);
+      broker.reset();
+    }
+    pool.Close();
+  }
+
+  bool Open(std::string& error);
+  void Log(int level, const std::string& text) const {
+    if (options.log != nullptr) {
+      options.log(level, "fabric node " + std::to_string(options.nodeId) + ": " + text);
+    }
+  }
+  std::unique_ptr<Door> MakeDoor(FileDescriptor listener, DoorKind kind);
+  /// The stream of a connection that came in. Returns: null when it is to be closed.
+  ByteStream* Admit(SocketStream& socket, DoorKind kind, const std::string& peer,
+                    std::unique_ptr<ByteStream>& secured) const;
+  void SweepNowAndThen();
+
+  const FabricNodeOptions options;
+  const std::shared_ptr<tls::TlsContext> identity;
+  Pool pool;
+  Neighbours neighbours;
+  PulledCopies copies;
+  NodeParts parts;
+  FileDescriptor brokerLock;
+  std::uint16_t linkPort = 0;
+  std::mutex sweepMutex;  // guards `stopping`
+  std::condition_variable sweepWake;
+  bool stopping = false;
+  std::thread sweeper;
+  std::unique_ptr<Door> broker;
+  std::unique_ptr<Door> links;
+};
+
+bool FabricNode::Impl::Open(std::string& error) {
+  if (options.capacity < Capacity::kPage || options.capacity > Capacity::kMaxSize) {
+    error = "the pool's capacity must be at least one page of " + std::to_string(Capacity::kPage) + " bytes";
+    return false;
+  }
+  if (!PrepareTokenHash()) {
+    error = "the machine gives no random numbers";
+    return false;
+  }
+  if (!pool.Open(
+          options.poolPath, [this](const std::string& text) { Log(kWarn, text); }, error)) {
+    return false;
+  }
+  pool.Bytes().SetReclaimer([this](std::uint64_t bytes) { return copies.Reclaim(bytes); });
+  FileDescriptor brokerListener;
+  if (!options.home.empty()) {
+    brokerListener = ListenAsBroker(options.home, brokerLock, error);
+    if (!brokerListener) {
+      return false;
+    }
+  }
+  if (!options.listenAddress.empty()) {
+    linkPort = options.linkPort;
+    FileDescriptor listener = ListenAsLink(options.listenAddress, linkPort, error);
+    if (!listener) {
+      if (brokerListener) {
+        RemoveBrokerSocket(options.home);
+      }
+      return false;
+    }
+    links = MakeDoor(std::move(listener), DoorKind::kLink);
+  }
+  if (brokerListener) {
+    broker = MakeDoor(std::move(brokerListener), DoorKind::kBroker);
+  }
+  sweeper = QuietThread([this] { SweepNowAndThen(); });
+  Log(kInfo, "up with " + std::to_string(pool.ObjectCount()) + " adopted objects, " +
+                 std::to_string(pool.Bytes().Used()) + " of " + std::to_string(options.capacity) +
+                 " bytes used");
+  return true;
+}
+
+std::unique_ptr<Door> FabricNode::Impl::MakeDoor(FileDescriptor listener, DoorKind kind) {
+  const bool link = kind == DoorKind::kLink;
+  const Door::Limits limits{link ? options.maxLinkConnections : options.maxBrokerConnections,
+                            options.maxConnectionsPerPeer};
+  const std::chrono::seconds idle(options.idleSeconds);
+  return std::make_unique<Door>(
+      std::move(listener), link, limits,
+      [this, kind, idle](SocketStream& socket, const std::string& peer,
+                         const std::function<void(bool)>& busy) {
+        std::unique_ptr<ByteStream> secured;
+        ByteStream* const stream = Admit(socket, kind, peer, secured);
+        if (stream == nullptr) {
+          return;
+        }
+        Session session(parts, kind);
+        session.End(ServeConnection(
+            *stream,
+            [&session](Exchange& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
+            idle, busy));
+      });
+}
+
+ByteStream* FabricNode::Impl::Admit(SocketStream& socket, DoorKind kind, const std::string& peer,
+                                    std::unique_ptr<ByteStream>& secured) const {
+  if (kind == DoorKind::kBroker) {
+    return &socket;
+  }
+  const std::chrono::milliseconds patience =
+      identity != nullptr ? kFrameTimeout : std::chrono::seconds(options.idleSeconds);
+  std::string error;
+  ByteStream* const stream = AcceptLink(socket, identity.get(), After(patience), secured, error);
+  if (!error.empty()) {
+    Log(kWarn, "a link from " + peer + " was refused: " + error);
+  }
+  return stream;
+}
+
+void FabricNode::Impl::SweepNowAndThen() {
+  std::unique_lock lock(sweepMutex);
+  while (!sweepWake.wait_for(lock, std::chrono::seconds(options.sweepSeconds), [this] { return stopping; })) {
+    lock.unlock();
+    try {
+      pool.CutGrown();
+    } catch (const std::exception& failure) {
+      Log(kWarn, std::string("could not cut back what was grown: ") + failure.what());
+    }
+    try {
+      copies.Sweep();
+    } catch (const std::exception& failure) {
+      Log(kWarn, std::string("could not look after the pulled copies: ") + failure.what());
+    }
+    lock.lock();
+  }
+}
+
+FabricNode::FabricNode() = default;
+FabricNode::~FabricNode() { Stop(); }
+
+bool FabricNode::Start(const FabricNodeOptions& options, std::string& error) {
+  if (mImpl != nullptr) {
+    error = "the node runs already";
+    return false;
+  }
+  std::shared_ptr<tls::TlsContext> identity;
+  std::shared_ptr<tls::TlsContext> trust;
+  if (options.linkTls && ((identity = tls::TlsContext::ForServer(options.linkIdentity, error)) == nullptr ||
+                          (trust = tls::TlsContext::ForClient(options.linkTrust, error)) == nullptr)) {
+    error = "links: " + error;
+    return false;
+  }
+  auto impl = std::make_unique<Impl>(options, std::move(identity), std::move(trust));
+  try {
+    if (!impl->Open(error)) {
+      return false;
+    }
+  } catch (const std::exception& failure) {
+    error = failure.what();
+    return false;
+  }
+  mImpl = std::move(impl);
+  return true;
+}
+
+void FabricNode::Stop() { mImpl.reset(); }
+
+FabricNodeStats FabricNode::Stats() const {
+  FabricNodeStats stats;
+  stats.capacity = mImpl->options.capacity;
+  stats.used = mImpl->pool.Bytes().Used();
+  for (const NamespaceInfo& info : mImpl->pool.Namespaces()) {
+    ++stats.namespaces;
+    stats.objects += info.objects;
+  }
+  const PulledCopies::Totals totals = mImpl->copies.Count();
+  stats.copies = totals.copies;
+  stats.copyBytes = totals.bytes;
+  stats.pulls = totals.pulls;
+  stats.connections =
+      (mImpl->broker ? mImpl->broker->Connections() : 0) + (mImpl->links ? mImpl->links->Connections() : 0);
+  return stats;
+}
+
+std::uint16_t FabricNode::LinkPort() const { return mImpl == nullptr ? 0 : mImpl->linkPort; }
+
+int FabricNode::CreateNamespace(const std::string& ns, const std::string& token) {
+  return Local(mImpl->pool.CreateNamespace(ns, token));
+}
+
+int FabricNode::DestroyNamespace(const std::string& ns) {
+  const NamespacePtr space = mImpl->pool.Find(ns);
+  return space == nullptr ? -ENOENT : Local(mImpl->pool.DestroyNamespace(space));
+}
+
+int FabricNode::CheckToken(const std::string& ns, const std::string& token) const {
+  NamespacePtr space;
+  return mImpl->pool.Enter({ns, token}, space);
+}
+
+int FabricNode::Allocate(const std::string& ns, std::uint64_t size, std::string& id) {
+  const NamespacePtr space = mImpl->pool.Find(ns);
+  return space == nullptr ? -ENOENT : Local(mImpl->pool.Allocate(space, size, id));
+}
+
+int FabricNode::Free(const std::string& ns, const std::string& id) {
+  const NamespacePtr space = mImpl->pool.Find(ns);
+  return space == nullptr ? -ENOENT : mImpl->pool.Free(space, id);
+}
+
+int FabricNode::FreeBatch(const std::string& ns, const std::vector<std::string>& ids) {
+  const NamespacePtr space = mImpl->pool.Find(ns);
+  int result = space == nullptr ? -ENOENT : 0;
+  for (const std::string& id : ids) {
+    const int freed = space == nullptr ? -ENOENT : mImpl->pool.Free(space, id);
+    result = result == 0 ? freed : result;
+  }
+  return result;
+}
+
+void FabricNode::DropCopies(const std::vector<std::string>& ids) {
+  for (const std::string& id : ids) {
+    mImpl->copies.Drop(id);
+  }
+}
+
+void FabricNode::DropCopies(const std::string& ns) { mImpl->copies.DropNamespace(ns); }
+
+std::vector<NamespaceInfo> FabricNode::Namespaces() const { return mImpl->pool.Namespaces(); }
+
+int FabricNode::Objects(const std::string& ns, std::vector<ObjectInfo>& objects) const {
+  const NamespacePtr space = mImpl->pool.Find(ns);
+  if (space == nullptr) {
+    return -ENOENT;
+  }
+  objects = Pool::Objects(space);
+  return 0;
+}
+
+}  // namespace vyn::bm

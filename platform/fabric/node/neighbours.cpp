@@ -1,0 +1,30 @@
+#include "platform/fabric/node/neighbours.h"
+
+namespace vyn::bm {
+
+namespace {
+
+/// Shorter than the time that this machine's own clients wait for the answer to what is forwarded.
+constexpr std::chrono::milliseconds kForwardTimeout{6000};
+
+}  // namespace
+
+std::shared_ptr<RemoteNode> Neighbours::Find(std::uint16_t nodeId) {
+  NodeAddress address;
+  if (mDirectory == nullptr || !mDirectory(nodeId, address)) {
+    return nullptr;
+  }
+  std::lock_guard lock(mMutex);
+  Known& known = mKnown[nodeId];
+  if (known.node == nullptr || known.address.host != address.host || known.address.port != address.port) {
+    known.address = address;
+    known.node = std::make_shared<RemoteNode>(
+        [address, security = mSecurity](Deadline deadline, int& result) {
+          return ConnectLink(address.host, address.port, security, deadline, result);
+        },
+        PeerRole::kNode, nodeId, Timeouts{kConnectTimeout, kForwardTimeout});
+  }
+  return known.node;
+}
+
+}  // namespace vyn::bm

@@ -1,0 +1,200 @@
+#pragma once
+
+// What a client of the memory fabric and a fabric node say to each other, and the texts and records that both
+// sides and their users share.
+//
+// Two doors lead to a node; both speak the frames below.
+//
+//   Broker   The UNIX socket <home>/run/bm_broker.sock, for the processes of the node's machine. The folder
+//            has mode 0755 and the socket 0666: every user of the machine may connect, and what a caller may
+//            reach is decided by the namespace and the token of each request. The broker hands out file
+//            descriptors, and forwards what concerns another node's objects.
+//   Link     A TCP port, for processes outside the fabric and for other nodes. Serves only the node's own
+//            objects: a link forwards nothing. Plain or under TLS 1.3, as the node is set; a peer that speaks
+//            the other way has a hello's answer with kBmRemoteProtocol, in a plain frame, and is closed.
+//
+// Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
+// the request's operation and sequence number. A client has at most kPipelineDepth requests under way on a
+// connection; a node does not count them, it takes the next one when it has answered the last. While it works
+// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers marked kFrameProgress, which
+// carry nothing. A frame that breaks a limit or the sequence ends the connection. A
+// node answers nothing before the hello, and closes a connection whose frame stays incomplete
+// (kFrameTimeout).
+//
+// Frame: FrameHeader, then `headLength` bytes of arguments, then `dataLength` bytes of an object's contents.
+// Everything is little-endian. Arguments are packed without padding, in the order told at Operation: integers
+// of their size; a text is its 16-bit length and its bytes, without NUL. Bytes left over after the arguments
+// are an error.
+//
+// Who learns what. The token is compared before anything else is looked up: a caller without the right token
+// learns that a namespace exists (-EACCES instead of -ENOENT), and never whether an object does. An object is
+// looked up only within the namespace named. The contents of another tenant's objects cannot be reached
+// without that tenant's token, even with their ids.
+
+#include "platform/fabric/client/bm_functions.h"
+
+#include <bit>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace vyn::bm {
+
+static_assert(std::endian::native == std::endian::little, "frames are written as they stand in memory");
+
+// --- Results
+//
+// A result is 0, a negative errno, or one of bm_functions.h. Those that a node gives:
+//   -EACCES                    wrong token
+//   -ENOENT                    no such namespace, or no such object in it
+//   kBmNamespaceInvalid        the text cannot name a namespace (1 to 255 letters, digits, "_", "-")
+//   kBmNamespaceExists         the namespace exists, with this very token
+//   kBmNotEnoughCapacity       neither the node's limit nor its file system has room
+//   kBmLocalError              a range beyond the object, an argument that makes no sense, a failure on this
+//                              machine
+//   kBmUnconnected             a node that is needed cannot be reached, or did not answer in time
+//   kBmRemoteFailed            the remote node failed in its own work
+//   kBmRemoteProtocol          the remote side answered what no fabric node answers, or is another node than
+//                              the one called; a link could not be secured: one side without TLS, a
+//                              certificate that is not trusted
+inline constexpr int kBmRemoteFailed = kBmRemoteErrorA;
+inline constexpr int kBmRemoteProtocol = kBmRemoteErrorC;
+
+// --- Texts
+
+/// The broker's folder below the home, and the socket in it.
+inline constexpr const char* kBrokerFolder = "run";
+inline constexpr const char* kBrokerSocket = "bm_broker.sock";
+
+inline constexpr std::size_t kMaxNamespaceLength = 255;
+inline constexpr std::size_t kMaxTokenLength = 4096;
+/// An object's id: 'b', four hexadecimal digits of the owner's node id, 55 random characters of
+/// [A-Za-z0-9_-].
+inline constexpr std::size_t kIdLength = kBmIdLength;
+
+// --- Frames
+
+inline constexpr std::uint32_t kFrameMagic = 0x314d4256;  // "VBM1"
+inline constexpr std::uint16_t kProtocolVersion = 1;
+
+/// Caps, checked before anything is allocated.
+inline constexpr std::uint32_t kMaxHeadLength = 80U << 10U;
+inline constexpr std::uint32_t kMaxDataLength = 1U << 20U;
+inline constexpr std::uint32_t kMaxIdsPerFrame = 1024;
+/// No object can be larger, whatever a node's limit.
+inline constexpr std::uint64_t kMaxObjectSize = std::uint64_t{1} << 62U;
+/// Requests that a client has under way on one connection at a time.
+inline constexpr std::uint32_t kPipelineDepth = 8;
+
+/// FrameHeader::flags: an interim answer; the final one follows.
+inline constexpr std::uint16_t kFrameProgress = 1;
+
+struct FrameHeader {
+  std::uint32_t magic;       ///< kFrameMagic
+  std::uint16_t operation;   ///< an Operation
+  std::uint16_t flags;       ///< 0 or kFrameProgress
+  std::uint32_t sequence;    ///< counts the requests of a connection; an answer repeats it
+  std::int32_t result;       ///< of an answer; 0 in a request
+  std::uint32_t headLength;  ///< at most kMaxHeadLength
+  std::uint32_t dataLength;  ///< at most kMaxDataLength; only kWrite's request and kRead's answer carry data
+};
+static_assert(sizeof(FrameHeader) == 24);
+
+/// Who opens a connection.
+enum class PeerRole : std::uint16_t { kClient = 1, kNode = 2 };
+
+/// kHello's wish for whatever node answers.
+inline constexpr std::uint32_t kAnyNode = 0xffffffff;
+
+/// A frame's operation: arguments of the request -> of a successful answer. An answer with a result other
+/// than 0 carries no arguments and no data. "secured" stands for: text ns, text token.
+enum class Operation : std::uint16_t {
+  /// u16 version, u16 PeerRole, u32 node id expected or kAnyNode -> u16 node id.
+  /// kBmRemoteProtocol when the node is another one or speaks another version.
+  kHello = 1,
+  /// -> u16 node id, u64 capacity, u64 used bytes, u64 objects.
+  kQuery = 2,
+  /// u16 node, secured ->
+  kCreateNamespace = 3,
+  /// u16 node, secured ->
+  kDestroyNamespace = 4,
+  /// u16 node, secured, u64 size -> text id
+  kAllocate = 5,
+  /// secured, text id, u64 new size ->
+  kExpand = 6,
+  /// secured, text id ->
+  kFree = 7,
+  /// secured, u16 count (at most kMaxIdsPerFrame), that many texts: ids of one owner ->
+  /// Frees all that can be freed; then the first failure, if any.
+  kFreeBatch = 8,
+  /// Broker only. secured, text id, u8 wish for writing -> u64 size, u8 writable; with the answer a file
+  /// descriptor (SCM_RIGHTS). A local object's descriptor is for reading only unless writing was wished for.
+  /// An object of another node is first pulled into this node's pool, once for all who ask; its copy is for
+  /// reading only, whatever was wished.
+  kOpen = 9,
+  /// secured, text id -> u64 size
+  kStat = 10,
+  /// secured, text id, u64 offset, u64 rest, u32 length -> and `length` bytes of data.
+  /// `rest` is what the whole transfer still wants from `offset` on: a transfer that does not fit into the
+  /// object
+  /// is refused at its first request, though it is made in many.
+  kRead = 11,
+  /// secured, text id, u64 offset, u64 rest; and the data ->
+  kWrite = 12,
+  /// secured, text id, u64 offset: the source; secured, text id, u64 offset: the destination; u64 length ->
+  /// Both objects belong to one node. Ranges of one object may overlap.
+  kCopy = 13,
+  /// Link only. u16 count (at most kMaxIdsPerFrame), that many texts: ids -> `count` times u8: 1 while the
+  /// node has the object, else 0. By it a node learns which of its pulled copies have lost their original.
+  /// Needs no token: an id cannot be guessed, and who knows it learns one bit.
+  kExist = 14,
+};
+
+// --- Time
+//
+// Every wait ends. These are the defaults of both sides.
+
+/// For a connection to stand, its hello included.
+inline constexpr std::chrono::milliseconds kConnectTimeout{3000};
+/// For the next sign of life of an answer that is due: an answer, some of its data, or an interim one where
+/// the operation has such.
+inline constexpr std::chrono::milliseconds kAnswerTimeout{10000};
+/// An answer that makes the node reserve pages is given this much more for each GiB.
+inline constexpr std::chrono::milliseconds kAnswerTimePerGiB{4000};
+/// No more than this, however large the object.
+inline constexpr std::chrono::milliseconds kMaxReserveTime{60000};
+/// For the rest of a frame that has begun.
+inline constexpr std::chrono::milliseconds kFrameTimeout{10000};
+/// A node at work sends an interim answer this often.
+inline constexpr std::chrono::milliseconds kProgressInterval{2000};
+/// For an answer, however many interim ones come before it.
+inline constexpr std::chrono::milliseconds kLongestAnswer{3600 * 1000};
+
+// --- Records of libbmclient.so that its callers fill
+
+/// BmGatherContext::type of a gather list: BmGatherPiece records. `kind` and the pass-through argument of
+/// BM_GatherSec are not used.
+///
+/// All pieces are looked at before the first byte is moved: one that is refused leaves the destination alone.
+/// An existing destination (0x80) must have room for all of them. For a new one (0x100) an object of exactly
+/// their length is allocated - on the node of this machine, or, in a process outside the fabric, on the node
+/// of the first piece - and its id is written to the destination context's `bmId`, a buffer of at least 61
+/// bytes; a gather that fails frees it again.
+inline constexpr std::uint64_t kGatherPieces = kBmGatherPieces;
+using ::BmGatherPiece;
+
+/// BM_GatherSec's flags.
+inline constexpr unsigned int kGatherExisting = 0x80;
+inline constexpr unsigned int kGatherNew = 0x100;
+
+/// BM_QueryResAttri's record as this library fills it. All but the node id are the state at the moment.
+struct NodeAttributes {
+  std::uint32_t nodeId;
+  std::uint32_t reserved;
+  std::uint64_t capacity;  ///< bytes
+  std::uint64_t used;      ///< bytes, pulled copies included
+  std::uint64_t objects;   ///< without pulled copies
+};
+static_assert(sizeof(NodeAttributes) == 32 && sizeof(NodeAttributes) == sizeof(BmResourceAttributes));
+
+}  // namespace vyn::bm

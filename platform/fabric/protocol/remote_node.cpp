@@ -1,0 +1,377 @@
+#include "platform/fabric/protocol/remote_node.h"
+
+#include "platform/fabric/protocol/access.h"
+
+#include <algorithm>
+
+namespace vyn::bm {
+
+namespace {
+
+constexpr std::size_t kMaxIdle = 16;
+// Well below the time after which a node closes idle connections.
+constexpr std::chrono::seconds kMaxIdleTime{240};
+
+int ResultOf(IoStatus status) {
+  switch (status) {
+    case IoStatus::kOk:
+      return 0;
+    case IoStatus::kClosed:
+    case IoStatus::kReset:
+    case IoStatus::kTimeout:
+      return kBmUnconnected;
+    case IoStatus::kFailed:
+      break;
+  }
+  return kBmRemoteProtocol;
+}
+
+std::chrono::milliseconds TimeFor(std::uint64_t size) {
+  const std::uint64_t gibibytes = std::min<std::uint64_t>(size >> 30U, 1024) + 1;
+  return std::min(kAnswerTimePerGiB * static_cast<std::chrono::milliseconds::rep>(gibibytes),
+                  kMaxReserveTime);
+}
+
+}  // namespace
+
+int RemoteNode::Hello(Channel& channel, Deadline deadline) {
+  const auto left = [deadline] {
+    return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  };
+  Writer head;
+  head.Put(kProtocolVersion).Put(static_cast<std::uint16_t>(mRole)).Put(mExpectedNode);
+  IoStatus status = channel.SendRequest(Operation::kHello, head.Bytes(), nullptr, 0, left());
+  std::string answer;
+  int result = 0;
+  std::uint32_t dataLength = 0;
+  if (status == IoStatus::kOk) {
+    status = channel.ReadAnswer(Operation::kHello, result, answer, dataLength, left());
+  }
+  if (status != IoStatus::kOk || result != 0) {
+    return status != IoStatus::kOk ? ResultOf(status) : result;
+  }
+  Reader reader(answer);
+  const auto nodeId = reader.Get<std::uint16_t>();
+  if (!reader.Complete() || dataLength != 0 || (mExpectedNode != kAnyNode && nodeId != mExpectedNode)) {
+    return kBmRemoteProtocol;
+  }
+  std::lock_guard lock(mMutex);
+  mNodeId = nodeId;
+  return 0;
+}
+
+int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
+  for (;;) {
+    {
+      std::lock_guard lock(mMutex);
+      if (mIdle.empty()) {
+        break;
+      }
+      channel = std::move(mIdle.back());
+      mIdle.pop_back();
+    }
+    if (std::chrono::steady_clock::now() - channel->mIdleSince < kMaxIdleTime && channel->Usable()) {
+      channel->mReused = true;
+      return 0;
+    }
+  }
+  int result = kBmUnconnected;
+  const Deadline deadline = After(mTimeouts.connect);
+  auto stream = mConnect(deadline, result);
+  if (stream == nullptr) {
+    return result;
+  }
+  channel = std::make_unique<Channel>(std::move(stream));
+  return Hello(*channel, deadline);
+}
+
+int RemoteNode::Broken(const Channel& channel, IoStatus status) {
+  if (channel.mReused && status != IoStatus::kFailed) {
+    std::vector<std::unique_ptr<Channel>> dropped;  // outside the lock
+    std::lock_guard lock(mMutex);
+    dropped.swap(mIdle);
+  }
+  return ResultOf(status);
+}
+
+void RemoteNode::Release(std::unique_ptr<Channel> channel) {
+  channel->mIdleSince = std::chrono::steady_clock::now();
+  std::lock_guard lock(mMutex);
+  if (mIdle.size() < kMaxIdle) {
+    mIdle.push_back(std::move(channel));
+  }
+}
+
+void RemoteNode::UnlockAfterFork(bool child) {
+  if (child) {
+    mIdle.clear();
+  }
+  mMutex.unlock();
+}
+
+int RemoteNode::Reach(std::uint16_t* nodeId) {
+  std::unique_ptr<Channel> channel;
+  if (const int result = Acquire(channel); result != 0) {
+    return result;
+  }
+  const bool reused = channel->mReused;
+  Release(std::move(channel));
+  if (reused) {
+    // A host that was lost shows only in an answer that does not come. It may be back: what was kept is gone
+    // by then, and the second question goes over a new connection.
+    NodeAttributes attributes;
+    if (Query(attributes) != 0) {
+      if (const int result = Query(attributes); result != 0) {
+        return result;
+      }
+    }
+  }
+  if (nodeId != nullptr) {
+    std::lock_guard lock(mMutex);
+    *nodeId = mNodeId;
+  }
+  return 0;
+}
+
+int RemoteNode::Call(Operation operation, std::string_view head, std::string& answer,
+                     std::chrono::milliseconds extra, FileDescriptor* descriptor, const Progress& progress) {
+  std::unique_ptr<Channel> channel;
+  if (const int result = Acquire(channel); result != 0) {
+    return result;
+  }
+  IoStatus status = channel->SendRequest(operation, head, nullptr, 0, mTimeouts.answer);
+  int result = 0;
+  std::uint32_t dataLength = 0;
+  if (status == IoStatus::kOk) {
+    status = channel->ReadAnswer(operation, result, answer, dataLength, mTimeouts.answer + extra, progress);
+  }
+  if (status == IoStatus::kOk && dataLength != 0) {
+    status = IoStatus::kFailed;
+  }
+  if (status != IoStatus::kOk) {
+    return Broken(*channel, status);
+  }
+  FileDescriptor received = channel->TakeDescriptor();
+  if (descriptor != nullptr) {
+    *descriptor = std::move(received);
+  }
+  Release(std::move(channel));
+  return result;
+}
+
+int RemoteNode::Query(NodeAttributes& attributes) {
+  std::string answer;
+  if (const int result = Call(Operation::kQuery, {}, answer); result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  attributes = {};
+  attributes.nodeId = reader.Get<std::uint16_t>();
+  attributes.capacity = reader.Get<std::uint64_t>();
+  attributes.used = reader.Get<std::uint64_t>();
+  attributes.objects = reader.Get<std::uint64_t>();
+  return reader.Complete() ? 0 : kBmRemoteProtocol;
+}
+
+int RemoteNode::CreateNamespace(std::uint16_t node, const Access& access) {
+  Writer head;
+  Put(head.Put(node), access);
+  std::string answer;
+  return Call(Operation::kCreateNamespace, head.Bytes(), answer);
+}
+
+int RemoteNode::DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress) {
+  Writer head;
+  Put(head.Put(node), access);
+  std::string answer;
+  return Call(Operation::kDestroyNamespace, head.Bytes(), answer, {}, nullptr, progress);
+}
+
+int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id) {
+  if (size > kMaxObjectSize) {
+    return kBmNotEnoughCapacity;
+  }
+  Writer head;
+  Put(head.Put(node), access).Put(size);
+  std::string answer;
+  if (const int result = Call(Operation::kAllocate, head.Bytes(), answer, TimeFor(size)); result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  id = reader.Text();
+  return reader.Complete() && id.size() == kIdLength ? 0 : kBmRemoteProtocol;
+}
+
+int RemoteNode::Expand(const ObjectName& object, std::uint64_t size) {
+  if (size > kMaxObjectSize) {
+    return kBmNotEnoughCapacity;
+  }
+  Writer head;
+  Put(head, object).Put(size);
+  std::string answer;
+  return Call(Operation::kExpand, head.Bytes(), answer, TimeFor(size));
+}
+
+int RemoteNode::Free(const ObjectName& object) {
+  Writer head;
+  Put(head, object);
+  std::string answer;
+  return Call(Operation::kFree, head.Bytes(), answer);
+}
+
+int RemoteNode::FreeBatch(const Access& access, const std::vector<std::string_view>& ids,
+                          const Progress& progress) {
+  int first = 0;
+  for (std::size_t begin = 0; begin < ids.size(); begin += kMaxIdsPerFrame) {
+    const std::size_t count = std::min<std::size_t>(kMaxIdsPerFrame, ids.size() - begin);
+    Writer head;
+    Put(head, access).Put(static_cast<std::uint16_t>(count));
+    for (std::size_t index = 0; index < count; ++index) {
+      head.Text(ids[begin + index]);
+    }
+    std::string answer;
+    const int result = Call(Operation::kFreeBatch, head.Bytes(), answer, {}, nullptr, progress);
+    first = first == 0 ? result : first;
+  }
+  return first;
+}
+
+int RemoteNode::Open(const ObjectName& object, bool& writable, FileDescriptor& descriptor,
+                     std::uint64_t& size) {
+  Writer head;
+  Put(head, object).Put(static_cast<std::uint8_t>(writable));
+  std::string answer;
+  if (const int result = Call(Operation::kOpen, head.Bytes(), answer, {}, &descriptor, Channel::Wanted);
+      result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  size = reader.Get<std::uint64_t>();
+  writable = reader.Get<std::uint8_t>() != 0;
+  return reader.Complete() && descriptor ? 0 : kBmRemoteProtocol;
+}
+
+int RemoteNode::Stat(const ObjectName& object, std::uint64_t& size) {
+  Writer head;
+  Put(head, object);
+  std::string answer;
+  if (const int result = Call(Operation::kStat, head.Bytes(), answer); result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  size = reader.Get<std::uint64_t>();
+  return reader.Complete() ? 0 : kBmRemoteProtocol;
+}
+
+int RemoteNode::Copy(const ObjectName& source, std::uint64_t sourceOffset, const ObjectName& destination,
+                     std::uint64_t destinationOffset, std::uint64_t length, const Progress& progress) {
+  Writer head;
+  Put(head, source).Put(sourceOffset);
+  Put(head, destination).Put(destinationOffset).Put(length);
+  std::string answer;
+  return Call(Operation::kCopy, head.Bytes(), answer, {}, nullptr, progress);
+}
+
+int RemoteNode::Exist(const std::vector<std::string>& ids, std::vector<bool>& exist) {
+  Writer head;
+  head.Put(static_cast<std::uint16_t>(ids.size()));
+  for (const std::string& id : ids) {
+    head.Text(id);
+  }
+  std::string answer;
+  if (const int result = Call(Operation::kExist, head.Bytes(), answer); result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  exist.clear();
+  for (std::size_t index = 0; index < ids.size(); ++index) {
+    exist.push_back(reader.Get<std::uint8_t>() != 0);
+  }
+  return reader.Complete() ? 0 : kBmRemoteProtocol;
+}
+
+int RemoteNode::Transfer(Operation operation, const ObjectName& object, std::uint64_t offset,
+                         std::uint64_t length, std::uint64_t beyond, const Sink* sink, const Source* source) {
+  std::unique_ptr<Channel> channel;
+  if (const int result = Acquire(channel); result != 0) {
+    return result;
+  }
+  std::uint64_t asked = 0;
+  std::uint64_t done = 0;
+  std::uint32_t due = 0;
+  do {
+    // A transfer of nothing is one request, too: it finds out whether the object may be reached.
+    while (due < kPipelineDepth && (asked < length || (length == 0 && due == 0))) {
+      const auto chunk = static_cast<std::uint32_t>(std::min<std::uint64_t>(kMaxDataLength, length - asked));
+      Writer head;
+      Put(head, object).Put(offset + asked).Put(length - asked + beyond);
+      const void* data = nullptr;
+      if (source == nullptr) {
+        head.Put(chunk);
+      } else if (data = (*source)(asked, chunk); data == nullptr) {
+        return kBmLocalError;
+      }
+      const IoStatus sent = channel->SendRequest(operation, head.Bytes(), data, source == nullptr ? 0 : chunk,
+                                                 mTimeouts.answer);
+      if (sent != IoStatus::kOk) {
+        return Broken(*channel, sent);
+      }
+      asked += chunk;
+      ++due;
+    }
+    int result = 0;
+    std::uint32_t dataLength = 0;
+    std::string answer;
+    if (const IoStatus status = channel->ReadAnswer(operation, result, answer, dataLength, mTimeouts.answer);
+        status != IoStatus::kOk) {
+      return Broken(*channel, status);
+    }
+    --due;
+    const std::uint64_t chunk = std::min<std::uint64_t>(kMaxDataLength, length - done);
+    if (dataLength != (result == 0 && sink != nullptr ? chunk : 0)) {
+      return kBmRemoteProtocol;
+    }
+    if (result != 0) {
+      if (due == 0) {
+        Release(std::move(channel));
+      }
+      return result;  // what else is under way ends with the channel
+    }
+    if (sink != nullptr) {
+      if (const IoStatus status = (*sink)(*channel, done, dataLength); status != IoStatus::kOk) {
+        return status == IoStatus::kFailed ? kBmLocalError : ResultOf(status);
+      }
+    }
+    done += chunk;
+  } while (due > 0 || done < length);
+  Release(std::move(channel));
+  return 0;
+}
+
+int RemoteNode::Read(const ObjectName& object, std::uint64_t offset, std::uint64_t length, const Sink& sink) {
+  return Transfer(Operation::kRead, object, offset, length, 0, &sink, nullptr);
+}
+
+int RemoteNode::Write(const ObjectName& object, std::uint64_t offset, std::uint64_t length,
+                      const Source& source) {
+  return Transfer(Operation::kWrite, object, offset, length, 0, nullptr, &source);
+}
+
+int RemoteNode::Read(const ObjectName& object, std::uint64_t offset, std::uint64_t length, void* buffer,
+                     std::uint64_t beyond) {
+  const Sink sink = [&](Channel& channel, std::uint64_t position, std::uint32_t count) {
+    return channel.ReadData(static_cast<char*>(buffer) + position, count, mTimeouts.answer);
+  };
+  return Transfer(Operation::kRead, object, offset, length, beyond, &sink, nullptr);
+}
+
+int RemoteNode::Write(const ObjectName& object, std::uint64_t offset, std::uint64_t length,
+                      const void* buffer, std::uint64_t beyond) {
+  static const char kNothing = 0;
+  const Source source = [&](std::uint64_t position, std::uint32_t) -> const void* {
+    return length == 0 ? &kNothing : static_cast<const char*>(buffer) + position;
+  };
+  return Transfer(Operation::kWrite, object, offset, length, beyond, nullptr, &source);
+}
+
+}  // namespace vyn::bm

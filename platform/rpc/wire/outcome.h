@@ -1,0 +1,19 @@
+#pragma once
+
+// How an internal step of the transport ended: a status and, when it failed, the words for an operator.
+
+#include "platform/rpc/wire/status.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vyn::rpc {
+
+struct [[nodiscard]] Outcome {
+  std::int32_t mStatus = kOk;
+  std::string mText;
+
+  bool Ok() const { return mStatus == kOk; }
+};
+
+}  // namespace vyn::rpc

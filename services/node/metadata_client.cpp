@@ -1,0 +1,109 @@
+#include "services/node/metadata_client.h"
+
+#include "cluster/meta_node_info.h"
+#include "common/log/logging.h"
+#include "common/util/clock.h"
+#include "services/common/service_status.h"
+#include "tessel/message/operation_codes.h"
+
+#include <shared_mutex>
+
+namespace vyn::services {
+
+namespace {
+
+constexpr auto kLeaderPause = std::chrono::milliseconds(20);
+constexpr auto kRetryPause = std::chrono::seconds(1);
+
+/// Whether another leader, or the same a moment later, may answer.
+bool IsTransient(std::uint32_t status) {
+  return status == VYN_ERR_RPC_TRANSPORT_A || status == VYN_ERR_RPC_TRANSPORT_B || status == kStatusNoLeader;
+}
+
+}  // namespace
+
+std::string KnownLeader() {
+  const auto record = common::MetaNodeInfo::GetInstance();
+  if (record == nullptr) {
+    return {};
+  }
+  std::shared_lock lock(record->mLeaderLock);
+  return record->mLeaderAddress;
+}
+
+std::string AwaitLeader(std::chrono::milliseconds limit, const std::function<bool()>& wanted) {
+  const auto end = common::SteadyNow() + limit;
+  std::string leader = KnownLeader();
+  while (leader.empty() && wanted() && common::SteadyNow() < end) {
+    common::SleepFor(kLeaderPause);
+    leader = KnownLeader();
+  }
+  return leader;
+}
+
+std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& engine) {
+  {
+    std::lock_guard lock(mMutex);
+    engine = mEngine;
+  }
+  if (engine != nullptr) {
+    return VYN_OK;
+  }
+  if (KnownLeader().empty()) {
+    return kStatusNoLeader;
+  }
+  engine = tessel::ShuffleMetaRPCEngine::CreateInstance(mLimits.connect.count(), false, nullptr);
+  VYN_CHECK_POINTER(engine);
+  // A leader that does not answer now is followed by the calls: only a client without a pool has to be made
+  // again.
+  const std::uint32_t status = engine->Initialize();
+  if (engine->mEnginePool == nullptr) {
+    return Failed(status) ? status : kStatusNoLeader;
+  }
+  std::lock_guard lock(mMutex);
+  if (mEngine == nullptr) {
+    mEngine = engine;
+  }
+  engine = mEngine;  // two first questions at once share one
+  return VYN_OK;
+}
+
+std::uint32_t MetadataClient::Ask(const common::Ref<tessel::BroadcastVar>& request,
+                                  const common::Ref<tessel::BroadcastBlockInfo>& response) {
+  common::Ref<tessel::ShuffleMetaRPCEngine> engine;
+  std::uint32_t status = Engine(engine);
+  if (!Failed(status)) {
+    status = engine->RefreshMasterNodeInfo(true);
+  }
+  return Failed(status) ? status
+                        : engine->SendCall(static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GET),
+                                           request, response, mLimits.call.count());
+}
+
+std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32_t id,
+                                     tessel::BroadcastBlockInfo& info) {
+  common::Ref<tessel::BroadcastVar> request(new (std::nothrow) tessel::BroadcastVar());
+  common::Ref<tessel::BroadcastBlockInfo> response(new (std::nothrow) tessel::BroadcastBlockInfo());
+  VYN_CHECK_POINTER(request);
+  VYN_CHECK_POINTER(response);
+  request->appId = application;
+  request->broadcastId = id;
+  const auto end = common::SteadyNow() + mLimits.lookUp;
+  std::uint32_t status = Ask(request, response);
+  while (IsTransient(status) && !mStopping.load(std::memory_order_relaxed) &&
+         common::SteadyNow() + kRetryPause < end) {
+    common::SleepFor(kRetryPause);
+    status = Ask(request, response);
+  }
+  if (Failed(status)) {
+    return status;
+  }
+  info.appId = std::move(response->appId);
+  info.broadcastId = response->broadcastId;
+  info.nodeId = response->nodeId;
+  info.bmIds = std::move(response->bmIds);
+  info.sizes = std::move(response->sizes);
+  return VYN_OK;
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,533 @@
+#include "services/node/node_server.h"
+
+#include "common/log/logging.h"
+#include "platform/fabric/protocol/protocol.h"
+#include "services/node/metadata_client.h"
+#include "services/node/token_registry.h"
+#include "tessel/message/operation_codes.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <unordered_set>
+
+namespace vyn::services {
+
+namespace {
+
+using namespace tessel;  // the messages
+
+/// The most blocks of one request.
+constexpr std::size_t kMaxBlocks = 500000;
+/// How long the question for the leader waits while there is none.
+constexpr auto kLeaderLimit = std::chrono::seconds(10);
+/// The most variables that wait to be asked for. So many do only while no leader answers.
+constexpr std::size_t kMaxQueued = 10000;
+/// The largest blob, in bytes; the client has the same limit.
+constexpr std::uint64_t kMaxBlobSize = std::uint64_t{20} << 20U;
+
+/// What a result of the pool is for a caller.
+std::uint32_t StatusOf(int result) {
+  switch (result) {
+    case 0:
+      return VYN_OK;
+    case kBmNotEnoughCapacity:
+      return VYN_ERR_OUT_OF_POOL_MEMORY;
+    case -ENOENT:
+      return kStatusNotRegistered;
+    case -EACCES:
+      return kStatusWrongToken;
+    case kBmNamespaceInvalid:
+      return kStatusInvalidRequest;
+    default:
+      VYN_LOG_ERROR("The pool of this node refused with " << result);
+      return kStatusFabric;
+  }
+}
+
+rpc::ServerOptions ServerOptionsOf(const NodeServerOptions& options) {
+  rpc::ServerOptions server = options.server;
+  server.mReport = [](const std::string& line) { VYN_LOG_WARN("Node server: " << line); };
+  return server;
+}
+
+/// Takes the fields over that travel.
+void Copy(const BroadcastBlockInfo& from, BroadcastBlockInfo& to) {
+  to.appId = from.appId;
+  to.broadcastId = from.broadcastId;
+  to.bmIds = from.bmIds;
+  to.sizes = from.sizes;
+  to.nodeId = from.nodeId;
+}
+
+void Answer(const Caller& caller, const BroadcastBlockInfo& variable) {
+  common::Ref<BroadcastBlockInfo> response(new (std::nothrow) BroadcastBlockInfo());
+  if (response == nullptr) {
+    caller.Refuse(VYN_ERR_NULL_POINTER);
+    return;
+  }
+  Copy(variable, *response);
+  caller.Answer(response);
+}
+
+/// What the object `bmId` gives to the number of its blob. Returns: 0 when it cannot be computed.
+std::uint64_t BlobHash(const std::string& bmId) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  std::uint64_t hash = 0;
+  if (EVP_Digest(bmId.data(), bmId.size(), digest.data(), nullptr, EVP_sha256(), nullptr) == 1) {
+    std::memcpy(&hash, digest.data(), sizeof(hash));
+  }
+  return hash;
+}
+
+/// What its bag gives to the number of a blob, which is both, xor.
+std::uint64_t BagHash(std::uint32_t bagId) {
+  return bagId * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: neighbours differ in all bits
+}
+
+/// Whether the leader's refusal may be out of date by the time that it arrives: the driver goes on meanwhile.
+bool CanComeTrue(std::uint32_t status) {
+  return status == kStatusUnknownVariable || status == kStatusNotReady;
+}
+
+/// A name and a token that the pool takes.
+bool CanRegister(const std::string& application, const std::string& token) {
+  return IsName(application) && application.size() <= bm::kMaxNamespaceLength &&
+         token.size() <= bm::kMaxTokenLength;
+}
+
+}  // namespace
+
+NodeServer::NodeServer(NodeServerOptions options, bm::FabricNode& fabric)
+    : mOptions(std::move(options)), mFabric(fabric), mServer(ServerOptionsOf(mOptions)) {
+  RegisterOperations();
+}
+
+NodeServer::~NodeServer() { Stop(); }
+
+bool NodeServer::Start(std::string& error) {
+  if (!mServer.Start("127.0.0.1", mOptions.port)) {
+    error = "the node server cannot listen on 127.0.0.1:" + std::to_string(mOptions.port) + ": " +
+            rpc::Server::mLastErrorMessage;
+    return false;
+  }
+  return true;
+}
+
+void NodeServer::Stop() {
+  mStopping = true;
+  mServer.Stop();
+}
+
+void NodeServer::RegisterOperations() {
+  RefuseAll(mServer, kStatusUnknownOperation);
+  Serve<ApplicationRegisterRequest, NodeIdResponse>(
+      mServer, ShuffleServer::APP_REGISTER, "APP_REGISTER",
+      [this](auto& request, auto& response, const std::string& peer) {
+        return RegisterApplication(request, response, peer);
+      });
+  ServeWithoutReply<ApplicationRegisterRequest>(
+      mServer, ShuffleServer::APP_UNREGISTER, "APP_UNREGISTER",
+      [this](auto& request, const std::string& peer) { return UnregisterApplication(request, peer); });
+  Serve<BlobCreateRequest, ShuffleBlob>(
+      mServer, ShuffleServer::BLOB_CREATE, "BLOB_CREATE",
+      [this](auto& request, auto& response, const std::string& peer) {
+        return CreateBlob(request, response, peer);
+      },
+      [this](const auto& request, const auto& response) {
+        TakeBack("BLOB_CREATE", request.ns, {response.blobText});
+      });
+  ServeWithoutReply<BlobBatchDeleteRequest>(
+      mServer, ShuffleServer::BLOB_BATCH_DELETE, "BLOB_BATCH_DELETE",
+      [this](auto& request, const std::string& peer) { return DeleteBlobs(request, peer); });
+  for (const std::uint16_t code : {ShuffleServer::LOCAL_BLOB_GET, ShuffleServer::LOCAL_BLOB_COMMIT}) {
+    mServer.Register(
+        rpc::MessageId(code),
+        [code](const auto& context, const auto&) {
+          common::RpcEngine::SyncRpcReply(code, context, kStatusNotServed, nullptr, 0, 0);
+        },
+        rpc::HandlerKind::kQuick);
+  }
+  Serve<MetaLeaderInformation, MetaLeaderInformation>(
+      mServer, ShuffleServer::META_LEADER_INFO, "META_LEADER_INFO",
+      [this](auto&, auto& response, const std::string&) -> std::uint32_t {
+        // Executors ask once, also while the first leader of a cluster is being elected.
+        response.metaLeaderInfo = AwaitLeader(kLeaderLimit, [this] { return !mStopping; });
+        return response.metaLeaderInfo.empty() ? kStatusNoLeader : VYN_OK;
+      });
+  Serve<BroadcastBlockBatch, BroadcastBlockInfo>(
+      mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_CREATE, "BROADCAST_BLOCK_BATCH_CREATE",
+      [this](auto& request, auto& response, const std::string&) { return CreateBlocks(request, response); },
+      [this](const auto& request, const auto& response) {
+        TakeBack("BROADCAST_BLOCK_BATCH_CREATE", request.appId, response.bmIds);
+      });
+  ServeRequests<BroadcastVar>(mServer, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH,
+                              "BROADCAST_BLOCK_BATCH_FETCH",
+                              [this](const common::Ref<BroadcastVar>& request, const Caller& caller) {
+                                FetchBlocks(*request, caller);
+                              });
+}
+
+bool NodeServer::IsRegistered(const std::string& application) const {
+  return mFabric.CheckToken(application, "") != -ENOENT;
+}
+
+std::uint64_t NodeServer::ObjectsOf(const std::string& application) const {
+  for (const bm::NamespaceInfo& info : mFabric.Namespaces()) {
+    if (info.name == application) {
+      return info.objects;
+    }
+  }
+  return 0;
+}
+
+class NodeServer::Making {
+ public:
+  Making(NodeServer& server, std::string application)
+      : mServer(server), mApplication(std::move(application)) {}
+  ~Making() { Done(mCount); }
+  Making(const Making&) = delete;
+  Making& operator=(const Making&) = delete;
+
+  /// Returns: false when the application would have more than it may.
+  bool Begin(std::uint64_t count) {
+    std::lock_guard lock(mServer.mMakingMutex);
+    std::uint64_t& making = mServer.mMaking[mApplication];
+    const bool allowed = mServer.ObjectsOf(mApplication) + making + count <= mServer.mOptions.maxObjects;
+    mCount = allowed ? count : 0;
+    making += mCount;
+    return allowed;
+  }
+  /// So many are in the pool by now.
+  void Done(std::uint64_t count) {
+    std::lock_guard lock(mServer.mMakingMutex);
+    mCount -= count;
+    const auto making = mServer.mMaking.find(mApplication);
+    if (making != mServer.mMaking.end() && (making->second -= count) == 0) {
+      mServer.mMaking.erase(making);
+    }
+  }
+
+ private:
+  NodeServer& mServer;
+  const std::string mApplication;
+  std::uint64_t mCount = 0;
+};
+
+std::uint32_t NodeServer::CheckToken(const std::string& application, const std::string& token,
+                                     const char* operation, const std::string& peer) const {
+  const std::uint32_t status = StatusOf(mFabric.CheckToken(application, token));
+  if (status == kStatusWrongToken) {
+    Audit(peer, operation, application, status);
+  }
+  return status;
+}
+
+std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& request, NodeIdResponse& response,
+                                              const std::string& peer) {
+  if (!CanRegister(request.ns, request.token)) {
+    return kStatusInvalidRequest;
+  }
+  std::uint32_t status = FixToken(request.ns, request.token);
+  // The name's earlier life is over by now, and what it has left here must not be taken for the new one's.
+  // Later its entries would end the new application.
+  if (!Failed(status) && mOptions.reclaim && !mOptions.reclaim(request.ns)) {
+    status = kStatusStore;
+  }
+  if (!Failed(status)) {
+    const int result = mFabric.CreateNamespace(request.ns, request.token);
+    status = result == kBmNamespaceExists ? VYN_OK : StatusOf(result);
+  }
+  Audit(peer, "register_application", request.ns, status);
+  if (Failed(status)) {
+    return status;
+  }
+  response.nodeId = mOptions.nodeId;
+  response.isMfNode = true;
+  return VYN_OK;
+}
+
+std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request,
+                                                const std::string& peer) {
+  if (!IsName(request.ns)) {
+    return kStatusInvalidRequest;  // nor does it go into the audit log
+  }
+  const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
+  Audit(peer, "unregister_application", request.ns, status);
+  if (!Failed(status)) {
+    std::lock_guard lock(mMutex);
+    ForgetVariables(request.ns);
+  }
+  return status;
+}
+
+std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBlockInfo& response) {
+  if (!IsName(request.appId) || request.sizes.empty() || request.sizes.size() > kMaxBlocks) {
+    return kStatusInvalidRequest;
+  }
+  if (std::find(request.sizes.begin(), request.sizes.end(), 0U) != request.sizes.end()) {
+    return kStatusInvalidRequest;
+  }
+  if (!IsRegistered(request.appId)) {
+    return kStatusNotRegistered;
+  }
+  Making making(*this, request.appId);
+  if (!making.Begin(request.sizes.size())) {
+    return kStatusLimit;
+  }
+  response.appId = request.appId;
+  response.broadcastId = request.broadcastId;
+  response.nodeId = mOptions.nodeId;
+  response.sizes = request.sizes;
+  response.bmIds.reserve(request.sizes.size());
+  for (const std::uint64_t size : request.sizes) {
+    std::string bmId;
+    const int result = mFabric.Allocate(request.appId, size, bmId);
+    if (result != 0) {
+      // All or none: the caller learns of none of them.
+      mFabric.FreeBatch(request.appId, response.bmIds);
+      return StatusOf(result);
+    }
+    making.Done(1);
+    response.bmIds.push_back(std::move(bmId));
+  }
+  return VYN_OK;
+}
+
+void NodeServer::TakeBack(const char* operation, const std::string& application,
+                          const std::vector<std::string>& bmIds) {
+  VYN_LOG_WARN("The answer to " << operation << " of application " << application
+                                << " did not reach its caller, " << bmIds.size()
+                                << " objects are given back");
+  mOptions.giveBack(application, bmIds);
+}
+
+void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) {
+  if (!IsName(request.appId)) {
+    caller.Refuse(kStatusInvalidRequest);
+    return;
+  }
+  if (!IsRegistered(request.appId)) {
+    caller.Refuse(kStatusNotRegistered);
+    return;
+  }
+  Flight flight({request.appId, request.broadcastId}, 0);
+  common::Ref<BroadcastBlockInfo> known;
+  bool tooMany = false;
+  {
+    std::lock_guard lock(mMutex);
+    if (const auto found = mVariables.find(flight.first); found != mVariables.end()) {
+      known = found->second;
+    } else {
+      flight.second = mForgets;
+      const auto [waiting, first] = mFlights.try_emplace(flight, std::vector<Caller>{caller});
+      if (!first) {
+        waiting->second.push_back(caller);
+        return;
+      }
+      if (mAsking < std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)) {
+        ++mAsking;
+      } else if (mQueued.size() < kMaxQueued) {
+        mQueued.push_back(flight);
+        return;
+      } else {
+        mFlights.erase(waiting);
+        tooMany = true;
+      }
+    }
+  }
+  if (known != nullptr) {
+    Answer(caller, *known);
+  } else if (tooMany) {
+    caller.Refuse(kStatusNoLeader);
+  } else {
+    LookUpAll(flight);
+  }
+}
+
+void NodeServer::LookUpAll(Flight flight) {
+  std::uint32_t status = LookUp(flight);
+  while (TakeQueued(flight)) {
+    if (Failed(status) && !CanComeTrue(status)) {
+      RefuseQueued(flight, status);  // who has waited while the leader was asked in vain
+    } else {
+      status = LookUp(flight);
+    }
+  }
+}
+
+bool NodeServer::TakeQueued(Flight& flight) {
+  std::lock_guard lock(mMutex);
+  if (mQueued.empty()) {
+    --mAsking;
+    return false;
+  }
+  flight = std::move(mQueued.front());
+  mQueued.pop_front();
+  return true;
+}
+
+void NodeServer::RefuseQueued(const Flight& flight, std::uint32_t status) {
+  std::vector<Caller> waiting;
+  {
+    std::lock_guard lock(mMutex);
+    waiting = std::move(mFlights.extract(flight).mapped());
+  }
+  for (const Caller& caller : waiting) {
+    caller.Refuse(status);
+  }
+}
+
+std::uint32_t NodeServer::LookUp(const Flight& flight) {
+  for (;;) {
+    std::vector<Caller> before;
+    {
+      std::lock_guard lock(mMutex);
+      before.swap(mFlights.at(flight));
+    }
+    const common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
+    const std::uint32_t status = AskLeader(flight, found);
+    std::vector<Caller> since;
+    bool again = false;
+    {
+      std::lock_guard lock(mMutex);
+      const auto joined = mFlights.find(flight);
+      again = CanComeTrue(status) && !joined->second.empty();
+      if (!again) {
+        since.swap(joined->second);
+        mFlights.erase(joined);
+      }
+    }
+    for (const auto* callers : {&before, &since}) {
+      for (const Caller& caller : *callers) {
+        if (Failed(status)) {
+          caller.Refuse(status);
+        } else {
+          Answer(caller, *found);
+        }
+      }
+    }
+    if (!again) {
+      return status;
+    }
+  }
+}
+
+std::uint32_t NodeServer::AskLeader(const Flight& flight, const common::Ref<BroadcastBlockInfo>& found) {
+  const auto& [application, id] = flight.first;
+  if (found == nullptr) {
+    return VYN_ERR_NULL_POINTER;
+  }
+  try {
+    const std::uint32_t status = mOptions.lookUp(application, id, *found);
+    std::lock_guard lock(mMutex);
+    if (!Failed(status) && mForgets == flight.second) {
+      mVariables[flight.first] = found;
+    }
+    return status;
+  } catch (const std::exception& failure) {
+    VYN_LOG_ERROR("The look-up of variable " << id << " of " << application << " failed: " << failure.what());
+    return VYN_ERR_NULL_POINTER;
+  }
+}
+
+std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response,
+                                     const std::string& peer) {
+  if (!IsName(request.ns) || !IsName(request.bagName) || request.blobSize == 0 ||
+      request.blobSize > kMaxBlobSize) {
+    return kStatusInvalidRequest;
+  }
+  if (const std::uint32_t status = CheckToken(request.ns, request.token, "create_blob", peer);
+      Failed(status)) {
+    return status;
+  }
+  Making making(*this, request.ns);
+  if (!making.Begin(1)) {
+    return kStatusLimit;
+  }
+  std::string bmId;
+  if (const std::uint32_t status = StatusOf(mFabric.Allocate(request.ns, request.blobSize, bmId));
+      Failed(status)) {
+    return status;
+  }
+  common::Ref<ShuffleBlobId> id(new (std::nothrow) ShuffleBlobId());
+  if (id == nullptr) {
+    mFabric.Free(request.ns, bmId);
+    return VYN_ERR_NULL_POINTER;
+  }
+  id->bagId = request.blobNumber + 1U;  // never 0, which no caller takes for an id
+  id->innerId = BlobHash(bmId) ^ BagHash(id->bagId);
+  response.mId = id;
+  response.blobText = bmId;
+  return VYN_OK;
+}
+
+std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std::string& peer) {
+  if (const std::uint32_t status = CheckToken(request.ns, request.token, "delete_blobs", peer);
+      Failed(status)) {
+    return status;
+  }
+  std::unordered_set<std::uint64_t> wanted;
+  for (const auto& id : request.blobIdList) {
+    wanted.insert(id->innerId ^ BagHash(id->bagId));
+  }
+  std::vector<bm::ObjectInfo> objects;
+  if (const std::uint32_t status = StatusOf(mFabric.Objects(request.ns, objects)); Failed(status)) {
+    return status;
+  }
+  std::vector<std::string> bmIds;
+  for (const bm::ObjectInfo& object : objects) {
+    if (const std::uint64_t hash = BlobHash(object.id); hash != 0 && wanted.count(hash) != 0) {
+      bmIds.push_back(object.id);
+    }
+  }
+  mFabric.FreeBatch(request.ns, bmIds);  // one that is gone already is what the caller wants
+  return VYN_OK;
+}
+
+void NodeServer::Forget(const std::string& application, std::uint32_t id) {
+  common::Ref<BroadcastBlockInfo> known;
+  {
+    std::lock_guard lock(mMutex);
+    ++mForgets;
+    if (auto found = mVariables.extract(Key(application, id))) {
+      known = std::move(found.mapped());
+    }
+  }
+  if (known != nullptr) {
+    mFabric.DropCopies(known->bmIds);
+  }
+}
+
+void NodeServer::ForgetVariables(const std::string& application) {
+  ++mForgets;
+  for (auto variable = mVariables.lower_bound(Key(application, 0));
+       variable != mVariables.end() && variable->first.first == application;) {
+    variable = mVariables.erase(variable);
+  }
+}
+
+void NodeServer::Forget(const std::string& application) {
+  {
+    std::lock_guard lock(mMutex);
+    ForgetVariables(application);
+  }
+  mFabric.DropCopies(application);
+}
+
+void NodeServer::ForgetAll() {
+  std::map<Key, common::Ref<BroadcastBlockInfo>> known;
+  {
+    std::lock_guard lock(mMutex);
+    ++mForgets;
+    known.swap(mVariables);
+  }
+  for (const auto& [key, variable] : known) {
+    mFabric.DropCopies(variable->bmIds);
+  }
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,169 @@
+#include "services/node/reclaimer.h"
+
+#include "common/log/logging.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "services/common/variable_record.h"
+#include "services/common/zookeeper_io.h"
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+
+namespace vyn::services {
+
+namespace {
+
+constexpr auto kPeriod = std::chrono::milliseconds(500);
+
+}  // namespace
+
+Reclaimer::Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
+                     std::function<void(const ReclaimEntry& entry)> forget)
+    : mNodeId(nodeId), mFabric(fabric), mForget(std::move(forget)) {}
+
+Reclaimer::~Reclaimer() { Stop(); }
+
+void Reclaimer::Start() {
+  mThread = std::thread([this] { Run(); });
+}
+
+void Reclaimer::Stop() {
+  {
+    std::lock_guard lock(mMutex);
+    mStopping = true;
+  }
+  mWake.notify_all();
+  if (mThread.joinable()) {
+    mThread.join();
+  }
+  FreeGivenBack();
+}
+
+void Reclaimer::GiveBack(const std::string& application, const std::vector<std::string>& bmIds) {
+  {
+    std::lock_guard lock(mMutex);
+    mGivenBack.emplace_back(application, bmIds);
+  }
+  mWake.notify_all();
+}
+
+void Reclaimer::FreeGivenBack() {
+  std::vector<std::pair<std::string, std::vector<std::string>>> given;
+  {
+    std::lock_guard lock(mMutex);
+    given.swap(mGivenBack);
+  }
+  for (const auto& [application, bmIds] : given) {
+    mFabric.FreeBatch(application, bmIds);  // the application may have ended meanwhile
+  }
+}
+
+void Reclaimer::Run() {
+  for (;;) {
+    try {
+      FreeGivenBack();
+      Drain();
+    } catch (const std::exception& failure) {  // no memory: the next round may have some
+      VYN_LOG_ERROR("This node's list could not be worked off: " << failure.what());
+    }
+    std::unique_lock lock(mMutex);
+    mWake.wait_for(lock, kPeriod, [this] { return mStopping || !mGivenBack.empty(); });
+    if (mStopping) {
+      return;
+    }
+  }
+}
+
+bool Reclaimer::Stopping() {
+  std::lock_guard lock(mMutex);
+  return mStopping;
+}
+
+bool Reclaimer::Drain(const std::string& application) {
+  const std::string list = ReclaimPath(mNodeId);
+  std::vector<std::string> names;
+  const int listed = zookeeper::Children(list, names);
+  if (listed != ZOK) {
+    return listed == ZNONODE;
+  }
+  bool done = true;
+  for (const std::string& name : names) {
+    if (Stopping()) {
+      return false;
+    }
+    FreeGivenBack();
+    const Outcome outcome = DrainEntry(list + "/" + name, application);
+    if (outcome == Outcome::kUnanswered) {
+      return false;  // nor would ZooKeeper answer for the next, each after a wait of its own
+    }
+    done = done && outcome != Outcome::kLater;
+  }
+  return done;
+}
+
+Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::string& application) {
+  std::lock_guard draining(mDraining);
+  std::string text;
+  if (const int result = zookeeper::Get(path, text); result != ZOK) {
+    return result == ZNONODE ? Outcome::kDone : Outcome::kUnanswered;
+  }
+  ReclaimEntry entry;
+  if (!ReclaimEntry::FromText(text, entry)) {
+    VYN_LOG_ERROR("The entry " << path << " cannot be read, it is dropped: " << text);
+    static_cast<void>(zookeeper::Delete(path));
+    return Outcome::kDone;
+  }
+  if (!application.empty() && entry.application != application) {
+    return Outcome::kDone;
+  }
+  const Outcome outcome = Handle(path, entry);
+  if (outcome != Outcome::kDone) {
+    return outcome;
+  }
+  mTold.erase(entry.variablePath);
+  mForgotten.erase(path);
+  const int deleted = zookeeper::Delete(path);
+  return deleted == ZOK || deleted == ZNONODE ? Outcome::kDone : Outcome::kLater;
+}
+
+Reclaimer::Outcome Reclaimer::Handle(const std::string& path, const ReclaimEntry& entry) {
+  // An entry of a variable may stay for long, and its number be in use again meanwhile.
+  if (mForget && (entry.variablePath.empty() || mForgotten.insert(path).second)) {
+    mForget(entry);
+  }
+  if (entry.variablePath.empty()) {
+    const int result = mFabric.DestroyNamespace(entry.application);
+    VYN_LOG_INFO("Application " << entry.application << " has ended, its memory on this node is free, result "
+                                << result);
+    return result == 0 || result == -ENOENT ? Outcome::kDone : Outcome::kLater;
+  }
+  return entry.owner ? FreeVariable(entry) : Outcome::kDone;
+}
+
+Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
+  VariableRecord record;
+  RecordRead read = ReadVariableRecord(entry.variablePath, record);
+  if (read == RecordRead::kAbsent) {
+    // Either it was done before, or a piece of its list is missing.
+    const int result = zookeeper::Exists(entry.variablePath);
+    if (result == ZNONODE) {
+      return Outcome::kDone;
+    }
+    read = result == ZOK ? RecordRead::kDamaged : RecordRead::kFailed;
+  }
+  if (read == RecordRead::kFailed) {
+    return Outcome::kUnanswered;
+  }
+  if (read == RecordRead::kDamaged && mFabric.CheckToken(entry.application, "") != -ENOENT) {
+    if (mTold.insert(entry.variablePath).second) {
+      VYN_LOG_ERROR("The blocks of " << entry.variablePath
+                                     << " cannot be freed, its record cannot be read; they stay "
+                                     << "until application " << entry.application << " ends");
+    }
+    return Outcome::kKept;
+  }
+  mFabric.FreeBatch(entry.application, record.blocks.bmIds);  // one that is gone already is no failure
+  return zookeeper::DeleteTree(entry.variablePath) == ZOK ? Outcome::kDone : Outcome::kLater;
+}
+
+}  // namespace vyn::services

@@ -1,0 +1,149 @@
+#pragma once
+
+// The process-wide typed key/value store.
+//
+// A new Configuration holds the whole catalogue (configuration_catalogue.h) at its defaults. A configuration
+// file can only change the value of a declared key: an unknown key refuses the file. Validate is a step of
+// its own, which no load runs.
+//
+// Threads: Get..., Set, SetWithTypeAutoConvert, Dump and DumpStr may be called from any thread. Add...Conf,
+// SetValidator and Validate belong to construction and start-up, as does the first load of the singleton.
+
+#include "common/config/validator.h"
+#include "common/util/ref.h"
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vyn::common {
+
+struct CatalogueGroup;
+
+enum ConfValueType : std::uint32_t {
+  CONF_INT = 0,
+  CONF_FLOAT = 1,
+  CONF_STRING = 2,
+  CONF_BOOL = 3,
+  CONF_LONG = 4,
+};
+
+/// When a validator runs; flags add up. kValidateAlways is no flag: it holds only by itself.
+enum ValidatorFlags : unsigned int {
+  kValidateAlways = 0,
+  kValidateAuthentication = 1,
+  kValidateTls = 2,
+  kValidateAuthorization = 4,
+  kValidateZookeeperSecurity = 8,
+};
+
+class Configuration : public Referable {
+ public:
+  /// Holds every key of the catalogue at its default.
+  Configuration();
+  ~Configuration() override = default;
+
+  /// Returns: the process's store, or an empty Ref before the first successful load.
+  static Ref<Configuration> GetInstance();
+  /// Loads the process's store from `path` if there is none yet. Returns: the store; an empty Ref if the load
+  /// failed, which may then be tried again.
+  static Ref<Configuration> GetInstance(const std::string& path);
+  /// The same load without a result.
+  static void InitInstance(const std::string& path);
+
+  /// Returns: a new store, the catalogue overlaid with the file at `path`. An unreadable file, an unknown key
+  /// or a value of the wrong type gives an empty Ref; the last two are told on standard output, since the log
+  /// may not be up yet.
+  static Ref<Configuration> FromFile(const std::string& path);
+  /// Overlays a file on the process's store, whichever object this is called on; loads it if there is none.
+  /// Goes on past unknown keys and wrong values. Returns: false, with nothing applied, if the file is
+  /// unreadable or has more than 1000000 pairs.
+  bool MergeConfig(const std::string& path);
+
+  /// Declare a key with its default. A null validator leaves the key without a rule.
+  void AddStrConf(const std::pair<std::string, std::string>& kv, const Ref<Validator>& validator,
+                  unsigned int flags);
+  void AddIntConf(const std::pair<std::string, int>& kv, const Ref<Validator>& validator, unsigned int flags);
+  void AddLongConf(const std::pair<std::string, long>& kv, const Ref<Validator>& validator,
+                   unsigned int flags);
+  void AddFltConf(const std::pair<std::string, float>& kv, const Ref<Validator>& validator,
+                  unsigned int flags);
+  void AddBoolConf(const std::pair<std::string, bool>& kv);
+  void SetValidator(const std::string& key, const Ref<Validator>& validator, unsigned int flags);
+
+  /// Returns: the value of `key`, or `defaultValue` if no key of this type has that name.
+  int GetInt(const std::string& key, int defaultValue);
+  long GetLong(const std::string& key, long defaultValue);
+  float GetFloat(const std::string& key, float defaultValue);
+  bool GetBool(const std::string& key, bool defaultValue);
+  /// Copy the result in the same expression: it refers to the stored text, which another thread may then
+  /// change, or to `defaultValue` itself.
+  const std::string& GetString(const std::string& key, const std::string& defaultValue);
+
+  /// Write a value of a known type. Neither declares the key nor checks the value.
+  void Set(const std::string& key, int value);
+  void Set(const std::string& key, long value);
+  void Set(const std::string& key, float value);
+  void Set(const std::string& key, bool value);
+  void Set(const std::string& key, std::string value);
+  /// A literal is a text, not a bool.
+  void Set(const std::string& key, const char* value) { Set(key, std::string(value)); }
+
+  /// Writes `value` in the declared type of `key`. Returns: false, with a line on standard output, for an
+  /// undeclared key and for a text that does not convert.
+  bool SetWithTypeAutoConvert(const std::string& key, const std::string& value);
+  /// The same, with that line in `complaint` and nothing printed.
+  bool SetFromText(const std::string& key, const std::string& value, std::string& complaint);
+
+  /// Runs the rules that always hold and those of the features that are on. Returns: all complaints, none if
+  /// the values are valid. A rule that belongs to several features complains once for each that is on.
+  std::vector<std::string> Validate(bool authentication, bool tls, bool authorization,
+                                    bool zookeeperSecurity);
+  void ValidateOneValueMap(std::vector<std::string>& errors,
+                           const std::map<std::string, Ref<Validator>>& validators);
+  void ValidateOneType(const std::string& key, const Ref<Validator>& validator,
+                       std::vector<std::string>& errors, ConfValueType& type);
+
+  /// Writes every key and value to standard output.
+  void Dump();
+  /// Returns: every key and value, a line each; a bool as 1 or 0.
+  std::string DumpStr();
+
+  // The catalogue's groups. LoadDefault declares its own and then calls the others.
+  void LoadDefault();
+  void LoadTesselConf();
+  void LoadTimeout();
+  void LoadSecurityConf();
+  void LoadSecurityTotalConf();
+  void LoadBroadcastConf();
+  void LoadWaterMarkConf();
+  void LoadOrvaneTuningConf();
+
+  /// The process's store. No lock of its own: the first load happens before a second thread uses it. Never
+  /// destroyed.
+  static Ref<Configuration>& gInstance;
+
+ private:
+  void Declare(const CatalogueGroup& group);
+
+  // The value maps are guarded by mLock; the others do not change after start-up.
+  std::map<std::string, int> mIntConf;
+  std::map<std::string, float> mFloatConf;
+  std::map<std::string, std::string> mStrConf;
+  std::map<std::string, bool> mBoolConf;
+  std::map<std::string, long> mLongConf;
+  /// The one value map in which a declared key lives.
+  std::map<std::string, ConfValueType> mTypeMap;
+  /// Rules that always run, and those of one feature each.
+  std::map<std::string, Ref<Validator>> mValidators;
+  std::map<std::string, Ref<Validator>> mAuthValidators;
+  std::map<std::string, Ref<Validator>> mTlsValidators;
+  std::map<std::string, Ref<Validator>> mAuthorValidators;
+  std::map<std::string, Ref<Validator>> mZkValidators;
+  std::mutex mLock;
+};
+
+}  // namespace vyn::common

@@ -1,0 +1,45 @@
+#pragma once
+
+// The retry of a library call. It sleeps in the calling thread, under whatever lock the caller holds, and
+// keeps nothing between calls.
+
+#include "common/log/logging.h"
+#include "common/util/clock.h"
+#include "platform/fabric/client/bm_functions.h"
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+
+namespace vyn::tessel {
+
+/// Sleeps before the first, second and third retry.
+using RetryPauses = std::array<std::chrono::seconds, 3>;
+
+/// Runs `call`, and again, after the pauses, while `again(result)` says so. `warn(retry, result)` runs
+/// between a sleep and its call, `retry` counting from 0. Returns: the last result, with the errno of the
+/// last call.
+template <typename Call, typename Again, typename Warn>
+int CallWithRetry(const RetryPauses& pauses, Call call, Again again, Warn warn) {
+  int result = call();
+  for (std::size_t retry = 0; retry < pauses.size() && again(result); ++retry) {
+    common::SleepFor(pauses[retry]);
+    warn(retry, result);
+    result = call();
+  }
+  return result;
+}
+
+/// The common retry: while the library's connection is not up. `operation` names the call in the warning
+/// line.
+template <typename Call>
+int CallWithCommonRetry(const char* operation, Call call) {
+  constexpr RetryPauses kPauses{std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
+  return CallWithRetry(
+      kPauses, call, [](int result) { return result == kBmUnconnected; },
+      [operation](std::size_t retry, int) {
+        VYN_LOG_WARN("Connection unconnected, retry " << operation << " " << retry + 1 << "/3");
+      });
+}
+
+}  // namespace vyn::tessel

@@ -1,0 +1,211 @@
+// The blocks of a variable, created once by the driver: by the node-local server on a node of the fabric, or
+// straight through the big-memory client on a chosen node. Both end in an entry of the table and a record at
+// the metadata service.
+
+#include "common/rpc/network.h"
+#include "common/util/clock.h"
+#include "common/util/text.h"
+#include "tessel/message/broadcast/broadcast_messages.h"
+#include "tessel/rpc/shuffle_meta_rpc_engine.h"
+#include "tessel/rpc/shuffle_server_rpc_engine.h"
+#include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
+#include "tessel/sdk/start_up/sdk_frame.h"
+#include "vyn/big_memory.h"
+#include "vyn/broadcast.h"
+
+#include <array>
+#include <chrono>
+
+using vyn::Failed;
+using vyn::common::GenBcVarName;
+using vyn::common::LastErrorText;
+using vyn::common::Ref;
+using namespace vyn::tessel;
+
+namespace {
+
+/// Flags of block allocation and of their batch free.
+constexpr unsigned int kBlockFlags = 0x10;
+/// The room for an id: its 60 characters and NUL padding.
+constexpr std::size_t kBmIdRoom = 64;
+/// A block that the full pool refuses is asked for this often, so far apart: 10 seconds in all.
+constexpr int kAllocAttempts = 1000;
+constexpr auto kAllocPause = std::chrono::milliseconds(10);
+
+unsigned int AddBlockInfosToMeta(const Ref<BroadcastBlockInfo>& blockInfo) {
+  if (!RefreshMetaClient()) {
+    return VYN_FAIL(VYN_ERR_BC_META_CLIENT, "Failed to get meta rpc cli as " << LastErrorText());
+  }
+  const unsigned int status = g_ShuffleMetaRPCEngine->BroadcastVarInfoAdd(blockInfo);
+  if (Failed(status)) {
+    return VYN_FAIL(status, "Failed to add block infos to meta.");
+  }
+  return VYN_OK;
+}
+
+std::vector<unsigned long> CopySizes(const unsigned long* sizes, unsigned int blockNum) {
+  return blockNum == 0 ? std::vector<unsigned long>() : std::vector<unsigned long>(sizes, sizes + blockNum);
+}
+
+/// One block, with the wait for a full pool.
+unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsigned short nodeId,
+                           unsigned long size, std::array<char, kBmIdRoom>& bmId) {
+  for (int attempt = 0; attempt < kAllocAttempts; ++attempt) {
+    bmId.fill('\0');
+    const unsigned int status = BmAlloc(ns.c_str(), size, kBlockFlags, nodeId, bmId.data(), token.c_str());
+    if (!Failed(status)) {
+      return VYN_OK;
+    }
+    if (status != VYN_ERR_OUT_OF_POOL_MEMORY) {
+      VYN_LOG_ERROR("Error to create broadcast block as " << LastErrorText());
+      return VYN_ERR_BLOCK_ALLOC;
+    }
+    vyn::common::SleepFor(kAllocPause);
+  }
+  VYN_LOG_ERROR("Error to create broadcast block as out of memory");
+  return VYN_ERR_BLOCK_ALLOC;
+}
+
+}  // namespace
+
+unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcastId,
+                                       const unsigned long* sizes, unsigned int blockNum) {
+  VYN_CHECK_TEXT(appId, false);
+  if (blockNum != 0) {
+    VYN_CHECK_ARGUMENT(sizes);
+  }
+  VYN_LOG_DEBUG("Start to batch create broadcast block, appId: " << appId << ", broadcastId: " << broadcastId
+                                                                 << ", blockNums: " << blockNum);
+  VYN_CHECK_POINTER(g_broadcastCache);
+  if (!RefreshServerClient()) {
+    VYN_LOG_ERROR("Batch create broadcast block error: serverRpcEnginePtr nullptr");
+    return VYN_FAIL(VYN_ERR_BC_SERVER_CLIENT, "Error to get shuffle rpc cli.");
+  }
+  auto request = NewMessage<BroadcastBlockBatch>();
+  VYN_CHECK_POINTER(request);
+  request->appId = appId;
+  request->broadcastId = broadcastId;
+  request->sizes = CopySizes(sizes, blockNum);
+  auto blockInfos = NewMessage<BroadcastBlockInfo>();
+  VYN_CHECK_POINTER(blockInfos);
+  unsigned int status = g_shuffleServerRPCEngine->BroadcastBlockBatchCreate(request, blockInfos, g_appToken);
+  if (Failed(status)) {
+    return VYN_FAIL(status, "Failed to batch create blocks for broadcast variable { appId: "
+                                << appId << ", broadcastId: " << broadcastId << " }");
+  }
+  const std::string name = GenBcVarName(appId, broadcastId);
+  if (!g_broadcastCache->InsertVarInfo(name, blockInfos->bmIds, request->sizes)) {
+    return VYN_FAIL(VYN_ERR_GENERIC, "Failed to insert block infos for " << name);
+  }
+  status = AddBlockInfosToMeta(blockInfos);
+  VYN_LOG_DEBUG("Batch create broadcast block exit for " << name << " return: " << status);
+  return status;
+}
+
+unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* token, unsigned int broadcastId,
+                                             const unsigned long* sizes, unsigned int blockNum,
+                                             const char* selectedNode, const char* hostName,
+                                             unsigned short nodeId, std::vector<std::string>& bmIds) {
+  VYN_CHECK_TEXT(appId, false);
+  VYN_CHECK_TEXT(token, true);
+  if (blockNum != 0) {
+    VYN_CHECK_ARGUMENT(sizes);
+  }
+  VYN_CHECK_ARGUMENT(selectedNode);
+  VYN_CHECK_ARGUMENT(hostName);
+  VYN_CHECK_POINTER(g_broadcastCache);
+  const std::string name = GenBcVarName(appId, broadcastId);
+  std::vector<unsigned long> blockSizes = CopySizes(sizes, blockNum);
+  std::string ns = appId;
+  std::string ip;
+  short port = 0;
+  unsigned int status = vyn::common::SplitIpAndPort(selectedNode, ip, port);
+  if (Failed(status)) {
+    VYN_LOG_ERROR("Failed to execute hr");
+    return status;
+  }
+  status = BmCreateLink(nodeId, hostName, ip.c_str(), static_cast<unsigned short>(port), 0);
+  if (Failed(status)) {
+    static_cast<void>(VYN_FAIL(status, std::string(LastErrorText())));
+    return VYN_ERR_BC_LINK;
+  }
+  status = BmCreateNamespace(nodeId, "", ns.c_str(), 0, token);
+  if (Failed(status)) {
+    static_cast<void>(VYN_FAIL(status, "Error to create namespace " << ns << " as " << LastErrorText()));
+    return VYN_ERR_BC_NAMESPACE;
+  }
+  // The results of a rollback are not examined: the failure that led to it is what the caller has to know.
+  const auto destroyNamespace = [&] { BmDestroyNamespace(nodeId, "", ns.c_str(), token); };
+  std::vector<std::string> ids;
+  status = AllocBmForBlockRemotely(ns, token, nodeId, blockSizes, ids);
+  if (Failed(status)) {
+    destroyNamespace();
+    static_cast<void>(
+        VYN_FAIL(status, "Error to allocate BM on " << ip << " remotely for broadcast variable " << name));
+    return VYN_ERR_BC_REMOTE_ALLOC;
+  }
+  const auto rollback = [&] {
+    BmFreeForBlockRemotely(ns, token, ids);
+    destroyNamespace();
+  };
+  if (!g_broadcastCache->InsertVarInfo(name, ids, blockSizes)) {
+    rollback();
+    return VYN_FAIL(VYN_ERR_GENERIC, "Failed to insert block infos for " << name);
+  }
+  auto blockInfo = GenerateBlockInfo(ns, broadcastId, nodeId, ids, blockSizes);
+  if (blockInfo == nullptr) {
+    rollback();
+    return VYN_FAIL(VYN_ERR_GENERIC, "Failed to generate block for " << name);
+  }
+  status = AddBlockInfosToMeta(blockInfo);
+  bmIds.swap(ids);  // also when the record failed: the blocks exist, and the caller has to know them
+  return status;
+}
+
+unsigned int AllocBmForBlockRemotely(const std::string& ns, const std::string& token, unsigned short nodeId,
+                                     const std::vector<unsigned long>& sizes,
+                                     std::vector<std::string>& bmIds) {
+  std::array<char, kBmIdRoom> bmId{};
+  for (const unsigned long size : sizes) {
+    const unsigned int status = AllocOneBlock(ns, token, nodeId, size, bmId);
+    if (Failed(status)) {
+      return status;
+    }
+    bmIds.emplace_back(bmId.data(), bmId.size());
+  }
+  return VYN_OK;
+}
+
+unsigned int BmFreeForBlockRemotely(const std::string& ns, const std::string& token,
+                                    std::vector<std::string>& bmIds) {
+  std::vector<const char*> ids;
+  ids.reserve(bmIds.size());
+  for (const std::string& bmId : bmIds) {
+    ids.push_back(bmId.c_str());
+  }
+  return BmBatchFree(ids.data(), static_cast<unsigned int>(ids.size()), kBlockFlags, ns.c_str(),
+                     token.c_str());
+}
+
+Ref<BroadcastBlockInfo> GenerateBlockInfo(std::string& ns, unsigned int broadcastId, unsigned short nodeId,
+                                          std::vector<std::string>& bmIds,
+                                          std::vector<unsigned long>& sizes) {
+  auto blockInfo = NewMessage<BroadcastBlockInfo>();
+  if (blockInfo != nullptr) {
+    try {
+      blockInfo->appId = ns;
+      blockInfo->bmIds = bmIds;
+    } catch (const std::bad_alloc&) {
+      blockInfo = Ref<BroadcastBlockInfo>();
+    }
+  }
+  if (blockInfo == nullptr) {
+    VYN_LOG_ERROR("New BroadcastBlockInfoPtr failed, Block info is null");
+    return blockInfo;
+  }
+  blockInfo->broadcastId = broadcastId;
+  blockInfo->nodeId = nodeId;
+  blockInfo->sizes.swap(sizes);
+  return blockInfo;
+}

@@ -1,0 +1,64 @@
+#include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
+
+#include "common/log/logging.h"
+
+#include <mutex>
+#include <new>
+
+namespace vyn::tessel {
+
+using common::Ref;
+
+Ref<BroadcastVarInfo> BroadcastSdkCache::GetVarInfo(const std::string& name) {
+  std::shared_lock lock(mTableLock);
+  const auto found = mVarTable.find(name);
+  return found == mVarTable.end() ? Ref<BroadcastVarInfo>() : found->second;
+}
+
+Ref<BroadcastVarInfo> BroadcastSdkCache::GenerateVarInfo(const std::vector<std::string>& bmIds,
+                                                         const std::vector<unsigned long>& blockSizes) {
+  try {
+    Ref<BroadcastVarInfo> info(new BroadcastVarInfo);
+    info->mBmIds = bmIds;
+    info->mBlockSizes = blockSizes;
+    info->mRawAddrs.assign(bmIds.size(), 0);
+    return info;
+  } catch (const std::bad_alloc&) {
+    VYN_LOG_ERROR("New BroadcastVarInfoPtr failed, return null");
+    return nullptr;
+  }
+}
+
+bool BroadcastSdkCache::InsertVarInfo(const std::string& name, const std::vector<std::string>& bmIds,
+                                      const std::vector<unsigned long>& blockSizes) {
+  std::unique_lock lock(mTableLock);
+  const auto info = GenerateVarInfo(bmIds, blockSizes);
+  if (info == nullptr) {
+    VYN_LOG_ERROR("Failed to generate var info.");
+    return false;
+  }
+  try {
+    mVarTable.emplace(name, info);
+  } catch (const std::bad_alloc&) {
+    VYN_LOG_ERROR("Failed to generate var info.");
+    return false;
+  }
+  return true;
+}
+
+void BroadcastSdkCache::RemoveVarInfo(const std::string& name) {
+  std::unique_lock lock(mTableLock);
+  mVarTable.erase(name);
+}
+
+void BroadcastSdkCache::RemoveAppInfo(const std::string& appName) {
+  std::unique_lock lock(mTableLock);
+  std::erase_if(mVarTable, [&](const auto& entry) { return entry.first.starts_with(appName); });
+}
+
+void BroadcastSdkCache::CleanTable() {
+  std::unique_lock lock(mTableLock);
+  mVarTable.clear();
+}
+
+}  // namespace vyn::tessel

@@ -1,0 +1,104 @@
+// How a starting process learns which node holds the metadata leader: a driver reads it from ZooKeeper and
+// keeps a watch on it, an executor asks the server of its own node. These run once, under the claim of
+// initialisation.
+
+#include "tessel/sdk/start_up/leader_discovery.h"
+
+#include "cluster/cluster_zkadapter.h"
+#include "cluster/meta_node_info.h"
+#include "common/config/configuration.h"
+#include "tessel/message/node_messages.h"
+#include "tessel/rpc/shuffle_server_rpc_engine.h"
+#include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/start_up/sdk_frame.h"
+
+#include <mutex>
+#include <shared_mutex>
+
+using vyn::Failed;
+using vyn::cluster::ClusterZKAdapter;
+using namespace vyn::tessel;
+
+namespace {
+
+constexpr unsigned int kExecutorFlag = 1;
+
+unsigned int FindLeaderInZooKeeper() {
+  VYN_CHECK_POINTER(g_broadcastConf);
+  g_clusterZkAdapter_broadcast = ClusterZKAdapter::GetInstance(vyn::cluster::NODE_ROLE_SDK);
+  VYN_CHECK_POINTER(g_clusterZkAdapter_broadcast);
+  const int sessionTimeout = g_broadcastConf->GetInt("vyn.zookeeper.session.timeout", 0);
+  if (Failed(g_clusterZkAdapter_broadcast->ClusterZKAdapterInit(sessionTimeout))) {
+    VYN_LOG_ERROR("[Broadcast] Driver init zookeeper failed");
+    return VYN_ERR_GENERIC;
+  }
+  if (Failed(g_clusterZkAdapter_broadcast->ZKGetAndUpdateMetaLeaderInfo(g_metaNode_broadcast))) {
+    VYN_LOG_ERROR("[Broadcast] Driver get current meta leader info failed");
+    return VYN_ERR_GENERIC;
+  }
+  if (Failed(g_clusterZkAdapter_broadcast->ZKRegisterWatcher(true))) {
+    VYN_LOG_ERROR("Driver register watcher failed");
+    return VYN_ERR_GENERIC;
+  }
+  return VYN_OK;
+}
+
+}  // namespace
+
+namespace vyn::tessel {
+
+unsigned int InitServerClientAndLeader(unsigned int flag) {
+  VYN_LOG_DEBUG("BroadcastInitialize: flag: " << flag);
+  if (flag == kExecutorFlag) {
+    g_shuffleServerRPCEngine = ShuffleServerRPCEngine::CreateInstance();
+    VYN_CHECK_POINTER(g_shuffleServerRPCEngine);
+    g_shuffleServerRPCEngine->Initialize(1, true);  // a failure shows in the question for the leader
+    g_mfClientFlag = 0;
+  }
+  return Failed(BroadcastGetMetaLeaderIp(flag)) ? VYN_ERR_GENERIC : VYN_OK;
+}
+
+}  // namespace vyn::tessel
+
+unsigned int BroadcastInitRpcCliMetaLeaderIp(unsigned int flag) {
+  const unsigned int status = InitServerClientAndLeader(flag);
+  if (status == VYN_ERR_GENERIC) {
+    g_initClaim.store(0, std::memory_order_release);
+  }
+  return status;
+}
+
+unsigned int BroadcastGetMetaLeaderIp(unsigned int flag) {
+  g_metaNode_broadcast = vyn::common::MetaNodeInfo::GetInstance();
+  if ((flag & 1U) != 0) {
+    if (Failed(BroadcastMetaLeaderInfoGet())) {
+      VYN_LOG_ERROR("[Broadcast] Failed to get meta leader ip from shuffle service");
+      return VYN_ERR_GENERIC;
+    }
+    return VYN_OK;
+  }
+  return flag == 0 ? FindLeaderInZooKeeper() : VYN_OK;
+}
+
+unsigned int BroadcastMetaLeaderInfoGet() {
+  VYN_LOG_DEBUG("Broadcast SDK get meta leader info from shuffle server");
+  auto request = NewMessage<MetaLeaderInformation>("sdk");
+  VYN_CHECK_POINTER(request);
+  auto response = NewMessage<MetaLeaderInformation>("");
+  VYN_CHECK_POINTER(response);
+  if (!RefreshServerClient()) {
+    VYN_LOG_ERROR("Broadcast SDK function<BroadcastMetaLeaderInfoGet> Err: serverRpcEnginePtr nullptr");
+    return VYN_FAIL(VYN_ERR_BC_SERVER_CLIENT, "Error to get shuffle rpc cli.");
+  }
+  const unsigned int status = g_shuffleServerRPCEngine->GetMetaLeaderInfo(request, response);
+  if (Failed(status)) {
+    return VYN_FAIL(status, "Failed to get Meta leader info");
+  }
+  VYN_CHECK_POINTER(g_metaNode_broadcast);
+  {
+    std::unique_lock lock(g_metaNode_broadcast->mLeaderLock);
+    g_metaNode_broadcast->mLeaderAddress = response->metaLeaderInfo;
+  }
+  VYN_LOG_DEBUG("Broadcast get meta leader ip from shuffle server success");
+  return VYN_OK;
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+// The process-wide objects of the SDK. They are never destroyed: a thread of the host program may be inside a
+// call while the process ends.
+
+#include "cluster/cluster_zkadapter.h"
+#include "cluster/meta_node_info.h"
+#include "common/config/configuration.h"
+#include "common/util/ref.h"
+#include "tessel/rpc/shuffle_meta_rpc_engine.h"
+#include "tessel/rpc/shuffle_server_rpc_engine.h"
+#include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
+
+#include <atomic>
+#include <cstdint>
+#include <set>
+#include <string>
+
+namespace vyn::tessel {
+
+/// The table of broadcast variables. Empty until BroadcastInitialize has made it.
+extern common::Ref<BroadcastSdkCache>& g_broadcastCache;
+
+/// The client of the node's server and that of the metadata leader. Every call that needs one first assigns
+/// the class's present instance to it, which writes nothing while that has not changed; another instance
+/// comes only from initialisation, beside which such calls do not run.
+extern common::Ref<ShuffleServerRPCEngine>& g_shuffleServerRPCEngine;
+extern common::Ref<ShuffleMetaRPCEngine>& g_ShuffleMetaRPCEngine;
+
+/// The record of who the metadata leader is. Empty until leader discovery has run.
+extern common::Ref<common::MetaNodeInfo>& g_metaNode_broadcast;
+/// The door to ZooKeeper, in a driver only.
+extern common::Ref<cluster::ClusterZKAdapter>& g_clusterZkAdapter_broadcast;
+/// The configuration of the process. Empty until BroadcastInitialize has read it.
+extern common::Ref<common::Configuration>& g_broadcastConf;
+
+// The claim of initialisation; start_up.cpp tells what the values say together. The exchange has acquire and
+// release order, reads acquire, stores release.
+
+/// 1 while a thread has claimed or finished initialisation.
+extern std::atomic<std::uint8_t> g_initClaim;
+/// 1 until the first initialisation has finished.
+extern std::atomic<std::uint8_t> g_initInProgress;
+/// 1 once uninitialisation has run and no initialisation has succeeded since.
+extern std::atomic<std::uint8_t> g_uninitClaim;
+
+/// 0 on a node of the memory fabric, 1 outside it. Also the client flag of BmInitialize.
+extern std::uint32_t g_mfClientFlag;
+/// This node's id in the fabric, once it has been learned.
+extern std::uint32_t g_mfNodeId;
+
+/// The security token of the application registered last, and the names of those registered by this process.
+/// No lock guards them: the caller runs the registration functions one at a time and not beside calls that
+/// read the token.
+extern std::string& g_appToken;
+extern std::set<std::string>& g_registeredApps;
+
+/// The address that GetRemoteNodeInfo reports for the local node.
+inline constexpr const char* kLocalEndpoint = "127.0.0.1:9999";
+
+}  // namespace vyn::tessel

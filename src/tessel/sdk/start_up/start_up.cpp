@@ -1,0 +1,256 @@
+// Taking the SDK into use and out of it.
+//
+//   state                      g_initClaim  g_initInProgress  g_uninitClaim
+//   loaded, nothing done            0              1                0
+//   first initialisation runs       1              1                0
+//   ready                           1              0                0
+//   uninitialised                   0              0                1
+//   re-initialisation runs          1              0                1
+//
+// One thread works under the claim; the others wait until the state is ready or the claim is free again.
+
+#include "common/api/base_api_util.h"
+#include "common/config/configuration.h"
+#include "common/log/log.h"
+#include "common/rpc/network.h"
+#include "common/rpc/rpc_setter.h"
+#include "common/util/clock.h"
+#include "common/util/file_util.h"
+#include "platform/openssl_dl/openssl_dl.h"
+#include "tessel/message/broadcast/broadcast_messages.h"
+#include "tessel/message/node_messages.h"
+#include "tessel/rpc/shuffle_meta_rpc_engine.h"
+#include "tessel/rpc/shuffle_server_rpc_engine.h"
+#include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
+#include "tessel/sdk/start_up/leader_discovery.h"
+#include "tessel/sdk/start_up/sdk_frame.h"
+#include "vyn/big_memory.h"
+#include "vyn/broadcast.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <set>
+
+using vyn::Failed;
+using vyn::common::BaseApiUtil;
+using vyn::common::Configuration;
+using vyn::common::FileUtil;
+using vyn::common::GetNodeIPSet;
+using vyn::common::LastErrorText;
+using namespace vyn::tessel;
+
+namespace {
+
+constexpr unsigned int kDriverFlag = 0;
+/// A waiter looks at the flags this often.
+constexpr auto kPollPause = std::chrono::microseconds(10);
+
+// How the initialisation that ran last has ended, for those who waited for it: the number of initialisations
+// that have ended, and the status of the latest. Written by the holder of the claim before it frees the
+// claim.
+std::atomic<unsigned int> gEndedInitialisations{0};
+std::atomic<unsigned int> gLastStatus{VYN_OK};
+
+bool LoadConfiguration(const std::string& home) {
+  const std::string path = home + "/conf/vyn.conf";
+  const bool exists = FileUtil::IsPathExist(path);
+  if (exists) {
+    g_broadcastConf = Configuration::GetInstance(path);
+  } else {
+    std::printf("Configuration file doesn't exist\n");
+  }
+  if (!exists || g_broadcastConf == nullptr) {
+    std::printf("Error to init config %s\n", LastErrorText());
+    std::fflush(stdout);
+    return false;
+  }
+  return true;
+}
+
+bool StartLogger() {
+  const std::string name = g_broadcastConf->GetString("vyn.log.level", "");
+  const unsigned int level = vyn::common::Log::StringToLogLevel(name);
+  if (ULOG_Init(2, static_cast<int>(level), nullptr, 0, 0) != 0) {
+    std::printf("Error to init ulog module. as %s\n", ULOG_GetLastErrorMessage());
+    std::fflush(stdout);
+    return false;
+  }
+  return true;
+}
+
+bool SetTlsLibraries() {
+  const std::string ssl = g_broadcastConf->GetString("vyn.tessel.rpc.openssl.path", "");
+  const std::string crypto = g_broadcastConf->GetString("vyn.tessel.rpc.crypto.path", "");
+  if (!FileUtil::IsPathValid(ssl) || !FileUtil::IsPathValid(crypto)) {
+    VYN_LOG_ERROR("Ssl path or crypto path is not exist.");
+    return false;
+  }
+  const int answer = SetOpensslDLopenLibPath(ssl.c_str(), crypto.c_str());
+  if (answer != 1) {
+    VYN_LOG_ERROR("Failed to set openssl path. return:" << answer);
+    return false;
+  }
+  return true;
+}
+
+unsigned int ConnectMetadataClient(unsigned int flag) {
+  const long timeout = g_broadcastConf->GetLong("vyn.tessel.rpc.shuffle_meta.timeout", 0);
+  // A driver learns of the leader through ZooKeeper alone, also when an earlier call has made its server
+  // client.
+  const auto server = flag == kDriverFlag ? Ref<ShuffleServerRPCEngine>() : g_shuffleServerRPCEngine;
+  g_ShuffleMetaRPCEngine = ShuffleMetaRPCEngine::CreateInstance(timeout, true, server);
+  VYN_CHECK_POINTER(g_ShuffleMetaRPCEngine);
+  g_ShuffleMetaRPCEngine->mConnectionCount = 1;
+  // An unreachable metadata service does not stop an initialisation: it shows at the first call.
+  g_ShuffleMetaRPCEngine->Initialize();
+  return VYN_OK;
+}
+
+/// The steps under the claim. Objects of a failed attempt stay and are replaced by the next one.
+unsigned int StartUp(const std::string& home, unsigned int flag) {
+  // Until the logger is up, failures go to standard output.
+  if (!LoadConfiguration(home) || !StartLogger()) {
+    return VYN_ERR_GENERIC;
+  }
+  vyn::common::RpcSetter::DefaultSetting(g_broadcastConf);
+  if (!SetTlsLibraries()) {
+    return VYN_ERR_GENERIC;
+  }
+  if (Failed(InitServerClientAndLeader(flag))) {
+    return VYN_ERR_GENERIC;
+  }
+  g_broadcastCache = new (std::nothrow) BroadcastSdkCache();
+  VYN_CHECK_POINTER(g_broadcastCache);
+  if (const unsigned int status = ConnectMetadataClient(flag); Failed(status)) {
+    return status;
+  }
+  if (flag == kDriverFlag && Failed(CheckMfNode())) {
+    return VYN_ERR_BC_MF_NODE;
+  }
+  if (Failed(BmInitialize(home.c_str(), static_cast<int>(g_mfClientFlag)))) {
+    return VYN_ERR_BM_UNAVAILABLE;
+  }
+  return VYN_OK;
+}
+
+/// The claim of initialisation in the hands of the thread that works: its end frees the claim, however that
+/// comes about, unless the work has succeeded.
+class HeldClaim {
+ public:
+  HeldClaim() = default;
+  ~HeldClaim() {
+    if (!mKept) {
+      g_initClaim.store(0, std::memory_order_release);
+    }
+  }
+  HeldClaim(const HeldClaim&) = delete;
+  HeldClaim& operator=(const HeldClaim&) = delete;
+  void Keep() { mKept = true; }
+
+ private:
+  bool mKept = false;
+};
+
+/// What waiting for another thread's initialisation came to.
+enum class Waited {
+  kReady,   ///< the SDK is ready
+  kRetry,   ///< the claim may be free: try it
+  kFailed,  ///< a re-initialisation has failed, with gLastStatus
+};
+
+/// \param ended the initialisations that had ended before the claim was found taken. \param theirs receives
+/// the status of the one waited for, when it is kFailed.
+Waited WaitForTheOther(unsigned int ended, unsigned int& theirs) {
+  const bool first = g_initInProgress.load(std::memory_order_acquire) != 0;
+  while (g_initClaim.load(std::memory_order_acquire) != 0) {
+    if (g_initInProgress.load(std::memory_order_acquire) == 0 &&
+        g_uninitClaim.load(std::memory_order_acquire) == 0) {
+      return Waited::kReady;
+    }
+    vyn::common::SleepFor(kPollPause);
+  }
+  const bool endedMeanwhile = gEndedInitialisations.load(std::memory_order_acquire) != ended;
+  theirs = gLastStatus.load(std::memory_order_relaxed);
+  return endedMeanwhile && !first && Failed(theirs) ? Waited::kFailed : Waited::kRetry;
+}
+
+}  // namespace
+
+unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, const char* vynBinaryType,
+                                 unsigned int flag) {
+  VYN_CHECK_POINTER(vynHome);
+  VYN_CHECK_POINTER(vynVersion);
+  VYN_CHECK_POINTER(vynBinaryType);
+  std::string realPath;
+  VYN_CHECK_CALL(FileUtil::RealPath(vynHome, realPath));
+  if (Failed(BaseApiUtil::SetVynEnv(realPath.c_str(), vynVersion, vynBinaryType))) {
+    g_initClaim.store(0, std::memory_order_release);
+    return VYN_ERR_GENERIC;
+  }
+  for (;;) {
+    const unsigned int ended = gEndedInitialisations.load(std::memory_order_acquire);
+    if (g_initClaim.exchange(1, std::memory_order_acq_rel) == 0) {
+      break;
+    }
+    unsigned int theirs = VYN_OK;
+    const Waited waited = WaitForTheOther(ended, theirs);
+    if (waited != Waited::kRetry) {
+      return waited == Waited::kReady ? VYN_OK : theirs;
+    }
+  }
+  HeldClaim claim;
+  const unsigned int status = StartUp(realPath, flag);
+  gLastStatus.store(status, std::memory_order_relaxed);
+  gEndedInitialisations.fetch_add(1, std::memory_order_release);
+  if (Failed(status)) {
+    return status;
+  }
+  claim.Keep();
+  g_initInProgress.store(0, std::memory_order_release);
+  g_uninitClaim.store(0, std::memory_order_release);
+  return VYN_OK;
+}
+
+unsigned int BroadcastUninitialize() {
+  if (g_uninitClaim.exchange(1, std::memory_order_acq_rel) != 0) {
+    return VYN_OK;
+  }
+  BmUninitialize();
+  if (g_broadcastCache != nullptr) {
+    g_broadcastCache->CleanTable();
+  }
+  g_initClaim.store(0, std::memory_order_release);
+  return VYN_OK;
+}
+
+unsigned int CheckMfNode() {
+  if (g_broadcastConf == nullptr) {
+    return VYN_ERR_GENERIC;
+  }
+  std::set<std::string> nodeIpSet;
+  VYN_CHECK_CALL(GetNodeIPSet(nodeIpSet));
+  if (!RefreshMetaClient()) {
+    return VYN_FAIL(VYN_ERR_BC_META_CLIENT, "Failed to get meta rpc cli as " << LastErrorText());
+  }
+  auto request = NewMessage<BroadcastRemoteNodeReq>();
+  VYN_CHECK_POINTER(request);
+  request->candidateNodes.assign(nodeIpSet.begin(), nodeIpSet.end());
+  auto response = NewMessage<NodeIdResponse>();
+  VYN_CHECK_POINTER(response);
+  const unsigned int status = g_ShuffleMetaRPCEngine->IsMfNode(request, response);
+  if (Failed(status)) {
+    static_cast<void>(VYN_FAIL(status, "Failed to judge whether this node is a MF node or not."));
+    return VYN_ERR_BC_META_CLIENT;
+  }
+  if (response->isMfNode) {
+    g_mfNodeId = response->nodeId;
+    g_mfClientFlag = 0;
+  } else {
+    g_mfClientFlag = 1;
+  }
+  return VYN_OK;
+}

@@ -1,0 +1,201 @@
+#include "platform/fabric/protocol/remote_node.h"
+
+#include "platform/fabric/protocol/sockets.h"
+#include "support/command.h"
+#include "support/fabric.h"
+#include "support/raw_socket.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+
+namespace vyn::bm {
+namespace {
+
+/// A connection whose other side can die without a word.
+class MortalStream : public ByteStream {
+ public:
+  MortalStream(std::unique_ptr<SocketStream> stream, std::shared_ptr<const bool> dead)
+      : mStream(std::move(stream)), mDead(std::move(dead)) {}
+
+  IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, Deadline deadline) override {
+    return *mDead ? IoStatus::kTimeout : mStream->Receive(buffer, room, received, deadline);
+  }
+  IoStatus Send(iovec* parts, std::size_t count, Deadline deadline, int descriptor) override {
+    return *mDead ? IoStatus::kOk : mStream->Send(parts, count, deadline, descriptor);
+  }
+  IoStatus SendFile(int, std::uint64_t, std::uint64_t, Deadline) override { return IoStatus::kFailed; }
+  bool Quiet() override { return *mDead || mStream->Quiet(); }
+  bool PeerGone() override { return false; }
+  void Shutdown() override { mStream->Shutdown(); }
+
+ private:
+  const std::unique_ptr<SocketStream> mStream;
+  const std::shared_ptr<const bool> mDead;
+};
+
+TEST(RemoteNodeTest, AHostThatDiesCostsOneCallHoweverManyConnectionsAreKept) {
+  const test::FabricPlace place(1);
+  FabricNode host;
+  std::string error;
+  ASSERT_TRUE(host.Start(place.Options(), error)) << error;
+  auto dead = std::make_shared<bool>(false);
+  RemoteNode node(
+      [&](Deadline deadline, int&) {
+        int failure = 0;
+        return std::make_unique<MortalStream>(ConnectToLink("127.0.0.1", host.LinkPort(), deadline, failure),
+                                              dead);
+      },
+      PeerRole::kClient, 1);
+  ASSERT_EQ(node.CreateNamespace(1, {"app", "t"}), 0);
+  std::string id;
+  ASSERT_EQ(node.Allocate(1, {"app", "t"}, 4096, id), 0);
+  const ObjectName object{{"app", "t"}, id};
+  char bytes[6];
+  const std::function<int(int)> nest = [&](int depth) {
+    return node.Read(object, 0, 1, [&](Channel& channel, std::uint64_t, std::uint32_t length) {
+      EXPECT_EQ(depth > 0 ? nest(depth - 1) : 0, 0);
+      return channel.ReadData(&bytes[depth], length, std::chrono::seconds(20));
+    });
+  };
+  NodeAttributes attributes;
+  const struct {
+    const char* what;
+    std::function<int()> call;
+    int expected;
+  } cases[] = {{"a call", [&] { return node.Query(attributes); }, kBmUnconnected},
+               {"a transfer", [&] { return node.Read(object, 0, 1, bytes); }, kBmUnconnected},
+               {"reaching the node", [&] { return node.Reach(); }, 0}};
+  for (const auto& one : cases) {
+    ASSERT_EQ(nest(5), 0) << one.what;  // reads within reads: a connection each, and all are kept
+    EXPECT_GE(host.Stats().connections, 6U) << one.what;
+    *dead = true;  // for all connections up to now; the host is back at once
+    dead = std::make_shared<bool>(false);
+    EXPECT_EQ(one.call(), one.expected) << one.what;
+    EXPECT_EQ(node.Query(attributes), 0) << one.what;
+  }
+}
+
+TEST(RemoteNodeTest, ConnectingAndGreetingShareOneDeadline) {
+  // Accepted by the kernel, answered by nobody; the connection itself takes most of the time.
+  std::string text;
+  std::uint16_t port = 0;
+  const FileDescriptor listener = ListenAsLink("127.0.0.1", port, text);
+  const std::chrono::milliseconds time(2000);
+  RemoteNode node(
+      [&](Deadline deadline, int&) {
+        std::this_thread::sleep_until(deadline - std::chrono::milliseconds(100));
+        int error = 0;
+        return ConnectToLink("127.0.0.1", port, deadline, error);
+      },
+      PeerRole::kClient, kAnyNode, {time, std::chrono::seconds(60)});
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(node.Reach(), kBmUnconnected);
+  const auto taken = std::chrono::steady_clock::now() - begin;
+  EXPECT_GE(taken, time - std::chrono::milliseconds(200));
+  EXPECT_LT(taken, time + time * 9 / 10);  // a hello with a deadline of its own would double it
+}
+
+TEST(SocketsTest, ASocketThatFindsItselfHasFoundNoNode) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "a network of its own needs root";
+  }
+  // Where a single port is left for the kernel to choose, and nobody listens on it.
+  bool ready = false;
+  int error = 0;
+  std::unique_ptr<SocketStream> found;
+  std::thread host([&] {
+    ready = ::unshare(CLONE_NEWNET) == 0 &&
+            test::RunCommand("ip link set lo up && echo 40000 40000 > /proc/sys/net/ipv4/ip_local_port_range")
+                    .status == 0;
+    found = ready ? ConnectToLink("127.0.0.1", 40000, After(std::chrono::seconds(30)), error) : nullptr;
+  });
+  host.join();
+  ASSERT_TRUE(ready);
+  EXPECT_EQ(found, nullptr);
+  EXPECT_EQ(error, ECONNREFUSED);
+}
+
+TEST(ChannelTest, AnInterimAnswerCarriesNothing) {
+  for (const bool full : {false, true}) {
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    SocketStream node{FileDescriptor(ends[0])};
+    Channel channel(std::make_unique<SocketStream>(FileDescriptor(ends[1])));
+    FrameHeader header{kFrameMagic, static_cast<std::uint16_t>(Operation::kCopy), kFrameProgress, 0, 0, 0, 0};
+    header.headLength = full ? 1 : 0;
+    ASSERT_EQ(SendFrame(node, header, full ? "x" : "", nullptr, After(std::chrono::seconds(5))),
+              IoStatus::kOk);
+    header.headLength = 0;
+    header.flags = 0;
+    ASSERT_EQ(SendFrame(node, header, {}, nullptr, After(std::chrono::seconds(5))), IoStatus::kOk);
+    int result = -1;
+    std::string head;
+    std::uint32_t dataLength = 0;
+    EXPECT_EQ(channel.ReadAnswer(Operation::kCopy, result, head, dataLength, std::chrono::seconds(20)),
+              full ? IoStatus::kFailed : IoStatus::kOk);
+  }
+}
+
+/// A node that answers every read at once, with an interim answer.
+class FloodStream : public ByteStream {
+ public:
+  IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, Deadline) override {
+    const FrameHeader interim{
+        kFrameMagic, static_cast<std::uint16_t>(Operation::kExist), kFrameProgress, 0, 0, 0, 0};
+    EXPECT_GE(room, sizeof(interim));
+    std::memcpy(buffer, &interim, sizeof(interim));
+    received = sizeof(interim);
+    return std::chrono::steady_clock::now() < mEnd ? IoStatus::kOk : IoStatus::kClosed;
+  }
+  IoStatus Send(iovec*, std::size_t, Deadline, int) override { return IoStatus::kOk; }
+  IoStatus SendFile(int, std::uint64_t, std::uint64_t, Deadline) override { return IoStatus::kFailed; }
+  bool Quiet() override { return true; }
+  bool PeerGone() override { return false; }
+  void Shutdown() override {}
+
+ private:
+  const Deadline mEnd = After(std::chrono::seconds(60));
+};
+
+TEST(ChannelTest, InterimAnswersWithoutAPauseHoldNobodyBeyondHisTime) {
+  Channel channel(std::make_unique<FloodStream>());
+  int result = -1;
+  std::string head;
+  std::uint32_t dataLength = 0;
+  EXPECT_EQ(channel.ReadAnswer(Operation::kExist, result, head, dataLength, std::chrono::milliseconds(50)),
+            IoStatus::kTimeout);
+}
+
+TEST(SocketsTest, WhoEndsBeforeHeHasTakenAllHasNotReadIt) {
+  for (const bool takesAll : {false, true}) {
+    test::RawListener listener;
+    int error = 0;
+    const auto stream = ConnectToLink("127.0.0.1", listener.Port(), After(std::chrono::seconds(30)), error);
+    ASSERT_NE(stream, nullptr);
+    test::RawSocket peer = listener.Accept();
+    std::string bytes(takesAll ? 100 : 64U << 20U, 'x');  // more than both sides' kernels hold
+    iovec part{bytes.data(), bytes.size()};
+    const IoStatus sent = stream->Send(&part, 1, After(std::chrono::seconds(takesAll ? 30 : 1)), -1);
+    EXPECT_EQ(sent, takesAll ? IoStatus::kOk : IoStatus::kTimeout);
+    if (takesAll) {
+      ASSERT_EQ(peer.Receive(bytes.size()), bytes);
+    }
+    // The end of its bytes alone, as over a network, where a refusal comes later.
+    ASSERT_EQ(::shutdown(peer.Descriptor(), SHUT_WR), 0);
+    char byte;
+    std::size_t received = 0;
+    EXPECT_EQ(stream->Receive(&byte, 1, received, After(std::chrono::seconds(30))),
+              takesAll ? IoStatus::kClosed : IoStatus::kReset);
+  }
+}
+
+}  // namespace
+}  // namespace vyn::bm
