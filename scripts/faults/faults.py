@@ -47,7 +47,7 @@ def build_and_test(tree, preset, fault, whole, log):
         return False, []
     only = [] if whole else ["-R", "^(" + "|".join(re.escape(name) for name in programs) + ")[:.]"]
     junit = pathlib.Path(log.name).with_suffix(".xml")
-    subprocess.run(["ctest", "--preset", preset, "--no-tests=error", "--output-junit", str(junit), *only], cwd=tree,
+    subprocess.run(["ctest", "--preset", preset, "--timeout", "100", "--no-tests=error", "--output-junit", str(junit), *only], cwd=tree,
                    stdout=log, stderr=log, check=False)
     report = junit.read_text(encoding="utf-8", errors="replace")
     return True, re.findall(r'<testcase name="([^"]*)"[^>]*status="fail"', report)
