@@ -19,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 
 namespace {
@@ -147,14 +148,12 @@ std::string WithGoodHeaders(std::string_view input) {
   std::uint32_t sequence = 1;
   while (input.size() >= 5) {
     const auto operation = static_cast<Operation>(static_cast<unsigned char>(input[0]));
-    const std::size_t length =
-        static_cast<unsigned char>(input[1]) + 256U * static_cast<unsigned char>(input[2]);
-    const std::size_t data =
-        static_cast<unsigned char>(input[3]) + 256U * static_cast<unsigned char>(input[4]);
+    std::uint16_t lengths[2];  // of the arguments and of the data
+    std::memcpy(lengths, input.data() + 1, sizeof(lengths));
     input.remove_prefix(5);
-    const std::string_view head = input.substr(0, length);
+    const std::string_view head = input.substr(0, lengths[0]);
     input.remove_prefix(head.size());
-    bytes += Framed(operation, sequence++, head, data);
+    bytes += Framed(operation, sequence++, head, lengths[1]);
   }
   return bytes;
 }
@@ -171,36 +170,21 @@ void CallWithAnswers(unsigned call, const std::string& answers) {
   bool writable = true;
   std::vector<bool> exist;
   std::string bytes(3U << 20U, '\0');
-  switch (call % 9) {
-    case 0:
-      node.Query(attributes);
-      break;
-    case 1:
-      node.Allocate(7, object.access, 1, id);
-      break;
-    case 2:
-      node.Open(object, writable, file, number);
-      break;
-    case 3:
-      node.Stat(object, number);
-      break;
-    case 4:
-      node.Read(object, 0, 100, bytes.data());
-      break;
-    case 5:
-      node.Read(object, 0, bytes.size(), bytes.data());
-      break;
-    case 6:
-      node.Write(object, 0, bytes.size(), bytes.data());
-      break;
-    case 7:
-      node.Exist({known, known}, exist);
-      Require(exist.size() <= 2);
-      break;
-    case 8:
-      node.Copy(object, 0, object, 0, 1);
-      break;
-  }
+  const std::function<void()> calls[] = {
+      [&] { node.Query(attributes); },
+      [&] { node.Allocate(7, object.access, 1, id); },
+      [&] { node.Open(object, writable, file, number); },
+      [&] { node.Stat(object, number); },
+      [&] { node.Read(object, 0, 100, bytes.data()); },
+      [&] { node.Read(object, 0, bytes.size(), bytes.data()); },
+      [&] { node.Write(object, 0, bytes.size(), bytes.data()); },
+      [&] {
+        node.Exist({known, known}, exist);
+      },
+      [&] { node.Copy(object, 0, object, 0, 1); },
+  };
+  calls[call % std::size(calls)]();
+  Require(exist.size() <= 2);
 }
 
 }  // namespace

@@ -26,6 +26,12 @@ constexpr std::uint32_t kThrow = 3;
 constexpr std::uint32_t kBig = 4;
 constexpr std::size_t kBigSize = 300000;
 
+void Require(bool condition) {
+  if (!condition) {
+    std::abort();
+  }
+}
+
 /// What a connection's stream shares with its test.
 struct Script {
   std::basic_string<std::uint8_t> mSteps;
@@ -89,6 +95,26 @@ bool Reply(const std::shared_ptr<ServerContext>& context, std::uint32_t id, std:
   return Server::Reply(context, &reply, nullptr);
 }
 
+void Handle(const std::shared_ptr<ServerContext>& context, const std::shared_ptr<Message>& request) {
+  const auto& parts = request->Bl();
+  switch (request->Id().Value()) {
+    case kEcho:
+      Reply(context, kEcho,
+            parts.empty() ? "" : std::string(static_cast<char*>(parts[0].Addr()), parts[0].Len()));
+      break;
+    case kHold: {
+      std::lock_guard lock(gMutex);
+      gHeld.push_back(context);
+      break;
+    }
+    case kBig:
+      Reply(context, kBig, std::string(kBigSize, 'b'));
+      break;
+    default:
+      throw std::runtime_error("broken");
+  }
+}
+
 std::shared_ptr<ServerCore> NewCore() {
   ServerOptions options;
   options.mIoThreads = options.mWorkerThreads = 1;
@@ -96,31 +122,10 @@ std::shared_ptr<ServerCore> NewCore() {
   options.mMaxPendingCalls = 3;
   options.mMaxPendingBytes = 100000;
   auto core = std::make_shared<ServerCore>(nullptr, options);
-  core->Register(
-      MessageId(kEcho),
-      [](const auto& context, const auto& request) {
-        const auto& parts = request->Bl();
-        Reply(context, kEcho,
-              parts.empty() ? "" : std::string(static_cast<char*>(parts[0].Addr()), parts[0].Len()));
-      },
-      HandlerKind::kQuick);
-  core->Register(
-      MessageId(kHold),
-      [](const auto& context, const auto&) {
-        std::lock_guard lock(gMutex);
-        gHeld.push_back(context);
-      },
-      HandlerKind::kQuick);
-  core->Register(
-      MessageId(kThrow), [](const auto&, const auto&) { throw std::runtime_error("broken"); },
-      HandlerKind::kQuick);
-  core->Register(
-      MessageId(kBig),
-      [](const auto& context, const auto&) { Reply(context, kBig, std::string(kBigSize, 'b')); },
-      HandlerKind::kQuick);
-  if (!core->Start("127.0.0.1", 0).Ok()) {
-    std::abort();
+  for (const std::uint32_t id : {kEcho, kHold, kThrow, kBig}) {
+    core->Register(MessageId(id), Handle, HandlerKind::kQuick);
   }
+  Require(core->Start("127.0.0.1", 0).Ok());
   return core;
 }
 
@@ -131,16 +136,12 @@ void CheckSaid(const std::string& said) {
     return;
   }
   std::memcpy(&greeting, said.data(), sizeof(greeting));
-  if (CheckGreeting(greeting) != nullptr) {
-    std::abort();
-  }
+  Require(CheckGreeting(greeting) == nullptr);
   FrameHeader header;
   for (std::size_t at = sizeof(greeting); at + sizeof(header) <= said.size();
        at += sizeof(header) + header.mLength) {
     std::memcpy(&header, said.data() + at, sizeof(header));
-    if (CheckHeader(header, kLongestFrame) != nullptr || (header.mId == kThrow && header.mStatus == kOk)) {
-      std::abort();
-    }
+    Require(CheckHeader(header, kLongestFrame) == nullptr && (header.mId != kThrow || header.mStatus != kOk));
   }
 }
 
@@ -164,9 +165,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // A pipe in the socket's place: nothing ever happens to it.
   int pipes[2];
-  if (pipe2(pipes, O_NONBLOCK | O_CLOEXEC) != 0) {
-    std::abort();
-  }
+  Require(pipe2(pipes, O_NONBLOCK | O_CLOEXEC) == 0);
   const Descriptor other(pipes[1]);
   const auto connection = std::make_shared<ServerConnection>(core, Descriptor(pipes[0]), "fuzzer",
                                                              std::make_unique<ScriptedStream>(script, bytes));
@@ -202,9 +201,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   connection->Shut("");
   // The core's own thread may be at a request still, and hold it a moment later.
   for (int i = 0; core->PendingCalls() != 0 || core->PendingBytes() != 0; ++i) {
-    if (i == 20000) {
-      std::abort();
-    }
+    Require(i < 20000);
     if (TakeHeld(true) == nullptr) {
       std::this_thread::sleep_for(std::chrono::microseconds(100));
     }

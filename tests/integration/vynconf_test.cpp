@@ -1,131 +1,114 @@
 // Runs the program itself.
 
+#include "support/command.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <cstdlib>
-
-namespace vyn {
+namespace vyn::test {
 namespace {
 
-struct Outcome {
-  int exitCode;
-  std::string output;
-};
-
-Outcome Vynconf(const std::string& arguments) {
-  const std::string command = std::string(VYN_STAGE_DIR) + "/bin/vynconf " + arguments + " 2>&1";
-  FILE* pipe = popen(command.c_str(), "r");
-  Outcome run{-1, ""};
-  char buffer[4096];
-  for (std::size_t count = 0; (count = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-    run.output.append(buffer, count);
-  }
-  const int status = pclose(pipe);
-  run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+CommandResult Vynconf(const std::string& arguments) {
+  return RunCommand(VYN_STAGE_DIR "/bin/vynconf " + arguments);
 }
 
-class VynconfTest : public testing::Test {
- protected:
-  Outcome Check(const std::string& text, const std::string& flags = "") {
-    return Vynconf("check " + mDir.Write("f.conf", text) + " " + flags);
+TEST(VynconfTest, EachLineOfAFile) {
+  constexpr int kRefused = 1;
+  constexpr int kWarned = 0;
+  const struct {
+    std::string lines;  ///< the first of them is line 4
+    int status;
+    std::string output;  ///< behind the name of the file
+  } rows[] = {
+      {"# fine\n\n", 0, ""},
+      {"vyn.log.dir=/gr\xc3\xbc\xc3\x9f"
+       "e/\xf0\x9f\x98\x80\n",
+       0, ""},
+      {"vyn.unknown=1\n", kRefused, ":4: <vyn.unknown>, it was not validate configure type.\n"},
+      {"\x01\x02=3\n", kRefused, ":4: <\\x01\\x02>, it was not validate configure type.\n"},
+      {"vyn.tessel.rpc.shuffle_meta.port=38x\n", kRefused,
+       ":4: <vyn.tessel.rpc.shuffle_meta.port>, it was empty or in wrong type, it should be a int number.\n"},
+      {"just words\n", kWarned, ":4: warning: no \"=\" in this line; a load skips it\n"},
+      {" =value\n", kWarned, ":4: warning: no key in front of \"=\"; a load skips this line\n"},
+      {"vyn.log.level=WARN\n\nvyn.log.level=INFO\n", kWarned,
+       ":6: warning: vyn.log.level: stands in line 4 already; the last value counts\n"},
+      {"vyn.tessel.rpc.enableTLS=True\n", kRefused,
+       ":4: vyn.tessel.rpc.enableTLS: is neither true nor false; a load takes it as false\n"},
+      {"vyn.tessel.rpc.shuffle_server.port=4294970187\n", kRefused,
+       ":4: vyn.tessel.rpc.shuffle_server.port: does not fit 32 bits; a load takes it as 2891\n"
+       "FILE:4: Invalid value for <vyn.tessel.rpc.shuffle_server.port>, it should be between 3000-65535\n"},
+      {"vyn.tessel.rpc.manager.port=70000\n", kRefused,
+       ":4: Invalid value for <vyn.tessel.rpc.manager.port>, it should be between 3000-65535\n"},
+      {"vyn.log.level=INFO\r\n", kRefused,
+       ":4: vyn.log.level: ends in a carriage return, which belongs to the value\n"},
+      {"vyn.log.dir=\xff\n", kRefused, ":4: vyn.log.dir: has a control character or is not UTF-8\n"},
+  };
+  const TempDir folder;
+  const std::string file = folder / "vyn.conf";
+  std::string everything;
+  for (const auto& row : rows) {
+    folder.Write("vyn.conf",
+                 "vyn.zookeeper.server.url=h:1\nvyn.tessel.meta.node_lists=n\n"
+                 "vyn.tessel.server.swap.path=/s\n" +
+                     row.lines);
+    const CommandResult run = Vynconf("check " + file);
+    EXPECT_EQ(run.status, row.status) << row.lines;
+    std::string expected = row.output.empty() ? "" : file + row.output;
+    if (const auto again = expected.find("FILE"); again != std::string::npos) {
+      expected.replace(again, 4, file);
+    }
+    EXPECT_EQ(run.output, expected);
+    everything += row.lines;
   }
-  test::TempDir mDir;
-  /// What every file needs.
-  const std::string mRequired =
-      "vyn.zookeeper.server.url=h:1\nvyn.tessel.meta.node_lists=n\nvyn.tessel.server.swap.path=/s\n";
-};
+  // A bad line hides none of the others.
+  folder.Write("vyn.conf", everything);
+  const std::string all = Vynconf("check " + file).output;
+  EXPECT_GT(std::count(all.begin(), all.end(), '\n'), 11) << all;
+}
 
-TEST_F(VynconfTest, TheSampleIsFineAndTlsNamesWhatIsMissing) {
-  unsetenv("VYN_HOME");
-  const std::string sample = std::string(VYN_SOURCE_DIR) + "/conf/vyn.conf";
-  Outcome run = Vynconf("check " + sample);
-  EXPECT_EQ(run.exitCode, 0) << run.output;
-  EXPECT_EQ(run.output, "");
-
-  run = Vynconf("check --tls " + sample);
-  EXPECT_EQ(run.exitCode, 1);
-  const std::string missing =
-      sample + ": Invalid value for <vyn.tessel.rpc.tls.cert.path>, it should not be empty\n";
-  EXPECT_NE(run.output.find(missing), std::string::npos) << run.output;
-  EXPECT_EQ(run.output.find("keytab"), std::string::npos) << run.output;
-  const std::string shared = "<vyn.tessel.plx.ksf.primary.path>";
+TEST(VynconfTest, TheSampleAndFlags) {
+  const std::string sample = VYN_SOURCE_DIR "/conf/vyn.conf";
+  EXPECT_EQ(Vynconf("check " + sample).output, "");
+  const CommandResult tls = Vynconf("check --tls " + sample);
+  EXPECT_EQ(tls.status, 1);
+  EXPECT_NE(tls.output.find(sample + ": Invalid value for <vyn.tessel.rpc.tls.cert.path>, it should not be "
+                                     "empty\n"),
+            std::string::npos)
+      << tls.output;
+  EXPECT_EQ(tls.output.find("keytab"), std::string::npos) << tls.output;
   const std::string all = Vynconf("check --tls --auth --author --zk-security " + sample).output;
   EXPECT_NE(all.find("keytab"), std::string::npos);
+  const std::string shared = "<vyn.tessel.plx.ksf.primary.path>";
   EXPECT_EQ(all.find(shared), all.rfind(shared)) << "a complaint of several features is told once";
-}
-
-TEST_F(VynconfTest, GoesOnPastBadLinesAndNamesEach) {
-  const std::string text = mRequired +
-                           "vyn.unknown=1\n"                                  // 4
-                           "vyn.tessel.rpc.shuffle_meta.port=38x\n"           // 5
-                           "just words\n"                                     // 6
-                           " =value\n"                                        // 7
-                           "# fine\n"                                         // 8
-                           "vyn.tessel.rpc.enableTLS=True\n"                  // 9
-                           "vyn.tessel.rpc.shuffle_server.port=4294970187\n"  // 10
-                           "vyn.log.level=INFO\r\n"                           // 11
-                           "vyn.log.dir=\xff\n"                               // 12
-                           "vyn.log.dir=/d\n"                                 // 13
-                           "vyn.tessel.rpc.manager.port=70000\n"              // 14
-                           "\x01\x02=3\n";                                    // 15
-  const Outcome run = Check(text);
-  EXPECT_EQ(run.exitCode, 1);
-  const std::string file = mDir / "f.conf:";
-  EXPECT_EQ(
-      run.output,
-      file + "4: <vyn.unknown>, it was not validate configure type.\n" + file +
-          "5: <vyn.tessel.rpc.shuffle_meta.port>, it was empty or in wrong type, it should be a int "
-          "number.\n" +
-          file + "6: warning: no \"=\" in this line; a load skips it\n" + file +
-          "7: warning: no key in front of \"=\"; a load skips this line\n" + file +
-          "9: vyn.tessel.rpc.enableTLS: is neither true nor false; a load takes it as false\n" + file +
-          "10: vyn.tessel.rpc.shuffle_server.port: does not fit 32 bits; a load takes it as 2891\n" + file +
-          "10: Invalid value for <vyn.tessel.rpc.shuffle_server.port>, it should be between 3000-65535\n" +
-          file + "11: vyn.log.level: ends in a carriage return, which belongs to the value\n" + file +
-          "12: vyn.log.dir: has a control character or is not UTF-8\n" + file +
-          "13: warning: vyn.log.dir: stands in line 12 already; the last value counts\n" + file +
-          "14: Invalid value for <vyn.tessel.rpc.manager.port>, it should be between 3000-65535\n" + file +
-          "15: <\\x01\\x02>, it was not validate configure type.\n");
-  EXPECT_EQ(Check(mRequired + "vyn.log.dir=/gr\xc3\xbc\xc3\x9f"
-                              "e/\xf0\x9f\x98\x80\n")
-                .exitCode,
-            0);
-}
-
-TEST_F(VynconfTest, WarningsAloneDoNotRefuseAFile) {
-  const Outcome outcome = Check(mRequired + "words\nvyn.log.level=WARN\nvyn.log.level=INFO\n");
-  EXPECT_EQ(outcome.exitCode, 0);
-  const std::string file = mDir / "f.conf:";
-  EXPECT_EQ(outcome.output,
-            file + "4: warning: no \"=\" in this line; a load skips it\n" + file +
-                "6: warning: vyn.log.level: stands in line 5 already; the last value counts\n");
-}
-
-TEST_F(VynconfTest, FilesThatCannotBeRead) {
-  ASSERT_EQ(mkfifo((mDir / "pipe").c_str(), 0600), 0);
-  for (const std::string& path : {mDir / "missing", mDir.Path(), mDir / "pipe", std::string(5000, 'x')}) {
-    const Outcome run = Vynconf("check " + path);
-    EXPECT_EQ(run.exitCode, 1) << path;
-    EXPECT_NE(run.output, "");
-  }
-}
-
-TEST_F(VynconfTest, CommandLine) {
-  EXPECT_EQ(Vynconf("--help").exitCode, 0);
-  EXPECT_EQ(Vynconf("--version").output, "vynconf 2.0.0\n");
-  for (const char* wrong : {"", "check", "check --no-such-flag f", "nonsense"}) {
-    EXPECT_GT(Vynconf(wrong).exitCode, 1) << wrong;
-  }
   EXPECT_NE(
       Vynconf("keys").output.find("| `vyn.tuning.rpc.timeout` | int | `5000` | 0 to 2147483647 | always |"),
       std::string::npos);
 }
 
+TEST(VynconfTest, WhatCannotBeDone) {
+  const TempDir folder;
+  ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+  const struct {
+    std::string arguments;
+    bool usage;  ///< the command line itself is wrong
+  } rows[] = {{"check " + folder / "missing", false},
+              {"check " + folder.Path(), false},
+              {"check " + folder / "pipe", false},
+              {"check " + std::string(5000, 'x'), false},
+              {"", true},
+              {"check", true},
+              {"check --no-such-flag f", true},
+              {"nonsense", true}};
+  for (const auto& row : rows) {
+    const CommandResult run = Vynconf(row.arguments);
+    EXPECT_EQ(run.status > 1, row.usage) << row.arguments;
+    EXPECT_NE(run.status, 0) << row.arguments;
+    EXPECT_NE(run.output, "") << row.arguments;
+  }
+  EXPECT_EQ(Vynconf("--help").status, 0);
+  EXPECT_EQ(Vynconf("--version").output, "vynconf 2.0.0\n");
+}
+
 }  // namespace
-}  // namespace vyn
+}  // namespace vyn::test

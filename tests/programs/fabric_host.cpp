@@ -6,13 +6,10 @@
 // The first line of output is "ready PORT" or "failed TEXT".
 
 #include "platform/fabric/node/fabric_node.h"
+#include "support/commands.h"
 
 #include <CLI/CLI.hpp>
-#include <iostream>
-#include <map>
 #include <mutex>
-#include <sstream>
-#include <string>
 
 int main(int argc, char** argv) {
   vyn::bm::FabricNodeOptions options;
@@ -29,15 +26,12 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   std::mutex mutex;
-  std::map<unsigned, vyn::bm::NodeAddress> peers;
+  std::map<unsigned, vyn::bm::NodeAddress> peers;  // guarded by mutex
   options.directory = [&](std::uint16_t nodeId, vyn::bm::NodeAddress& address) {
     std::lock_guard lock(mutex);
     const auto found = peers.find(nodeId);
-    if (found == peers.end()) {
-      return false;
-    }
-    address = found->second;
-    return true;
+    address = found == peers.end() ? address : found->second;
+    return found != peers.end();
   };
   options.log = [](int, const std::string& text) { std::cerr << text << std::endl; };
 
@@ -48,25 +42,20 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::cout << "ready " << node.LinkPort() << std::endl;
-  for (std::string line; std::getline(std::cin, line);) {
-    std::istringstream words(line);
-    std::string command;
-    words >> command;
-    if (command == "stats") {
-      const auto stats = node.Stats();
-      std::cout << stats.capacity << ' ' << stats.used << ' ' << stats.objects << ' ' << stats.namespaces
-                << ' ' << stats.copies << ' ' << stats.copyBytes << ' ' << stats.pulls << ' '
-                << stats.connections << std::endl;
-    } else if (command == "peer") {
-      unsigned peer = 0;
-      vyn::bm::NodeAddress address;
-      words >> peer >> address.host >> address.port;
-      std::lock_guard lock(mutex);
-      peers[peer] = address;
-      std::cout << "ok" << std::endl;
-    } else {
-      std::cout << "unknown" << std::endl;
-    }
-  }
+  vyn::test::ServeCommands({
+      {"stats",
+       [&] {
+         const auto stats = node.Stats();
+         return vyn::test::Answer(stats.capacity, stats.used, stats.objects, stats.namespaces, stats.copies,
+                                  stats.copyBytes, stats.pulls, stats.connections);
+       }},
+      {"peer",
+       [&](unsigned peer, std::string host, std::uint16_t port) {
+         std::lock_guard lock(mutex);
+         peers[peer].host = host;
+         peers[peer].port = port;
+         return "ok";
+       }},
+  });
   return 0;
 }

@@ -116,8 +116,15 @@ std::vector<std::uint64_t> FabricHost::Stats() {
   return numbers;
 }
 
-ChildProcess StartFabricClient() {
-  return ChildProcess({VYN_TEST_PROGRAM_DIR "/fabric_client", VYN_STAGE_DIR "/lib/mf/libbmclient.so"});
+FabricClient::FabricClient(const std::string& home)
+    : ChildProcess({VYN_TEST_PROGRAM_DIR "/fabric_client", VYN_STAGE_DIR "/lib/mf/libbmclient.so"}) {
+  EXPECT_EQ(Ask(home.empty() ? "init - 1" : "init " + home + " 0"), "0");
+}
+
+std::string FabricClient::Allocate(std::uint16_t node, std::uint64_t size) {
+  const std::string answer = Ask("alloc " + std::to_string(node) + " app token " + std::to_string(size));
+  EXPECT_EQ(answer.rfind("0 ", 0), 0U) << answer;
+  return answer.substr(2);
 }
 
 std::string Tenant::Allocate(std::uint16_t node, std::uint64_t size) const {

@@ -64,8 +64,14 @@ class FabricHost {
   std::uint16_t mPort = 0;
 };
 
-/// Starts programs/fabric_client with the built libbmclient.so.
-ChildProcess StartFabricClient();
+/// programs/fabric_client with the built libbmclient.so. Its requests are the program's commands.
+class FabricClient : public ChildProcess {
+ public:
+  /// \param home of its node, empty outside of all nodes.
+  explicit FabricClient(const std::string& home);
+  /// Returns: the id of a new object in the namespace "app" with the token "token".
+  std::string Allocate(std::uint16_t node, std::uint64_t size);
+};
 
 /// A client with a namespace and token, in this process.
 struct Tenant {

@@ -53,7 +53,7 @@ class VyndNode {
   std::string mHome;
   std::string mPool;
   ReservedPort mServerPort;
-  ReservedPort mLinkPort;
+  ReservedPort mLinkPort{20000, 31999};  ///< the record of a node has room for ports below 32768
   ChildProcess mProcess;
 };
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -66,14 +67,18 @@ std::string MakeRoot(const std::string& servers) {
 
 }  // namespace
 
-ReservedPort::ReservedPort() : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+ReservedPort::ReservedPort(int first, int last) : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   // Bound but not listening: nobody is given the port, and a listener with the same option may share it.
   const int on = 1;
-  sockaddr_in address = Loopback(0);
+  setsockopt(mSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  std::random_device random;
+  sockaddr_in address{};
   socklen_t length = sizeof(address);
-  if (setsockopt(mSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
-      bind(mSocket, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-      getsockname(mSocket, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+  int tries = 20;
+  do {
+    address = Loopback(first + static_cast<int>(random() % static_cast<unsigned int>(last - first + 1)));
+  } while (bind(mSocket, reinterpret_cast<sockaddr*>(&address), length) != 0 && --tries > 0);
+  if (tries == 0 || getsockname(mSocket, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     throw std::runtime_error("no free port");
   }
   mNumber = ntohs(address.sin_port);
@@ -81,7 +86,7 @@ ReservedPort::ReservedPort() : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXE
 
 ReservedPort::~ReservedPort() { close(mSocket); }
 
-ZookeeperServer::ZookeeperServer(const std::string& listen) : ZookeeperServer(0, "", listen) {
+ZookeeperServer::ZookeeperServer(int longestSession) : ZookeeperServer(0, "", longestSession) {
   WaitUntilServing();
 }
 
@@ -91,14 +96,13 @@ void ZookeeperServer::WaitUntilServing() const {
   }
 }
 
-ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, const std::string& listen)
+ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, int longestSession)
     : mAlone(ensemble.empty()) {
   mFolder.Write("data/myid", std::to_string(id));
   mFolder.Write("zoo.cfg",
-                "tickTime=200\nminSessionTimeout=400\nmaxSessionTimeout=60000\nmaxClientCnxns=0\n"
-                "initLimit=100\nsyncLimit=50\n4lw.commands.whitelist=srvr\n"
-                "dataDir=" +
-                    (mFolder / "data") + "\nclientPortAddress=" + listen +
+                "tickTime=200\nminSessionTimeout=400\nmaxClientCnxns=0\ninitLimit=100\nsyncLimit=50\n"
+                "4lw.commands.whitelist=srvr\nclientPortAddress=127.0.0.1\ndataDir=" +
+                    (mFolder / "data") + "\nmaxSessionTimeout=" + std::to_string(longestSession) +
                     "\nclientPort=" + std::to_string(mPort.Number()) + "\n" + ensemble);
   Start();
 }

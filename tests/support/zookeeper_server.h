@@ -20,7 +20,8 @@ namespace vyn::test {
 /// listen on it, and listen again after a restart.
 class ReservedPort {
  public:
-  ReservedPort();
+  /// \param first of the ports to choose from at random, to `last`; without them the system gives one.
+  explicit ReservedPort(int first = 0, int last = 0);
   ~ReservedPort();
   ReservedPort(const ReservedPort&) = delete;
   ReservedPort& operator=(const ReservedPort&) = delete;
@@ -35,10 +36,10 @@ class ReservedPort {
 class ZookeeperServer {
  public:
   /// Starts a standalone server and waits until it serves.
-  /// \param listen where. Its address in NewRoot stays loopback: another one is the caller's matter.
-  explicit ZookeeperServer(const std::string& listen = "127.0.0.1");
+  /// \param longestSession the longest session time-out that a client is granted, in milliseconds.
+  explicit ZookeeperServer(int longestSession = 60000);
   /// \param ensemble lines of the configuration that make it a member; it is started but not waited for.
-  ZookeeperServer(int id, const std::string& ensemble, const std::string& listen = "127.0.0.1");
+  ZookeeperServer(int id, const std::string& ensemble, int longestSession = 60000);
 
   int Port() const { return mPort.Number(); }
   std::string Address() const { return "127.0.0.1:" + std::to_string(mPort.Number()); }
