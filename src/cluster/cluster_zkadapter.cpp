@@ -17,7 +17,8 @@ using common::Configuration;
 
 std::atomic<zhandle_t*> g_ZKHandler{nullptr};
 
-// In this order: the adapter ends its session when it is destroyed, and needs all the others for it.
+// mInstance comes last, so it is destroyed first: the adapter's destructor ends the session and uses the
+// others.
 std::mutex ClusterZKAdapter::mInstanceLock;
 std::recursive_mutex ClusterZKAdapter::mZKHandleLock;
 std::atomic<bool> ClusterZKAdapter::isRunning{true};
@@ -200,7 +201,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKClose() const {
     VynRemoveZkHandle();
     tempHandler = g_ZKHandler.exchange(nullptr);
   }
-  // Outside the lock: closing waits for a watcher that may be waiting for it.
+  // Without the lock: closing waits for a running watcher, and that watcher may be waiting for mZKHandleLock.
   VYN_CHECK_POINTER(tempHandler);
   if (DoDlZookeeperClose(tempHandler) != ZOK) {
     VYN_LOG_ERROR("Failed to close zookeeper client, " << VYN_ZK_ERROR);

@@ -1,4 +1,4 @@
-// The election: whoever creates the leader znode leads for as long as its session lives.
+// The election: the node that creates the leader znode leads for as long as its ZooKeeper session lives.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
@@ -12,7 +12,7 @@ using common::MetaNodeRole;
 
 namespace {
 
-/// Rounds in a row that were lost because ZooKeeper did not answer. Guarded by mZKHandleLock.
+/// Attempts in a row that ZooKeeper did not answer. Guarded by mZKHandleLock.
 std::int32_t gLeaderTimeouts = 0;
 
 constexpr std::chrono::seconds kMutexWait{300};
@@ -20,13 +20,13 @@ constexpr std::chrono::seconds kMutexPause{5};
 
 std::string FollowerPath(const std::string& node) { return ClusterZKAdapter::mMetaFollowerPath + "/" + node; }
 
-/// Reads everything about the other nodes, for one that does not lead.
-std::uint32_t LearnOfOthers(const std::string& node) {
+/// Reads the leader's address and every node's status into MetaNodeInfo.
+std::uint32_t ReadLeaderAndStatuses(const std::string& node) {
   return ClusterZKAdapter::ZKUpdateMemoryInformation(node, common::META_NODE_STATUS_NONE, true);
 }
 
-/// What a follower does that has just won: the old leader is broken, and this node follows no more. The new
-/// leader's address comes in through the leader watch.
+/// Completes the change from follower to leader: marks the old leader as broken and deletes this node's
+/// follower znode. The leader watch updates mLeaderAddress.
 std::uint32_t TakeOver(const Ref<MetaNodeInfo>& metaNode) {
   std::string oldLeader;
   {
@@ -141,7 +141,7 @@ std::uint32_t ClusterZKAdapter::ZKElectionOperate(Ref<MetaNodeInfo>& metaNode) {
       }
       role = MetaNodeRole::FOLLOWER;
       VYN_LOG_INFO("Current metadata node changed from LOOKING to FOLLOWER");
-      return LearnOfOthers(node);
+      return ReadLeaderAndStatuses(node);
     case MetaNodeRole::LEADER:
       if (isLeader) {
         VYN_LOG_WARN("Current metadata node changed from LEADER to LEADER, do nothing");
@@ -149,7 +149,7 @@ std::uint32_t ClusterZKAdapter::ZKElectionOperate(Ref<MetaNodeInfo>& metaNode) {
       }
       role = MetaNodeRole::FOLLOWER;
       VYN_LOG_INFO("Current metadata node changed from LEADER to FOLLOWER");
-      return LearnOfOthers(node);
+      return ReadLeaderAndStatuses(node);
     case MetaNodeRole::FOLLOWER:
       if (isLeader) {
         role = MetaNodeRole::LEADER;
@@ -173,7 +173,7 @@ std::uint32_t ClusterZKAdapter::ZKWaitAndCreateMetaMutex() {
   while (passed() <= kMutexWait) {
     const int result = DoDlZooCreate(g_ZKHandler, mMetaMutexPath.c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE,
                                      ZOO_EPHEMERAL, nullptr, 0);
-    // A mutex whose reply was lost is this session's all the same: it must not wait for itself.
+    // After a create whose reply was lost, the existing znode may be our own. We must not wait for ourselves.
     if (result == ZOK || (result == ZNODEEXISTS && uncertain && IsOwn(mMetaMutexPath))) {
       VYN_LOG_INFO("Success to get&create metadata zookeeper mutex, start to create meta status");
       break;

@@ -1,4 +1,5 @@
-// What ZooKeeper holds about the nodes of the memory fabric. The fabric writes it, this only reads.
+// Reads what ZooKeeper holds about the nodes of the memory fabric. Each vynd writes the records of its own
+// node (services/node/node_registry.cpp).
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
@@ -33,7 +34,8 @@ struct CapacityRecord {
 };
 static_assert(sizeof(CapacityRecord) == 24);
 
-/// Reads a znode over a preloaded record: of a longer value the begin, of a shorter one what there is.
+/// Reads a znode into `record`. A longer value is cut. A shorter one overwrites only the beginning of
+/// `record`.
 template <typename Record>
 int ReadRecord(const std::string& path, Record& record) {
   int length = sizeof(Record);
@@ -45,7 +47,7 @@ std::string UpToNul(const char (&text)[kSize]) {
   return {text, strnlen(text, kSize)};
 }
 
-/// Converts the name of a node's znode.
+/// Reads the name of a node's znode as a node id. Returns: false when it is no number.
 bool ParseNodeId(const char* name, unsigned int& nodeId) {
   char* end = nullptr;
   errno = 0;

@@ -7,7 +7,7 @@ namespace vyn::cluster {
 
 namespace {
 
-/// As many bytes of the leader znode are read.
+/// The most bytes that are read of the leader znode.
 constexpr int kLeaderTextLength = 30;
 
 std::uint32_t WatchStatus(int result) {
@@ -62,8 +62,8 @@ std::uint32_t ClusterZKAdapter::ZKRegisterWatcher(bool leaderOnly) {
     VYN_LOG_ERROR("Check meta node exists failed, ret: " << result << ", " << VYN_ZK_ERROR);
     return WatchStatus(result);
   }
-  // The leader can have changed between the caller's own read and the watch. It is no failure if it goes now:
-  // the watch tells of it.
+  // The leader may have changed between the caller's read and the setting of the watch. A failure of this
+  // read does not matter: if the leader has gone, the watch reports it.
   ZKGetAndUpdateMetaLeaderInfo(MetaNodeInfo::GetInstance());
   if (leaderOnly) {
     return VYN_OK;
@@ -105,7 +105,7 @@ void ClusterZKAdapter::MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int, con
   VYN_LOG_INFO("MetaNodeLeaderWatcher: OTHER EVENT: " << type << ", path: " << path);
   const int again =
       DoDlZooWexists(g_ZKHandler, mMetaLeaderPath.c_str(), MetaNodeLeaderWatchFunc, nullptr, nullptr);
-  // A new leader can have come before the watch stood again, and then no created event tells of it.
+  // A new leader may have come before the watch was set again. ZooKeeper then sends no created event.
   if (standing == ZOK || again == ZOK) {
     ZKGetAndUpdateMetaLeaderInfo(MetaNodeInfo::GetInstance());
   }

@@ -23,7 +23,7 @@ bool IsRetriable(std::uint32_t status) {
 
 }  // namespace
 
-std::uint32_t LeaderRPCEngine::TakeSources() {
+std::uint32_t LeaderRPCEngine::LoadDependencies() {
   std::lock_guard lock(mRefreshMutex);
   mConf = common::Configuration::GetInstance();
   VYN_CHECK_POINTER(mConf);
@@ -57,7 +57,7 @@ std::uint32_t LeaderRPCEngine::InitializeEnginePool(const std::string& ip) {
   }
   const auto begin = common::SteadyNow();
   std::ostringstream thread;
-  if (mService.tellsThread) {
+  if (mService.logsThread) {
     thread << " tid<" << std::this_thread::get_id() << ">.";
   }
   VYN_LOG_INFO("Try to initialize rpc client to server: " << ip << ":" << mPort << thread.str());
@@ -67,7 +67,9 @@ std::uint32_t LeaderRPCEngine::InitializeEnginePool(const std::string& ip) {
       mService.newPool(*mParam, mConnectionCount, mGroupIndex, std::move(securityConf)));
   VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
   SetEnginePool(pool);
-  mMasterAddress = ip;  // only now: to a leader that got no pool the one in use is still to be moved
+  // Recorded only once its pool exists. Otherwise, after a failure above, RefreshMasterNodeInfo would see no
+  // difference and leave the pool in use at the old leader.
+  mMasterAddress = ip;
   lock.unlock();
   if (const std::uint32_t status = pool->Initialize(); Failed(status)) {
     return mService.connectFailed(status);
@@ -95,7 +97,7 @@ std::uint32_t LeaderRPCEngine::ReadSettings(const std::string& ip, SecurityConf&
 
 std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
   std::lock_guard lock(mRefreshMutex);
-  if (mMetaNode == nullptr) {  // never initialised, so there is no pool either
+  if (mMetaNode == nullptr) {  // LoadDependencies has not run, so there is no pool
     VYN_LOG_ERROR("Unexpected nullptr value mEnginePool");
     return VYN_ERR_NULL_POINTER;
   }
@@ -105,7 +107,7 @@ std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
     if (mMetaNode->mLeaderAddress == mMasterAddress) {
       return VYN_OK;
     }
-    if (pool != nullptr) {  // otherwise the move is still to be made when there is one
+    if (pool != nullptr) {  // without a pool, a later call must still see the difference
       mMasterAddress = mMetaNode->mLeaderAddress;
     }
   }

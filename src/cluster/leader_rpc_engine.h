@@ -1,14 +1,14 @@
 #pragma once
 
-// What the clients of the services at the elected leader share: the first connection, following the leader
-// and the retry policy. A client describes its service in a LeaderService and adds the operations.
+// The base of the clients whose service runs on the elected leader, metadata and tuning: it connects, follows
+// the leader and retries. A client describes its service in a LeaderService and adds the operations.
 //
-// The leader's address lives in MetaNodeInfo, outside the client. Before each attempt of a call the client
-// compares it with the address that its pool points at and moves the pool when they differ; connections to
-// the old leader end when they are next handed out or back. The port stays the configured one.
+// MetaNodeInfo holds the leader's address. Before each attempt of a call the client compares it with the
+// address of its pool and changes the pool when they differ. The pool closes a connection to the old leader
+// when it next hands it out or takes it back. The port is always the configured one.
 //
-// Any number of threads may call. Lock order: mRefreshMutex, then MetaNodeInfo::mLeaderLock, which is let go
-// before the pool's mutex is taken. No lock is held across a connect, a call or a sleep.
+// Any number of threads may call. Lock order: mRefreshMutex, then MetaNodeInfo::mLeaderLock, which is
+// released before the pool's mutex is taken. No lock is held across a connect, a call or a sleep.
 
 #include "cluster/leader_rpc_engine_pool.h"
 #include "cluster/meta_node_info.h"
@@ -25,16 +25,16 @@
 
 namespace vyn::cluster {
 
-/// What tells one service at the leader from another.
+/// What differs between the services on the leader.
 struct LeaderService {
-  const char* name;     ///< in the line that tells of a connection
+  const char* name;     ///< for the log line about a connection
   const char* portKey;  ///< the configuration key of its port
-  int defaultPort;      ///< counts only where the catalogue does not know the key
-  bool tellsThread;     ///< whether the line that tells of an attempt names the thread
-  /// Makes a pool of the service's class; null without memory.
+  int defaultPort;      ///< used only if the configuration has no such key
+  bool logsThread;      ///< whether the log line about an attempt to connect names the thread
+  /// Makes a pool of the service's class. Returns: the pool, or null without memory.
   common::RPCEnginePool* (*newPool)(const common::RPCEngineParam& param, std::uint16_t poolSize,
                                     std::uint16_t groupIndex, SecurityConf securityConf);
-  /// Logs that the pool could not connect. Returns: what the client tells its caller.
+  /// Logs that the pool could not connect. Returns: the status for the client's caller.
   std::uint32_t (*connectFailed)(std::uint32_t status);
 };
 
@@ -48,25 +48,25 @@ common::RPCEnginePool* NewLeaderPool(const common::RPCEngineParam& param, std::u
 class LeaderRPCEngine : public common::RPCEngineBase {
  public:
   /// \param service lives as long as the client. \param timeout milliseconds for every call and for
-  /// connecting; 0 stands for the process's default. \param isSdk whether this process is an engine's and
-  /// uses the client credentials.
+  /// connecting; 0 means RpcEngine::mTimeout. \param isSdk true in an engine process, which uses the client's
+  /// credentials.
   LeaderRPCEngine(const LeaderService& service, long timeout, bool isSdk, std::uint16_t groupIndex)
       : mService(service), mTimeout(timeout), mGroupIndex(groupIndex), mIsSdk(isSdk) {}
   ~LeaderRPCEngine() override = default;
 
   /// Makes a new pool for `ip` and connects it. Returns: 0; 1 when authentication is on and `ip` has no host
-  /// name; 2000057 without memory or configuration; what the service says when no connection could be made,
-  /// in which case the pool stands and later calls try again.
+  /// name; 2000057 without memory or configuration; the status of LeaderService::connectFailed when no
+  /// connection could be made. The pool is kept then, and later calls try to connect.
   std::uint32_t InitializeEnginePool(const std::string& ip);
-  /// Points the pool at the leader that MetaNodeInfo names. Makes no connection. The flag has no effect.
-  /// Returns: 0, or 2000057 when the leader has moved and there is no pool.
+  /// Gives the pool the leader's address from MetaNodeInfo. Makes no connection. The flag has no effect.
+  /// Returns: 0; 2000057 before LoadDependencies, or when the leader has changed and there is no pool.
   std::uint32_t RefreshMasterNodeInfo(bool);
 
  protected:
-  /// Takes the configuration and the leader record. Returns: 0; 2000057 without a configuration; 1 without a
-  /// leader record.
-  std::uint32_t TakeSources();
-  /// InitializeEnginePool for the leader that MetaNodeInfo names. Requires: TakeSources has succeeded.
+  /// Stores the process's configuration and MetaNodeInfo for the other operations. Returns: 0; 2000057
+  /// without a configuration; 1 without a MetaNodeInfo.
+  std::uint32_t LoadDependencies();
+  /// InitializeEnginePool for the leader that MetaNodeInfo names. Requires: LoadDependencies has succeeded.
   std::uint32_t ConnectToLeader();
   /// One operation: at most 4 attempts, on 2020019 and 2020021, with sleeps of 0, 5, 10 and 15 seconds after
   /// the failed ones. Before each attempt the leader is compared.
@@ -83,10 +83,10 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   const LeaderService& mService;
   const long mTimeout;  ///< milliseconds
   const std::uint16_t mGroupIndex;
-  /// Guards all that follows, and mParam.
+  /// Guards the members below and mParam.
   std::mutex mRefreshMutex;
   common::Ref<common::MetaNodeInfo> mMetaNode;
-  std::string mMasterAddress;  ///< the leader that the pool was last pointed at
+  std::string mMasterAddress;  ///< the leader's address that the pool was last given
   common::Ref<common::Configuration> mConf;
   bool mTlsEnable = true;
   bool mAuthEnable = true;

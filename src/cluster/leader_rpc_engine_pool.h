@@ -1,6 +1,8 @@
 #pragma once
 
-// Connections to a service at the elected leader: the pool of the metadata and of the tuning client.
+// The pool of connections of a client whose service runs on the elected leader (metadata, tuning).
+//
+// Threads: as for RPCEnginePool. The member that this class adds never changes.
 
 #include "common/rpc/rpc_engine_base.h"
 #include "common/rpc/rpc_engine_pool.h"
@@ -24,7 +26,7 @@ class LeaderRPCEnginePool : public common::RPCEnginePool {
   unsigned int SetTimeout() override { return 0; }
 
  private:
-  const std::map<std::string, std::string> mClientOptions;  ///< copied into each engine
+  const std::map<std::string, std::string> mClientOptions;  ///< passed to each engine
 };
 
 }  // namespace vyn::cluster

@@ -1,12 +1,13 @@
 #pragma once
 
-// The one record of who the metadata leader is.
+// This process's record of the metadata leader and of the metadata nodes' statuses.
 //
-// It is written from ZooKeeper (the leader read, the leader watch, the election) and, where the node server
-// was asked for the leader, by whoever asked. Everyone who talks to the leader reads it here.
+// Writers: ClusterZKAdapter (leader read, watches, election) and, in an executor, the functions that ask the
+// node server for the leader. Readers: every client of a service on the leader.
 //
-// Threads: any. The address and the map have a lock each; both locks stand inside the adapter's
-// mZKHandleLock, never the other way round, and are held for one copy or one update only.
+// Threads: any. mLeaderLock guards the address, mNodeStatusLock the map. A thread that holds the adapter's
+// mZKHandleLock may take them; a thread that holds one of them must not take mZKHandleLock. Each is held for
+// one copy or one update only.
 
 #include "common/util/ref.h"
 
@@ -20,40 +21,40 @@
 
 namespace vyn::common {
 
-/// What the cluster knows about one metadata node. Stands in its status znode as decimal text.
+/// The status of one metadata node. Its status znode holds the number as decimal text.
 enum MetaNodeStatus : std::int32_t {
   META_NODE_STATUS_NONE = 0,    ///< no status: as an argument it leaves the map unchanged
-  META_NODE_STATUS_INIT = 1,    ///< the node is configured; every status znode starts so
+  META_NODE_STATUS_INIT = 1,    ///< the node is configured; the first status of every znode
   META_NODE_STATUS_ALIVE = 2,   ///< the node runs as follower
   META_NODE_STATUS_BROKEN = 3,  ///< the node has gone
 };
 
-/// The part that this process plays in the election. LOOKING is left for good at the first round.
+/// This process's role in the election. LOOKING ends with the first attempt and does not come back.
 enum class MetaNodeRole : std::uint32_t { LOOKING = 0, LEADER = 1, FOLLOWER = 2 };
 
 class MetaNodeInfo : public Referable {
  public:
   ~MetaNodeInfo() override = default;
 
-  /// The record of the process, made at the first call. Empty only when there was no memory for it.
+  /// Returns: the process's record, which the first call makes. Null only without memory.
   static Ref<MetaNodeInfo> GetInstance();
 
   std::atomic<MetaNodeRole> mMetaNodeRole{MetaNodeRole::LOOKING};
-  /// The content of the leader znode as last seen; clients use it whole as the peer's address. Guarded by
+  /// The leader znode's content as last read. Clients use it unchanged as the leader's address. Guarded by
   /// mLeaderLock.
   std::string mLeaderAddress;
   /// This node's identity: the address at which clients reach it, the name of its follower and status znodes,
-  /// and the content of the leader znode when it wins. Set by the daemon before its election starts, constant
-  /// afterwards.
+  /// and the content of the leader znode when it leads. vynd sets it before its election starts; it is
+  /// constant afterwards.
   std::string mNodeAddress;
   /// Guarded by mNodeStatusLock.
   std::map<std::string, MetaNodeStatus> mNodeStatusMap;
   std::shared_mutex mLeaderLock;
   std::shared_mutex mNodeStatusLock;
-  /// Filled and read by the daemon alone.
+  /// The names of the configured metadata nodes. Used by vynd only.
   std::vector<std::string> mConfiguredNodes;
 
-  /// Lives until the process has ended: a watcher may still ask for it while statics are being destroyed.
+  /// Never destroyed: a watcher may still call GetInstance while statics are destroyed.
   static Ref<MetaNodeInfo>& metaInstance;
   /// Guards the creation of metaInstance.
   static std::mutex mMutex;

@@ -1,4 +1,4 @@
-// The status tree: one persistent znode a metadata node, with its status as text.
+// The status tree: one persistent znode for each metadata node, with its status as decimal text.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
@@ -10,9 +10,9 @@ namespace vyn::cluster {
 
 namespace {
 
-/// As many bytes of a status are read.
+/// The most bytes that are read of a status.
 constexpr int kStatusLength = 100;
-/// Every status znode is created with this.
+/// The content of a new status znode.
 constexpr const char* kFirstStatus = "1";
 
 std::string StatusPath(const std::string& node) { return ClusterZKAdapter::mMetaStatusPath + "/" + node; }
@@ -39,7 +39,7 @@ std::uint32_t ListStatusNodes(String_vector& children, const char* operation) {
   return VYN_OK;
 }
 
-/// Reads one status znode. Returns: the client's result.
+/// Reads one status znode. Returns: the ZooKeeper client's result.
 int ReadStatus(const std::string& path, std::string& text) {
   char buffer[kStatusLength];
   int length = kStatusLength;

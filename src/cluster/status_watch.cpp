@@ -1,7 +1,8 @@
-// The watches that keep this process's copy of the status tree, and mark followers that vanish.
+// The watchers of followers and statuses. They update MetaNodeInfo and mark vanished followers as broken.
 //
-// Other events than a change mean that changes may have gone unseen: the watch stood late, or the connection
-// was lost. Setting a watch again reads what stands now, and that is acted upon whatever the event was.
+// An event other than a change means that changes may have been missed: the watch was set late, or the
+// connection was lost. So a watcher sets its watch again, which reads the present state, and acts on that
+// state whatever the event was.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
@@ -10,7 +11,7 @@ namespace vyn::cluster {
 
 namespace {
 
-/// As many bytes of a status are read by its watcher.
+/// The most bytes that a watcher reads of a status.
 constexpr int kWatchedStatusLength = 10;
 
 }  // namespace
@@ -34,7 +35,7 @@ void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, c
     VYN_LOG_INFO("MetaNodeFollowerWatcher: ZOO_CHILD_EVENT, path: " << path << ", update follower status");
   }
   if (result != ZOK) {
-    // An empty list would stand for followers that have all gone.
+    // We have no list. The call below would take it for an empty one and mark every follower as broken.
     VYN_LOG_INFO("Failed to get followers, ret: " << result << ", " << VYN_ZK_ERROR);
     return;
   }
@@ -56,7 +57,7 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
   if (type != ZOO_CHANGED_EVENT) {
     VYN_LOG_INFO("MetaNodeStatusWatcher: OTHER EVENT: " << type << ", path: " << path);
     const int standing = DoDlZooWexists(g_ZKHandler, path, MetaNodeStatusWatchFunc, nullptr, nullptr);
-    if (result == ZNONODE && standing == ZOK) {  // made anew in between: no created event comes
+    if (result == ZNONODE && standing == ZOK) {  // created between the two calls: no event follows
       length = kWatchedStatusLength;
       result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
     }

@@ -1,6 +1,9 @@
 #pragma once
 
-// What the sources of the adapter share: the session's handle and the forms of their log and audit lines.
+// What the adapter's sources share: the session's handle, helpers for znodes, and macros for checks and log
+// lines.
+//
+// Threads: callers hold ClusterZKAdapter::mZKHandleLock, except for Audit and the functions without state.
 
 #include "common/log/logging.h"
 #include "platform/zk_helper/zk_helper.h"
@@ -11,19 +14,21 @@
 
 namespace vyn::cluster {
 
-/// The session, null when closed. Changed under mZKHandleLock; read without it by the node list alone.
+/// The session's handle; null while there is no session. Written under mZKHandleLock. ClusterZKGetNodeList
+/// alone reads it without that lock.
 extern std::atomic<zhandle_t*> g_ZKHandler;
 
-/// The limit on the number of children read at once.
+/// The most children of a znode that are accepted.
 inline constexpr std::int32_t kMaxChildren = 100000;
 
 /// Writes an audit line of this process about ZooKeeper.
 void Audit(const char* operation, bool success);
 
-/// How every watcher begins, under mZKHandleLock. Returns: whether it has work to do.
+/// Every watcher calls this first, under mZKHandleLock. Returns: whether there is a session and isRunning is
+/// true.
 bool WatcherMayRun();
 
-/// The children of a znode, freed at the end.
+/// The children of a znode. The destructor frees them.
 struct Children {
   Children() = default;
   ~Children() { DoDlDeallocateStringVector(&mNames); }
@@ -33,21 +38,22 @@ struct Children {
   String_vector mNames{};
 };
 
-/// Whether `children` are too many to be taken. The refusal is the caller's to log.
+/// Whether `children` are more than kMaxChildren. The caller logs it.
 inline bool TooMany(const String_vector& children) { return children.count > kMaxChildren; }
 
-/// Converts a status by the rules of stoi. Returns: false when it is no number.
+/// Reads a status with std::stoi. Returns: false when it is no number.
 bool ParseStatus(const std::string& text, int& status);
 
-/// The text of a value that was read: a null value has length -1 and is the empty text.
+/// Returns: the text that the client read into `buffer`. `length` is -1 for a znode without a value, which is
+/// the empty text.
 inline std::string ValueText(const char* buffer, int length) {
   return {buffer, static_cast<std::size_t>(length < 0 ? 0 : length)};
 }
 
 }  // namespace vyn::cluster
 
-/// The end of the log line of a failed ZooKeeper call.
+/// The last part of a log line about a failed ZooKeeper call.
 #define VYN_ZK_ERROR "zookeeper get error:" << VynZookeeperGetLastMessage()
 
-/// The check of the session. Requires: mZKHandleLock is held.
+/// Makes the function return 2000057 when there is no session. Requires: mZKHandleLock is held.
 #define VYN_CHECK_SESSION() VYN_CHECK_POINTER_NAMED(g_ZKHandler.load(), "g_ZKHandler")

@@ -26,7 +26,7 @@ constexpr cluster::LeaderService kMetadataService{
     .name = "shuffle meta service",
     .portKey = "vyn.tessel.rpc.shuffle_meta.port",
     .defaultPort = 3891,
-    .tellsThread = true,
+    .logsThread = true,
     .newPool = &cluster::NewLeaderPool<MetaRPCEnginePool>,
     .connectFailed = &ConnectFailed,
 };
@@ -55,7 +55,7 @@ Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::GetInstance() {
 }
 
 std::uint32_t ShuffleMetaRPCEngine::Initialize() {
-  if (const std::uint32_t status = TakeSources(); Failed(status)) {
+  if (const std::uint32_t status = LoadDependencies(); Failed(status)) {
     return status;
   }
   if (const std::uint32_t status = ShuffleMetaLeaderInfoGet(); Failed(status)) {

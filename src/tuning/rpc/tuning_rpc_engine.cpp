@@ -26,7 +26,7 @@ constexpr cluster::LeaderService kTuningService{
     .name = "meta service",
     .portKey = "vyn.tuning.rpc.server.port",
     .defaultPort = 3893,
-    .tellsThread = false,
+    .logsThread = false,
     .newPool = &cluster::NewLeaderPool<TuningRPCEnginePool>,
     .connectFailed = &ConnectFailed,
 };
@@ -53,7 +53,7 @@ Ref<TuningRpcEngine> TuningRpcEngine::GetInstance() {
 }
 
 unsigned int TuningRpcEngine::Initialize() {
-  const unsigned int status = TakeSources();
+  const unsigned int status = LoadDependencies();
   return Failed(status) ? status : ConnectToLeader();
 }
 
