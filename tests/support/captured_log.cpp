@@ -4,44 +4,37 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace vyn::test {
 
 using utilities::log::ULog;
 
-struct CapturedLog::State {
-  std::mutex mutex;
-  std::vector<Line> lines;
-};
-
-namespace {
-
-class Sink : public spdlog::sinks::base_sink<std::mutex> {
+class CapturedLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  explicit Sink(std::function<void(int, std::string)> take) : mTake(std::move(take)) {}
+  /// Takes all lines out when `clear` is set.
+  std::vector<Line> Lines(bool clear) {
+    std::lock_guard lock(mutex_);
+    return clear ? std::exchange(mLines, {}) : mLines;
+  }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
-    mTake(static_cast<int>(message.level), std::string(message.payload.data(), message.payload.size()));
+    const std::string whole(message.payload.data(), message.payload.size());
+    const auto mark = whole.find("] ");
+    mLines.push_back(
+        {static_cast<int>(message.level), mark == std::string::npos ? whole : whole.substr(mark + 2), whole});
   }
   void flush_() override {}
 
  private:
-  std::function<void(int, std::string)> mTake;
+  std::vector<Line> mLines;  ///< guarded by mutex_
 };
 
-}  // namespace
-
-CapturedLog::CapturedLog(int level) : mState(std::make_shared<State>()), mOld(ULog::gLogger.load()) {
-  auto state = mState;
-  auto sink = std::make_shared<Sink>([state](int lineLevel, std::string whole) {
-    std::lock_guard lock(state->mutex);
-    const auto mark = whole.find("] ");
-    state->lines.push_back({lineLevel, mark == std::string::npos ? whole : whole.substr(mark + 2), whole});
-  });
+CapturedLog::CapturedLog(int level) : mSink(std::make_shared<Sink>()), mOld(ULog::gLogger.load()) {
   // Never freed, as every logger of the process: a thread may still hold it.
   auto* logger = new ULog;
-  logger->mLogger = std::make_shared<spdlog::logger>("captured", sink);
+  logger->mLogger = std::make_shared<spdlog::logger>("captured", mSink);
   logger->mLogger->set_level(spdlog::level::trace);
   logger->mLevel = level;
   logger->mDebugEnabled = level <= 1;
@@ -52,10 +45,9 @@ CapturedLog::CapturedLog(int level) : mState(std::make_shared<State>()), mOld(UL
 
 CapturedLog::~CapturedLog() { ULog::gLogger.store(mOld); }
 
-std::vector<CapturedLog::Line> CapturedLog::Lines() const {
-  std::lock_guard lock(mState->mutex);
-  return mState->lines;
-}
+std::vector<CapturedLog::Line> CapturedLog::Lines() const { return mSink->Lines(false); }
+
+void CapturedLog::Clear() { mSink->Lines(true); }
 
 std::vector<std::string> CapturedLog::Texts(int level) const {
   std::vector<std::string> texts;
@@ -70,11 +62,6 @@ std::vector<std::string> CapturedLog::Texts(int level) const {
 bool CapturedLog::Has(int level, const std::string& text) const {
   const auto texts = Texts(level);
   return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
-
-void CapturedLog::Clear() {
-  std::lock_guard lock(mState->mutex);
-  mState->lines.clear();
 }
 
 }  // namespace vyn::test

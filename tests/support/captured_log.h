@@ -5,7 +5,6 @@
 #include "platform/ulog/ulog.h"
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -32,8 +31,8 @@ class CapturedLog {
   void Clear();
 
  private:
-  struct State;
-  std::shared_ptr<State> mState;
+  class Sink;
+  std::shared_ptr<Sink> mSink;
   utilities::log::ULog* mOld;
 };
 

@@ -1,39 +1,22 @@
 #include "support/child_process.h"
 
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
-#include <thread>
 #include <utility>
 
 namespace vyn::test {
 
-namespace {
-
-int Left(std::chrono::steady_clock::time_point deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
-}
-
-void CloseDescriptor(int& descriptor) {
-  if (descriptor >= 0) {
-    close(descriptor);
-    descriptor = -1;
-  }
-}
-
-}  // namespace
-
-ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::string& output) {
+ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
   std::vector<std::string> whole = {"setpriv", "--pdeathsig", "KILL"};
   whole.insert(whole.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
@@ -41,116 +24,98 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std:
     pointers.push_back(argument.data());
   }
   pointers.push_back(nullptr);
-
+  int ends[2] = {-1, -1};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+    throw std::runtime_error(std::string("socketpair: ") + std::strerror(errno));
+  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  int toChild[2] = {-1, -1};
-  int fromChild[2] = {-1, -1};
-  if (output.empty()) {
-    if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0) {
-      throw std::runtime_error(std::string("pipe2: ") + std::strerror(errno));
-    }
-    posix_spawn_file_actions_adddup2(&actions, toChild[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, fromChild[1], 1);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  }
+  posix_spawn_file_actions_adddup2(&actions, ends[1], 0);
+  posix_spawn_file_actions_adddup2(&actions, ends[1], 1);
   const int failed = posix_spawnp(&mPid, pointers[0], &actions, nullptr, pointers.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
-  CloseDescriptor(toChild[0]);
-  CloseDescriptor(fromChild[1]);
-  mInput = toChild[1];
-  mOutput = fromChild[0];
+  close(ends[1]);
+  mSocket = ends[0];
   if (failed != 0) {
     mPid = -1;
-    CloseDescriptor(mInput);
-    CloseDescriptor(mOutput);
+    CloseSocket();
     throw std::runtime_error("cannot start " + arguments[0] + ": " + std::strerror(failed));
   }
 }
-
-ChildProcess::~ChildProcess() { Kill(); }
-
-ChildProcess::ChildProcess(ChildProcess&& other) noexcept { *this = std::move(other); }
 
 ChildProcess& ChildProcess::operator=(ChildProcess&& other) noexcept {
   if (this != &other) {
     Kill();
     mPid = std::exchange(other.mPid, -1);
-    mInput = std::exchange(other.mInput, -1);
-    mOutput = std::exchange(other.mOutput, -1);
+    mSocket = std::exchange(other.mSocket, -1);
     mRead = std::move(other.mRead);
   }
   return *this;
 }
 
+void ChildProcess::CloseSocket() {
+  if (mSocket >= 0) {
+    close(std::exchange(mSocket, -1));
+  }
+}
+
 void ChildProcess::Send(const std::string& line) {
   const std::string text = line + "\n";
-  // A dead child must not end the test program.
-  signal(SIGPIPE, SIG_IGN);
-  if (write(mInput, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+  if (send(mSocket, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
     throw std::runtime_error("the child takes no input");
   }
 }
 
 std::string ChildProcess::Receive(std::chrono::seconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
-  for (;;) {
-    const auto end = mRead.find('\n');
-    if (end != std::string::npos) {
-      const std::string line = mRead.substr(0, end);
-      mRead.erase(0, end + 1);
-      return line;
-    }
-    pollfd waiting{mOutput, POLLIN, 0};
+  std::size_t end = 0;
+  while ((end = mRead.find('\n')) == std::string::npos) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    pollfd waiting{mSocket, POLLIN, 0};
     char buffer[4096];
-    const ssize_t got = poll(&waiting, 1, Left(deadline)) > 0 ? read(mOutput, buffer, sizeof(buffer)) : -1;
+    const bool ready = left.count() > 0 && poll(&waiting, 1, static_cast<int>(left.count())) > 0;
+    const ssize_t got = ready ? read(mSocket, buffer, sizeof(buffer)) : -1;
     if (got <= 0) {
-      throw std::runtime_error(got == 0 ? "the child has ended" : "the child says nothing");
+      throw std::runtime_error(ready ? "the child has ended" : "the child says nothing");
     }
     mRead.append(buffer, static_cast<std::size_t>(got));
   }
+  const std::string line = mRead.substr(0, end);
+  mRead.erase(0, end + 1);
+  return line;
 }
 
 void ChildProcess::Signal(int signal) const {
-  if (mPid > 0) {
-    ::kill(mPid, signal);
-  }
-  if (signal != SIGSTOP || mPid <= 0) {
+  if (mPid <= 0 || ::kill(mPid, signal) != 0 || signal != SIGSTOP) {
     return;
   }
-  // It takes a moment: the process stands still when the system says so.
-  const std::string status = "/proc/" + std::to_string(mPid) + "/status";
-  for (int i = 0; i < 30000 && ReadFile(status).find("State:\tT") == std::string::npos; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  WaitUntil([this] {
+    std::error_code gone;
+    const std::filesystem::directory_iterator threads("/proc/" + std::to_string(mPid) + "/task", gone);
+    return std::all_of(begin(threads), end(threads), [](const auto& thread) {
+      return ReadFile(thread.path() / "status").find("State:\tT") != std::string::npos;
+    });
+  });
 }
 
 void ChildProcess::Kill() {
   if (mPid > 0) {
     ::kill(mPid, SIGKILL);
-    waitpid(mPid, nullptr, 0);
-    mPid = -1;
+    waitpid(std::exchange(mPid, -1), nullptr, 0);
   }
-  CloseDescriptor(mInput);
-  CloseDescriptor(mOutput);
+  CloseSocket();
 }
 
 int ChildProcess::Wait(std::chrono::seconds limit) {
-  CloseDescriptor(mInput);
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  while (mPid > 0 && waitpid(mPid, &status, WNOHANG) == 0) {
-    if (Left(deadline) == 0) {
-      Kill();
-      return -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  int status = -1;
+  shutdown(mSocket, SHUT_WR);
+  if (!WaitUntil([&] { return mPid <= 0 || waitpid(mPid, &status, WNOHANG) != 0; }, limit)) {
+    Kill();
+    return -1;
   }
   mPid = -1;
-  CloseDescriptor(mOutput);
+  CloseSocket();
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

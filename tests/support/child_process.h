@@ -1,6 +1,7 @@
 #pragma once
 
-// A child process with pipes to its standard input and output. It dies with its parent, and with this object.
+// A child process whose standard input and output this process reads and writes. It dies with its parent, and
+// with this object.
 
 #include <signal.h>
 #include <sys/types.h>
@@ -14,11 +15,10 @@ namespace vyn::test {
 class ChildProcess {
  public:
   ChildProcess() = default;
-  /// Starts `arguments[0]`, looked up in PATH. With `output` its output goes to that file and there are no
-  /// pipes. Throws std::runtime_error when it cannot be started.
-  explicit ChildProcess(const std::vector<std::string>& arguments, const std::string& output = "");
-  ~ChildProcess();
-  ChildProcess(ChildProcess&& other) noexcept;
+  /// Starts `arguments[0]`, looked up in PATH. Throws std::runtime_error when it cannot be started.
+  explicit ChildProcess(const std::vector<std::string>& arguments);
+  ~ChildProcess() { Kill(); }
+  ChildProcess(ChildProcess&& other) noexcept { *this = std::move(other); }
   ChildProcess& operator=(ChildProcess&& other) noexcept;
 
   /// Sends a line to the child.
@@ -31,6 +31,7 @@ class ChildProcess {
     return Receive();
   }
 
+  /// Sends a signal. Behind SIGSTOP it waits until every thread of the child stands still.
   void Signal(int signal) const;
   /// Kills the child, if it runs, and waits for its end.
   void Kill();
@@ -41,9 +42,10 @@ class ChildProcess {
   pid_t Pid() const { return mPid; }
 
  private:
+  void CloseSocket();
+
   pid_t mPid = -1;
-  int mInput = -1;
-  int mOutput = -1;
+  int mSocket = -1;  ///< the other end is the child's input and output
   std::string mRead;
 };
 

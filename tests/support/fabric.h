@@ -6,13 +6,13 @@
 #include "platform/fabric/client/client.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "support/child_process.h"
+#include "support/proxy.h"
+#include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace vyn::test {
@@ -27,19 +27,17 @@ class FabricPlace {
   FabricPlace(const FabricPlace&) = delete;
   FabricPlace& operator=(const FabricPlace&) = delete;
 
-  const std::string& Home() const { return mHome; }
-  const std::string& Pool() const { return mPool; }
+  const std::string& Home() const { return mHome.Path(); }
+  const std::string& Pool() const { return mPool.Path(); }
   std::uint16_t NodeId() const { return mNodeId; }
 
   /// Options of a node on this place, with a link port on loopback.
   bm::FabricNodeOptions Options() const;
-  /// The command of such a node as a process.
-  std::vector<std::string> HostCommand() const;
 
  private:
-  std::string mHome;
-  std::string mPool;
-  std::uint16_t mNodeId;
+  const TempDir mHome;
+  const TempDir mPool{"/dev/shm"};
+  const std::uint16_t mNodeId;
 };
 
 /// The names in a folder and below, sorted; none when there is no such folder.
@@ -96,35 +94,6 @@ struct Tenant {
   std::string Read(const std::string& id, std::uint64_t offset, std::uint64_t length) const;
 };
 
-/// Stands between a client and a port, and can stop passing on what the port sends, or everything.
-class SlowLink {
- public:
-  /// \param port the real one. \param passed bytes from it that go through before all stands still.
-  SlowLink(std::uint16_t port, std::uint64_t passed);
-  ~SlowLink();
-  SlowLink(const SlowLink&) = delete;
-  SlowLink& operator=(const SlowLink&) = delete;
-
-  std::uint16_t Port() const { return mPort; }
-  /// Waits until all stands still. Returns: false when it does not come to that.
-  bool WaitUntilStill();
-  void LetGo() { mLetGo = true; }
-  /// Passes nothing on in either direction, as a network that has lost one of the two; or everything again.
-  void Cut(bool cut) { mCut = cut; }
-
- private:
-  void Run();
-  void Pass(int client);
-
-  const std::uint16_t mTarget;
-  std::uint16_t mPort = 0;
-  bm::FileDescriptor mListener;
-  std::atomic<std::int64_t> mLeft;
-  std::atomic<bool> mStill{false};
-  std::atomic<bool> mLetGo{false};
-  std::atomic<bool> mCut{false};
-  std::atomic<bool> mStopping{false};
-  std::thread mThread;
-};
+using SlowLink = ByteProxy;
 
 }  // namespace vyn::test

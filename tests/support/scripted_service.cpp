@@ -1,8 +1,9 @@
 #include "support/scripted_service.h"
 
+#include "support/wait_until.h"
+
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 namespace vyn::test {
@@ -97,14 +98,7 @@ void ScriptedService::Clear() {
 }
 
 bool ScriptedService::WaitFor(std::size_t count, std::chrono::seconds limit) const {
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  while (Requests().size() < count) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
+  return WaitUntil([&] { return Requests().size() >= count; }, limit);
 }
 
 TwinServices::TwinServices() {

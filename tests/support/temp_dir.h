@@ -13,8 +13,8 @@ namespace vyn::test {
 
 class TempDir {
  public:
-  TempDir() {
-    std::string name = (std::filesystem::temp_directory_path() / "vyn-test-XXXXXX").string();
+  explicit TempDir(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string name = parent / "vyn-test-XXXXXX";
     if (::mkdtemp(name.data()) == nullptr) {
       throw std::runtime_error("mkdtemp failed for " + name);
     }

@@ -2,6 +2,7 @@
 
 #include "support/fabric.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -14,14 +15,6 @@ namespace fs = std::filesystem;
 /// Generous: under the sanitizers, on a busy machine.
 constexpr std::chrono::seconds kLimit{120};
 
-std::string MakePool() {
-  std::string name = "/dev/shm/vyn-test-XXXXXX";
-  if (::mkdtemp(name.data()) == nullptr) {
-    throw std::runtime_error("mkdtemp failed for " + name);
-  }
-  return name;
-}
-
 std::vector<std::string> With(std::vector<std::string> prefix, const std::vector<std::string>& command) {
   prefix.insert(prefix.end(), command.begin(), command.end());
   return prefix;
@@ -31,11 +24,7 @@ std::vector<std::string> With(std::vector<std::string> prefix, const std::vector
 
 VyndNode::VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
                    const std::string& nodeList, std::vector<std::string> prefix)
-    : mNodeId(nodeId),
-      mAddress(address),
-      mPrefix(std::move(prefix)),
-      mHome(mFolder / "home"),
-      mPool(MakePool()) {
+    : mNodeId(nodeId), mAddress(address), mPrefix(std::move(prefix)) {
   mFolder.Write("home/conf/vyn.conf",
                 "vyn.log.level=INFO\nvyn.zookeeper.server.url=" + zookeeper +
                     "\nvyn.zookeeper.session.timeout=10000\nvyn.zookeeper.security.enable=false"
@@ -52,16 +41,11 @@ VyndNode::VyndNode(int nodeId, const std::string& address, const std::string& zo
   fs::create_directory_symlink(VYN_STAGE_DIR "/home/tessel", mHome + "/tessel");
 }
 
-VyndNode::~VyndNode() {
-  mProcess.Kill();
-  std::error_code ignored;
-  fs::remove_all(mPool, ignored);
-}
-
 std::vector<std::string> VyndNode::Command(const std::string& poolSize, int applicationTimeout) const {
-  return With(mPrefix, {VYN_STAGE_DIR "/bin/vynd", "--home", mHome, "--node-id", std::to_string(mNodeId),
-                        "--address", mAddress, "--host-name", "node-" + std::to_string(mNodeId), "--pool",
-                        mPool, "--pool-size", poolSize, "--app-timeout", std::to_string(applicationTimeout)});
+  return With(mPrefix,
+              {VYN_STAGE_DIR "/bin/vynd", "--home", mHome, "--node-id", std::to_string(mNodeId), "--address",
+               mAddress, "--host-name", "node-" + std::to_string(mNodeId), "--pool", Pool(), "--pool-size",
+               poolSize, "--app-timeout", std::to_string(applicationTimeout)});
 }
 
 void VyndNode::Start(const std::string& poolSize, int applicationTimeout) {
@@ -77,45 +61,30 @@ void VyndNode::Start(const std::string& poolSize, int applicationTimeout) {
 }
 
 std::size_t VyndNode::Objects() const {
-  std::size_t count = 0;
-  std::error_code error;
-  for (fs::directory_iterator folder(mPool, error), end; folder != end; folder.increment(error)) {
-    if (!folder->is_directory(error) || folder->path().filename().string().front() == '.') {
-      continue;
-    }
-    for (fs::directory_iterator file(folder->path(), error); file != end; file.increment(error)) {
-      count += file->path().filename().string().front() == '.'
-                   ? 0
-                   : 1;  // an object; the others are the pool's own
-    }
-  }
-  return count;
+  const std::vector<std::string> names = NamesIn(Pool());
+  return static_cast<std::size_t>(std::count_if(names.begin(), names.end(), [](const std::string& name) {
+    const auto slash =
+        name.find('/');  // an object stands in a namespace's folder; the pool's own begin with "."
+    return name[0] != '.' && slash != std::string::npos && name[slash + 1] != '.';
+  }));
 }
 
 std::vector<std::string> VyndNode::PoolEntries() const {
-  std::vector<std::string> entries = NamesIn(mPool);
+  std::vector<std::string> entries = NamesIn(Pool());
   std::erase(entries, ".node");
   return entries;
 }
 
 std::size_t VyndNode::Count(const std::string& what) {
-  std::size_t count = 0;
   std::error_code error;
-  const std::string folder = "/proc/" + std::to_string(mProcess.Pid()) + "/" + what;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
-    ++count;
-  }
-  return count;
+  const fs::directory_iterator entries("/proc/" + std::to_string(mProcess.Pid()) + "/" + what, error);
+  return error ? 0 : static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
 }
 
 std::string VyndNode::Log() const {
   std::string text;
-  std::error_code error;
-  for (fs::recursive_directory_iterator file(mHome + "/logs", error), end; !error && file != end;
-       file.increment(error)) {
-    if (file->is_regular_file(error)) {
-      text += ReadFile(file->path());
-    }
+  for (const std::string& name : NamesIn(mHome + "/logs")) {
+    text += ReadFile(mHome + "/logs/" + name);
   }
   return text;
 }

@@ -21,12 +21,9 @@ class VyndNode {
   /// a network namespace.
   VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
            const std::string& nodeList, std::vector<std::string> prefix = {});
-  ~VyndNode();
-  VyndNode(const VyndNode&) = delete;
-  VyndNode& operator=(const VyndNode&) = delete;
 
   const std::string& Home() const { return mHome; }
-  const std::string& Pool() const { return mPool; }
+  const std::string& Pool() const { return mPool.Path(); }
   const std::vector<std::string>& Prefix() const { return mPrefix; }
   /// The command line of the daemon.
   std::vector<std::string> Command(const std::string& poolSize = "64M", int applicationTimeout = 60) const;
@@ -50,8 +47,8 @@ class VyndNode {
   const int mNodeId;
   const std::string mAddress;
   const std::vector<std::string> mPrefix;
-  std::string mHome;
-  std::string mPool;
+  const std::string mHome = mFolder / "home";
+  const TempDir mPool{"/dev/shm"};
   ReservedPort mServerPort;
   ReservedPort mLinkPort{20000, 31999};  ///< the record of a node has room for ports below 32768
   ChildProcess mProcess;

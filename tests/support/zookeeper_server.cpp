@@ -1,62 +1,17 @@
 #include "support/zookeeper_server.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "support/raw_socket.h"
 
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <random>
+#include <regex>
 #include <stdexcept>
-#include <thread>
 
 namespace vyn::test {
 
 namespace {
-
-sockaddr_in Loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  return address;
-}
-
-/// A connection with a loopback port.
-class Connection {
- public:
-  explicit Connection(int port) : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const timeval patience{10, 0};
-    setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    const sockaddr_in address = Loopback(port);
-    mStanding = connect(mSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-  }
-  ~Connection() { close(mSocket); }
-  Connection(const Connection&) = delete;
-  Connection& operator=(const Connection&) = delete;
-
-  void Send(const std::string& bytes) {
-    mStanding = mStanding &&
-                send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-  }
-  /// Returns: `size` bytes, fewer when the peer closes or falls silent.
-  std::string Receive(std::size_t size) {
-    std::string bytes;
-    char buffer[1024];
-    while (mStanding && bytes.size() < size) {
-      const ssize_t got = recv(mSocket, buffer, std::min(sizeof(buffer), size - bytes.size()), 0);
-      mStanding = got > 0;
-      bytes.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-    }
-    return bytes;
-  }
-
- private:
-  int mSocket;
-  bool mStanding;
-};
 
 std::string MakeRoot(const std::string& servers) {
   static std::atomic<int> counter{0};
@@ -76,7 +31,8 @@ ReservedPort::ReservedPort(int first, int last) : mSocket(socket(AF_INET, SOCK_S
   socklen_t length = sizeof(address);
   int tries = 20;
   do {
-    address = Loopback(first + static_cast<int>(random() % static_cast<unsigned int>(last - first + 1)));
+    address = RawSocket::Loopback(static_cast<std::uint16_t>(
+        first + static_cast<int>(random() % static_cast<unsigned>(last - first + 1))));
   } while (bind(mSocket, reinterpret_cast<sockaddr*>(&address), length) != 0 && --tries > 0);
   if (tries == 0 || getsockname(mSocket, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
     throw std::runtime_error("no free port");
@@ -109,12 +65,12 @@ ZookeeperServer::ZookeeperServer(int id, const std::string& ensemble, int longes
 
 void ZookeeperServer::Start() {
   std::filesystem::remove(mFolder / "server.log");
-  mProcess = ChildProcess(
-      {"java", "-Xmx128m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-Xshare:auto",
-       "-Dzookeeper.admin.enableServer=false", "-Dzookeeper.forceSync=no", "-Dzookeeper.digest.enabled=false",
-       "-cp", "/usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar",
-       "org.apache.zookeeper.server.quorum.QuorumPeerMain", mFolder / "zoo.cfg"},
-      mFolder / "server.log");
+  mProcess = ChildProcess({"sh", "-c", "exec \"$@\" >" + mFolder / "server.log" + " 2>&1", "sh", "java",
+                           "-Xmx128m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-Xshare:auto",
+                           "-Dzookeeper.admin.enableServer=false", "-Dzookeeper.forceSync=no",
+                           "-Dzookeeper.digest.enabled=false", "-cp",
+                           "/usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar",
+                           "org.apache.zookeeper.server.quorum.QuorumPeerMain", mFolder / "zoo.cfg"});
 }
 
 std::string ZookeeperServer::Mode() const {
@@ -123,14 +79,15 @@ std::string ZookeeperServer::Mode() const {
   if (mAlone && ReadFile(mFolder / "server.log").find("ContainerManager") == std::string::npos) {
     return "";
   }
-  Connection connection(mPort.Number());
-  connection.Send("srvr");
-  const std::string answer = connection.Receive(std::string::npos);
-  const std::string mark = "Mode: ";
-  const auto begin = answer.find(mark);
-  return begin == std::string::npos
-             ? ""
-             : answer.substr(begin + mark.size(), answer.find('\n', begin) - begin - mark.size());
+  try {
+    RawSocket connection = RawSocket::Connect(static_cast<std::uint16_t>(Port()));
+    connection.Send("srvr");
+    const std::string answer = connection.Receive(4096);
+    std::smatch mode;
+    return std::regex_search(answer, mode, std::regex("Mode: (.*)")) ? mode[1].str() : "";
+  } catch (const std::runtime_error&) {
+    return "";
+  }
 }
 
 std::string ZookeeperServer::NewRoot() { return MakeRoot(Address()); }
@@ -188,25 +145,23 @@ std::string ZookeeperEnsemble::NewRoot() {
 }
 
 void ExpireSession(int port, const clientid_t& session) {
-  const auto frame = [](const std::vector<std::pair<std::int64_t, int>>& fields, const std::string& end) {
-    std::string body;
-    for (const auto& [value, width] : fields) {
-      for (int shift = width * 8 - 8; shift >= 0; shift -= 8) {
-        body += static_cast<char>(static_cast<std::uint64_t>(value) >> shift & 0xff);
-      }
+  const auto number = [](std::int64_t value, int width) {  // big-endian
+    std::string bytes;
+    for (int shift = width * 8 - 8; shift >= 0; shift -= 8) {
+      bytes += static_cast<char>(static_cast<std::uint64_t>(value) >> shift & 0xff);
     }
-    body += end;
-    return std::string(3, '\0') + static_cast<char>(body.size()) + body;
+    return bytes;
   };
-  // Protocol, last transaction seen, time-out, session, password, whether read-only would do.
-  const std::string take = frame({{0, 4}, {0, 8}, {10000, 4}, {session.client_id, 8}, {16, 4}},
-                                 std::string(session.passwd, sizeof(session.passwd)) + '\0');
-  // Number and type of the request.
-  const std::string end = frame({{1, 4}, {-11, 4}}, "");
+  // Length; protocol, last transaction seen, time-out, session, password, whether read-only would do.
+  const std::string take = number(45, 4) + number(0, 4) + number(0, 8) + number(10000, 4) +
+                           number(session.client_id, 8) + number(sizeof(session.passwd), 4) +
+                           std::string(session.passwd, sizeof(session.passwd)) + '\0';
+  // Length; number and type of the request.
+  const std::string end = number(8, 4) + number(1, 4) + number(-11, 4);
   // What the session's own client asks for after this makes the server drop its connection, and the client
   // comes back to hear of the end. Without it the client would notice at its next ping.
   {
-    Connection connection(port);
+    RawSocket connection = RawSocket::Connect(static_cast<std::uint16_t>(port));
     connection.Send(take);
     connection.Receive(41);
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -214,10 +169,10 @@ void ExpireSession(int port, const clientid_t& session) {
   // In one write: the own client may take the session back at any time. It is gone when a time-out of 0 is
   // granted.
   const auto gone = [&] {
-    Connection connection(port);
+    RawSocket connection = RawSocket::Connect(static_cast<std::uint16_t>(port));
     connection.Send(take + end);
     const std::string answer = connection.Receive(41 + 20);
-    return answer.size() >= 12 && answer.substr(8, 4) == std::string(4, '\0');
+    return answer.size() >= 12 && answer.substr(8, 4) == number(0, 4);
   };
   if (!WaitUntil(gone)) {
     throw std::runtime_error("the session does not let itself be closed");
