@@ -56,17 +56,20 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
   int result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
   if (type != ZOO_CHANGED_EVENT) {
     VYN_LOG_INFO("MetaNodeStatusWatcher: OTHER EVENT: " << type << ", path: " << path);
+  } else {
+    VYN_LOG_INFO("MetaNodeStatusWatcher: ZOO_CHANGED_EVENT " << type << " path: " << path
+                                                             << ", update information in memory");
+  }
+  if (type != ZOO_CHANGED_EVENT || result == ZNONODE) {
+    // A znode that has been deleted since its event takes no watch from the read above.
     const int standing = DoDlZooWexists(g_ZKHandler, path, MetaNodeStatusWatchFunc, nullptr, nullptr);
     if (result == ZNONODE && standing == ZOK) {  // created between the two calls: no event follows
       length = kWatchedStatusLength;
       result = DoDlZooWget(zh, path, MetaNodeStatusWatchFunc, nullptr, buffer, &length, nullptr);
     }
-    if (result != ZOK) {
-      return;
-    }
-  } else {
-    VYN_LOG_INFO("MetaNodeStatusWatcher: ZOO_CHANGED_EVENT " << type << " path: " << path
-                                                             << ", update information in memory");
+  }
+  if (type != ZOO_CHANGED_EVENT && result != ZOK) {
+    return;
   }
   const std::string whole = path;
   const std::size_t mark = whole.find('/', mMetaStatusPath.size());
