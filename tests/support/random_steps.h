@@ -1,0 +1,60 @@
+#pragma once
+
+// What random tests share: their seeds, and the steps that a failure shows.
+
+#include <cstdlib>
+#include <deque>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace vyn::test {
+
+/// Returns: 1 to `count`, or the one seed of the environment variable VYN_SEED: a number, or "random".
+inline std::vector<unsigned int> Seeds(unsigned int count) {
+  const char* text = std::getenv("VYN_SEED");
+  if (text != nullptr) {
+    return {std::string(text) == "random" ? std::random_device()()
+                                          : static_cast<unsigned int>(std::strtoul(text, nullptr, 10))};
+  }
+  std::vector<unsigned int> seeds(count);
+  std::iota(seeds.begin(), seeds.end(), 1U);
+  return seeds;
+}
+
+/// The random numbers of one seed, and the last 20 steps that were made of them.
+class RandomSteps {
+ public:
+  explicit RandomSteps(unsigned int seed) : mSeed(seed), mEngine(seed) {}
+
+  /// Returns: a number from 0 to `count` - 1.
+  std::uint32_t Number(std::uint32_t count) { return static_cast<std::uint32_t>(mEngine() % count); }
+  bool OneIn(std::uint32_t count) { return Number(count) == 0; }
+  template <typename Value>
+  Value Pick(const std::vector<Value>& values) {
+    return values[Number(static_cast<std::uint32_t>(values.size()))];
+  }
+
+  void Note(const std::string& step) {
+    mSteps.push_back(step);
+    if (mSteps.size() > 20) {
+      mSteps.pop_front();
+    }
+  }
+  /// Returns: the seed and the last steps, for the message of a failure.
+  std::string Story() const {
+    std::string text = "\nVYN_SEED=" + std::to_string(mSeed) + ", the last steps:\n";
+    for (const std::string& step : mSteps) {
+      text += "  " + step + "\n";
+    }
+    return text;
+  }
+
+ private:
+  const unsigned int mSeed;
+  std::mt19937 mEngine;
+  std::deque<std::string> mSteps;
+};
+
+}  // namespace vyn::test
