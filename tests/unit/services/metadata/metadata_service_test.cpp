@@ -1,23 +1,36 @@
+// The metadata service as its clients see it, which nodes it offers, and a member's part in the election.
+
 #include "services/metadata/metadata_service.h"
 
 #include "common/message/heart_beat_message.h"
 #include "common/rpc/rpc_engine.h"
 #include "services/common/service_status.h"
+#include "services/metadata/metadata_member.h"
+#include "services/metadata/node_selection.h"
 #include "support/cluster_test.h"
+#include "support/fabric.h"
+#include "support/raw_socket.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
-
-#include <gmock/gmock.h>
 
 #include <cstring>
 
 namespace vyn::services {
 namespace {
 
+using common::BaseMessage;
 using common::Ref;
-using namespace tessel;
+using namespace tessel;  // the messages
+using testing::ElementsAre;
 
 constexpr long kTimeout = 60000;
+
+template <typename Message>
+Ref<Message> Make(std::string Message::*name, const std::string& text) {
+  Ref<Message> message(new Message());
+  (*message).*name = text;
+  return message;
+}
 
 class MetadataServiceTest : public test::ClusterTest {
  protected:
@@ -47,35 +60,31 @@ class MetadataServiceTest : public test::ClusterTest {
     mRaw->Create("/vyn/nodes/" + name, R"({"host":")" + host + R"("})");
     mRaw->Create("/vyn/reclaim/" + name, "");
     if (live) {
-      std::string record(88, '\0');
-      const std::uint32_t port = 3899;
-      std::memcpy(record.data() + 4, &port, sizeof(port));
-      std::memcpy(record.data() + 8, "127.0.0.1", 9);
-      std::memcpy(record.data() + 24, host.data(), host.size());
+      std::string record = test::Wire(0U, 3899U) + "127.0.0.1";
+      record.resize(24);
+      record += host;
+      record.resize(88);
       mRaw->Create("/mf/node/" + name, record);
-      std::string capacity(24, '\0');
-      const std::array<std::uint64_t, 2> bytes{1000, 600};
-      std::memcpy(capacity.data(), bytes.data(), sizeof(bytes));
-      mRaw->Create("/mf/capacity/" + name, capacity);
+      mRaw->Create("/mf/capacity/" + name,
+                   test::Wire(std::uint64_t{1000}, std::uint64_t{600}, std::uint64_t{0}));
     }
   }
-  std::uint32_t Call(std::uint16_t code, const Ref<common::BaseMessage>& request,
-                     const Ref<common::BaseMessage>& response = nullptr) {
+  std::uint32_t Call(std::uint16_t code, const Ref<BaseMessage>& request,
+                     const Ref<BaseMessage>& response = nullptr) {
     return mEngine->SyncRpcCall(code, request, response, kTimeout);
   }
-  std::uint32_t Variable(std::uint16_t code, const std::string& app, std::uint32_t id, std::uint32_t blocks,
-                         const Ref<common::BaseMessage>& response = nullptr) {
-    Ref<BroadcastVar> request(new BroadcastVar());
-    request->appId = app;
+  std::uint32_t Variable(std::uint16_t code, const std::string& app, std::uint32_t id,
+                         std::uint32_t blocks = 0) {
+    auto request = Make(&BroadcastVar::appId, app);
     request->broadcastId = id;
     request->blockNum = blocks;
-    return Call(code, request.Get(), response);
+    mGot = new BroadcastBlockInfo();
+    return Call(code, request.Get(), code == BROADCAST_VAR_GET ? mGot.Get() : nullptr);
   }
-  static Ref<BroadcastBlockInfo> Blocks(const std::string& app, std::uint32_t id, std::size_t count) {
-    Ref<BroadcastBlockInfo> info(new BroadcastBlockInfo());
-    info->appId = app;
+  static Ref<BroadcastBlockInfo> Blocks(std::uint32_t id, std::size_t count, std::uint32_t node = 1) {
+    auto info = Make(&BroadcastBlockInfo::appId, "app");
     info->broadcastId = id;
-    info->nodeId = 1;
+    info->nodeId = node;
     info->bmIds.assign(count, "b0001" + std::string(55, 'b'));
     info->sizes.assign(count, 7);
     return info;
@@ -84,6 +93,7 @@ class MetadataServiceTest : public test::ClusterTest {
   FabricView mView;
   std::unique_ptr<MetadataService> mService;
   Ref<common::RpcEngine> mEngine{new common::RpcEngine()};
+  Ref<BroadcastBlockInfo> mGot;
 };
 
 TEST_F(MetadataServiceTest, RefusesWhatMakesNoSense) {
@@ -91,105 +101,105 @@ TEST_F(MetadataServiceTest, RefusesWhatMakesNoSense) {
     EXPECT_EQ(Variable(code, "app", 1, 1), kStatusUnknownOperation) << code;
   }
   for (const std::string& name :
-       {std::string(), std::string("a/b"), std::string("a b"), std::string("a\0b", 3), std::string("../x")}) {
+       {std::string(), std::string("a/b"), std::string("a b"), std::string("a\0b", 3)}) {
     EXPECT_EQ(Variable(BROADCAST_VAR_NEW, name, 1, 1), kStatusInvalidRequest) << name;
-    EXPECT_EQ(Variable(BROADCAST_VAR_REMOVE, name, 1, 1), kStatusInvalidRequest) << name;
+    EXPECT_EQ(Variable(BROADCAST_VAR_REMOVE, name, 1), kStatusInvalidRequest) << name;
+    EXPECT_EQ(Call(APP_REMOVE, Make(&ShuffleApplication::appId, name).Get()), kStatusInvalidRequest) << name;
+    EXPECT_EQ(Call(HEART_BEAT, Make(&common::HeartBeatMessage::ns, name).Get()), kStatusInvalidRequest)
+        << name;
   }
   EXPECT_EQ(Variable(BROADCAST_VAR_NEW, "app", 1, 2), 0U);
-  auto info = Blocks("app", 1, 2);
-  info->sizes.pop_back();
-  EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, info.Get()), kStatusInvalidRequest) << "lists that do not pair";
-  info = Blocks("app", 1, 2);
-  info->bmIds[0] = "short";
-  EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, info.Get()), kStatusInvalidRequest);
-  info = Blocks("app", 1, 2);
-  info->nodeId = 2;
-  EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, info.Get()), kStatusWrongOwner)
-      << "their node would never free them";
-  EXPECT_EQ(Call(BROADCAST_BLOCK_INFO_ADD, info.Get()), kStatusWrongOwner);
-  EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, Blocks("app", 1, 3).Get()), kStatusInvalidRequest);
-  EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, Blocks("app", 2, 2).Get()), kStatusUnknownVariable);
-  Ref<BroadcastBlockInfo> got(new BroadcastBlockInfo());
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), kStatusNotReady);
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "other", 1, 0, got.Get()), kStatusUnknownVariable);
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), kStatusNotReady);
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "other", 1), kStatusUnknownVariable);
+  const auto odd = Blocks(1, 2);
+  odd->sizes.pop_back();
+  const auto shortId = Blocks(1, 2);
+  shortId->bmIds[0] = "short";
+  const std::pair<Ref<BroadcastBlockInfo>, std::uint32_t> lists[] = {
+      {odd, kStatusInvalidRequest},
+      {shortId, kStatusInvalidRequest},
+      {Blocks(1, 2, 2), kStatusWrongOwner},  // their node would never free them
+      {Blocks(1, 3), kStatusInvalidRequest},
+      {Blocks(2, 2), kStatusUnknownVariable}};
+  for (const auto& [info, status] : lists) {
+    for (const std::uint16_t code : {BROADCAST_VAR_INFO_ADD, BROADCAST_BLOCK_INFO_ADD}) {
+      EXPECT_EQ(Call(code, info.Get()), status) << code;
+    }
+  }
 }
 
 TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEnd) {
   EXPECT_EQ(Variable(BROADCAST_VAR_NEW, "app", 1, 2), 0U);
-  auto info = Blocks("app", 1, 2);
+  const auto info = Blocks(1, 2);
   info->bmIds[1].append(4, '\0');  // as a driver outside the fabric sends it
   EXPECT_EQ(Call(BROADCAST_VAR_INFO_ADD, info.Get()), 0U);
-  Ref<BroadcastBlockInfo> got(new BroadcastBlockInfo());
-  ASSERT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), 0U);
-  EXPECT_EQ(got->bmIds, Blocks("app", 1, 2)->bmIds);
-  EXPECT_EQ(got->nodeId, 1U);
-  EXPECT_EQ(Variable(BROADCAST_VAR_REMOVE, "app", 1, 0), 0U);
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), kStatusUnknownVariable);
+  ASSERT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), 0U);
+  EXPECT_TRUE(mGot->bmIds == Blocks(1, 2)->bmIds && mGot->nodeId == 1U);
+  auto one = Make(&BlockInfoRequest::appId, "app");
+  one->broadcastId = 1;
+  Ref<BlockBmInfo> block(new BlockBmInfo());
+  EXPECT_EQ(Call(BROADCAST_BLOCK_INFO_GET, one.Get(), block.Get()), 0U);
+  EXPECT_THAT(block->bmIds, ElementsAre(mGot->bmIds[0]));
+  EXPECT_EQ(Variable(BROADCAST_VAR_REMOVE, "app", 1), 0U);
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), kStatusUnknownVariable);
   EXPECT_THAT(test::ReadFile(mFolder / "audit.log"),
               testing::ContainsRegex("\\[127.0.0.1:[0-9]+\\]\\[remove_variable\\]\\[app/1\\]\\[SUCCESS\\]"));
-  EXPECT_THAT(mRaw->Children("/vyn/reclaim/1"), testing::SizeIs(1));
-  EXPECT_THAT(mRaw->Children("/vyn/reclaim/2"), testing::SizeIs(1)) << "also the node that is down";
-  Ref<ShuffleApplication> app(new ShuffleApplication());
-  app->appId = "app";
-  EXPECT_EQ(Call(APP_REMOVE, app.Get()), 0U);
+  for (const char* list : {"/vyn/reclaim/1", "/vyn/reclaim/2"}) {
+    EXPECT_EQ(mRaw->Children(list).size(), 1U) << "also the node that is down";
+  }
+  EXPECT_EQ(Call(APP_REMOVE, Make(&ShuffleApplication::appId, "app").Get()), 0U);
   EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
 }
 
 TEST_F(MetadataServiceTest, TellsOfItsNodes) {
-  Ref<ShuffleApplication> app(new ShuffleApplication());
-  app->appId = "app";
+  const auto app = Make(&ShuffleApplication::appId, "app");
   Ref<HostMessage> hosts(new HostMessage());
   ASSERT_EQ(Call(GET_UNAVAILABLE_NODE_LIST, app.Get(), hosts.Get()), 0U);
-  EXPECT_THAT(hosts->hosts, testing::ElementsAre("host-2"));
+  EXPECT_THAT(hosts->hosts, ElementsAre("host-2"));
   Ref<ClusterCapacityMessage> capacities(new ClusterCapacityMessage());
   ASSERT_EQ(Call(GET_MF_CAPACITY_LIST, app.Get(), capacities.Get()), 0U);
   ASSERT_EQ(capacities->caps.size(), 1U);
-  EXPECT_EQ(capacities->caps[0]->host, "host-1");
-  EXPECT_EQ(capacities->caps[0]->capacityB, 600U);
-
-  Ref<BroadcastRemoteNodeReq> request(new BroadcastRemoteNodeReq());
-  request->appId = "app";
+  EXPECT_TRUE(capacities->caps[0]->host == "host-1" && capacities->caps[0]->capacityB == 600U);
+  const auto request = Make(&BroadcastRemoteNodeReq::appId, "app");
   Ref<BroadcastRemoteNodeRsp> nodes(new BroadcastRemoteNodeRsp());
   ASSERT_EQ(Call(BROADCAST_REMOTE_NODE_GET, request.Get(), nodes.Get()), 0U);
-  EXPECT_THAT(nodes->selectedNodes, testing::ElementsAre("127.0.0.1:3899"));
-  EXPECT_THAT(nodes->nodeIds, testing::ElementsAre(1));
+  EXPECT_THAT(nodes->selectedNodes, ElementsAre("127.0.0.1:3899"));
+  EXPECT_THAT(nodes->nodeIds, ElementsAre(1));
   Ref<NodeIdResponse> belongs(new NodeIdResponse());
   EXPECT_EQ(Call(IS_MF_NODE, request.Get(), belongs.Get()), kStatusInvalidRequest) << "no candidate";
-  request->candidateNodes = {"host-1"};
-  ASSERT_EQ(Call(IS_MF_NODE, request.Get(), belongs.Get()), 0U);
-  EXPECT_TRUE(belongs->isMfNode);
-  EXPECT_EQ(belongs->nodeId, 1U);
-  // The view of this test has no thread: a node that has just come is seen all the same.
-  AddNode(3, "host-3", true);
-  request->candidateNodes = {"host-3"};
-  EXPECT_TRUE(test::WaitUntil([&] {
-    return Call(IS_MF_NODE, request.Get(), belongs.Get()) == 0 && belongs->isMfNode && belongs->nodeId == 3;
-  }));
+  AddNode(3, "host-3", true);  // the view of this test has no thread: who asks for a new node makes it look
+  for (const std::uint32_t id : {1U, 3U}) {
+    request->candidateNodes = {"host-" + std::to_string(id)};
+    EXPECT_TRUE(test::WaitUntil([&] {
+      return Call(IS_MF_NODE, request.Get(), belongs.Get()) == 0 && belongs->isMfNode &&
+             belongs->nodeId == id;
+    }));
+  }
 }
 
 TEST_F(MetadataServiceTest, OnlyWhoSentHeartbeatsIsMissed) {
   ASSERT_EQ(Variable(BROADCAST_VAR_NEW, "beating", 1, 1), 0U);
   ASSERT_EQ(Variable(BROADCAST_VAR_NEW, "quiet", 1, 1), 0U);
-  Ref<common::HeartBeatMessage> beat(new common::HeartBeatMessage());
-  beat->ns = "beating";
+  const auto beat = Make(&common::HeartBeatMessage::ns, "beating");
   beat->isAlive = true;
   ASSERT_EQ(Call(HEART_BEAT, beat.Get()), 0U);
   EXPECT_TRUE(test::WaitUntil([&] { return !mRaw->Exists("/vyn/apps/beating"); }));
   EXPECT_TRUE(mRaw->Exists("/vyn/apps/quiet"));
   Ref<ShuffleApplicationIdList> asked(new ShuffleApplicationIdList());
   Ref<ShuffleApplicationIdList> known(new ShuffleApplicationIdList());
-  asked->appIds = {"beating", "quiet"};
+  asked->appIds = {"beating", "quiet", "a/b"};
   ASSERT_EQ(Call(CHECK_VALID_APP, asked.Get(), known.Get()), 0U);
-  EXPECT_THAT(known->appIds, testing::ElementsAre("quiet"));
-  asked->appIds.assign(501, "other");
-  EXPECT_EQ(Call(CHECK_VALID_APP, asked.Get(), known.Get()), kStatusTooLarge);
+  EXPECT_THAT(known->appIds, ElementsAre("quiet"));
+  for (const std::size_t count : {501U, 10001U}) {
+    asked->appIds.assign(count, count == 501 ? "other" : "quiet");
+    EXPECT_EQ(Call(CHECK_VALID_APP, asked.Get(), known.Get()), kStatusTooLarge);
+  }
 }
 
 TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {
-  Ref<BroadcastBlockInfo> got(new BroadcastBlockInfo());
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), kStatusUnknownVariable);
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), kStatusUnknownVariable);
   mService->ServeUntil(std::chrono::steady_clock::now());
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1, 0, got.Get()), MetadataStore::kStatusDeposed)
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), MetadataStore::kStatusDeposed)
       << "another may lead, and know better";
   mService->ServeUntil(std::chrono::steady_clock::time_point::max());
   MetadataState next;
@@ -198,6 +208,156 @@ TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {
   EXPECT_EQ(Variable(BROADCAST_VAR_NEW, "app", 1, 1), MetadataStore::kStatusDeposed);
   EXPECT_TRUE(mService->Deposed());
   EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), MetadataStore::kStatusDeposed);
+}
+
+TEST(NodeSelection, MostFreeMemoryFirstAmongTheCandidates) {
+  struct Case {
+    std::vector<std::pair<std::string, std::uint64_t>> live;  ///< address, free bytes; the ids count from 1
+    std::vector<std::string> candidates;
+    std::vector<std::uint32_t> selected;
+  };
+  const decltype(Case::live) four{{"10.0.0.1", 5}, {"10.0.0.2", 9}, {"10.0.0.3", 9}, {"10.0.0.4", 7}};
+  const decltype(Case::live) mixed{{"127.0.0.1", 1}, {"10.0.0.2", 2}};
+  for (const Case& c : {Case{four, {}, {2, 3, 4, 1}}, Case{four, {"10.0.0.1", "host-4", "10.0.0.9"}, {4, 1}},
+                        Case{four, {"10.0.0.9"}, {}}, Case{{}, {}, {}}, Case{mixed, {"127.0.0.1"}, {}},
+                        Case{mixed, {"localhost", "::1", "10.0.0.2"}, {2}},
+                        Case{{{"127.0.0.1", 1}, {"127.0.0.2", 2}}, {"127.0.0.1"}, {1}}}) {
+    std::vector<cluster::NodeInfo> live;
+    for (const auto& [ip, free] : c.live) {
+      cluster::NodeInfo& node = live.emplace_back();
+      node.nodeId = static_cast<std::uint32_t>(live.size());
+      node.ip = ip;
+      node.hostName = "host-" + std::to_string(live.size());
+      node.capacityB = free;
+    }
+    for (const bool single : {false, true}) {
+      std::vector<std::uint32_t> ids;
+      for (const auto& node : SelectNodes(live, c.candidates, single)) {
+        ids.push_back(node.nodeId);
+      }
+      auto expected = c.selected;
+      expected.resize(single ? std::min<std::size_t>(1, expected.size()) : expected.size());
+      EXPECT_EQ(ids, expected);
+    }
+  }
+}
+
+constexpr const char* kSelf = "127.0.0.1";
+constexpr const char* kOther = "127.0.0.9";
+constexpr const char* kLeaderPath = "/meta/election/leader_info";
+constexpr const char* kFollowerPath = "/meta/election/follower_info/127.0.0.1";
+
+class MetadataMemberTest : public test::ClusterTest {
+ protected:
+  void SetUp() override {
+    ClusterTest::SetUp();
+    Connect();
+  }
+  void TearDown() override {
+    mMember.reset();
+    ClusterTest::TearDown();
+  }
+  void StartMember(int port = 0) {
+    MetadataMemberOptions options;
+    options.nodeAddress = kSelf;
+    options.nodeList = std::string(kSelf) + "," + kOther;
+    options.service.address = kSelf;
+    options.service.port = static_cast<std::uint16_t>(port);
+    options.onNewSession = [this] { ++mSessions; };
+    mMember = std::make_unique<MetadataMember>(options);
+    ASSERT_EQ(mMember->Start(), 0U);
+  }
+  bool Leads() {
+    return test::WaitUntil([this] { return mMember->Leading(); });
+  }
+  bool HasStatuses(const std::string& self, const std::string& other) {
+    return test::WaitUntil([&] {
+      return mRaw->Get(std::string("/meta/status/") + kSelf) == self &&
+             mRaw->Get(std::string("/meta/status/") + kOther) == other;
+    });
+  }
+
+  std::atomic<int> mSessions{0};
+  std::unique_ptr<MetadataMember> mMember;
+};
+
+TEST_F(MetadataMemberTest, AClaimOrMutexWhoseReplyWasLostIsItsOwn) {
+  // As they stand when the connection broke after the server had made them.
+  for (const std::string& path :
+       {cluster::ClusterZKAdapter::mMetaLeaderPath, cluster::ClusterZKAdapter::mMetaMutexPath}) {
+    ASSERT_EQ(DoDlZooCreate(VynGetZkHandle(), path.c_str(), kSelf, 9, &ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL,
+                            nullptr, 0),
+              ZOK);
+  }
+  mMeta->mLeaderAddress = kOther;  // who led before
+  StartMember();
+  EXPECT_TRUE(Leads());
+  EXPECT_EQ(LeaderAddress(), kSelf);
+  EXPECT_FALSE(mRaw->Exists(cluster::ClusterZKAdapter::mMetaMutexPath));
+  EXPECT_TRUE(HasStatuses("2", "3"));
+  EXPECT_FALSE(mRaw->Exists(kFollowerPath));
+  mMember->Stop();
+  EXPECT_FALSE(mRaw->Exists(kLeaderPath));
+}
+
+TEST_F(MetadataMemberTest, FollowsWhoLeadsAndTakesOverWhenItGoes) {
+  mRaw->Create(kLeaderPath, kOther, ZOO_EPHEMERAL);
+  StartMember();
+  EXPECT_TRUE(test::WaitUntil([&] { return mRaw->Exists(kFollowerPath); }));
+  EXPECT_TRUE(HasStatuses("2", "1"));
+  EXPECT_FALSE(mMember->Leading());
+  EXPECT_EQ(LeaderAddress(), kOther);
+  mMember->Stop();
+  EXPECT_EQ(mRaw->Get(kLeaderPath), kOther) << "another's claim is left alone";
+  EXPECT_FALSE(mRaw->Exists(kFollowerPath));
+
+  cluster::ClusterZKAdapter::isRunning = true;  // as in a new process
+  StartMember();
+  EXPECT_TRUE(test::WaitUntil([&] { return mRaw->Exists(kFollowerPath); }));
+  mRaw->Delete(kLeaderPath);
+  EXPECT_TRUE(Leads());
+  EXPECT_EQ(mRaw->Get(kLeaderPath), kSelf);
+  EXPECT_TRUE(HasStatuses("2", "3"));
+  EXPECT_FALSE(mRaw->Exists(kFollowerPath));
+}
+
+TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
+  mRaw->Create(std::string("/meta/status/") + kSelf, "3");
+  mRaw->Create(std::string("/meta/status/") + kOther, "2");
+  StartMember();
+  ASSERT_TRUE(Leads());
+  EXPECT_TRUE(HasStatuses("2", "3")) << "who went while nobody led is found out";
+  const clientid_t before = DoDlZooClientId(VynGetZkHandle());
+  test::ExpireSession(gServer->Port(), before);
+  EXPECT_TRUE(test::WaitUntil([&] { return mSessions >= 1; }));
+  EXPECT_TRUE(Leads());
+  EXPECT_NE(mRaw->Owner(kLeaderPath), before.client_id);
+  EXPECT_EQ(mRaw->Owner(kLeaderPath), DoDlZooClientId(VynGetZkHandle()).client_id);
+}
+
+TEST_F(MetadataMemberTest, StopsServingBeforeItsSessionCanHaveExpired) {
+  mAdapter->ClusterZKClose();
+  test::SlowLink link(static_cast<std::uint16_t>(gServer->Port()), 1ULL << 40U);
+  test::UseZookeeper("127.0.0.1:" + std::to_string(link.Port()) + mUrl.substr(mUrl.find('/')));
+  Connect(8000);
+  StartMember();  // asks for 30 seconds, more than the session was granted
+  ASSERT_TRUE(Leads());
+  link.Cut(true);
+  EXPECT_TRUE(test::WaitUntil([&] { return !mRaw->Exists(kLeaderPath); })) << "another may lead from now on";
+  EXPECT_FALSE(mMember->Leading());
+  link.Cut(false);
+  EXPECT_TRUE(Leads());
+  mMember.reset();
+  mAdapter->ClusterZKClose();
+}
+
+TEST_F(MetadataMemberTest, GivesUpAClaimThatItCannotServe) {
+  const test::RawListener taken;
+  StartMember(taken.Port());
+  EXPECT_TRUE(test::WaitUntil([&] { return mLog.Texts(test::kErrorLine).size() >= 2; }));
+  EXPECT_TRUE(test::WaitUntil([&] { return !mRaw->Exists(kLeaderPath); }));
+  EXPECT_FALSE(mMember->Leading());
 }
 
 }  // namespace

@@ -1,426 +1,537 @@
-#include "platform/zk_helper/zk_helper.h"
+// What the metadata service remembers: random operations against a model of it, also on a leader that has just
+// been deposed, and by hand what a neighbour or a lost answer does to the records.
+
 #include "services/common/service_status.h"
 #include "services/common/variable_record.h"
+#include "services/common/zookeeper_io.h"
 #include "services/metadata/metadata_state.h"
 #include "support/cluster_test.h"
+#include "support/fake_clock.h"
+#include "support/random_steps.h"
+#include "support/zookeeper_calls.h"
 
-#include <dlfcn.h>
-#include <gmock/gmock.h>
-
-#include <functional>
-#include <thread>
-#include <utility>
-
-namespace {
-
-/// Runs when the next transaction has been committed, whose reply then is lost.
-std::function<void()> gCommitLost;
-/// The next question whether this znode or one below it exists gets no answer.
-std::string gUnanswered;
-
-}  // namespace
-
-// Found before the helper's own.
-extern "C" int DoDlZooMulti(zhandle_t* handle, int count, const zoo_op_t* operations) {
-  static const auto real = reinterpret_cast<decltype(&DoDlZooMulti)>(dlsym(RTLD_NEXT, "DoDlZooMulti"));
-  const auto lost = std::exchange(gCommitLost, nullptr);
-  const int result = real(handle, count, operations);
-  if (!lost) {
-    return result;
-  }
-  lost();
-  return ZCONNECTIONLOSS;
-}
-
-extern "C" int DoDlZooExists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
-  static const auto real = reinterpret_cast<decltype(&DoDlZooExists)>(dlsym(RTLD_NEXT, "DoDlZooExists"));
-  if (!gUnanswered.empty() && std::string(path).starts_with(gUnanswered)) {
-    gUnanswered.clear();
-    return ZCONNECTIONLOSS;
-  }
-  return real(handle, path, watch, stat);
-}
+#include <set>
 
 namespace vyn::services {
 namespace {
 
-using testing::IsEmpty;
-using testing::SizeIs;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+/// So many blocks have a list of several znodes.
+constexpr std::uint32_t kLong = 13500;
+constexpr ApplicationLimits kLimits{.variables = 3, .blocks = kLong + 4};
+
+/// Blocks [first, first + count) of a variable. The letter makes their ids.
+struct Blocks : tessel::BroadcastBlockInfo {
+  Blocks(const std::string& application, std::uint32_t id, std::uint32_t first, std::uint32_t count,
+         std::uint32_t node = 1, char letter = 'b') {
+    appId = application;
+    broadcastId = id;
+    nodeId = node;
+    for (std::uint32_t i = first; i < first + count; ++i) {
+      const std::string number = std::to_string(i);
+      bmIds.push_back(std::string(60 - number.size(), letter) + number);
+      sizes.push_back(i + 1);
+    }
+  }
+};
 
 class MetadataStoreTest : public test::ClusterTest {
  protected:
   void SetUp() override {
     ClusterTest::SetUp();
     Connect();
-  }
-  /// Two nodes, as their registries announce them.
-  void AddNodes() {
-    mRaw->Create("/vyn/reclaim/1", "");
-    mRaw->Create("/vyn/reclaim/2", "");
-  }
-  struct Blocks : tessel::BroadcastBlockInfo {
-    Blocks(std::uint32_t id, std::uint32_t count, std::uint32_t node = 1) {
-      appId = "app";
-      broadcastId = id;
-      nodeId = node;
-      for (std::uint32_t i = 0; i < count; ++i) {
-        const std::string number = std::to_string(i);
-        bmIds.push_back(std::string(60 - number.size(), 'b') + number);
-        sizes.push_back(i + 1);
-      }
+    for (const char* node : {"1", "2"}) {
+      mRaw->Create(std::string("/vyn/reclaim/") + node, "");
     }
-  };
-  static std::vector<std::string> Known(MetadataState& state, const std::vector<std::string>& names) {
-    std::vector<std::string> known;
-    EXPECT_EQ(state.Known(names, known), 0U);
-    return known;
   }
-  /// The entries of a node's list.
-  std::vector<ReclaimEntry> Entries(int node) {
+  std::vector<ReclaimEntry> Entries(const std::string& node) {
     std::vector<ReclaimEntry> entries;
-    for (const std::string& name : mRaw->Children("/vyn/reclaim/" + std::to_string(node))) {
-      ReclaimEntry entry;
+    for (const std::string& name : mRaw->Children("/vyn/reclaim/" + node)) {
       EXPECT_TRUE(
-          ReclaimEntry::FromText(mRaw->Get("/vyn/reclaim/" + std::to_string(node) + "/" + name), entry));
-      entries.push_back(entry);
+          ReclaimEntry::FromText(mRaw->Get("/vyn/reclaim/" + node + "/" + name), entries.emplace_back()));
     }
     return entries;
   }
 };
 
-TEST_F(MetadataStoreTest, TheNextLeaderServesWhatWasAcknowledged) {
-  MetadataState first;
-  ASSERT_EQ(first.Load(), 0U);
-  ASSERT_EQ(first.NewVariable("app", 1, 3), 0U);
-  ASSERT_EQ(first.SetBlocks(Blocks(1, 3)), 0U);
-  ASSERT_EQ(first.NewVariable("app", 2, 20000), 0U);
-  ASSERT_EQ(first.SetBlocks(Blocks(2, 20000, 2)), 0U);
-  ASSERT_EQ(first.NewVariable("app", 3, 5), 0U);
-  EXPECT_EQ(first.HeartBeat("beating"), 0U);
-  EXPECT_FALSE(mRaw->Exists("/vyn/apps/beating")) << "a late heartbeat of an application that has ended";
-  mRaw->Create("/vyn/apps/beating", "{}");  // as a registration leaves it
-  EXPECT_EQ(first.HeartBeat("beating", false), 0U);
-  EXPECT_EQ(mRaw->Get("/vyn/apps/beating"), "{}") << "a farewell";
-  ASSERT_EQ(first.HeartBeat("beating"), 0U);
-  int pieces = 0;
-  for (const std::string& name : mRaw->Children("/vyn/apps/app")) {
-    pieces += static_cast<int>(mRaw->Children("/vyn/apps/app/" + name).size());
+/// The model: what has been acknowledged.
+class MetadataModelTest : public MetadataStoreTest {
+ protected:
+  struct Variable {
+    std::uint32_t blockNum = 0;
+    bool ready = false;
+    std::uint32_t node = 0;
+    std::vector<std::string> bmIds;
+    std::vector<std::uint64_t> sizes;
+  };
+  struct Application {
+    bool heartbeat = false;
+    Clock::time_point lastBeat;
+    std::map<std::uint32_t, Variable> variables;
+  };
+  struct Step {
+    std::string name;
+    std::function<std::uint32_t(MetadataState& state)> call;
+    std::uint32_t status = 0;
+    bool writes = false;                 ///< a deposed leader must refuse it
+    std::function<void()> done = [] {};  ///< changes the model
+  };
+
+  Variable* Find(const std::string& app, std::uint32_t id) {
+    const auto application = mModel.find(app);
+    if (application == mModel.end()) {
+      return nullptr;
+    }
+    const auto variable = application->second.variables.find(id);
+    return variable == application->second.variables.end() ? nullptr : &variable->second;
   }
-  EXPECT_GT(pieces, 1) << "the long list is longer than one znode takes";
-
-  MetadataState next;
-  ASSERT_EQ(next.Load(), 0U);
-  for (const std::uint32_t id : {1U, 2U}) {
-    const auto expected = Blocks(id, id == 1 ? 3 : 20000, id);
-    tessel::BroadcastBlockInfo info;
-    ASSERT_EQ(next.GetVariable("app", id, info), 0U);
-    EXPECT_TRUE(info.bmIds == expected.bmIds && info.sizes == expected.sizes);
-    EXPECT_EQ(info.nodeId, id);
+  void NewLeader() {
+    mLeader = std::make_unique<MetadataState>(kLimits);
+    ASSERT_EQ(mLeader->Load(), 0U);
+    for (auto& [name, application] : mModel) {
+      application.lastBeat = mClock.Now();
+    }
   }
-  tessel::BroadcastBlockInfo info;
-  EXPECT_EQ(next.GetVariable("app", 3, info), kStatusNotReady);
-  EXPECT_EQ(next.GetVariable("app", 4, info), kStatusUnknownVariable);
-  std::string bmId;
-  EXPECT_EQ(next.GetBlock("app", 2, 19999, bmId), 0U);
-  EXPECT_EQ(bmId, Blocks(2, 20000).bmIds.back());
-  EXPECT_EQ(next.GetBlock("app", 2, 20000, bmId), kStatusUnknownVariable);
-  EXPECT_THAT(Known(next, {"app", "beating", "other"}), SizeIs(2));
-  EXPECT_TRUE(test::WaitUntil([&] { return !next.Silent(std::chrono::milliseconds(1)).empty(); }));
-  EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), testing::ElementsAre("beating"));
-  EXPECT_THAT(next.Silent(std::chrono::hours(1)), IsEmpty());
-  next.Forgive(std::chrono::hours(1));
-  EXPECT_THAT(next.Silent(std::chrono::milliseconds(1)), IsEmpty());
-  next.Forgive(-std::chrono::hours(1));
-  bool removed = true;
-  EXPECT_EQ(next.Expire("beating", std::chrono::hours(1), removed), 0U);
-  EXPECT_FALSE(removed) << "it has sent a heartbeat meanwhile";
-  EXPECT_EQ(next.Expire("beating", std::chrono::milliseconds(1), removed), 0U);
-  EXPECT_TRUE(removed);
-  EXPECT_THAT(Known(next, {"beating"}), IsEmpty());
-}
 
-TEST_F(MetadataStoreTest, ADeposedLeaderChangesNothing) {
-  AddNodes();
-  MetadataState old;
-  ASSERT_EQ(old.Load(), 0U);
-  ASSERT_EQ(old.NewVariable("app", 1, 1), 0U);
-  ASSERT_EQ(old.SetBlocks(Blocks(1, 1)), 0U);
-  ASSERT_EQ(old.NewVariable("app", 2, 1), 0U);
-  MetadataState next;
-  ASSERT_EQ(next.Load(), 0U);
-
-  const auto deposed = MetadataStore::kStatusDeposed;
-  EXPECT_EQ(old.NewVariable("app", 3, 1), deposed);
-  EXPECT_EQ(old.NewVariable("other", 1, 1), deposed);
-  EXPECT_EQ(old.SetBlocks(Blocks(2, 1)), deposed);
-  EXPECT_EQ(old.AddBlocks(Blocks(2, 1)), deposed);
-  EXPECT_EQ(old.RemoveVariable("app", 1), deposed);
-  EXPECT_EQ(old.RemoveVariable("app", 2), deposed);
-  EXPECT_EQ(old.RemoveApplication("app"), deposed);
-  EXPECT_EQ(old.RemoveApplication("never-seen"), deposed);
-  EXPECT_EQ(old.HeartBeat("app"), deposed);
-
-  EXPECT_THAT(mRaw->Children("/vyn/apps"), testing::ElementsAre("app"));
-  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(2));
-  EXPECT_EQ(mRaw->Get("/vyn/apps/app"), "{}");
-  EXPECT_THAT(Entries(1), IsEmpty());
-  EXPECT_THAT(Entries(2), IsEmpty());
-  MetadataState third;
-  ASSERT_EQ(third.Load(), 0U);
-  tessel::BroadcastBlockInfo info;
-  EXPECT_EQ(third.GetVariable("app", 1, info), 0U);
-  EXPECT_EQ(third.GetVariable("app", 2, info), kStatusNotReady);
-}
-
-TEST_F(MetadataStoreTest, ARepeatSucceedsAndAContradictionDoesNot) {
-  MetadataState state;
-  ASSERT_EQ(state.Load(), 0U);
-  EXPECT_EQ(state.NewVariable("app", 1, 2), 0U);
-  EXPECT_EQ(state.NewVariable("app", 1, 2), 0U);
-  EXPECT_EQ(state.NewVariable("app", 1, 3), kStatusVariableExists);
-  EXPECT_EQ(state.NewVariable("app", 2, MetadataStore::kMaxBlocks + 1), kStatusTooLarge);
-  EXPECT_EQ(state.SetBlocks(Blocks(1, 3)), kStatusInvalidRequest);
-  EXPECT_EQ(state.SetBlocks(Blocks(9, 2)), kStatusUnknownVariable);
-  EXPECT_EQ(state.SetBlocks(Blocks(1, 2)), 0U);
-  EXPECT_EQ(state.SetBlocks(Blocks(1, 2)), 0U);
-  auto others = Blocks(1, 2);
-  others.bmIds[0][0] = 'c';
-  EXPECT_EQ(state.SetBlocks(others), kStatusVariableExists);
-  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(1));
-
-  // Block by block, one of them twice.
-  EXPECT_EQ(state.NewVariable("app", 4, 2), 0U);
-  const auto both = Blocks(4, 2);
-  auto one = Blocks(4, 1);
-  EXPECT_EQ(state.AddBlocks(one), 0U);
-  EXPECT_EQ(state.AddBlocks(one), 0U);
-  tessel::BroadcastBlockInfo info;
-  EXPECT_EQ(state.GetVariable("app", 4, info), kStatusNotReady);
-  one.bmIds = {both.bmIds[1]};
-  one.sizes = {both.sizes[1]};
-  EXPECT_EQ(state.AddBlocks(one), 0U);
-  EXPECT_EQ(state.GetVariable("app", 4, info), 0U);
-  EXPECT_EQ(info.bmIds, both.bmIds);
-  EXPECT_EQ(state.AddBlocks(Blocks(4, 3)), kStatusInvalidRequest);
-  EXPECT_EQ(state.AddBlocks(Blocks(4, 400000)), kStatusInvalidRequest) << "at once";
-}
-
-TEST_F(MetadataStoreTest, AnApplicationHasNoMoreThanItMayHave) {
-  {
-    MetadataState state;
-    ASSERT_EQ(state.Load(), 0U);
-    ASSERT_EQ(state.NewVariable("app", 1, 6), 0U);
+  Step New(const std::string& app, std::uint32_t id, std::uint32_t blocks) {
+    Step step{"new " + std::to_string(blocks),
+              [=](auto& state) { return state.NewVariable(app, id, blocks); }};
+    std::uint64_t sum = blocks;
+    for (const auto& [number, variable] :
+         mModel.contains(app) ? mModel[app].variables : Application().variables) {
+      sum += variable.blockNum;
+    }
+    if (blocks > MetadataStore::kMaxBlocks) {
+      step.status = kStatusTooLarge;
+    } else if (const Variable* variable = Find(app, id)) {
+      step.status = variable->blockNum == blocks ? 0 : kStatusVariableExists;
+    } else if (sum > kLimits.blocks ||
+               (mModel.contains(app) && mModel[app].variables.size() == kLimits.variables)) {
+      step.status = kStatusLimit;
+    } else {
+      step.writes = true;
+      step.done = [=, this] { mModel[app].variables[id].blockNum = blocks; };
+    }
+    return step;
   }
-  MetadataState state({.variables = 3, .blocks = 10});
-  ASSERT_EQ(state.Load(), 0U);
-  EXPECT_EQ(state.NewVariable("app", 2, 5), kStatusLimit) << "with what an earlier leader took";
-  EXPECT_EQ(state.NewVariable("app", 2, 4), 0U);
-  EXPECT_EQ(state.NewVariable("app", 2, 4), 0U) << "a repeat";
-  EXPECT_EQ(state.NewVariable("app", 3, 0), 0U);
-  EXPECT_EQ(state.NewVariable("app", 4, 0), kStatusLimit);
-  EXPECT_EQ(state.NewVariable("other", 4, 10), 0U);
-  EXPECT_EQ(state.RemoveVariable("app", 1), 0U);
-  EXPECT_EQ(state.NewVariable("app", 4, 6), 0U);
-}
-
-TEST_F(MetadataStoreTest, ALongListIsWrittenAnewAtOnce) {
-  MetadataState state;
-  ASSERT_EQ(state.Load(), 0U);
-  ASSERT_EQ(state.NewVariable("app", 1, 20000), 0U);
-  const auto all = Blocks(1, 20000);
-  auto most = Blocks(1, 19999);
-  ASSERT_EQ(state.AddBlocks(most), 0U);
-  const std::string record = "/vyn/apps/app/" + mRaw->Children("/vyn/apps/app").at(0);
-  const auto pieces = mRaw->Children(record);
-  ASSERT_THAT(pieces, testing::Not(IsEmpty()));
-  // A leader that ended while it wrote the longer list has left the older one whole.
-  mRaw->Create(record + "/9-9.1", "a piece");
-  MetadataState next;
-  ASSERT_EQ(next.Load(), 0U);
-  std::string bmId;
-  ASSERT_EQ(next.GetBlock("app", 1, 19998, bmId), 0U);
-  EXPECT_EQ(bmId, all.bmIds[19998]);
-
-  auto last = Blocks(1, 0);
-  last.bmIds = {all.bmIds.back()};
-  last.sizes = {all.sizes.back()};
-  ASSERT_EQ(next.AddBlocks(last), 0U);
-  for (const std::string& piece : pieces) {
-    EXPECT_FALSE(mRaw->Exists(record + "/" + piece)) << "of the list that has been replaced";
+  Step Set(const std::string& app, std::uint32_t id, const std::shared_ptr<Blocks>& info) {
+    Step step{"set " + std::to_string(info->bmIds.size()),
+              [=](auto& state) { return state.SetBlocks(*info); }};
+    Variable* variable = Find(app, id);
+    if (variable == nullptr) {
+      step.status = kStatusUnknownVariable;
+    } else if (variable->blockNum != info->bmIds.size()) {
+      step.status = kStatusInvalidRequest;
+    } else if (variable->ready) {
+      step.status =
+          variable->bmIds == info->bmIds && variable->sizes == info->sizes ? 0 : kStatusVariableExists;
+    } else {
+      step.writes = true;
+      step.done = [=] { *variable = {variable->blockNum, true, info->nodeId, info->bmIds, info->sizes}; };
+    }
+    return step;
   }
-  MetadataState third;
-  ASSERT_EQ(third.Load(), 0U);
-  tessel::BroadcastBlockInfo info;
-  ASSERT_EQ(third.GetVariable("app", 1, info), 0U);
-  EXPECT_TRUE(info.bmIds == all.bmIds && info.sizes == all.sizes);
-  EXPECT_EQ(third.RemoveVariable("app", 1), 0U);
-  EXPECT_FALSE(mRaw->Exists(record));
-}
-
-TEST_F(MetadataStoreTest, ADeletedVariableIsGivenBackByItsNode) {
-  AddNodes();
-  MetadataState state;
-  ASSERT_EQ(state.Load(), 0U);
-  ASSERT_EQ(state.NewVariable("app", 1, 2), 0U);
-  ASSERT_EQ(state.SetBlocks(Blocks(1, 2, 2)), 0U);
-  ASSERT_EQ(state.RemoveVariable("app", 1), 0U);
-  EXPECT_EQ(state.RemoveVariable("app", 1), 0U) << "a repeat";
-  tessel::BroadcastBlockInfo info;
-  EXPECT_EQ(state.GetVariable("app", 1, info), kStatusUnknownVariable);
-  ASSERT_THAT(Entries(1), SizeIs(1));
-  ASSERT_THAT(Entries(2), SizeIs(1));
-  EXPECT_FALSE(Entries(1)[0].owner);
-  const ReclaimEntry owner = Entries(2)[0];
-  EXPECT_TRUE(owner.owner);
-  EXPECT_EQ(owner.application, "app");
-  EXPECT_EQ(owner.variableId, 1U);
-  VariableRecord record;
-  ASSERT_EQ(ReadVariableRecord(owner.variablePath, record), RecordRead::kRead);
-  EXPECT_EQ(record.state, RecordState::kDeleted);
-  EXPECT_EQ(record.blocks.bmIds, Blocks(1, 2).bmIds) << "the node still learns what to free";
-
-  // The number can be used again once the live nodes have forgotten the old variable, also under the next
-  // leader, and no later leader takes the old record for it.
-  mRaw->Create("/mf/node/1", "");
-  MetadataState after;
-  ASSERT_EQ(after.Load(), 0U);
-  gUnanswered = "/vyn/reclaim/1/";
-  std::jthread node([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    mRaw->Delete("/vyn/reclaim/1/" + mRaw->Children("/vyn/reclaim/1").at(0));
-  });
-  ASSERT_EQ(after.NewVariable("app", 1, 1), 0U);
-  EXPECT_THAT(Entries(1), IsEmpty()) << "the node was waited for";
-  node.join();
-  ASSERT_EQ(after.SetBlocks(Blocks(1, 1)), 0U);
-  MetadataState next;
-  ASSERT_EQ(next.Load(), 0U);
-  ASSERT_EQ(next.GetVariable("app", 1, info), 0U);
-  EXPECT_EQ(info.bmIds, Blocks(1, 1).bmIds);
-}
-
-TEST_F(MetadataStoreTest, VariablesThatNoNodeCanGiveBackGoAtOnce) {
-  AddNodes();
-  {
-    MetadataState state;
-    ASSERT_EQ(state.Load(), 0U);
-    ASSERT_EQ(state.NewVariable("app", 1, 1), 0U);
-    ASSERT_EQ(state.NewVariable("app", 2, 1), 0U);
-    ASSERT_EQ(state.SetBlocks(Blocks(2, 1, 99)), 0U);
+  Step Add(const std::string& app, std::uint32_t id, const std::shared_ptr<Blocks>& info) {
+    Step step{"add " + std::to_string(info->bmIds.size()),
+              [=](auto& state) { return state.AddBlocks(*info); }};
+    Variable* variable = Find(app, id);
+    if (variable == nullptr) {
+      step.status = kStatusUnknownVariable;
+      return step;
+    }
+    auto changed = *variable;
+    const std::set<std::string> known(changed.bmIds.begin(), changed.bmIds.end());
+    for (std::size_t i = 0; i < info->bmIds.size(); ++i) {
+      if (!known.contains(info->bmIds[i])) {
+        changed.bmIds.push_back(info->bmIds[i]);
+        changed.sizes.push_back(info->sizes[i]);
+      }
+    }
+    if ((variable->ready && variable->node != info->nodeId) || info->bmIds.size() > variable->blockNum ||
+        changed.bmIds.size() > variable->blockNum) {
+      step.status = kStatusInvalidRequest;
+    } else {
+      step.writes = true;
+      changed.ready = true;
+      changed.node = info->nodeId;
+      step.done = [=] { *variable = changed; };
+    }
+    return step;
   }
-  // As a leader leaves it that ended while it wrote a long list.
-  const auto names = mRaw->Children("/vyn/apps/app");
-  const auto& unready = names[names[0].rfind("1.", 0) == 0 ? 0 : 1];
-  mRaw->Create("/vyn/apps/app/" + unready + "/1", "a piece");
-  MetadataState state;
-  ASSERT_EQ(state.Load(), 0U);
-  EXPECT_EQ(state.RemoveVariable("app", 1), 0U);
-  EXPECT_EQ(state.RemoveVariable("app", 2), 0U);
-  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), IsEmpty());
-}
-
-TEST_F(MetadataStoreTest, ARemovedApplicationGoesAlsoWhenItsLeaderEndsInBetween) {
-  AddNodes();
-  MetadataState state;
-  ASSERT_EQ(state.Load(), 0U);
-  for (std::uint32_t id = 0; id < 250; ++id) {
-    ASSERT_EQ(state.NewVariable("app", id, 1), 0U);
+  Step Remove(const std::string& app, std::uint32_t id) {
+    Step step{"remove", [=](auto& state) { return state.RemoveVariable(app, id); }};
+    if (const Variable* variable = Find(app, id)) {
+      step.writes = true;
+      step.done = [=, this, ready = variable->ready, owner = variable->node] {
+        mModel[app].variables.erase(id);
+        for (const std::uint32_t node : {1U, 2U}) {
+          if (ready) {
+            mEntries.insert({node, app, id, node == owner});
+          }
+        }
+      };
+    }
+    return step;
   }
-  ASSERT_EQ(state.NewVariable("app", 250, 20000), 0U);
-  ASSERT_EQ(state.SetBlocks(Blocks(250, 20000)), 0U);
-  mRaw->Create("/vyn/apps/app/token", "{}");
-  ASSERT_EQ(state.RemoveApplication("app"), 0U);
-  EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
-  for (const int node : {1, 2}) {
-    ASSERT_THAT(Entries(node), SizeIs(1));
-    EXPECT_EQ(Entries(node)[0].application, "app");
-    EXPECT_TRUE(Entries(node)[0].variablePath.empty());
+  Step End(const std::string& app) {
+    return {"end", [=](auto& state) { return state.RemoveApplication(app); }, 0, true,
+            [=, this] { Ended(app); }};
   }
-  EXPECT_EQ(state.RemoveApplication("never-seen"), 0U) << "nodes may hold a namespace of it";
-  EXPECT_THAT(Entries(1), SizeIs(2));
-
-  mRaw->Create("/vyn/apps/half", R"({"removed":true})");
-  mRaw->Create("/vyn/apps/half/3.1-1", RecordHeader(RecordState::kNew, 1, 0));
-  MetadataState next;
-  ASSERT_EQ(next.Load(), 0U);
-  EXPECT_FALSE(mRaw->Exists("/vyn/apps/half"));
-  EXPECT_THAT(Known(next, {"half"}), IsEmpty());
-  EXPECT_THAT(Entries(1), SizeIs(3));
-}
-
-TEST_F(MetadataStoreTest, DamagedRecordsAreLeftOut) {
-  mRaw->Create("/vyn/apps/app", R"({"heartbeat":"yes"})");
-  mRaw->Create("/vyn/apps/app/1.1-1", "no header");
-  mRaw->Create("/vyn/apps/app/2.1-2", RecordHeader(RecordState::kReady, 1, 1) + "no list");
-  mRaw->Create("/vyn/apps/app/3.1-3", RecordHeader(RecordState::kNew, 1, 0));
-  mRaw->Create("/vyn/apps/app/4.1-4", RecordHeader(RecordState::kReady, 1, 2, "1-5"));
-  MetadataState state;
-  ASSERT_EQ(state.Load(), 0U);
-  EXPECT_TRUE(mLog.Has(test::kErrorLine,
-                       "A piece of the record /vyn/apps/app/4.1-4 is missing, the variable is left out"));
-  tessel::BroadcastBlockInfo info;
-  EXPECT_EQ(state.GetVariable("app", 1, info), kStatusUnknownVariable);
-  EXPECT_EQ(state.GetVariable("app", 2, info), kStatusUnknownVariable);
-  EXPECT_EQ(state.GetVariable("app", 3, info), kStatusNotReady);
-  EXPECT_THAT(state.Silent(std::chrono::milliseconds(0)), IsEmpty());
-}
-
-TEST_F(MetadataStoreTest, AWriteBehindOneOfUnknownOutcomeIsRefused) {
-  AddNodes();
-  const auto deposed = MetadataStore::kStatusDeposed;
-  for (const bool removal : {false, true}) {
-    MetadataState state;
-    ASSERT_EQ(state.Load(), 0U);
-    ASSERT_EQ(state.NewVariable("app", 2, 1), 0U);
-    std::jthread other;
-    gCommitLost = [&] {
-      other = std::jthread([&] {
-        EXPECT_EQ(state.NewVariable("app", 1, 1), deposed);
-        EXPECT_EQ(state.HeartBeat("app"), deposed);
-      });
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  void Ended(const std::string& app) {
+    mModel.erase(app);
+    mEntries.insert({1, app, 0, false});
+    mEntries.insert({2, app, 0, false});
+  }
+  Step Expire(const std::string& app, std::chrono::milliseconds timeout) {
+    const bool silent = IsSilent(app, timeout);
+    Step step{"expire", [=](auto& state) {
+                bool removed = !silent;
+                const std::uint32_t status = state.Expire(app, timeout, removed);
+                EXPECT_EQ(removed, silent && status == 0);
+                return status;
+              }};
+    step.writes = silent;
+    step.done = [=, this] { silent ? Ended(app) : void(); };
+    return step;
+  }
+  bool IsSilent(const std::string& app, std::chrono::milliseconds timeout) {
+    return mModel.contains(app) && mModel[app].heartbeat && mClock.Now() - mModel[app].lastBeat > timeout;
+  }
+  Step Beat(const std::string& app, bool alive) {
+    const bool known = mModel.contains(app);
+    Step step{alive ? "beat" : "farewell", [=](auto& state) { return state.HeartBeat(app, alive); }};
+    step.writes = known && alive && !mModel[app].heartbeat;
+    step.done = [=, this] {
+      if (known && (alive || mModel[app].heartbeat)) {
+        mModel[app].heartbeat = true;
+        mModel[app].lastBeat = mClock.Now();
+      }
     };
-    EXPECT_EQ(removal ? state.RemoveVariable("app", 1) : state.NewVariable("app", 1, 1), deposed);
-    other.join();
-    EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(removal ? 1 : 2)) << removal;
+    return step;
+  }
+  Step Read(const std::string& app, std::uint32_t id, std::uint32_t index) {
+    const Variable expected = Find(app, id) == nullptr ? Variable() : *Find(app, id);
+    const bool complete = expected.ready && expected.bmIds.size() == expected.blockNum;
+    Step step{"read", [=](auto& state) {
+                tessel::BroadcastBlockInfo info;
+                const std::uint32_t status = state.GetVariable(app, id, info);
+                EXPECT_TRUE(status != 0 || (info.bmIds == expected.bmIds && info.sizes == expected.sizes &&
+                                            info.nodeId == expected.node));
+                std::string bmId;
+                EXPECT_EQ(state.GetBlock(app, id, index, bmId),
+                          index >= expected.blockNum       ? kStatusUnknownVariable
+                          : index >= expected.bmIds.size() ? kStatusNotReady
+                                                           : 0);
+                EXPECT_TRUE(index >= expected.bmIds.size() || bmId == expected.bmIds[index]);
+                return status;
+              }};
+    step.status = Find(app, id) == nullptr ? kStatusUnknownVariable : complete ? 0 : kStatusNotReady;
+    return step;
+  }
+  /// Which applications are known, and which of them are silent.
+  Step Names(std::chrono::milliseconds timeout) {
+    std::vector<std::string> known;
+    std::vector<std::string> silent;
+    for (const auto& [name, application] : mModel) {
+      known.push_back(name);
+      if (IsSilent(name, timeout)) {
+        silent.push_back(name);
+      }
+    }
+    return {"names", [=](auto& state) {
+              std::vector<std::string> found;
+              EXPECT_EQ(state.Known({"a", "b", "never"}, found), 0U);
+              EXPECT_EQ(found, known);
+              EXPECT_EQ(state.Silent(timeout), silent);
+              return 0U;
+            }};
+  }
+  Step Next(test::RandomSteps& random) {
+    const std::string app = random.Pick<std::string>({"a", "b"});
+    const std::uint32_t id = random.Number(5);
+    const Variable* variable = Find(app, id);
+    const std::uint32_t blockNum = variable == nullptr ? 2 : variable->blockNum;
+    const std::uint32_t node = random.Pick<std::uint32_t>({1, 1, 1, 2, 99});
+    const char letter = random.OneIn(4) ? 'c' : 'b';
+    const auto timeout = random.Pick<std::chrono::milliseconds>({0ms, 2s});
+    switch (random.Number(14)) {
+      case 0:
+      case 1:
+      case 2:
+        return New(app, id, random.Pick<std::uint32_t>({0, 1, 3, 3, kLong, MetadataStore::kMaxBlocks + 1}));
+      case 3:
+      case 4:
+        return Set(app, id,
+                   std::make_shared<Blocks>(app, id, 0, blockNum + (random.OneIn(6) ? 1 : 0), node, letter));
+      case 5:
+      case 6: {
+        const std::uint32_t first = random.OneIn(2) ? blockNum / 2 : 0;
+        return Add(app, id,
+                   std::make_shared<Blocks>(app, id, first,
+                                            blockNum - first + (random.OneIn(6) ? 1 : 0) -
+                                                (random.OneIn(2) && blockNum > first ? 1 : 0),
+                                            node, letter));
+      }
+      case 7:
+      case 8:
+        return Remove(app, id);
+      case 9:
+        return random.OneIn(3) ? End(app) : Expire(app, timeout);
+      case 10:
+        return Beat(app, !random.OneIn(3));
+      case 11:
+        return Names(timeout);
+      default:
+        return Read(app, id, random.Pick<std::uint32_t>({0, 1, kLong - 1, kLong}));
+    }
+  }
+
+  /// Returns: the value of every znode below `path`.
+  std::map<std::string, std::string> Tree(const std::string& path) {
+    std::map<std::string, std::string> tree{{path, mRaw->Get(path)}};
+    for (const std::string& name : mRaw->Children(path)) {
+      tree.merge(Tree(path + "/" + name));
+    }
+    return tree;
+  }
+  /// Does what the nodes were told, and compares it and what is left with the model.
+  void CheckTree() {
+    decltype(mEntries) told;
+    for (const char* node : {"1", "2"}) {
+      for (const ReclaimEntry& entry : Entries(node)) {
+        told.insert(
+            {static_cast<std::uint32_t>(*node - '0'), entry.application, entry.variableId, entry.owner});
+        VariableRecord record;
+        if (entry.owner && ReadVariableRecord(entry.variablePath, record) != RecordRead::kAbsent) {
+          EXPECT_EQ(record.state, RecordState::kDeleted);
+          EXPECT_EQ(zookeeper::DeleteTree(entry.variablePath), ZOK);
+        }
+      }
+      EXPECT_EQ(zookeeper::DeleteTree(std::string("/vyn/reclaim/") + node), ZOK);
+      mRaw->Create(std::string("/vyn/reclaim/") + node, "");
+    }
+    EXPECT_TRUE(told == std::exchange(mEntries, {}));
+    std::size_t records = 0;
+    std::size_t expected = 0;
+    for (const std::string& app : mRaw->Children("/vyn/apps")) {
+      for (const std::string& name : mRaw->Children("/vyn/apps/" + app)) {
+        const std::string path = "/vyn/apps/" + app + "/" + name;
+        const Variable* variable = Find(app, static_cast<std::uint32_t>(std::stoul(name)));
+        VariableRecord record;
+        ASSERT_EQ(ReadVariableRecord(path, record), RecordRead::kRead) << path;
+        ASSERT_NE(variable, nullptr) << path;
+        EXPECT_EQ(record.state, variable->ready ? RecordState::kReady : RecordState::kNew);
+        EXPECT_TRUE(record.blockNum == variable->blockNum && record.blocks.bmIds == variable->bmIds);
+        EXPECT_EQ(mRaw->Children(path).size() + 1, std::max(record.pieces, 1U)) << path;
+        ++records;
+      }
+      EXPECT_TRUE(mModel.contains(app)) << app;
+    }
+    for (const auto& [name, application] : mModel) {
+      EXPECT_TRUE(mRaw->Exists("/vyn/apps/" + name)) << name;
+      expected += application.variables.size();
+    }
+    EXPECT_EQ(records, expected);
+  }
+
+  test::FakeClock mClock;
+  std::unique_ptr<MetadataState> mLeader;
+  std::map<std::string, Application> mModel;
+  /// Node, application, variable, whether it holds the blocks.
+  std::multiset<std::tuple<std::uint32_t, std::string, std::uint32_t, bool>> mEntries;
+};
+
+TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndADeposedOneChangesNothing) {
+  for (const unsigned int seed : test::Seeds(3)) {
+    test::RandomSteps random(seed);
+    NewLeader();
+    for (int i = 0; i < 150 && !HasFailure(); ++i) {
+      mClock.SleepFor(std::chrono::seconds(random.Number(3)));
+      if (random.OneIn(15) && !mModel.contains("b")) {  // as a registration at a node leaves it
+        mRaw->Create("/vyn/apps/b", "{}");
+        mModel["b"] = {};
+      }
+      if (random.OneIn(20)) {
+        random.Note("forgive");
+        mLeader->Forgive(2s);
+        for (auto& [name, application] : mModel) {
+          application.lastBeat += 2s;
+        }
+      }
+      std::unique_ptr<MetadataState> deposed;
+      if (random.OneIn(5)) {
+        random.Note("another leads");
+        NewLeader();
+        deposed = std::move(mLeader);
+        NewLeader();
+      }
+      const Step step = Next(random);
+      random.Note(step.name + " -> " + std::to_string(step.status));
+      if (deposed != nullptr) {
+        const auto before = Tree("/vyn");
+        EXPECT_EQ(step.call(*deposed), step.writes ? MetadataStore::kStatusDeposed : step.status);
+        EXPECT_TRUE(Tree("/vyn") == before) << "a deposed leader has written";
+      }
+      EXPECT_EQ(step.call(*mLeader), step.status);
+      step.done();
+      if (i % 10 == 9) {
+        CheckTree();
+      }
+    }
+    ASSERT_FALSE(HasFailure()) << random.Story();
+    for (const char* app : {"a", "b"}) {
+      EXPECT_EQ(mLeader->RemoveApplication(app), 0U);
+      Ended(app);
+    }
+    CheckTree();
   }
 }
 
-TEST_F(MetadataStoreTest, OfTwoRecordsWithOneNumberTheReadyOneStays) {
-  AddNodes();
+TEST_F(MetadataStoreTest, ALeadershipBeginsWithWhatOthersHaveLeft) {
   {
     MetadataState state;
     ASSERT_EQ(state.Load(), 0U);
     for (const std::uint32_t id : {1U, 2U}) {
       ASSERT_EQ(state.NewVariable("app", id, 1), 0U);
-      ASSERT_EQ(state.SetBlocks(Blocks(id, 1)), 0U);
-      // Several, as their order is of ZooKeeper's making.
-      for (const char* unique : {".0-0", ".9-9"}) {
-        mRaw->Create("/vyn/apps/app/" + std::to_string(id) + unique, RecordHeader(RecordState::kNew, 1, 0));
-      }
+      ASSERT_EQ(state.SetBlocks(Blocks("app", id, 0, 1)), 0U);
     }
+  }
+  const std::vector<std::pair<std::string, std::string>> records = {
+      {"app/1.0-0", RecordHeader(RecordState::kNew, 1, 0)},  // a second record of the number, on either side
+      {"app/2.9-9", RecordHeader(RecordState::kNew, 1, 0)},
+      {"app/3.1-3", "no header"},
+      {"app/4.1-4", RecordHeader(RecordState::kReady, 1, 1) + "no list"},
+      {"app/5.1-5", RecordHeader(RecordState::kReady, 1, 2, "1-5")},  // its second piece is missing
+      {"app/6.1-6", RecordHeader(RecordState::kNew, 1, 0)},
+      {"app/6.1-6/1-7.1", "a piece of a list that was never completed"},
+      {"app/7.1-7", R"({"state":"sold","blockNum":1,"pieces":1,"list":""})"},
+      {"odd", R"({"heartbeat":"yes"})"},
+      {"half", R"({"removed":true})"},  // a leader has ended while it removed the application
+      {"half/3.1-1", RecordHeader(RecordState::kNew, 1, 0)}};
+  for (const auto& [path, text] : records) {
+    mRaw->Create("/vyn/apps/" + path, text);
   }
   MetadataState next;
   ASSERT_EQ(next.Load(), 0U);
   tessel::BroadcastBlockInfo info;
-  EXPECT_EQ(next.GetVariable("app", 1, info), 0U);
-  EXPECT_EQ(next.GetVariable("app", 2, info), 0U);
-  EXPECT_THAT(mRaw->Children("/vyn/apps/app"), SizeIs(2));
-  EXPECT_THAT(Entries(1), IsEmpty()) << "no blocks were given back";
+  for (const std::uint32_t id : {1U, 2U}) {
+    EXPECT_EQ(next.GetVariable("app", id, info), 0U) << id;
+  }
+  for (const std::uint32_t id : {3U, 4U, 5U, 7U}) {
+    EXPECT_EQ(next.GetVariable("app", id, info), kStatusUnknownVariable) << id;
+  }
+  EXPECT_EQ(next.GetVariable("app", 6, info), kStatusNotReady);
+  EXPECT_TRUE(Entries("2").size() == 1 && Entries("2")[0].application == "half")
+      << "no blocks were given back";
+  EXPECT_TRUE(next.Silent(0ms).empty());
+  EXPECT_EQ(next.RemoveVariable("app", 6), 0U);
+  EXPECT_EQ(mRaw->Children("/vyn/apps/app").size(), 6U);
+  EXPECT_EQ(mRaw->Children("/vyn/apps"), (std::vector<std::string>{"app", "odd"}));
+
+  for (std::uint32_t id = 10; id < 120; ++id) {  // more than one transaction deletes
+    ASSERT_EQ(next.NewVariable("app", id, 1), 0U);
+  }
+  mRaw->Create("/vyn/apps/app/token", "{}");
+  EXPECT_EQ(next.RemoveApplication("app"), 0U);
+  EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
+
+  MetadataState small({.variables = 3, .blocks = 10});
+  ASSERT_EQ(small.Load(), 0U);
+  for (int time = 0; time < 2; ++time) {  // what was removed counts no more
+    EXPECT_EQ(small.NewVariable("app", 1, 6), 0U);
+    EXPECT_EQ(small.RemoveVariable("app", 1), 0U);
+  }
 }
 
-TEST_F(MetadataStoreTest, AWriteOfUnknownOutcomeEndsTheLeadership) {
+TEST_F(MetadataStoreTest, ANumberIsUsedAgainWhenTheLiveNodesHaveForgottenIt) {
   MetadataState state;
   ASSERT_EQ(state.Load(), 0U);
-  mRaw->Create("/vyn/apps/app", "{}");
-  ASSERT_EQ(state.HeartBeat("app"), 0U);
-  gServer->Kill();
-  bool removed = true;
-  EXPECT_TRUE(Failed(state.Expire("app", std::chrono::milliseconds(0), removed)));
-  EXPECT_FALSE(removed);
-  EXPECT_EQ(state.NewVariable("app", 1, 1), MetadataStore::kStatusDeposed);
-  gServer->Start();
-  EXPECT_TRUE(test::WaitUntil([] { return gServer->Mode() == "standalone"; }));
+  ASSERT_EQ(state.NewVariable("app", 1, 2), 0U);
+  ASSERT_EQ(state.SetBlocks(Blocks("app", 1, 0, 2, 2)), 0U);
+  ASSERT_EQ(state.RemoveVariable("app", 1), 0U);
+  ASSERT_TRUE(Entries("1").size() == 1 && Entries("2").size() == 1);
+  VariableRecord record;
+  ASSERT_EQ(ReadVariableRecord(Entries("2")[0].variablePath, record), RecordRead::kRead);
+  EXPECT_EQ(record.blocks.bmIds, Blocks("app", 1, 0, 2).bmIds) << "the node still learns what to free";
+
+  mRaw->Create("/mf/node/1", "");  // node 2 is down
+  MetadataState next;
+  ASSERT_EQ(next.Load(), 0U);
+  std::atomic<bool> asked{false};
+  const test::ZookeeperCalls calls([&](const test::ZookeeperCall& call) {
+    const bool first = call.path.starts_with("/vyn/reclaim/1/") && !asked.exchange(true);
+    return first ? ZCONNECTIONLOSS : call.make();
+  });
+  std::jthread node([&] {
+    EXPECT_TRUE(test::WaitUntil([&] { return asked.load(); }));
+    mRaw->Delete("/vyn/reclaim/1/" + mRaw->Children("/vyn/reclaim/1").at(0));
+  });
+  EXPECT_EQ(next.NewVariable("app", 1, 1), 0U);
+  EXPECT_TRUE(Entries("1").empty()) << "the node was waited for";
+}
+
+TEST_F(MetadataStoreTest, WithoutAnAnswerNothingIsWrittenOrTheLeadershipEnds) {
+  constexpr std::uint32_t kUnanswered = MetadataStore::kStatusUnanswered;
+  const std::uint32_t over = MetadataStore::kStatusDeposed;
+  std::vector<std::string> known;
+  struct Case {
+    const char* function;
+    int result;
+    std::function<std::uint32_t(MetadataState& state)> call;
+    std::uint32_t status;
+  };
+  const auto beat = [](auto& state) { return state.HeartBeat("odd"); };
+  const auto end = [](auto& state) { return state.RemoveApplication("app"); };
+  const auto make = [](auto& state) { return state.NewVariable("app", 2, 1); };
+  for (const Case& c :
+       {Case{"DoDlZooGet", ZCONNECTIONLOSS, beat, kUnanswered},
+        Case{"DoDlZooGet", ZNOAUTH, beat, kStatusStore},
+        Case{"DoDlZooGet", ZOPERATIONTIMEOUT, [&](auto& state) { return state.Known({"odd"}, known); },
+             kUnanswered},
+        Case{"DoDlZooGet", ZCONNECTIONLOSS, [](auto& state) { return state.RemoveVariable("app", 1); },
+             kUnanswered},
+        Case{"DoDlZooGetChildren", ZOPERATIONTIMEOUT, end, kUnanswered},
+        Case{"DoDlZooExists", ZOPERATIONTIMEOUT, end, kUnanswered},
+        Case{"DoDlZooMulti", ZNOAUTH, make, kStatusStore}, Case{"DoDlZooMulti", ZCONNECTIONLOSS, make, over},
+        Case{"DoDlZooMulti", ZINVALIDSTATE, end, over}}) {
+    SCOPED_TRACE(std::string(c.function) + std::to_string(c.result));
+    MetadataState state;
+    ASSERT_EQ(state.Load(), 0U);
+    ASSERT_EQ(state.NewVariable("app", 1, 1), 0U);
+    ASSERT_EQ(state.SetBlocks(Blocks("app", 1, 0, 1)), 0U);
+    std::atomic<bool> done{false};
+    std::jthread behind;
+    {
+      const test::ZookeeperCalls calls([&](const test::ZookeeperCall& call) {
+        if (call.function != c.function || done.exchange(true)) {
+          return call.make();
+        }
+        if (c.status == over) {  // made, and its answer is lost, while another write waits behind it
+          call.make();
+          behind = std::jthread([&] { EXPECT_EQ(state.NewVariable("app", 3, 1), over); });
+          std::this_thread::sleep_for(50ms);
+        }
+        return c.result;
+      });
+      EXPECT_EQ(c.call(state), c.status);
+    }
+    EXPECT_TRUE(done);
+    behind = {};
+    EXPECT_EQ(state.RemoveVariable("app", 9), c.status == over ? over : 0);
+  }
+  for (const auto& [function, result, status] :
+       {std::tuple("DoDlZooCreate", int{ZNOAUTH}, kStatusStore),
+        std::tuple("DoDlZooExists", int{ZCLOSING}, kUnanswered),
+        std::tuple("DoDlZooGetChildren", int{ZCONNECTIONLOSS}, kUnanswered),
+        std::tuple("DoDlZooGet", int{ZCONNECTIONLOSS}, kUnanswered)}) {
+    const test::ZookeeperCalls calls(
+        [function = std::string(function), result = result](const test::ZookeeperCall& call) {
+          return call.function == function ? result : call.make();
+        });
+    EXPECT_EQ(MetadataState().Load(), status) << function;
+  }
 }
 
 }  // namespace
