@@ -1,11 +1,11 @@
 #pragma once
 
-// What the entry points of the system share: the environment, the configuration file, the TLS libraries, the
-// place of the installation, the map of security settings that the RPC layer takes, and the registry of
-// heartbeat senders.
+// What the programs and the SDK share at start-up: the environment, the configuration file, the TLS
+// libraries, the folder of the installation and the security settings for the RPC transport. Also the
+// registry of heartbeat senders.
 //
-// The set-up functions belong to the thread that starts the process up: setenv is not safe beside getenv. The
-// security maps and the registry may be used from any thread.
+// Only the thread that starts the process may call the set-up functions, because setenv is not safe while
+// another thread calls getenv. Any thread may call the functions for the security maps and the registry.
 
 #include "common/config/configuration.h"
 #include "common/util/ref.h"
@@ -21,46 +21,48 @@ class HeartBeatThread;
 
 class BaseApiUtil {
  public:
-  /// Sets VYN_HOME, VYN_VERSION and VYN_BINARY_TYPE. To be called before the first EnvHelper::GetInstance.
-  /// Returns: 0; 1 at the first that cannot be set, with a line on standard output.
+  /// Sets VYN_HOME, VYN_VERSION and VYN_BINARY_TYPE. Call it before the first EnvHelper::GetInstance.
+  /// Returns: 0; 1 when one cannot be set, with a line on standard output. Those after it are not set then.
   static unsigned int SetVynEnv(const char* home, const char* version, const char* binaryType);
 
-  /// Loads `home`/conf/vyn.conf as the process's configuration, unless there is one already.
-  /// Returns: 0; 2000059 with a record if the file does not exist (`conf` is left alone); 1 if it is refused.
+  /// Loads `home`/conf/vyn.conf as the process's configuration, unless there is one already, and stores it in
+  /// `conf`. Returns: 0; 2000059 with a last-error record if the file does not exist (`conf` is unchanged
+  /// then); 1 if the file is refused.
   static unsigned int ConfigInit(const std::string& home, Ref<Configuration>& conf);
 
-  /// Opens the two TLS libraries that `conf` names. To be called before the first secured connection.
-  /// Returns: 0, or 1 with a record.
+  /// Opens the two OpenSSL libraries that `conf` names. Call it before the first connection with TLS.
+  /// Returns: 0, or 1 with a last-error record.
   static unsigned int SetOpensslDLPath(const Ref<Configuration>& conf);
 
-  /// Takes the directory of this library, cuts it before the first occurrence of `name`, sets VYN_HOME to the
-  /// rest and returns it. Returns: the empty text on failure, with a line on standard output.
+  /// Sets VYN_HOME to the part of this library's directory that precedes the first `name`. Returns: that
+  /// part; empty on failure, with a line on standard output.
   static std::string GetDynamicPath(const std::string& name);
 
   /// Finds the directory of the loaded object that contains `address`.
-  /// \param directory takes a text that the caller frees with free(); untouched on failure. Returns: 0 or 1.
+  /// \param directory receives a text that the caller frees with free(); unchanged on failure. Returns: 0 or
+  /// 1.
   static unsigned int GetModuleFileName(long* address, char*& directory);
 
-  /// Does nothing; its address tells GetDynamicPath which library this is.
+  /// Does nothing. GetDynamicPath uses its address to find this library's file.
   static void EmptyFunc();
 
-  /// Fill `map` with what a client or a server of the RPC layer needs to secure its connections. A key that
-  /// `map` already has keeps its value; values are not checked. \param serverHost host name in the server's
-  /// principal. \param sdk whether this process is an engine's, with client credentials of its own, and not a
-  /// service's. Returns: 0; 2000057 before the process's configuration is loaded.
+  /// Fill `map` with the security settings of an RPC client or an RPC server. A key that `map` already has
+  /// keeps its value; values are not checked. \param serverHost host name in the server's principal.
+  /// \param sdk true in an engine process, which has client credentials of its own; false in a service.
+  /// Returns: 0; 2000057 before the process's configuration is loaded.
   static unsigned int GetSecurityConf4Client(std::map<std::string, const std::string>& map,
                                              const std::string& serverHost, bool sdk);
   static unsigned int GetSecurityConf4Server(std::map<std::string, const std::string>& map);
 
-  /// The TLS and key store part of the two maps above. Require: `conf` is not empty.
+  /// Fill only the TLS and key store entries of these maps. Require: `conf` is not null.
   static void GetPlxTlsConf4Client(Ref<Configuration>& conf, std::map<std::string, const std::string>& map,
                                    bool sdk);
   static void GetPlxTlsConf4Server(Ref<Configuration>& conf, std::map<std::string, const std::string>& map);
 
-  // The heartbeat senders of this process, one an application. Defined with the sender, in
+  // The heartbeat senders of this process, one for each application. Defined beside the sender, in
   // tessel/sdk/heart_beat.
 
-  /// Starts a sender. Returns: 0; 1 if the application has one already, which goes on; 2000057 without
+  /// Starts a sender. Returns: 0; 1 if the application has one already, which keeps running; 2000057 without
   /// memory.
   static unsigned int StartHeartBeat(const std::string& appName, unsigned char processType,
                                      const std::string& processName, const std::string& content);
@@ -69,11 +71,10 @@ class BaseApiUtil {
                                     const std::string& processName, const std::string& content);
   /// Registers `thread`. Returns: 0; 1 if the name is taken.
   static unsigned int PutIfAbsent(const std::string& appName, const Ref<HeartBeatThread>& thread);
-  /// Hands the entry of `appName` to `thread` and removes it from the registry. Returns: 0; 1 if there is
-  /// none.
+  /// Moves the sender of `appName` from the registry into `thread`. Returns: 0; 1 if there is none.
   static unsigned int GetIfExist(const std::string& appName, Ref<HeartBeatThread>& thread);
 
-  /// Sender by application name; guarded by heartBeatLock. Never destroyed.
+  /// The senders by application name. Guarded by heartBeatLock. Never destroyed.
   static std::unordered_map<std::string, Ref<HeartBeatThread>>& g_HeartBeatFlag;
   /// Never held while a sender starts or stops.
   static std::mutex heartBeatLock;

@@ -1,4 +1,4 @@
-// The security maps: configuration keys under the names that the RPC layer knows.
+// The security maps: values of configuration keys under the names that the RPC transport uses.
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
@@ -12,7 +12,7 @@ using SecurityMap = std::map<std::string, const std::string>;
 
 constexpr long kDefaultAuthTimeoutMs = 60000;
 
-/// One entry whose value is that of a configuration key.
+/// An entry of a security map and the configuration key that gives its value.
 struct Entry {
   const char* name;
   const char* key;

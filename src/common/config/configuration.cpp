@@ -19,7 +19,8 @@ const T& Find(const std::map<std::string, T>& values, const std::string& key, co
   return entry == values.end() ? defaultValue : entry->second;
 }
 
-/// Whether the whole text is a number. Too small a number counts as a mistyped one; zero is written "0.0".
+/// Reads a decimal number. Refuses an absolute value of 1e-06 or less, but for the text "0.0". Returns:
+/// whether the whole text is a number.
 bool ReadFloat(const std::string& text, float& value) {
   char* end = nullptr;
   errno = 0;
@@ -37,7 +38,7 @@ bool ReadBool(const std::string& text) {
   return value;
 }
 
-/// Runs the rule over the value of `key`; a missing value is a complaint of its own.
+/// Applies `validator` to the value of `key`. A missing value is an error, too.
 template <typename T>
 void Check(const std::map<std::string, T>& values, const char* type, const std::string& key,
            const Ref<Validator>& validator, std::vector<std::string>& errors) {

@@ -3,11 +3,12 @@
 // The process-wide typed key/value store.
 //
 // A new Configuration holds the whole catalogue (configuration_catalogue.h) at its defaults. A configuration
-// file can only change the value of a declared key: an unknown key refuses the file. Validate is a step of
-// its own, which no load runs.
+// file can only change the value of a declared key: an unknown key refuses the file. Loading a file does not
+// call Validate.
 //
 // Threads: Get..., Set, SetWithTypeAutoConvert, Dump and DumpStr may be called from any thread. Add...Conf,
-// SetValidator and Validate belong to construction and start-up, as does the first load of the singleton.
+// SetValidator, Validate and the first load of the process's store run during start-up, before other threads
+// use the store.
 
 #include "common/config/validator.h"
 #include "common/util/ref.h"
@@ -31,7 +32,7 @@ enum ConfValueType : std::uint32_t {
   CONF_LONG = 4,
 };
 
-/// When a validator runs; flags add up. kValidateAlways is no flag: it holds only by itself.
+/// When a validator runs. The flags can be combined; kValidateAlways cannot.
 enum ValidatorFlags : unsigned int {
   kValidateAlways = 0,
   kValidateAuthentication = 1,
@@ -49,18 +50,18 @@ class Configuration : public Referable {
   /// Returns: the process's store, or an empty Ref before the first successful load.
   static Ref<Configuration> GetInstance();
   /// Loads the process's store from `path` if there is none yet. Returns: the store; an empty Ref if the load
-  /// failed, which may then be tried again.
+  /// failed; a later call tries again.
   static Ref<Configuration> GetInstance(const std::string& path);
   /// The same load without a result.
   static void InitInstance(const std::string& path);
 
-  /// Returns: a new store, the catalogue overlaid with the file at `path`. An unreadable file, an unknown key
-  /// or a value of the wrong type gives an empty Ref; the last two are told on standard output, since the log
-  /// may not be up yet.
+  /// Returns: a new store with the catalogue's defaults, overridden by the file at `path`. An unreadable
+  /// file, an unknown key or a value of the wrong type gives an empty Ref. The last two are printed to
+  /// standard output, because the logger may not run yet.
   static Ref<Configuration> FromFile(const std::string& path);
-  /// Overlays a file on the process's store, whichever object this is called on; loads it if there is none.
-  /// Goes on past unknown keys and wrong values. Returns: false, with nothing applied, if the file is
-  /// unreadable or has more than 1000000 pairs.
+  /// Sets the file's values in the process's store, whichever object this is called on, and skips unknown
+  /// keys and wrong values. Without a store, does what InitInstance does. Returns: false, with nothing
+  /// changed, if the file is unreadable or has more than 1000000 pairs.
   bool MergeConfig(const std::string& path);
 
   /// Declare a key with its default. A null validator leaves the key without a rule.
@@ -79,11 +80,11 @@ class Configuration : public Referable {
   long GetLong(const std::string& key, long defaultValue);
   float GetFloat(const std::string& key, float defaultValue);
   bool GetBool(const std::string& key, bool defaultValue);
-  /// Copy the result in the same expression: it refers to the stored text, which another thread may then
-  /// change, or to `defaultValue` itself.
+  /// Copy the result in the same expression. It refers to the stored text, which another thread may change,
+  /// or to `defaultValue` itself.
   const std::string& GetString(const std::string& key, const std::string& defaultValue);
 
-  /// Write a value of a known type. Neither declares the key nor checks the value.
+  /// Write a value of the given type. Do not declare the key and do not check the value.
   void Set(const std::string& key, int value);
   void Set(const std::string& key, long value);
   void Set(const std::string& key, float value);
@@ -95,11 +96,11 @@ class Configuration : public Referable {
   /// Writes `value` in the declared type of `key`. Returns: false, with a line on standard output, for an
   /// undeclared key and for a text that does not convert.
   bool SetWithTypeAutoConvert(const std::string& key, const std::string& value);
-  /// The same, with that line in `complaint` and nothing printed.
+  /// The same, but stores that line in `complaint` and prints nothing.
   bool SetFromText(const std::string& key, const std::string& value, std::string& complaint);
 
-  /// Runs the rules that always hold and those of the features that are on. Returns: all complaints, none if
-  /// the values are valid. A rule that belongs to several features complains once for each that is on.
+  /// Applies the rules that always hold and those of each feature that is on. Returns: one text for each
+  /// violation. A rule of several features reports a violation once for each of them that is on.
   std::vector<std::string> Validate(bool authentication, bool tls, bool authorization,
                                     bool zookeeperSecurity);
   void ValidateOneValueMap(std::vector<std::string>& errors,
@@ -122,20 +123,20 @@ class Configuration : public Referable {
   void LoadWaterMarkConf();
   void LoadOrvaneTuningConf();
 
-  /// The process's store. No lock of its own: the first load happens before a second thread uses it. Never
-  /// destroyed.
+  /// The process's store. No lock guards this pointer: the first load happens before a second thread uses it.
+  /// Never destroyed.
   static Ref<Configuration>& gInstance;
 
  private:
   void Declare(const CatalogueGroup& group);
 
-  // The value maps are guarded by mLock; the others do not change after start-up.
+  // mLock guards the five value maps. The other maps do not change after start-up.
   std::map<std::string, int> mIntConf;
   std::map<std::string, float> mFloatConf;
   std::map<std::string, std::string> mStrConf;
   std::map<std::string, bool> mBoolConf;
   std::map<std::string, long> mLongConf;
-  /// The one value map in which a declared key lives.
+  /// The type of each declared key. It says which value map has the key.
   std::map<std::string, ConfValueType> mTypeMap;
   /// Rules that always run, and those of one feature each.
   std::map<std::string, Ref<Validator>> mValidators;

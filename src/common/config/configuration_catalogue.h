@@ -1,8 +1,7 @@
 #pragma once
 
-// The system's vocabulary of settings: every configuration key, with type, default, rule and what an operator
-// wants to know of it. There are no other keys. docs/configuration.md is the same table; a test compares the
-// two.
+// Every configuration key of the system with its type, default, rule and a description for operators. There
+// are no other keys. docs/configuration.md is the same table; a test compares the two.
 //
 // Constant data: may be read from any thread, also before main.
 
@@ -29,14 +28,14 @@ struct CatalogueRule {
 
 struct CatalogueKey {
   const char* key;
-  /// Its type is the type of the key. ${VYN_HOME} in a default stays as it is.
+  /// Its type is the type of the key. ${VYN_HOME} in a default is not replaced.
   std::variant<int, long, bool, const char*> defaultValue;
   CatalogueRule rule;
   /// When the rule is checked: ValidatorFlags added up.
   unsigned int flags;
-  /// What the value counts or names; may be empty.
+  /// The unit of the value, or what it names; may be empty.
   const char* unit;
-  /// Who reads the key, "-" for nobody yet.
+  /// Which parts read the key; "-" for none.
   const char* readers;
   const char* meaning;
 };
@@ -55,14 +54,14 @@ extern const CatalogueGroup kSecurityTotal;
 extern const CatalogueGroup kSecurity;
 extern const CatalogueGroup kBroadcast;
 extern const CatalogueGroup kOrvaneTuning;
-/// Keys of kTessel, once more.
+/// Four keys of kTessel, declared once more by LoadWaterMarkConf.
 extern const CatalogueGroup kWaterMark;
 
 /// Every group without kWaterMark: each key once.
 inline constexpr std::array kGroups = {&kGeneral,  &kTessel,    &kTimeout,     &kSecurityTotal,
                                        &kSecurity, &kBroadcast, &kOrvaneTuning};
 
-// The columns of a row as people read them: "int", "3891", "3000 to 65535", "always".
+// The columns of a row as text, for example "int", "3891", "3000 to 65535", "always".
 std::string TypeText(const CatalogueKey& row);
 std::string DefaultText(const CatalogueKey& row);
 std::string RuleText(const CatalogueKey& row);
@@ -70,7 +69,7 @@ std::string WhenText(const CatalogueKey& row);
 /// Returns: every group as a Markdown table under its title.
 std::string MarkdownTables();
 
-// What the rows are written with.
+// Helpers that the rows are written with.
 constexpr int Int(int value) { return value; }
 constexpr long Long(long value) { return value; }
 constexpr bool Bool(bool value) { return value; }

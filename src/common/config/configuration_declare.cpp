@@ -1,4 +1,4 @@
-// Turns the rows of the catalogue into declared keys, and into text.
+// Declares the catalogue's rows as keys of a Configuration, and writes them as text.
 
 #include "common/config/configuration_catalogue.h"
 #include "common/util/text.h"

@@ -1,4 +1,4 @@
-// The store and its files.
+// Loads configuration files into a Configuration.
 
 #include "common/config/configuration.h"
 #include "common/config/kv_parser.h"

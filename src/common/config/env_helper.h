@@ -1,8 +1,8 @@
 #pragma once
 
-// The three environment values that locate an installation, checked once. An EnvHelper never changes after
-// Initialize, so all const operations may be called from any thread. Complaints go to standard output: there
-// is no log yet.
+// The three environment variables that locate an installation, read and checked once. An EnvHelper does not
+// change after Initialize, so any thread may call the const operations. Errors are printed to standard
+// output, because the logger does not run yet.
 
 #include "common/util/ref.h"
 
@@ -23,18 +23,18 @@ class EnvHelper : public Referable {
   EnvHelper() = default;
   ~EnvHelper() override = default;
 
-  /// Returns: the process's instance, made at the first call. Empty for the rest of the process when the
-  /// environment was wrong then.
+  /// Returns: the process's instance, which the first call makes. If the environment is wrong at the first
+  /// call, every call returns null.
   static Ref<EnvHelper> GetInstance();
 
-  /// Reads and checks the environment. Returns: 0, or 1 with its complaint on standard output.
+  /// Reads and checks the environment. Returns: 0, or 1 with a line on standard output.
   unsigned int Initialize();
 
-  /// Returns: `text` with ${VYN_HOME}, $VYN_HOME and the same of VYN_VERSION and VYN_BINARY_TYPE replaced.
+  /// Returns: `text` with ${VYN_HOME} and $VYN_HOME replaced, and likewise VYN_VERSION and VYN_BINARY_TYPE.
   std::string ReplaceVyn(const std::string& text) const;
 
-  /// Whether `logDir`, which is made (mode 0700) when it is missing, resolves to a path that begins with
-  /// `home`. A directory made here and refused is removed again. Returns: 0 or 1.
+  /// Creates `logDir` with mode 0700 when it is missing, and checks that its real path begins with `home`.
+  /// Removes a directory that it created but refuses. Returns: 0 or 1.
   unsigned int CheckLogDir(const std::string& logDir, const std::string& home) const;
 
   /// The real path of the home directory.

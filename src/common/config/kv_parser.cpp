@@ -16,7 +16,7 @@ namespace vyn::common {
 namespace {
 
 /// Replaces the first `marker` of `value` by the environment variable `name`, if that is set.
-/// \param keepFront whether what stands before the marker stays.
+/// \param keepFront whether the text before the marker is kept.
 void Expand(std::string& value, const std::string& marker, const char* name, bool keepFront) {
   const auto position = value.find(marker);
   const char* text = position == std::string::npos ? nullptr : std::getenv(name);
@@ -58,7 +58,7 @@ bool KVParser::FromFile(const std::string& path) {
   if (path.size() >= sizeof(resolved) || realpath(path.c_str(), resolved) == nullptr) {
     return false;
   }
-  // A directory reads as an empty file, a pipe without a writer never opens, and a device never ends.
+  // A directory would read as an empty file, a pipe without a writer would block, a device might never end.
   std::error_code ignored;
   if (!std::filesystem::is_regular_file(resolved, ignored)) {
     std::cout << "File <" << resolved << "> is not a regular file\n";

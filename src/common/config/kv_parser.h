@@ -2,14 +2,14 @@
 
 // Reads a file of key=value lines into an ordered table of pairs.
 //
-//   # a comment: "#" in the first column that is not blank
-//   key = value            blanks (0x20 only) around key and value are dropped
-//   key = other=value        the first "=" separates; a key that stands twice takes the last value in the
-//                            first place
-//   path = ${VYN_HOME}/x     ${VYN_HOME} drops what stands before it; ${VYN_BINARY_TYPE} and ${VYN_VERSION}
-//                            keep it
+//   # a comment              "#" is the first character that is not a blank
+//   key = value              blanks (0x20 only) around key and value are dropped
+//   key = other=value        the first "=" separates
+//   path = ${VYN_HOME}/x     the variable's value replaces ${VYN_HOME} and the text before it, but only the
+//                            marker itself for ${VYN_BINARY_TYPE} and ${VYN_VERSION}
 //
-// Lines without "=" or without a key are skipped. Every operation may be called from any thread.
+// A key that appears again takes the last value and keeps its first position. Lines without "=" or without a
+// key are skipped. Any thread may call any operation.
 
 #include <cstdint>
 #include <map>
@@ -38,24 +38,23 @@ class KVParser {
  public:
   KVParser() = default;
 
-  /// Adds the pairs of the file at `path`, which must have less than 4096 characters and exist. A file
-  /// without a pair is fine. Returns: whether it could be read to its end; what was read before a failure
-  /// stays.
+  /// Adds the pairs of the regular file at `path`, a path of fewer than 4096 characters. The file may have no
+  /// pair. Returns: whether the file was read to its end. Pairs read before a failure stay.
   bool FromFile(const std::string& path);
   /// Adds a pair, or replaces the value of a known key. Returns: false without memory.
   bool SetItem(const std::string& key, const std::string& value);
-  /// Returns: whether `key` is known; if so `value` takes a copy.
+  /// Copies the value of `key` into `value`. Returns: whether `key` is known.
   bool GetItem(const std::string& key, std::string& value);
   /// Returns: the number of pairs.
   unsigned int Size();
-  /// Copies pair number `index`, counted from 0 in the order of first appearance. Past the end nothing is
-  /// changed.
+  /// Copies pair number `index`, counted from 0 in the order of first appearance. Past the end, changes
+  /// nothing.
   void GetI(unsigned int index, std::string& key, std::string& value);
   /// Prints "key = value" lines to standard output.
   void Dump();
 
-  /// The line format by itself. For a pair, `key` and `value` take its two texts, the markers of the value
-  /// replaced; otherwise they are untouched.
+  /// Parses one line. For a pair, fills `key` and `value`, with the markers in the value replaced; otherwise
+  /// leaves both unchanged.
   static KVLine ParseLine(std::string line, std::string& key, std::string& value);
 
  private:

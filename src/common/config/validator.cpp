@@ -16,7 +16,7 @@ namespace {
 
 std::string RangeText(long start, long end) { return std::to_string(start) + "-" + std::to_string(end); }
 
-/// Reads one side of a range text. What stands behind the number is not looked at.
+/// Reads one bound of a range text. Ignores text after the number.
 bool ReadSide(const std::string& text, long& value) {
   value = 0;
   static_cast<void>(VynStol(text, value));

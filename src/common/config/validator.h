@@ -2,11 +2,11 @@
 
 // The rules of configuration keys.
 //
-// A rule first checks its own definition (Initialize) and then a value (Validate, in the form of the value's
-// type). A rule that says no leaves its complaint in ErrorMessage(). A form that a rule does not override
-// lets every value pass.
+// A caller first calls Initialize, which checks the rule's own bounds, and then the Validate for the type of
+// the value. After a failure ErrorMessage() says why. A Validate that a rule does not override accepts every
+// value.
 //
-// Not safe for concurrent use: a check writes the complaint. Configuration::Validate runs on the thread that
+// Not thread-safe: a check that fails writes mErrorMessage. Configuration::Validate runs on the thread that
 // starts the process up.
 
 #include "common/util/ref.h"
@@ -20,24 +20,25 @@ class Validator : public Referable {
  public:
   ~Validator() override = default;
 
-  /// Whether the rule itself makes sense. To be called before Validate.
+  /// Whether the rule's own bounds are valid. Call it before Validate.
   virtual bool Initialize() = 0;
   virtual bool Validate(const std::string& value);
   virtual bool Validate(int value);
   virtual bool Validate(float value);
   virtual bool Validate(long value);
 
-  /// The last complaint; empty until a check has failed.
+  /// The text of the last failure; empty before the first.
   const std::string& ErrorMessage() const { return mErrorMessage; }
 
  protected:
   explicit Validator(std::string name);
 
-  /// Keeps "Invalid value for <NAME>, REASON" as the complaint. Returns: false, so that a failing check can
-  /// end with it.
+  /// Sets mErrorMessage to "Invalid value for <NAME>, REASON". Returns: false, so that a check can end with
+  /// `return Refuse(...)`.
   bool Refuse(const std::string& reason);
   bool RefuseOutside(long start, long end);
-  /// Keeps "Failed to initialize validator for <NAME>, because REASON" unless `sound`. Returns: `sound`.
+  /// Unless `sound`, sets mErrorMessage to "Failed to initialize validator for <NAME>, because REASON".
+  /// Returns: `sound`.
   bool Define(bool sound, const std::string& reason);
   bool DefineRange(bool sound);
 
@@ -59,8 +60,8 @@ class VStrNotNull : public Validator {
   bool Validate(const std::string& value) override;
 };
 
-/// A text that is a range of two numbers, such as "60000-61000", within bounds. The order of the two numbers
-/// is free.
+/// A text that is a range of two numbers, such as "60000-61000", within bounds. The first number may be the
+/// larger one.
 class VStrRange : public Validator {
  public:
   VStrRange(std::string name, std::int32_t start, std::int32_t end, bool allowEmpty);
@@ -110,7 +111,8 @@ class VStrArray : public Validator {
   bool mAllowEmpty;
 };
 
-/// A number within inclusive bounds. The upper one must be the larger; of a long the two may be equal.
+/// A number within inclusive bounds. The upper bound must be larger than the lower one; for a long it may be
+/// equal.
 template <typename T>
 class VNumberRange : public Validator {
  public:

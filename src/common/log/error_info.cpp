@@ -11,11 +11,12 @@ namespace vyn::common {
 namespace {
 
 thread_local ErrorInfo* gRecord = nullptr;
-/// Set when the thread's owner has gone: a failure in what ends after it has no record, which nobody would free.
+/// Set when the thread's RecordOwner has been destroyed. A later failure in this thread makes no record,
+/// because nothing would free it.
 thread_local bool gThreadEnds = false;
 
-/// Frees the thread's record at thread exit. The pointer stands apart so that it can still be read while the
-/// thread's other objects go.
+/// Frees the thread's record at thread exit. gRecord is a variable of its own, so that it can still be read
+/// while other thread-local objects are destroyed.
 struct RecordOwner {
   ~RecordOwner() {
     delete gRecord;
@@ -24,7 +25,7 @@ struct RecordOwner {
   }
 };
 
-/// Returns: a new record, null without memory and at the thread's end.
+/// Returns: a new record; null without memory or once gThreadEnds is set.
 ErrorInfo* MakeRecord(unsigned int code, const std::string& message, int detail) noexcept {
   if (gThreadEnds) {
     return nullptr;
@@ -39,13 +40,13 @@ ErrorInfo* MakeRecord(unsigned int code, const std::string& message, int detail)
 }
 
 unsigned int Record(const char* file, int line, unsigned int code, const std::string& message, int detail) {
-  // The message may be the old record's own, so that one goes last.
+  // `message` may be the old record's text, so the old record is destroyed last.
   const std::unique_ptr<ErrorInfo> old(std::exchange(gRecord, MakeRecord(code, message, detail)));
   if (logging::ErrorGate()) {
     try {
       logging::WriteAt(logging::kError, file, line, message);
     } catch (const std::bad_alloc&) {
-      static_cast<void>(code);  // the line is lost, the status is not
+      static_cast<void>(code);  // the log line is lost; the caller still gets its status
     }
   }
   return code;

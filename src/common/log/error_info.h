@@ -1,8 +1,8 @@
 #pragma once
 
-// The per-thread last-error record. A failing operation writes it, an exported reader shows it. It is never
-// cleared by a later success: read it only after an operation has reported failure, on the thread that got
-// the failure.
+// The last-error record of a thread. A failing operation writes it; BroadcastGetLastErrorMessage and
+// BmGetLastErrorMessage return its text. A later success does not clear it: read it only after an operation
+// has reported a failure, on the same thread. Each thread has its own record, so there is no lock.
 
 #include "common/util/ref.h"
 
@@ -26,18 +26,19 @@ class ErrorInfo : public Referable {
 /// Replaces the thread's record and writes `message` to the log at error level. Without memory the thread has
 /// no record afterwards. Returns: `code`, so that a failing function can end with it.
 unsigned int VynSetErrorInfo(unsigned int code, const std::string& message);
-/// The same with an extra value kept in mDetail.
+/// The same, with `detail` as mDetail.
 unsigned int VynSetErrorInfo(unsigned int code, const std::string& message, int detail);
-/// Replaces the thread's record by a copy of code and message of `info`, which may be the record itself; null
-/// clears it. Writes no log line. Returns: 0.
+/// Replaces the thread's record by a new one with the code and the message of `info`. `info` may be the
+/// record itself; null clears the record. Writes no log line. Returns: 0.
 unsigned int VynSetErrorInfo(const ErrorInfo* info);
-/// As VynSetErrorInfo(code, message), the log line naming the given place. For the logging forms.
+/// As VynSetErrorInfo(code, message), but the log line names `file` and `line`. For VYN_FAIL.
 unsigned int VynSetErrorInfoAt(const char* file, int line, unsigned int code, const std::string& message);
 
-/// Returns: the thread's record or null. Not the caller's to delete; valid until the thread's next failure.
+/// Returns: the thread's record or null. The caller must not delete it. It is valid until the thread's next
+/// failure.
 ErrorInfo* RetrieveErrorInfo();
 
-/// Returns: the text of the thread's record, or the empty text. For messages that end in the last error.
+/// Returns: the text of the thread's record; empty without one. For messages that end with the last error.
 const char* LastErrorText();
 
 }  // namespace vyn::common

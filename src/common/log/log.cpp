@@ -12,7 +12,7 @@ namespace vyn::common {
 
 namespace {
 
-// By number.
+// Indexed by level.
 constexpr std::array<const char*, 6> kLevelNames{"TRACE", "DEBUG", "INFO", "WARN", "ERROR", "CRITICAL"};
 constexpr std::size_t kAuditBufferSize = 4096;
 

@@ -1,13 +1,14 @@
 #pragma once
 
-// The logging forms: every line of the system is written through one of these.
+// The logging macros. Every log line of the system is written by one of them.
 //
-// A form takes a stream expression and evaluates it only when its gate is open:
+// A macro takes a stream expression and evaluates it only if lines of its level are written:
 //
 //   VYN_LOG_ERROR("Failed to rename " << from << " to " << to);
 //
-// The text of a line is "<source file>:<line>] <message>". A closed gate costs one pointer check and one compare and
-// allocates nothing. Forms may be used from any thread, also before the logger exists (they are silent then).
+// The text of a line is "<source file>:<line>] <message>". A level that is not written costs one check of a
+// pointer and one comparison, and no allocation. Any thread may use the macros, also before the logger
+// exists; then they write nothing.
 
 #include "common/log/error_info.h"
 #include "platform/ulog/ulog.h"
@@ -18,12 +19,13 @@
 
 namespace vyn::common::logging {
 
-// The levels of the forms, as the logger counts them.
+// The level numbers of ULOG_Init.
 inline constexpr int kDebug = 1;
 inline constexpr int kInfo = 2;
 inline constexpr int kWarn = 3;
 inline constexpr int kError = 4;
 
+/// Whether lines of `level` are written.
 inline bool Gate(int level) noexcept {
   const auto* logger = utilities::log::ULog::gLogger.load(std::memory_order_acquire);
   return logger != nullptr && logger->mLevel < level + 1;
@@ -36,9 +38,9 @@ inline bool DebugGate() noexcept {
   return logger != nullptr && logger->mDebugEnabled;
 }
 
-/// Hands a finished text to the logger. Requires: the gate of `level` is open.
+/// Writes `text` to the log. Requires: Gate(level).
 void Write(int level, const std::string& text);
-/// The same with the place put in front of `message`.
+/// Writes "<file>:<line>] <message>". Requires: Gate(level).
 void WriteAt(int level, const char* file, int line, const std::string& message);
 
 }  // namespace vyn::common::logging
@@ -57,7 +59,8 @@ void WriteAt(int level, const char* file, int line, const std::string& message);
 #define VYN_LOG_INFO(STREAM) VYN_LOG_AT(InfoGate, ::vyn::common::logging::kInfo, STREAM)
 #define VYN_LOG_DEBUG(STREAM) VYN_LOG_AT(DebugGate, ::vyn::common::logging::kDebug, STREAM)
 
-/// Pointer check under a name: logs "Unexpected nullptr value NAME" and makes the function return 2000057.
+/// Checks a pointer. When it is null, logs "Unexpected nullptr value NAME" and makes the function return
+/// 2000057.
 #define VYN_CHECK_POINTER_NAMED(POINTER, NAME)            \
   do {                                                    \
     if ((POINTER) == nullptr) {                           \
@@ -66,7 +69,7 @@ void WriteAt(int level, const char* file, int line, const std::string& message);
     }                                                     \
   } while (false)
 
-/// Pointer check: the name is the variable's own.
+/// The same with the variable's own name.
 #define VYN_CHECK_POINTER(VARIABLE) VYN_CHECK_POINTER_NAMED(VARIABLE, #VARIABLE)
 
 /// Checked call: logs "Failed to execute CALL" and returns the call's status when it failed.
@@ -88,8 +91,8 @@ void WriteAt(int level, const char* file, int line, const std::string& message);
     }                                                   \
   } while (false)
 
-/// Failure with record, as an expression: the status CODE, with the streamed text in the thread's last-error
-/// record and in the log. Use as `return VYN_FAIL(code, "text " << value);`.
+/// Records a failure: writes the streamed text into the thread's last-error record and into the log. An
+/// expression whose value is CODE: `return VYN_FAIL(code, "text " << value);`.
 #define VYN_FAIL(CODE, STREAM)                                                                   \
   ([&]() -> unsigned int {                                                                       \
     std::ostringstream vynFailStream;                                                            \

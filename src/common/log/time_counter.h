@@ -1,6 +1,7 @@
 #pragma once
 
-// Whether operations measure their phases: 0 not at all, 1 one line an operation, 2 also inside every call.
+// How much the RPC clients measure: 0 nothing, 1 a log line of times for each operation that measures itself,
+// 2 also the phases of every call. Any thread may use it.
 
 #include <atomic>
 
@@ -8,10 +9,10 @@ namespace vyn::common {
 
 class TimeCounter {
  public:
-  /// Takes the levels 0, 1 and 2; any other is refused with a warning and the old one stays.
+  /// Sets the level. Refuses a level above 2 with a warning and keeps the old one.
   static void SetTimeCountLevel(unsigned char level);
 
-  /// Read by every call, without a lock.
+  /// Every call reads it, without a lock.
   static std::atomic<unsigned char> timeCounterLevel;
 };
 

@@ -9,7 +9,7 @@
 
 namespace vyn::common {
 
-// In one source file, so that the first use of any makes all four.
+// All four are defined in one source file, so the first use of one in a thread makes all four.
 thread_local flatbuffers::FlatBufferBuilder BaseMessage::fbBuilder128{128};
 thread_local flatbuffers::FlatBufferBuilder BaseMessage::fbBuilder256{256};
 thread_local flatbuffers::FlatBufferBuilder BaseMessage::fbBuilder512{512};

@@ -1,13 +1,13 @@
 #pragma once
 
-// What every request and reply of the wire has in common: received bytes on one side, a finished buffer on
-// the other.
+// The base of every request and reply. A message has received bytes that Deserialize reads, or a buffer that
+// Serialize has built.
 //
-// Sending: fill the members, Serialize, take SerializedData and SerializedDataSize, hand the bytes to the
-// transport. Receiving: SetInputRawData, Deserialize, read the members.
+// To send: fill the members, call Serialize, send SerializedDataSize bytes at SerializedData. To receive:
+// call SetInputRawData, then Deserialize, and read the members.
 //
-// A message belongs to one thread at a time. The finished bytes lie in a builder of the thread that
-// serialised: that thread uses them itself, before it serialises another message of the same builder.
+// One thread at a time uses a message. Serialize builds the bytes in a builder of the calling thread. That
+// thread must use them itself, before it serialises another message with the same builder.
 
 #include "common/util/ref.h"
 
@@ -22,26 +22,25 @@ namespace vyn::common {
 
 class BaseMessage : public Referable {
  public:
-  /// The most bytes that can be read: the format counts in signed 32 bits.
+  /// The most bytes that a message can have: the format's offsets are signed 32-bit numbers.
   static constexpr std::uint32_t kMaxInputSize = 2147483646;
 
   BaseMessage() = default;
-  /// Frees the private copy of the input, if there is one.
+  /// Frees the message's copy of the input, if there is one.
   ~BaseMessage() override;
 
-  /// Builds the buffer from the members and records it. Returns: VYN_OK, or the code of a message that
-  /// refused; then SerializedData is null.
+  /// Builds the buffer from the members. Returns: VYN_OK, or the code with which a class refuses its members;
+  /// SerializedData is null then.
   virtual std::uint32_t Serialize() = 0;
-  /// Verifies the attached bytes and replaces the members, which refer to nothing in them afterwards. Bytes
-  /// that fail the verification change nothing; a required field that is absent leaves the members read
-  /// before it with their new values. Returns: VYN_OK, VYN_ERR_MESSAGE_DECODE or VYN_ERR_NULL_POINTER.
+  /// Verifies the attached bytes and copies the fields into the members. Bytes that fail the verification
+  /// change nothing. When a required field is absent, the members read before it keep their new values.
+  /// Returns: VYN_OK, VYN_ERR_MESSAGE_DECODE or VYN_ERR_NULL_POINTER.
   virtual std::uint32_t Deserialize() = 0;
 
   /// Attaches received bytes. With `copy` false the caller keeps `rawData` alive until Deserialize has
-  /// returned; with `copy` true the message takes a copy of its own. Requires: a message is given a copy once
-  /// at most, and no other bytes after it. \param size in bytes, 1 to kMaxInputSize. Returns: VYN_OK,
-  /// VYN_ERR_MESSAGE_DECODE for a null pointer or a size out of range, VYN_ERR_NULL_POINTER without memory
-  /// for the copy.
+  /// returned; with `copy` true the message makes a copy. Requires: no further call after one with `copy`
+  /// true. \param size in bytes, 1 to kMaxInputSize. Returns: VYN_OK, VYN_ERR_MESSAGE_DECODE for a null
+  /// pointer or a size out of range, VYN_ERR_NULL_POINTER without memory for the copy.
   std::uint32_t SetInputRawData(char* rawData, unsigned int size, bool copy);
 
   /// The finished buffer: root table, no identifier, no size prefix. Null until Serialize has succeeded.
@@ -55,27 +54,27 @@ class BaseMessage : public Referable {
   std::uint8_t* mSerializedData = nullptr;
   std::uint32_t mSerializedDataSize = 0;
 
-  /// One builder of each size a thread, made together at the first use of any. A class uses the one that its
-  /// usual message fits into at once: 128, 256, 512 and, for messages that carry lists, 2048 bytes.
+  /// Each thread has one builder of each size. A class uses the one whose initial buffer holds its usual
+  /// message: 128, 256 or 512 bytes, or 2048 for messages with lists (fbBuilder4096).
   static thread_local flatbuffers::FlatBufferBuilder fbBuilder128;
   static thread_local flatbuffers::FlatBufferBuilder fbBuilder256;
   static thread_local flatbuffers::FlatBufferBuilder fbBuilder512;
   static thread_local flatbuffers::FlatBufferBuilder fbBuilder4096;
 
-  /// The reply of a call that expects no reply body. Nothing assigns to it.
+  /// Null. Passed as the response of a call that expects no reply body. Never assigned.
   static Ref<BaseMessage> gNullPtr;
 };
 
-/// Ties a message class to its table `T` of the schema.
+/// The base of a message class whose table in the schema is `T`.
 template <typename T>
 class Message : public BaseMessage {};
 
 }  // namespace vyn::common
 
-/// The wire side of a message class. Stands at the end of the class and names, in the order in which a reader
-/// takes them, the members that travel; each has the name of its field in the schema. The source file adds
-/// one line out of message_codec.h, or the two operations written by hand where a class is no plain list of
-/// fields.
+/// Declares Serialize and Deserialize of a message class. Stands at the end of the class and lists the
+/// members that are sent, in the order in which Deserialize reads them. Each has the name of its field in the
+/// schema. The source file defines the two with VYN_MESSAGE_CODEC of message_codec.h, or by hand for a class
+/// that is more than a list of fields.
 #define VYN_MESSAGE_FIELDS(...)                   \
  public:                                          \
   std::uint32_t Serialize() override;             \

@@ -1,6 +1,6 @@
 #pragma once
 
-// The heartbeat of a process, sent to the metadata service and to the tuning service.
+// The heartbeat of an application's process, for the metadata service or the tuning service.
 
 #include "common/message/base_message.h"
 
@@ -23,10 +23,10 @@ class HeartBeatMessage : public Message<THeartBeatMessage> {
         isAlive(alive) {}
 
   std::string ns;                ///< the application's name
-  std::uint8_t processType = 0;  ///< as the caller of HeartBeat gave it
+  std::uint8_t processType = 0;  ///< `processType` of HeartBeat (vyn/broadcast.h)
   std::string processName;
   std::string content;   ///< free text of the sender
-  bool isAlive = false;  ///< true in the periodic beats, false in the last one at stop
+  bool isAlive = false;  ///< true while the sender runs; false in the last one, at its stop
   VYN_MESSAGE_FIELDS(ns, processType, processName, content, isAlive)
 };
 

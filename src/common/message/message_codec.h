@@ -1,15 +1,14 @@
 #pragma once
 
-// Serialize and Deserialize of a message class, made out of two lists: the fields of its table, which flatc's
-// static reflection gives, and the members that VYN_MESSAGE_FIELDS names. A field and a member of the same
-// name belong together; a member without a field does not compile, a field without a member is neither
-// written nor read.
+// Makes Serialize and Deserialize of a message class from two lists: the fields of its table, from flatc's
+// static reflection, and the members that VYN_MESSAGE_FIELDS names. A member is matched with the field of the
+// same name. A member without a field does not compile; a field without a member is neither written nor read.
 //
-// What a member looks like on the wire is told by FieldCodec: one specialisation a kind of field. A string or
+// FieldCodec converts between a field and its member; each kind of field has a specialisation. A string or
 // vector field that has a member is required.
 //
-// For source files only: this header brings the flatbuffers library. Generated headers are included before it
-// is used.
+// Include it in source files only, because it includes the flatbuffers library. A source file also includes
+// the generated headers of its tables. Nothing here has state.
 
 #include "common/message/base_message.h"
 #include "vyn/status.h"
@@ -28,18 +27,18 @@
 #include <utility>
 #include <vector>
 
-// Nothing of this is exported: calls between these functions are direct.
+// Hidden: the library does not export these functions, so that calls between them are direct.
 #pragma GCC visibility push(hidden)
 
 namespace vyn::common::codec {
 
-static_assert(std::endian::native == std::endian::little, "lists of numbers are taken as they lie");
+static_assert(std::endian::native == std::endian::little, "lists of numbers are copied without conversion");
 
 using Builder = flatbuffers::FlatBufferBuilder;
 using Text = flatbuffers::String;
 using TextList = flatbuffers::Vector<flatbuffers::Offset<Text>>;
 
-/// Where a message class stands in the sources: its refusals are logged from there.
+/// The source line of a message class. Log lines about a refused message name it.
 struct Place {
   const char* file;
   int line;
@@ -51,10 +50,9 @@ std::uint32_t Refuse(Place place, std::string_view what);
 /// The same with "{open}{name}{close}".
 std::uint32_t Refuse(Place place, std::string_view open, std::string_view name, std::string_view close);
 
-// --- kinds of field
-// -----------------------------------------------------------------------------------------------
+// --- kinds of field ----------------------------------------------------------------------------------------
 
-/// A scalar, widened or cut where member and field differ in width.
+/// A scalar. It is widened or cut when member and field differ in width.
 template <typename Wire, typename Member>
 struct FieldCodec {
   static_assert(std::is_arithmetic_v<Wire> && std::is_arithmetic_v<Member>,
@@ -104,7 +102,7 @@ struct FieldCodec<const flatbuffers::Vector<Number>*, std::vector<Number>> {
   }
 };
 
-/// A set travels as a list in ascending order.
+/// A set is sent as a list in ascending order.
 template <typename Number>
 struct FieldCodec<const flatbuffers::Vector<Number>*, std::set<Number>> {
   static auto Write(Builder& builder, const std::set<Number>& member) {
@@ -124,8 +122,7 @@ struct FieldCodec<const flatbuffers::Vector<Number>*, std::set<Number>> {
   }
 };
 
-// --- which field belongs to which member
-// --------------------------------------------------------------------------
+// --- which field belongs to which member -------------------------------------------------------------------
 
 template <typename Table>
 Table TableOfMessage(const Message<Table>&);
@@ -143,7 +140,7 @@ inline constexpr std::size_t kMemberCount = std::tuple_size_v<FieldsOf<Class>>;
 template <typename Table>
 inline constexpr std::size_t kFieldCount = Table::Traits::fields_number;
 
-/// The names in Class::kFieldNames, "first, record.second" giving "first" and "second".
+/// Returns: the names in Class::kFieldNames. "first, record.second" gives "first" and "second".
 template <typename Class>
 constexpr std::array<std::string_view, kMemberCount<Class>> MemberNames() {
   std::array<std::string_view, kMemberCount<Class>> names;
@@ -159,7 +156,7 @@ constexpr std::array<std::string_view, kMemberCount<Class>> MemberNames() {
 template <typename Class>
 inline constexpr auto kMemberNames = MemberNames<Class>();
 
-/// The table's field of a member. Fails to compile when there is none.
+/// Returns: the index of the field that belongs to `member`. Does not compile when there is none.
 template <typename Class>
 consteval std::size_t FieldOf(std::size_t member) {
   std::size_t field = 0;
@@ -169,7 +166,7 @@ consteval std::size_t FieldOf(std::size_t member) {
   return field;
 }
 
-/// The member of a table's field, or kMemberCount.
+/// Returns: the index of the member that belongs to `field`, or kMemberCount.
 template <typename Class>
 consteval std::size_t MemberOf(std::size_t field) {
   std::size_t member = 0;
@@ -180,10 +177,9 @@ consteval std::size_t MemberOf(std::size_t field) {
   return member;
 }
 
-// --- writing
-// ------------------------------------------------------------------------------------------------------
+// --- writing -----------------------------------------------------------------------------------------------
 
-/// Empties the builder and forgets the message's earlier buffer. Returns: `builder`.
+/// Empties the builder and sets the message's SerializedData to null. Returns: `builder`.
 inline Builder& StartBuffer(BaseMessage& message, Builder& builder) {
   message.mSerializedData = nullptr;
   message.mSerializedDataSize = 0;
@@ -191,7 +187,7 @@ inline Builder& StartBuffer(BaseMessage& message, Builder& builder) {
   return builder;
 }
 
-/// Finishes the buffer with `root` and records it in the message. Returns: VYN_OK.
+/// Finishes the buffer with `root` and sets the message's SerializedData. Returns: VYN_OK.
 template <typename Root>
 std::uint32_t FinishBuffer(BaseMessage& message, Builder& builder, flatbuffers::Offset<Root> root) {
   builder.Finish(root);
@@ -215,42 +211,41 @@ auto WriteField(Builder& builder, Class& message) {
 template <typename Class>
 auto WriteTable(Builder& builder, Class& message) {
   return [&]<std::size_t... Field>(std::index_sequence<Field...>) {
-    // Braces: left to right.
+    // Braces, because they evaluate from left to right.
     const std::tuple fields{WriteField<Field>(builder, message)...};
     return TableOf<Class>::Traits::Create(builder, std::get<Field>(fields)...);
   }
   (std::make_index_sequence<kFieldCount<TableOf<Class>>>());
 }
 
-/// The whole of a Serialize.
+/// The body of Serialize.
 template <typename Class>
 std::uint32_t Encode(Class& message, Builder& builder) {
   StartBuffer(message, builder);
   return FinishBuffer(message, builder, WriteTable(builder, message));
 }
 
-// --- reading
-// ------------------------------------------------------------------------------------------------------
+// --- reading -----------------------------------------------------------------------------------------------
 
 /// The received bytes of a message, as a verified table.
 class Input {
  public:
-  /// Bytes at an address that suits no 8-byte number are copied; the transport delivers them where they are
-  /// read.
+  /// Copies the bytes if their address is not aligned for 8-byte numbers. Bytes from the RPC transport are
+  /// aligned.
   explicit Input(const BaseMessage& message) : mSize(message.mInputRawDataSize) {
-    const bool suits =
+    const bool aligned =
         reinterpret_cast<std::uintptr_t>(message.mInputRawData) % sizeof(flatbuffers::largest_scalar_t) == 0;
     if (mSize > BaseMessage::kMaxInputSize) {
       return;
     }
-    if (suits) [[likely]] {
+    if (aligned) [[likely]] {
       mBytes = message.mInputRawData;
     } else if (mCopy.reset(new (std::nothrow) char[mSize]); mCopy != nullptr) {
       mBytes = static_cast<const char*>(std::memcpy(mCopy.get(), message.mInputRawData, mSize));
     }
   }
 
-  /// Returns: the root, or null when it is refused. Valid as long as this object.
+  /// Returns: the verified root table, which is valid as long as this object, or null.
   template <typename Table>
   const Table* Root() {
     if (mBytes == nullptr) {
@@ -266,9 +261,10 @@ class Input {
   }
 
  private:
-  // What the library's verifier leaves open. The entries of a list may share their text, so that few bytes
-  // could fill all memory; an honest buffer holds every text once. And a list of 8-byte numbers is checked
-  // for its size alone.
+  // Two checks that the library's verifier does not make. The entries of a list may share one text, so that a
+  // small buffer could fill all memory when it is read; our writer stores every text separately, so all texts
+  // together must fit into the buffer. And the verifier does not check that a list of 8-byte numbers is
+  // aligned.
   template <typename Table, std::size_t... Field>
   bool Accept(const Table& root, std::index_sequence<Field...>) {
     return (Accept(root.template get_field<Field>()) && ...);
@@ -292,7 +288,7 @@ class Input {
     return mText <= mSize;
   }
 
-  /// The bytes of text in an entry.
+  /// Returns: the bytes of text in an entry of a list.
   static std::size_t TextOf(const Text* text) { return text == nullptr ? 0 : text->size(); }
   template <typename Number>
   static std::size_t TextOf(Number) {
@@ -309,10 +305,10 @@ class Input {
   std::unique_ptr<char[]> mCopy;
   const char* mBytes = nullptr;
   const std::size_t mSize;
-  std::size_t mText = 0;
+  std::size_t mText = 0;  ///< bytes of text in the lists checked so far
 };
 
-/// How the log names an absent field of a class: what stands around the field's name.
+/// The texts around a field's name in the log line about an absent field.
 struct Naming {
   std::string_view open = "(";
   std::string_view close = ")";
@@ -332,8 +328,8 @@ std::uint32_t ReadField(const TableOf<Class>& table, Class& message, Place place
   return FieldCodec<Wire, MemberType<Class, Member>>::Read(field, std::get<Member>(message.Fields()), place);
 }
 
-/// The whole of a Deserialize. The members are read in their order, up to the first failure. Flattened, as a
-/// reader written out by hand would be.
+/// The body of Deserialize. Reads the members in their order, up to the first failure. `flatten` inlines all
+/// calls, as in a function written by hand.
 template <typename Class>
 [[gnu::flatten]] std::uint32_t Decode(Class& message, Place place) {
   Input input(message);
@@ -353,7 +349,7 @@ template <typename Class>
 
 #pragma GCC visibility pop
 
-/// The source side of VYN_MESSAGE_FIELDS, for a class of the current namespace.
+/// Defines Serialize and Deserialize of CLASS, a class of the current namespace.
 #define VYN_MESSAGE_CODEC(CLASS, BUILDER)                                                   \
   std::uint32_t CLASS::Serialize() { return ::vyn::common::codec::Encode(*this, BUILDER); } \
   std::uint32_t CLASS::Deserialize() { return ::vyn::common::codec::Decode(*this, VYN_MESSAGE_PLACE); }

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the operations of the typed clients are written in: the check of an identifier, and the form in which
-// a refused argument or a failed call is reported.
+// Helpers for the operations of the typed clients: the check of an identifier, and the macro that reports a
+// refused argument or a failed call.
 
 #include "common/log/logging.h"
 #include "common/util/input_check.h"

@@ -24,7 +24,7 @@ using ResultWord = std::uint32_t;
 
 constexpr int kMaxReconnectTimes = 3;
 
-/// The first buffer of every request is a view of it.
+/// The RPC version of this side. The first buffer of every request points to it.
 std::uint16_t gRpcVersion = 1;
 
 long EffectiveTimeout(long timeout) {
@@ -42,7 +42,7 @@ unsigned int ToStatus(int transportStatus) {
   }
 }
 
-/// Runs one phase of a call and, when phases are measured, leaves its duration in `duration`.
+/// Runs one phase of a call. Sets `duration` to its nanoseconds when phases are measured, otherwise to 0.
 template <typename Phase>
 auto Measured(int& duration, Phase phase) {
   if (TimeCounter::timeCounterLevel.load(std::memory_order_relaxed) <= 1) {
@@ -67,7 +67,7 @@ void LogCallError(unsigned short opcode, int status, long timeout) {
                                       << " timeout " << timeout << "ms.");
 }
 
-/// Sends the result word and, behind it, `data` if there is any. Returns: whether it was sent.
+/// Sends the result word and, after it, `data` if there is any. Returns: whether it was sent.
 bool Reply(unsigned short opcode, const std::shared_ptr<rpc::ServerContext>& context, ResultWord result,
            void* data, unsigned int size, long timeout, rpc::Callback* callback = nullptr) {
   rpc::Message reply{MessageId(opcode)};
@@ -122,7 +122,7 @@ unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, const Ref<BaseMessage
                                     const Ref<BaseMessage>& response, long timeout) {
   VYN_CHECK_POINTER(mClient);
   VYN_CHECK_POINTER(request);
-  // A failed serialisation leaves nothing to send, which shows below.
+  // When this fails, SerializedData is null, and the assertion below ends the call.
   Measured(mTimeSer, [&] { return request->Serialize(); });
   rpc::Message requestMessage = NewRequest(opcode);
   rpc::Message responseMessage{MessageId(opcode)};

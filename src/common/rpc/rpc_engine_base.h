@@ -1,9 +1,10 @@
 #pragma once
 
-// The base of every typed client of a service: owns the pool of connections and makes calls through it.
+// The base of every typed client of a service. It owns the pool of connections and makes the calls.
 //
-// Any number of threads may call SendCall at once, also while the derived client replaces its pool: a call
-// begins with the pool in use and hands its engine back to the one in use when it ends.
+// Any number of threads may call SendCall, also while the derived client replaces its pool: a call takes its
+// engine from the pool in use at its start and returns it to the pool in use at its end. mParam and
+// mConnectionCount are set during initialisation.
 
 #include "common/message/base_message.h"
 #include "common/rpc/rpc_engine_pool.h"
@@ -35,9 +36,9 @@ class RPCEngineBase : public Referable {
   RPCEngineBase() = default;
   ~RPCEngineBase() override = default;
 
-  /// One synchronous call on a connection of its own. \param response may hold null (BaseMessage::gNullPtr).
-  /// \param timeout milliseconds; 0 stands for RpcEngine::mTimeout. Returns: 0, the server's status, or what
-  /// failed.
+  /// One synchronous call on a connection that no other call uses meanwhile. \param response may hold null
+  /// (BaseMessage::gNullPtr). \param timeout milliseconds; 0 means RpcEngine::mTimeout. Returns: 0, the
+  /// server's status, or the status of the failed connection or call.
   unsigned int SendCall(unsigned short opcode, const Ref<BaseMessage>& request,
                         const Ref<BaseMessage>& response, long timeout);
 
@@ -46,17 +47,17 @@ class RPCEngineBase : public Referable {
     std::lock_guard lock(mPoolMutex);
     return mEnginePool;
   }
-  /// Puts `pool` in place of the one in use, which goes with its last call.
+  /// Replaces the pool in use by `pool`. The old pool is destroyed when its last call has ended.
   void SetEnginePool(Ref<RPCEnginePool> pool) {
     std::lock_guard lock(mPoolMutex);
     std::swap(mEnginePool, pool);
   }
 
-  /// Guarded by mPoolMutex, a lock for a moment only: what is replaced is destroyed outside it.
+  /// Guarded by mPoolMutex, which no thread holds while a pool is destroyed.
   Ref<RPCEnginePool> mEnginePool;
   mutable std::mutex mPoolMutex;
   Ref<RPCEngineParam> mParam;
-  /// The value that the pool gets as its size.
+  /// The `poolSize` of the pool.
   std::uint16_t mConnectionCount = 1;
 };
 

@@ -59,7 +59,7 @@ unsigned int RPCEnginePool::FillPool() {
 
 unsigned int RPCEnginePool::GetRpcEngine(Ref<RpcEngine>& engine) {
   {
-    // Outlives the lock: the connections of an old peer are closed without it.
+    // Declared before the lock, so that connections to an old peer are closed after its release.
     std::vector<Ref<RpcEngine>> old;
     std::lock_guard lock(mMutex);
     if (!mEngines.empty()) {
@@ -78,8 +78,8 @@ void RPCEnginePool::ReturnRpcEngine(const Ref<RpcEngine>& engine) {
   if (engine == nullptr) {
     return;
   }
-  // Outlives the lock, as above. Idle engines are all of one peer: those that were left from an old one would
-  // stay below the new for as long as nobody reaches so deep.
+  // Declared before the lock, as above. All idle engines must have the same peer: on the stack, engines of an
+  // old peer could stay open below the new ones for ever.
   std::vector<Ref<RpcEngine>> old;
   std::lock_guard lock(mMutex);
   if (!IsPeer(*engine, mIp, mPort)) {

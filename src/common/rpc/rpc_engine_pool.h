@@ -1,11 +1,11 @@
 #pragma once
 
-// Connections to one peer. A pool gives each thread an engine for the length of one call, and it is the one
-// place that knows where the service currently is: when the peer moves, older connections end when they are
-// next handed out or back.
+// The connections to one peer. A pool gives a thread an engine for one call. mIp and mPort are the peer's
+// present address. When a client changes them, the pool closes an engine with the old address as soon as it
+// would hand it out or take it back.
 //
-// Any thread may take and return engines. The mutex is the innermost lock and is never held during a connect
-// or a call.
+// Any thread may take and return engines. mMutex is the innermost lock and is never held during a connect or
+// a call. Members without a note do not change after set-up.
 
 #include "common/config/configuration.h"
 #include "common/rpc/rpc_engine.h"
@@ -21,9 +21,9 @@ namespace vyn::common {
 
 class RPCEnginePool : public Referable {
  public:
-  /// \param timeout milliseconds. \param clientIdentity whether the process speaks as a client or as a server
-  /// member. \param poolSize the passes that Initialize makes. \param securityConf given to every
-  /// RpcEngine::Initialize.
+  /// \param timeout milliseconds. \param clientIdentity true to use a client's credentials, false for a
+  /// service's. \param poolSize how often Initialize takes and returns an engine. \param securityConf passed
+  /// to every RpcEngine::Initialize.
   RPCEnginePool(std::string ip, std::uint16_t port, std::int64_t timeout, bool clientIdentity,
                 std::uint16_t poolSize, std::uint16_t peerGroupIndex,
                 std::map<std::string, const std::string> securityConf, bool tlsEnable, bool authEnable);
@@ -31,18 +31,18 @@ class RPCEnginePool : public Referable {
 
   /// Makes and connects a new engine. Called without the mutex held.
   virtual unsigned int NewRPCEngine(Ref<RpcEngine>& engine) = 0;
-  /// Sets the pool up from the configuration and connects.
+  /// Reads the security settings from the configuration, calls SetTimeout and connects. Each pool of this
+  /// library overrides it with FillPool alone.
   virtual unsigned int Initialize();
-  /// A hook of the base Initialize.
+  /// Called by RPCEnginePool::Initialize, and so by no pool of this library.
   virtual unsigned int SetTimeout() = 0;
 
-  /// Fills `engine` with an engine for exclusive use: the idle one that was returned last, or a new one.
-  /// Returns: 0, or why no connection could be made; then there is nothing to hand back.
+  /// Sets `engine` to one that only the caller uses: the idle one that was returned last, or a new one.
+  /// Returns: 0, or the status of the failed connect. After a failure the caller returns nothing to the pool.
   unsigned int GetRpcEngine(Ref<RpcEngine>& engine);
-  /// Takes an engine back. One whose peer is no longer the pool's is let go.
+  /// Takes an engine back. Closes one whose peer is no longer the pool's.
   void ReturnRpcEngine(const Ref<RpcEngine>& engine);
-  /// Fills the security settings from mConfig. Requires: mConfig is set. An entry that is there keeps its
-  /// value.
+  /// Fills the security settings from mConfig. Requires: mConfig is set. An existing entry keeps its value.
   void GetSecurityConf();
 
   std::string mIp;      ///< guarded by mMutex
@@ -62,10 +62,10 @@ class RPCEnginePool : public Referable {
 
  protected:
   /// The body of every NewRPCEngine: allocates an engine with `options` and connects it to the pool's present
-  /// peer. \param timeout milliseconds, given to RpcEngine::Initialize.
+  /// peer. \param timeout milliseconds, passed to RpcEngine::Initialize.
   unsigned int ConnectEngine(Ref<RpcEngine>& engine, const std::map<std::string, std::string>& options,
                              std::int64_t timeout);
-  /// The loop of every Initialize: takes an engine and hands it back, mPoolSize times. Stops at the first
+  /// The body of every Initialize: takes an engine and returns it, mPoolSize times. Stops at the first
   /// failure.
   unsigned int FillPool();
 };

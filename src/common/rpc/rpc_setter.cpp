@@ -26,7 +26,8 @@ constexpr std::size_t kMaxIpFilter = 1024;
 
 void SetVariable(const char* name, const std::string& value) { setenv(name, value.c_str(), 1); }
 
-/// Hands the name of every entry of a directory to `take`, in its order. Returns: whether it could be opened.
+/// Calls `take` with the name of every entry of a directory, in the directory's order. Returns: whether the
+/// directory could be opened.
 bool ForEachEntry(const std::string& path, const std::function<void(std::string)>& take) {
   std::error_code failure;
   std::filesystem::directory_iterator entry(path, failure);

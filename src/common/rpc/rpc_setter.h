@@ -1,11 +1,12 @@
 #pragma once
 
-// Turns the transport settings of the configuration into the environment variables by which the transport
-// takes them: UCX_TLS, UCX_NET_DEVICES, UCX_TCP_PORT_RANGE, UCX_TCP_KEEPINTVL. The configuration beats what
-// the process inherited.
+// Copies the transport settings of the configuration into the environment variables from which the RPC
+// transport reads them: UCX_TLS, UCX_NET_DEVICES, UCX_TCP_PORT_RANGE, UCX_TCP_KEEPINTVL. The configuration
+// overrides inherited values.
 //
-// Stateless. Belongs to start-up, before the first connection and before other threads read the environment.
-// Nothing here fails the start-up: what cannot be found is a warning, and the variable stays as it was.
+// No state. Call DefaultSetting during start-up, before the first connection and before other threads read
+// the environment. It cannot fail: when it finds no devices, it logs a warning and leaves UCX_NET_DEVICES
+// unchanged.
 
 #include "common/config/configuration.h"
 #include "common/util/ref.h"
@@ -20,9 +21,9 @@ class RpcSetter {
   /// Sets the variables from `conf`. A null `conf` is logged and changes nothing.
   static void DefaultSetting(const Ref<Configuration>& conf);
 
-  /// Appends to `devices` the comma-separated list of network devices that `conf` asks for: its explicit
-  /// list, or what its IP filter finds: interfaces under the protocol "tcp", RDMA devices ("name:1") under
-  /// any other.
+  /// Appends to `devices` the comma-separated network devices that `conf` selects: its list of devices, or
+  /// else the matches of its IP filter. With the protocol "tcp" these are interfaces, with any other RDMA
+  /// devices ("name:1").
   static void ResolveDeviceName(std::string& devices, const Ref<Configuration>& conf);
 
   /// Appends the local interfaces whose own network is one of `ipfilter`, such as
@@ -41,7 +42,7 @@ class RpcSetter {
   static void SelectDevices(std::string& netName, const std::string& ucxDevice,
                             std::vector<std::string> ifnames, std::vector<std::string>& matched);
 
-  /// Appends `parts` to `out`, putting `separator` before each part unless `out` is still empty then.
+  /// Appends `parts` to `out`, each with `separator` before it unless `out` is still empty.
   static void JoinVectors(std::string& out, const std::vector<std::string>& parts,
                           const std::string& separator);
 };

@@ -1,7 +1,10 @@
 #pragma once
 
-// The one seam through which the library and the services read the monotonic clock, sleep and wait, so that tests can put a
-// clock of their own in its place and see a 30-second retry in milliseconds.
+// The monotonic clock, sleeps and waits, behind a class that a test can replace, so that a test of a
+// 30-second retry takes milliseconds. The library uses nothing else. Some threads of the services and of
+// platform/ wait on a condition variable directly.
+//
+// Threads: any.
 
 #include <chrono>
 #include <condition_variable>
@@ -14,26 +17,26 @@ class Clock {
   virtual ~Clock() = default;
   virtual std::chrono::steady_clock::time_point Now();
   virtual void SleepFor(std::chrono::nanoseconds duration);
-  /// Waits on `condition` until it is notified, at most `duration`; may end early without reason. Requires:
-  /// `lock` is held; it is let go during the wait.
+  /// Waits on `condition` until it is notified, at most `duration`. May return earlier without cause.
+  /// Requires: `lock` is held; the wait releases it meanwhile.
   virtual void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                        std::chrono::nanoseconds duration);
 
-  /// The clock in use. Any thread may call it.
+  /// Returns: the clock in use.
   static Clock& Get();
-  /// Puts `clock` in place of the one in use; null brings the real one back. For tests; `clock` stays the
-  /// caller's.
+  /// Replaces the clock in use; null restores the real one. For tests. The caller owns `clock`, which must
+  /// outlive its use.
   static void Replace(Clock* clock);
 };
 
-/// Sleeps through the seam.
+/// Clock::SleepFor of the clock in use.
 inline void SleepFor(std::chrono::nanoseconds duration) { Clock::Get().SleepFor(duration); }
-/// Waits through the seam.
+/// Clock::WaitFor of the clock in use.
 inline void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                     std::chrono::nanoseconds duration) {
   Clock::Get().WaitFor(condition, lock, duration);
 }
-/// The monotonic time through the seam.
+/// Clock::Now of the clock in use.
 inline std::chrono::steady_clock::time_point SteadyNow() { return Clock::Get().Now(); }
 
 }  // namespace vyn::common

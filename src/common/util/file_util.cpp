@@ -32,7 +32,7 @@ bool IsAllowedCharacter(char c) {
          c == '/';
 }
 
-/// Resolves the path; `complain` takes the text and the path of a complaint.
+/// Resolves the path. On failure calls `complain` with the text of the error.
 template <typename Complain>
 unsigned int Resolve(const std::string& path, std::string& out, const Complain& complain) {
   if (!FileUtil::IsPathValid(path)) {
@@ -66,7 +66,7 @@ void ForEachEntry(DIR* dir, const Take& take) {
   }
 }
 
-/// Opens a directory that is no symbolic link.
+/// Opens a directory. Returns: null when `path` is a symbolic link or cannot be opened.
 Directory OpenWithoutFollowing(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (descriptor < 0) {
@@ -93,7 +93,7 @@ unsigned int RenameLogged(const std::string& from, const std::string& to) {
   return VYN_OK;
 }
 
-/// Returns: the path of the level above, empty for a relative name without one and for a name below "/".
+/// Returns: the path of the parent directory; empty for a name without "/" and for an entry of "/".
 std::string ParentOf(const std::string& path) {
   const auto lastOfName = path.find_last_not_of('/');
   const auto slash = lastOfName == std::string::npos ? lastOfName : path.rfind('/', lastOfName);

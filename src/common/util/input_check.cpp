@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t kMaxLength = 1024;
 
-// What a byte is.
+// The classes of a byte, as bits.
 constexpr unsigned char kPlain = 1;
 constexpr unsigned char kSeparator = 2;
 constexpr unsigned char kOther = 4;
@@ -38,7 +38,8 @@ constexpr std::array<unsigned char, 256> MakeClasses() {
 
 constexpr auto kClasses = MakeClasses();
 
-/// As much of a C string as a check needs to see: one longer than every limit is cut just behind the limits.
+/// Returns: the text of `input`, of which at most kMaxLength + 1 characters are read: enough to see that it
+/// is too long.
 std::string_view View(const char* input) { return {input, strnlen(input, kMaxLength + 1)}; }
 
 unsigned int Match(std::string_view input, bool withSeparators) {
@@ -46,7 +47,7 @@ unsigned int Match(std::string_view input, bool withSeparators) {
     return VYN_ERR_GENERIC;
   }
   const unsigned int allowed = withSeparators ? kPlain | kSeparator : kPlain;
-  // Without an early end: an identifier that is refused is rare, and the loop has no branch this way.
+  // The loop does not stop at the first bad character: refusals are rare, and so it needs no branch.
   unsigned int seen = 0;
 #pragma GCC unroll 8
   for (const char c : input) {
@@ -55,7 +56,7 @@ unsigned int Match(std::string_view input, bool withSeparators) {
   return (seen & ~allowed) == 0 ? VYN_OK : VYN_ERR_GENERIC;
 }
 
-/// \param whole the text that a refusal shows.
+/// \param whole the text for the error message.
 unsigned int CheckIdentifier(std::string_view input, const char* whole, bool allowEmpty,
                              bool withSeparators) {
   if (input.empty()) {

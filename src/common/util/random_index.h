@@ -6,11 +6,12 @@
 
 namespace vyn::common {
 
-/// Fills `indexes`, whose size stays, with 0, 1, 2 ... in random order, seeded by the wall clock. Re-entrant.
+/// Overwrites the elements of `indexes` with 0, 1, 2 ... in random order. The wall clock is the seed. Any
+/// thread may call it.
 void ShuffleIndex(std::vector<unsigned int>& indexes);
 
-/// Appends a random permutation of 0 to `count` - 1 to `indexes`. Draws from rand(), which the host program
-/// seeds if it wants sequences that differ between processes; not to be called beside other users of rand().
+/// Appends a random permutation of 0 to `count` - 1 to `indexes`. Uses rand(). The program calls srand() if
+/// the order shall differ between processes. No other thread may use rand() meanwhile.
 void RandomIndexes(unsigned int count, std::vector<unsigned int>& indexes);
 
 }  // namespace vyn::common

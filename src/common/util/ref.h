@@ -1,9 +1,9 @@
 #pragma once
 
-// Referable: an intrusive, atomic reference count. Ref<T>: its holder.
+// Referable: the base of objects with an intrusive, atomic reference count. Ref<T>: a pointer that counts.
 //
-// The object a Ref points at may be shared between threads. A Ref itself is not thread-safe: changing it
-// while another thread reads it needs the lock of whatever owns that Ref.
+// Several threads may hold Refs to one object. A Ref itself is not thread-safe: a thread that changes it
+// while another one reads it needs a lock.
 
 #include <atomic>
 #include <cstddef>
@@ -50,7 +50,7 @@ class Ref {
     return *this;
   }
   Ref& operator=(Ref&& other) noexcept {
-    if (mObj != other.mObj) {  // as Set: taking the object already held changes nothing, not even by a write
+    if (mObj != other.mObj) {  // as in Set: assigning the object already held writes nothing
       T* old = mObj;
       mObj = other.mObj;
       other.mObj = nullptr;
@@ -63,8 +63,8 @@ class Ref {
     return *this;
   }
 
-  /// Makes this the holder of `object`, which may be null. The new reference is taken before the old one is
-  /// dropped, so an object that lives only through the old one survives.
+  /// Makes this hold `object`, which may be null. Counts the new reference before it drops the old one, so
+  /// that an object that only the old one keeps alive survives.
   void Set(T* object) noexcept {
     if (object == mObj) {
       return;
@@ -73,7 +73,7 @@ class Ref {
       object->IncreaseRef();
     }
     T* old = mObj;
-    mObj = object;  // before the drop: the end of the old object may come back to this reference
+    mObj = object;  // before Drop: the old object's destructor may use this Ref
     Drop(old);
   }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the running system says of itself. Re-entrant.
+// Host name and monotonic time. Any thread may call these functions.
 
 #include <string>
 
@@ -9,7 +9,7 @@ namespace vyn::common {
 /// Returns: the node name of uname; the empty text when uname fails.
 std::string VynGetHostname();
 
-/// Returns: the monotonic clock in MILLIseconds; the name is older than the unit.
+/// Returns: the monotonic time in MILLIseconds, despite the name.
 unsigned long VynGetCurrentTimeMicros();
 
 }  // namespace vyn::common

@@ -13,7 +13,7 @@ namespace vyn::common {
 
 namespace {
 
-/// Hands every piece of SplitStr to `take`.
+/// Calls `take` with every piece that SplitStr adds.
 template <typename Take>
 void ForEachPiece(const std::string& text, const std::string& separator, const Take& take) {
   std::size_t begin = 0;
@@ -28,7 +28,7 @@ void ForEachPiece(const std::string& text, const std::string& separator, const T
   }
 }
 
-/// Returns: the position of the `count`-th `separator` at or behind `begin`, or npos. Requires: `count` is at
+/// Returns: the position of the `count`-th `separator` at or after `begin`, or npos. Requires: `count` is at
 /// least 1.
 std::size_t FindNth(const std::string& text, char separator, unsigned int count, std::size_t begin) {
   std::size_t position = text.find(separator, begin);
@@ -114,8 +114,8 @@ std::string ReplaceStr(const std::string& text, const std::string& from, const s
   if (from.empty()) {
     return text;
   }
-  // The search goes on one character further, on the changed text; a replacement that has `from` in it is
-  // passed over, or there would be no end.
+  // The search continues one character further in the changed text. A replacement that contains `from` is
+  // skipped as a whole, because otherwise the loop would not end.
   const std::size_t step = to.find(from) == std::string::npos ? 1 : to.size();
   std::string result = text;
   for (auto found = result.find(from); found != std::string::npos; found = result.find(from, found + step)) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Exact text handling. Re-entrant free functions without state.
+// Text functions without state. Any thread may call them.
 
 #include <set>
 #include <string>
@@ -13,43 +13,43 @@ namespace vyn::common {
 /// Removes leading and trailing blanks (0x20 only; tabs and line ends stay).
 void VynTrimString(std::string& text);
 
-/// Reads a decimal number, as strtol takes it, into `value`, which is written even when the text is refused.
-/// Returns: whether the whole text is one number that fits. Of the forms of zero only "0" is taken.
+/// Reads a decimal number with strtol into `value`, also when it refuses the text. Returns: whether the whole
+/// text is one number that fits. Zero must be written "0".
 bool VynStol(const std::string& text, long& value);
 
-/// Adds the pieces of `text` between occurrences of `separator` to `items`, empty pieces too; the rest behind
-/// the last separator is added only when it is not empty. An empty separator never occurs.
+/// Splits `text` at every `separator` and adds the pieces to `items`, also empty ones; only the last piece is
+/// left out when it is empty. An empty `separator` does not split.
 void SplitStr(const std::string& text, const std::string& separator, std::vector<std::string>& items);
 void SplitStr(const std::string& text, const std::string& separator, std::set<std::string>& items);
 
-/// Returns: the pieces of `text`, each trimmed, empty ones too. A separator at the end is followed by no
-/// piece.
+/// Returns: the trimmed pieces of `text`, also empty ones; only an empty last piece is left out.
 std::vector<std::string> SplitString(const std::string& text, char separator);
 
 /// Returns: the text before the first `separator`; empty when there is none.
 std::string GetStrPrefix(const std::string& text, char separator);
 /// Returns: the text before the `count`-th `separator`; empty when there are fewer or `count` is below 1.
 std::string GetStrPrefix(const std::string& text, char separator, int count);
-/// Returns: the texts before and behind the last `separator`; two empty texts when there is none.
+/// Returns: the texts before and after the last `separator`; two empty texts when there is none.
 std::pair<std::string, std::string> GetStrPostfix(const std::string& text, char separator);
 
-/// Returns: the piece behind the `skip`-th `separator` (0: from the beginning) and before the `skip +
-/// count`-th, or to the end when fewer follow. With `count` 0: to the end behind a skipped separator, empty
-/// with `skip` 0. Empty when there are fewer than `skip` separators.
+/// Returns: the text after the `skip`-th `separator` (0: from the beginning), up to the `count`-th separator
+/// after that, or to the end when there are fewer. `count` 0 means to the end; if `skip` is 0, too, the
+/// result is empty. Also empty when there are fewer than `skip` separators.
 std::string ParseStr(const std::string& text, char separator, unsigned int skip, unsigned int count);
 
-/// Returns: `text` with every occurrence of `from`, read from the left, replaced by `to`. The replacement
-/// itself is not searched. An empty `from` never occurs.
+/// Returns: `text` with every `from`, searched from the left, replaced by `to`. The search continues one
+/// character after the start of a replacement, or after its end when `to` contains `from`. An empty `from`
+/// replaces nothing.
 std::string ReplaceStr(const std::string& text, const std::string& from, const std::string& to);
 
-/// Finds the host name of `name` in a mapping like "name:host,name2:host2": the text behind the first
-/// occurrence of `name` and one further character, up to the next ",". Returns: 0, or 1 with `hostname`
-/// untouched when `name` does not occur or nothing follows it.
+/// Finds the host name of `name` in a mapping like "name:host,name2:host2": the text after the first
+/// occurrence of `name` and one more character, up to the next ",". Returns: 0, or 1 with `hostname`
+/// unchanged when `name` does not occur or nothing follows it.
 unsigned int GetMetaHostname(const std::string& text, const std::string& name, std::string& hostname);
 
 /// Returns: the name of a broadcast variable, "<appId>-<broadcastId>".
 std::string GenBcVarName(const std::string& appId, unsigned int broadcastId);
-/// The same into `name`, whose room is used again: for the path of every block access.
+/// The same into `name`, whose memory is reused: every access to a block calls this.
 void GenBcVarName(std::string_view appId, unsigned int broadcastId, std::string& name);
 
 }  // namespace vyn::common
