@@ -25,9 +25,7 @@ VYN_MESSAGE_CODEC(ApplicationRegisterRequest, fbBuilder128)
 VYN_MESSAGE_CODEC(ShuffleApplication, fbBuilder128)
 VYN_MESSAGE_CODEC(ShuffleApplicationIdList, fbBuilder4096)
 
-// Below: written by hand, because it is no plain list of fields.
-
-// The entries lie inside the one buffer, as tables of their own class.
+// Written by hand: the entries are tables of another message class inside the same buffer.
 std::uint32_t ClusterCapacityMessage::Serialize() {
   auto& builder = codec::StartBuffer(*this, fbBuilder256);
   std::vector<flatbuffers::Offset<TCapacityInfo>> entries;

@@ -1,7 +1,7 @@
 #pragma once
 
-// The messages about nodes, leader and applications rather than data. common/util/base_message.h tells how a
-// message is used and by whom.
+// Messages about nodes, the leader and applications. common/message/base_message.h says how a message is used
+// and on which threads.
 
 #include "common/message/base_message.h"
 
@@ -24,11 +24,11 @@ struct TApplicationRegister;
 struct TShuffleApplication;
 struct TApplicationList;
 
-/// The node id that a server gives its client.
+/// The id of the client's node, in a reply of the node server or the metadata service.
 class NodeIdResponse : public common::Message<TNodeIdRequest> {
  public:
-  std::uint32_t nodeId =
-      0xFFFFFFFF;         ///< in the memory fabric; all ones until a reply was read, 0 in a reply without it
+  /// All ones until a reply was read; 0 when the reply has none.
+  std::uint32_t nodeId = 0xFFFFFFFF;
   bool isMfNode = false;  ///< whether the node belongs to the fabric
   VYN_MESSAGE_FIELDS(nodeId, isMfNode)
 };
@@ -40,17 +40,17 @@ class NodeInformation : public common::Message<TNodeInfo> {
   VYN_MESSAGE_FIELDS(hostName, nodeId)
 };
 
-/// Asks for the leader of the metadata service, and the answer.
+/// The question for the leader of the metadata service, and its answer.
 class MetaLeaderInformation : public common::Message<TMetaLeaderInfo> {
  public:
   explicit MetaLeaderInformation(std::string info = {}) : metaLeaderInfo(std::move(info)) {}
 
-  std::string
-      metaLeaderInfo;  ///< in the request who asks, "sdk" or "meta"; in the reply the leader's address
+  /// In the request who asks, "sdk" or "meta"; in the reply the leader's address.
+  std::string metaLeaderInfo;
   VYN_MESSAGE_FIELDS(metaLeaderInfo)
 };
 
-/// Host names, as of the nodes that are unavailable.
+/// Host names, for example of the unavailable nodes.
 class HostMessage : public common::Message<THostMessage> {
  public:
   std::string ns;
@@ -58,16 +58,16 @@ class HostMessage : public common::Message<THostMessage> {
   VYN_MESSAGE_FIELDS(ns, hosts)
 };
 
-/// One host's capacity. The service fills both figures; their unit is its own.
+/// The pool of one node.
 class CapacityInfo : public common::Message<TCapacityInfo> {
  public:
   std::string host;
-  std::uint64_t capacityA = 0;
-  std::uint64_t capacityB = 0;
+  std::uint64_t capacityA = 0;  ///< size in bytes
+  std::uint64_t capacityB = 0;  ///< free bytes
   VYN_MESSAGE_FIELDS(host, capacityA, capacityB)
 };
 
-/// The capacities of a cluster. Serialize refuses a null entry with VYN_ERR_NULL_POINTER.
+/// The pools of all nodes. Serialize refuses a null entry with VYN_ERR_NULL_POINTER.
 class ClusterCapacityMessage : public common::Message<TClusterCapacityMessage> {
  public:
   std::string ns;
@@ -75,7 +75,7 @@ class ClusterCapacityMessage : public common::Message<TClusterCapacityMessage> {
   VYN_MESSAGE_FIELDS(ns, caps)
 };
 
-/// Three time stamps of a request, as text.
+/// Three times of a request, as text.
 class TimeStamp : public common::Message<TTimeStampRequest> {
  public:
   std::string handleTimeStamp;
@@ -90,7 +90,7 @@ class UsingTimeRequest : public common::Message<TUsingTimeRequest> {
   VYN_MESSAGE_FIELDS(usingTime)
 };
 
-/// Registers an application with the local server and unregisters it.
+/// Registers an application with the node server, or unregisters it.
 class ApplicationRegisterRequest : public common::Message<TApplicationRegister> {
  public:
   std::string ns;  ///< the application's id

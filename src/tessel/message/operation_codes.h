@@ -1,12 +1,12 @@
 #pragma once
 
-// The operation codes of the node-local server, the metadata service and the block fetch service, and their
-// names, the vocabulary of the services and of their logs. A call carries the code beside the message; which
-// table applies follows from the port that was connected.
+// The operation codes of the node server, the metadata service and the block fetch service, and their names
+// for logs. A call carries the code outside the message. The port that the client has connected to decides
+// which table applies.
 
 #include "common/message/operation_table.h"
 
-/// Operations of the node-local server.
+/// Operations of the node server.
 #define VYN_SHUFFLE_SERVER_OPERATIONS(OPERATION) \
   OPERATION(APP_REGISTER, 0)                     \
   OPERATION(APP_UNREGISTER, 1)                   \

@@ -1,6 +1,6 @@
 #pragma once
 
-// Connections to the metadata leader.
+// The pool of connections to the metadata service. Threads: as for RPCEnginePool.
 
 #include "cluster/leader_rpc_engine_pool.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Connections to the server daemon of this host.
+// The pool of connections to the node server of this host. Threads: as for RPCEnginePool.
 
 #include "common/rpc/rpc_engine_base.h"
 #include "common/rpc/rpc_engine_pool.h"
@@ -22,7 +22,8 @@ class ServerRPCEnginePool : public common::RPCEnginePool {
   unsigned int SetTimeout() override { return 0; }
 
  private:
-  /// Milliseconds; becomes the process's default for calls that give no time-out of their own.
+  /// Milliseconds. Connecting makes it RpcEngine::mTimeout, the time limit of calls without a limit of their
+  /// own.
   const std::int64_t mConnectTimeout = 5000;
 };
 

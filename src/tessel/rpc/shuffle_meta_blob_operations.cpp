@@ -1,4 +1,4 @@
-// Bags and blobs of the shuffle.
+// Operations on the bags and blobs of a shuffle.
 
 #include "common/log/time_counter.h"
 #include "common/rpc/client_forms.h"
@@ -20,7 +20,7 @@ using common::RpcEngine;
 
 namespace {
 
-/// How a blob is named in a batch: bag id and inner id, big-endian; the rest carries nothing.
+/// The key of a blob in a batch: bag id and inner id, big-endian. The other bytes are not used.
 using BlobKey = std::array<char, 96>;
 
 void WriteBlobKey(const ShuffleBlobId& id, BlobKey& key) {
@@ -32,7 +32,8 @@ void WriteBlobKey(const ShuffleBlobId& id, BlobKey& key) {
   }
 }
 
-/// The application id in a bag's name: what stands before the fourth "_", less 6 characters in front.
+/// Returns: the application id in a bag's name: the text before the fourth "_" without its first 6
+/// characters.
 std::string ApplicationOfBag(const std::string& bagName) {
   constexpr std::size_t kPrefixLength = 6;
   const std::string prefix = common::GetStrPrefix(bagName + "_0", '_', 4);
@@ -91,8 +92,8 @@ std::uint32_t ShuffleMetaRPCEngine::BagListGetBatch(const std::string& bagName, 
   return VYN_OK;
 }
 
-// The hot read of a shuffle and the only operation that measures itself. The three times of the engine are
-// those of this thread's last attempt, while blob_get_mark spans all attempts with their sleeps.
+// The most frequent read of a shuffle and the only operation that measures itself. blob_get_mark is the time
+// of all attempts with their sleeps; the three times of RpcEngine are of this thread's last attempt.
 std::uint32_t ShuffleMetaRPCEngine::BlobListUnderBagWithMapTaskInfo(const std::string& bagName,
                                                                     const Ref<ShuffleBlobList>& blobs,
                                                                     bool flag, bool& result,
@@ -157,7 +158,7 @@ std::uint32_t ShuffleMetaRPCEngine::BlobBatchUpdate(const std::string& name, uns
   request->valueList.reserve(blobs.size());
   BlobKey key{};
   for (const auto& blob : blobs) {
-    // Of this thread and at once: the next Serialize in it reuses the bytes.
+    // The bytes must be copied at once: the next Serialize in this thread overwrites them.
     VYN_FAIL_IF(blob == nullptr || Failed(blob->Serialize()), VYN_ERR_INVALID_PARAM,
                 "blob without id or with too long a text in blob batch update");
     WriteBlobKey(*blob->mId, key);

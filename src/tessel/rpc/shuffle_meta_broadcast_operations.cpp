@@ -1,5 +1,5 @@
-// Applications and broadcast variables. An operation runs its check, makes its call and takes what it needs
-// from the response; a failed call is logged with its code and becomes 2060009.
+// Operations on applications and broadcast variables. An operation checks its arguments, makes its call and
+// reads the response. It logs the code of a failed call and returns 2060009.
 
 #include "common/message/heart_beat_message.h"
 #include "common/rpc/client_forms.h"

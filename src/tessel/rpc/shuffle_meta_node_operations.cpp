@@ -1,4 +1,4 @@
-// Nodes, capacities, the validity of applications.
+// Operations on nodes, pool sizes and the validity of applications.
 
 #include "common/rpc/client_forms.h"
 #include "tessel/message/operation_codes.h"

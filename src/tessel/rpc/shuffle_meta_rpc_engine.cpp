@@ -1,4 +1,4 @@
-// The connection side: the instance, the leader, the pool.
+// The instance, the leader and the pool of the metadata client.
 
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 std::mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
 
-/// The caller learns that the pool failed, the log why.
+/// Logs the status and replaces it by one that names the pool.
 std::uint32_t ConnectFailed(std::uint32_t status) {
   VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code " << status);
   return VYN_ERR_META_POOL_INIT;

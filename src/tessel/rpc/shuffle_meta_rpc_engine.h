@@ -1,16 +1,17 @@
 #pragma once
 
-// The typed client of the metadata service, which runs on whichever node is the elected leader.
+// The typed client of the metadata service, which runs on the elected leader.
 //
-// CreateInstance, Initialize, then any number of threads may call the operations. cluster/leader_rpc_engine.h
-// tells how the client follows the leader and what it retries: an operation makes at most 4 attempts, with 30
-// seconds of sleep between them. In an executor the leader is asked from the node's own server after each
-// failed attempt; in a driver, which has no server client, MetaNodeInfo is kept current by the watch.
+// Threads: after CreateInstance and Initialize, any number of threads may call the operations.
+// cluster/leader_rpc_engine.h says how the client follows the leader and what it retries: an operation makes
+// at most 4 attempts, with 30 seconds of sleep between them. In an executor the client asks the node server
+// for the leader after each failed attempt. A driver has no client of the node server: there the ZooKeeper
+// watch updates MetaNodeInfo.
 //
-// Operations return 0; 2000013 when an argument was refused, and then nothing is sent; 2000057 without
-// memory or for a null request; 2060009 when the call failed, with its code in the log; other codes where an
-// operation says so.
-// Identifiers must pass InputRegularMatching. Responses are the caller's objects, filled on success.
+// Operations return 0; 2000013 for a refused argument, before anything is sent; 2000057 without memory or for
+// a null request; 2060009 when the call failed, with its code in the log; other codes where an operation says
+// so. Identifiers must pass InputRegularMatching. The caller provides the response objects; an operation
+// fills them on success.
 
 #include "cluster/leader_rpc_engine.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -35,26 +36,27 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   ShuffleMetaRPCEngine(long timeout, bool isSdk, const Ref<ShuffleServerRPCEngine>& serverEngine);
   ~ShuffleMetaRPCEngine() override = default;
 
-  /// Makes a new instance and puts it in place of the process's; does not connect. \param timeout
-  /// milliseconds for every call. \param serverEngine the client that is asked for the leader; null in a
-  /// driver. Returns: it; null without memory.
+  /// Makes a new instance, which replaces the process's instance. Does not connect. \param timeout
+  /// milliseconds for every call. \param serverEngine the client that the new one asks for the leader; null
+  /// in a driver. Returns: the instance; null without memory.
   static Ref<ShuffleMetaRPCEngine> CreateInstance(long timeout, bool isSdk,
                                                   Ref<ShuffleServerRPCEngine> serverEngine);
-  /// Returns: the process's instance, which may be null. Safe beside CreateInstance.
+  /// Returns: the process's instance, which may be null. May run while another thread calls CreateInstance.
   static Ref<ShuffleMetaRPCEngine> GetInstance();
 
-  /// Learns the leader and connects to it. Returns: 0; 2000057 without configuration; 1 without leader
-  /// record; the failure of ShuffleMetaLeaderInfoGet or of InitializeEnginePool, which returns 2060007 when
-  /// no connection could be made.
+  /// Finds the leader and connects to it. Returns: 0; 2000057 without a configuration; 1 without a
+  /// MetaNodeInfo; the failure of ShuffleMetaLeaderInfoGet or of InitializeEnginePool, which returns 2060007
+  /// when no connection could be made.
   std::uint32_t Initialize();
-  /// Asks the node's server for the leader and stores it in MetaNodeInfo; without a server client does
-  /// nothing. Returns: 0; 2080009 when there is no server client any more; 1 when it did not answer.
+  /// Asks the node server for the leader and stores it in MetaNodeInfo. Does nothing in a driver, which has
+  /// no client of the node server. Returns: 0; 2080009 when that client no longer exists; 1 when the node
+  /// server did not answer.
   std::uint32_t ShuffleMetaLeaderInfoGet();
   /// One operation with the retry policy. \param response may hold null.
   std::uint32_t SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
                                  const Ref<common::BaseMessage>& response);
-  /// Fills `conf` with the security settings for the leader on host `metaHostname`. An entry that is there
-  /// keeps its value.
+  /// Adds the security settings for the leader on host `metaHostname` to `conf`. An existing entry keeps its
+  /// value.
   void GetSecurityConf(std::map<std::string, const std::string>& conf, const std::string& metaHostname);
 
   // Applications, broadcast variables and nodes.
@@ -62,7 +64,7 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   /// `content` may be any text.
   std::uint32_t HeartBeat(const std::string& appName, unsigned char processType,
                           const std::string& processName, const std::string& content, bool flag);
-  /// Returns also 1, when that is the call's own result.
+  /// Returns 1, too, when the call returns that.
   std::uint32_t AppRemove(const std::string& appId);
   std::uint32_t BroadcastVarNew(const Ref<BroadcastVar>& var);
   std::uint32_t BroadcastVarRemove(const Ref<BroadcastVar>& var);
@@ -78,25 +80,25 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   std::uint32_t GetMfCapacityList(const std::string& appId, std::vector<std::string>& capacities);
   std::uint32_t CheckValidApps(Ref<ShuffleApplicationIdList>& request,
                                Ref<ShuffleApplicationIdList>& response);
-  /// Replaces `nodes`, on failure by nothing.
+  /// Replaces `nodes`; empties it on failure.
   std::uint32_t GetUnavailableNodeList(const std::string& appId, std::vector<std::string>& nodes);
 
   // Shuffle bags and blobs. `number`, `kind` and `flag` go into the request's fields of that name.
 
-  /// Returns also 2060203, the server's own answer.
+  /// Returns 2060203, too, when the service answers that.
   std::uint32_t BagBatchNew(const Ref<ShuffleBagBatch>& batch);
   std::uint32_t BagBatchRemove(const Ref<ShuffleBagBatch>& batch);
-  /// Fills `entry` with a new object and replaces `prefixesToClean`.
+  /// Sets `entry` to a new object and replaces `prefixesToClean`.
   std::uint32_t BagListGetBatch(const std::string& bagName, unsigned int number, unsigned char kind,
                                 Ref<ShuffleBagIdEntry>& entry, std::vector<std::string>& prefixesToClean);
-  /// Appends to `blobs`, replaces `nodes`. Logs a line of times while TimeCounter is on.
+  /// Appends to `blobs` and replaces `nodes`. Logs its times while TimeCounter::timeCounterLevel is not 0.
   std::uint32_t BlobListUnderBagWithMapTaskInfo(const std::string& bagName, const Ref<ShuffleBlobList>& blobs,
                                                 bool flag, bool& result, std::set<unsigned short>& nodes,
                                                 unsigned int number);
-  /// Every id must have a bag id and an inner id other than 0.
+  /// Both parts of every id must differ from 0.
   std::uint32_t BlobBatchRemove(const std::string& ns, const std::vector<Ref<ShuffleBlobId>>& blobIdList);
-  /// Fills `states` with a new object. Returns also 1, when there is no memory for it, and 2000013 for a blob
-  /// without identity or with a text that does not fit its record.
+  /// Sets `states` to a new object. Returns 1, too, without memory for it, and 2000013 for a blob without an
+  /// id or with a text that does not fit its record.
   std::uint32_t BlobBatchUpdate(const std::string& name, unsigned int number,
                                 std::vector<Ref<ShuffleBlob>>& blobs, Ref<ShuffleBlobStateIndexList>& states);
   std::uint32_t CASBlobListState(Ref<BlobListCasRequest> request,
@@ -108,17 +110,17 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
 
   std::uint32_t MapTaskStatusUpdate(Ref<MapTaskStatus>& status);
   std::uint32_t SetStageShuffleId(const std::string& appId, unsigned int stageId, unsigned int shuffleId);
-  /// Takes the list out of `children`, which is empty afterwards, also on failure.
+  /// Empties `children`, also on failure.
   std::uint32_t MarkStageUseless(const std::string& appId, std::vector<unsigned int>& children, bool flag,
                                  Ref<ShuffleIdList>& response, unsigned int first, unsigned int second);
   std::uint32_t MarkStageHasFailedTask(const std::string& appId, unsigned int stageId);
   std::uint32_t MarkStageAllTaskDone(const std::string& appId, unsigned int stageId);
-  /// Fills `hostName` on success.
+  /// Sets `hostName` on success.
   std::uint32_t FindWorkerByNodeId(const std::string& appId, unsigned int nodeId, std::string& hostName);
   std::uint32_t MarkWorkerRemoved(const std::string& appName, unsigned short removedNodeId);
 
-  /// The last instance made. CreateInstance and GetInstance reach it under a lock of their own; read it
-  /// directly only where CreateInstance cannot run. Never destroyed.
+  /// The process's instance. CreateInstance and GetInstance use a lock for it; other code may read it only
+  /// while CreateInstance cannot run. Never destroyed.
   static Ref<ShuffleMetaRPCEngine>& gShuffleMetaRPCEngine;
 
  private:

@@ -1,4 +1,4 @@
-// Stages, map tasks and workers of the shuffle.
+// Operations on the stages, map tasks and workers of a shuffle.
 
 #include "common/rpc/client_forms.h"
 #include "tessel/message/operation_codes.h"

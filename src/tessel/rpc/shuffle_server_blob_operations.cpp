@@ -1,4 +1,4 @@
-// Shuffle blobs on the server of this host.
+// Operations on shuffle blobs at the node server.
 
 #include "common/rpc/client_forms.h"
 #include "tessel/message/operation_codes.h"

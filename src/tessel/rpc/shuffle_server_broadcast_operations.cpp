@@ -1,4 +1,4 @@
-// Applications, the leader, broadcast variables.
+// Operations on applications, the leader and broadcast variables.
 
 #include "common/rpc/client_forms.h"
 #include "tessel/message/operation_codes.h"

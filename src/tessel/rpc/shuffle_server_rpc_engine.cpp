@@ -1,4 +1,4 @@
-// The connection side: the instance, the configuration, the pool.
+// The instance, the settings and the pool of the node-server client.
 
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 
@@ -73,7 +73,7 @@ std::uint32_t ShuffleServerRPCEngine::Initialize(int connectionCount, bool isSdk
   std::map<std::string, const std::string> conf;
   GetSecurityConf(conf, isSdk);
   mConnectionCount = static_cast<std::uint16_t>(connectionCount);
-  mIsSdk = isSdk;  // first: who sees the mode looks at the side
+  mIsSdk = isSdk;  // before mPoolMode: GetInstance reads mIsSdk once mPoolMode is set
   mPoolMode = true;
 
   const auto port = static_cast<std::uint16_t>(mShuffleServerPort);
@@ -102,8 +102,8 @@ void ShuffleServerRPCEngine::GetSecurityConf(std::map<std::string, const std::st
   }
   mTlsEnable = mConf->GetBool("vyn.tessel.rpc.enableTLS", true);
   mAuthEnable = mConf->GetBool("vyn.tessel.rpc.enableAuthentication", true);
-  // Towards the daemon of its own host also a service speaks with the client's identity. Entries that are
-  // there stay, so these two win over what a service would use.
+  // A service, too, uses the client's credentials towards the node server of its host. GetSecurityConf4Client
+  // keeps existing entries, so these two replace the service's own.
   const std::string hostname = common::VynGetHostname();
   conf.emplace("auth.kerb.keytab", mConf->GetString("vyn.tessel.rpc.auth.kerb.client.keytab", ""));
   conf.emplace("auth.kerb.client.principal",

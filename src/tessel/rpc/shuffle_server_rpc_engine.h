@@ -1,13 +1,13 @@
 #pragma once
 
-// The typed client of the server daemon on this host, always at 127.0.0.1.
+// The typed client of the node server of this host, always at 127.0.0.1.
 //
-// One object a process: CreateInstance or GetInstance, Initialize once, then any number of threads may call
-// the operations. The statics below are written by Initialize alone, before the calls begin.
+// A process has one instance. Threads: after CreateInstance or GetInstance and one Initialize, any number of
+// threads may call the operations. Only Initialize writes the statics below, before the first call.
 //
-// Every operation makes one call and retries nothing. Returns: 0; 1 on any failure, whatever came over the
-// wire, with the cause in the log; 2000057 when the operation could not allocate its request. A refused
-// argument, a null request among them, sends nothing. Responses are the caller's objects, filled on success.
+// Every operation makes one call and retries nothing. Returns: 0; 1 after any failure, with the cause in the
+// log; 2000057 without memory for the request. An operation that refuses an argument, for example a null
+// request, sends nothing. The caller provides the response objects; an operation fills them on success.
 
 #include "common/config/configuration.h"
 #include "common/rpc/rpc_engine_base.h"
@@ -32,16 +32,16 @@ class ShuffleServerRPCEngine : public common::RPCEngineBase {
   ShuffleServerRPCEngine() = default;
   ~ShuffleServerRPCEngine() override = default;
 
-  /// Makes a new instance and puts it in place of the process's. Returns: it; null without memory.
+  /// Makes a new instance, which replaces the process's instance. Returns: the instance; null without memory.
   static Ref<ShuffleServerRPCEngine> CreateInstance();
-  /// Returns: the process's instance, made when there is none; null when it was initialised for the other
-  /// side, the SDK's or the daemon's, than `isSdk` says.
+  /// Returns: the process's instance, which it makes when there is none; null when Initialize was called with
+  /// another `isSdk`.
   static Ref<ShuffleServerRPCEngine> GetInstance(bool isSdk);
 
   /// Reads the configuration, makes the pool and connects. Returns: 0; 2000057 without configuration or
-  /// memory; why no connection could be made, in which case the pool stands and later calls try again.
+  /// memory; the status of the failed connect. In that case the pool is kept, and later calls try to connect.
   std::uint32_t Initialize(int connectionCount, bool isSdk);
-  /// Fills `conf` with the security settings for this peer. An entry that is there keeps its value.
+  /// Adds the security settings for the node server to `conf`. An existing entry keeps its value.
   void GetSecurityConf(std::map<std::string, const std::string>& conf, bool isSdk);
 
   // Applications and the leader.
@@ -61,25 +61,25 @@ class ShuffleServerRPCEngine : public common::RPCEngineBase {
 
   // Shuffle blobs.
 
-  /// \param size bytes, 1 to maxBlobSize.
+  /// \param size in bytes, 1 to maxBlobSize.
   std::uint32_t BlobCreate(const std::string& ns, const std::string& bagName, Ref<ShuffleBlob>& blob,
                            unsigned long size, unsigned short number, const std::string& token);
-  /// Takes the list out of `blobs`, which is empty afterwards, also on failure.
+  /// Empties `blobs`, also on failure.
   std::uint32_t BlobBatchDelete(std::vector<Ref<ShuffleBlobId>>& blobs, const std::string& ns,
                                 unsigned short number, const std::string& token);
   std::uint32_t GetLocalBlob(const Ref<LocalBlobGetRequest>& request, Ref<LocalBlob>& blob);
   std::uint32_t CommitLocalBlob(const Ref<LocalBlobCommitRequest>& request,
                                 Ref<LocalBlobCommitResponse>& response);
 
-  /// The process's instance. CreateInstance and GetInstance reach it under a lock of their own; read it
-  /// directly only where CreateInstance cannot run. Never destroyed.
+  /// The process's instance. CreateInstance and GetInstance use a lock for it; other code may read it only
+  /// while CreateInstance cannot run. Never destroyed.
   static Ref<ShuffleServerRPCEngine>& gShuffleServerRPCEngine;
-  static std::atomic<bool> mPoolMode;  ///< Initialize has run
-  static std::atomic<bool> mIsSdk;     ///< the process is an SDK user, not the daemon's own side
+  static std::atomic<bool> mPoolMode;  ///< whether Initialize has run
+  static std::atomic<bool> mIsSdk;     ///< true in an engine process, false in vynd
   static std::string& mShuffleServerIp;
   static std::int16_t mShuffleServerPort;
   // Time-outs in milliseconds.
-  static std::int64_t mRpcTimeout;  ///< the pool's; reaches no call
+  static std::int64_t mRpcTimeout;  ///< passed to the pool; limits no call
   static std::int64_t mLocalBlobGetTimeout;
   static std::int64_t mLocalBlobCommitTimeout;
   static std::int64_t mBroadcastVarCreateTimeout;

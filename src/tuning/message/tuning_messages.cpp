@@ -8,7 +8,8 @@ namespace vyn {
 using Parameters = std::map<std::string, std::string>;
 using ParameterTables = flatbuffers::Vector<flatbuffers::Offset<tuning::TTuningParameter>>;
 
-/// Parameters travel as a list of pairs in the order of their keys. The first of equal keys counts.
+/// Parameters are sent as a list of pairs, sorted by key. Of pairs with the same key the reader keeps the
+/// first.
 template <>
 struct common::codec::FieldCodec<const ParameterTables*, Parameters> {
   static flatbuffers::Offset<ParameterTables> Write(Builder& builder, const Parameters& member) {

@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages of the tuning service: the history of queries with their metrics, and what is inferred from
-// it. Their tables are this system's own choice (schema/tuning.fbs). common/util/base_message.h tells how a
-// message is used and by whom.
+// Messages of the tuning service: the history of queries with their metrics, and the settings inferred from
+// it. Their tables are not promised to other components (schema/tuning.fbs). common/message/base_message.h
+// says how a message is used and on which threads.
 
 #include "common/message/base_message.h"
 
@@ -23,7 +23,7 @@ struct TuningCommonInfo {
   std::string appId;
   std::string queryIdent;
 
-  /// The key under which logs tell of the query's tuning data: "{field}_{appId}_{queryIdent}".
+  /// Returns: "{field}_{appId}_{queryIdent}", the name of the query in log lines.
   std::string BuildKey() const;
 };
 
@@ -34,7 +34,7 @@ struct TuningInferInfo : TuningCommonInfo {
   std::map<std::string, std::string> inferParameters;
 };
 
-/// Registers the history of a query and unregisters it.
+/// Registers the history of a query, or unregisters it.
 class TuningSqlMessage : public common::Message<TTuningSqlMessage> {
  public:
   TuningCommonInfo mCommonInfo;
@@ -45,7 +45,7 @@ class TuningSqlMessage : public common::Message<TTuningSqlMessage> {
 class RegisterResult : public common::Message<TRegisterResult> {
  public:
   bool registered = false;
-  std::string detail;  ///< for people: why not
+  std::string detail;  ///< why not, for people
   VYN_MESSAGE_FIELDS(registered, detail)
 };
 

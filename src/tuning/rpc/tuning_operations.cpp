@@ -1,4 +1,4 @@
-// The operations of the tuning service and the checks of their texts.
+// The operations on the tuning service and the checks of their arguments.
 
 #include "common/message/heart_beat_message.h"
 #include "common/rpc/client_forms.h"
@@ -85,7 +85,7 @@ unsigned int TuningRpcEngine::ReportTuningMetrics(Ref<TuningMetrics>& metrics) {
   return VYN_OK;
 }
 
-// A failed call leaves no line of its own here: the pool and the retry policy have told of it.
+// Logs nothing about a failed call: SendWithRetry and the pool have logged it.
 unsigned int TuningRpcEngine::InferByHistory(Ref<InferIdentification>& identification,
                                              Ref<InferResult>& result) {
   VYN_CHECK_POINTER(identification);

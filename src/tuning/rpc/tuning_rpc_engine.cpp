@@ -1,4 +1,4 @@
-// The connection side: the instance, the leader, the pool.
+// The instance, the leader and the pool of the tuning client.
 
 #include "tuning/rpc/tuning_rpc_engine.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 std::mutex gInstanceMutex;  ///< guards mTuningRpcEngine
 
-/// Logged without the bit that marks a failure.
+/// Logs the status without bit 0, which marks a failure.
 std::uint32_t ConnectFailed(std::uint32_t status) {
   VYN_LOG_ERROR("Failed to initialize rpc client with error code " << (status >> 1));
   return status;

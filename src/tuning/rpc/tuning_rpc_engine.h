@@ -1,15 +1,16 @@
 #pragma once
 
-// The typed client of the tuning service, which runs beside the metadata leader: the same host, a port of its
+// The typed client of the tuning service, which runs on the host of the metadata leader, with a port of its
 // own.
 //
-// CreateInstance, Initialize, then any number of threads may call the operations. The client follows the
-// leader and retries as cluster/leader_rpc_engine.h tells. It asks nobody for the leader: MetaNodeInfo must
-// be kept current by somebody else in the process.
+// Threads: after CreateInstance and Initialize, any number of threads may call the operations. The client
+// follows the leader and retries as cluster/leader_rpc_engine.h says. It does not ask for the leader: other
+// code in the process must keep MetaNodeInfo current.
 //
-// Operations return 0; 2000013 when an argument was refused, and then nothing is sent; 2000057 without
-// memory; 2020025, or 2060009 for a heartbeat, when the call failed, with its code in the log. Responses are
-// the caller's objects, filled on success; a response that holds null is not asked for.
+// Operations return 0; 2000013 for a refused argument, before anything is sent; 2000057 without memory;
+// 2020025, or 2060009 for a heartbeat, when the call failed, with its code in the log. The caller provides
+// the response objects; an operation fills them on success. When a response Ref holds null, the operation
+// reads no response body.
 
 #include "cluster/leader_rpc_engine.h"
 #include "tuning/message/tuning_messages.h"
@@ -26,16 +27,16 @@ class TuningRpcEngine : public cluster::LeaderRPCEngine {
   TuningRpcEngine(long timeout, bool isSdk, unsigned short groupIndex);
   ~TuningRpcEngine() override = default;
 
-  /// Makes a new instance and puts it in place of the process's; does not connect. \param timeout
-  /// milliseconds for every call. \param groupIndex the group of workers at the peer. Returns: it; null
-  /// without memory.
+  /// Makes a new instance, which replaces the process's instance. Does not connect. \param timeout
+  /// milliseconds for every call. \param groupIndex the group of workers at the service. Returns: the
+  /// instance; null without memory.
   static Ref<TuningRpcEngine> CreateInstance(long timeout, bool isSdk, unsigned short groupIndex);
-  /// Returns: the process's instance, which may be null. Safe beside CreateInstance.
+  /// Returns: the process's instance, which may be null. May run while another thread calls CreateInstance.
   static Ref<TuningRpcEngine> GetInstance();
 
-  /// Connects to the leader that MetaNodeInfo names. Returns: 0; 2000057 without configuration; 1 without
-  /// leader record; the failure of InitializeEnginePool, which is the pool's own when no connection could be
-  /// made.
+  /// Connects to the leader that MetaNodeInfo names. Returns: 0; 2000057 without a configuration; 1 without a
+  /// MetaNodeInfo; the failure of InitializeEnginePool, which is the pool's status when no connection could
+  /// be made.
   unsigned int Initialize();
   /// One operation with the retry policy. \param response may hold null.
   unsigned int SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
@@ -54,8 +55,8 @@ class TuningRpcEngine : public cluster::LeaderRPCEngine {
   unsigned int InputRegularMatchingForCommonInfo(const TuningCommonInfo& info);
   unsigned int InputRegularMatchingForInferInfo(const TuningInferInfo& info);
 
-  /// The last instance made. CreateInstance and GetInstance reach it under a lock of their own; read it
-  /// directly only where CreateInstance cannot run. Never destroyed.
+  /// The process's instance. CreateInstance and GetInstance use a lock for it; other code may read it only
+  /// while CreateInstance cannot run. Never destroyed.
   static Ref<TuningRpcEngine>& mTuningRpcEngine;
 };
 

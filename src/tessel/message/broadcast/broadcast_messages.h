@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages of broadcast variables: the variable, its blocks with their memory objects, the choice of
-// nodes. common/util/base_message.h tells how a message is used and by whom. Flags whose sense only the
-// services know keep the names that they have on the wire.
+// Messages about broadcast variables: the variable, its blocks with their objects, the choice of nodes.
+// common/message/base_message.h says how a message is used and on which threads. Flags that only a service
+// interprets have the names of the schema.
 
 #include "common/message/base_message.h"
 
@@ -41,7 +41,7 @@ class BroadcastVarEntry : public common::Message<TBroadcastVarEntry> {
   VYN_MESSAGE_FIELDS(name, entryId, entryFlag, sizes)
 };
 
-/// Asks the local server to allocate the blocks of a variable.
+/// Asks the node server to allocate the blocks of a variable.
 class BroadcastBlockBatch : public common::Message<TBroadcastBlockBatch> {
  public:
   std::string appId;
@@ -50,21 +50,21 @@ class BroadcastBlockBatch : public common::Message<TBroadcastBlockBatch> {
   VYN_MESSAGE_FIELDS(appId, broadcastId, sizes)
 };
 
-/// The blocks of a variable with their memory objects: reply of creation and fetch, and the record that a
-/// driver adds to the metadata service. `bmIds` and `sizes` have one entry a block; the reader checks that
-/// they pair.
+/// The blocks of a variable with their objects: the reply to a creation or a fetch, and the record that a
+/// driver sends to the metadata service. `bmIds` and `sizes` have one entry for each block. Deserialize does
+/// not check that they have the same length.
 class BroadcastBlockInfo : public common::Message<TBroadcastBlockInfo> {
  public:
   std::string appId;
   std::uint32_t broadcastId = 0;
   std::vector<std::string> bmIds;
   std::vector<std::uint64_t> sizes;  ///< in bytes
-  std::uint32_t nodeId =
-      0xFFFFFFFF;  ///< the 16-bit id of the node that holds the blocks; an absent one reads as 0
+  /// The id of the node that holds the blocks, 16 bits. An absent one is read as 0.
+  std::uint32_t nodeId = 0xFFFFFFFF;
   VYN_MESSAGE_FIELDS(appId, broadcastId, nodeId, bmIds, sizes)
 };
 
-/// Asks the metadata service for the memory objects of one block.
+/// Asks the metadata service for the objects of one block.
 class BlockInfoRequest : public common::Message<TBlockInfoRequest> {
  public:
   std::string appId;
@@ -77,12 +77,12 @@ class BlockInfoRequest : public common::Message<TBlockInfoRequest> {
 class BlockBmInfo : public common::Message<TBlockBmInfo> {
  public:
   std::vector<std::string> bmIds;
-  std::vector<std::string> varToClean;  ///< variables that the receiver is to clean
+  std::vector<std::string> varToClean;  ///< variables that the receiver shall remove
   bool bmFlag = false;
   VYN_MESSAGE_FIELDS(bmIds, bmFlag, varToClean)
 };
 
-/// Asks for a choice of remote nodes, or whether this node takes part in the memory fabric.
+/// Asks the metadata service to choose nodes, or whether this node belongs to the memory fabric.
 class BroadcastRemoteNodeReq : public common::Message<TBroadcastRemoteNodeReq> {
  public:
   std::string appId;
@@ -91,7 +91,8 @@ class BroadcastRemoteNodeReq : public common::Message<TBroadcastRemoteNodeReq> {
   VYN_MESSAGE_FIELDS(appId, selectFlag, candidateNodes)
 };
 
-/// The chosen nodes: entry i of each list describes one node; the reader checks that they pair.
+/// The chosen nodes. Entry i of each list describes one node. Deserialize does not check that the lists have
+/// the same length.
 class BroadcastRemoteNodeRsp : public common::Message<TBroadcastRemoteNodeRsp> {
  public:
   std::vector<std::uint16_t> nodeIds;

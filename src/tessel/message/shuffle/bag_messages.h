@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages about bags: a bag groups the blobs of one partition range of a shuffle. Values that only the
-// service gives sense keep the names that they have on the wire. common/util/base_message.h tells how a
-// message is used and by whom.
+// Messages about bags. A bag groups the blobs of one partition range of a shuffle. Values that only the
+// service interprets have the names of the schema. common/message/base_message.h says how a message is used
+// and on which threads.
 
 #include "common/message/base_message.h"
 
@@ -24,14 +24,14 @@ class ShuffleBag : public common::Message<TShuffleBag> {
  public:
   std::string ns;  ///< the application's id
   std::string name;
-  std::uint32_t bagValue0 = 0;  ///< travels as 64 bits; a peer's wider value is cut to its low 32
+  std::uint32_t bagValue0 = 0;  ///< 64 bits on the wire, of which Deserialize keeps the low 32
   std::uint32_t bagValue1 = 0;
   std::uint32_t bagValue2 = 0;
   std::uint32_t bagValue3 = 0;
   VYN_MESSAGE_FIELDS(bagValue0, bagValue1, bagValue2, bagValue3, name, ns)
 };
 
-/// Many bags to make or to remove.
+/// Many bags to create or to remove.
 class ShuffleBagBatch : public common::Message<TShuffleBagBatch> {
  public:
   std::string ns;        ///< the application's id
@@ -60,7 +60,7 @@ class ShuffleBagIdEntry : public common::Message<TBagIdEntry> {
   std::uint32_t entryValue0 = 0;
   std::uint32_t entryValue1 = 0;
   std::uint16_t entryNode = 0;
-  // The service's own; they never travel.
+  // For the service's own use; not sent.
   std::uint32_t mOpaqueNumber = 999999;
   std::set<std::uint32_t> mOpaqueSet;
   VYN_MESSAGE_FIELDS(ns, bagPrefix, entryValue0, entryValue1, entryNode)

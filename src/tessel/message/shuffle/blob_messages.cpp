@@ -15,7 +15,7 @@ using tessel::ShuffleBlobId;
 using BlobIds = std::vector<Ref<ShuffleBlobId>>;
 using BlobIdTables = flatbuffers::Vector<flatbuffers::Offset<tessel::TShuffleBlobId>>;
 
-/// A list of blob identities: tables inside the one buffer. Null entries are left out.
+/// A list of blob ids, as tables inside the same buffer. Null entries are left out.
 template <>
 struct common::codec::FieldCodec<const BlobIdTables*, BlobIds> {
   static flatbuffers::Offset<BlobIdTables> Write(Builder& builder, const BlobIds& member) {
@@ -57,7 +57,7 @@ VYN_MESSAGE_CODEC(ShuffleBlobStateIndexCASResultList, fbBuilder4096)
 VYN_MESSAGE_CODEC(ShuffleBlobStateIndexList, fbBuilder256)
 VYN_MESSAGE_CODEC(ShuffleBlobListAndTaskInfo, fbBuilder4096)
 
-// Below: written by hand, because they are no plain list of fields.
+// The functions below are written by hand, because their classes are more than a list of fields.
 
 namespace {
 
@@ -78,7 +78,7 @@ std::uint32_t ShuffleBlobIdList::Serialize() {
   LogNullIds(blobIdList, "nullPtr in shuffle blobId list");
   auto& builder = codec::StartBuffer(*this, fbBuilder512);
   const auto list = codec::FieldCodec<const BlobIdTables*, BlobIds>::Write(builder, blobIdList);
-  const auto name = builder.CreateString(ns);  // behind the list, unlike the order of the fields
+  const auto name = builder.CreateString(ns);  // after the list, unlike in the order of the fields
   return codec::FinishBuffer(*this, builder, CreateTShuffleBlobIdList(builder, name, list));
 }
 
@@ -131,7 +131,7 @@ std::uint32_t ShuffleBlobListAndTaskInfo::DeserializeToShuffleBlobList(std::vect
   for (std::string& entry : valueList) {
     Ref<ShuffleBlob> blob(new (std::nothrow) ShuffleBlob);
     VYN_CHECK_POINTER(blob);
-    // A size that does not fit its type must not come out as a small one: the largest is refused.
+    // A size that does not fit must not wrap to a small one. SetInputRawData refuses UINT_MAX.
     const auto size = static_cast<unsigned int>(std::min<std::size_t>(entry.size(), UINT_MAX));
     VYN_CHECK_CALL(blob->SetInputRawData(entry.data(), size, false));
     VYN_CHECK_CALL(blob->Deserialize());

@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages about blobs: they name blobs, create and delete them, and move their state to and from the
-// metadata service. Values that only the services give sense keep the names that they have on the wire.
-// common/util/base_message.h tells how a message is used and by whom.
+// Messages about blobs: they name, create and delete blobs, and carry the state of blobs to and from the
+// metadata service. Values that only a service interprets have the names of the schema.
+// common/message/base_message.h says how a message is used and on which threads.
 
 #include "common/message/base_message.h"
 #include "tessel/message/shuffle/shuffle_blob.h"
@@ -25,7 +25,7 @@ struct TShuffleBlobStateIndexCASResultList;
 struct TShuffleBlobStateIndexList;
 struct TShuffleBlobListWithMapTaskInfo;
 
-/// Blobs of an application. A null entry does not travel; it is logged.
+/// Blobs of an application. A null entry is logged and not sent.
 class ShuffleBlobIdList : public common::Message<TShuffleBlobIdList> {
  public:
   std::string ns;  ///< the application's id
@@ -33,7 +33,7 @@ class ShuffleBlobIdList : public common::Message<TShuffleBlobIdList> {
   VYN_MESSAGE_FIELDS(ns, blobIdList)
 };
 
-/// Asks the local server for a blob.
+/// Asks the node server for a new blob.
 class BlobCreateRequest : public common::Message<TBlobCreateRequest> {
  public:
   std::string ns;  ///< the application's id
@@ -53,7 +53,7 @@ class BlobRequest : public common::Message<TBlobRequest> {
   VYN_MESSAGE_FIELDS(mBlobId, ns, blobNumber)
 };
 
-/// Asks the local server to delete blobs. A null entry does not travel; it is logged.
+/// Asks the node server to delete blobs. A null entry is logged and not sent.
 class BlobBatchDeleteRequest : public common::Message<TBlobBatchDeleteRequest> {
  public:
   std::vector<common::Ref<ShuffleBlobId>> blobIdList;
@@ -72,7 +72,7 @@ class BlobListBagRequest : public common::Message<TBlobListBagRequest> {
   VYN_MESSAGE_FIELDS(bagName, listFlag, number)
 };
 
-/// Swaps the state of blobs of a bag.
+/// Compares and swaps the state of blobs of a bag.
 class BlobListCasRequest : public common::Message<TBlobListCasRequest> {
  public:
   std::string bagName;
@@ -81,7 +81,7 @@ class BlobListCasRequest : public common::Message<TBlobListCasRequest> {
   VYN_MESSAGE_FIELDS(bagName, casValue, blobIndexes)
 };
 
-/// Swaps the state of blobs of an application.
+/// Compares and swaps the state of blobs of an application.
 class ShuffleBlobStateIndexCASList : public common::Message<TShuffleBlobStateIndexCASList> {
  public:
   std::string ns;  ///< the application's id
@@ -90,14 +90,14 @@ class ShuffleBlobStateIndexCASList : public common::Message<TShuffleBlobStateInd
   VYN_MESSAGE_FIELDS(ns, casState, blobIndex)
 };
 
-/// The reply of both swaps.
+/// The reply to both requests above.
 class ShuffleBlobStateIndexCASResultList : public common::Message<TShuffleBlobStateIndexCASResultList> {
  public:
-  std::vector<std::uint8_t> blobStates;  ///< one a blob
+  std::vector<std::uint8_t> blobStates;  ///< one for each blob
   VYN_MESSAGE_FIELDS(blobStates)
 };
 
-/// The reply of an update of blobs.
+/// The reply to an update of blobs.
 class ShuffleBlobStateIndexList : public common::Message<TShuffleBlobStateIndexList> {
  public:
   std::uint8_t stateFlag = 0;
@@ -107,11 +107,11 @@ class ShuffleBlobStateIndexList : public common::Message<TShuffleBlobStateIndexL
   VYN_MESSAGE_FIELDS(stateFlag, stateValue0, stateValue1, timeCount)
 };
 
-/// Blobs on their way to the metadata service or back: entry i of both lists belongs to one blob.
+/// Blobs, sent to the metadata service or by it. Entry i of both lists belongs to one blob.
 class ShuffleBlobListAndTaskInfo : public common::Message<TShuffleBlobListWithMapTaskInfo> {
  public:
-  /// Appends a blob for each entry of valueList to `blobs`, in order; the blobs do not refer to the list. A
-  /// bad entry leaves `blobs` as it was. Returns: VYN_OK, the code of a bad entry, VYN_ERR_NULL_POINTER
+  /// Appends a blob for each entry of valueList to `blobs`, in order. The blobs do not refer to the list. A
+  /// bad entry leaves `blobs` unchanged. Returns: VYN_OK, the code of a bad entry, VYN_ERR_NULL_POINTER
   /// without memory.
   std::uint32_t DeserializeToShuffleBlobList(std::vector<common::Ref<ShuffleBlob>>& blobs);
 

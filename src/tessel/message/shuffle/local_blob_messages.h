@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages about local blobs, which the local server hands out and takes back. Their tables are this
-// system's own choice (schema/local_blob.fbs); the members that the client checks come first.
-// common/util/base_message.h tells how a message is used and by whom.
+// Messages about local blobs, which a node server allocates and commits. Their tables are not promised to
+// other components (schema/local_blob.fbs). common/message/base_message.h says how a message is used and on
+// which threads.
 
 #include "common/message/base_message.h"
 
@@ -16,7 +16,7 @@ struct TLocalBlob;
 struct TLocalBlobCommitRequest;
 struct TLocalBlobCommitResponse;
 
-/// Asks for room in the node's memory. No member may be empty or 0.
+/// Asks the node server to allocate a local blob. No member may be empty or 0.
 class LocalBlobGetRequest : public common::Message<TLocalBlobGetRequest> {
  public:
   std::string ns;  ///< the application's id
@@ -26,16 +26,16 @@ class LocalBlobGetRequest : public common::Message<TLocalBlobGetRequest> {
   VYN_MESSAGE_FIELDS(ns, bagName, size, partitionNum)
 };
 
-/// The room that was found.
+/// The allocated local blob.
 class LocalBlob : public common::Message<TLocalBlob> {
  public:
   std::uint64_t blobId = 0;
   std::uint64_t size = 0;  ///< in bytes
-  std::string bmId;        ///< the memory object
+  std::string bmId;        ///< the object that holds it
   VYN_MESSAGE_FIELDS(blobId, size, bmId)
 };
 
-/// Commits a local blob that was written. No member may be empty or 0.
+/// Commits a local blob after it was written. No member may be empty or 0.
 class LocalBlobCommitRequest : public common::Message<TLocalBlobCommitRequest> {
  public:
   std::string ns;  ///< the application's id

@@ -34,7 +34,7 @@ void ShuffleInfo::AddNewShuffleBlob(unsigned int partitionId, Ref<ShuffleBlob>& 
     partition->mBlobs.push_back(blob);
   }
   if (fresh) {
-    mPartitions[partitionId] = partition;  // also in the place of a null one
+    mPartitions[partitionId] = partition;  // also replaces a null entry
   }
   VYN_LOG_DEBUG("Record shuffleBlob " << (blob->mId == nullptr ? 0 : blob->mId->innerId) << " for app "
                                       << blob->mAppId << " shuffleId " << shuffleId << " partitionId "

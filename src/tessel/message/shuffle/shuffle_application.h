@@ -1,8 +1,8 @@
 #pragma once
 
-// What the metadata service knows of one running application: an ApplicationInfo holds ShuffleInfo objects,
-// these hold PartitionInfo objects, and these the blobs that were written for them. A client process uses
-// ShuffleBlob alone. One blob may stand in several containers at once.
+// What a metadata service knows about one running application. An ApplicationInfo holds ShuffleInfo objects,
+// a ShuffleInfo holds PartitionInfo objects, and a PartitionInfo holds the blobs that were written for it. A
+// blob may be in several containers. An engine process uses ShuffleBlob alone.
 
 #include "common/util/ref.h"
 #include "tessel/message/shuffle/shuffle_blob.h"
@@ -23,25 +23,25 @@ class PartitionInfo : public common::Referable {
   std::mutex mMutex;                             ///< guards mBlobs
   std::vector<common::Ref<ShuffleBlob>> mBlobs;  ///< in the order of arrival
 
-  /// Holds null for the life of the process, as its like below.
+  /// Always null, as are NULL_INSTANCE and NULL_APPLICATION below.
   static common::Ref<PartitionInfo> NULL_PARTITION_INFO;
 };
 
 class ShuffleInfo : public common::Referable {
  public:
-  /// Records `blob` under the partition, which is made when it is new. Any thread. Failures stand in the log
-  /// alone.
+  /// Adds `blob` to the partition, which it creates if necessary. Any thread may call it. Failures are only
+  /// logged.
   void AddNewShuffleBlob(unsigned int partitionId, common::Ref<ShuffleBlob>& blob);
 
   std::uint32_t shuffleId = 0;
   std::mutex mMutex;  ///< guards mPartitions; taken before the mutex of a partition
   std::unordered_map<unsigned int, common::Ref<PartitionInfo>> mPartitions;       ///< by partitionId
-  std::unordered_map<unsigned int, common::Ref<common::Referable>> mOpaqueTable;  ///< the service's to define
+  std::unordered_map<unsigned int, common::Ref<common::Referable>> mOpaqueTable;  ///< the service's own
 
   static common::Ref<ShuffleInfo> NULL_INSTANCE;
 };
 
-/// The keys and what the lock guards are the service's to define; what is last here goes first.
+/// The service defines the keys and what mLock guards.
 class ApplicationInfo : public common::Referable {
  public:
   std::string mAppId;

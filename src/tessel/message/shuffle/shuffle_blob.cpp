@@ -25,7 +25,7 @@ static_assert(sizeof(TShuffleBlobRecord) == ShuffleBlob::kRecordSize && alignof(
 
 namespace {
 
-// Where the identity stands in the record.
+// The offsets of the two parts of the id in the record.
 constexpr std::size_t kInnerIdOffset = 0;
 constexpr std::size_t kBagIdOffset = 8;
 
@@ -68,12 +68,12 @@ std::uint32_t ShuffleBlob::Deserialize() {
     root = flatbuffers::ReadScalar<flatbuffers::uoffset_t>(mInputRawData);
     if (root == 0) {
       const std::uint32_t status = codec::Refuse(VYN_MESSAGE_PLACE, "(des)");
-      if (holdsRecord) {  // otherwise the log tells that, too
+      if (holdsRecord) {  // otherwise the wrong size is logged below, too
         return status;
       }
     }
   }
-  // A record neither covers the offset that leads to it nor goes beyond the input.
+  // The record must lie after the offset that points to it and within the input.
   if (!holdsRecord || root < sizeof(flatbuffers::uoffset_t) || root > size - kRecordSize) {
     VYN_LOG_ERROR("Failed to verify buffer.");
     return VYN_ERR_MESSAGE_DECODE;

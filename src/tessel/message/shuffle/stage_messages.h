@@ -1,8 +1,8 @@
 #pragma once
 
-// The messages about the stages of a job, its map tasks and lost workers. Values that only the service gives
-// sense keep the names that they have on the wire. common/util/base_message.h tells how a message is used and
-// by whom.
+// Messages about the stages of a job, its map tasks and lost workers. Values that only the service interprets
+// have the names of the schema. common/message/base_message.h says how a message is used and on which
+// threads.
 
 #include "common/message/base_message.h"
 
@@ -36,11 +36,11 @@ class ShuffleStage : public common::Message<TShuffleStage> {
   VYN_MESSAGE_FIELDS(appId, stageId, shuffleId)
 };
 
-/// Stages that are of no more use.
+/// Stages that are no longer needed.
 class ShuffleStagesCompletedInfo : public common::Message<TShuffleStageDAG> {
  public:
   ShuffleStagesCompletedInfo() = default;
-  /// Takes the stages out of `stages`, which is empty afterwards.
+  /// Moves `stages` into children and leaves it empty.
   ShuffleStagesCompletedInfo(std::string application, std::vector<unsigned int>& stages, bool flag,
                              unsigned int first, unsigned int second)
       : appId(std::move(application)),
@@ -69,11 +69,11 @@ class ShuffleIdList : public common::Message<TShuffleIdList> {
 class WorkerRemovedNotification : public common::Message<TWorkerRemovedNotification> {
  public:
   std::string appName;              ///< the application's id
-  std::uint16_t removedNodeId = 0;  ///< the node that went away
+  std::uint16_t removedNodeId = 0;  ///< the lost node
   VYN_MESSAGE_FIELDS(appName, removedNodeId)
 };
 
-/// The status of a map task; with `appId` and `nodeId` alone, a question about a worker.
+/// The status of a map task. With `appId` and `nodeId` alone, a question about a worker.
 class MapTaskStatus : public common::Message<TMapTaskStatus> {
  public:
   std::string appId;
