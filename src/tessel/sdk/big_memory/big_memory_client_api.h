@@ -1,10 +1,9 @@
 #pragma once
 
-// The run-time binding of libbmclient.so: its handle and the table of its functions.
+// The handle of libbmclient.so, which is opened at run time, and pointers to its functions.
 //
-// The table is written only by the thread that brings the library up and is published by IsBmUp() turning
-// true (binding.h); nothing but the Bm... wrappers reads it, and only while the library is up. Closing the
-// library leaves the pointers as they are.
+// Threads: only the thread that initialises the library writes the pointers. Only the Bm... functions read
+// them, after IsBmUp() has returned true (binding.h). Closing the library does not reset them.
 
 #include "platform/fabric/client/bm_functions.h"
 
@@ -34,14 +33,16 @@ class BigMemoryClientApi {
   static decltype(&BM_SpecificObjSwapInSec) apiBmSpecificObjectSwapIn;
   static decltype(&BM_GatherSec) apiBmGather;
 
-  /// Returns: the real path of the library in the installation that the environment names, or the empty text.
+  /// Returns: the real path of libbmclient.so in the installation that the environment names; empty after a
+  /// failure.
   static std::string GetBmClientPath();
 
-  /// Returns: the address of a symbol of the open library, or null with `error` filled.
+  /// Returns: the address of a symbol of the open library; null, with the reason in `error`, when it has none
+  /// of that name.
   static void* LoadFunction(const char* name, std::string& error);
 
-  /// Opens the library and fills the table. Returns: whether all of it is there. Otherwise `error` tells what
-  /// failed, or is empty when there is no library, and the handle is left as it was then.
+  /// Opens the library and sets all pointers. Returns: whether it found all functions. After a failure
+  /// `error` has the reason, or is empty when the library's file was not found; call Close then.
   static bool Open(std::string& error);
 
   /// Closes the library if it is open.

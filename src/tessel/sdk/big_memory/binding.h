@@ -1,32 +1,32 @@
 #pragma once
 
-// What the Bm... wrappers share: whether the library is up, lazy initialisation, the checks at their door.
+// Helpers of the Bm... functions: whether libbmclient.so is initialised ("up"), its initialisation at first
+// use, and the checks of arguments.
 //
-// Everything here may be called from any thread.
+// Any thread may call these functions.
 
 #include <initializer_list>
 
 namespace vyn::tessel {
 
-/// Whether the library is up. True makes the whole function table visible to the calling thread.
+/// Whether the library is up. After true, the calling thread sees all pointers of BigMemoryClientApi.
 bool IsBmUp();
 
-/// Brings the library up with the home and flag of the last successful BmInitialize unless it is up. One load
-/// then.
+/// Initialises the library, unless it is up, with the home and the flag of the last successful BmInitialize.
 unsigned int BmLazyInitialize();
 
 /// Checks namespace and token. Returns: 0 or VYN_ERR_BM_INVALID.
 unsigned int CheckBmAccess(const char* ns, const char* token);
 
-/// Checks namespace, token and ids, in this order, then brings the library up. A wrapper ends with an odd
-/// result.
+/// Checks namespace, token and ids, in this order, and then calls BmLazyInitialize. Returns: 0, or a failure
+/// that the Bm... function must return.
 unsigned int BeginBmCall(const char* ns, const char* token, std::initializer_list<const char*> bmIds = {});
 
 /// Checks one object id. Returns: 0 or VYN_ERR_BM_INVALID.
 unsigned int CheckBmId(const char* bmId);
 
-/// Returns: `function` while the library is up, else null. The pointers outlive the library, so a wrapper
-/// that does not bring it up asks here.
+/// Returns: `function` while the library is up, else null. For functions that do not initialise the library:
+/// a pointer is not reset when the library is closed.
 template <typename Function>
 Function WhenBmUp(Function& function) {
   return IsBmUp() ? function : nullptr;

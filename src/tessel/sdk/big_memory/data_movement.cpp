@@ -1,4 +1,4 @@
-// Mapping, and copying between objects and memory.
+// The exported functions that map objects and copy bytes to, from and between them.
 
 #include "common/log/logging.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
@@ -17,7 +17,8 @@ using vyn::tessel::IsRemoteError;
 
 namespace {
 
-/// The status of a read or a write that ended with `result`. `verb` stands in the message.
+/// Returns: the status of a read or a write that ended with `result`. \param verb "read" or "write", for the
+/// message.
 unsigned int TransferStatus(const char* verb, int result, const char* bmId, unsigned long offset,
                             unsigned long length) {
   if (result == 0) {

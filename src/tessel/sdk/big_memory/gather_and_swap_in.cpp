@@ -1,4 +1,4 @@
-// Gather, swap-in and the node id: the wrappers that leave an unopened library alone.
+// The exported functions for gather, swap-in and the node id, which do not initialise the library themselves.
 
 #include "common/log/logging.h"
 #include "platform/secure_memory/secure_memory.h"
@@ -19,7 +19,7 @@ namespace {
 constexpr unsigned int kGatherIntoExisting = 0x80;
 constexpr unsigned int kGatherIntoNew = 0x100;
 
-/// For texts of the caller's that nothing has checked: a stream must not be given a null.
+/// Returns: `text`, or "" for null, which a stream must not be given. For texts that nothing has checked.
 const char* Shown(const char* text) { return text == nullptr ? "" : text; }
 
 }  // namespace

@@ -28,7 +28,7 @@ void SecureLinks(const std::string& home) {
   if (conf != nullptr && setting.enabled) {
     common::BaseApiUtil::GetPlxTlsConf4Client(conf, setting.security, true);
     if (openssl_dl::Get() == nullptr) {
-      static_cast<void>(common::BaseApiUtil::SetOpensslDLPath(conf));  // a failure shows at the first link
+      static_cast<void>(common::BaseApiUtil::SetOpensslDLPath(conf));  // if this fails, the first link fails
     }
   }
   tls::SetClientSetting(std::move(setting));

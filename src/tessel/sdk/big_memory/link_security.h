@@ -1,15 +1,16 @@
 #pragma once
 
-// How the memory fabric's library secures the links of this process.
+// The TLS settings of this process's links to fabric nodes. Only the thread that initialises the library
+// calls this.
 
 #include <string>
 
 namespace vyn::tessel {
 
-/// Takes the setting from the process's configuration, or, while it has none, from the one in `home` (empty:
-/// the environment's home), and leaves it where the library finds it. A configuration that cannot be read
-/// lets no link be made. Without any configuration the setting stays as it is. Called before the library is
-/// initialised.
+/// Stores the settings where libbmclient.so reads them (platform/tls/client_setting.h). Takes them from the
+/// process's configuration or, without one, from conf/vyn.conf in `home`; an empty `home` means VYN_HOME. If
+/// that file exists but cannot be loaded, no link can be made. If it does not exist, the settings stay as
+/// they are. Call it before BM_Init.
 void SecureLinks(const std::string& home);
 
 }  // namespace vyn::tessel

@@ -1,4 +1,4 @@
-// Namespaces, and the life of objects in them.
+// The exported functions on namespaces, and those that allocate and free objects.
 
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
@@ -18,7 +18,7 @@ using vyn::tessel::CallWithCommonRetry;
 
 namespace {
 
-/// Failures of an allocation stand in the log twice: as the record's line and as one of their own.
+/// Reports a failed allocation. The log gets the text twice: here and from VYN_FAIL.
 unsigned int FailAllocation(unsigned int code, const std::string& text) {
   VYN_LOG_ERROR(text);
   return VYN_FAIL(code, text);

@@ -1,12 +1,12 @@
 #pragma once
 
-// Which results of the library tell of a failure on the remote side. Every other failure is this side's.
+// Which results of libbmclient.so mean that the remote side failed. Every other failure is local. No state.
 
 #include "platform/fabric/client/bm_functions.h"
 
 namespace vyn::tessel {
 
-/// For copies, reads and writes; gather and swap-in have more.
+/// For copies, reads and writes. Gather and swap-in have more such results.
 inline bool IsRemoteError(int result) {
   return result == kBmRemoteErrorA || result == kBmRemoteErrorB || result == kBmRemoteErrorC;
 }

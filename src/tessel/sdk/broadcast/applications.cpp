@@ -1,5 +1,5 @@
-// Applications: registration with the node-local server, the end of an application, and the nodes on which a
-// driver outside the fabric may place blocks. The registration functions run one at a time (sdk_state.h).
+// The exported functions on applications: registration with the node server, the end of an application, and
+// the choice of nodes for blocks. The caller runs the registration functions one at a time (sdk_state.h).
 
 #include "common/util/system.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -28,12 +28,12 @@ unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* toke
   if (g_registeredApps.find(appId) != g_registeredApps.end()) {
     return VYN_OK;
   }
-  if (g_shuffleServerRPCEngine == nullptr) {  // a driver makes its client here
+  if (g_shuffleServerRPCEngine == nullptr) {  // in a driver, at the first registration
     VYN_LOG_ERROR("g_shuffleServerRPCEngine is nullptr");
     g_shuffleServerRPCEngine = ShuffleServerRPCEngine::CreateInstance();
     VYN_CHECK_POINTER(g_shuffleServerRPCEngine);
-    g_shuffleServerRPCEngine->Initialize(1, true);  // a failure shows in the call below
-  } else if (!ShuffleServerRPCEngine::mPoolMode) {  // made by an early call, before there was a configuration
+    g_shuffleServerRPCEngine->Initialize(1, true);  // if this fails, the call below fails, too
+  } else if (!ShuffleServerRPCEngine::mPoolMode) {  // made by a call before there was a configuration
     g_shuffleServerRPCEngine->Initialize(1, true);
   }
   if (!RefreshServerClient()) {
@@ -114,7 +114,7 @@ unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& cand
     return VYN_ERR_BC_INTERNAL;
   }
   if (g_mfClientFlag == 0) {
-    // The blocks stay on this node. Entry i of each list describes one node, this one.
+    // The blocks stay on this node, so each list gets one entry, for this node.
     nodeIds.push_back(static_cast<unsigned short>(g_mfNodeId));
     selectedNodes.push_back(kLocalEndpoint);
     hostNames.push_back(vyn::common::VynGetHostname());

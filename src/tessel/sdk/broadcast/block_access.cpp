@@ -1,4 +1,4 @@
-// Access to the blocks of a broadcast variable: by mapping them, and by copying them whole.
+// The exported functions that map, read and write blocks of a broadcast variable.
 
 #include "common/log/error_info.h"
 #include "common/log/logging.h"
@@ -46,7 +46,7 @@ std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcast
   }
   VYN_CHECK_POINTER(g_broadcastCache);
   VYN_CHECK_POINTER(addr);
-  // The one text that a mapped block needs; kept, so that it costs no allocation.
+  // Kept for the next call, so that finding a mapped block allocates nothing.
   thread_local std::string name;
   GenBcVarName(appId, broadcastId, name);
   const auto info = g_broadcastCache->GetVarInfo(name);
@@ -145,7 +145,7 @@ std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsig
     VYN_LOG_ERROR("Can not found cache info for broadcast variable " << name);
     return VYN_ERR_GENERIC;
   }
-  // The two lists are not bound to be of one length.
+  // The two lists may differ in length.
   if (blockId >= info->mBmIds.size() || blockId >= info->mBlockSizes.size() ||
       info->mBmIds[blockId].empty()) {
     VYN_LOG_ERROR("Can not found BM for broadcast variable " << name << " block " << blockId);
@@ -165,7 +165,7 @@ std::uint32_t WriteRemoteBlock(const char* appId, const char* bmId, const void* 
   }
   const char* shownId = bmId == nullptr ? "" : bmId;
   VYN_LOG_DEBUG("BmId " << shownId << " size " << size);
-  // The library only reads from it.
+  // BmWrite only reads it.
   void* buffer = const_cast<void*>(data);
   if (Failed(BmWrite(bmId, 0, size, buffer, 0, appId, token))) {
     VYN_LOG_ERROR("Error to write remote block " << shownId << " as " << LastErrorText());

@@ -1,6 +1,6 @@
-// The blocks of a variable, created once by the driver: by the node-local server on a node of the fabric, or
-// straight through the big-memory client on a chosen node. Both end in an entry of the table and a record at
-// the metadata service.
+// The exported functions that create the blocks of a variable. On a node of the fabric the node server
+// creates them; a driver outside the fabric allocates them on a chosen node through the big-memory functions.
+// Both add an entry to the cache and send a record to the metadata service.
 
 #include "common/rpc/network.h"
 #include "common/util/clock.h"
@@ -25,11 +25,11 @@ using namespace vyn::tessel;
 
 namespace {
 
-/// Flags of block allocation and of their batch free.
+/// The flags for allocating and freeing blocks.
 constexpr unsigned int kBlockFlags = 0x10;
-/// The room for an id: its 60 characters and NUL padding.
+/// The buffer for an id: its 60 characters, padded with NULs.
 constexpr std::size_t kBmIdRoom = 64;
-/// A block that the full pool refuses is asked for this often, so far apart: 10 seconds in all.
+/// Attempts to allocate a block while the pool is full, and the pause between them: 10 seconds in all.
 constexpr int kAllocAttempts = 1000;
 constexpr auto kAllocPause = std::chrono::milliseconds(10);
 
@@ -48,7 +48,7 @@ std::vector<unsigned long> CopySizes(const unsigned long* sizes, unsigned int bl
   return blockNum == 0 ? std::vector<unsigned long>() : std::vector<unsigned long>(sizes, sizes + blockNum);
 }
 
-/// One block, with the wait for a full pool.
+/// Allocates one block. Tries again while the pool is full.
 unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsigned short nodeId,
                            unsigned long size, std::array<char, kBmIdRoom>& bmId) {
   for (int attempt = 0; attempt < kAllocAttempts; ++attempt) {
@@ -135,7 +135,7 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
     static_cast<void>(VYN_FAIL(status, "Error to create namespace " << ns << " as " << LastErrorText()));
     return VYN_ERR_BC_NAMESPACE;
   }
-  // The results of a rollback are not examined: the failure that led to it is what the caller has to know.
+  // Ignores the results of the rollback: the caller gets the failure that caused it.
   const auto destroyNamespace = [&] { BmDestroyNamespace(nodeId, "", ns.c_str(), token); };
   std::vector<std::string> ids;
   status = AllocBmForBlockRemotely(ns, token, nodeId, blockSizes, ids);
@@ -159,7 +159,7 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to generate block for " << name);
   }
   status = AddBlockInfosToMeta(blockInfo);
-  bmIds.swap(ids);  // also when the record failed: the blocks exist, and the caller has to know them
+  bmIds.swap(ids);  // also after a failure: the blocks exist, and the caller needs their ids
   return status;
 }
 

@@ -1,5 +1,5 @@
-// The blocks of a variable in a process that did not create them: ids and sizes come into this process's
-// table once.
+// The exported function that fetches ids and sizes of a variable's blocks into the cache of a process that
+// did not create them.
 
 #include "common/util/text.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -19,7 +19,7 @@ unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastI
   VYN_CHECK_ARGUMENT(blockSizes);
   VYN_LOG_DEBUG("Start to batch fetch broadcast block, appId: " << appId << ", broadcastId: " << broadcastId);
   VYN_CHECK_POINTER(g_broadcastCache);
-  // The one text that a fetch from the table needs; kept, so that it costs no allocation.
+  // Kept for the next call, so that finding a cached variable allocates nothing.
   thread_local std::string name;
   vyn::common::GenBcVarName(appId, broadcastId, name);
   if (auto known = g_broadcastCache->GetVarInfo(name); known != nullptr) {

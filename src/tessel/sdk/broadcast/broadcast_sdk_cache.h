@@ -1,8 +1,7 @@
 #pragma once
 
-// The per-process table of the broadcast variables that this process knows: the big-memory id and the size of
-// every block, and where each block is mapped here. A local cache only; the metadata service and the node
-// server own the facts.
+// The cache of the broadcast variables that this process knows: id, size and mapped address of every block.
+// The metadata service and the node server own the facts.
 //
 // Any thread may call any operation. No thread holds mTableLock and the mBlockLock of an entry at once.
 
@@ -16,19 +15,19 @@
 
 namespace vyn::tessel {
 
-/// One variable. Complete when it is made; only mRawAddrs moves afterwards. Its end unmaps nothing.
+/// One variable. Only mRawAddrs changes after the entry was made. The destructor unmaps nothing.
 class BroadcastVarInfo : public common::Referable {
  public:
   ~BroadcastVarInfo() override = default;
 
-  /// The big-memory id of each block. Not written after creation.
+  /// The object id of each block. Constant after creation.
   std::vector<std::string> mBmIds;
-  /// The address of each block in this process, 0 when it is not mapped. As long as mBmIds; the length never
-  /// changes. Guarded by mBlockLock.
+  /// The address of each block in this process; 0 for one that is not mapped. Has as many elements as mBmIds.
+  /// Guarded by mBlockLock.
   std::vector<std::uint64_t> mRawAddrs;
-  /// The size of each block in bytes. Not written after creation.
+  /// The size of each block in bytes. Constant after creation.
   std::vector<unsigned long> mBlockSizes;
-  /// Guards mRawAddrs. May be held across a big-memory call.
+  /// Guards mRawAddrs. A thread may hold it during a big-memory call.
   std::shared_mutex mBlockLock;
 };
 
@@ -36,22 +35,22 @@ class BroadcastSdkCache : public common::Referable {
  public:
   ~BroadcastSdkCache() override = default;
 
-  /// Returns: the entry, which stays usable when it leaves the table; empty for an unknown name.
+  /// Returns: the entry, which stays usable after its removal from the cache; null for an unknown name.
   common::Ref<BroadcastVarInfo> GetVarInfo(const std::string& name);
 
-  /// Returns: a new entry outside the table with as many unmapped blocks as there are ids; empty, logged,
-  /// without memory. The number of sizes is not compared with the number of ids.
+  /// Makes an entry and does not insert it. Its blocks are not mapped. Does not compare the number of sizes
+  /// with the number of ids. Returns: the entry; null, after a log line, without memory.
   common::Ref<BroadcastVarInfo> GenerateVarInfo(const std::vector<std::string>& bmIds,
                                                 const std::vector<unsigned long>& blockSizes);
 
-  /// Enters a variable under its name (GenBcVarName). A name that is present keeps its entry and mappings,
-  /// which is a success too. Returns: false, logged, without memory.
+  /// Inserts a variable under its name (GenBcVarName). A name that is present keeps its entry and its
+  /// mappings. Returns: true in both cases; false, after a log line, without memory.
   bool InsertVarInfo(const std::string& name, const std::vector<std::string>& bmIds,
                      const std::vector<unsigned long>& blockSizes);
 
   void RemoveVarInfo(const std::string& name);
 
-  /// Removes every variable whose name BEGINS with `appName`: removing application a1 also removes a12-7.
+  /// Removes every variable whose name BEGINS with `appName`. Removing application a1 also removes a12-7.
   void RemoveAppInfo(const std::string& appName);
 
   void CleanTable();

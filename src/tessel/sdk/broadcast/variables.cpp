@@ -1,4 +1,4 @@
-// A broadcast variable at the metadata service: made known, and removed.
+// The exported functions that create and delete a variable at the metadata service.
 
 #include "common/util/text.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -40,7 +40,7 @@ unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId) {
   if (!RefreshMetaClient()) {
     return VYN_FAIL(VYN_ERR_BC_META_CLIENT, "[Broadcast] Failed to get meta rpc cli " << LastErrorText());
   }
-  // The entry goes first: it is gone even when the call below fails. Mapped addresses stay mapped.
+  // The entry is removed even when the call below fails. Mapped blocks stay mapped.
   g_broadcastCache->RemoveVarInfo(GenBcVarName(appId, broadcastId));
   auto request = NewMessage<BroadcastVar>();
   VYN_CHECK_POINTER(request);

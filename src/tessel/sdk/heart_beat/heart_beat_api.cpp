@@ -1,4 +1,4 @@
-// The exported switch of an application's heartbeats.
+// The exported function that starts and stops an application's heartbeats.
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"

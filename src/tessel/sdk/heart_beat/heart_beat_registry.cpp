@@ -1,4 +1,5 @@
-// The registry of heartbeat senders: the members of BaseApiUtil that call upwards, to the typed clients.
+// The registry of heartbeat senders. These members of BaseApiUtil are defined here because they call the
+// typed clients, which src/common must not include.
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
@@ -11,27 +12,27 @@
 
 namespace vyn::common {
 
-// Never destroyed: senders that hang in a call outlive the end of the process by a moment.
+// Never destroyed: a sender that hangs in a call may still use it while the process exits.
 std::unordered_map<std::string, Ref<HeartBeatThread>>& BaseApiUtil::g_HeartBeatFlag =
     *new std::unordered_map<std::string, Ref<HeartBeatThread>>;
 std::mutex BaseApiUtil::heartBeatLock;
 
 namespace {
 
-/// Ends all senders when the process exits, without a farewell; the library stays loaded until then, whoever
-/// closes it. All together get a second; who hangs in a call longer than that is left behind: what it touches
-/// is never destroyed.
-struct SendersEnd {
+/// Its destructor ends all senders when the process exits, without a last heartbeat. (dlclose does not unload
+/// this library.) It waits one second for all threads together. A thread that is still in a call then keeps
+/// running until the process has exited; it uses only objects that are never destroyed.
+struct SenderShutdown {
   const pid_t mOwner = getpid();
 
-  ~SendersEnd() {
+  ~SenderShutdown() {
     if (getpid() != mOwner) {
       return;  // a forked child has the registry but not its threads
     }
     std::chrono::milliseconds patience{1000};
     std::lock_guard lock(BaseApiUtil::heartBeatLock);
     for (const auto& [name, sender] : BaseApiUtil::g_HeartBeatFlag) {
-      sender->AskToEnd();
+      sender->RequestStop();
     }
     for (const auto& [name, sender] : BaseApiUtil::g_HeartBeatFlag) {
       sender->JoinWithin(patience);
@@ -52,8 +53,8 @@ unsigned int BaseApiUtil::StartHeartBeat(const std::string& appName, unsigned ch
     return VYN_ERR_GENERIC;
   }
   const unsigned int status = threadPtr->Start();
-  // Made behind the first call, so that it goes before what that call has set up.
-  static const SendersEnd end;
+  // Made after the first heartbeat, so that it is destroyed before the statics that the heartbeat has made.
+  static const SenderShutdown shutdown;
   return status;
 }
 

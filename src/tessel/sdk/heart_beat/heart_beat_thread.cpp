@@ -46,12 +46,13 @@ unsigned int HeartBeatThread::Start() {
   VYN_CHECK_POINTER(mHbThread);
   try {
     *mHbThread = std::thread(&HeartBeatThread::Task, this);
-  } catch (const std::system_error&) {  // the process has as many threads as it may have
+  } catch (const std::system_error&) {  // the process has reached its limit of threads
     delete mHbThread;
     mHbThread = nullptr;
   }
   VYN_CHECK_POINTER(mHbThread);
-  // Linux takes names of up to 15 characters and refuses this one; the thread then keeps its creator's.
+  // Linux refuses names of more than 15 characters, such as this one. The thread then keeps its creator's
+  // name.
   pthread_setname_np(mHbThread->native_handle(), ("heartBeatSender-" + mAppName).c_str());
   return VYN_OK;
 }
@@ -74,14 +75,15 @@ void HeartBeatThread::EndThread() {
     return;
   }
   {
-    // The thread lets go of the lock only in its wait, so the notification finds it there or not yet begun.
+    // The thread holds the lock except while it waits. So it is waiting now, or it will read mRunning before
+    // it waits.
     std::lock_guard lock(mCondLock);
     mCond.notify_all();
   }
   JoinThread();
 }
 
-// Requires: mLock, and a thread that ends.
+// Requires: mLock, and that the thread has been told to stop.
 void HeartBeatThread::JoinThread() {
   mHbThread->join();
   delete mHbThread;
@@ -92,7 +94,7 @@ void HeartBeatThread::Task() {
   std::unique_lock lock(mCondLock);
   while (mRunning) {
     Send(true);
-    // Steady time: a clock that is set back must not silence a living application.
+    // The monotonic clock: setting back the wall clock must not delay the heartbeats.
     WaitFor(mCond, lock, kPeriod);
   }
   mEnded = true;
@@ -116,7 +118,7 @@ unsigned int HeartBeatThread::Send(bool isAlive) {
   return status;
 }
 
-void HeartBeatThread::AskToEnd() {
+void HeartBeatThread::RequestStop() {
   mRunning = false;
   mCond.notify_all();
 }
@@ -130,7 +132,8 @@ void HeartBeatThread::JoinWithin(std::chrono::milliseconds& patience) {
   while (!mEnded && patience > kPause) {
     SleepFor(kPause);
     patience -= kPause;
-    // Told without mCondLock, which a hanging call may hold, it can miss a thread that is about to wait.
+    // Notify again: without mCondLock, which a hanging call may hold, a notification can come just before the
+    // wait.
     mCond.notify_all();
   }
   if (mEnded) {

@@ -1,9 +1,9 @@
 #pragma once
 
-// One background sender of heartbeats for one application.
+// Sends the heartbeats of one application from a thread of its own.
 //
-// Start and Stop may be called from any thread. Start and Stop each send one heartbeat themselves; in between
-// the sender's own thread sends one every 2 seconds. A failed heartbeat is logged and the sender goes on.
+// Any thread may call Start and Stop, each of which sends one heartbeat itself. Between them the sender's
+// thread sends one every 2 seconds. A failed heartbeat is logged, and the sender continues.
 
 #include "common/util/ref.h"
 
@@ -19,29 +19,30 @@ namespace vyn::common {
 class HeartBeatThread : public Referable {
  public:
   /// \param processType 0 sends to the metadata service, 1 to the tuning service, any other sends nothing.
-  /// \param content passed on with each heartbeat.
+  /// \param content sent with each heartbeat.
   HeartBeatThread(std::string appName, unsigned char processType, std::string processName,
                   std::string content);
-  /// Ends the thread as Stop does, without the farewell.
+  /// Ends the thread as Stop does, but sends nothing.
   ~HeartBeatThread() override;
 
-  /// Sends the first heartbeat and starts the thread; does nothing on a running sender.
-  /// Returns: 0, or 2000057 when no thread can be had. The sender then counts as running all the same.
+  /// Sends the first heartbeat and starts the thread. Does nothing if the sender runs. Returns: 0, or 2000057
+  /// when no thread could be started. The sender counts as running even then.
   unsigned int Start();
-  /// Ends the thread, which waits for a heartbeat in progress, and sends the farewell; does nothing on a
-  /// stopped sender. Returns: 0.
+  /// Ends the thread, after its heartbeat in progress, and sends the last heartbeat, with isAlive false. Does
+  /// nothing if the sender is stopped. Returns: 0.
   unsigned int Stop();
   /// The thread's body.
   void Task();
-  /// Sends one heartbeat. Returns: the result of the call; 0 when there is nobody to send to.
+  /// Sends one heartbeat. Returns: the result of the call; 0 when there is no client to send it with.
   unsigned int Send(bool isAlive);
 
-  // For the end of the process. A sender whose thread did not end then must not be destroyed.
+  // The two operations below are for the end of the process. Afterwards, a sender whose thread still runs
+  // must not be destroyed.
 
-  /// Asks the thread to end and waits for nothing.
-  void AskToEnd();
-  /// Waits for the thread's end, at most `patience`, from which the time spent is taken. A thread that is
-  /// inside a call by then, and a sender that is just being started or stopped, are left as they are.
+  /// Tells the thread to end. Does not wait.
+  void RequestStop();
+  /// Waits at most `patience` for the thread's end and subtracts the time spent from it. Does nothing about a
+  /// thread that is still in a call then, or about a sender that another thread is starting or stopping.
   void JoinWithin(std::chrono::milliseconds& patience);
 
   std::string mAppName;
@@ -54,12 +55,14 @@ class HeartBeatThread : public Referable {
   void JoinThread();
 
   std::thread* mHbThread = nullptr;  ///< guarded by mLock
-  /// Written under mLock, but for the end of the process, which waits for no lock.
+  /// Written under mLock, except by RequestStop, which takes no lock.
   std::atomic<bool> mRunning{false};
-  std::atomic<bool> mEnded{false};  ///< set by the thread as its last act
-  std::mutex mLock;      ///< serialises Start and Stop, which hold it through their call; before mCondLock
-  std::mutex mCondLock;  ///< goes with mCond; the thread holds it whenever it does not wait, also in its call
-  std::condition_variable mCond;  ///< wakes the thread early
+  std::atomic<bool> mEnded{false};  ///< the thread sets it last
+  /// Held by Start and Stop from start to end, also during their heartbeat. Taken before mCondLock.
+  std::mutex mLock;
+  /// The mutex of mCond. The thread holds it whenever it does not wait, also during a heartbeat.
+  std::mutex mCondLock;
+  std::condition_variable mCond;  ///< wakes the thread before its period ends
 };
 
 }  // namespace vyn::common

@@ -1,6 +1,6 @@
-// How a starting process learns which node holds the metadata leader: a driver reads it from ZooKeeper and
-// keeps a watch on it, an executor asks the server of its own node. These run once, under the claim of
-// initialisation.
+// How a starting process finds the leader of the metadata service. A driver reads it from ZooKeeper and
+// watches it; an executor asks its node server. BroadcastInitialize calls these functions on one thread at a
+// time.
 
 #include "tessel/sdk/start_up/leader_discovery.h"
 
@@ -52,7 +52,7 @@ unsigned int InitServerClientAndLeader(unsigned int flag) {
   if (flag == kExecutorFlag) {
     g_shuffleServerRPCEngine = ShuffleServerRPCEngine::CreateInstance();
     VYN_CHECK_POINTER(g_shuffleServerRPCEngine);
-    g_shuffleServerRPCEngine->Initialize(1, true);  // a failure shows in the question for the leader
+    g_shuffleServerRPCEngine->Initialize(1, true);  // if this fails, the question below fails, too
     g_mfClientFlag = 0;
   }
   return Failed(BroadcastGetMetaLeaderIp(flag)) ? VYN_ERR_GENERIC : VYN_OK;

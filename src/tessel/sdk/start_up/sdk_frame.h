@@ -1,8 +1,9 @@
 #pragma once
 
-// What the exported broadcast functions have in common: the refresh of the client that a call needs, and
-// messages made without throwing. A function checks its text arguments, refreshes its client, builds its
-// messages, calls the typed client and then changes the local state.
+// Helpers of the exported broadcast functions. Such a function checks its arguments, assigns the client that
+// it needs (Refresh...), builds its messages, calls the client and then changes this process's own state.
+//
+// Threads: any, but not during an initialisation (sdk_state.h).
 
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
@@ -14,13 +15,14 @@
 
 namespace vyn::tessel {
 
-/// Takes the current metadata client into g_ShuffleMetaRPCEngine. Returns: whether there is one.
+/// Assigns the process's metadata client to g_ShuffleMetaRPCEngine. Returns: whether there is one.
 bool RefreshMetaClient();
 
-/// Takes the client of the node-local server into g_shuffleServerRPCEngine. Returns: whether there is one.
+/// Assigns the process's client of the node server to g_shuffleServerRPCEngine. Returns: whether there is
+/// one.
 bool RefreshServerClient();
 
-/// A message, or an empty reference without memory.
+/// Makes a message. Returns: the message, or an empty Ref without memory.
 template <typename T, typename... Arguments>
 common::Ref<T> NewMessage(Arguments&&... arguments) {
   return common::Ref<T>(new (std::nothrow) T(std::forward<Arguments>(arguments)...));
@@ -28,7 +30,7 @@ common::Ref<T> NewMessage(Arguments&&... arguments) {
 
 }  // namespace vyn::tessel
 
-/// Ends the function with 2120001 when a text argument is refused. The check has left its own message.
+/// Makes the function return 2120001 when a text argument is refused. The check has reported why.
 #define VYN_CHECK_TEXT(ARGUMENT, ALLOW_EMPTY)                                                \
   do {                                                                                       \
     if (::vyn::Failed(::vyn::common::CheckInputWithCharPtr(ARGUMENT, ALLOW_EMPTY, false))) { \
@@ -36,8 +38,8 @@ common::Ref<T> NewMessage(Arguments&&... arguments) {
     }                                                                                        \
   } while (false)
 
-/// Ends the function with 2120001 when a pointer that the caller has to provide is null; like a null text, it
-/// is only logged.
+/// Makes the function return 2120001 when a required pointer is null. That is only logged, as for a null
+/// text.
 #define VYN_CHECK_ARGUMENT(ARGUMENT)                           \
   do {                                                         \
     if ((ARGUMENT) == nullptr) {                               \

@@ -1,7 +1,7 @@
 #pragma once
 
-// The process-wide objects of the SDK. They are never destroyed: a thread of the host program may be inside a
-// call while the process ends.
+// The process-wide objects of the SDK. They are never destroyed: a thread of the host program may still be
+// inside a call while the process exits.
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/meta_node_info.h"
@@ -18,20 +18,20 @@
 
 namespace vyn::tessel {
 
-/// The table of broadcast variables. Empty until BroadcastInitialize has made it.
+/// The cache of broadcast variables. Null until BroadcastInitialize has made it.
 extern common::Ref<BroadcastSdkCache>& g_broadcastCache;
 
-/// The client of the node's server and that of the metadata leader. Every call that needs one first assigns
-/// the class's present instance to it, which writes nothing while that has not changed; another instance
-/// comes only from initialisation, beside which such calls do not run.
+/// The clients of the node server and of the metadata service. A call that needs one first assigns the
+/// class's present instance to it (sdk_frame.h). That assignment writes nothing while the instance is the
+/// same. Only an initialisation makes another instance, and no such call may run meanwhile.
 extern common::Ref<ShuffleServerRPCEngine>& g_shuffleServerRPCEngine;
 extern common::Ref<ShuffleMetaRPCEngine>& g_ShuffleMetaRPCEngine;
 
-/// The record of who the metadata leader is. Empty until leader discovery has run.
+/// The process's record of the metadata leader. Null until leader discovery has run.
 extern common::Ref<common::MetaNodeInfo>& g_metaNode_broadcast;
-/// The door to ZooKeeper, in a driver only.
+/// The adapter for ZooKeeper; null in an executor.
 extern common::Ref<cluster::ClusterZKAdapter>& g_clusterZkAdapter_broadcast;
-/// The configuration of the process. Empty until BroadcastInitialize has read it.
+/// The process's configuration. Null until BroadcastInitialize has read it.
 extern common::Ref<common::Configuration>& g_broadcastConf;
 
 // The claim of initialisation; start_up.cpp tells what the values say together. The exchange has acquire and
@@ -44,14 +44,14 @@ extern std::atomic<std::uint8_t> g_initInProgress;
 /// 1 once uninitialisation has run and no initialisation has succeeded since.
 extern std::atomic<std::uint8_t> g_uninitClaim;
 
-/// 0 on a node of the memory fabric, 1 outside it. Also the client flag of BmInitialize.
+/// 0 on a node of the memory fabric, 1 outside it. BroadcastInitialize passes it to BmInitialize.
 extern std::uint32_t g_mfClientFlag;
-/// This node's id in the fabric, once it has been learned.
+/// This node's id in the fabric, once it is known.
 extern std::uint32_t g_mfNodeId;
 
-/// The security token of the application registered last, and the names of those registered by this process.
-/// No lock guards them: the caller runs the registration functions one at a time and not beside calls that
-/// read the token.
+/// The token of the application that was registered last, and the ids of the applications that this process
+/// has registered. No lock guards them: the caller runs the registration functions one at a time, and not
+/// while another thread is in a function on blocks.
 extern std::string& g_appToken;
 extern std::set<std::string>& g_registeredApps;
 

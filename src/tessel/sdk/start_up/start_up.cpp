@@ -1,4 +1,4 @@
-// Taking the SDK into use and out of it.
+// Start and end of the SDK.
 //
 //   state                      g_initClaim  g_initInProgress  g_uninitClaim
 //   loaded, nothing done            0              1                0
@@ -99,20 +99,20 @@ bool SetTlsLibraries() {
 
 unsigned int ConnectMetadataClient(unsigned int flag) {
   const long timeout = g_broadcastConf->GetLong("vyn.tessel.rpc.shuffle_meta.timeout", 0);
-  // A driver learns of the leader through ZooKeeper alone, also when an earlier call has made its server
-  // client.
+  // A driver gets the leader from ZooKeeper alone, even if an earlier call has made a client of the node
+  // server.
   const auto server = flag == kDriverFlag ? Ref<ShuffleServerRPCEngine>() : g_shuffleServerRPCEngine;
   g_ShuffleMetaRPCEngine = ShuffleMetaRPCEngine::CreateInstance(timeout, true, server);
   VYN_CHECK_POINTER(g_ShuffleMetaRPCEngine);
   g_ShuffleMetaRPCEngine->mConnectionCount = 1;
-  // An unreachable metadata service does not stop an initialisation: it shows at the first call.
+  // An unreachable metadata service does not fail the initialisation. The first call to it fails instead.
   g_ShuffleMetaRPCEngine->Initialize();
   return VYN_OK;
 }
 
 /// The steps under the claim. Objects of a failed attempt stay and are replaced by the next one.
 unsigned int StartUp(const std::string& home, unsigned int flag) {
-  // Until the logger is up, failures go to standard output.
+  // Until the logger runs, failures are printed to standard output.
   if (!LoadConfiguration(home) || !StartLogger()) {
     return VYN_ERR_GENERIC;
   }

@@ -172,7 +172,7 @@ TEST_F(HeartBeatTest, ASenderThatEndedWithTheProcessMayStillBeStoppedAndDropped)
   const Ref<HeartBeatThread> sender(new HeartBeatThread("app", 0, "driver", ""));
   ASSERT_EQ(sender->Start(), 0U);
   ASSERT_TRUE(mService.WaitFor(2));
-  sender->AskToEnd();
+  sender->RequestStop();
   for (const char* round : {"the thread ends", "there is none"}) {
     milliseconds patience(60000);
     sender->JoinWithin(patience);
