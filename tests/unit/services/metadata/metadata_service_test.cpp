@@ -8,8 +8,7 @@
 #include "services/metadata/metadata_member.h"
 #include "services/metadata/node_selection.h"
 #include "support/cluster_test.h"
-#include "support/fabric.h"
-#include "support/raw_socket.h"
+#include "support/proxy.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
 
@@ -338,7 +337,7 @@ TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
 
 TEST_F(MetadataMemberTest, StopsServingBeforeItsSessionCanHaveExpired) {
   mAdapter->ClusterZKClose();
-  test::SlowLink link(static_cast<std::uint16_t>(gServer->Port()), 1ULL << 40U);
+  test::ByteProxy link(static_cast<std::uint16_t>(gServer->Port()));
   test::UseZookeeper("127.0.0.1:" + std::to_string(link.Port()) + mUrl.substr(mUrl.find('/')));
   Connect(8000);
   StartMember();  // asks for 30 seconds, more than the session was granted
