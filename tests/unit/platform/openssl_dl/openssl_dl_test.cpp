@@ -2,11 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <string>
-#include <thread>
-#include <vector>
-
 namespace vyn::openssl_dl {
 namespace {
 
@@ -40,7 +35,7 @@ TEST(OpensslDlTest, RefusesWhatItCannotUseAndThenOpensTheRealOnes) {
     EXPECT_EQ(Get(), nullptr);
   }
 
-  std::vector<std::thread> callers;
+  std::vector<std::jthread> callers;
   for (int i = 0; i < 8; ++i) {
     callers.emplace_back([] {
       EXPECT_EQ(SetOpensslDLopenLibPath("libssl.so.3", "libcrypto.so.3"), 1);
@@ -48,9 +43,7 @@ TEST(OpensslDlTest, RefusesWhatItCannotUseAndThenOpensTheRealOnes) {
       EXPECT_STREQ(OpensslDLGetLastMessage(), "") << "the message of another thread";
     });
   }
-  for (std::thread& caller : callers) {
-    caller.join();
-  }
+  callers.clear();
   EXPECT_EQ(SetOpensslDLopenLibPath("libssl.so.3", kStub.c_str()), OPENSSL_DL_OTHER_PATHS);
   EXPECT_NE(std::string(OpensslDLGetLastMessage()).find("are open already"), std::string::npos);
   EXPECT_EQ(SetOpensslDLopenLibPath("libssl.so.3", "libcrypto.so.3"), 1);
