@@ -2,17 +2,18 @@
 
 // Broadcast variables in the cluster's shared memory pool, through libvyn_broadcast.so.
 //
-// Statuses. 0 is success, a failure has bit 0 set: test with vyn::Failed() of vyn/status.h. The text of a
-// failure is the calling thread's BroadcastGetLastErrorMessage().
+// Statuses. 0 is success, a failure has bit 0 set: test with vyn::Failed() of vyn/status.h.
+// BroadcastGetLastErrorMessage() returns the text of the calling thread's last failure. "Logged, not
+// recorded" means that this text does not change.
 //
-// Threads. Any thread may call any function, unless told otherwise. Nothing that is passed in is kept beyond
-// the call; texts are NUL-terminated.
+// Threads. Any thread may call any function, unless its comment says otherwise. No function keeps a pointer
+// to its arguments after it returns. Texts are NUL-terminated.
 //
-// Roles. `flag` of BroadcastInitialize says whether the process is a driver (0) or an executor (1). A driver
-// learns at the start whether its node belongs to the memory fabric; an executor always runs on such a node.
-// Below is the whole life of variable 7 of the application "app_1" with the token "secret": two blocks of
-// 4 MiB, filled from `data`. Failures are left out here, but not in examples/file_broadcast, whose programs
-// do the same with a file.
+// Roles. `flag` of BroadcastInitialize says whether the process is a driver (0) or an executor (1).
+// BroadcastInitialize finds out whether a driver's node belongs to the memory fabric; an executor always runs
+// on such a node. The code below shows the whole life of variable 7 of the application "app_1" with the token
+// "secret": two blocks of 4 MiB, filled from `data`. It does not check statuses; the programs in
+// examples/file_broadcast do, and share a file.
 //
 //   A driver on a node of the fabric:
 //     BroadcastInitialize("/opt/vyn", "24.0.0", "linux-x86_64", 0);
@@ -27,7 +28,7 @@
 //       std::memcpy(address, data + i * sizes[0], sizes[i]);
 //       ReleaseBroadcastBlockAddr("app_1", 7, i, address);
 //     }
-//     // Now the executors fetch and read; when they are done:
+//     // Now the executors fetch and read. When they have finished:
 //     DeleteBroadcastVar("app_1", 7);
 //     UnRegisterBroadcastApp("app_1");
 //     MarkBroadcastApplicationCompleted("app_1");
@@ -36,8 +37,8 @@
 //   A driver outside the fabric:
 //     BroadcastInitialize("/opt/vyn", "24.0.0", "linux-x86_64", 0);
 //     bool registered = false;
-//     RegisterBroadcastApp("app_1", true, "secret", &registered);  // registered is false here: no own node
-//     std::vector<std::string> candidates, nodes, hosts, ids;      // no candidates: any node of the fabric
+//     RegisterBroadcastApp("app_1", true, "secret", &registered);  // registered is false: outside the fabric
+//     std::vector<std::string> candidates, nodes, hosts, ids;      // no candidates: all nodes
 //     std::vector<unsigned short> nodeIds;
 //     GetRemoteNodeInfo("app_1", candidates, nodes, nodeIds, hosts, true);
 //     const unsigned long sizes[2] = {4194304, 4194304};
@@ -47,12 +48,12 @@
 //     for (unsigned int i = 0; i < 2; ++i) {
 //       WriteRemoteBlock("app_1", ids[i].c_str(), data + i * sizes[0], sizes[i], "secret");
 //     }
-//     // Now the executors fetch and read; when they are done:
+//     // Now the executors fetch and read. When they have finished:
 //     DeleteBroadcastVar("app_1", 7);
 //     MarkBroadcastApplicationCompleted("app_1");
 //     BroadcastUninitialize();
 //
-//   An executor, which has been told application, token, variable and the number of blocks:
+//   An executor, which the engine has given application, token, variable and number of blocks:
 //     BroadcastInitialize("/opt/vyn", "24.0.0", "linux-x86_64", 1);
 //     bool registered = false;
 //     RegisterBroadcastApp("app_1", false, "secret", &registered);
@@ -61,14 +62,14 @@
 //     for (unsigned int i = 0; i < 2; ++i) {
 //       void* address = nullptr;
 //       ObtainBroadcastBlockAddr("app_1", 7, i, &address);
-//       // Read sizes[i] bytes in place; other threads may obtain the same address. When the last is done:
+//       // Read sizes[i] bytes in place; other threads may obtain the same address. After the last use:
 //       ReleaseBroadcastBlockAddr("app_1", 7, i, address);
 //     }
 //     UnRegisterBroadcastApp("app_1");
 //     BroadcastUninitialize();
 //
-// This header is plain C++17 and needs no library. The functions have C linkage; two take C++ containers, so
-// that a glue layer for them is built with the same standard library.
+// This header is plain C++17 and needs no library. The functions have C linkage. Two take C++ containers, so
+// their caller must be built with the same standard library as libvyn_broadcast.so.
 
 #include <cstdint>
 #include <string>
@@ -76,73 +77,80 @@
 
 extern "C" {
 
-/// The text of the calling thread's last failure, or null when the thread has none. A later success does not
-/// clear it: read it only after a call has reported failure, on the thread that got the failure. Not the
-/// caller's to free; valid until the thread's next failure.
+/// Returns: the text of the calling thread's last failure, or null when the thread has none. A later success
+/// does not clear it: read it only after a call has reported a failure, on the same thread. The caller must
+/// not free it. It is valid until the thread's next failure.
 const char* BroadcastGetLastErrorMessage();
 
-/// Writes five lines to standard output: component, version, platform, library and the source revision that
-/// it was built from. Needs no initialisation.
+/// Writes five lines to standard output: component, version, platform, library and the source revision of its
+/// build. Needs no initialisation.
 void VynBroadcastVersion();
 
 // --- start and end ---------------------------------------------------------------------------------------
 
-/// Takes the SDK into use: environment, configuration, logger, transport, leader of the metadata service, its
-/// client, and the client of the memory fabric, in this order. Call it again after a failure, or after
-/// BroadcastUninitialize; when the SDK is ready already it only sets the environment again. Of several
-/// callers at once one works and the others wait for it; one that waited for a first initialisation that
-/// failed tries it itself, one that waited for a later one gets its result.
-/// \param vynHome the installation, whose conf/vyn.conf is read.
+/// Initialises the SDK: environment, configuration, logger, transport, leader of the metadata service, its
+/// client, and the client of the memory fabric, in this order. It can be called again after a failure or
+/// after BroadcastUninitialize. When the SDK is initialised already, it only sets the environment again. Of
+/// several threads that call at the same time, one does the work and the others wait for it. If the first
+/// initialisation of the process fails, a waiting thread tries it again; if a later one fails, the waiting
+/// threads return its status.
+/// \param vynHome the folder of the installation; its conf/vyn.conf is read.
 /// \param vynVersion "24.0.0" or another release of the installation. \param vynBinaryType "linux-x86_64" or
-///        "linux-aarch64". The three become VYN_HOME, VYN_VERSION and VYN_BINARY_TYPE of the process.
+///        "linux-aarch64". The three are stored in the environment as VYN_HOME, VYN_VERSION and
+///        VYN_BINARY_TYPE.
 /// \param flag 0 for a driver, 1 for an executor.
 /// \return 0; 2000057 for a null argument or without memory; 1 when the home, the environment, the
-///         configuration, the logger, the TLS libraries or the leader could not be had (until the logger is
-///         up told on standard output, then in the log); 2120003 when the metadata service could not say
-///         whether the node belongs to the fabric; 2100021 when the fabric's client could not be brought up.
+///         configuration, the logger or the OpenSSL libraries could not be used or the leader was not found
+///         (printed to standard output before the logger runs, then logged); 2120003 when the metadata
+///         service did not say whether the node belongs to the fabric; 2100021 when the fabric's client could
+///         not be initialised.
 unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, const char* vynBinaryType,
                                  unsigned int flag);
 
-/// Closes the fabric's client and forgets all variables. Mapped blocks stay mapped; connections,
-/// configuration, logger and heartbeats stay until the process ends. No other call may be under way. A second
-/// call does nothing.
+/// Closes the fabric's client and empties the cache of variables. Mapped blocks stay mapped. Connections,
+/// configuration, logger and heartbeats stay until the process ends. It must not run during another call. A
+/// second call does nothing.
 /// \return 0.
 unsigned int BroadcastUninitialize();
 
 // --- applications ----------------------------------------------------------------------------------------
 //
-// An application is 1 to 1024 letters, digits, "_" and "-". The registration functions run one at a time, and
-// not beside the functions on blocks: the process has one token, that of the application registered last.
+// An application id is 1 to 1024 letters, digits, "_" and "-". A process has one token, that of the
+// application that it registered last. So run the registration functions one at a time, and not during a call
+// of a function on blocks.
 
-/// Registers the application with the server of this node. A name that this process has registered is a
-/// success without a call, and its new token is ignored.
-/// \param flag handed on to the server. \param token the application's secret, may be empty, not null.
-/// \param registered says whether this node took part: false on a node outside the fabric, where nothing
-///        happens.
-/// \return 0; 2120001 for a refused argument; 2120009 without a client of the server; 2000057 without memory;
-///         1 when the server refused or did not answer.
+/// Registers the application with the node server. For an application that this process has registered
+/// already, it makes no call, returns 0 and ignores the token.
+/// \param flag passed to the node server. \param token the application's secret; may be empty, not null.
+/// \param registered receives false on a node outside the fabric, where the call does nothing, otherwise
+///        true.
+/// \return 0; 2120001 for a refused argument; 2120009 without a client of the node server; 2000057 without
+///         memory; 1 when the node server refused or did not answer.
 unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* token, bool* registered);
 
-/// Takes the application off the server of this node and forgets the token, whatever comes of it. The name
-/// stays registered in this process until MarkBroadcastApplicationCompleted.
-/// \return 0; 2120001; 2080009 without a client of the server; 2000057 without memory; 1 when the server
-///         refused or did not answer.
+/// Unregisters the application from the node server and clears this process's token, also after a failure.
+/// This process treats the application as registered until MarkBroadcastApplicationCompleted.
+/// \return 0; 2120001; 2080009 without a client of the node server; 2000057 without memory; 1 when the
+///         node server refused or did not answer.
 unsigned int UnRegisterBroadcastApp(const char* appId);
 
-/// Ends the application: the metadata service drops it and gives all its memory back on every node; this
-/// process forgets its variables, and those of every application whose name begins with `appId`. Needs no
-/// registration.
+/// Ends the application. The metadata service removes it and has all its memory freed on every node. This
+/// process removes its variables from the cache, and also those of every application whose id begins with
+/// `appId`. Needs no registration.
 /// \return 0; 2120001; 2120011 without a client of the metadata service; 2000057 before initialisation;
-///         2120013 when the service refused or did not answer: nothing has changed here then, and the call
-///         can be repeated.
+///         2120013 when the service refused or did not answer. Then this process has changed nothing, and the
+///         call can be repeated.
 unsigned int MarkBroadcastApplicationCompleted(const char* appId);
 
-/// Asks which nodes a driver may place blocks on. Entry i of the three lists describes one node. On a node of
-/// the fabric the answer is this node, appended to the lists; outside it the lists are replaced.
-/// \param candidateNodes addresses or host names to choose among, none: all nodes. Comes back empty.
-/// \param selectedNodes receives "ip:port", to be given to CreateBroadcastBlockBatchRemote with the other
-///        two.
-/// \param nodeIds, hostNames receive id and name of each. \param selectFlag true: only the best node.
+/// Asks the metadata service on which nodes a driver may create blocks. Entry i of the three lists describes
+/// one node. On a node of the fabric it appends this node to the lists; outside the fabric it replaces the
+/// lists.
+/// \param candidateNodes addresses or host names of the nodes to choose from; empty means all nodes. The call
+/// empties it.
+/// \param selectedNodes receives "ip:port" of each node. Pass it to CreateBroadcastBlockBatchRemote with its
+///        id and host name.
+/// \param nodeIds, hostNames receive id and host name of each node. \param selectFlag true for the best node
+/// only.
 /// \return 0; 2120001; 2120011; 2000057 without memory; 2120013 when the service refused or did not answer.
 unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& candidateNodes,
                                std::vector<std::string>& selectedNodes, std::vector<unsigned short>& nodeIds,
@@ -150,70 +158,71 @@ unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& cand
 
 // --- variables -------------------------------------------------------------------------------------------
 
-/// Makes a variable known to the metadata service.
-/// \param broadcastId the caller's number, unique in the application. \param blockNum how many blocks it will
-///        have.
-/// \return 0; 2120001; 2120011; 2000057 without memory; 2000013 when the client refused the name; 2060009
-///         when the service refused or did not answer, after its retries.
+/// Creates a variable at the metadata service.
+/// \param broadcastId the variable's number, unique in the application. \param blockNum number of its blocks.
+/// \return 0; 2120001; 2120011; 2000057 without memory; 2000013 when the client refused the id; 2060009 when
+///         the service refused or did not answer, after its retries.
 unsigned int CreateBroadcastVar(const char* appId, unsigned int broadcastId, unsigned int blockNum);
 
-/// Removes a variable. This process forgets it first, also when the service then fails; mappings stay valid,
-/// and other processes that map its blocks keep their pages until they release them.
+/// Deletes a variable. First removes it from this process's cache, even if the service then fails. Mappings
+/// stay valid, and other processes that have mapped its blocks keep the pages until they release them.
 /// \return as CreateBroadcastVar; 2000057 also before initialisation.
 unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId);
 
 // --- creating and fetching blocks ------------------------------------------------------------------------
 
-/// Creates the blocks of a variable on this node, which belongs to the fabric. Once a variable.
+/// Creates the blocks of a variable on this node, which must belong to the fabric. Call it once for each
+/// variable.
 /// \param sizes bytes of each block, `blockNum` of them, in block order.
-/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009 without a client of the
-///         server; 1 when the server refused (no blocks or a full pool among the reasons) or did not answer,
-///         and also when the blocks exist and this process's table had no memory for them; 2120011, 2000013
-///         or 2060009 when the blocks exist and the metadata service could not be told. Nothing that exists
-///         is taken back.
+/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009 without a client of the node
+///         server; 1 when the node server refused (for example for 0 blocks or a full pool) or did not
+///         answer, or when the blocks were created but the cache had no memory for them; 2120011, 2000013 or
+///         2060009 when the blocks were created but the metadata service did not record them. After a
+///         failure, blocks that were created stay.
 unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcastId,
                                        const unsigned long* sizes, unsigned int blockNum);
 
 /// Creates the blocks of a variable on a chosen node, from a process outside the fabric. Waits up to 10
-/// seconds a block while that node's pool is full. What was made is taken back when a later step fails, but
-/// for the last: see `bmIds`. Taking back destroys the application's namespace on that node, and with it the
-/// blocks of its earlier variables there, which the metadata service still lists.
+/// seconds for each block while that node's pool is full. When a block cannot be allocated, or there is no
+/// memory for the cache or the record, the call destroys the application's namespace on that node with all
+/// its blocks, also those of earlier variables, which the metadata service still lists. When only the
+/// metadata service fails to record the blocks, they stay: see `bmIds`.
 /// \param selectedNode, hostName, nodeId one entry of the lists of GetRemoteNodeInfo; the port must be below
 ///        32768.
-/// \param bmIds receives the blocks' ids for WriteRemoteBlock, also when only the metadata service could not
-///        be told.
+/// \param bmIds receives the blocks' ids for WriteRemoteBlock, also when only the record at the metadata
+///        service fails.
 /// \return 0; 2120001; 2000057 before initialisation; 2000039 or 2000013 for a `selectedNode` that is no
 ///         "ip:port"; 2120025 when the node could not be linked; 2120023 when the namespace could not be
-///         made; 2120027 when a block could not be had; 1 when there was no memory for the entry of the table
-///         (the insert failed) or for the record; 2120011, 2000013 or 2060009 when the metadata service
-///         could not be told.
+///         created; 2120027 when a block could not be allocated; 1 when there was no memory for the entry of
+///         the cache or for the record; 2120011, 2000013 or 2060009 when the metadata service did not record
+///         the blocks.
 unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* token, unsigned int broadcastId,
                                              const unsigned long* sizes, unsigned int blockNum,
                                              const char* selectedNode, const char* hostName,
                                              unsigned short nodeId, std::vector<std::string>& bmIds);
 
-/// Brings a variable's blocks into this process's table; needed before ObtainBroadcastBlockAddr in a process
-/// that did not create them. From the second time on it makes no call.
-/// \param blockSizes receives the bytes of each block; must have room for all blocks of the variable.
-/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the server refused,
-///         does not know the variable or did not answer, and also when the insert into this process's table
-///         failed for want of memory: `blockSizes` is filled then, and the next fetch asks the server again.
+/// Fetches ids and sizes of a variable's blocks into this process's cache. A process that did not create the
+/// variable needs it before ObtainBroadcastBlockAddr. When the cache has the variable, it makes no call.
+/// \param blockSizes receives the size of each block in bytes; must have room for all blocks of the variable.
+/// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the node server
+///         refused, does not know the variable or did not answer, or when the cache had no memory for the
+///         variable. In the last case `blockSizes` is filled, and the next fetch asks the node server again.
 unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastId, unsigned long* blockSizes);
 
 // --- heartbeats ------------------------------------------------------------------------------------------
 
-/// Starts or stops the sender that tells a service that an application is alive: once at the start and every
-/// 2 seconds from then on, a thread for each application, until it is stopped or the process ends. A stop
-/// says farewell; the end of the process does not.
-/// \param appName the application; it has one sender, whatever the other arguments are. 1 to 1024 letters,
-///        digits, "_" and "-", as `processName`.
+/// Starts or stops the heartbeats of an application. A thread for each application sends one at the start and
+/// then one every 2 seconds, until they are stopped or the process ends. A stop sends a last heartbeat, which
+/// says that the application is no longer alive; the end of the process does not.
+/// \param appName the application. It has one sender at most, whatever the other arguments are. 1 to 1024
+///        letters, digits, "_" and "-", as `processName`.
 /// \param processType 0 sends to the metadata service, 1 to the tuning service, any other sends nothing.
-/// \param content sent with each heartbeat; the same characters, may be empty, not null.
-/// \param start true starts, false stops. Both take a call of the service themselves; a stop first waits for
-///        the sender's call in progress, at most as long as calls may take.
+/// \param content sent with each heartbeat; of the same characters; may be empty, not null.
+/// \param start true starts, false stops. Both make one call to the service themselves. A stop first waits
+///        until the sender's call in progress has ended or timed out.
 /// \return 0; 2080001 for a refused argument; 1 without a client of the metadata service (logged, not
-///         recorded); 2080011 when the application has a sender already, has none to stop, or no thread can
-///         be had. A heartbeat that does not arrive is logged and changes nothing.
+///         recorded); 2080011 when the application already has a sender, has none to stop, or no thread could
+///         be started. A heartbeat that fails is logged and changes nothing.
 std::uint32_t HeartBeat(const char* appName, unsigned char processType, const char* processName,
                         const char* content, bool start);
 
@@ -223,34 +232,35 @@ std::uint32_t HeartBeat(const char* appName, unsigned char processType, const ch
 // before BroadcastInitialize has succeeded (logged, not recorded). An application id is 1 to 1024 letters,
 // digits, "_" and "-".
 
-/// Maps a block into this process, or finds the mapping that it has. All callers get the same address; no
-/// count is kept. A mapped block costs two lookups and no call.
-/// \param addr receives the address; null after a failure, but for a refused `appId` and before
-///        initialisation, which leave it alone. Null itself gives 2000057.
+/// Maps a block into this process, or finds its existing mapping. All callers get the same address, and the
+/// callers are not counted. For a mapped block it makes no call.
+/// \param addr receives the address, or null after a failure. A refused `appId`, and a call before
+///        initialisation, leave it unchanged. A null `addr` gives 2000057.
 /// \return 0; 2120001 also for a block id that the variable does not have; 2120013 for a variable that this
 ///         process has neither created nor fetched; the status of BmMmap when mapping failed.
 std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcastId, unsigned int blockId,
                                        void** addr);
 
-/// Unmaps a block at once, whoever else obtained its address: release only what nobody uses any more. What is
-/// unknown or not mapped is a success.
-/// \param addr the address that was obtained.
+/// Unmaps a block at once, even if other callers have obtained its address: release a block after its last
+/// use only. An unknown variable or a block that is not mapped is a success.
+/// \param addr the address from ObtainBroadcastBlockAddr.
 /// \return 0; 2120001 also for a null address or a block id that the variable does not have; the status of
-///         BmUnmap, and the block stays mapped.
+///         BmUnmap when it failed; the block stays mapped then.
 std::uint32_t ReleaseBroadcastBlockAddr(const char* appId, unsigned int broadcastId, unsigned int blockId,
                                         void* addr);
 
 /// Copies a whole block into `buffer`, which must have room for it. For processes outside the memory fabric.
 /// \param token the application's token; may be empty, not null.
 /// \return 0; 1 for a variable or a block that this process does not know (logged, not recorded); 2120007
-///         when the copy failed, the record telling why.
+///         when the copy failed; BroadcastGetLastErrorMessage says why.
 std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsigned int blockId, void* buffer,
                               const char* token);
 
-/// Copies `size` bytes of `data` to the beginning of the block `bmId`, an id that
-/// CreateBroadcastBlockBatchRemote gave. For processes outside the memory fabric. Needs no table of
+/// Copies `size` bytes of `data` to the beginning of the block `bmId`, an id from
+/// CreateBroadcastBlockBatchRemote. For processes outside the memory fabric. Does not use the cache of
 /// variables.
-/// \return 0; 2120001; 2120007 when the copy failed or `bmId` or `token` was refused, the record telling why.
+/// \return 0; 2120001; 2120007 when the copy failed or `bmId` or `token` was refused;
+/// BroadcastGetLastErrorMessage says why.
 std::uint32_t WriteRemoteBlock(const char* appId, const char* bmId, const void* data, unsigned long size,
                                const char* token);
 

@@ -2,9 +2,9 @@
 
 // Status codes of Vyn broadcast.
 //
-// Every call that can fail returns an unsigned 32-bit status. VYN_OK (0) is success. A failure is recognised
-// by bit 0 alone, never by comparing with 0: test with vyn::Failed(). Families start at multiples of 20000
-// above 2000000; within a family codes advance by 2, so that every failure is odd.
+// Every call that can fail returns an unsigned 32-bit status. VYN_OK (0) is success. A failure has bit 0 set:
+// test it with vyn::Failed(), never by comparing with 0. Each family of codes starts at a multiple of 20000
+// from 2000000 on. Within a family codes advance by 2, so that every failure is odd.
 //
 // This header is plain C++17, needs no library and may be included anywhere.
 
@@ -21,11 +21,11 @@ inline constexpr std::uint32_t VYN_ERR_REQUEST_SHAPE = 2000005;
 inline constexpr std::uint32_t VYN_ERR_INVALID_PARAM = 2000013;
 /// No ":" in an address, or its port is not a number.
 inline constexpr std::uint32_t VYN_ERR_PARSE_PORT = 2000039;
-/// ZooKeeper has no such node.
+/// ZooKeeper has no record of that node.
 inline constexpr std::uint32_t VYN_ERR_ZK_NO_NODE = 2000045;
 /// ZooKeeper did not answer in time: not connected, try again.
 inline constexpr std::uint32_t VYN_ERR_ZK_UNCONNECTED = 2000047;
-/// The connection to ZooKeeper was lost, or a node could not be read.
+/// The connection to ZooKeeper was lost, or a node's record could not be read.
 inline constexpr std::uint32_t VYN_ERR_ZK_CONNECTION_LOSS = 2000049;
 /// The TLS connection to ZooKeeper failed.
 inline constexpr std::uint32_t VYN_ERR_ZK_SSL = 2000051;
@@ -55,9 +55,9 @@ inline constexpr std::uint32_t VYN_ERR_TUNING_RPC = 2020025;
 // --- metadata service --------------------------------------------------------------------------------------
 /// The metadata client could not connect its pool.
 inline constexpr std::uint32_t VYN_ERR_META_POOL_INIT = 2060007;
-/// A call to the metadata service or the tuning service failed. The cause stands in the log.
+/// A call to the metadata service, or a heartbeat to the tuning service, failed. The log has the cause.
 inline constexpr std::uint32_t VYN_ERR_META_RPC = 2060009;
-/// The metadata server's own answer to a batch of new bags, handed to the caller unchanged.
+/// An answer of the metadata service to a batch of new bags, returned unchanged.
 inline constexpr std::uint32_t VYN_ERR_META_BAG_REPLY = 2060203;
 
 // --- big memory --------------------------------------------------------------------------------------------
@@ -69,15 +69,15 @@ inline constexpr std::uint32_t VYN_ERR_BM_INIT = 2080003;
 inline constexpr std::uint32_t VYN_ERR_BM_SWAP_PARAM = 2080005;
 /// A big-memory call failed with the client library's own error.
 inline constexpr std::uint32_t VYN_ERR_BM_CALL = 2080007;
-/// No client of the node-local server could be obtained, inside a service operation.
+/// A service operation found no client of the node server.
 inline constexpr std::uint32_t VYN_ERR_SERVER_CLIENT = 2080009;
-/// No client of the metadata service could be obtained, inside a service operation.
+/// A service operation found no client of the metadata service.
 inline constexpr std::uint32_t VYN_ERR_META_CLIENT = 2080011;
 /// A data movement failed on the remote side.
 inline constexpr std::uint32_t VYN_ERR_BM_REMOTE = 2080019;
 /// A data movement or the query of the node id failed locally.
 inline constexpr std::uint32_t VYN_ERR_BM_LOCAL = 2080021;
-/// The big-memory client could not be brought up.
+/// libbmclient.so could not be initialised.
 inline constexpr std::uint32_t VYN_ERR_BM_UNAVAILABLE = 2100021;
 /// A block could not be allocated.
 inline constexpr std::uint32_t VYN_ERR_BLOCK_ALLOC = 2100029;
@@ -87,17 +87,17 @@ inline constexpr std::uint32_t VYN_ERR_OUT_OF_POOL_MEMORY = 2100041;
 // --- broadcast SDK -----------------------------------------------------------------------------------------
 /// An exported broadcast function refused an argument.
 inline constexpr std::uint32_t VYN_ERR_BC_INVALID_PARAM = 2120001;
-/// Whether this node belongs to the memory fabric could not be learned.
+/// The metadata service did not say whether this node belongs to the memory fabric.
 inline constexpr std::uint32_t VYN_ERR_BC_MF_NODE = 2120003;
 /// A remote block could not be read or written.
 inline constexpr std::uint32_t VYN_ERR_BC_REMOTE_BLOCK = 2120007;
-/// The client of the node-local server is not there.
+/// There is no client of the node server.
 inline constexpr std::uint32_t VYN_ERR_BC_SERVER_CLIENT = 2120009;
-/// The client of the metadata service is not there.
+/// There is no client of the metadata service.
 inline constexpr std::uint32_t VYN_ERR_BC_META_CLIENT = 2120011;
-/// An exported function failed after its clients were in hand.
+/// An exported function failed after it had found its clients.
 inline constexpr std::uint32_t VYN_ERR_BC_INTERNAL = 2120013;
-/// The application's namespace could not be made on the chosen node.
+/// The application's namespace could not be created on the chosen node.
 inline constexpr std::uint32_t VYN_ERR_BC_NAMESPACE = 2120023;
 /// The chosen node could not be linked.
 inline constexpr std::uint32_t VYN_ERR_BC_LINK = 2120025;
@@ -106,7 +106,7 @@ inline constexpr std::uint32_t VYN_ERR_BC_REMOTE_ALLOC = 2120027;
 
 namespace vyn {
 
-/// Whether `status` tells of a failure.
+/// Whether `status` is a failure.
 [[nodiscard]] constexpr bool Failed(std::uint32_t status) noexcept { return (status & 1U) != 0; }
 
 }  // namespace vyn

@@ -54,7 +54,7 @@ unsigned int BaseApiUtil::StartHeartBeat(const std::string& appName, unsigned ch
   }
   const unsigned int status = threadPtr->Start();
   // Made after the first heartbeat, so that it is destroyed before the statics that the heartbeat has made.
-  static const SenderShutdown shutdown;
+  static const SenderShutdown senderShutdown;
   return status;
 }
 
