@@ -1,5 +1,4 @@
-# The installation tree. It can serve as a VYN_HOME as it stands; the build leaves one at
-# ${VYN_STAGE_DIR}/home.
+# The installation tree. It can be used as VYN_HOME. Every build also installs it to ${VYN_STAGE_DIR}/home.
 include(CMakePackageConfigHelpers)
 
 install(DIRECTORY include/vyn DESTINATION include FILES_MATCHING PATTERN "*.h")

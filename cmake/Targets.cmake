@@ -1,12 +1,12 @@
-# The kinds of target that this project has. Sources are found by their place: a new file needs no edit here.
+# Functions for the project's kinds of targets. Sources are found by their folder: a new file needs no edit.
 
-# Every target of the installation tree passes here, so that the staged tree waits for it.
+# Records a target that is installed. The target `home` (Install.cmake) depends on all of them.
 function(vyn_installed name)
   set_property(GLOBAL APPEND PROPERTY VYN_INSTALLED_TARGETS ${name})
 endfunction()
 
 # vyn_platform_library(<name> [LINK lib...] [DIRECTORY companion sub-folder])
-# One shared library out of the .cpp files of the current folder, in lib/common unless told otherwise.
+# A shared library from the .cpp files of the current folder, in lib/common or lib/DIRECTORY.
 function(vyn_platform_library name)
   cmake_parse_arguments(ARG "" "DIRECTORY" "LINK;SOURCES" ${ARGN})
   if(NOT ARG_DIRECTORY)
@@ -25,8 +25,8 @@ function(vyn_platform_library name)
   vyn_installed(${name})
 endfunction()
 
-# vyn_program(<name> [SOURCES file...] [LINK lib...]): a program of the installation's bin/. Without SOURCES,
-# the .cpp files of the current folder.
+# vyn_program(<name> [SOURCES file...] [LINK lib...]): a program in the installation's bin/, from SOURCES or
+# from the .cpp files of the current folder.
 function(vyn_program name)
   cmake_parse_arguments(ARG "" "" "LINK;SOURCES" ${ARGN})
   if(NOT ARG_SOURCES)
@@ -42,8 +42,8 @@ function(vyn_program name)
   vyn_installed(${name})
 endfunction()
 
-# vyn_tests(<folder>): one program a *_test.cpp below the folder; *_slow_test.cpp also carries the label
-# "slow". Every test case runs in a process of its own, so that process-wide singletons start fresh.
+# vyn_tests(<folder>): one program for each *_test.cpp below the folder. A *_slow_test.cpp also gets the label
+# "slow". ctest runs every test case in a process of its own, so that process-wide singletons are new in each.
 function(vyn_tests folder label)
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${folder}/*_test.cpp)
   foreach(source ${sources})
@@ -60,8 +60,9 @@ function(vyn_tests folder label)
     gtest_discover_tests(${name} TEST_PREFIX "${name}:" DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                          PROPERTIES LABELS ${label})
     if(name MATCHES "_slow_test$")
-      # Their waits are long, so that a failure can say what it waited for before ctest ends it.
-      # gtest_discover_tests keeps only the first label of a list: ctest sets both when it has read the names.
+      # The long TIMEOUT lets a failing test report what it waited for before ctest ends it.
+      # gtest_discover_tests keeps only the first label of a list, so this file sets both labels when ctest
+      # has read the names.
       file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake
         "if(${name}_TESTS)\n  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${label};slow\" TIMEOUT 1200)\nendif()\n")
       set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
