@@ -1,7 +1,5 @@
 #include "services/common/service_status.h"
 
-#include "vyn/status.h"
-
 #include <array>
 #include <utility>
 
@@ -9,10 +7,10 @@ namespace vyn::services {
 
 namespace {
 
-constexpr std::array<std::pair<std::uint32_t, const char*>, 17> kTexts{{
+constexpr std::array<std::pair<std::uint32_t, const char*>, 18> kTexts{{
     {VYN_ERR_OUT_OF_POOL_MEMORY, "the pool of this node is full"},
     {VYN_ERR_NULL_POINTER, "this process has no memory"},
-    {VYN_ERR_RPC_TRANSPORT_A, "this node does not lead any more, or cannot tell"},
+    {kStatusNotLeading, "this node does not lead any more, or cannot tell"},
     {kStatusUnknownOperation, "no such operation"},
     {kStatusInvalidRequest, "the request makes no sense"},
     {kStatusNotRegistered, "the application is not registered at this node"},
@@ -27,6 +25,7 @@ constexpr std::array<std::pair<std::uint32_t, const char*>, 17> kTexts{{
     {kStatusNotServed, "not served by this node"},
     {kStatusTooLarge, "more than one record can hold"},
     {kStatusLimit, "the application has as many variables or blocks as it may have"},
+    {kStatusUnanswered, "ZooKeeper did not answer"},
 }};
 
 }  // namespace

@@ -4,6 +4,8 @@
 // word of a reply and stand in the logs of both sides; a typed client maps them to a code of its own. Odd,
 // like every failure, and of a family that the library does not use (vyn/status.h).
 
+#include "vyn/status.h"
+
 #include <cstdint>
 
 namespace vyn::services {
@@ -37,6 +39,11 @@ inline constexpr std::uint32_t kStatusNotServed = 2140023;
 inline constexpr std::uint32_t kStatusTooLarge = 2140025;
 /// The application has as many variables or blocks as one may have.
 inline constexpr std::uint32_t kStatusLimit = 2140027;
+
+/// ZooKeeper did not answer a question, and nothing was written. To clients it is kStatusNotLeading.
+inline constexpr std::uint32_t kStatusUnanswered = 2140029;
+/// This node does not lead any more, or cannot tell. To clients it is a lost connection: they ask who leads and try again.
+inline constexpr std::uint32_t kStatusNotLeading = VYN_ERR_RPC_TRANSPORT_A;
 
 /// Returns: the words for a code that a service answers, "unknown status" for any other.
 const char* StatusText(std::uint32_t status);

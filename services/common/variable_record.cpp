@@ -2,10 +2,10 @@
 
 #include "common/log/logging.h"
 #include "platform/zk_helper/zk_helper.h"
+#include "services/common/json_fields.h"
 #include "services/common/zookeeper_io.h"
 
 #include <array>
-#include <nlohmann/json.hpp>
 #include <utility>
 
 namespace vyn::services {
@@ -29,7 +29,7 @@ RecordRead Damaged(const std::string& path, const char* what) {
 }
 
 bool ReadHeader(const std::string& text, VariableRecord& record) {
-  const auto json = nlohmann::json::parse(text.substr(0, text.find('\n')), nullptr, false);
+  const auto json = ParseJson(text.substr(0, text.find('\n')));
   if (!json.is_object()) {
     return false;
   }

@@ -92,6 +92,11 @@ bool IsOwn(const Stat& stat) {
   return id.client_id != 0 && stat.ephemeralOwner == id.client_id;
 }
 
+bool IsUncertain(int result) {
+  return result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT || result == ZINVALIDSTATE ||
+         result == ZSESSIONEXPIRED || result == ZCLOSING;
+}
+
 std::string ResultText(int result) {
   std::string text = zerror(result);
   const char* message = VynZookeeperGetLastMessage();

@@ -32,6 +32,9 @@ bool IsOwn(const Stat& stat);
 /// What ZooKeeper calls `result`, with this thread's last message when there is one.
 std::string ResultText(int result);
 
+/// Whether ZooKeeper did not answer: a write with this result may have taken effect all the same.
+bool IsUncertain(int result);
+
 /// Writes that take effect together or not at all.
 class Transaction {
  public:

@@ -1,8 +1,16 @@
 #include "services/common/zookeeper_layout.h"
 
-#include <nlohmann/json.hpp>
+#include "services/common/json_fields.h"
+
+#include <charconv>
 
 namespace vyn::services {
+
+bool ParseId(const std::string& name, std::uint32_t& id) {
+  const char* end = name.data() + name.size();
+  const auto [rest, error] = std::from_chars(name.data(), end, id);
+  return error == std::errc() && rest == end && std::to_string(id) == name;
+}
 
 std::string ReclaimEntry::ToText() const {
   return nlohmann::json{
@@ -11,7 +19,7 @@ std::string ReclaimEntry::ToText() const {
 }
 
 bool ReclaimEntry::FromText(const std::string& text, ReclaimEntry& entry) {
-  const auto json = nlohmann::json::parse(text, nullptr, false);
+  const auto json = ParseJson(text);
   if (!json.is_object()) {
     return false;
   }

@@ -27,6 +27,10 @@ inline constexpr const char* kReclaimPath = "/vyn/reclaim";
 inline constexpr const char* kTokenName = "token";
 inline constexpr const char* kRemovedFlag = "removed";
 
+/// Reads the id in a znode's name. The tree is open to everybody, so a stranger's znode may be in it. Returns: false for a
+/// name that is not written as an id is: decimal, without sign or leading zeros.
+bool ParseId(const std::string& name, std::uint32_t& id);
+
 inline std::string NodePath(std::uint32_t nodeId) {
   return std::string(kNodesPath) + "/" + std::to_string(nodeId);
 }

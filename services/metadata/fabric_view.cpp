@@ -3,14 +3,13 @@
 #include "common/log/logging.h"
 #include "common/util/clock.h"
 #include "platform/zk_helper/zk_helper.h"
+#include "services/common/json_fields.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
 #include "vyn/status.h"
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
-#include <nlohmann/json.hpp>
 
 namespace vyn::services {
 
@@ -23,64 +22,35 @@ constexpr auto kShareLimit = std::chrono::seconds(5);
 /// After so many failures in a row the pause grows no more: 1, 2, 4, 8 seconds.
 constexpr unsigned int kMostFailures = 4;
 
-/// Only as the fabric writes it: "007" is not node 7.
-bool ToNodeId(const std::string& name, std::uint32_t& id) {
-  const char* end = name.data() + name.size();
-  const auto [rest, error] = std::from_chars(name.data(), end, id);
-  return error == std::errc() && rest == end && std::to_string(id) == name;
-}
-
-/// The host name in a node's persistent record, empty when the record is damaged.
-std::string HostOf(const std::string& record) {
-  const auto json = nlohmann::json::parse(record, nullptr, false);
-  const auto host = json.is_object() ? json.find("host") : json.end();
-  return json.is_object() && host != json.end() && host->is_string() ? host->get<std::string>() : "";
-}
-
 }  // namespace
 
 FabricView::~FabricView() { Stop(); }
 
 void FabricView::Start() {
   Stop();
-  mStopping = false;
   static_cast<void>(Refresh());
-  mThread = std::thread([this] { Run(); });
+  mTask.Start({"The nodes of the fabric could not be read", Pause()}, [this] {
+    static_cast<void>(Refresh());
+    mTask.SetPeriod(Pause());
+  });
 }
 
-void FabricView::Stop() {
-  {
-    std::lock_guard lock(mMutex);
-    mStopping = true;
-  }
-  mChanged.notify_all();
-  if (mThread.joinable()) {
-    mThread.join();
-  }
-}
+void FabricView::Stop() { mTask.Stop(); }
 
 void FabricView::SetServing(bool serving) {
   {
     std::lock_guard lock(mMutex);
+    if (mServing == serving) {
+      return;
+    }
     mServing = serving;
   }
-  mChanged.notify_all();
+  mTask.Wake();
 }
 
-void FabricView::Run() {
-  for (;;) {
-    {
-      std::unique_lock lock(mMutex);
-      const bool serving = mServing;
-      const auto now = common::SteadyNow();
-      const auto due = std::max(mNextTry, now + (serving ? kPeriod : kIdlePeriod));
-      mChanged.wait_for(lock, due - now, [&] { return mStopping || mServing != serving; });
-      if (mStopping) {
-        return;
-      }
-    }
-    static_cast<void>(Refresh());
-  }
+std::chrono::nanoseconds FabricView::Pause() const {
+  std::lock_guard lock(mMutex);
+  return std::max<std::chrono::nanoseconds>(mNextTry - common::SteadyNow(), mServing ? kPeriod : kIdlePeriod);
 }
 
 bool FabricView::RefreshOlderThan(std::chrono::milliseconds age) {
@@ -100,7 +70,8 @@ bool FabricView::Refresh() {
     std::unique_lock lock(mMutex);
     if (mReading) {
       const std::uint64_t before = mReadings;
-      return mChanged.wait_for(lock, kShareLimit, [&] { return mReadings != before; }) && mLastAnswered;
+      return common::WaitFor(mChanged, lock, kShareLimit, [&] { return mReadings != before; }) &&
+             mLastAnswered;
     }
     mReading = true;
   }
@@ -144,7 +115,7 @@ bool FabricView::Read(Nodes& nodes) {
   for (const std::string& name : names) {
     std::uint32_t id = 0;
     cluster::NodeInfo node;
-    if (!ToNodeId(name, id)) {
+    if (!ParseId(name, id)) {
       continue;
     }
     if (Failed(adapter->ClusterZKGetNodeInfo(id, node))) {
@@ -165,11 +136,11 @@ bool FabricView::Read(Nodes& nodes) {
   for (const std::string& name : names) {
     std::uint32_t id = 0;
     std::string text;
-    if (!ToNodeId(name, id)) {
+    if (!ParseId(name, id)) {
       continue;
     }
     if (const int got = zookeeper::Get(NodePath(id), text); got == ZOK) {
-      nodes.registered.emplace(id, HostOf(text));
+      nodes.registered.emplace(id, TextField(ParseJson(text), "host"));
     } else if (got != ZNONODE) {
       return false;
     }

@@ -8,6 +8,7 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/util/ref.h"
+#include "common/wait/periodic_task.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -15,7 +16,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace vyn::services {
@@ -55,12 +55,12 @@ class FabricView {
     std::map<std::uint32_t, std::string> registered;
   };
   static bool Read(Nodes& nodes);
-  void Run();
+  /// Until the thread reads again.
+  std::chrono::nanoseconds Pause() const;
 
   mutable std::mutex mMutex;
   // Guarded by mMutex.
   Nodes mNodes;
-  bool mStopping = false;
   bool mServing = false;
   bool mReading = false;
   std::uint64_t mReadings = 0;                     ///< that have ended
@@ -69,7 +69,7 @@ class FabricView {
   std::chrono::steady_clock::time_point mRead;     ///< when the view was begun to be read
   std::chrono::steady_clock::time_point mNextTry;  ///< after a failure
   std::condition_variable mChanged;
-  std::thread mThread;
+  common::PeriodicTask mTask;
 };
 
 }  // namespace vyn::services

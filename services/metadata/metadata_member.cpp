@@ -56,36 +56,13 @@ std::uint32_t MetadataMember::Start() {
   VYN_CHECK_CALL(mAdapter->ClusterZKMakeDir());
   BuildStatusTree();
   mView.Start();
-  mThread = std::thread([this] { Run(); });
+  mTask.Start({"The metadata member's step failed", kPeriod, true}, [this] { Step(); });
   return VYN_OK;
 }
 
 void MetadataMember::Stop() {
-  {
-    std::lock_guard lock(mMutex);
-    if (mStopping) {
-      return;
-    }
-    mStopping = true;
-  }
-  mWake.notify_all();
-  if (mThread.joinable()) {
-    mThread.join();
-  }
-  mView.Stop();
-}
-
-void MetadataMember::Run() {
-  for (;;) {
-    try {
-      Step();
-    } catch (const std::exception& failure) {  // no memory: the next step may have some
-      VYN_LOG_ERROR("The metadata member's step failed: " << failure.what());
-    }
-    std::unique_lock lock(mMutex);
-    if (mWake.wait_for(lock, kPeriod, [this] { return mStopping; })) {
-      break;
-    }
+  if (!mTask.Stop()) {
+    return;
   }
   // The claim goes first, so that a successor can win while the last calls still get their answers; their
   // writes are refused once it has.
@@ -96,6 +73,7 @@ void MetadataMember::Run() {
   if (zookeeper::Exists(OwnFollowerPath(mOptions.nodeAddress), &stat) == ZOK && zookeeper::IsOwn(stat)) {
     ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(OwnFollowerPath(mOptions.nodeAddress));
   }
+  mView.Stop();
 }
 
 void MetadataMember::Step() {

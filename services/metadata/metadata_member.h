@@ -15,18 +15,16 @@
 // The role and the leader's address stand in MetaNodeInfo, as everywhere.
 
 #include "cluster/cluster_zkadapter.h"
+#include "common/wait/periodic_task.h"
 #include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_service.h"
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 
 namespace vyn::services {
 
@@ -61,7 +59,6 @@ class MetadataMember {
   FabricView& View() { return mView; }
 
  private:
-  void Run();
   /// One look at the leader znode, and what follows from it.
   void Step();
   void KeepSession();
@@ -97,12 +94,7 @@ class MetadataMember {
   std::chrono::steady_clock::time_point mNextClaim;
   std::unique_ptr<MetadataService> mService;
   std::atomic<bool> mLeading{false};
-
-  std::mutex mMutex;
-  /// Guarded by mMutex.
-  bool mStopping = false;
-  std::condition_variable mWake;
-  std::thread mThread;
+  common::PeriodicTask mTask;
 };
 
 }  // namespace vyn::services

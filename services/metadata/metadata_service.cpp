@@ -86,7 +86,8 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
     mReady = true;
   }
   mChanged.notify_all();
-  mWatcher = std::thread([this] { WatchSilence(); });
+  mLastLook = common::SteadyNow();
+  mSilenceTask.Start({"Silent applications could not be ended", kSilencePeriod}, [this] { WatchSilence(); });
   VYN_LOG_INFO("The metadata service serves at " << mOptions.address << ":" << Port());
   return VYN_OK;
 }
@@ -97,36 +98,36 @@ void MetadataService::Stop() {
     mStopping = true;
   }
   mChanged.notify_all();
+  mSilenceTask.RequestStop();
   mView.SetServing(false);
   mServer.Stop();
-  if (mWatcher.joinable()) {
-    mWatcher.join();
-  }
+  mSilenceTask.Stop();
 }
 
 std::uint32_t MetadataService::AwaitReady() {
   std::unique_lock lock(mMutex);
-  const bool decided = mChanged.wait_for(lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
+  const bool decided =
+      common::WaitFor(mChanged, lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
   // All look like a lost connection to the client, which asks for the leader again and repeats the call.
-  return decided && mReady && !mStopping && HasLease() ? VYN_OK : MetadataStore::kStatusDeposed;
+  return decided && mReady && !mStopping && HasLease() ? VYN_OK : kStatusNotLeading;
 }
 
 template <typename Work>
 std::uint32_t MetadataService::WhenReady(Work work) {
   if (mDeposed.load(std::memory_order_acquire)) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   std::uint32_t status = AwaitReady();
   if (!Failed(status)) {
     status = work();
-    if (status == MetadataStore::kStatusDeposed) {
+    if (status == kStatusNotLeading) {
       mDeposed.store(true, std::memory_order_release);
     }
     if (!HasLease()) {
-      return MetadataStore::kStatusDeposed;  // a successor may have changed what the work has read
+      return kStatusNotLeading;  // a successor may have changed what the work has read
     }
   }
-  return status == MetadataStore::kStatusUnanswered ? MetadataStore::kStatusDeposed : status;
+  return status == kStatusUnanswered ? kStatusNotLeading : status;
 }
 
 std::vector<cluster::NodeInfo> MetadataService::Select(const std::vector<std::string>& candidates, bool one) {
@@ -292,38 +293,26 @@ void MetadataService::RegisterNodeOperations() {
 }
 
 void MetadataService::WatchSilence() {
-  for (auto last = common::SteadyNow();;) {
-    {
-      std::unique_lock lock(mMutex);
-      if (mChanged.wait_for(lock, kSilencePeriod, [this] { return mStopping; })) {
-        return;
-      }
-    }
-    // Heartbeats that came while this process stood still wait behind this look.
-    const auto now = common::SteadyNow();
-    if (now - last > kSilencePeriod + kStandstill) {
-      mState.Forgive(now - last);
-    }
-    last = now;
-    try {
-      EndSilent();
-    } catch (const std::exception& failure) {  // no memory: the next look may have some
-      VYN_LOG_ERROR("Silent applications could not be ended: " << failure.what());
-    }
-    if (Deposed()) {
-      return;
-    }
+  if (Deposed()) {
+    return;
   }
+  // Heartbeats that came while this process stood still wait behind this look.
+  const auto now = common::SteadyNow();
+  if (now - mLastLook > kSilencePeriod + kStandstill) {
+    mState.Forgive(now - mLastLook);
+  }
+  mLastLook = now;
+  EndSilent();
 }
 
 void MetadataService::EndSilent() {
   for (const std::string& application : mState.Silent(mOptions.applicationTimeout)) {
     bool removed = false;
     const std::uint32_t status = mState.Expire(application, mOptions.applicationTimeout, removed);
-    if (status == MetadataStore::kStatusDeposed) {
+    if (status == kStatusNotLeading) {
       mDeposed.store(true, std::memory_order_release);
     }
-    if (status == MetadataStore::kStatusDeposed || status == MetadataStore::kStatusUnanswered) {
+    if (status == kStatusNotLeading || status == kStatusUnanswered) {
       return;  // the next look tries again, or the next leader
     }
     if (removed) {  // it may have sent a heartbeat meanwhile

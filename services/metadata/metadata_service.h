@@ -7,6 +7,7 @@
 // wait for them, for a bounded time.
 
 #include "common/util/clock.h"
+#include "common/wait/periodic_task.h"
 #include "platform/rpc/server/server.h"
 #include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_state.h"
@@ -18,7 +19,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace vyn::services {
@@ -70,6 +70,7 @@ class MetadataService {
   std::uint32_t WhenReady(Work work);
   /// SelectNodes on a view that is fresh enough to show a node that has just come.
   std::vector<cluster::NodeInfo> Select(const std::vector<std::string>& candidates, bool one);
+  /// A look for silent applications.
   void WatchSilence();
   void EndSilent();
 
@@ -85,7 +86,9 @@ class MetadataService {
   bool mReady = false;
   bool mStopping = false;
   std::condition_variable mChanged;
-  std::thread mWatcher;
+  /// Of WatchSilence. Only its thread uses it once that runs.
+  std::chrono::steady_clock::time_point mLastLook;
+  common::PeriodicTask mSilenceTask;
 };
 
 }  // namespace vyn::services

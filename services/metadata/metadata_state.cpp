@@ -93,7 +93,7 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   AwaitForgotten(application, id);
   const auto write = BeginWrite(application);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   Variable variable;
   if (Find(application, id, variable)) {
@@ -128,7 +128,7 @@ bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockN
 std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id) {
   const auto write = BeginWrite(application);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   Variable variable;
   if (!Find(application, id, variable)) {
@@ -184,7 +184,7 @@ std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variabl
 std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
   const auto write = BeginWrite(info.appId);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   Variable variable;
   if (!Find(info.appId, info.broadcastId, variable)) {
@@ -205,7 +205,7 @@ std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
 std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
   const auto write = BeginWrite(info.appId);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   Variable variable;
   if (!Find(info.appId, info.broadcastId, variable)) {
@@ -269,7 +269,7 @@ std::uint32_t MetadataState::GetBlock(const std::string& application, std::uint3
 std::uint32_t MetadataState::RemoveApplication(const std::string& application) {
   const auto write = BeginWrite(application);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   return Remove(application);
 }
@@ -279,7 +279,7 @@ std::uint32_t MetadataState::Expire(const std::string& application, std::chrono:
   removed = false;
   const auto write = BeginWrite(application);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   {
     std::shared_lock lock(mMutex);
@@ -314,7 +314,7 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application, bool aliv
   }
   const auto write = BeginWrite(application);
   if (!write) {
-    return MetadataStore::kStatusDeposed;
+    return kStatusNotLeading;
   }
   if (!alive) {
     return VYN_OK;

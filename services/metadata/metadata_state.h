@@ -3,7 +3,7 @@
 // The applications and variables of one leadership: reads from memory, writes through the store first.
 //
 // A write that a client repeats because the reply was lost succeeds again. Every operation returns 0 or a
-// status of services/common/service_status.h; MetadataStore::kStatusDeposed ends the leadership.
+// status of services/common/service_status.h; kStatusNotLeading ends the leadership.
 //
 // Threads: any, after Load. Writes of one application run one at a time and hold that application's lock
 // across the write to ZooKeeper, so that memory and store agree; reads wait for no write to ZooKeeper.

@@ -2,9 +2,9 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/log/logging.h"
-#include "common/util/clock.h"
+#include "common/wait/retry.h"
 #include "platform/zk_helper/zk_helper.h"
-#include "services/common/service_status.h"
+#include "services/common/json_fields.h"
 #include "services/common/variable_record.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
@@ -13,9 +13,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <mutex>
-#include <nlohmann/json.hpp>
-#include <thread>
 #include <utility>
 
 namespace vyn::services {
@@ -24,48 +21,29 @@ namespace {
 
 using zookeeper::Transaction;
 
-/// Threads that read the applications when a leadership begins.
-constexpr unsigned int kLoaders = 8;
 /// Records that one transaction deletes.
 constexpr std::size_t kDeleteBatch = 100;
 /// Tries against others that make records where they are deleted.
-constexpr int kDeleteAttempts = 5;
-/// Tries against another leader's raise of the epoch.
-constexpr int kRaiseAttempts = 10;
+constexpr unsigned int kDeleteAttempts = 5;
 
 /// How long the nodes have for forgetting a variable, and how often that is looked at.
 constexpr auto kForgetLimit = std::chrono::seconds(5);
 constexpr auto kForgetPause = std::chrono::milliseconds(50);
 
-/// Whether ZooKeeper did not answer: a write with this result may have taken effect all the same.
-bool IsUncertain(int result) {
-  return result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT || result == ZINVALIDSTATE ||
-         result == ZSESSIONEXPIRED || result == ZCLOSING;
-}
-
-/// The status for a read that failed.
-std::uint32_t StoreFailure(int result, const std::string& what) {
-  VYN_LOG_ERROR("Failed to " << what << ", zookeeper get error: " << zookeeper::ResultText(result));
-  return IsUncertain(result) ? MetadataStore::kStatusUnanswered : kStatusStore;
-}
-
-/// Records are our own, but anything that can write to ZooKeeper can damage them.
-bool Flag(const nlohmann::json& json, const char* name) {
-  const auto found = json.is_object() ? json.find(name) : json.end();
-  return json.is_object() && found != json.end() && found->is_boolean() && found->get<bool>();
-}
-
 }  // namespace
-
-const std::uint32_t MetadataStore::kStatusDeposed = VYN_ERR_RPC_TRANSPORT_A;
 
 std::string MetadataStore::Unique() {
   return std::to_string(mEpoch) + "-" + std::to_string(mCounter.fetch_add(1, std::memory_order_relaxed));
 }
 
+std::uint32_t MetadataStore::StoreFailure(int result, const std::string& what) {
+  VYN_LOG_ERROR("Failed to " << what << ", zookeeper get error: " << zookeeper::ResultText(result));
+  return zookeeper::IsUncertain(result) ? kStatusUnanswered : kStatusStore;
+}
+
 std::uint32_t MetadataStore::End() {
   mOver.store(true, std::memory_order_release);
-  return kStatusDeposed;
+  return kStatusNotLeading;
 }
 
 std::uint32_t MetadataStore::StatusOf(int result, const std::string& what) {
@@ -77,193 +55,11 @@ std::uint32_t MetadataStore::StatusOf(int result, const std::string& what) {
     return End();
   }
   const std::uint32_t status = StoreFailure(result, what);
-  return IsUncertain(result) ? End() : status;
+  return zookeeper::IsUncertain(result) ? End() : status;
 }
 
 std::uint32_t MetadataStore::Commit(Transaction& transaction, const std::string& what) {
   return StatusOf(transaction.Commit(), what);
-}
-
-std::uint32_t MetadataStore::RaiseEpoch() {
-  for (const char* path : {kVynRoot, kEpochPath, kNodesPath, kAppsPath, kReclaimPath}) {
-    if (const int result = zookeeper::Ensure(path); result != ZOK) {
-      return StoreFailure(result, std::string("make ") + path);
-    }
-  }
-  for (int attempt = 0; attempt < kRaiseAttempts; ++attempt) {
-    Stat stat{};
-    int result = zookeeper::Exists(kEpochPath, &stat);
-    if (result == ZOK) {
-      result = zookeeper::Set(kEpochPath, "", stat.version);
-      if (result == ZOK) {
-        mEpoch = stat.version + 1;
-        return VYN_OK;
-      }
-    }
-    if (result != ZBADVERSION) {
-      return StoreFailure(result, "raise the epoch");
-    }
-  }
-  return kStatusDeposed;
-}
-
-std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applications, Deletions& deletions,
-                                  std::chrono::steady_clock::time_point* asked) {
-  if (const std::uint32_t status = RaiseEpoch(); Failed(status)) {
-    return status;
-  }
-  std::vector<std::string> names;
-  if (const int result = zookeeper::Children(kAppsPath, names); result != ZOK) {
-    return StoreFailure(result, "list the applications");
-  }
-  std::vector<Application> loaded(names.size());
-  std::atomic<std::size_t> next{0};
-  std::atomic<std::uint32_t> failure{VYN_OK};
-  const auto load = [&] {
-    try {
-      for (std::size_t i = next++; i < names.size() && !Failed(failure); i = next++) {
-        if (const std::uint32_t status = LoadApplication(names[i], loaded[i]); Failed(status)) {
-          failure = status;
-        }
-      }
-    } catch (const std::exception& problem) {
-      VYN_LOG_ERROR("The records could not be read: " << problem.what());
-      failure = VYN_ERR_NULL_POINTER;
-    }
-  };
-  {
-    std::vector<std::jthread> loaders;
-    const std::size_t count = std::min<std::size_t>(kLoaders, names.size());
-    for (std::size_t i = 1; i < count; ++i) {
-      loaders.emplace_back(load);
-    }
-    load();
-  }
-  if (Failed(failure)) {
-    return failure;
-  }
-  applications.clear();
-  for (Application& application : loaded) {
-    if (!application.name.empty()) {
-      applications.emplace(application.name, std::move(application));
-    }
-  }
-  if (asked != nullptr) {
-    *asked = common::SteadyNow();
-  }
-  if (const std::uint32_t status = LoadDeletions(deletions); Failed(status)) {
-    return status;
-  }
-  VYN_LOG_INFO("Metadata of " << applications.size() << " applications read, epoch " << mEpoch);
-  return VYN_OK;
-}
-
-std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
-  // A node that is down, or has lost its session, forgets all before it serves from a new one, and its list may
-  // be long.
-  const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
-  VYN_CHECK_POINTER(adapter);
-  std::vector<std::string> nodes;
-  int result = zookeeper::Children(adapter->mNodePath, nodes);
-  for (std::size_t i = 0; i < nodes.size() && result == ZOK; ++i) {
-    const std::string list = std::string(kReclaimPath) + "/" + nodes[i];
-    std::vector<std::string> names;
-    result = zookeeper::Children(list, names);
-    for (std::size_t n = 0; n < names.size() && result == ZOK; ++n) {
-      std::string text;
-      ReclaimEntry entry;
-      result = zookeeper::Get(list + "/" + names[n], text);
-      if (result == ZOK && ReclaimEntry::FromText(text, entry) && !entry.variablePath.empty()) {
-        deletions[{entry.application, entry.variableId}].push_back(list + "/" + names[n]);
-      }
-      result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // done meanwhile
-    }
-    result = result == ZNONODE ? static_cast<int>(ZOK) : result;
-  }
-  return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read what nodes have to forget");
-}
-
-std::uint32_t MetadataStore::LoadApplication(const std::string& name, Application& application) {
-  const std::string path = AppPath(name);
-  std::string text;
-  int result = zookeeper::Get(path, text);
-  std::vector<std::string> children;
-  if (result == ZOK) {
-    result = zookeeper::Children(path, children);
-  }
-  if (result == ZNONODE) {
-    return VYN_OK;  // it went meanwhile
-  }
-  if (result != ZOK) {
-    return StoreFailure(result, "read " + path);
-  }
-  application.name = name;
-  const auto json = nlohmann::json::parse(text, nullptr, false);
-  application.heartbeat = Flag(json, "heartbeat");
-  if (Flag(json, kRemovedFlag)) {
-    // An earlier leadership ended in the middle of the removal.
-    application.name.clear();
-    return RemoveApplication(name);
-  }
-  for (const std::string& child : children) {
-    if (child == kTokenName) {
-      continue;
-    }
-    Variable variable;
-    bool deleted = false;
-    variable.path = path + "/" + child;
-    if (const std::uint32_t status = LoadVariable(variable.path, variable, deleted); Failed(status)) {
-      return status;
-    }
-    if (deleted) {
-      continue;
-    }
-    variable.id = static_cast<std::uint32_t>(std::strtoul(child.c_str(), nullptr, 10));
-    const auto [kept, added] = application.variables.try_emplace(variable.id, std::move(variable));
-    if (!added) {
-      if (const std::uint32_t status = Settle(name, kept->second, variable); Failed(status)) {
-        return status;
-      }
-    }
-  }
-  return VYN_OK;
-}
-
-std::uint32_t MetadataStore::Settle(const std::string& application, Variable& kept, Variable& other) {
-  if (other.ready && !kept.ready) {
-    std::swap(kept, other);
-  }
-  VYN_LOG_WARN("Variable " << kept.path << " stands twice, " << other.path << " is deleted");
-  std::vector<std::string> entries;
-  return RemoveVariable(application, other, entries);
-}
-
-std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& variable, bool& deleted) {
-  VariableRecord record;
-  switch (ReadVariableRecord(path, record)) {
-    case RecordRead::kFailed:
-      return kStatusStore;
-    case RecordRead::kAbsent:
-      if (record.state == RecordState::kReady) {
-        VYN_LOG_ERROR("A piece of the record " << path << " is missing, the variable is left out");
-      }  // otherwise its node has taken it away meanwhile
-      deleted = true;
-      return VYN_OK;
-    case RecordRead::kDamaged:
-      deleted = true;  // it cannot be served; the log names it
-      return VYN_OK;
-    case RecordRead::kRead:
-      break;
-  }
-  deleted = record.state == RecordState::kDeleted;
-  variable.blockNum = record.blockNum;
-  variable.pieces = record.pieces;
-  variable.list = record.list;
-  variable.ready = record.state == RecordState::kReady;
-  variable.nodeId = record.blocks.nodeId;
-  variable.bmIds = std::move(record.blocks.bmIds);
-  variable.sizes = std::move(record.blocks.sizes);
-  return VYN_OK;
 }
 
 std::uint32_t MetadataStore::AddApplication(const std::string& application) {
@@ -345,18 +141,17 @@ std::uint32_t MetadataStore::TellNodes(Transaction& transaction, ReclaimEntry en
 
 void MetadataStore::AwaitForgotten(const std::vector<std::string>& entries) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
-  const auto end = common::SteadyNow() + kForgetLimit;
+  auto retry = common::Retry::For(kForgetLimit, kForgetPause);
   for (const std::string& path : entries) {
     // A node without its session forgets all before the next one.
     const std::size_t begin = std::strlen(kReclaimPath) + 1;
     const std::string node = path.substr(begin, path.find('/', begin) - begin);
     while (adapter != nullptr && zookeeper::Exists(path) != ZNONODE &&
            zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
-      if (common::SteadyNow() > end) {
+      if (!retry.Again()) {
         VYN_LOG_WARN("Node " << node << " has not taken " << path << " yet, it is not waited for any longer");
         return;
       }
-      common::SleepFor(kForgetPause);
     }
   }
 }
@@ -365,7 +160,7 @@ std::uint32_t MetadataStore::IsRegistered(const std::string& application, bool& 
   std::string text;
   const std::string path = AppPath(application);
   const int result = zookeeper::Get(path, text);
-  registered = result == ZOK && !Flag(nlohmann::json::parse(text, nullptr, false), kRemovedFlag);
+  registered = result == ZOK && !FlagField(ParseJson(text), kRemovedFlag);
   return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read " + path);
 }
 
@@ -408,8 +203,9 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
   // name anew.
   const std::string path = AppPath(application);
   int present = ZOK;
-  int result = ZNODEEXISTS;
-  for (int attempt = 0; result == ZNODEEXISTS && attempt < kDeleteAttempts; ++attempt) {
+  int result = ZOK;
+  auto retry = common::Retry::Times(kDeleteAttempts);
+  do {
     Transaction transaction;
     transaction.Check(kEpochPath, mEpoch);
     present = zookeeper::Exists(path);
@@ -429,7 +225,7 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
       return status;
     }
     result = transaction.Commit();
-  }
+  } while (result == ZNODEEXISTS && retry.Again());
   if (result != ZOK) {
     return StatusOf(result, "remove application " + application);
   }
@@ -441,13 +237,12 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
 std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {
   // Again when something was made below it meanwhile, as a registration may.
   std::uint32_t status = kStatusStore;
-  for (int attempt = 0; attempt < kDeleteAttempts; ++attempt) {
-    bool grown = false;
+  bool grown = false;
+  auto retry = common::Retry::Times(kDeleteAttempts);
+  do {
+    grown = false;
     status = DeleteRecordsOnce(path, grown);
-    if (!grown) {
-      break;
-    }
-  }
+  } while (grown && retry.Again());
   return status;
 }
 

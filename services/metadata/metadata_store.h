@@ -10,6 +10,7 @@
 //
 // Threads: any, after Open. The caller keeps the writes of one application in order.
 
+#include "services/common/service_status.h"
 #include "services/common/zookeeper_layout.h"
 #include "services/metadata/variable.h"
 
@@ -30,12 +31,8 @@ class Transaction;
 class MetadataStore {
  public:
   /// The leadership is over: another leader has taken over, or ZooKeeper did not say what became of a write,
-  /// so that only reading everything anew can tell. Clients take it for a lost connection: they look the
-  /// leader up and try again.
-  static const std::uint32_t kStatusDeposed;
-  /// ZooKeeper did not answer a question, and nothing was written. The leadership goes on; to clients it
-  /// looks like kStatusDeposed.
-  static constexpr std::uint32_t kStatusUnanswered = 2140029;
+  /// so that only reading everything anew can tell.
+  static constexpr std::uint32_t kStatusDeposed = kStatusNotLeading;
   /// The most blocks that a variable can have: their list fits into one frame of a reply.
   static constexpr std::uint32_t kMaxBlocks = 500000;
 
@@ -72,6 +69,8 @@ class MetadataStore {
   std::uint32_t RemoveApplication(const std::string& application);
 
  private:
+  /// Logs a read that failed. Returns: the status for it.
+  static std::uint32_t StoreFailure(int result, const std::string& what);
   /// The status for a write's result.
   std::uint32_t StatusOf(int result, const std::string& what);
   /// Returns: kStatusDeposed.

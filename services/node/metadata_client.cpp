@@ -2,7 +2,7 @@
 
 #include "cluster/meta_node_info.h"
 #include "common/log/logging.h"
-#include "common/util/clock.h"
+#include "common/wait/retry.h"
 #include "services/common/service_status.h"
 #include "tessel/message/operation_codes.h"
 
@@ -32,12 +32,11 @@ std::string KnownLeader() {
 }
 
 std::string AwaitLeader(std::chrono::milliseconds limit, const std::function<bool()>& wanted) {
-  const auto end = common::SteadyNow() + limit;
-  std::string leader = KnownLeader();
-  while (leader.empty() && wanted() && common::SteadyNow() < end) {
-    common::SleepFor(kLeaderPause);
+  auto retry = common::Retry::For(limit, kLeaderPause);
+  std::string leader;
+  do {
     leader = KnownLeader();
-  }
+  } while (leader.empty() && wanted() && retry.Again());
   return leader;
 }
 
@@ -57,7 +56,7 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   // A leader that does not answer now is followed by the calls: only a client without a pool has to be made
   // again.
   const std::uint32_t status = engine->Initialize();
-  if (engine->mEnginePool == nullptr) {
+  if (engine->EnginePool() == nullptr) {
     return Failed(status) ? status : kStatusNoLeader;
   }
   std::lock_guard lock(mMutex);
@@ -88,13 +87,11 @@ std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32
   VYN_CHECK_POINTER(response);
   request->appId = application;
   request->broadcastId = id;
-  const auto end = common::SteadyNow() + mLimits.lookUp;
-  std::uint32_t status = Ask(request, response);
-  while (IsTransient(status) && !mStopping.load(std::memory_order_relaxed) &&
-         common::SteadyNow() + kRetryPause < end) {
-    common::SleepFor(kRetryPause);
+  auto retry = common::Retry::For(mLimits.lookUp, kRetryPause);
+  std::uint32_t status = VYN_OK;
+  do {
     status = Ask(request, response);
-  }
+  } while (IsTransient(status) && !mStopping.load(std::memory_order_relaxed) && retry.Again());
   if (Failed(status)) {
     return status;
   }

@@ -12,15 +12,13 @@
 //   ... at this address and another link port                     waited for, at most claimLimit: it may run
 //   /vyn/nodes/<id> with another address, and an empty pool here  refused without takeOver: it may come back
 
+#include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 
 namespace vyn::services {
 
@@ -66,16 +64,13 @@ class NodeRegistry {
   Published PublishEphemeral(const std::string& path, const std::string& record,
                              const std::function<Published(const std::string& present)>& judge,
                              std::string& error);
-  void Run();
-  void Keep(bool& published);
+  void Keep();
 
   const NodeIdentity mIdentity;
   const bm::FabricNode& mFabric;
-  std::mutex mMutex;
-  /// Guarded by mMutex.
-  bool mStopping = false;
-  std::condition_variable mWake;
-  std::thread mThread;
+  /// Whether the last round of mTask found or made the records. Only its thread uses it.
+  bool mPublished = true;
+  common::PeriodicTask mTask;
 };
 
 }  // namespace vyn::services

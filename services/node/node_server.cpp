@@ -6,7 +6,7 @@
 #include "services/node/token_registry.h"
 #include "tessel/message/operation_codes.h"
 
-#include <openssl/evp.h>
+#include <sodium.h>
 
 #include <algorithm>
 #include <array>
@@ -24,8 +24,6 @@ using namespace tessel;  // the messages
 constexpr std::size_t kMaxBlocks = 500000;
 /// How long the question for the leader waits while there is none.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
-/// The most variables that wait to be asked for. So many do only while no leader answers.
-constexpr std::size_t kMaxQueued = 10000;
 /// The largest blob, in bytes; the client has the same limit.
 constexpr std::uint64_t kMaxBlobSize = std::uint64_t{20} << 20U;
 
@@ -54,43 +52,18 @@ rpc::ServerOptions ServerOptionsOf(const NodeServerOptions& options) {
   return server;
 }
 
-/// Takes the fields over that travel.
-void Copy(const BroadcastBlockInfo& from, BroadcastBlockInfo& to) {
-  to.appId = from.appId;
-  to.broadcastId = from.broadcastId;
-  to.bmIds = from.bmIds;
-  to.sizes = from.sizes;
-  to.nodeId = from.nodeId;
-}
-
-void Answer(const Caller& caller, const BroadcastBlockInfo& variable) {
-  common::Ref<BroadcastBlockInfo> response(new (std::nothrow) BroadcastBlockInfo());
-  if (response == nullptr) {
-    caller.Refuse(VYN_ERR_NULL_POINTER);
-    return;
-  }
-  Copy(variable, *response);
-  caller.Answer(response);
-}
-
-/// What the object `bmId` gives to the number of its blob. Returns: 0 when it cannot be computed.
+/// What the object `bmId` gives to the number of its blob.
 std::uint64_t BlobHash(const std::string& bmId) {
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  std::array<unsigned char, crypto_hash_sha256_BYTES> digest{};
+  crypto_hash_sha256(digest.data(), reinterpret_cast<const unsigned char*>(bmId.data()), bmId.size());
   std::uint64_t hash = 0;
-  if (EVP_Digest(bmId.data(), bmId.size(), digest.data(), nullptr, EVP_sha256(), nullptr) == 1) {
-    std::memcpy(&hash, digest.data(), sizeof(hash));
-  }
+  std::memcpy(&hash, digest.data(), sizeof(hash));
   return hash;
 }
 
 /// What its bag gives to the number of a blob, which is both, xor.
 std::uint64_t BagHash(std::uint32_t bagId) {
   return bagId * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: neighbours differ in all bits
-}
-
-/// Whether the leader's refusal may be out of date by the time that it arrives: the driver goes on meanwhile.
-bool CanComeTrue(std::uint32_t status) {
-  return status == kStatusUnknownVariable || status == kStatusNotReady;
 }
 
 /// A name and a token that the pool takes.
@@ -102,7 +75,10 @@ bool CanRegister(const std::string& application, const std::string& token) {
 }  // namespace
 
 NodeServer::NodeServer(NodeServerOptions options, bm::FabricNode& fabric)
-    : mOptions(std::move(options)), mFabric(fabric), mServer(ServerOptionsOf(mOptions)) {
+    : mOptions(std::move(options)),
+      mFabric(fabric),
+      mVariables(mOptions.lookUp, std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)),
+      mServer(ServerOptionsOf(mOptions)) {
   RegisterOperations();
 }
 
@@ -258,8 +234,7 @@ std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& requ
   const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
   Audit(peer, "unregister_application", request.ns, status);
   if (!Failed(status)) {
-    std::lock_guard lock(mMutex);
-    ForgetVariables(request.ns);
+    mVariables.Forget(request.ns);
   }
   return status;
 }
@@ -314,124 +289,7 @@ void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) 
     caller.Refuse(kStatusNotRegistered);
     return;
   }
-  Flight flight({request.appId, request.broadcastId}, 0);
-  common::Ref<BroadcastBlockInfo> known;
-  bool tooMany = false;
-  {
-    std::lock_guard lock(mMutex);
-    if (const auto found = mVariables.find(flight.first); found != mVariables.end()) {
-      known = found->second;
-    } else {
-      flight.second = mForgets;
-      const auto [waiting, first] = mFlights.try_emplace(flight, std::vector<Caller>{caller});
-      if (!first) {
-        waiting->second.push_back(caller);
-        return;
-      }
-      if (mAsking < std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)) {
-        ++mAsking;
-      } else if (mQueued.size() < kMaxQueued) {
-        mQueued.push_back(flight);
-        return;
-      } else {
-        mFlights.erase(waiting);
-        tooMany = true;
-      }
-    }
-  }
-  if (known != nullptr) {
-    Answer(caller, *known);
-  } else if (tooMany) {
-    caller.Refuse(kStatusNoLeader);
-  } else {
-    LookUpAll(flight);
-  }
-}
-
-void NodeServer::LookUpAll(Flight flight) {
-  std::uint32_t status = LookUp(flight);
-  while (TakeQueued(flight)) {
-    if (Failed(status) && !CanComeTrue(status)) {
-      RefuseQueued(flight, status);  // who has waited while the leader was asked in vain
-    } else {
-      status = LookUp(flight);
-    }
-  }
-}
-
-bool NodeServer::TakeQueued(Flight& flight) {
-  std::lock_guard lock(mMutex);
-  if (mQueued.empty()) {
-    --mAsking;
-    return false;
-  }
-  flight = std::move(mQueued.front());
-  mQueued.pop_front();
-  return true;
-}
-
-void NodeServer::RefuseQueued(const Flight& flight, std::uint32_t status) {
-  std::vector<Caller> waiting;
-  {
-    std::lock_guard lock(mMutex);
-    waiting = std::move(mFlights.extract(flight).mapped());
-  }
-  for (const Caller& caller : waiting) {
-    caller.Refuse(status);
-  }
-}
-
-std::uint32_t NodeServer::LookUp(const Flight& flight) {
-  for (;;) {
-    std::vector<Caller> before;
-    {
-      std::lock_guard lock(mMutex);
-      before.swap(mFlights.at(flight));
-    }
-    const common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
-    const std::uint32_t status = AskLeader(flight, found);
-    std::vector<Caller> since;
-    bool again = false;
-    {
-      std::lock_guard lock(mMutex);
-      const auto joined = mFlights.find(flight);
-      again = CanComeTrue(status) && !joined->second.empty();
-      if (!again) {
-        since.swap(joined->second);
-        mFlights.erase(joined);
-      }
-    }
-    for (const auto* callers : {&before, &since}) {
-      for (const Caller& caller : *callers) {
-        if (Failed(status)) {
-          caller.Refuse(status);
-        } else {
-          Answer(caller, *found);
-        }
-      }
-    }
-    if (!again) {
-      return status;
-    }
-  }
-}
-
-std::uint32_t NodeServer::AskLeader(const Flight& flight, const common::Ref<BroadcastBlockInfo>& found) {
-  const auto& [application, id] = flight.first;
-  if (found == nullptr) {
-    return VYN_ERR_NULL_POINTER;
-  }
-  try {
-    const std::uint32_t status = mOptions.lookUp(application, id, *found);
-    std::lock_guard lock(mMutex);
-    if (!Failed(status) && mForgets == flight.second) {
-      mVariables[flight.first] = found;
-    }
-    return status;
-  } catch (const std::exception& failure) {
-    VYN_LOG_ERROR("The look-up of variable " << id << " of " << application << " failed: " << failure.what());
-    return VYN_ERR_NULL_POINTER;
-  }
+  mVariables.Fetch(request.appId, request.broadcastId, caller);
 }
 
 std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response,
@@ -480,7 +338,7 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std
   }
   std::vector<std::string> bmIds;
   for (const bm::ObjectInfo& object : objects) {
-    if (const std::uint64_t hash = BlobHash(object.id); hash != 0 && wanted.count(hash) != 0) {
+    if (wanted.count(BlobHash(object.id)) != 0) {
       bmIds.push_back(object.id);
     }
   }
@@ -489,45 +347,14 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std
 }
 
 void NodeServer::Forget(const std::string& application, std::uint32_t id) {
-  common::Ref<BroadcastBlockInfo> known;
-  {
-    std::lock_guard lock(mMutex);
-    ++mForgets;
-    if (auto found = mVariables.extract(Key(application, id))) {
-      known = std::move(found.mapped());
-    }
-  }
-  if (known != nullptr) {
-    mFabric.DropCopies(known->bmIds);
-  }
-}
-
-void NodeServer::ForgetVariables(const std::string& application) {
-  ++mForgets;
-  for (auto variable = mVariables.lower_bound(Key(application, 0));
-       variable != mVariables.end() && variable->first.first == application;) {
-    variable = mVariables.erase(variable);
-  }
+  mFabric.DropCopies(mVariables.Forget(application, id));
 }
 
 void NodeServer::Forget(const std::string& application) {
-  {
-    std::lock_guard lock(mMutex);
-    ForgetVariables(application);
-  }
+  mVariables.Forget(application);
   mFabric.DropCopies(application);
 }
 
-void NodeServer::ForgetAll() {
-  std::map<Key, common::Ref<BroadcastBlockInfo>> known;
-  {
-    std::lock_guard lock(mMutex);
-    ++mForgets;
-    known.swap(mVariables);
-  }
-  for (const auto& [key, variable] : known) {
-    mFabric.DropCopies(variable->bmIds);
-  }
-}
+void NodeServer::ForgetAll() { mFabric.DropCopies(mVariables.ForgetAll()); }
 
 }  // namespace vyn::services

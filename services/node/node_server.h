@@ -3,14 +3,13 @@
 // The server of this node's executors: applications, block batches, the leader's address, blobs.
 //
 // An application is registered at a node when the node's pool has its namespace, so a registration outlives a
-// restart of the daemon. A variable that this node does not know is looked up at the metadata leader and
-// remembered until it is deleted. A blob is an object of the pool whose number is made from its id there, so
+// restart of the daemon. A blob is an object of the pool whose number is made from its id there, so
 // that it is found again after a restart too.
 
-#include "common/util/ref.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/rpc/server/server.h"
 #include "services/common/rpc_handlers.h"
+#include "services/node/variable_cache.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/shuffle/blob_messages.h"
@@ -18,12 +17,10 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace vyn::services {
@@ -40,10 +37,7 @@ struct NodeServerOptions {
   std::function<bool(const std::string& application)> reclaim;
   /// Frees objects of the pool, soon: called from threads that must not wait.
   std::function<void(const std::string& application, const std::vector<std::string>& bmIds)> giveBack;
-  /// Asks the metadata leader for a variable. Returns: 0 or a status.
-  std::function<std::uint32_t(const std::string& application, std::uint32_t id,
-                              tessel::BroadcastBlockInfo& info)>
-      lookUp;
+  VariableCache::AskLeader lookUp;
 };
 
 class NodeServer {
@@ -69,10 +63,6 @@ class NodeServer {
   void ForgetAll();
 
  private:
-  using Key = std::pair<std::string, std::uint32_t>;
-  /// A look-up under way: of which variable, and how often this server had forgotten when it began.
-  using Flight = std::pair<Key, std::uint64_t>;
-
   void RegisterOperations();
   std::uint32_t RegisterApplication(tessel::ApplicationRegisterRequest& request,
                                     tessel::NodeIdResponse& response, const std::string& peer);
@@ -81,18 +71,6 @@ class NodeServer {
   /// Frees what was made for a caller that has gone without its answer.
   void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
   void FetchBlocks(const tessel::BroadcastVar& request, const Caller& caller);
-  /// Looks up, and then what is queued, until that is nothing; once the leader has been asked in vain, refuses
-  /// it. Requires: mAsking counts this.
-  void LookUpAll(Flight flight);
-  /// Fills `flight` with the next. Returns: false when there is none; mAsking counts this one no more.
-  bool TakeQueued(Flight& flight);
-  void RefuseQueued(const Flight& flight, std::uint32_t status);
-  /// Asks the metadata leader, and answers all who have asked meanwhile. That the variable is not there, or
-  /// not ready, is only told to those who had asked before the leader was; for the others it is asked again.
-  /// Returns: 0 or the last status.
-  std::uint32_t LookUp(const Flight& flight);
-  /// Remembers the answer. Returns: 0 or a status.
-  std::uint32_t AskLeader(const Flight& flight, const common::Ref<tessel::BroadcastBlockInfo>& found);
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response,
                            const std::string& peer);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request, const std::string& peer);
@@ -104,30 +82,17 @@ class NodeServer {
   std::uint64_t ObjectsOf(const std::string& application) const;
   /// Objects that a call is about to make: others that come meanwhile count them, too.
   class Making;
-  /// Requires: mMutex is held.
-  void ForgetVariables(const std::string& application);
   bool IsRegistered(const std::string& application) const;
 
   const NodeServerOptions mOptions;
   bm::FabricNode& mFabric;
+  VariableCache mVariables;
   rpc::Server mServer;
 
   std::atomic<bool> mStopping{false};
   std::mutex mMakingMutex;
   /// By application. Guarded by mMakingMutex.
   std::map<std::string, std::uint64_t> mMaking;
-  std::mutex mMutex;
-  // Guarded by mMutex.
-  std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;
-  /// Counts the forgets, so that an answer of the leader that was on its way meanwhile is not remembered, nor
-  /// given to who asked later.
-  std::uint64_t mForgets = 0;
-  /// Who waits for each look-up, under way or queued. At most the first of them keeps a worker.
-  std::map<Flight, std::vector<Caller>> mFlights;
-  /// Look-ups that keep a worker: at most half of all, so that what needs no leader is served without one.
-  unsigned int mAsking = 0;
-  /// Look-ups that wait for one of these, without a worker.
-  std::deque<Flight> mQueued;
 };
 
 }  // namespace vyn::services

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <exception>
 
 namespace vyn::services {
 
@@ -24,18 +23,14 @@ Reclaimer::Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
 Reclaimer::~Reclaimer() { Stop(); }
 
 void Reclaimer::Start() {
-  mThread = std::thread([this] { Run(); });
+  mTask.Start({"This node's list could not be worked off", kPeriod, true}, [this] {
+    FreeGivenBack();
+    Drain();
+  });
 }
 
 void Reclaimer::Stop() {
-  {
-    std::lock_guard lock(mMutex);
-    mStopping = true;
-  }
-  mWake.notify_all();
-  if (mThread.joinable()) {
-    mThread.join();
-  }
+  mTask.Stop();
   FreeGivenBack();
 }
 
@@ -44,7 +39,7 @@ void Reclaimer::GiveBack(const std::string& application, const std::vector<std::
     std::lock_guard lock(mMutex);
     mGivenBack.emplace_back(application, bmIds);
   }
-  mWake.notify_all();
+  mTask.Wake();
 }
 
 void Reclaimer::FreeGivenBack() {
@@ -58,27 +53,6 @@ void Reclaimer::FreeGivenBack() {
   }
 }
 
-void Reclaimer::Run() {
-  for (;;) {
-    try {
-      FreeGivenBack();
-      Drain();
-    } catch (const std::exception& failure) {  // no memory: the next round may have some
-      VYN_LOG_ERROR("This node's list could not be worked off: " << failure.what());
-    }
-    std::unique_lock lock(mMutex);
-    mWake.wait_for(lock, kPeriod, [this] { return mStopping || !mGivenBack.empty(); });
-    if (mStopping) {
-      return;
-    }
-  }
-}
-
-bool Reclaimer::Stopping() {
-  std::lock_guard lock(mMutex);
-  return mStopping;
-}
-
 bool Reclaimer::Drain(const std::string& application) {
   const std::string list = ReclaimPath(mNodeId);
   std::vector<std::string> names;
@@ -88,7 +62,7 @@ bool Reclaimer::Drain(const std::string& application) {
   }
   bool done = true;
   for (const std::string& name : names) {
-    if (Stopping()) {
+    if (mTask.Stopping()) {
       return false;
     }
     FreeGivenBack();

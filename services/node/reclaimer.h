@@ -4,16 +4,15 @@
 // before the node serves, when an application registers anew, and by a thread of its own. What could not be
 // done stays in the list. Beside it, frees what this node made and nobody has learnt of.
 
+#include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "services/common/zookeeper_layout.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -47,9 +46,7 @@ class Reclaimer {
     kKept,  ///< the blocks cannot be named: they stay until their application ends, and the entry with them
   };
 
-  void Run();
   void FreeGivenBack();
-  bool Stopping();
   Outcome DrainEntry(const std::string& path, const std::string& application);
   Outcome Handle(const std::string& path, const ReclaimEntry& entry);
   Outcome FreeVariable(const ReclaimEntry& entry);
@@ -64,12 +61,9 @@ class Reclaimer {
   /// Records of which it was told that they cannot be read. Guarded by mDraining.
   std::set<std::string> mTold;
   std::mutex mMutex;
-  // Guarded by mMutex.
-  bool mStopping = false;
-  /// By application.
+  /// By application. Guarded by mMutex.
   std::vector<std::pair<std::string, std::vector<std::string>>> mGivenBack;
-  std::condition_variable mWake;
-  std::thread mThread;
+  common::PeriodicTask mTask;
 };
 
 }  // namespace vyn::services

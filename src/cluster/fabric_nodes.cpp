@@ -2,61 +2,27 @@
 // node (services/node/node_registry.cpp).
 
 #include "cluster/cluster_zkadapter.h"
+#include "cluster/node_records.h"
 #include "cluster/zk_session.h"
+#include "common/util/text.h"
 
-#include <bit>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 namespace vyn::cluster {
 
 namespace {
 
-static_assert(std::endian::native == std::endian::little,
-              "the records are little-endian and read as they stand");
-
-/// The record of "/mf/node/{nodeId}".
-struct NodeRecord {
-  std::uint32_t ignored = 0;
-  std::uint32_t auxValue = 0;
-  char ip[16] = "127.0.0.1";
-  char hostName[64] = "hostname";
-};
-static_assert(sizeof(NodeRecord) == 88);
-
-/// The record of "/mf/capacity/{nodeId}".
-struct CapacityRecord {
-  std::uint64_t capacityA = 0;
-  std::uint64_t capacityB = 0;
-  std::uint64_t time = 0;
-};
-static_assert(sizeof(CapacityRecord) == 24);
-
 /// Reads a znode into `record`. A longer value is cut. A shorter one overwrites only the beginning of
 /// `record`.
 template <typename Record>
-int ReadRecord(const std::string& path, Record& record) {
-  int length = sizeof(Record);
-  return DoDlZooGet(g_ZKHandler, path.c_str(), 0, reinterpret_cast<char*>(&record), &length, nullptr);
-}
-
-template <std::size_t kSize>
-std::string UpToNul(const char (&text)[kSize]) {
-  return {text, strnlen(text, kSize)};
-}
-
-/// Reads the name of a node's znode as a node id. Returns: false when it is no number.
-bool ParseNodeId(const char* name, unsigned int& nodeId) {
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(name, &end, 10);
-  if (end == name || *end != '\0' || errno == ERANGE || (value == 0 && std::strcmp(name, "0") != 0)) {
-    return false;
+int ReadRecord(const std::string& path, int size, Record& record) {
+  std::string value(static_cast<std::size_t>(size), '\0');
+  const int result = DoDlZooGet(g_ZKHandler, path.c_str(), 0, value.data(), &size, nullptr);
+  if (result == ZOK) {
+    value.resize(static_cast<std::size_t>(size < 0 ? 0 : size));  // a null value has length -1
+    record.Decode(value);
   }
-  nodeId = static_cast<unsigned int>(value);
-  return true;
+  return result;
 }
 
 }  // namespace
@@ -75,12 +41,12 @@ std::uint32_t ClusterZKAdapter::ClusterZKGetNodeList(std::set<unsigned int>& nod
     return VYN_ERR_GENERIC;
   }
   for (int i = 0; i < children.mNames.count; ++i) {
-    unsigned int nodeId = 0;
-    if (!ParseNodeId(children.mNames.data[i], nodeId)) {
+    long nodeId = 0;
+    if (!common::VynStol(children.mNames.data[i], nodeId)) {
       VYN_LOG_ERROR("Failed to parse node id from zookeeper.");
       return VYN_ERR_GENERIC;
     }
-    nodes.insert(nodeId);
+    nodes.insert(static_cast<unsigned int>(nodeId));
   }
   Audit("get_node_list", true);
   return VYN_OK;
@@ -89,8 +55,8 @@ std::uint32_t ClusterZKAdapter::ClusterZKGetNodeList(std::set<unsigned int>& nod
 std::uint32_t ClusterZKAdapter::ClusterZKGetNodeInfo(unsigned int nodeId, NodeInfo& info) const {
   std::lock_guard lock(mZKHandleLock);
   VYN_CHECK_SESSION();
-  NodeRecord record;
-  const int result = ReadRecord(mNodePath + "/" + std::to_string(nodeId), record);
+  NodeRecord record{0, "127.0.0.1", "hostname"};
+  const int result = ReadRecord(mNodePath + "/" + std::to_string(nodeId), kNodeRecordSize, record);
   if (result == ZNONODE) {
     info.nodeId = nodeId;
     info.exists = 0;
@@ -102,9 +68,9 @@ std::uint32_t ClusterZKAdapter::ClusterZKGetNodeInfo(unsigned int nodeId, NodeIn
   }
   info.nodeId = nodeId;
   info.exists = 1;
-  info.ip = UpToNul(record.ip);
-  info.hostName = UpToNul(record.hostName);
-  info.auxValue = record.auxValue;
+  info.ip = record.address;
+  info.hostName = record.hostName;
+  info.auxValue = record.linkPort;
   return VYN_OK;
 }
 
@@ -112,11 +78,11 @@ std::uint32_t ClusterZKAdapter::ClusterZKGetMemInfo(unsigned int nodeId, NodeInf
   std::lock_guard lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   CapacityRecord record;
-  if (ReadRecord(mCapacityPath + "/" + std::to_string(nodeId), record) != ZOK) {
+  if (ReadRecord(mCapacityPath + "/" + std::to_string(nodeId), kCapacityRecordSize, record) != ZOK) {
     return VYN_ERR_GENERIC;
   }
-  info.capacityA = record.capacityA;
-  info.capacityB = record.capacityB;
+  info.capacityA = record.size;
+  info.capacityB = record.free;
   info.capacityTime = record.time;
   return ConvertTimestamp(info.capacityTime, info.capacityTimeText);
 }

@@ -2,13 +2,13 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "platform/zk_helper/zk_helper.h"
+#include "services/common/json_fields.h"
 #include "services/common/variable_record.h"
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
 #include "tools/vynctl/commands.h"
 #include "vyn/broadcast.h"
 
-#include <charconv>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -43,27 +43,13 @@ std::vector<std::string> Children(const std::string& path) {
   return names;
 }
 
-/// Returns: false for a name that is no number. The tree is open to everybody, so a stranger's znode may be
-/// in it.
-bool ToNumber(const std::string& name, std::uint32_t& number) {
-  const char* end = name.data() + name.size();
-  const auto [rest, error] = std::from_chars(name.data(), end, number);
-  return error == std::errc() && rest == end;
-}
-
-/// The text behind a key of a node's persistent record, empty when the record is damaged.
-std::string TextOf(const json& record, const char* key) {
-  const auto value = record.is_object() ? record.find(key) : record.end();
-  return record.is_object() && value != record.end() && value->is_string() ? value->get<std::string>() : "";
-}
-
 /// The variables of an application, without their contents.
 json Variables(const std::string& application) {
   json variables = json::array();
   for (const std::string& name : Children(services::AppPath(application))) {
     services::VariableRecord record;
     std::uint32_t id = 0;
-    if (!ToNumber(name.substr(0, name.find('.')), id) ||
+    if (!services::ParseId(name.substr(0, name.find('.')), id) ||
         services::ReadVariableRecord(services::AppPath(application) + "/" + name, record) !=
             services::RecordRead::kRead ||
         record.state == services::RecordState::kDeleted) {
@@ -106,7 +92,7 @@ json Collect() {
   for (const std::string& name : Children(adapter->mNodePath)) {
     cluster::NodeInfo node;
     std::uint32_t id = 0;
-    if (!ToNumber(name, id) || Failed(adapter->ClusterZKGetNodeInfo(id, node))) {
+    if (!services::ParseId(name, id) || Failed(adapter->ClusterZKGetNodeInfo(id, node))) {
       continue;
     }
     live.insert(name);
@@ -121,12 +107,12 @@ json Collect() {
   for (const std::string& name : Children(services::kNodesPath)) {
     std::string text;
     std::uint32_t id = 0;
-    if (live.count(name) == 0 && ToNumber(name, id) &&
+    if (live.count(name) == 0 && services::ParseId(name, id) &&
         zookeeper::Get(std::string(services::kNodesPath) + "/" + name, text) == ZOK) {
-      const json node = json::parse(text, nullptr, false);
+      const json node = services::ParseJson(text);
       nodes.push_back({{"id", id},
-                       {"host", TextOf(node, "host")},
-                       {"address", TextOf(node, "ip")},
+                       {"host", services::TextField(node, "host")},
+                       {"address", services::TextField(node, "ip")},
                        {"live", false},
                        {"capacity", 0},
                        {"used", 0}});

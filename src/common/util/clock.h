@@ -38,5 +38,19 @@ inline void WaitFor(std::condition_variable& condition, std::unique_lock<std::mu
 }
 /// Clock::Now of the clock in use.
 inline std::chrono::steady_clock::time_point SteadyNow() { return Clock::Get().Now(); }
+/// Waits through the seam until `done()`, at most `limit`. Returns: done().
+template <typename Done>
+bool WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+             std::chrono::nanoseconds limit, Done done) {
+  const auto end = SteadyNow() + limit;
+  while (!done()) {
+    const auto now = SteadyNow();
+    if (now >= end) {
+      return false;
+    }
+    WaitFor(condition, lock, end - now);
+  }
+  return true;
+}
 
 }  // namespace vyn::common

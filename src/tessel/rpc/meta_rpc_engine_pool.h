@@ -2,7 +2,7 @@
 
 // The pool of connections to the metadata service. Threads: as for RPCEnginePool.
 
-#include "cluster/leader_rpc_engine_pool.h"
+#include "cluster/leader/leader_rpc_engine_pool.h"
 
 namespace vyn::tessel {
 

@@ -3,7 +3,7 @@
 // The typed client of the metadata service, which runs on the elected leader.
 //
 // Threads: after CreateInstance and Initialize, any number of threads may call the operations.
-// cluster/leader_rpc_engine.h says how the client follows the leader and what it retries: an operation makes
+// cluster/leader/leader_rpc_engine.h says how the client follows the leader and what it retries: an operation makes
 // at most 4 attempts, with 30 seconds of sleep between them. In an executor the client asks the node server
 // for the leader after each failed attempt. A driver has no client of the node server: there the ZooKeeper
 // watch updates MetaNodeInfo.
@@ -13,7 +13,7 @@
 // so. Identifiers must pass InputRegularMatching. The caller provides the response objects; an operation
 // fills them on success.
 
-#include "cluster/leader_rpc_engine.h"
+#include "cluster/leader/leader_rpc_engine.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/shuffle/bag_messages.h"

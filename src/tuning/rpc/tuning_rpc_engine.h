@@ -4,7 +4,7 @@
 // own.
 //
 // Threads: after CreateInstance and Initialize, any number of threads may call the operations. The client
-// follows the leader and retries as cluster/leader_rpc_engine.h says. It does not ask for the leader: other
+// follows the leader and retries as cluster/leader/leader_rpc_engine.h says. It does not ask for the leader: other
 // code in the process must keep MetaNodeInfo current.
 //
 // Operations return 0; 2000013 for a refused argument, before anything is sent; 2000057 without memory;
@@ -12,7 +12,7 @@
 // the response objects; an operation fills them on success. When a response Ref holds null, the operation
 // reads no response body.
 
-#include "cluster/leader_rpc_engine.h"
+#include "cluster/leader/leader_rpc_engine.h"
 #include "tuning/message/tuning_messages.h"
 
 #include <cstdint>

@@ -1,13 +1,13 @@
 #include "tessel/sdk/big_memory/binding.h"
 
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
-#include "common/util/clock.h"
 #include "common/util/input_check.h"
+#include "common/wait/claim_once.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 #include "tessel/sdk/big_memory/link_security.h"
 #include "vyn/big_memory.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -15,12 +15,13 @@
 
 using vyn::Failed;
 using vyn::common::BigMemoryClientApi;
+using vyn::common::ClaimOnce;
+using vyn::common::StatusOfException;
 
 namespace {
 
-constexpr auto kPollInterval = std::chrono::microseconds(10);
 // How long a thread waits for another one's attempt before it gives up.
-constexpr auto kPollLimit = std::chrono::minutes(1);
+constexpr auto kClaimLimit = std::chrono::minutes(1);
 
 // Home and flag of the last successful BmInitialize. Never destroyed: a thread may be inside a call at the
 // process's end.
@@ -28,12 +29,8 @@ std::mutex g_savedMutex;  // guards both
 std::string& g_vynHome = *new std::string;
 std::int32_t g_clientFlag = 0;
 
-// 1 while initialisation is claimed or done.
-std::atomic<std::uint8_t> g_bmInitClaim{0};
-// 0 while the library is up. Its release publishes the function table.
-std::atomic<std::uint8_t> g_bmInitInProgress{1};
-// 1 once BmUninitialize has run.
-std::atomic<std::uint8_t> g_bmUninitClaim{0};
+// Up while the library is open. It publishes the function table. Never destroyed, as above.
+ClaimOnce& g_bmClaim = *new ClaimOnce;
 
 /// What the thread with the claim does.
 unsigned int BringUp(const char* home, int clientFlag) {
@@ -45,6 +42,9 @@ unsigned int BringUp(const char* home, int clientFlag) {
   if (BigMemoryClientApi::apiBmInit(home, clientFlag) != 0) {
     return VYN_FAIL(VYN_ERR_BM_UNAVAILABLE, "Call BM_Init failed");
   }
+  std::lock_guard lock(g_savedMutex);
+  g_vynHome = home;
+  g_clientFlag = clientFlag;
   return VYN_OK;
 }
 
@@ -52,7 +52,7 @@ unsigned int BringUp(const char* home, int clientFlag) {
 
 namespace vyn::tessel {
 
-bool IsBmUp() { return g_bmInitInProgress.load(std::memory_order_acquire) == 0; }
+bool IsBmUp() { return g_bmClaim.IsUp(); }
 
 unsigned int BmLazyInitialize() {
   if (IsBmUp()) {
@@ -96,50 +96,45 @@ unsigned int BeginBmCall(const char* ns, const char* token, std::initializer_lis
 
 }  // namespace vyn::tessel
 
-std::uint32_t BmInitialize(const char* home, int clientFlag) {
+std::uint32_t BmInitialize(const char* home, int clientFlag) try {
   VYN_CHECK_POINTER(home);
-  g_bmUninitClaim.store(0);
-  const auto deadline = vyn::common::SteadyNow() + kPollLimit;
-  while (g_bmInitClaim.exchange(1) == 1) {
-    // Another thread is at it. When it fails it lets go of the claim, which is then free for this one.
-    do {
-      if (vyn::tessel::IsBmUp()) {
-        return VYN_OK;
-      }
-      if (vyn::common::SteadyNow() > deadline) {
-        return VYN_FAIL(VYN_ERR_BM_UNAVAILABLE, "Timed out while another thread initializes mf bm client");
-      }
-      vyn::common::SleepFor(kPollInterval);
-    } while (g_bmInitClaim.load() == 1);
+  switch (g_bmClaim.Take(kClaimLimit)) {
+    case ClaimOnce::Result::kUp:
+      return VYN_OK;
+    case ClaimOnce::Result::kTimedOut:
+    case ClaimOnce::Result::kFailed:
+      return VYN_FAIL(VYN_ERR_BM_UNAVAILABLE, "Timed out while another thread initializes mf bm client");
+    case ClaimOnce::Result::kClaimed:
+      break;
   }
-
-  const unsigned int status = BringUp(home, clientFlag);
+  unsigned int status = VYN_OK;
+  try {
+    status = BringUp(home, clientFlag);
+  } catch (...) {
+    status = StatusOfException("BmInitialize");
+  }
   if (Failed(status)) {
     // Closed, so that the next attempt loads what stands in the installation by then.
     BigMemoryClientApi::Close();
-    g_bmInitClaim.store(0);
+    g_bmClaim.Fail(status);
     return status;
   }
-  {
-    std::lock_guard lock(g_savedMutex);
-    g_vynHome = home;
-    g_clientFlag = clientFlag;
-  }
-  g_bmUninitClaim.store(0);  // another thread may have uninitialised since this call began
-  g_bmInitInProgress.store(0, std::memory_order_release);
+  g_bmClaim.Succeed();
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-std::uint32_t BmUninitialize() {
-  if (!vyn::tessel::IsBmUp() || g_bmUninitClaim.exchange(1) == 1) {
+std::uint32_t BmUninitialize() try {
+  if (!g_bmClaim.TakeDown()) {
     return VYN_OK;
   }
-  // The claim is let go last: who initialises beside this call waits for it instead of opening what it
-  // closes.
-  g_bmInitInProgress.store(1);
+  // Those who initialise meanwhile wait, instead of opening what this closes.
   BigMemoryClientApi::Close();
-  g_bmInitClaim.store(0);
+  g_bmClaim.Free();
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 const char* BmGetLastErrorMessage() {
@@ -148,7 +143,7 @@ const char* BmGetLastErrorMessage() {
 }
 
 std::uint32_t BmCreateLink(unsigned short nodeId, const char* hostName, const char* ip, unsigned short port,
-                           unsigned int flags) {
+                           unsigned int flags) try {
   if (Failed(vyn::common::CheckInputWithCharPtr(ip, false, true))) {
     return VYN_ERR_BM_INVALID;
   }
@@ -160,4 +155,6 @@ std::uint32_t BmCreateLink(unsigned short nodeId, const char* hostName, const ch
     return VYN_FAIL(VYN_ERR_BM_CALL, "Failed to create link to " << ip << ":" << port << ", ret=" << result);
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

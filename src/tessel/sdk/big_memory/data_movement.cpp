@@ -1,5 +1,6 @@
 // The exported functions that map objects and copy bytes to, from and between them.
 
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 #include "tessel/sdk/big_memory/binding.h"
@@ -36,7 +37,8 @@ unsigned int TransferStatus(const char* verb, int result, const char* bmId, unsi
 
 }  // namespace
 
-std::uint32_t BmMmap(const char* bmId, int prot, int flags, void** addr, const char* ns, const char* token) {
+std::uint32_t BmMmap(const char* bmId, int prot, int flags, void** addr, const char* ns,
+                     const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
     return status;
   }
@@ -48,9 +50,11 @@ std::uint32_t BmMmap(const char* bmId, int prot, int flags, void** addr, const c
                                                              << " flags: " << flags << " ret is: " << result);
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-std::uint32_t BmUnmap(const char* bmId, void* addr) {
+std::uint32_t BmUnmap(const char* bmId, void* addr) try {
   if (const unsigned int status = vyn::tessel::CheckBmId(bmId); Failed(status)) {
     return status;
   }
@@ -66,10 +70,12 @@ std::uint32_t BmUnmap(const char* bmId, void* addr) {
     return VYN_FAIL(VYN_ERR_BM_CALL, "Failed to unmap bm id: " << bmId << " ret is: " << result);
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmCopy(const char* srcBmId, unsigned long srcOffset, const char* dstBmId,
-                     unsigned long dstOffset, unsigned long length, const char* ns, const char* token) {
+                     unsigned long dstOffset, unsigned long length, const char* ns, const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token, {srcBmId, dstBmId}); Failed(status)) {
     return status;
   }
@@ -89,10 +95,12 @@ std::uint32_t BmCopy(const char* srcBmId, unsigned long srcOffset, const char* d
     return VYN_FAIL(VYN_ERR_BM_REMOTE, text.str() << ", remote error occurred");
   }
   return VYN_FAIL(VYN_ERR_BM_LOCAL, text.str() << " mf return local error: " << (result == kBmLocalError));
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmRead(const char* bmId, unsigned long offset, unsigned long length, void* buffer,
-                     unsigned int flags, const char* ns, const char* token) {
+                     unsigned int flags, const char* ns, const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
     return status;
   }
@@ -100,10 +108,12 @@ std::uint32_t BmRead(const char* bmId, unsigned long offset, unsigned long lengt
   const int result = CallWithCommonRetry(
       "Bm read", [&] { return BigMemoryClientApi::apiBmRead(&context, offset, length, buffer, flags); });
   return TransferStatus("read", result, bmId, offset, length);
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmWrite(const char* bmId, unsigned long offset, unsigned long length, void* buffer,
-                      unsigned int flags, const char* ns, const char* token) {
+                      unsigned int flags, const char* ns, const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
     return status;
   }
@@ -111,4 +121,6 @@ std::uint32_t BmWrite(const char* bmId, unsigned long offset, unsigned long leng
   const int result = CallWithCommonRetry(
       "Bm write", [&] { return BigMemoryClientApi::apiBmWrite(&context, offset, length, buffer, flags); });
   return TransferStatus("write", result, bmId, offset, length);
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

@@ -1,5 +1,6 @@
 // The exported functions for gather, swap-in and the node id, which do not initialise the library themselves.
 
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "platform/secure_memory/secure_memory.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
@@ -24,7 +25,7 @@ const char* Shown(const char* text) { return text == nullptr ? "" : text; }
 
 }  // namespace
 
-BmGatherContext* GenerateBmGatherContext(unsigned int type, const void* data, unsigned int size) {
+BmGatherContext* GenerateBmGatherContext(unsigned int type, const void* data, unsigned int size) try {
   auto* context = static_cast<BmGatherContext*>(std::malloc(sizeof(BmGatherContext) + size));
   if (context == nullptr) {
     return nullptr;
@@ -37,10 +38,13 @@ BmGatherContext* GenerateBmGatherContext(unsigned int type, const void* data, un
     return nullptr;
   }
   return context;
+} catch (...) {
+  static_cast<void>(vyn::common::StatusOfException(__func__));
+  return nullptr;
 }
 
 std::uint32_t BmGather(const BmGatherContext* context, unsigned char kind, bool isDstExist, const char* bmId,
-                       const char* ns, const char* token, void* argument) {
+                       const char* ns, const char* token, void* argument) try {
   if (context == nullptr) {
     (void)VYN_FAIL(VYN_ERR_BM_CALL, "Invalid context as null");
     return VYN_ERR_GENERIC;
@@ -57,15 +61,17 @@ std::uint32_t BmGather(const BmGatherContext* context, unsigned char kind, bool 
   std::ostringstream text;
   text << "Failed to gather bm as dst bmId: " << Shown(bmId) << " ns: " << Shown(ns) << " token: ";
   if (vyn::tessel::IsRemoteGatherError(result)) {
-    return VYN_FAIL(VYN_ERR_BM_REMOTE,
-                    text.str() << Shown(token) << " isDstExist: " << isDstExist << ", remote error occurred");
+    return VYN_FAIL(VYN_ERR_BM_REMOTE, text.str()
+                                           << "*** isDstExist: " << isDstExist << ", remote error occurred");
   }
   return VYN_FAIL(VYN_ERR_BM_LOCAL, text.str() << " mf return local error: " << (result == kBmLocalError)
                                                << " ret is: " << result);
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmSpecificObjectSwapIn(const BmFileRecord* file, const BmBlockRecord* block, unsigned int flags,
-                                     void* argument, unsigned long length) {
+                                     void* argument, unsigned long length) try {
   if (file == nullptr || block == nullptr || file->name == nullptr || file->name[0] == '\0') {
     return VYN_FAIL(VYN_ERR_BM_SWAP_PARAM, "Invalid Params for specific object swap in");
   }
@@ -81,7 +87,7 @@ std::uint32_t BmSpecificObjectSwapIn(const BmFileRecord* file, const BmBlockReco
   const int result = vyn::tessel::CallWithRetry(
       kPauses, [&] { return apiBmSpecificObjectSwapIn(file, block, flags, argument, length); },
       [](int last) { return last == kBmUnconnected || last == kBmNotEnoughCapacity; },
-      [](std::size_t attempt, int last) {
+      [](unsigned int attempt, int last) {
         VYN_LOG_WARN(
             "Bm capacity is not enough or rpc connection unconnected, retry to swap in from disk, attempt: "
             << attempt << "/3 is not enough: " << (last == kBmNotEnoughCapacity)
@@ -100,9 +106,11 @@ std::uint32_t BmSpecificObjectSwapIn(const BmFileRecord* file, const BmBlockReco
   }
   return VYN_FAIL(VYN_ERR_BM_LOCAL, text.str() << " mf return local error: " << (result == kBmLocalError)
                                                << " ret is: " << result);
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-std::uint32_t BmQueryNodeId(unsigned int* nodeId) {
+std::uint32_t BmQueryNodeId(unsigned int* nodeId) try {
   const auto apiBmQueryResAttri = vyn::tessel::WhenBmUp(BigMemoryClientApi::apiBmQueryResAttri);
   VYN_CHECK_POINTER(apiBmQueryResAttri);
   VYN_CHECK_POINTER(nodeId);
@@ -113,4 +121,6 @@ std::uint32_t BmQueryNodeId(unsigned int* nodeId) {
   }
   *nodeId = attributes.nodeId;
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

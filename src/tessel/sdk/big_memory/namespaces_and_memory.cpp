@@ -1,5 +1,6 @@
 // The exported functions on namespaces, and those that allocate and free objects.
 
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
@@ -27,7 +28,7 @@ unsigned int FailAllocation(unsigned int code, const std::string& text) {
 }  // namespace
 
 std::uint32_t BmCreateNamespace(unsigned short nodeId, const char* text, const char* ns, unsigned int flags,
-                                const char* token) {
+                                const char* token) try {
   if (const unsigned int status = vyn::tessel::CheckBmAccess(ns, token); Failed(status)) {
     return status;
   }
@@ -48,9 +49,12 @@ std::uint32_t BmCreateNamespace(unsigned short nodeId, const char* text, const c
     default:
       return VYN_FAIL(VYN_ERR_BM_CALL, "Failed to create namespace, errno <" << error << ">.");
   }
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-std::uint32_t BmDestroyNamespace(unsigned int nodeId, const char* text, const char* ns, const char* token) {
+std::uint32_t BmDestroyNamespace(unsigned int nodeId, const char* text, const char* ns,
+                                 const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token); Failed(status)) {
     return status;
   }
@@ -60,10 +64,12 @@ std::uint32_t BmDestroyNamespace(unsigned int nodeId, const char* text, const ch
     return VYN_FAIL(VYN_ERR_BM_CALL, "Failed to destroy namespace, errno is " << error);
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmAlloc(const char* ns, unsigned long size, unsigned int flags, unsigned short nodeId,
-                      char* bmId, const char* token) {
+                      char* bmId, const char* token) try {
   if (bmId == nullptr || token == nullptr || Failed(vyn::common::CheckInputWithCharPtr(ns, false, false))) {
     std::ostringstream text;
     text << "Invalid parameter. bmId is null?" << (bmId == nullptr) << ", token is null?"
@@ -86,10 +92,12 @@ std::uint32_t BmAlloc(const char* ns, unsigned long size, unsigned int flags, un
   }
   return FailAllocation(VYN_ERR_BM_CALL, "Failed to allocate memory block from memory fabric, with ret :" +
                                              std::to_string(result));
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmExpand(const char* bmId, unsigned long size, unsigned int flags, const char* ns,
-                       const char* token) {
+                       const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
     return status;
   }
@@ -102,9 +110,11 @@ std::uint32_t BmExpand(const char* bmId, unsigned long size, unsigned int flags,
                                                                            << " with ret " << result);
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-std::uint32_t BmFree(const char* bmId, unsigned int flags, const char* ns, const char* token) {
+std::uint32_t BmFree(const char* bmId, unsigned int flags, const char* ns, const char* token) try {
   if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
     return status;
   }
@@ -118,10 +128,12 @@ std::uint32_t BmFree(const char* bmId, unsigned int flags, const char* ns, const
                                                                          << ", errno<" << error << ">");
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmBatchFree(const char** bmIds, unsigned int count, unsigned int flags, const char* ns,
-                          const char* token) {
+                          const char* token) try {
   if (const unsigned int status = vyn::tessel::CheckBmAccess(ns, token); Failed(status)) {
     return status;
   }
@@ -135,4 +147,6 @@ std::uint32_t BmBatchFree(const char** bmIds, unsigned int count, unsigned int f
                     "Failed to free memory with flags: " << flags << ", errno<" << error << ">");
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

@@ -1,6 +1,7 @@
 // The exported functions on applications: registration with the node server, the end of an application, and
 // the choice of nodes for blocks. The caller runs the registration functions one at a time (sdk_state.h).
 
+#include "common/log/exceptions.h"
 #include "common/util/system.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
@@ -15,7 +16,7 @@ using vyn::Failed;
 using vyn::common::LastErrorText;
 using namespace vyn::tessel;
 
-unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* token, bool* registered) {
+unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* token, bool* registered) try {
   VYN_CHECK_TEXT(appId, false);
   VYN_CHECK_TEXT(token, true);
   VYN_CHECK_ARGUMENT(registered);
@@ -51,9 +52,11 @@ unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* toke
   g_registeredApps.insert(appId);
   VYN_LOG_INFO("[Broadcast] The successfully registered AppName is " << appId);
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int UnRegisterBroadcastApp(const char* appId) {
+unsigned int UnRegisterBroadcastApp(const char* appId) try {
   VYN_CHECK_TEXT(appId, false);
   const unsigned int status = BroadcastUnregisterApp(appId);
   g_appToken.clear();
@@ -63,9 +66,11 @@ unsigned int UnRegisterBroadcastApp(const char* appId) {
   }
   VYN_LOG_DEBUG("[Broadcast] The successfully unregistered AppName is " << appId);
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int BroadcastUnregisterApp(const char* appId) {
+unsigned int BroadcastUnregisterApp(const char* appId) try {
   VYN_CHECK_TEXT(appId, false);
   if (!RefreshServerClient()) {
     return VYN_FAIL(VYN_ERR_SERVER_CLIENT,
@@ -76,9 +81,11 @@ unsigned int BroadcastUnregisterApp(const char* appId) {
     return VYN_FAIL(status, "Failed to unregister " << appId << " as " << LastErrorText());
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int MarkBroadcastApplicationCompleted(const char* appId) {
+unsigned int MarkBroadcastApplicationCompleted(const char* appId) try {
   VYN_CHECK_TEXT(appId, false);
   VYN_CHECK_POINTER(g_broadcastCache);
   if (!RefreshMetaClient()) {
@@ -92,11 +99,13 @@ unsigned int MarkBroadcastApplicationCompleted(const char* appId) {
   g_registeredApps.erase(appId);
   VYN_LOG_INFO("Success to mark completed status of application: " << appId);
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& candidateNodes,
                                std::vector<std::string>& selectedNodes, std::vector<unsigned short>& nodeIds,
-                               std::vector<std::string>& hostNames, bool selectFlag) {
+                               std::vector<std::string>& hostNames, bool selectFlag) try {
   VYN_CHECK_TEXT(appId, false);
   if (!RefreshMetaClient()) {
     return VYN_FAIL(VYN_ERR_BC_META_CLIENT, "Failed to get meta rpc cli " << LastErrorText());
@@ -124,4 +133,6 @@ unsigned int GetRemoteNodeInfo(const char* appId, std::vector<std::string>& cand
   nodeIds = std::move(response->nodeIds);
   hostNames = std::move(response->hostNames);
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

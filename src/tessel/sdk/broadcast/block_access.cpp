@@ -1,6 +1,7 @@
 // The exported functions that map, read and write blocks of a broadcast variable.
 
 #include "common/log/error_info.h"
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
 #include "common/util/text.h"
@@ -40,7 +41,7 @@ void* AsPointer(std::uint64_t address) {
 }  // namespace
 
 std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcastId, unsigned int blockId,
-                                       void** addr) {
+                                       void** addr) try {
   if (Failed(CheckInputWithCharPtr(appId, false, false))) {
     return VYN_ERR_BC_INVALID_PARAM;
   }
@@ -91,10 +92,12 @@ std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcast
   *addr = fresh;
   VYN_LOG_DEBUG("Broadcast SDK exit function<ObtainBroadcastBlockAddr>");
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t ReleaseBroadcastBlockAddr(const char* appId, unsigned int broadcastId, unsigned int blockId,
-                                        void* addr) {
+                                        void* addr) try {
   if (Failed(CheckInputWithCharPtr(appId, false, false))) {
     return VYN_ERR_BC_INVALID_PARAM;
   }
@@ -130,10 +133,12 @@ std::uint32_t ReleaseBroadcastBlockAddr(const char* appId, unsigned int broadcas
         status, "Failed to release the raw address of block id: " << blockId << " as " << LastErrorText());
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsigned int blockId, void* buffer,
-                              const char* token) {
+                              const char* token) try {
   if (Failed(CheckInputWithCharPtr(appId, false, false)) ||
       Failed(CheckInputWithCharPtr(token, true, false))) {
     return VYN_ERR_BC_INVALID_PARAM;
@@ -156,10 +161,12 @@ std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsig
     return VYN_ERR_BC_REMOTE_BLOCK;
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t WriteRemoteBlock(const char* appId, const char* bmId, const void* data, unsigned long size,
-                               const char* token) {
+                               const char* token) try {
   if (Failed(CheckInputWithCharPtr(appId, false, false))) {
     return VYN_ERR_BC_INVALID_PARAM;
   }
@@ -172,4 +179,6 @@ std::uint32_t WriteRemoteBlock(const char* appId, const char* bmId, const void* 
     return VYN_ERR_BC_REMOTE_BLOCK;
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

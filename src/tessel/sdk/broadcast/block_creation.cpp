@@ -2,9 +2,10 @@
 // creates them; a driver outside the fabric allocates them on a chosen node through the big-memory functions.
 // Both add an entry to the cache and send a record to the metadata service.
 
+#include "common/log/exceptions.h"
 #include "common/rpc/network.h"
-#include "common/util/clock.h"
 #include "common/util/text.h"
+#include "common/wait/retry.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
@@ -30,10 +31,10 @@ constexpr unsigned int kBlockFlags = 0x10;
 /// The buffer for an id: its 60 characters, padded with NULs.
 constexpr std::size_t kBmIdRoom = 64;
 /// Attempts to allocate a block while the pool is full, and the pause between them: 10 seconds in all.
-constexpr int kAllocAttempts = 1000;
+constexpr unsigned int kAllocAttempts = 1000;
 constexpr auto kAllocPause = std::chrono::milliseconds(10);
 
-unsigned int AddBlockInfosToMeta(const Ref<BroadcastBlockInfo>& blockInfo) {
+unsigned int AddBlockInfosToMeta(const Ref<BroadcastBlockInfo>& blockInfo) try {
   if (!RefreshMetaClient()) {
     return VYN_FAIL(VYN_ERR_BC_META_CLIENT, "Failed to get meta rpc cli as " << LastErrorText());
   }
@@ -42,6 +43,8 @@ unsigned int AddBlockInfosToMeta(const Ref<BroadcastBlockInfo>& blockInfo) {
     return VYN_FAIL(status, "Failed to add block infos to meta.");
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 std::vector<unsigned long> CopySizes(const unsigned long* sizes, unsigned int blockNum) {
@@ -51,7 +54,8 @@ std::vector<unsigned long> CopySizes(const unsigned long* sizes, unsigned int bl
 /// Allocates one block. Tries again while the pool is full.
 unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsigned short nodeId,
                            unsigned long size, std::array<char, kBmIdRoom>& bmId) {
-  for (int attempt = 0; attempt < kAllocAttempts; ++attempt) {
+  auto retry = vyn::common::Retry::Times(kAllocAttempts, kAllocPause);
+  do {
     bmId.fill('\0');
     const unsigned int status = BmAlloc(ns.c_str(), size, kBlockFlags, nodeId, bmId.data(), token.c_str());
     if (!Failed(status)) {
@@ -61,16 +65,47 @@ unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsi
       VYN_LOG_ERROR("Error to create broadcast block as " << LastErrorText());
       return VYN_ERR_BLOCK_ALLOC;
     }
-    vyn::common::SleepFor(kAllocPause);
-  }
+  } while (retry.Again());
   VYN_LOG_ERROR("Error to create broadcast block as out of memory");
   return VYN_ERR_BLOCK_ALLOC;
 }
 
+/// What a remote creation has made on its node. Its end takes back what was not kept.
+class RemoteCreation {
+ public:
+  RemoteCreation(const std::string& ns, const std::string& token, unsigned short nodeId)
+      : mNs(ns), mToken(token), mNodeId(nodeId) {}
+  ~RemoteCreation() { RollBack(); }
+  RemoteCreation(const RemoteCreation&) = delete;
+  RemoteCreation& operator=(const RemoteCreation&) = delete;
+
+  /// Frees the blocks and destroys the namespace, as far as they were made. The results are not examined: the caller has to
+  /// know the failure that led here.
+  void RollBack() {
+    if (mHasBlocks) {
+      BmFreeForBlockRemotely(mNs, mToken, mIds);
+    }
+    if (mHasNamespace) {
+      BmDestroyNamespace(mNodeId, "", mNs.c_str(), mToken.c_str());
+    }
+    Keep();
+  }
+  void Keep() { mHasNamespace = mHasBlocks = false; }
+
+  bool mHasNamespace = false;
+  bool mHasBlocks = false;
+  std::vector<std::string> mIds;
+
+ private:
+  const std::string& mNs;
+  const std::string& mToken;
+  const unsigned short mNodeId;
+};
+
 }  // namespace
 
 unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcastId,
-                                       const unsigned long* sizes, unsigned int blockNum) {
+                                       const unsigned long* sizes, unsigned int blockNum) try {
   VYN_CHECK_TEXT(appId, false);
   if (blockNum != 0) {
     VYN_CHECK_ARGUMENT(sizes);
@@ -101,12 +136,14 @@ unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcast
   status = AddBlockInfosToMeta(blockInfos);
   VYN_LOG_DEBUG("Batch create broadcast block exit for " << name << " return: " << status);
   return status;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* token, unsigned int broadcastId,
                                              const unsigned long* sizes, unsigned int blockNum,
                                              const char* selectedNode, const char* hostName,
-                                             unsigned short nodeId, std::vector<std::string>& bmIds) {
+                                             unsigned short nodeId, std::vector<std::string>& bmIds) try {
   VYN_CHECK_TEXT(appId, false);
   VYN_CHECK_TEXT(token, true);
   if (blockNum != 0) {
@@ -118,6 +155,8 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
   const std::string name = GenBcVarName(appId, broadcastId);
   std::vector<unsigned long> blockSizes = CopySizes(sizes, blockNum);
   std::string ns = appId;
+  const std::string secret = token;
+  RemoteCreation made(ns, secret, nodeId);
   std::string ip;
   short port = 0;
   unsigned int status = vyn::common::SplitIpAndPort(selectedNode, ip, port);
@@ -135,37 +174,35 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
     static_cast<void>(VYN_FAIL(status, "Error to create namespace " << ns << " as " << LastErrorText()));
     return VYN_ERR_BC_NAMESPACE;
   }
-  // Ignores the results of the rollback: the caller gets the failure that caused it.
-  const auto destroyNamespace = [&] { BmDestroyNamespace(nodeId, "", ns.c_str(), token); };
-  std::vector<std::string> ids;
-  status = AllocBmForBlockRemotely(ns, token, nodeId, blockSizes, ids);
+  made.mHasNamespace = true;
+  status = AllocBmForBlockRemotely(ns, secret, nodeId, blockSizes, made.mIds);
   if (Failed(status)) {
-    destroyNamespace();
+    made.RollBack();
     static_cast<void>(
         VYN_FAIL(status, "Error to allocate BM on " << ip << " remotely for broadcast variable " << name));
     return VYN_ERR_BC_REMOTE_ALLOC;
   }
-  const auto rollback = [&] {
-    BmFreeForBlockRemotely(ns, token, ids);
-    destroyNamespace();
-  };
-  if (!g_broadcastCache->InsertVarInfo(name, ids, blockSizes)) {
-    rollback();
+  made.mHasBlocks = true;
+  if (!g_broadcastCache->InsertVarInfo(name, made.mIds, blockSizes)) {
+    made.RollBack();
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to insert block infos for " << name);
   }
-  auto blockInfo = GenerateBlockInfo(ns, broadcastId, nodeId, ids, blockSizes);
+  auto blockInfo = GenerateBlockInfo(ns, broadcastId, nodeId, made.mIds, blockSizes);
   if (blockInfo == nullptr) {
-    rollback();
+    made.RollBack();
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to generate block for " << name);
   }
+  made.Keep();
   status = AddBlockInfosToMeta(blockInfo);
-  bmIds.swap(ids);  // also after a failure: the blocks exist, and the caller needs their ids
+  bmIds.swap(made.mIds);  // also after a failure: the blocks exist, and the caller needs their ids
   return status;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 unsigned int AllocBmForBlockRemotely(const std::string& ns, const std::string& token, unsigned short nodeId,
                                      const std::vector<unsigned long>& sizes,
-                                     std::vector<std::string>& bmIds) {
+                                     std::vector<std::string>& bmIds) try {
   std::array<char, kBmIdRoom> bmId{};
   for (const unsigned long size : sizes) {
     const unsigned int status = AllocOneBlock(ns, token, nodeId, size, bmId);
@@ -175,10 +212,12 @@ unsigned int AllocBmForBlockRemotely(const std::string& ns, const std::string& t
     bmIds.emplace_back(bmId.data(), bmId.size());
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 unsigned int BmFreeForBlockRemotely(const std::string& ns, const std::string& token,
-                                    std::vector<std::string>& bmIds) {
+                                    std::vector<std::string>& bmIds) try {
   std::vector<const char*> ids;
   ids.reserve(bmIds.size());
   for (const std::string& bmId : bmIds) {
@@ -186,11 +225,13 @@ unsigned int BmFreeForBlockRemotely(const std::string& ns, const std::string& to
   }
   return BmBatchFree(ids.data(), static_cast<unsigned int>(ids.size()), kBlockFlags, ns.c_str(),
                      token.c_str());
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
 Ref<BroadcastBlockInfo> GenerateBlockInfo(std::string& ns, unsigned int broadcastId, unsigned short nodeId,
                                           std::vector<std::string>& bmIds,
-                                          std::vector<unsigned long>& sizes) {
+                                          std::vector<unsigned long>& sizes) try {
   auto blockInfo = NewMessage<BroadcastBlockInfo>();
   if (blockInfo != nullptr) {
     try {
@@ -208,4 +249,7 @@ Ref<BroadcastBlockInfo> GenerateBlockInfo(std::string& ns, unsigned int broadcas
   blockInfo->nodeId = nodeId;
   blockInfo->sizes.swap(sizes);
   return blockInfo;
+} catch (...) {
+  static_cast<void>(vyn::common::StatusOfException(__func__));
+  return {};
 }

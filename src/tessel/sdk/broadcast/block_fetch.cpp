@@ -1,6 +1,7 @@
 // The exported function that fetches ids and sizes of a variable's blocks into the cache of a process that
 // did not create them.
 
+#include "common/log/exceptions.h"
 #include "common/util/text.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
@@ -14,7 +15,7 @@ using vyn::Failed;
 using namespace vyn::tessel;
 
 unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastId,
-                                      unsigned long* blockSizes) {
+                                      unsigned long* blockSizes) try {
   VYN_CHECK_TEXT(appId, false);
   VYN_CHECK_ARGUMENT(blockSizes);
   VYN_LOG_DEBUG("Start to batch fetch broadcast block, appId: " << appId << ", broadcastId: " << broadcastId);
@@ -49,4 +50,6 @@ unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastI
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to insert block infos for " << name);
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

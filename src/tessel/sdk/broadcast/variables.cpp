@@ -1,5 +1,6 @@
 // The exported functions that create and delete a variable at the metadata service.
 
+#include "common/log/exceptions.h"
 #include "common/util/text.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
@@ -12,7 +13,7 @@ using vyn::common::GenBcVarName;
 using vyn::common::LastErrorText;
 using namespace vyn::tessel;
 
-unsigned int CreateBroadcastVar(const char* appId, unsigned int broadcastId, unsigned int blockNum) {
+unsigned int CreateBroadcastVar(const char* appId, unsigned int broadcastId, unsigned int blockNum) try {
   VYN_CHECK_TEXT(appId, false);
   VYN_LOG_DEBUG("Broadcast SDK enter function<CreateBroadcastVar> appID: "
                 << appId << " broadcastId: " << broadcastId << " block num: " << blockNum);
@@ -32,9 +33,11 @@ unsigned int CreateBroadcastVar(const char* appId, unsigned int broadcastId, uns
   }
   VYN_LOG_DEBUG("Broadcast SDK exit function<broadcast_var_create>");
   return Failed(status) ? status : VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId) {
+unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId) try {
   VYN_CHECK_TEXT(appId, false);
   VYN_CHECK_POINTER(g_broadcastCache);
   if (!RefreshMetaClient()) {
@@ -52,4 +55,6 @@ unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId) {
                     "Failed to remove broadcast variable: " << broadcastId << " as get meta rpc cli error.");
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

@@ -1,6 +1,7 @@
 // The exported function that starts and stops an application's heartbeats.
 
 #include "common/api/base_api_util.h"
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
 #include "tessel/sdk/start_up/sdk_frame.h"
@@ -11,7 +12,7 @@ using vyn::common::BaseApiUtil;
 using vyn::common::CheckInputWithCharPtr;
 
 std::uint32_t HeartBeat(const char* appName, unsigned char processType, const char* processName,
-                        const char* content, bool start) {
+                        const char* content, bool start) try {
   if (Failed(CheckInputWithCharPtr(appName, false, false)) ||
       Failed(CheckInputWithCharPtr(processName, false, false)) ||
       Failed(CheckInputWithCharPtr(content, true, false))) {
@@ -24,4 +25,6 @@ std::uint32_t HeartBeat(const char* appName, unsigned char processType, const ch
   const unsigned int status = start ? BaseApiUtil::StartHeartBeat(appName, processType, processName, content)
                                     : BaseApiUtil::StopHeartBeat(appName, processType, processName, content);
   return Failed(status) ? VYN_ERR_META_CLIENT : VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

@@ -1,5 +1,6 @@
 #include "tessel/sdk/heart_beat/heart_beat_thread.h"
 
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "common/util/clock.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
@@ -93,7 +94,11 @@ void HeartBeatThread::JoinThread() {
 void HeartBeatThread::Task() {
   std::unique_lock lock(mCondLock);
   while (mRunning) {
-    Send(true);
+    try {
+      Send(true);
+    } catch (...) {  // without memory, most likely: the next heartbeat may have some
+      static_cast<void>(StatusOfException("heartbeat"));
+    }
     // The monotonic clock: setting back the wall clock must not delay the heartbeats.
     WaitFor(mCond, lock, kPeriod);
   }

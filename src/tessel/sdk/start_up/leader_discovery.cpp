@@ -7,6 +7,7 @@
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/meta_node_info.h"
 #include "common/config/configuration.h"
+#include "common/log/exceptions.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
@@ -60,15 +61,17 @@ unsigned int InitServerClientAndLeader(unsigned int flag) {
 
 }  // namespace vyn::tessel
 
-unsigned int BroadcastInitRpcCliMetaLeaderIp(unsigned int flag) {
+unsigned int BroadcastInitRpcCliMetaLeaderIp(unsigned int flag) try {
   const unsigned int status = InitServerClientAndLeader(flag);
   if (status == VYN_ERR_GENERIC) {
-    g_initClaim.store(0, std::memory_order_release);
+    FreeInitClaim();
   }
   return status;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int BroadcastGetMetaLeaderIp(unsigned int flag) {
+unsigned int BroadcastGetMetaLeaderIp(unsigned int flag) try {
   g_metaNode_broadcast = vyn::common::MetaNodeInfo::GetInstance();
   if ((flag & 1U) != 0) {
     if (Failed(BroadcastMetaLeaderInfoGet())) {
@@ -78,9 +81,11 @@ unsigned int BroadcastGetMetaLeaderIp(unsigned int flag) {
     return VYN_OK;
   }
   return flag == 0 ? FindLeaderInZooKeeper() : VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int BroadcastMetaLeaderInfoGet() {
+unsigned int BroadcastMetaLeaderInfoGet() try {
   VYN_LOG_DEBUG("Broadcast SDK get meta leader info from shuffle server");
   auto request = NewMessage<MetaLeaderInformation>("sdk");
   VYN_CHECK_POINTER(request);
@@ -101,4 +106,6 @@ unsigned int BroadcastMetaLeaderInfoGet() {
   }
   VYN_LOG_DEBUG("Broadcast get meta leader ip from shuffle server success");
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

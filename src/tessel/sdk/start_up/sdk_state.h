@@ -7,6 +7,7 @@
 #include "cluster/meta_node_info.h"
 #include "common/config/configuration.h"
 #include "common/util/ref.h"
+#include "common/wait/claim_once.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
@@ -34,8 +35,10 @@ extern common::Ref<cluster::ClusterZKAdapter>& g_clusterZkAdapter_broadcast;
 /// The process's configuration. Null until BroadcastInitialize has read it.
 extern common::Ref<common::Configuration>& g_broadcastConf;
 
-// The claim of initialisation; start_up.cpp tells what the values say together. The exchange has acquire and
-// release order, reads acquire, stores release.
+/// Which thread initialises. The three flags below show its state to others; start_up.cpp tells what they say together.
+extern common::ClaimOnce& g_startUp;
+/// Makes the claim of initialisation free, whoever has it: the next initialisation runs.
+void FreeInitClaim();
 
 /// 1 while a thread has claimed or finished initialisation.
 extern std::atomic<std::uint8_t> g_initClaim;

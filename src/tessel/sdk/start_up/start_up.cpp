@@ -11,10 +11,10 @@
 
 #include "common/api/base_api_util.h"
 #include "common/config/configuration.h"
+#include "common/log/exceptions.h"
 #include "common/log/log.h"
 #include "common/rpc/network.h"
 #include "common/rpc/rpc_setter.h"
-#include "common/util/clock.h"
 #include "common/util/file_util.h"
 #include "platform/openssl_dl/openssl_dl.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -31,30 +31,22 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <set>
 
 using vyn::Failed;
 using vyn::common::BaseApiUtil;
+using vyn::common::ClaimOnce;
 using vyn::common::Configuration;
 using vyn::common::FileUtil;
 using vyn::common::GetNodeIPSet;
 using vyn::common::LastErrorText;
+using vyn::common::StatusOfException;
 using namespace vyn::tessel;
 
 namespace {
 
 constexpr unsigned int kDriverFlag = 0;
-/// A waiter looks at the flags this often.
-constexpr auto kPollPause = std::chrono::microseconds(10);
-
-// How the initialisation that ran last has ended, for those who waited for it: the number of initialisations
-// that have ended, and the status of the latest. Written by the holder of the claim before it frees the
-// claim.
-std::atomic<unsigned int> gEndedInitialisations{0};
-std::atomic<unsigned int> gLastStatus{VYN_OK};
-
 bool LoadConfiguration(const std::string& home) {
   const std::string path = home + "/conf/vyn.conf";
   const bool exists = FileUtil::IsPathExist(path);
@@ -137,85 +129,51 @@ unsigned int StartUp(const std::string& home, unsigned int flag) {
   return VYN_OK;
 }
 
-/// The claim of initialisation in the hands of the thread that works: its end frees the claim, however that
-/// comes about, unless the work has succeeded.
-class HeldClaim {
- public:
-  HeldClaim() = default;
-  ~HeldClaim() {
-    if (!mKept) {
-      g_initClaim.store(0, std::memory_order_release);
-    }
-  }
-  HeldClaim(const HeldClaim&) = delete;
-  HeldClaim& operator=(const HeldClaim&) = delete;
-  void Keep() { mKept = true; }
-
- private:
-  bool mKept = false;
-};
-
-/// What waiting for another thread's initialisation came to.
-enum class Waited {
-  kReady,   ///< the SDK is ready
-  kRetry,   ///< the claim may be free: try it
-  kFailed,  ///< a re-initialisation has failed, with gLastStatus
-};
-
-/// \param ended the initialisations that had ended before the claim was found taken. \param theirs receives
-/// the status of the one waited for, when it is kFailed.
-Waited WaitForTheOther(unsigned int ended, unsigned int& theirs) {
-  const bool first = g_initInProgress.load(std::memory_order_acquire) != 0;
-  while (g_initClaim.load(std::memory_order_acquire) != 0) {
-    if (g_initInProgress.load(std::memory_order_acquire) == 0 &&
-        g_uninitClaim.load(std::memory_order_acquire) == 0) {
-      return Waited::kReady;
-    }
-    vyn::common::SleepFor(kPollPause);
-  }
-  const bool endedMeanwhile = gEndedInitialisations.load(std::memory_order_acquire) != ended;
-  theirs = gLastStatus.load(std::memory_order_relaxed);
-  return endedMeanwhile && !first && Failed(theirs) ? Waited::kFailed : Waited::kRetry;
-}
-
 }  // namespace
 
 unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, const char* vynBinaryType,
-                                 unsigned int flag) {
+                                 unsigned int flag) try {
   VYN_CHECK_POINTER(vynHome);
   VYN_CHECK_POINTER(vynVersion);
   VYN_CHECK_POINTER(vynBinaryType);
   std::string realPath;
   VYN_CHECK_CALL(FileUtil::RealPath(vynHome, realPath));
   if (Failed(BaseApiUtil::SetVynEnv(realPath.c_str(), vynVersion, vynBinaryType))) {
-    g_initClaim.store(0, std::memory_order_release);
+    FreeInitClaim();
     return VYN_ERR_GENERIC;
   }
-  for (;;) {
-    const unsigned int ended = gEndedInitialisations.load(std::memory_order_acquire);
-    if (g_initClaim.exchange(1, std::memory_order_acq_rel) == 0) {
+  // Those who wait for the first initialisation try it themselves when it fails. Those who wait for a later one get its
+  // status.
+  const bool first = g_initInProgress.load(std::memory_order_acquire) != 0;
+  unsigned int status = VYN_OK;
+  switch (g_startUp.Take(ClaimOnce::kNoLimit, first ? nullptr : &status)) {
+    case ClaimOnce::Result::kUp:
+    case ClaimOnce::Result::kFailed:
+    case ClaimOnce::Result::kTimedOut:
+      return status;
+    case ClaimOnce::Result::kClaimed:
       break;
-    }
-    unsigned int theirs = VYN_OK;
-    const Waited waited = WaitForTheOther(ended, theirs);
-    if (waited != Waited::kRetry) {
-      return waited == Waited::kReady ? VYN_OK : theirs;
-    }
   }
-  HeldClaim claim;
-  const unsigned int status = StartUp(realPath, flag);
-  gLastStatus.store(status, std::memory_order_relaxed);
-  gEndedInitialisations.fetch_add(1, std::memory_order_release);
+  g_initClaim.store(1, std::memory_order_release);
+  try {
+    status = StartUp(realPath, flag);
+  } catch (...) {
+    status = StatusOfException("BroadcastInitialize");
+  }
   if (Failed(status)) {
+    g_initClaim.store(0, std::memory_order_release);
+    g_startUp.Fail(status);
     return status;
   }
-  claim.Keep();
   g_initInProgress.store(0, std::memory_order_release);
   g_uninitClaim.store(0, std::memory_order_release);
+  g_startUp.Succeed();
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int BroadcastUninitialize() {
+unsigned int BroadcastUninitialize() try {
   if (g_uninitClaim.exchange(1, std::memory_order_acq_rel) != 0) {
     return VYN_OK;
   }
@@ -223,11 +181,13 @@ unsigned int BroadcastUninitialize() {
   if (g_broadcastCache != nullptr) {
     g_broadcastCache->CleanTable();
   }
-  g_initClaim.store(0, std::memory_order_release);
+  FreeInitClaim();
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }
 
-unsigned int CheckMfNode() {
+unsigned int CheckMfNode() try {
   if (g_broadcastConf == nullptr) {
     return VYN_ERR_GENERIC;
   }
@@ -253,4 +213,6 @@ unsigned int CheckMfNode() {
     g_mfClientFlag = 1;
   }
   return VYN_OK;
+} catch (...) {
+  return vyn::common::StatusOfException(__func__);
 }

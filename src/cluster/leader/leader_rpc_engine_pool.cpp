@@ -1,4 +1,4 @@
-#include "cluster/leader_rpc_engine_pool.h"
+#include "cluster/leader/leader_rpc_engine_pool.h"
 
 #include "common/log/logging.h"
 

@@ -10,7 +10,7 @@
 // Any number of threads may call. Lock order: mRefreshMutex, then MetaNodeInfo::mLeaderLock, which is
 // released before the pool's mutex is taken. No lock is held across a connect, a call or a sleep.
 
-#include "cluster/leader_rpc_engine_pool.h"
+#include "cluster/leader/leader_rpc_engine_pool.h"
 #include "cluster/meta_node_info.h"
 #include "common/config/configuration.h"
 #include "common/rpc/rpc_engine_base.h"

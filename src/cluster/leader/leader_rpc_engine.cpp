@@ -1,10 +1,12 @@
-#include "cluster/leader_rpc_engine.h"
+#include "cluster/leader/leader_rpc_engine.h"
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
 #include "common/util/clock.h"
 #include "common/util/text.h"
+#include "common/wait/retry.h"
 
+#include <array>
 #include <chrono>
 #include <sstream>
 #include <thread>
@@ -14,8 +16,10 @@ namespace vyn::cluster {
 
 namespace {
 
-constexpr int kRetryLimit = 3;
-constexpr std::chrono::seconds kRetryStep{5};
+constexpr unsigned int kRetryLimit = 3;
+/// After the first to the fourth failure. The last one delays no attempt: it stands before the caller's look-up of the leader.
+constexpr std::array<common::Retry::Duration, kRetryLimit + 1> kPauses{
+    std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
 
 bool IsRetriable(std::uint32_t status) {
   return status == VYN_ERR_RPC_TRANSPORT_A || status == VYN_ERR_RPC_TRANSPORT_B;
@@ -124,33 +128,31 @@ std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
 std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,
                                              const common::Ref<common::BaseMessage>& response,
                                              const std::function<void(std::uint32_t)>& afterFailure) {
-  int retryTime = 0;
-  while (true) {
-    std::uint32_t hr = RefreshMasterNodeInfo(true);
+  auto retry = common::Retry::After(kPauses);
+  std::uint32_t hr = VYN_OK;
+  do {
+    hr = RefreshMasterNodeInfo(true);
     if (Failed(hr)) {
       VYN_LOG_ERROR("Refresh Master Node Info Fail, error code:" << hr);
       return hr;
     }
     hr = SendCall(static_cast<unsigned short>(opcode), request, response, mTimeout);
-    if (Failed(hr)) {
-      VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "
-                                                             << retryTime << " continue retry? "
-                                                             << (IsRetriable(hr) ? "true" : "false"));
-      common::SleepFor(retryTime * kRetryStep);
-      ++retryTime;
-      if (afterFailure) {
-        afterFailure(hr);
-      }
-    }
-    if (retryTime > kRetryLimit) {
-      VYN_LOG_ERROR("Failed to call metadata service, connection is timeout and retry more than "
-                    << kRetryLimit << " times");
+    if (!Failed(hr)) {
       return hr;
     }
-    if (!IsRetriable(hr)) {
-      return hr;
+    VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "
+                                                           << retry.Count() << " continue retry? "
+                                                           << (IsRetriable(hr) ? "true" : "false"));
+    retry.Again();
+    if (afterFailure) {
+      afterFailure(hr);
     }
+  } while (IsRetriable(hr) && retry.Count() <= kRetryLimit);
+  if (retry.Count() > kRetryLimit) {
+    VYN_LOG_ERROR("Failed to call metadata service, connection is timeout and retry more than " << kRetryLimit
+                                                                                                << " times");
   }
+  return hr;
 }
 
 }  // namespace vyn::cluster

@@ -1,0 +1,212 @@
+// The begin of a leadership: the epoch is raised, and the records are read.
+
+#include "cluster/cluster_zkadapter.h"
+#include "common/log/logging.h"
+#include "common/util/clock.h"
+#include "common/wait/retry.h"
+#include "platform/zk_helper/zk_helper.h"
+#include "services/common/json_fields.h"
+#include "services/common/variable_record.h"
+#include "services/common/zookeeper_io.h"
+#include "services/metadata/metadata_store.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+namespace vyn::services {
+
+namespace {
+
+/// Threads that read the applications when a leadership begins.
+constexpr unsigned int kLoaders = 8;
+/// Tries against another leader's raise of the epoch.
+constexpr unsigned int kRaiseAttempts = 10;
+
+}  // namespace
+
+std::uint32_t MetadataStore::RaiseEpoch() {
+  for (const char* path : {kVynRoot, kEpochPath, kNodesPath, kAppsPath, kReclaimPath}) {
+    if (const int result = zookeeper::Ensure(path); result != ZOK) {
+      return StoreFailure(result, std::string("make ") + path);
+    }
+  }
+  auto retry = common::Retry::Times(kRaiseAttempts);
+  do {
+    Stat stat{};
+    int result = zookeeper::Exists(kEpochPath, &stat);
+    if (result == ZOK) {
+      result = zookeeper::Set(kEpochPath, "", stat.version);
+      if (result == ZOK) {
+        mEpoch = stat.version + 1;
+        return VYN_OK;
+      }
+    }
+    if (result != ZBADVERSION) {
+      return StoreFailure(result, "raise the epoch");
+    }
+  } while (retry.Again());
+  return kStatusNotLeading;
+}
+
+std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applications, Deletions& deletions,
+                                  std::chrono::steady_clock::time_point* asked) {
+  if (const std::uint32_t status = RaiseEpoch(); Failed(status)) {
+    return status;
+  }
+  std::vector<std::string> names;
+  if (const int result = zookeeper::Children(kAppsPath, names); result != ZOK) {
+    return StoreFailure(result, "list the applications");
+  }
+  std::vector<Application> loaded(names.size());
+  std::atomic<std::size_t> next{0};
+  std::atomic<std::uint32_t> failure{VYN_OK};
+  const auto load = [&] {
+    try {
+      for (std::size_t i = next++; i < names.size() && !Failed(failure); i = next++) {
+        if (const std::uint32_t status = LoadApplication(names[i], loaded[i]); Failed(status)) {
+          failure = status;
+        }
+      }
+    } catch (const std::exception& problem) {
+      VYN_LOG_ERROR("The records could not be read: " << problem.what());
+      failure = VYN_ERR_NULL_POINTER;
+    }
+  };
+  {
+    std::vector<std::jthread> loaders;
+    const std::size_t count = std::min<std::size_t>(kLoaders, names.size());
+    for (std::size_t i = 1; i < count; ++i) {
+      loaders.emplace_back(load);
+    }
+    load();
+  }
+  if (Failed(failure)) {
+    return failure;
+  }
+  applications.clear();
+  for (Application& application : loaded) {
+    if (!application.name.empty()) {
+      applications.emplace(application.name, std::move(application));
+    }
+  }
+  if (asked != nullptr) {
+    *asked = common::SteadyNow();
+  }
+  if (const std::uint32_t status = LoadDeletions(deletions); Failed(status)) {
+    return status;
+  }
+  VYN_LOG_INFO("Metadata of " << applications.size() << " applications read, epoch " << mEpoch);
+  return VYN_OK;
+}
+
+std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
+  // A node that is down, or has lost its session, forgets all before it serves from a new one, and its list may
+  // be long.
+  const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
+  VYN_CHECK_POINTER(adapter);
+  std::vector<std::string> nodes;
+  int result = zookeeper::Children(adapter->mNodePath, nodes);
+  for (std::size_t i = 0; i < nodes.size() && result == ZOK; ++i) {
+    const std::string list = std::string(kReclaimPath) + "/" + nodes[i];
+    std::vector<std::string> names;
+    result = zookeeper::Children(list, names);
+    for (std::size_t n = 0; n < names.size() && result == ZOK; ++n) {
+      std::string text;
+      ReclaimEntry entry;
+      result = zookeeper::Get(list + "/" + names[n], text);
+      if (result == ZOK && ReclaimEntry::FromText(text, entry) && !entry.variablePath.empty()) {
+        deletions[{entry.application, entry.variableId}].push_back(list + "/" + names[n]);
+      }
+      result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // done meanwhile
+    }
+    result = result == ZNONODE ? static_cast<int>(ZOK) : result;
+  }
+  return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read what nodes have to forget");
+}
+
+std::uint32_t MetadataStore::LoadApplication(const std::string& name, Application& application) {
+  const std::string path = AppPath(name);
+  std::string text;
+  int result = zookeeper::Get(path, text);
+  std::vector<std::string> children;
+  if (result == ZOK) {
+    result = zookeeper::Children(path, children);
+  }
+  if (result == ZNONODE) {
+    return VYN_OK;  // it went meanwhile
+  }
+  if (result != ZOK) {
+    return StoreFailure(result, "read " + path);
+  }
+  application.name = name;
+  const auto json = ParseJson(text);
+  application.heartbeat = FlagField(json, "heartbeat");
+  if (FlagField(json, kRemovedFlag)) {
+    // An earlier leadership ended in the middle of the removal.
+    application.name.clear();
+    return RemoveApplication(name);
+  }
+  for (const std::string& child : children) {
+    if (child == kTokenName) {
+      continue;
+    }
+    Variable variable;
+    bool deleted = false;
+    variable.path = path + "/" + child;
+    if (const std::uint32_t status = LoadVariable(variable.path, variable, deleted); Failed(status)) {
+      return status;
+    }
+    if (deleted) {
+      continue;
+    }
+    variable.id = static_cast<std::uint32_t>(std::strtoul(child.c_str(), nullptr, 10));
+    const auto [kept, added] = application.variables.try_emplace(variable.id, std::move(variable));
+    if (!added) {
+      if (const std::uint32_t status = Settle(name, kept->second, variable); Failed(status)) {
+        return status;
+      }
+    }
+  }
+  return VYN_OK;
+}
+
+std::uint32_t MetadataStore::Settle(const std::string& application, Variable& kept, Variable& other) {
+  if (other.ready && !kept.ready) {
+    std::swap(kept, other);
+  }
+  VYN_LOG_WARN("Variable " << kept.path << " stands twice, " << other.path << " is deleted");
+  std::vector<std::string> entries;
+  return RemoveVariable(application, other, entries);
+}
+
+std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& variable, bool& deleted) {
+  VariableRecord record;
+  switch (ReadVariableRecord(path, record)) {
+    case RecordRead::kFailed:
+      return kStatusStore;
+    case RecordRead::kAbsent:
+      if (record.state == RecordState::kReady) {
+        VYN_LOG_ERROR("A piece of the record " << path << " is missing, the variable is left out");
+      }  // otherwise its node has taken it away meanwhile
+      deleted = true;
+      return VYN_OK;
+    case RecordRead::kDamaged:
+      deleted = true;  // it cannot be served; the log names it
+      return VYN_OK;
+    case RecordRead::kRead:
+      break;
+  }
+  deleted = record.state == RecordState::kDeleted;
+  variable.blockNum = record.blockNum;
+  variable.pieces = record.pieces;
+  variable.list = record.list;
+  variable.ready = record.state == RecordState::kReady;
+  variable.nodeId = record.blocks.nodeId;
+  variable.bmIds = std::move(record.blocks.bmIds);
+  variable.sizes = std::move(record.blocks.sizes);
+  return VYN_OK;
+}
+
+}  // namespace vyn::services
