@@ -1,5 +1,8 @@
 #!/usr/bin/env python3
-"""Checks who may include whom: a file includes only its own floor and those below, and no two files include each other."""
+"""Checks who may include whom: a file includes only its own floor and those below, and no two files include each other.
+
+A function or a member is defined on the floor that declares it: otherwise a lower floor calls a higher one without an include.
+"""
 import pathlib
 import re
 import sys
@@ -23,9 +26,37 @@ FLOORS = [
 # On one floor, who may look sideways: (from, to).
 SIDEWAYS_REFUSED = [("include/vyn/", "platform/"), ("src/tuning/", "src/tessel/sdk/"), ("src/tuning/", "src/tessel/rpc/"), ("src/tessel/rpc/", "src/tessel/sdk/"),
                     ("src/tessel/message/", "src/tessel/rpc/"), ("src/tessel/message/", "src/tessel/sdk/")]
+# Declared on one floor and defined on another, because other components were promised the declaration where it is.
+PROMISED_ELSEWHERE = {f"BaseApiUtil::{member}" for member in
+                      ("StartHeartBeat", "StopHeartBeat", "PutIfAbsent", "GetIfExist", "g_HeartBeatFlag", "heartBeatLock")}
+# The functions that leave the library are declared on the ground and defined by the floor that serves them.
+EXPORTED = "include/vyn/"
+# Programs that take the place of functions of the lower floors.
+REPLACES = ("tests/", "bench/", "examples/")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 ROOTS = ["src", ".", "include", "tests", "bench"]
 GENERATED = re.compile(r"^(build_id\.h|schema/\w+_generated\.h)$")
+
+
+COMMENT = re.compile(r'//[^\n]*|/\*.*?\*/|"(?:[^"\\\n]|\\.)*"', re.S)
+UNNAMED = re.compile(r"^namespace \{\n.*?^\}  // namespace$", re.S | re.M)
+CLASS = re.compile(r"\b(?:class|struct)\s+(\w+)(?:\s+final)?(?:\s*:[^;{()]*)?\s*\{")
+# A declaration or a definition begins at the start of a line. Groups: the class, the name, what ends it.
+FUNCTION = re.compile(r"^(?!(?:using|return|typedef|template|static|extern|inline|constexpr|class|struct)\b)"
+                      r"[A-Za-z_][\w:<>,&*\s]*?(?:\b(\w+)::)?(~?\b\w+)\([^;{}]*\)[^;{}()]*(?:\([^;{}]*)?([;{])", re.M)
+MEMBER = re.compile(r"^[A-Za-z_][\w:<>,&*\s]*[\s&*](\w+)::(\w+)\s*(?:=|\{|;)", re.M)
+
+
+def declarations(text: str):
+    """The classes that a header defines, and the functions that it declares outside of them."""
+    text = COMMENT.sub("", text)
+    return set(CLASS.findall(text)), {name for owner, name, end in FUNCTION.findall(text) if end == ";" and not owner}
+
+
+def definitions(text: str):
+    """What a source defines, as (class or the empty text, name)."""
+    text = COMMENT.sub("", UNNAMED.sub("", text))
+    return {(owner, name) for owner, name, end in FUNCTION.findall(text) if end == "{"} | set(MEMBER.findall(text))
 
 
 def floor(path: str):
@@ -44,9 +75,34 @@ def resolve(name: str, own: str):
     return None
 
 
+def misplaced(graph, texts):
+    """The complaints about what is defined on another floor than declared."""
+    headers = {name: declarations(text) for name, text in texts.items()
+               if name.endswith(".h") and not name.startswith(EXPORTED)}
+    complaints = []
+    for source, text in texts.items():
+        if not source.endswith(".cpp") or source.startswith(REPLACES):
+            continue
+        reached = set()
+        waiting = [source]
+        while waiting:
+            for target in graph.get(waiting.pop(), []):
+                if target not in reached:
+                    reached.add(target)
+                    waiting.append(target)
+        for owner, name in sorted(definitions(text)):
+            found = [header for header in reached & headers.keys()
+                     if (owner in headers[header][0] if owner else name in headers[header][1])]
+            whole = f"{owner}::{name}" if owner else name
+            if found and whole not in PROMISED_ELSEWHERE and all(floor(header) != floor(source) for header in found):
+                complaints.append(f"{source}: defines {whole}, which {min(found)} declares on another floor")
+    return complaints
+
+
 def main() -> int:
     complaints = []
     graph = {}
+    texts = {}
     for path in sorted(TOP.rglob("*")):
         if path.suffix not in (".h", ".cpp") or "build" in path.relative_to(TOP).parts[:1]:
             continue
@@ -56,7 +112,8 @@ def main() -> int:
             complaints.append(f"{name}: stands on no floor")
             continue
         targets = []
-        for include in INCLUDE.findall(path.read_text(encoding="utf-8")):
+        texts[name] = path.read_text(encoding="utf-8")
+        for include in INCLUDE.findall(texts[name]):
             target = resolve(include, name)
             if target is None:
                 if not GENERATED.match(include):
@@ -71,6 +128,7 @@ def main() -> int:
                     complaints.append(f"{name}: includes {target}, which it must not know")
         graph[name] = targets
 
+    complaints += misplaced(graph, texts)
     state = {}
 
     def visit(node, trail):

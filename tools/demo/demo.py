@@ -5,24 +5,18 @@ One node on loopback by default: ZooKeeper, vynd, a driver, executors. With --ou
 of the fabric with an executor on each, and a driver that belongs to neither.
 """
 import argparse
-import json
 import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
-START_TIMEOUT = 60
-WORK_TIMEOUT = 600
-
-
-class DemoError(Exception):
-    pass
+sys.dont_write_bytecode = True  # nothing is left in the source tree
+from processes import START_TIMEOUT, Child, DemoError, free_port  # noqa: E402
+from table import human, print_table  # noqa: E402
 
 
 def size(text):
@@ -30,120 +24,6 @@ def size(text):
     if not match or int(match[1]) == 0:
         raise argparse.ArgumentTypeError(f"'{text}' is no size like 4M")
     return int(match[1]) << {"": 0, "k": 10, "m": 20, "g": 30}[match[2].lower()]
-
-
-def human(count):
-    for unit in ("B", "KiB", "MiB", "GiB"):
-        if count < 1024 or unit == "GiB":
-            return f"{count:.0f} {unit}" if unit == "B" else f"{count:.1f} {unit}"
-        count /= 1024
-
-
-PORT_CLAIMS = []  # held until this demo ends
-
-
-def claim_port(port):
-    """Whether no other demo of this machine has taken the port for itself, also while its service is not up yet."""
-    claim = socket.socket(socket.AF_UNIX)
-    try:
-        claim.bind(f"\0vyn-demo-port-{port}")
-    except OSError:
-        claim.close()
-        return False
-    PORT_CLAIMS.append(claim)
-    return True
-
-
-def free_port(taken):
-    # Below the range from which the kernel serves outgoing connections, and as vyn.conf and the clients take them.
-    for port in range(20000 + os.getpid() % 5000, 32000):
-        if port in taken or not claim_port(port):
-            continue
-        with socket.socket() as probe:
-            try:
-                probe.bind(("127.0.0.1", port))
-            except OSError:
-                continue
-        taken.add(port)
-        return port
-    raise DemoError("no free port")
-
-
-class Child:
-    """A process whose standard output is read line by line and that dies with the demo."""
-
-    def __init__(self, name, command, log, namespace=None):
-        self.name = name
-        self.log = log
-        if namespace:
-            command = ["ip", "netns", "exec", namespace] + command
-        command = ["setpriv", "--pdeathsig", "KILL"] + command
-        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=open(log, "ab"),
-                                        text=True, start_new_session=True)
-        self.lines = []
-        self.changed = threading.Condition()
-        threading.Thread(target=self._read, daemon=True).start()
-
-    def _read(self):
-        for line in self.process.stdout:
-            with self.changed:
-                self.lines.append(line.rstrip("\n"))
-                self.changed.notify_all()
-        with self.changed:
-            self.lines.append(None)
-            self.changed.notify_all()
-
-    def tail(self):
-        with open(self.log, errors="replace") as log:
-            return "".join(log.readlines()[-15:])
-
-    def wait_line(self, wanted, timeout):
-        """The first line for which `wanted` gives something."""
-        deadline = time.monotonic() + timeout
-        seen = 0
-        with self.changed:
-            while True:
-                for line in self.lines[seen:]:
-                    if line is None:
-                        raise DemoError(f"{self.name} ended early\n{self.tail()}")
-                    answer = wanted(line)
-                    if answer is not None:
-                        return answer
-                seen = len(self.lines)
-                if not self.changed.wait(max(0, deadline - time.monotonic())) and time.monotonic() >= deadline:
-                    raise DemoError(f"{self.name} said nothing for {timeout} s\n{self.tail()}")
-
-    def event(self, name, timeout=WORK_TIMEOUT):
-        def wanted(line):
-            try:
-                data = json.loads(line)
-            except ValueError:
-                return None
-            return data if isinstance(data, dict) and data.get("event") == name else None
-
-        return self.wait_line(wanted, timeout)
-
-    def say(self, text="go"):
-        self.process.stdin.write(text + "\n")
-        self.process.stdin.flush()
-
-    def finish(self):
-        """Waits for an end that has to be a good one."""
-        try:
-            code = self.process.wait(WORK_TIMEOUT)
-        except subprocess.TimeoutExpired:
-            raise DemoError(f"{self.name} did not end within {WORK_TIMEOUT} s\n{self.tail()}") from None
-        if code != 0:
-            raise DemoError(f"{self.name} ended with {code}\n{self.tail()}")
-
-    def stop(self, timeout=8):
-        if self.process.poll() is None:
-            self.process.terminate()
-            try:
-                self.process.wait(timeout)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
 
 
 class Demo:
@@ -392,33 +272,9 @@ class Demo:
         wrong = [result for result in results if result["sha256"] != sum256]
         sockets = self.run_sockets([namespace for _, namespace in executors], driver_place)
         wrong += [result for result in sockets or [] if result["sha256"] != sum256]
-        self.print_table(published, results, pool, sockets)
+        print_table(self.file_size, published, results, pool, sockets)
         if wrong:
             raise DemoError(f"{len(wrong)} executors read other bytes than the driver wrote")
-
-    def print_table(self, published, results, pool, sockets):
-        publish = published["end"] - published["begin"]
-        count = len(results)
-        milliseconds = lambda seconds: f"{seconds * 1e3:.2f} ms"
-        both = lambda result: f"{milliseconds(result['first'] - result['begin'])}, {milliseconds(result['last'] - result['begin'])}"
-        slowest = lambda all: max(result["last"] - result["begin"] for result in all)
-        rate = lambda all: f"{count * self.file_size / slowest(all) / 1e9:.2f} GB/s"
-        private = lambda all: sum(result["private"] for result in all)
-        old = lambda text, all=sockets: text(all) if all else "-"
-        rows = [("", "shared pages", "a socket and a copy each"),
-                ("publish (driver)", f"{milliseconds(publish)}, {self.file_size / publish / 1e9:.2f} GB/s", "-")]
-        rows += [(f"executor {i}: first, last byte readable", both(result), both(sockets[i]) if sockets else "-")
-                 for i, result in enumerate(results)]
-        rows += [
-            (f"made readable to {count} executors at", rate(results), old(rate)),
-            ("pages of the pool", human(pool), "-"),
-            ("private memory of all executors", human(private(results)), old(lambda all: human(private(all)))),
-            ("memory in all", human(pool + private(results)), old(lambda all: human(private(all)))),
-        ]
-        print()
-        for row in rows:
-            print(f"{row[0]:<42}{row[1]:>26}{row[2]:>28}")
-        print("\nReadable means mapped and touched at its ends; each executor then read every byte for its SHA-256.")
 
     def clean(self):
         for child in reversed(self.children):

@@ -13,6 +13,7 @@
 #include "cluster/leader/leader_rpc_engine_pool.h"
 #include "cluster/meta_node_info.h"
 #include "common/config/configuration.h"
+#include "common/log/logging.h"
 #include "common/rpc/rpc_engine_base.h"
 
 #include <cstdint>
@@ -27,10 +28,10 @@ namespace vyn::cluster {
 
 /// What differs between the services on the leader.
 struct LeaderService {
-  const char* name;     ///< for the log line about a connection
-  const char* portKey;  ///< the configuration key of its port
-  int defaultPort;      ///< used only if the configuration has no such key
-  bool logsThread;      ///< whether the log line about an attempt to connect names the thread
+  const char* name;         ///< for the log line about a connection
+  const char* portKey;      ///< the configuration key of its port
+  int defaultPort;          ///< used only if the configuration has no such key
+  bool logsThread = false;  ///< whether the log line about an attempt to connect names the thread
   /// Makes a pool of the service's class. Returns: the pool, or null without memory.
   common::RPCEnginePool* (*newPool)(const common::RPCEngineParam& param, std::uint16_t poolSize,
                                     std::uint16_t groupIndex, SecurityConf securityConf);
@@ -43,6 +44,20 @@ template <typename Pool>
 common::RPCEnginePool* NewLeaderPool(const common::RPCEngineParam& param, std::uint16_t poolSize,
                                      std::uint16_t groupIndex, SecurityConf securityConf) {
   return new (std::nothrow) Pool(param, poolSize, groupIndex, std::move(securityConf));
+}
+
+/// Puts `made` in place of the process's client. \param mutex guards `place`. \param name of the class, for the log. Returns:
+/// `made`; null, logged, when there was no memory for it.
+template <typename Client>
+common::Ref<Client> PublishClient(const common::Ref<Client>& made, common::Ref<Client>& place,
+                                  std::mutex& mutex, const char* name) {
+  if (made == nullptr) {
+    VYN_LOG_ERROR("Failed to new instance for \"" << name << "\"");
+    return nullptr;
+  }
+  std::lock_guard lock(mutex);
+  place = made;
+  return made;
 }
 
 class LeaderRPCEngine : public common::RPCEngineBase {

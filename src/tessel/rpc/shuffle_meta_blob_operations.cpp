@@ -63,9 +63,7 @@ std::uint32_t ShuffleMetaRPCEngine::BagBatchRemove(const Ref<ShuffleBagBatch>& b
   VYN_FAIL_IF(!IsIdentifier(batch->partName), VYN_ERR_INVALID_PARAM,
               "shuffle blob name does not compliance with specifications in bag batch remove");
   VYN_FAIL_IF(batch->partitionNum == 0, VYN_ERR_INVALID_PARAM, "partition num is 0 in bag batch remove");
-  const std::uint32_t status = SendAndWaitReply(BAG_BATCH_REMOVE, batch, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send remove batch bag as " << status);
-  return VYN_OK;
+  return Call(BAG_BATCH_REMOVE, batch, BaseMessage::gNullPtr, "Rpc failed to send remove batch bag as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BagListGetBatch(const std::string& bagName, unsigned int number,
@@ -142,9 +140,7 @@ std::uint32_t ShuffleMetaRPCEngine::BlobBatchRemove(const std::string& ns,
   VYN_CHECK_POINTER(request);
   request->ns = ns;
   request->blobIdList = blobIdList;
-  const std::uint32_t status = SendAndWaitReply(BLOB_BATCH_REMOVE, request, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send remove batch blob as " << status);
-  return VYN_OK;
+  return Call(BLOB_BATCH_REMOVE, request, BaseMessage::gNullPtr, "Rpc failed to send remove batch blob as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BlobBatchUpdate(const std::string& name, unsigned int number,
@@ -169,25 +165,19 @@ std::uint32_t ShuffleMetaRPCEngine::BlobBatchUpdate(const std::string& name, uns
   states = new (std::nothrow) ShuffleBlobStateIndexList;
   VYN_FAIL_IF(states == nullptr, VYN_ERR_GENERIC,
               "Failed to new ShuffleBlobStateIndexList, probably out of memory");
-  const std::uint32_t status = SendAndWaitReply(BLOB_BATCH_UPDATE, request, states);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send batch update blob as " << status);
-  return VYN_OK;
+  return Call(BLOB_BATCH_UPDATE, request, states, "Rpc failed to send batch update blob as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::CASBlobListState(Ref<BlobListCasRequest> request,
                                                      Ref<ShuffleBlobStateIndexCASResultList> response) {
   VYN_CHECK_POINTER(request);
-  const std::uint32_t status = SendAndWaitReply(BLOB_LIST_CAS, request, response);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to get blob list in bag as " << status);
-  return VYN_OK;
+  return Call(BLOB_LIST_CAS, request, response, "Rpc failed to get blob list in bag as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BatchCASShuffleBlobStates(
     Ref<ShuffleBlobStateIndexCASList>& request, Ref<ShuffleBlobStateIndexCASResultList>& response) {
   VYN_CHECK_POINTER(request);
-  const std::uint32_t status = SendAndWaitReply(BLOB_BATCH_MARK_AND_FETCH, request, response);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send blob batch check free as " << status);
-  return VYN_OK;
+  return Call(BLOB_BATCH_MARK_AND_FETCH, request, response, "Rpc failed to send blob batch check free as ");
 }
 
 }  // namespace vyn::tessel

@@ -47,18 +47,15 @@ std::uint32_t ShuffleMetaRPCEngine::BroadcastVarNew(const Ref<BroadcastVar>& var
   VYN_CHECK_POINTER(var);
   VYN_FAIL_IF(!IsIdentifier(var->appId), VYN_ERR_INVALID_PARAM,
               "Application Id does not compliance with specifications in broadcast var new");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_VAR_NEW, var, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send create broadcast var as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_VAR_NEW, var, BaseMessage::gNullPtr, "Rpc failed to send create broadcast var as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarRemove(const Ref<BroadcastVar>& var) {
   VYN_CHECK_POINTER(var);
   VYN_FAIL_IF(!IsIdentifier(var->appId), VYN_ERR_INVALID_PARAM,
               "Broadcast variable appId does not compliance with specifications in remove action");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_VAR_REMOVE, var, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send remove broadcast var as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_VAR_REMOVE, var, BaseMessage::gNullPtr,
+              "Rpc failed to send remove broadcast var as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarInfoGet(const Ref<BroadcastVar>& var,
@@ -66,28 +63,23 @@ std::uint32_t ShuffleMetaRPCEngine::BroadcastVarInfoGet(const Ref<BroadcastVar>&
   VYN_CHECK_POINTER(var);
   VYN_FAIL_IF(!IsIdentifier(var->appId), VYN_ERR_INVALID_PARAM,
               "Broadcast variable appId does not compliance with specifications in get action");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_VAR_GET, var, info);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC,
-              "Rpc failed to send get broadcast variable info as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_VAR_GET, var, info, "Rpc failed to send get broadcast variable info as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarInfoAdd(const Ref<BroadcastBlockInfo>& info) {
   VYN_CHECK_POINTER(info);
   VYN_FAIL_IF(!IsIdentifier(info->appId), VYN_ERR_INVALID_PARAM,
               "Broadcast variable appId does not compliance with specifications in remove action");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_VAR_INFO_ADD, info, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send var info add message as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_VAR_INFO_ADD, info, BaseMessage::gNullPtr,
+              "Rpc failed to send var info add message as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastBlockInfoAdd(const Ref<BroadcastBlockInfo>& info) {
   VYN_CHECK_POINTER(info);
   VYN_FAIL_IF(!IsIdentifier(info->appId), VYN_ERR_INVALID_PARAM,
               "Broadcast variable appId does not compliance with specifications in remove action");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_BLOCK_INFO_ADD, info, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send block info add message as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_BLOCK_INFO_ADD, info, BaseMessage::gNullPtr,
+              "Rpc failed to send block info add message as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastBlockInfoFetch(const Ref<BlockInfoRequest>& request,
@@ -95,9 +87,7 @@ std::uint32_t ShuffleMetaRPCEngine::BroadcastBlockInfoFetch(const Ref<BlockInfoR
   VYN_CHECK_POINTER(request);
   VYN_FAIL_IF(!IsIdentifier(request->appId), VYN_ERR_INVALID_PARAM,
               "Application Id does not compliance with specifications in broadcast block info fetch");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_BLOCK_INFO_GET, request, info);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send block info fetch message as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_BLOCK_INFO_GET, request, info, "Rpc failed to send block info fetch message as ");
 }
 
 }  // namespace vyn::tessel

@@ -15,10 +15,8 @@ std::uint32_t ShuffleMetaRPCEngine::BroadcastRemoteNodeInfoGet(const Ref<Broadca
   VYN_CHECK_POINTER(request);
   VYN_FAIL_IF(!IsIdentifier(request->appId), VYN_ERR_INVALID_PARAM,
               "Application Id does not compliance with specifications in broadcast remote node info get");
-  const std::uint32_t status = SendAndWaitReply(BROADCAST_REMOTE_NODE_GET, request, response);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC,
-              "Rpc failed to send remote node info get message as " << status);
-  return VYN_OK;
+  return Call(BROADCAST_REMOTE_NODE_GET, request, response,
+              "Rpc failed to send remote node info get message as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::IsMfNode(const Ref<BroadcastRemoteNodeReq>& request,
@@ -26,9 +24,7 @@ std::uint32_t ShuffleMetaRPCEngine::IsMfNode(const Ref<BroadcastRemoteNodeReq>& 
   VYN_CHECK_POINTER(request);
   VYN_FAIL_IF(request->candidateNodes.empty(), VYN_ERR_INVALID_PARAM,
               "Current node is not allocated with any IP.");
-  const std::uint32_t status = SendAndWaitReply(IS_MF_NODE, request, response);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send mf node judge message as " << status);
-  return VYN_OK;
+  return Call(IS_MF_NODE, request, response, "Rpc failed to send mf node judge message as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::GetMfCapacityList(const std::string& appId,

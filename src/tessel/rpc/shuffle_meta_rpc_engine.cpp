@@ -4,6 +4,7 @@
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
+#include "common/rpc/client_forms.h"
 #include "tessel/rpc/meta_rpc_engine_pool.h"
 
 #include <new>
@@ -16,19 +17,18 @@ namespace {
 
 std::mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
 
-/// Logs the status and replaces it by one that names the pool.
-std::uint32_t ConnectFailed(std::uint32_t status) {
-  VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code " << status);
-  return VYN_ERR_META_POOL_INIT;
-}
-
 constexpr cluster::LeaderService kMetadataService{
     .name = "shuffle meta service",
     .portKey = "vyn.tessel.rpc.shuffle_meta.port",
     .defaultPort = 3891,
     .logsThread = true,
     .newPool = &cluster::NewLeaderPool<MetaRPCEnginePool>,
-    .connectFailed = &ConnectFailed,
+    .connectFailed = [](std::uint32_t status) -> std::uint32_t {
+      // The caller learns that the pool failed, the log why.
+      VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code "
+                    << status);
+      return VYN_ERR_META_POOL_INIT;
+    },
 };
 
 }  // namespace
@@ -39,14 +39,8 @@ ShuffleMetaRPCEngine::ShuffleMetaRPCEngine(long timeout, bool isSdk,
 
 Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::CreateInstance(long timeout, bool isSdk,
                                                                Ref<ShuffleServerRPCEngine> serverEngine) {
-  Ref<ShuffleMetaRPCEngine> made(new (std::nothrow) ShuffleMetaRPCEngine(timeout, isSdk, serverEngine));
-  if (made == nullptr) {
-    VYN_LOG_ERROR("Failed to new instance for \"ShuffleMetaRPCEngine\"");
-    return nullptr;
-  }
-  std::lock_guard lock(gInstanceMutex);
-  gShuffleMetaRPCEngine = made;
-  return made;
+  const Ref<ShuffleMetaRPCEngine> made(new (std::nothrow) ShuffleMetaRPCEngine(timeout, isSdk, serverEngine));
+  return cluster::PublishClient(made, gShuffleMetaRPCEngine, gInstanceMutex, "ShuffleMetaRPCEngine");
 }
 
 Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::GetInstance() {
@@ -106,6 +100,13 @@ std::uint32_t ShuffleMetaRPCEngine::SendAndWaitReply(short opcode, const Ref<com
       VYN_LOG_ERROR("Failed to get meta leader information, hr is: " << hr);
     }
   });
+}
+
+std::uint32_t ShuffleMetaRPCEngine::Call(short opcode, const Ref<common::BaseMessage>& request,
+                                         const Ref<common::BaseMessage>& response, const char* failure) {
+  const std::uint32_t status = SendAndWaitReply(opcode, request, response);
+  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, failure << status);
+  return VYN_OK;
 }
 
 void ShuffleMetaRPCEngine::GetSecurityConf(std::map<std::string, const std::string>& conf,

@@ -124,6 +124,11 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   static Ref<ShuffleMetaRPCEngine>& gShuffleMetaRPCEngine;
 
  private:
+  /// SendAndWaitReply for an operation whose failure has no other trace than a line of the log: `failure` and the call's
+  /// status. Returns: 0 or 2060009.
+  std::uint32_t Call(short opcode, const Ref<common::BaseMessage>& request,
+                     const Ref<common::BaseMessage>& response, const char* failure);
+
   std::mutex mServerEngineMutex;
   Ref<ShuffleServerRPCEngine> mServerEngine;  ///< guarded by mServerEngineMutex; null in a driver
 };

@@ -25,9 +25,8 @@ Ref<StageInfo> MakeStageInfo(const std::string& appId, unsigned int stageId) {
 
 std::uint32_t ShuffleMetaRPCEngine::MapTaskStatusUpdate(Ref<MapTaskStatus>& status) {
   VYN_CHECK_POINTER(status);
-  const std::uint32_t result = SendAndWaitReply(MAP_TASK_STATUS_UPDATE, status, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(result), VYN_ERR_META_RPC, "Rpc failed to send update map task status as " << result);
-  return VYN_OK;
+  return Call(MAP_TASK_STATUS_UPDATE, status, BaseMessage::gNullPtr,
+              "Rpc failed to send update map task status as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::SetStageShuffleId(const std::string& appId, unsigned int stageId,
@@ -37,9 +36,8 @@ std::uint32_t ShuffleMetaRPCEngine::SetStageShuffleId(const std::string& appId, 
   request->appId = appId;
   request->stageId = stageId;
   request->shuffleId = shuffleId;
-  const std::uint32_t status = SendAndWaitReply(STAGE_SHUFFLEID_SET, request, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send set shuffle stage id as " << status);
-  return VYN_OK;
+  return Call(STAGE_SHUFFLEID_SET, request, BaseMessage::gNullPtr,
+              "Rpc failed to send set shuffle stage id as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::MarkStageUseless(const std::string& appId,
@@ -49,29 +47,23 @@ std::uint32_t ShuffleMetaRPCEngine::MarkStageUseless(const std::string& appId,
   const Ref<ShuffleStagesCompletedInfo> request(
       new (std::nothrow) ShuffleStagesCompletedInfo(appId, children, flag, first, second));
   VYN_CHECK_POINTER(request);
-  const std::uint32_t status = SendAndWaitReply(STAGE_DAG_SET, request, response);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send set dag as " << status);
-  return VYN_OK;
+  return Call(STAGE_DAG_SET, request, response, "Rpc failed to send set dag as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::MarkStageHasFailedTask(const std::string& appId, unsigned int stageId) {
   const auto request = MakeStageInfo(appId, stageId);
   VYN_CHECK_POINTER(request);
   VYN_LOG_DEBUG("send mark stage has failed task request for " << appId << " stageId " << stageId);
-  const std::uint32_t status = SendAndWaitReply(MARK_STAGE_HAS_FAILED_TASK, request, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC,
-              "Failed to send rpc message MARK_STAGE_HAS_FAILED_TASK as " << status);
-  return VYN_OK;
+  return Call(MARK_STAGE_HAS_FAILED_TASK, request, BaseMessage::gNullPtr,
+              "Failed to send rpc message MARK_STAGE_HAS_FAILED_TASK as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::MarkStageAllTaskDone(const std::string& appId, unsigned int stageId) {
   const auto request = MakeStageInfo(appId, stageId);
   VYN_CHECK_POINTER(request);
   VYN_LOG_DEBUG("send mark stage all task done request for " << appId << " stageId " << stageId);
-  const std::uint32_t status = SendAndWaitReply(MARK_STAGE_ALL_TASKS_DONE, request, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC,
-              "Failed to send rpc message MARK_STAGE_ALL_TASKS_DONE as " << status);
-  return VYN_OK;
+  return Call(MARK_STAGE_ALL_TASKS_DONE, request, BaseMessage::gNullPtr,
+              "Failed to send rpc message MARK_STAGE_ALL_TASKS_DONE as ");
 }
 
 std::uint32_t ShuffleMetaRPCEngine::FindWorkerByNodeId(const std::string& appId, unsigned int nodeId,
@@ -95,9 +87,8 @@ std::uint32_t ShuffleMetaRPCEngine::MarkWorkerRemoved(const std::string& appName
   VYN_CHECK_POINTER(request);
   request->appName = appName;
   request->removedNodeId = removedNodeId;
-  const std::uint32_t status = SendAndWaitReply(MARK_WORKER_REMOVED, request, BaseMessage::gNullPtr);
-  VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC, "Rpc failed to send mark worker removed as " << status);
-  return VYN_OK;
+  return Call(MARK_WORKER_REMOVED, request, BaseMessage::gNullPtr,
+              "Rpc failed to send mark worker removed as ");
 }
 
 }  // namespace vyn::tessel

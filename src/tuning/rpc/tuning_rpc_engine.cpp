@@ -16,19 +16,17 @@ namespace {
 
 std::mutex gInstanceMutex;  ///< guards mTuningRpcEngine
 
-/// Logs the status without bit 0, which marks a failure.
-std::uint32_t ConnectFailed(std::uint32_t status) {
-  VYN_LOG_ERROR("Failed to initialize rpc client with error code " << (status >> 1));
-  return status;
-}
-
 constexpr cluster::LeaderService kTuningService{
     .name = "meta service",
     .portKey = "vyn.tuning.rpc.server.port",
     .defaultPort = 3893,
-    .logsThread = false,
     .newPool = &cluster::NewLeaderPool<TuningRPCEnginePool>,
-    .connectFailed = &ConnectFailed,
+    .connectFailed =
+        [](std::uint32_t status) {
+          VYN_LOG_ERROR("Failed to initialize rpc client with error code "
+                        << (status >> 1));  // without bit 0
+          return status;
+        },
 };
 
 }  // namespace
@@ -37,14 +35,8 @@ TuningRpcEngine::TuningRpcEngine(long timeout, bool isSdk, unsigned short groupI
     : LeaderRPCEngine(kTuningService, timeout, isSdk, groupIndex) {}
 
 Ref<TuningRpcEngine> TuningRpcEngine::CreateInstance(long timeout, bool isSdk, unsigned short groupIndex) {
-  Ref<TuningRpcEngine> made(new (std::nothrow) TuningRpcEngine(timeout, isSdk, groupIndex));
-  if (made == nullptr) {
-    VYN_LOG_ERROR("Failed to new instance for \"TuningRpcEngine\"");
-    return nullptr;
-  }
-  std::lock_guard lock(gInstanceMutex);
-  mTuningRpcEngine = made;
-  return made;
+  const Ref<TuningRpcEngine> made(new (std::nothrow) TuningRpcEngine(timeout, isSdk, groupIndex));
+  return cluster::PublishClient(made, mTuningRpcEngine, gInstanceMutex, "TuningRpcEngine");
 }
 
 Ref<TuningRpcEngine> TuningRpcEngine::GetInstance() {

@@ -17,7 +17,8 @@ class CheckFloorsTest : public testing::Test {
     mDir.Write("platform/ulog/ulog.h", "#include \"vyn/status.h\"\n");
     mDir.Write("include/vyn/status.h", "#include <cstdint>\n");
     mDir.Write("src/common/util/a.h", "#include \"platform/ulog/ulog.h\"\n#include \"common/util/b.h\"\n");
-    mDir.Write("src/common/util/b.h", "");
+    mDir.Write("src/common/util/b.h",
+               "class Low {\n  void Call();\n  static int gCount;\n};\nint Free(int a);\n");
     mDir.Write("src/common/util/b.cpp", "#include \"common/util/b.h\"\n#include \"build_id.h\"\n");
   }
 
@@ -53,6 +54,14 @@ TEST_F(CheckFloorsTest, FindsWhatIsPlanted) {
                 "circle: src/common/util/a.h -> src/common/util/b.h -> src/common/util/a.h"},
            Case{"src/common/util/bad.h", "#include \"b.h\"\n",
                 "src/common/util/bad.h: includes b.h, which is no path from a root of includes"},
+           Case{"src/tessel/rpc/bad.cpp", "#include \"common/util/b.h\"\n\nvoid Low::Call() {\n}\n",
+                "src/tessel/rpc/bad.cpp: defines Low::Call, which src/common/util/b.h declares on another "
+                "floor"},
+           Case{"src/tessel/rpc/bad.cpp", "#include \"common/util/b.h\"\n\nint Low::gCount = 1;\n",
+                "src/tessel/rpc/bad.cpp: defines Low::gCount, which src/common/util/b.h declares on another "
+                "floor"},
+           Case{"src/tessel/rpc/bad.cpp", "#include \"common/util/b.h\"\n\nint Free(int a) { return a; }\n",
+                "src/tessel/rpc/bad.cpp: defines Free, which src/common/util/b.h declares on another floor"},
            Case{"elsewhere/bad.h", "", "elsewhere/bad.h: stands on no floor"},
        }) {
     mDir.Write("src/cluster/x.h", "");

@@ -9,6 +9,7 @@
 #include "vyn/big_memory.h"
 
 #include <sstream>
+#include <string>
 
 using vyn::Failed;
 using vyn::common::BigMemoryClientApi;
@@ -33,6 +34,19 @@ unsigned int TransferStatus(const char* verb, int result, const char* bmId, unsi
   }
   return VYN_FAIL(VYN_ERR_BM_LOCAL, text.str() << " mf return local error: " << (result == kBmLocalError)
                                                << " ret is: " << result);
+}
+
+/// A read or a write. \param function the library's, null until the library is up.
+std::uint32_t Transfer(const char* verb, const decltype(BigMemoryClientApi::apiBmRead)& function,
+                       BmSecContext object, unsigned long offset, unsigned long length, void* buffer,
+                       unsigned int flags) {
+  if (const unsigned int status = BeginBmCall(object.ns, object.token, {object.bmId}); Failed(status)) {
+    return status;
+  }
+  const std::string operation = std::string("Bm ") + verb;
+  const int result = CallWithCommonRetry(operation.c_str(),
+                                         [&] { return function(&object, offset, length, buffer, flags); });
+  return TransferStatus(verb, result, object.bmId, offset, length);
 }
 
 }  // namespace
@@ -101,26 +115,14 @@ std::uint32_t BmCopy(const char* srcBmId, unsigned long srcOffset, const char* d
 
 std::uint32_t BmRead(const char* bmId, unsigned long offset, unsigned long length, void* buffer,
                      unsigned int flags, const char* ns, const char* token) try {
-  if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
-    return status;
-  }
-  BmSecContext context{bmId, ns, token};
-  const int result = CallWithCommonRetry(
-      "Bm read", [&] { return BigMemoryClientApi::apiBmRead(&context, offset, length, buffer, flags); });
-  return TransferStatus("read", result, bmId, offset, length);
+  return Transfer("read", BigMemoryClientApi::apiBmRead, {bmId, ns, token}, offset, length, buffer, flags);
 } catch (...) {
   return vyn::common::StatusOfException(__func__);
 }
 
 std::uint32_t BmWrite(const char* bmId, unsigned long offset, unsigned long length, void* buffer,
                       unsigned int flags, const char* ns, const char* token) try {
-  if (const unsigned int status = BeginBmCall(ns, token, {bmId}); Failed(status)) {
-    return status;
-  }
-  BmSecContext context{bmId, ns, token};
-  const int result = CallWithCommonRetry(
-      "Bm write", [&] { return BigMemoryClientApi::apiBmWrite(&context, offset, length, buffer, flags); });
-  return TransferStatus("write", result, bmId, offset, length);
+  return Transfer("write", BigMemoryClientApi::apiBmWrite, {bmId, ns, token}, offset, length, buffer, flags);
 } catch (...) {
   return vyn::common::StatusOfException(__func__);
 }

@@ -158,7 +158,7 @@ TEST(RpcEngine, StatusesOfTheTransport) {
   } kCases[] = {
       {"lost", [](RawSocket&) {}, 2020019, 2020023, "-19: connection refused, reset or lost"},
       {"silent", [](RawSocket& socket) { socket.Receive(1); }, 2020021, 2020023, "-21: timed out"},
-      {"busy", [](RawSocket& socket) { socket.Send(WireHeader(0, 1, kOpcode, -11)); }, 2020023, 2020019,
+      {"busy", [](RawSocket& socket) { socket.Send(WireHeader(0, 1, kOpcode, -11)); }, 2020019, 2020019,
        "-11: the server has too many connections"},
       {"garbage", [](RawSocket& socket) { socket.Send(std::string(30, 'g')); }, 2020023, 2020023,
        "-8: the peer does not speak this protocol"},

@@ -140,43 +140,47 @@ TEST(BmBinding, LinkChecksTheAddressAndReportsTheResult) {
   EXPECT_THAT(library.script.Calls("BM_CreateLink"), ElementsAre("7|host|10.0.0.1|65535|3"));
 }
 
-/// Notes which threads sleep.
-class SleeperClock : public vyn::common::Clock {
+/// Notes which threads wait for another thread's attempt.
+class WaiterClock : public vyn::common::Clock {
  public:
-  explicit SleeperClock(std::chrono::nanoseconds step) : mStep(step) { vyn::common::Clock::Replace(this); }
-  ~SleeperClock() override { vyn::common::Clock::Replace(nullptr); }
+  /// \param early whether a wait ends at once, as if its time were over.
+  explicit WaiterClock(bool early) : mEarly(early) { vyn::common::Clock::Replace(this); }
+  ~WaiterClock() override { vyn::common::Clock::Replace(nullptr); }
   std::chrono::steady_clock::time_point Now() override {
     std::lock_guard lock(mMutex);
     return mNow;
   }
-  void SleepFor(std::chrono::nanoseconds duration) override {
+  void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+               std::chrono::nanoseconds duration) override {
     {
-      std::lock_guard lock(mMutex);
-      EXPECT_EQ(duration, std::chrono::microseconds(10));
-      mSleepers.insert(std::this_thread::get_id());
-      mNow += mStep;
+      std::lock_guard own(mMutex);
+      EXPECT_EQ(duration, std::chrono::minutes(1));
+      mWaiters.insert(std::this_thread::get_id());
+      mNow += mEarly ? duration : std::chrono::nanoseconds(0);
     }
     mChanged.notify_all();
-    std::this_thread::yield();
+    if (!mEarly) {
+      condition.wait(lock);
+    }
   }
-  bool AwaitSleepers(std::size_t count) {
+  bool AwaitWaiters(std::size_t count) {
     std::unique_lock lock(mMutex);
-    return mChanged.wait_for(lock, std::chrono::seconds(60), [&] { return mSleepers.size() >= count; });
+    return mChanged.wait_for(lock, std::chrono::seconds(60), [&] { return mWaiters.size() >= count; });
   }
 
  private:
-  const std::chrono::nanoseconds mStep;  // by which each sleep moves the time
-  std::mutex mMutex;                     // guards what follows
+  const bool mEarly;
+  std::mutex mMutex;  // guards what follows
   std::condition_variable mChanged;
-  std::set<std::thread::id> mSleepers;
+  std::set<std::thread::id> mWaiters;
   std::chrono::steady_clock::time_point mNow;
 };
 
 TEST(BmBinding, OfManyThreadsOneTakesThePlaceOfTheFirstThatFailed) {
   constexpr std::size_t kThreads = 16;
   ScriptedBmClient library;
-  SleeperClock clock(std::chrono::nanoseconds(0));
-  library.script.Expect("BM_Init", {{-1, 0, [&] { EXPECT_TRUE(clock.AwaitSleepers(kThreads - 1)); }}});
+  WaiterClock clock(false);
+  library.script.Expect("BM_Init", {{-1, 0, [&] { EXPECT_TRUE(clock.AwaitWaiters(kThreads - 1)); }}});
   std::atomic<unsigned int> failures{0};
   std::vector<std::thread> threads;
   for (std::size_t i = 0; i < kThreads; ++i) {
@@ -199,7 +203,7 @@ TEST(BmBinding, OfManyThreadsOneTakesThePlaceOfTheFirstThatFailed) {
 
 TEST(BmBinding, NobodyWaitsForEver) {
   ScriptedBmClient library;
-  SleeperClock clock(std::chrono::seconds(1));
+  WaiterClock clock(true);
   std::uint32_t waiter = 0;
   library.script.Expect("BM_Init", {{0, 0, [&] {  // ends only when the other thread has given up
                                        std::thread([&] { waiter = BmInitialize("/home", 0); }).join();

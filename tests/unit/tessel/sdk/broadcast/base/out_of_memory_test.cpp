@@ -4,6 +4,8 @@
 #include "support/sdk_world.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
 #include "tessel/sdk/start_up/sdk_state.h"
+#include "vyn/big_memory.h"
+#include "vyn/status.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -201,22 +203,86 @@ TEST_F(OutOfMemoryTest, AStartWithoutATableFreesTheClaim) {
   EXPECT_EQ(mWorld.Initialize(0), 0U);
 }
 
-TEST_F(OutOfMemoryTest, AnExceptionOutOfAStartFreesTheClaim) {
+TEST_F(OutOfMemoryTest, AnExceptionInAStartFreesTheClaim) {
   BroadcastUninitialize();
-  int thrown = 0;
+  int failed = 0;
   for (int good = 0; good < 30; ++good) {
     gGoWell = good;
-    try {
-      static_cast<void>(mWorld.Initialize(0));
-    } catch (const std::bad_alloc&) {
-      ++thrown;
-    }
+    const std::uint32_t status = mWorld.Initialize(0);
     gGoWell = -1;
-    EXPECT_EQ(g_initClaim.load(), g_uninitClaim.load() == 0 ? 1 : 0) << good;
+    failed += status == 2000057 ? 1 : 0;
+    EXPECT_EQ(g_initClaim.load(), Failed(status) ? 0 : 1) << good;
     BroadcastUninitialize();
   }
-  EXPECT_GT(thrown, 2);
+  EXPECT_GT(failed, 2);
   EXPECT_EQ(mWorld.Initialize(0), 0U);
+}
+
+TEST_F(OutOfMemoryTest, NoExceptionLeavesAnExportedFunction) {
+  std::vector<std::string> texts;
+  std::vector<unsigned short> nodeIds;
+  unsigned long sizes[2];
+  char data[8] = {};
+  void* address = nullptr;
+  bool registered = false;
+  unsigned int nodeId = 0;
+  const std::string id(60, 'a');
+  const std::function<std::uint32_t()> calls[] = {
+      [&] {
+        return RegisterBroadcastApp("new", true, "a token that is too long for a short text", &registered);
+      },
+      [] { return UnRegisterBroadcastApp("new"); },
+      [] { return MarkBroadcastApplicationCompleted("new"); },
+      [&] { return GetRemoteNodeInfo("app", texts, texts, nodeIds, texts, true); },
+      [] { return CreateBroadcastVar("app", 7, 2); },
+      [] { return CreateBroadcastBlockBatch("app", 7, kSizes, 2); },
+      [&] { return FetchBroadcastBlockBatch("app", 9, sizes); },
+      [&] { return ObtainBroadcastBlockAddr("app", 7, 0, &address); },
+      [&] { return ReleaseBroadcastBlockAddr("app", 7, 0, data); },
+      [&] { return ReadRemoteBlock("app", 7, 0, data, "tok"); },
+      [&] { return WriteRemoteBlock("app", id.c_str(), data, 8, "tok"); },
+      [] { return DeleteBroadcastVar("app", 7); },
+      [] { return HeartBeat("app", 2, "a process with a name that is long", "", true); },
+      [] { return HeartBeat("app", 2, "a process with a name that is long", "", false); },
+      [] { return BmCreateLink(1, "host", "10.0.0.1", 1, 0); },
+      [] { return BmCreateNamespace(1, "", "app", 0, "tok"); },
+      [&] { return BmCopy(id.c_str(), 0, id.c_str(), 0, 1, "app", "tok"); },
+      [&] { return BmQueryNodeId(&nodeId); },
+  };
+  int failed = 0;
+  for (const auto& call : calls) {
+    int good = 0;
+    for (bool reached = true; reached && good < 500; ++good) {
+      gGoWell = good;
+      const std::uint32_t status = call();  // an exception would end the test
+      reached = gGoWell < 0;                // the allocation that fails was wanted
+      gGoWell = -1;
+      failed += status == 2000057 ? 1 : 0;
+    }
+  }
+  EXPECT_GT(failed, 20);
+}
+
+TEST_F(OutOfMemoryTest, ARemoteCreationWithoutMemoryTakesBackWhatItHasMade) {
+  auto& script = mWorld.bm.script;
+  int takenBack = 0;
+  for (int good = 0; good < 200; ++good) {
+    script.Clear();
+    mWorld.meta.Clear();
+    gGoWell = good;
+    const std::uint32_t status = CreateRemote();
+    gGoWell = -1;
+    const bool told = !mWorld.meta.Requests().empty();
+    const std::size_t made = script.Calls("BM_CreateNSSec").size();
+    const bool refused = status == 2120023;  // the namespace was not made
+    if (Failed(status) && made != 0 && !refused && !told && mIds.size() == 1) {
+      EXPECT_EQ(script.Calls("BM_DestroyNSSec").size(), 1U) << good << " " << status;
+      ++takenBack;
+    }
+    mIds = {"kept"};
+    g_broadcastCache->CleanTable();
+  }
+  EXPECT_GT(takenBack, 3);
 }
 
 }  // namespace

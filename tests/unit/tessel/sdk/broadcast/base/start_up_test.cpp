@@ -56,17 +56,18 @@ namespace {
 using namespace tessel;
 using testing::HasSubstr;
 
-/// Knows who waits for another thread's initialisation: a waiter sleeps 10 microseconds between two looks.
+/// Knows which threads wait for another thread's initialisation.
 class WaiterClock : public common::Clock {
  public:
   WaiterClock() { common::Clock::Replace(this); }
   ~WaiterClock() override { common::Clock::Replace(nullptr); }
-  void SleepFor(std::chrono::nanoseconds duration) override {
-    if (duration == std::chrono::microseconds(10)) {
-      std::lock_guard lock(mMutex);
+  void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
+               std::chrono::nanoseconds duration) override {
+    {
+      std::lock_guard own(mMutex);
       mWaiters.insert(std::this_thread::get_id());
     }
-    common::Clock::SleepFor(duration);
+    common::Clock::WaitFor(condition, lock, duration);
   }
   std::size_t Waiters() {
     std::lock_guard lock(mMutex);

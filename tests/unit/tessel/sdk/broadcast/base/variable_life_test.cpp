@@ -344,10 +344,12 @@ TEST(VariableLifeTest, AFullPoolIsWaitedForAThousandTimesABlock) {
   EXPECT_EQ(clock.Sleeps()[0], std::chrono::milliseconds(10));
 
   script.Clear();
+  const std::size_t slept = clock.Sleeps().size();
   script.ExpectResults("BM_AllocSec", std::vector<int>(1000, -79999));
   CapturedLog log;
   EXPECT_EQ(driver.CreateRemote(ids), 2120027U);
   EXPECT_EQ(script.Calls("BM_AllocSec").size(), 1000U);
+  EXPECT_EQ(clock.Sleeps().size() - slept, 999U) << "nobody sleeps after the last attempt";
   EXPECT_TRUE(log.Has(4, "Error to create broadcast block as out of memory"));
 }
 
