@@ -473,7 +473,7 @@ TEST_F(MetadataStoreTest, ANumberIsUsedAgainWhenTheLiveNodesHaveForgottenIt) {
 }
 
 TEST_F(MetadataStoreTest, WithoutAnAnswerNothingIsWrittenOrTheLeadershipEnds) {
-  constexpr std::uint32_t kUnanswered = MetadataStore::kStatusUnanswered;
+  constexpr std::uint32_t kUnanswered = kStatusUnanswered;
   const std::uint32_t over = MetadataStore::kStatusDeposed;
   std::vector<std::string> known;
   struct Case {
