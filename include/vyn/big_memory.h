@@ -181,8 +181,8 @@ BmGatherContext* GenerateBmGatherContext(unsigned int type, const void* data, un
 /// \param kind, argument passed to the library unchanged.
 /// \param isDstExist true when the destination exists, with the id `bmId`. With false the library allocates
 ///        an object and writes its id to `bmId`, a buffer of at least 61 bytes.
-/// \return 0; 1 for a null context (recorded under 2080007); 2080019 when the remote side failed, 2080021
-///         when this side did; 2000057 when the library is not initialised (logged, not recorded).
+/// \return 0; 1 for a null context (the error record has 2080007); 2080019 when the remote side failed,
+///         2080021 when this side did; 2000057 when the library is not initialised (logged, not recorded).
 std::uint32_t BmGather(const BmGatherContext* context, unsigned char kind, bool isDstExist, const char* bmId,
                        const char* ns, const char* token, void* argument);
 

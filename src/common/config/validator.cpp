@@ -41,14 +41,16 @@ bool Validator::RefuseOutside(long start, long end) {
   return Refuse("it should be between " + RangeText(start, end));
 }
 
-bool Validator::Define(bool sound, const std::string& reason) {
-  if (!sound) {
+bool Validator::CheckDefinition(bool valid, const std::string& reason) {
+  if (!valid) {
     mErrorMessage = "Failed to initialize validator for <" + mName + ">, because " + reason;
   }
-  return sound;
+  return valid;
 }
 
-bool Validator::DefineRange(bool sound) { return Define(sound, "end should be bigger than start"); }
+bool Validator::CheckRangeDefinition(bool valid) {
+  return CheckDefinition(valid, "end should be bigger than start");
+}
 
 VStrNotNull::VStrNotNull(std::string name) : Validator(std::move(name)) {}
 
@@ -68,7 +70,7 @@ Ref<Validator> VStrRange::Create(const std::string& name, std::int32_t start, st
   return new (std::nothrow) VStrRange(name, start, end, allowEmpty);
 }
 
-bool VStrRange::Initialize() { return DefineRange(mEnd > mStart); }
+bool VStrRange::Initialize() { return CheckRangeDefinition(mEnd > mStart); }
 
 bool VStrRange::Validate(const std::string& value) {
   if (mAllowEmpty && value.empty()) {
@@ -90,7 +92,7 @@ VStrEnum::VStrEnum(std::string name, std::string enumText)
 bool VStrEnum::Initialize() {
   std::set<std::string> words;
   SplitStr(mEnum, "||", words);
-  return Define(!words.empty(), "enum string is not correct");
+  return CheckDefinition(!words.empty(), "enum string is not correct");
 }
 
 bool VStrEnum::Validate(const std::string& value) {
@@ -106,7 +108,7 @@ VStrArray::VStrArray(std::string name, std::int32_t start, std::int32_t end, std
                      bool allowEmpty)
     : Validator(std::move(name)), mStart(start), mEnd(end), mItemCount(itemCount), mAllowEmpty(allowEmpty) {}
 
-bool VStrArray::Initialize() { return DefineRange(mEnd > mStart); }
+bool VStrArray::Initialize() { return CheckRangeDefinition(mEnd > mStart); }
 
 bool VStrArray::Validate(const std::string& value) {
   if (mAllowEmpty && value.empty()) {
@@ -140,7 +142,7 @@ Ref<Validator> VNumberRange<T>::Create(const std::string& name, const T& start, 
 
 template <typename T>
 bool VNumberRange<T>::Initialize() {
-  return DefineRange(mEnd > mStart || (std::is_same_v<T, long> && mEnd == mStart));
+  return CheckRangeDefinition(mEnd > mStart || (std::is_same_v<T, long> && mEnd == mStart));
 }
 
 template <typename T>

@@ -37,10 +37,10 @@ class Validator : public Referable {
   /// `return Refuse(...)`.
   bool Refuse(const std::string& reason);
   bool RefuseOutside(long start, long end);
-  /// Unless `sound`, sets mErrorMessage to "Failed to initialize validator for <NAME>, because REASON".
-  /// Returns: `sound`.
-  bool Define(bool sound, const std::string& reason);
-  bool DefineRange(bool sound);
+  /// Unless `valid`, sets mErrorMessage to "Failed to initialize validator for <NAME>, because REASON".
+  /// Returns: `valid`.
+  bool CheckDefinition(bool valid, const std::string& reason);
+  bool CheckRangeDefinition(bool valid);
 
   /// The key that the rule belongs to.
   std::string mName;

@@ -71,7 +71,7 @@ class Message : public BaseMessage {};
 
 }  // namespace vyn::common
 
-/// Declares Serialize and Deserialize of a message class. Stands at the end of the class and lists the
+/// Declares Serialize and Deserialize of a message class. Put it at the end of the class. It lists the
 /// members that are sent, in the order in which Deserialize reads them. Each has the name of its field in the
 /// schema. The source file defines the two with VYN_MESSAGE_CODEC of message_codec.h, or by hand for a class
 /// that is more than a list of fields.

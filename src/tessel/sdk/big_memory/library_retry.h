@@ -1,7 +1,7 @@
 #pragma once
 
-// The retry of a library call. It sleeps in the calling thread, under whatever lock the caller holds, and
-// keeps nothing between calls.
+// Retries a call of libbmclient.so. It sleeps in the calling thread, also while the caller holds a lock. No
+// state.
 
 #include "common/log/logging.h"
 #include "common/wait/retry.h"
