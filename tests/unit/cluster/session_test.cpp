@@ -49,11 +49,11 @@ class SessionTest : public ClusterTest {};
 
 TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
   struct Refusal {
-    const char* function;
-    int nth;  ///< the call that is refused
-    int result;
-    std::uint32_t status;
-    const char* audit;  ///< the word of the failure; empty: none
+    std::string function;  ///< behind "DoDlZoo"
+    std::string audit;     ///< the word of the failure; empty: none
+    std::uint32_t status = 1;
+    int result = ZNOAUTH;
+    int nth = 1;  ///< the call that is refused
   };
   struct Operation {
     std::function<std::uint32_t()> call;
@@ -68,69 +68,57 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
   bool won = false;
   const Operation operations[] = {
       {[&] { return mAdapter->ClusterZKMakeDir(); },
-       {{"DoDlZooCreate", 1, ZNOAUTH, 1, "mkdir_meta"},
-        {"DoDlZooCreate", 2, ZNOAUTH, 1, "mkdir_election"},
-        {"DoDlZooCreate", 3, ZNOAUTH, 1, "create_follower_path"}}},
+       {{"Create", "mkdir_meta"},
+        {"Create", "mkdir_election", 1, ZNOAUTH, 2},
+        {"Create", "create_follower_path", 1, ZNOAUTH, 3}}},
       {[&] { return mAdapter->ClusterZKCheckAvailable(); },
-       {{"DoDlZooExists", 1, ZOPERATIONTIMEOUT, 2000047, ""},
-        {"DoDlZooExists", 1, ZCONNECTIONLOSS, 2000049, ""},
-        {"DoDlZooExists", 1, ZSSLCONNECTIONERROR, 2000051, ""},
-        {"DoDlZooExists", 1, ZINVALIDSTATE, 2000053, ""},
-        {"DoDlZooExists", 1, ZBADARGUMENTS, 2000053, ""},
-        {"DoDlZooExists", 1, ZNOAUTH, 2000055, ""}}},
-      {[&] { return mAdapter->ZKGetAndUpdateMetaLeaderInfo(mMeta); },
-       {{"DoDlZooWget", 1, ZNOAUTH, 1, "get_leader_info"}}},
+       {{"Exists", "", 2000047, ZOPERATIONTIMEOUT},
+        {"Exists", "", 2000049, ZCONNECTIONLOSS},
+        {"Exists", "", 2000051, ZSSLCONNECTIONERROR},
+        {"Exists", "", 2000053, ZINVALIDSTATE},
+        {"Exists", "", 2000053, ZBADARGUMENTS},
+        {"Exists", "", 2000055}}},
+      {[&] { return mAdapter->ZKGetAndUpdateMetaLeaderInfo(mMeta); }, {{"Wget", "get_leader_info"}}},
       {[&] { return mAdapter->ZKRegisterWatcher(false); },
-       {{"DoDlZooWexists", 1, ZOPERATIONTIMEOUT, 2000047, "set_leader_watcher"},
-        {"DoDlZooWexists", 1, ZCONNECTIONLOSS, 2000049, "set_leader_watcher"},
-        {"DoDlZooWexists", 1, ZINVALIDSTATE, 2000053, "set_leader_watcher"},
-        {"DoDlZooWexists", 1, ZNOAUTH, 2000055, "set_leader_watcher"},
-        {"DoDlZooWgetChildren", 1, ZNOAUTH, 1, "set_follower_watcher"},
-        {"DoDlZooGetChildren", 1, ZNOAUTH, 1, "get_status_children"},
-        {"DoDlZooWexists", 2, ZNOAUTH, 0, "set_status_watcher"}}},
+       {{"Wexists", "set_leader_watcher", 2000047, ZOPERATIONTIMEOUT},
+        {"Wexists", "set_leader_watcher", 2000049, ZCONNECTIONLOSS},
+        {"Wexists", "set_leader_watcher", 2000053, ZINVALIDSTATE},
+        {"Wexists", "set_leader_watcher", 2000055},
+        {"WgetChildren", "set_follower_watcher"},
+        {"GetChildren", "get_status_children"},
+        {"Wexists", "set_status_watcher", 0, ZNOAUTH, 2}}},
       {[&] { return mAdapter->ZKCreateStatus(nodes); },
-       {{"DoDlZooCreate", 1, ZNOAUTH, 1, "create_node"}, {"DoDlZooCreate", 2, ZNOAUTH, 1, "create_status"}}},
+       {{"Create", "create_node"}, {"Create", "create_status", 1, ZNOAUTH, 2}}},
       {[&] { return mAdapter->ZKClearAndCreateStatusDynamic(mMeta); },
-       {{"DoDlZooDelete", 1, ZNOAUTH, 1, "delete_meta_conf"},
-        {"DoDlZooGetChildren", 1, ZNOAUTH, 1, "get_status_children"}}},
-      {[&] { return mAdapter->ZKClearAllStatusNode(); },
-       {{"DoDlZooDelete", 1, ZNOAUTH, 0, "clear_meta_children"}}},
-      {[&] { return mAdapter->ZKGetAllStatusNode(names); },
-       {{"DoDlZooGetChildren", 1, ZNOAUTH, 1, "get_status_children"}}},
-      {[&] { return mAdapter->ZKSetStatus("me:1", kAlive); },
-       {{"DoDlZooGet", 1, ZNOAUTH, 1, "get_status"}, {"DoDlZooSet", 1, ZNOAUTH, 1, "set_status"}}},
+       {{"Delete", "delete_meta_conf"}, {"GetChildren", "get_status_children"}}},
+      {[&] { return mAdapter->ZKClearAllStatusNode(); }, {{"Delete", "clear_meta_children", 0}}},
+      {[&] { return mAdapter->ZKGetAllStatusNode(names); }, {{"GetChildren", "get_status_children"}}},
+      {[&] { return mAdapter->ZKSetStatus("me:1", kAlive); }, {{"Get", "get_status"}, {"Set", "set_status"}}},
       {[&] { return mAdapter->ZKGetNodeWithStatusList(list); },
-       {{"DoDlZooGetChildren", 1, ZNOAUTH, 1, "get_meta_children"},
-        {"DoDlZooGet", 1, ZNOAUTH, 1, "get_status"}}},
+       {{"GetChildren", "get_meta_children"}, {"Get", "get_status"}}},
       {[&] { return mAdapter->ZKUpdateMemoryInformation("a", kAlive, true); },
-       {{"DoDlZooGetChildren", 1, ZNOAUTH, 1, "get_meta_children"}}},
+       {{"GetChildren", "get_meta_children"}}},
       {[&] {
          mMeta->mNodeStatusMap = {{"other:1", kAlive}};
          return mAdapter->ZKCheckAndMarkFollowerBroken(mMeta, names);
        },
-       {{"DoDlZooSet", 1, ZNOAUTH, 1, "set_status"}}},
-      {[&] { return mAdapter->ClusterZKGetNodeList(ids); },
-       {{"DoDlZooGetChildren", 1, ZNOAUTH, 1, "get_node_list"}}},
-      {[&] { return mAdapter->ClusterZKGetNodeInfo(1, info); }, {{"DoDlZooGet", 1, ZNOAUTH, 2000049, ""}}},
-      {[&] { return mAdapter->ClusterZKGetMemInfo(1, info); }, {{"DoDlZooGet", 1, ZNOAUTH, 1, ""}}},
-      {[&] { return mAdapter->ZKTryBecomeMetaElectionLeader(mMeta, won); },
-       {{"DoDlZooCreate", 1, ZNOAUTH, 1, "elect_leader"}}},
-      {[&] { return mAdapter->ZKTryDeleteMetaElectionLeader(); }, {{"DoDlZooDelete", 1, ZNOAUTH, 1, ""}}},
-      {[&] { return mAdapter->ZKCreateMetaElectionFollower(mMeta); },
-       {{"DoDlZooCreate", 1, ZNOAUTH, 1, "create_follower_path"}}},
-      {[&] { return mAdapter->ZKTryDeleteMetaElectionFollower("/a"); },
-       {{"DoDlZooDelete", 1, ZNOAUTH, 0, "delete_follower"}}},
-      {[&] { return mAdapter->ZKElectionOperate(mMeta); },
-       {{"DoDlZooCreate", 1, ZNOAUTH, 1, "elect_leader"}}},
-      {[&] { return mAdapter->ZKWaitAndCreateMetaMutex(); },
-       {{"DoDlZooCreate", 1, ZNOAUTH, 1, "create_status_dynamic"}}},
-      {[&] { return mAdapter->ZKReleaseMetaMutex(); },
-       {{"DoDlZooDelete", 1, ZNOAUTH, 1, "delete_meta_mutex"}}},
-      {[&] { return mAdapter->ClusterZKClose(); }, {{"DoDlZookeeperClose", 1, ZCONNECTIONLOSS, 1, ""}}},
+       {{"Set", "set_status"}}},
+      {[&] { return mAdapter->ClusterZKGetNodeList(ids); }, {{"GetChildren", "get_node_list"}}},
+      {[&] { return mAdapter->ClusterZKGetNodeInfo(1, info); }, {{"Get", "", 2000049}}},
+      {[&] { return mAdapter->ClusterZKGetMemInfo(1, info); }, {{"Get", ""}}},
+      {[&] { return mAdapter->ZKTryBecomeMetaElectionLeader(mMeta, won); }, {{"Create", "elect_leader"}}},
+      {[&] { return mAdapter->ZKTryDeleteMetaElectionLeader(); }, {{"Delete", ""}}},
+      {[&] { return mAdapter->ZKCreateMetaElectionFollower(mMeta); }, {{"Create", "create_follower_path"}}},
+      {[&] { return mAdapter->ZKTryDeleteMetaElectionFollower("/a"); }, {{"Delete", "delete_follower", 0}}},
+      {[&] { return mAdapter->ZKElectionOperate(mMeta); }, {{"Create", "elect_leader"}}},
+      {[&] { return mAdapter->ZKWaitAndCreateMetaMutex(); }, {{"Create", "create_status_dynamic"}}},
+      {[&] { return mAdapter->ZKReleaseMetaMutex(); }, {{"Delete", "delete_meta_mutex"}}},
+      {[&] { return mAdapter->ClusterZKClose(); }, {{"keeperClose", "", 1, ZCONNECTIONLOSS}}},
   };
+  ClusterZKAdapter::isRunning = false;  // the calls of a watcher would count
   for (const bool connected : {false, true}) {
     for (const Operation& operation : operations) {
-      SCOPED_TRACE(operation.refusals[0].function + ": "s + operation.refusals[0].audit);
+      SCOPED_TRACE(operation.refusals[0].function + ": " + operation.refusals[0].audit);
       mLog.Clear();
       if (!connected) {
         EXPECT_EQ(operation.call(), 2000057U);
@@ -148,7 +136,7 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
         mLog.Clear();
         std::atomic<int> left{refusal.nth};
         const ZookeeperCalls calls([&](const ZookeeperCall& call) {
-          const bool refused = call.function == refusal.function && --left == 0;
+          const bool refused = call.function == "DoDlZoo" + refusal.function && --left == 0;
           if (refused && call.path.empty()) {
             call.make();  // the session ends, and nobody can be told
           }
@@ -156,12 +144,13 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
         });
         EXPECT_EQ(operation.call(), refusal.status) << refusal.audit;
         EXPECT_LE(left, 0) << "nothing was refused";
-        EXPECT_TRUE(*refusal.audit == '\0' || Audited(refusal.audit, false)) << refusal.audit;
-        EXPECT_TRUE(refusal.function == "DoDlZooDelete"s || refusal.function == "DoDlZooGet"s ||
+        EXPECT_TRUE(refusal.audit.empty() || Audited(refusal.audit, false)) << refusal.audit;
+        EXPECT_TRUE(refusal.function == "Delete" || refusal.function == "Get" ||
                     !mLog.Texts(kErrorLine).empty());
       }
     }
   }
+  ClusterZKAdapter::isRunning = true;
   EXPECT_EQ(g_ZKHandler, nullptr);
   Connect();
   for (const auto& result :

@@ -9,14 +9,12 @@
 #include "support/fake_clock.h"
 #include "support/random_steps.h"
 #include "support/zookeeper_calls.h"
-
-#include <set>
+#include "unit/services/metadata/metadata_model.h"
 
 namespace vyn::services {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 /// So many blocks have a list of several znodes.
 constexpr std::uint32_t kLong = 13500;
@@ -56,235 +54,82 @@ class MetadataStoreTest : public test::ClusterTest {
   }
 };
 
-/// The model: what has been acknowledged.
 class MetadataModelTest : public MetadataStoreTest {
  protected:
-  struct Variable {
-    std::uint32_t blockNum = 0;
-    bool ready = false;
-    std::uint32_t node = 0;
-    std::vector<std::string> bmIds;
-    std::vector<std::uint64_t> sizes;
-  };
-  struct Application {
-    bool heartbeat = false;
-    Clock::time_point lastBeat;
-    std::map<std::uint32_t, Variable> variables;
-  };
-  struct Step {
-    std::string name;
-    std::function<std::uint32_t(MetadataState& state)> call;
-    std::uint32_t status = 0;
-    bool writes = false;                 ///< a deposed leader must refuse it
-    std::function<void()> done = [] {};  ///< changes the model
-  };
-
-  Variable* Find(const std::string& app, std::uint32_t id) {
-    const auto application = mModel.find(app);
-    if (application == mModel.end()) {
-      return nullptr;
-    }
-    const auto variable = application->second.variables.find(id);
-    return variable == application->second.variables.end() ? nullptr : &variable->second;
-  }
-  void NewLeader() {
-    mLeader = std::make_unique<MetadataState>(kLimits);
-    ASSERT_EQ(mLeader->Load(), 0U);
-    for (auto& [name, application] : mModel) {
+  std::unique_ptr<MetadataState> NewLeader() {
+    auto leader = std::make_unique<MetadataState>(kLimits);
+    EXPECT_EQ(leader->Load(), 0U);
+    for (auto& [name, application] : mModel.mApplications) {
       application.lastBeat = mClock.Now();
     }
+    return leader;
   }
-
-  Step New(const std::string& app, std::uint32_t id, std::uint32_t blocks) {
-    Step step{"new " + std::to_string(blocks),
-              [=](auto& state) { return state.NewVariable(app, id, blocks); }};
-    std::uint64_t sum = blocks;
-    for (const auto& [number, variable] :
-         mModel.contains(app) ? mModel[app].variables : Application().variables) {
-      sum += variable.blockNum;
-    }
-    if (blocks > MetadataStore::kMaxBlocks) {
-      step.status = kStatusTooLarge;
-    } else if (const Variable* variable = Find(app, id)) {
-      step.status = variable->blockNum == blocks ? 0 : kStatusVariableExists;
-    } else if (sum > kLimits.blocks ||
-               (mModel.contains(app) && mModel[app].variables.size() == kLimits.variables)) {
-      step.status = kStatusLimit;
-    } else {
-      step.writes = true;
-      step.done = [=, this] { mModel[app].variables[id].blockNum = blocks; };
-    }
-    return step;
-  }
-  Step Set(const std::string& app, std::uint32_t id, const std::shared_ptr<Blocks>& info) {
-    Step step{"set " + std::to_string(info->bmIds.size()),
-              [=](auto& state) { return state.SetBlocks(*info); }};
-    Variable* variable = Find(app, id);
-    if (variable == nullptr) {
-      step.status = kStatusUnknownVariable;
-    } else if (variable->blockNum != info->bmIds.size()) {
-      step.status = kStatusInvalidRequest;
-    } else if (variable->ready) {
-      step.status =
-          variable->bmIds == info->bmIds && variable->sizes == info->sizes ? 0 : kStatusVariableExists;
-    } else {
-      step.writes = true;
-      step.done = [=] { *variable = {variable->blockNum, true, info->nodeId, info->bmIds, info->sizes}; };
-    }
-    return step;
-  }
-  Step Add(const std::string& app, std::uint32_t id, const std::shared_ptr<Blocks>& info) {
-    Step step{"add " + std::to_string(info->bmIds.size()),
-              [=](auto& state) { return state.AddBlocks(*info); }};
-    Variable* variable = Find(app, id);
-    if (variable == nullptr) {
-      step.status = kStatusUnknownVariable;
-      return step;
-    }
-    auto changed = *variable;
-    const std::set<std::string> known(changed.bmIds.begin(), changed.bmIds.end());
-    for (std::size_t i = 0; i < info->bmIds.size(); ++i) {
-      if (!known.contains(info->bmIds[i])) {
-        changed.bmIds.push_back(info->bmIds[i]);
-        changed.sizes.push_back(info->sizes[i]);
+  /// Does one step on the model, on a leader that has been deposed, if there is one, and on the leader.
+  template <typename Step>
+  void Try(MetadataState* deposed, Step step) {
+    mModel.mWrote = false;
+    const auto expected = step(mModel);
+    if (deposed != nullptr) {
+      const auto before = Tree("/vyn");
+      const auto result = step(*deposed);
+      if constexpr (std::is_same_v<decltype(step(mModel)), std::uint32_t>) {
+        EXPECT_EQ(result, mModel.mWrote ? MetadataStore::kStatusDeposed : expected);
+      } else {
+        EXPECT_TRUE(result == expected);
       }
+      EXPECT_TRUE(Tree("/vyn") == before) << "a deposed leader has written";
     }
-    if ((variable->ready && variable->node != info->nodeId) || info->bmIds.size() > variable->blockNum ||
-        changed.bmIds.size() > variable->blockNum) {
-      step.status = kStatusInvalidRequest;
-    } else {
-      step.writes = true;
-      changed.ready = true;
-      changed.node = info->nodeId;
-      step.done = [=] { *variable = changed; };
-    }
-    return step;
+    EXPECT_TRUE(step(*mLeader) == expected);
   }
-  Step Remove(const std::string& app, std::uint32_t id) {
-    Step step{"remove", [=](auto& state) { return state.RemoveVariable(app, id); }};
-    if (const Variable* variable = Find(app, id)) {
-      step.writes = true;
-      step.done = [=, this, ready = variable->ready, owner = variable->node] {
-        mModel[app].variables.erase(id);
-        for (const std::uint32_t node : {1U, 2U}) {
-          if (ready) {
-            mEntries.insert({node, app, id, node == owner});
-          }
-        }
-      };
-    }
-    return step;
-  }
-  Step End(const std::string& app) {
-    return {"end", [=](auto& state) { return state.RemoveApplication(app); }, 0, true,
-            [=, this] { Ended(app); }};
-  }
-  void Ended(const std::string& app) {
-    mModel.erase(app);
-    mEntries.insert({1, app, 0, false});
-    mEntries.insert({2, app, 0, false});
-  }
-  Step Expire(const std::string& app, std::chrono::milliseconds timeout) {
-    const bool silent = IsSilent(app, timeout);
-    Step step{"expire", [=](auto& state) {
-                bool removed = !silent;
-                const std::uint32_t status = state.Expire(app, timeout, removed);
-                EXPECT_EQ(removed, silent && status == 0);
-                return status;
-              }};
-    step.writes = silent;
-    step.done = [=, this] { silent ? Ended(app) : void(); };
-    return step;
-  }
-  bool IsSilent(const std::string& app, std::chrono::milliseconds timeout) {
-    return mModel.contains(app) && mModel[app].heartbeat && mClock.Now() - mModel[app].lastBeat > timeout;
-  }
-  Step Beat(const std::string& app, bool alive) {
-    const bool known = mModel.contains(app);
-    Step step{alive ? "beat" : "farewell", [=](auto& state) { return state.HeartBeat(app, alive); }};
-    step.writes = known && alive && !mModel[app].heartbeat;
-    step.done = [=, this] {
-      if (known && (alive || mModel[app].heartbeat)) {
-        mModel[app].heartbeat = true;
-        mModel[app].lastBeat = mClock.Now();
-      }
-    };
-    return step;
-  }
-  Step Read(const std::string& app, std::uint32_t id, std::uint32_t index) {
-    const Variable expected = Find(app, id) == nullptr ? Variable() : *Find(app, id);
-    const bool complete = expected.ready && expected.bmIds.size() == expected.blockNum;
-    Step step{"read", [=](auto& state) {
-                tessel::BroadcastBlockInfo info;
-                const std::uint32_t status = state.GetVariable(app, id, info);
-                EXPECT_TRUE(status != 0 || (info.bmIds == expected.bmIds && info.sizes == expected.sizes &&
-                                            info.nodeId == expected.node));
-                std::string bmId;
-                EXPECT_EQ(state.GetBlock(app, id, index, bmId),
-                          index >= expected.blockNum       ? kStatusUnknownVariable
-                          : index >= expected.bmIds.size() ? kStatusNotReady
-                                                           : 0);
-                EXPECT_TRUE(index >= expected.bmIds.size() || bmId == expected.bmIds[index]);
-                return status;
-              }};
-    step.status = Find(app, id) == nullptr ? kStatusUnknownVariable : complete ? 0 : kStatusNotReady;
-    return step;
-  }
-  /// Which applications are known, and which of them are silent.
-  Step Names(std::chrono::milliseconds timeout) {
-    std::vector<std::string> known;
-    std::vector<std::string> silent;
-    for (const auto& [name, application] : mModel) {
-      known.push_back(name);
-      if (IsSilent(name, timeout)) {
-        silent.push_back(name);
-      }
-    }
-    return {"names", [=](auto& state) {
-              std::vector<std::string> found;
-              EXPECT_EQ(state.Known({"a", "b", "never"}, found), 0U);
-              EXPECT_EQ(found, known);
-              EXPECT_EQ(state.Silent(timeout), silent);
-              return 0U;
-            }};
-  }
-  Step Next(test::RandomSteps& random) {
-    const std::string app = random.Pick<std::string>({"a", "b"});
+  void TryOne(test::RandomSteps& random, MetadataState* deposed) {
+    const auto app = random.Pick<std::string>({"a", "b"});
     const std::uint32_t id = random.Number(5);
-    const Variable* variable = Find(app, id);
+    const Model::Variable* variable = mModel.Find(app, id);
     const std::uint32_t blockNum = variable == nullptr ? 2 : variable->blockNum;
-    const std::uint32_t node = random.Pick<std::uint32_t>({1, 1, 1, 2, 99});
+    const std::uint32_t first = random.OneIn(2) ? blockNum / 2 : 0;
+    const std::uint32_t count = blockNum - first + (random.OneIn(6) ? 1 : 0);
+    const auto node = random.Pick<std::uint32_t>({1, 1, 1, 2, 99});
     const char letter = random.OneIn(4) ? 'c' : 'b';
     const auto timeout = random.Pick<std::chrono::milliseconds>({0ms, 2s});
-    switch (random.Number(14)) {
-      case 0:
-      case 1:
-      case 2:
-        return New(app, id, random.Pick<std::uint32_t>({0, 1, 3, 3, kLong, MetadataStore::kMaxBlocks + 1}));
-      case 3:
-      case 4:
-        return Set(app, id,
-                   std::make_shared<Blocks>(app, id, 0, blockNum + (random.OneIn(6) ? 1 : 0), node, letter));
-      case 5:
-      case 6: {
-        const std::uint32_t first = random.OneIn(2) ? blockNum / 2 : 0;
-        return Add(app, id,
-                   std::make_shared<Blocks>(app, id, first,
-                                            blockNum - first + (random.OneIn(6) ? 1 : 0) -
-                                                (random.OneIn(2) && blockNum > first ? 1 : 0),
-                                            node, letter));
-      }
-      case 7:
-      case 8:
-        return Remove(app, id);
-      case 9:
-        return random.OneIn(3) ? End(app) : Expire(app, timeout);
-      case 10:
-        return Beat(app, !random.OneIn(3));
-      case 11:
-        return Names(timeout);
-      default:
-        return Read(app, id, random.Pick<std::uint32_t>({0, 1, kLong - 1, kLong}));
+    const auto blocks = random.Pick<std::uint32_t>({0, 1, 3, 3, kLong, MetadataStore::kMaxBlocks + 1});
+    const bool alive = !random.OneIn(3);
+    const std::uint32_t choice = random.Number(14);
+    random.Note("step " + std::to_string(choice) + " " + app + std::to_string(id) + " of " +
+                std::to_string(blockNum) + (deposed == nullptr ? "" : ", also on a deposed leader"));
+    if (choice < 3) {
+      Try(deposed, [&](auto& state) { return state.NewVariable(app, id, blocks); });
+    } else if (choice < 5) {
+      const Blocks info(app, id, 0, blockNum + (random.OneIn(6) ? 1 : 0), node, letter);
+      Try(deposed, [&](auto& state) { return state.SetBlocks(info); });
+    } else if (choice < 7) {
+      const Blocks info(app, id, first, count - (random.OneIn(2) && count > 0 ? 1 : 0), node, letter);
+      Try(deposed, [&](auto& state) { return state.AddBlocks(info); });
+    } else if (choice < 9) {
+      Try(deposed, [&](auto& state) { return state.RemoveVariable(app, id); });
+    } else if (choice == 9 && alive) {
+      Try(deposed, [&](auto& state) {
+        bool removed = false;
+        const std::uint32_t status = state.Expire(app, timeout, removed);
+        return removed ? std::uint32_t{1} : status;
+      });
+    } else if (choice == 9) {
+      Try(deposed, [&](auto& state) { return state.RemoveApplication(app); });
+    } else if (choice == 10) {
+      Try(deposed, [&](auto& state) { return state.HeartBeat(app, alive); });
+    } else if (choice == 11) {
+      Try(deposed, [&](auto& state) {
+        std::vector<std::string> known;
+        EXPECT_EQ(state.Known({"a", "b", "never"}, known), 0U);
+        return std::tuple(known, state.Silent(timeout));
+      });
+    } else {
+      Try(deposed, [&](auto& state) {
+        tessel::BroadcastBlockInfo info;
+        const std::uint32_t status = state.GetVariable(app, id, info);
+        std::string bmId;
+        const std::uint32_t found = state.GetBlock(app, id, first, bmId);
+        return std::tuple(status, info.nodeId, info.bmIds, info.sizes, found, bmId);
+      });
     }
   }
 
@@ -298,92 +143,71 @@ class MetadataModelTest : public MetadataStoreTest {
   }
   /// Does what the nodes were told, and compares it and what is left with the model.
   void CheckTree() {
-    decltype(mEntries) told;
-    for (const char* node : {"1", "2"}) {
+    decltype(mModel.mEntries) told;
+    for (const std::string node : {"1", "2"}) {
       for (const ReclaimEntry& entry : Entries(node)) {
-        told.insert(
-            {static_cast<std::uint32_t>(*node - '0'), entry.application, entry.variableId, entry.owner});
+        told.insert({node == "1" ? 1U : 2U, entry.application, entry.variableId, entry.owner});
         VariableRecord record;
         if (entry.owner && ReadVariableRecord(entry.variablePath, record) != RecordRead::kAbsent) {
           EXPECT_EQ(record.state, RecordState::kDeleted);
           EXPECT_EQ(zookeeper::DeleteTree(entry.variablePath), ZOK);
         }
       }
-      EXPECT_EQ(zookeeper::DeleteTree(std::string("/vyn/reclaim/") + node), ZOK);
-      mRaw->Create(std::string("/vyn/reclaim/") + node, "");
+      EXPECT_EQ(zookeeper::DeleteTree("/vyn/reclaim/" + node), ZOK);
+      mRaw->Create("/vyn/reclaim/" + node, "");
     }
-    EXPECT_TRUE(told == std::exchange(mEntries, {}));
-    std::size_t records = 0;
-    std::size_t expected = 0;
-    for (const std::string& app : mRaw->Children("/vyn/apps")) {
-      for (const std::string& name : mRaw->Children("/vyn/apps/" + app)) {
+    EXPECT_TRUE(told == std::exchange(mModel.mEntries, {}));
+    std::vector<std::string> names;
+    for (const auto& [app, application] : mModel.mApplications) {
+      names.push_back(app);
+      const auto records = mRaw->Children("/vyn/apps/" + app);
+      EXPECT_EQ(records.size(), application.variables.size());
+      for (const std::string& name : records) {
         const std::string path = "/vyn/apps/" + app + "/" + name;
-        const Variable* variable = Find(app, static_cast<std::uint32_t>(std::stoul(name)));
+        const Model::Variable* variable = mModel.Find(app, static_cast<std::uint32_t>(std::stoul(name)));
         VariableRecord record;
         ASSERT_EQ(ReadVariableRecord(path, record), RecordRead::kRead) << path;
         ASSERT_NE(variable, nullptr) << path;
         EXPECT_EQ(record.state, variable->ready ? RecordState::kReady : RecordState::kNew);
         EXPECT_TRUE(record.blockNum == variable->blockNum && record.blocks.bmIds == variable->bmIds);
         EXPECT_EQ(mRaw->Children(path).size() + 1, std::max(record.pieces, 1U)) << path;
-        ++records;
       }
-      EXPECT_TRUE(mModel.contains(app)) << app;
     }
-    for (const auto& [name, application] : mModel) {
-      EXPECT_TRUE(mRaw->Exists("/vyn/apps/" + name)) << name;
-      expected += application.variables.size();
-    }
-    EXPECT_EQ(records, expected);
+    EXPECT_EQ(mRaw->Children("/vyn/apps"), names);
   }
 
   test::FakeClock mClock;
+  Model mModel{kLimits};
   std::unique_ptr<MetadataState> mLeader;
-  std::map<std::string, Application> mModel;
-  /// Node, application, variable, whether it holds the blocks.
-  std::multiset<std::tuple<std::uint32_t, std::string, std::uint32_t, bool>> mEntries;
 };
 
 TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndADeposedOneChangesNothing) {
   for (const unsigned int seed : test::Seeds(3)) {
     test::RandomSteps random(seed);
-    NewLeader();
+    mLeader = NewLeader();
     for (int i = 0; i < 150 && !HasFailure(); ++i) {
       mClock.SleepFor(std::chrono::seconds(random.Number(3)));
-      if (random.OneIn(15) && !mModel.contains("b")) {  // as a registration at a node leaves it
+      if (random.OneIn(15) && !mModel.mApplications.contains("b")) {  // as a registration at a node leaves it
         mRaw->Create("/vyn/apps/b", "{}");
-        mModel["b"] = {};
+        mModel.mApplications["b"] = {};
       }
       if (random.OneIn(20)) {
-        random.Note("forgive");
         mLeader->Forgive(2s);
-        for (auto& [name, application] : mModel) {
-          application.lastBeat += 2s;
-        }
+        mModel.Forgive(2s);
       }
       std::unique_ptr<MetadataState> deposed;
       if (random.OneIn(5)) {
-        random.Note("another leads");
-        NewLeader();
-        deposed = std::move(mLeader);
-        NewLeader();
+        deposed = NewLeader();
+        mLeader = NewLeader();
       }
-      const Step step = Next(random);
-      random.Note(step.name + " -> " + std::to_string(step.status));
-      if (deposed != nullptr) {
-        const auto before = Tree("/vyn");
-        EXPECT_EQ(step.call(*deposed), step.writes ? MetadataStore::kStatusDeposed : step.status);
-        EXPECT_TRUE(Tree("/vyn") == before) << "a deposed leader has written";
-      }
-      EXPECT_EQ(step.call(*mLeader), step.status);
-      step.done();
+      TryOne(random, deposed.get());
       if (i % 10 == 9) {
         CheckTree();
       }
     }
     ASSERT_FALSE(HasFailure()) << random.Story();
     for (const char* app : {"a", "b"}) {
-      EXPECT_EQ(mLeader->RemoveApplication(app), 0U);
-      Ended(app);
+      EXPECT_EQ(mLeader->RemoveApplication(app), mModel.RemoveApplication(app));
     }
     CheckTree();
   }
