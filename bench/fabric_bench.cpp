@@ -3,9 +3,10 @@
 // The node runs as a process of its own would: in a forked child. Sizes are smaller than a real pool's so
 // that the whole can be repeated; they are far beyond the caches.
 
-#include "platform/fabric/client/client.h"
+#include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/node/fabric_node.h"
-#include "platform/fabric/protocol/sockets.h"
+#include "platform/fabric/transport/broker_socket.h"
+#include "platform/fabric/transport/link.h"
 #include "support/ratio.h"
 
 #include <fcntl.h>
@@ -23,10 +24,10 @@
 
 namespace {
 
-using vyn::bm::Client;
-using vyn::bm::FabricNode;
-using vyn::bm::FabricNodeOptions;
-using vyn::bm::FileDescriptor;
+using vyn::fabric::FabricClient;
+using vyn::fabric::FabricNode;
+using vyn::fabric::FabricNodeOptions;
+using vyn::net::Descriptor;
 
 constexpr std::uint64_t kBlock = 4U << 20U;
 constexpr std::uint64_t kLarge = 1U << 30U;
@@ -40,8 +41,8 @@ class Fabric {
     return gFabric;
   }
 
-  Client local;
-  Client linked;
+  FabricClient local;
+  FabricClient linked;
 
   std::string Allocate(std::uint64_t size) {
     std::string id(64, '\0');
@@ -168,7 +169,7 @@ class ForeignBlocks {
 
  private:
   [[noreturn]] static void Write(const std::string& home, int ids) {
-    Client own;
+    FabricClient own;
     own.Initialize(home.c_str(), 0);
     for (int count = 0; count < kBlocks; ++count) {
       char id[64] = "";
@@ -211,7 +212,7 @@ void MapFile(benchmark::State& state) {
   Fabric& fabric = Fabric::Get();
   ForeignBlocks blocks;
   for (auto _ : state) {
-    const FileDescriptor file(::open(fabric.FileOf(blocks.Next()).c_str(), O_RDWR | O_CLOEXEC));
+    const Descriptor file(::open(fabric.FileOf(blocks.Next()).c_str(), O_RDWR | O_CLOEXEC));
     void* address = ::mmap(nullptr, kBlock, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
     if (address == MAP_FAILED) {
       state.SkipWithError("cannot map");
@@ -229,15 +230,15 @@ void FirstMapHandedOverFloor(benchmark::State& state) {
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0) {
     std::abort();
   }
-  const auto later = [] { return vyn::bm::After(std::chrono::seconds(10)); };
+  const auto later = [] { return vyn::net::Deadline::After(std::chrono::seconds(10)); };
   char text[256] = "";
   std::size_t received = 0;
   const pid_t child = ::fork();
   if (child == 0) {
     ::close(ends[0]);
-    vyn::bm::SocketStream stream{FileDescriptor(ends[1])};
-    while (stream.Receive(text, sizeof(text), received, later()) == vyn::bm::IoStatus::kOk) {
-      const FileDescriptor file(::open(std::string(text, received).c_str(), O_RDWR | O_CLOEXEC));
+    vyn::fabric::SocketStream stream{Descriptor(ends[1])};
+    while (stream.Receive(text, sizeof(text), received, later()) == vyn::net::IoStatus::kOk) {
+      const Descriptor file(::open(std::string(text, received).c_str(), O_RDWR | O_CLOEXEC));
       iovec part{text, 1};
       stream.Send(&part, 1, later(), file.Get());
     }
@@ -245,13 +246,13 @@ void FirstMapHandedOverFloor(benchmark::State& state) {
   }
   ::close(ends[1]);
   {
-    vyn::bm::SocketStream stream(FileDescriptor(ends[0]), true);
+    vyn::fabric::SocketStream stream(Descriptor(ends[0]), true);
     for (auto _ : state) {
       std::string path = fabric.FileOf(blocks.Next());
       iovec part{path.data(), path.size()};
       stream.Send(&part, 1, later(), -1);
       stream.Receive(text, sizeof(text), received, later());
-      const FileDescriptor file = stream.TakeDescriptor();
+      const Descriptor file = stream.TakeDescriptor();
       void* address = ::mmap(nullptr, kBlock, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
       if (address == MAP_FAILED) {
         state.SkipWithError("cannot map");
@@ -309,7 +310,7 @@ void FillMappedBlocksFloor(benchmark::State& state) {
     std::vector<std::string> paths;
     for (std::uint64_t filled = 0; filled < kLarge; filled += kFillBlock) {
       paths.push_back(folder + "/floor" + std::to_string(filled));
-      const FileDescriptor file(::open(paths.back().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+      const Descriptor file(::open(paths.back().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
       if (::fallocate(file.Get(), 0, 0, kFillBlock) != 0) {
         state.SkipWithError("no room");
       }
@@ -391,7 +392,7 @@ void ReadOverLink(benchmark::State& state) {
 void SocketCopyFloor(benchmark::State& state) {
   std::uint16_t port = 0;
   std::string text;
-  FileDescriptor listener = vyn::bm::ListenAsLink("127.0.0.1", port, text);
+  Descriptor listener = vyn::fabric::ListenOnLinkPort("127.0.0.1", port, text);
   ::fcntl(listener.Get(), F_SETFL, 0);
   const pid_t child = ::fork();
   if (child == 0) {
@@ -410,10 +411,9 @@ void SocketCopyFloor(benchmark::State& state) {
     }
   }
   {
-    int error = 0;
     const auto stream =
-        vyn::bm::ConnectToLink("127.0.0.1", port, vyn::bm::After(std::chrono::seconds(5)), error);
-    listener.Reset();
+        vyn::fabric::DialLink("127.0.0.1", port, vyn::net::Deadline::After(std::chrono::seconds(5)));
+    listener.Close();
     ::fcntl(stream->Socket(), F_SETFL, 0);
     const std::string bytes(kSent, 'w');
     for (auto _ : state) {

@@ -1,22 +1,25 @@
 #pragma once
 
-// The end of the time that an operation may take.
+// The point in time at which an operation gives up. Threads: a value; const after construction.
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 
-namespace vyn::rpc {
+namespace vyn::net {
 
 class Deadline {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// \param milliseconds from now; negative is no limit.
+  /// \param milliseconds from now; negative means no limit.
   explicit Deadline(std::int64_t milliseconds)
       : mEnd(milliseconds < 0 || milliseconds > kLongest
                  ? Clock::time_point::max()
                  : Clock::now() + std::chrono::milliseconds(milliseconds)) {}
+
+  /// A deadline `time` from now. There is always a limit: a negative `time` has passed already.
+  static Deadline After(std::chrono::milliseconds time) { return Deadline(Clock::now() + time); }
 
   bool HasLimit() const { return mEnd != Clock::time_point::max(); }
   bool IsOver(Clock::time_point now = Clock::now()) const { return now >= mEnd; }
@@ -26,8 +29,8 @@ class Deadline {
     return !HasLimit() || mEnd - now > time;
   }
 
-  /// What is left as poll() takes it: -1 without a limit, otherwise rounded up, so that a wait of this length
-  /// ends behind the deadline and not before it.
+  /// The time that is left as poll() takes it: -1 without a limit, otherwise rounded up, so that a wait of
+  /// this length ends after the deadline and not before it.
   int PollTime() const {
     if (!HasLimit()) {
       return -1;
@@ -36,11 +39,16 @@ class Deadline {
     return static_cast<int>(std::clamp<std::int64_t>(left, 0, kLongestPoll));
   }
 
+  /// The earlier deadline is the smaller one.
+  friend bool operator<(const Deadline& left, const Deadline& right) { return left.mEnd < right.mEnd; }
+
  private:
   static constexpr std::int64_t kLongest = std::int64_t{1} << 50;
   static constexpr std::int64_t kLongestPoll = 3600000;
 
+  explicit Deadline(Clock::time_point end) : mEnd(end) {}
+
   Clock::time_point mEnd;
 };
 
-}  // namespace vyn::rpc
+}  // namespace vyn::net

@@ -1,12 +1,12 @@
 #pragma once
 
-// Owns a file descriptor.
+// Owns a file descriptor and closes it. Threads: one at a time.
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace vyn::rpc {
+namespace vyn::net {
 
 class Descriptor {
  public:
@@ -15,8 +15,7 @@ class Descriptor {
   Descriptor(Descriptor&& other) noexcept : mDescriptor(other.Release()) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
     if (this != &other) {
-      Close();
-      mDescriptor = other.Release();
+      Reset(other.Release());
     }
     return *this;
   }
@@ -24,16 +23,19 @@ class Descriptor {
 
   int Get() const { return mDescriptor; }
   explicit operator bool() const { return mDescriptor >= 0; }
+  /// Gives the descriptor up without closing it.
   int Release() { return std::exchange(mDescriptor, -1); }
-  void Close() {
+  void Close() { Reset(-1); }
+  /// Closes the descriptor that is owned and owns `descriptor` instead.
+  void Reset(int descriptor) {
     if (mDescriptor >= 0) {
-      close(mDescriptor);
-      mDescriptor = -1;
+      ::close(mDescriptor);
     }
+    mDescriptor = descriptor;
   }
 
  private:
   int mDescriptor = -1;
 };
 
-}  // namespace vyn::rpc
+}  // namespace vyn::net

@@ -1,8 +1,7 @@
 #pragma once
 
-// How this process secures the connections that libraries opened at run time make for it. The set-up of the
-// process fills it before it opens them; they find it here, since the functions by which they are called have
-// no argument for it. Threads: any.
+// How this process secures the connections that libraries make which it opens at run time. The set-up of the
+// process fills this before it opens them; their functions have no argument for it. Threads: any.
 
 #include "platform/tls/tls_context.h"
 
@@ -12,11 +11,11 @@
 namespace vyn::tls {
 
 struct ClientSetting {
-  /// Whether every such connection is under TLS. Off until it is told.
+  /// Whether every such connection is under TLS. Off until it is set.
   bool enabled = false;
   /// The entries of TlsContext::ForClient.
   TlsContext::SecurityMap security;
-  /// Gets the words of a connection that was refused; may be null. Called by any thread.
+  /// Receives the reason when a connection was refused; may be null. Called by any thread.
   std::function<void(const std::string& text)> report;
 };
 

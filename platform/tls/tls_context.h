@@ -4,10 +4,10 @@
 // only, through the libraries that platform/openssl_dl has opened.
 //
 // Several threads may use a context at once, each its own streams of it. A client's context also keeps the
-// session of the stream that was closed last (Stream::Close), by which the next one is made without
-// certificates; who closes streams of a client's context uses it by one thread at a time.
+// session of the stream that was closed last (Stream::Close), so that the next handshake needs no certificates;
+// only one thread at a time may close streams of a client's context.
 
-#include "platform/tls/stream.h"
+#include "platform/net/stream.h"
 
 #include <map>
 #include <memory>
@@ -39,7 +39,7 @@ class TlsContext : public std::enable_shared_from_this<TlsContext> {
   TlsContext& operator=(const TlsContext&) = delete;
 
   /// A stream of this side over a connected socket. Null without memory.
-  std::unique_ptr<Stream> NewStream(int descriptor);
+  std::unique_ptr<net::Stream> NewStream(int descriptor);
 
  private:
   friend class TlsStream;

@@ -63,7 +63,7 @@ const BIO_METHOD* SocketMethod(const openssl_dl::Api* api) {
 
 }  // namespace
 
-class TlsStream : public Stream {
+class TlsStream : public net::Stream {
  public:
   explicit TlsStream(std::shared_ptr<TlsContext> context)
       : mContext(std::move(context)), mApi(mContext->mApi) {}
@@ -98,13 +98,13 @@ class TlsStream : public Stream {
     return mContext->mPeerName.empty() || ExpectName(mContext->mPeerName);
   }
 
-  IoState Handshake() override {
+  net::IoState Handshake() override {
     mApi->ERR_clear_error();
     const int result = mApi->SSL_do_handshake(mSsl);
-    return result == 1 ? IoState::kDone : Refusal(result);
+    return result == 1 ? net::IoState::kDone : Refusal(result);
   }
 
-  IoResult Read(void* data, std::size_t size) override {
+  net::IoResult Read(void* data, std::size_t size) override {
     mApi->ERR_clear_error();
     const int result = mApi->SSL_read(mSsl, data, static_cast<int>(std::min(size, kLongestStep)));
     if (result <= 0) {
@@ -112,10 +112,10 @@ class TlsStream : public Stream {
     }
     const auto bytes = static_cast<std::size_t>(result);
     // A record that is not full is the last of what its sender wrote.
-    return {IoState::kDone, bytes, bytes < std::min(size, kRecord) && !HasBuffered()};
+    return {net::IoState::kDone, bytes, bytes < std::min(size, kRecord) && !HasBuffered()};
   }
 
-  IoResult Write(const iovec* parts, std::size_t count) override {
+  net::IoResult Write(const iovec* parts, std::size_t count) override {
     const char* data = static_cast<const char*>(parts->iov_base);
     std::size_t size = parts->iov_len;
     if (size < kRecord && count > 1) {
@@ -138,7 +138,7 @@ class TlsStream : public Stream {
     if (result <= 0) {
       return {Refusal(result)};
     }
-    return {IoState::kDone, static_cast<std::size_t>(result)};
+    return {net::IoState::kDone, static_cast<std::size_t>(result)};
   }
 
   bool HasBuffered() const override { return mApi->SSL_has_pending(mSsl) == 1; }
@@ -146,7 +146,7 @@ class TlsStream : public Stream {
   bool IsStale() override {
     // Bytes may be waiting that say nothing to the caller, such as a new ticket; reading takes them in.
     char byte;
-    return Read(&byte, 1).mState != IoState::kWantRead;
+    return Read(&byte, 1).mState != net::IoState::kWantRead;
   }
 
   void Close() override {
@@ -179,20 +179,20 @@ class TlsStream : public Stream {
                           const_cast<char*>(name.c_str())) == 1;
   }
 
-  IoState Refusal(int result) {
+  net::IoState Refusal(int result) {
     const int systemError = errno;
     switch (mApi->SSL_get_error(mSsl, result)) {
       case SSL_ERROR_WANT_READ:
-        return IoState::kWantRead;
+        return net::IoState::kWantRead;
       case SSL_ERROR_WANT_WRITE:
-        return IoState::kWantWrite;
+        return net::IoState::kWantWrite;
       case SSL_ERROR_ZERO_RETURN:
-        return IoState::kClosed;
+        return net::IoState::kClosed;
       case SSL_ERROR_SYSCALL:
         mBroken = true;
         mWasReset = systemError == ECONNRESET || systemError == EPIPE;
         mError = result < 0 && systemError != 0 ? strerror(systemError) : "";
-        return IoState::kClosed;
+        return net::IoState::kClosed;
       default:
         mBroken = true;
         mError = TlsErrorText(mApi);
@@ -201,7 +201,7 @@ class TlsStream : public Stream {
         } else if (const long verdict = mApi->SSL_get_verify_result(mSsl); verdict != X509_V_OK) {
           mError += std::string(": ") + mApi->X509_verify_cert_error_string(verdict);
         }
-        return IoState::kFailed;
+        return net::IoState::kFailed;
     }
   }
 
@@ -212,7 +212,7 @@ class TlsStream : public Stream {
   bool mBroken = false;  // nothing may be sent any more
 };
 
-std::unique_ptr<Stream> TlsContext::NewStream(int descriptor) {
+std::unique_ptr<net::Stream> TlsContext::NewStream(int descriptor) {
   auto stream = std::make_unique<TlsStream>(shared_from_this());
   return stream->Open(descriptor) ? std::move(stream) : nullptr;
 }

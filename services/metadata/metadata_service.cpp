@@ -40,10 +40,10 @@ std::uint32_t Normalize(BroadcastBlockInfo& info) {
     if (const std::size_t end = bmId.find('\0'); end != std::string::npos) {
       bmId.resize(end);
     }
-    if (!bm::IsObjectId(bmId)) {
+    if (!fabric::IsObjectId(bmId)) {
       return kStatusInvalidRequest;
     }
-    if (bm::OwnerOf(bmId) != info.nodeId) {
+    if (fabric::OwnerOf(bmId) != info.nodeId) {
       return kStatusWrongOwner;
     }
   }

@@ -22,8 +22,8 @@ constexpr const char* kFabricRoot = "/mf";
 constexpr const char* kFabricNodes = "/mf/node";
 constexpr const char* kFabricCapacities = "/mf/capacity";
 
-std::string CapacityBytes(const bm::FabricNode& fabric) {
-  const bm::FabricNodeStats stats = fabric.Stats();
+std::string CapacityBytes(const fabric::FabricNode& fabric) {
+  const fabric::FabricNodeStats stats = fabric.Stats();
   cluster::CapacityRecord record;
   record.size = stats.capacity;
   record.free = stats.capacity > stats.used ? stats.capacity - stats.used : 0;
@@ -35,7 +35,7 @@ std::string CapacityBytes(const bm::FabricNode& fabric) {
 
 }  // namespace
 
-NodeRegistry::NodeRegistry(NodeIdentity identity, const bm::FabricNode& fabric)
+NodeRegistry::NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric)
     : mIdentity(std::move(identity)), mFabric(fabric) {}
 
 NodeRegistry::~NodeRegistry() { Stop(); }

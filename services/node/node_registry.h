@@ -36,7 +36,7 @@ struct NodeIdentity {
 class NodeRegistry {
  public:
   /// \param fabric is the caller's and outlives the registry.
-  NodeRegistry(NodeIdentity identity, const bm::FabricNode& fabric);
+  NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric);
   /// Stops.
   ~NodeRegistry();
   NodeRegistry(const NodeRegistry&) = delete;
@@ -67,7 +67,7 @@ class NodeRegistry {
   void Keep();
 
   const NodeIdentity mIdentity;
-  const bm::FabricNode& mFabric;
+  const fabric::FabricNode& mFabric;
   /// Whether the last round of mTask found or made the records. Only its thread uses it.
   bool mPublished = true;
   common::PeriodicTask mTask;

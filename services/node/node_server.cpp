@@ -68,13 +68,13 @@ std::uint64_t BagHash(std::uint32_t bagId) {
 
 /// A name and a token that the pool takes.
 bool CanRegister(const std::string& application, const std::string& token) {
-  return IsName(application) && application.size() <= bm::kMaxNamespaceLength &&
-         token.size() <= bm::kMaxTokenLength;
+  return IsName(application) && application.size() <= fabric::kMaxNamespaceLength &&
+         token.size() <= fabric::kMaxTokenLength;
 }
 
 }  // namespace
 
-NodeServer::NodeServer(NodeServerOptions options, bm::FabricNode& fabric)
+NodeServer::NodeServer(NodeServerOptions options, fabric::FabricNode& fabric)
     : mOptions(std::move(options)),
       mFabric(fabric),
       mVariables(mOptions.lookUp, std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)),
@@ -152,7 +152,7 @@ bool NodeServer::IsRegistered(const std::string& application) const {
 }
 
 std::uint64_t NodeServer::ObjectsOf(const std::string& application) const {
-  for (const bm::NamespaceInfo& info : mFabric.Namespaces()) {
+  for (const fabric::NamespaceInfo& info : mFabric.Namespaces()) {
     if (info.name == application) {
       return info.objects;
     }
@@ -332,12 +332,12 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std
   for (const auto& id : request.blobIdList) {
     wanted.insert(id->innerId ^ BagHash(id->bagId));
   }
-  std::vector<bm::ObjectInfo> objects;
+  std::vector<fabric::ObjectInfo> objects;
   if (const std::uint32_t status = StatusOf(mFabric.Objects(request.ns, objects)); Failed(status)) {
     return status;
   }
   std::vector<std::string> bmIds;
-  for (const bm::ObjectInfo& object : objects) {
+  for (const fabric::ObjectInfo& object : objects) {
     if (wanted.count(BlobHash(object.id)) != 0) {
       bmIds.push_back(object.id);
     }

@@ -43,7 +43,7 @@ struct NodeServerOptions {
 class NodeServer {
  public:
   /// \param fabric is the caller's and outlives the server.
-  NodeServer(NodeServerOptions options, bm::FabricNode& fabric);
+  NodeServer(NodeServerOptions options, fabric::FabricNode& fabric);
   /// Stops.
   ~NodeServer();
   NodeServer(const NodeServer&) = delete;
@@ -85,7 +85,7 @@ class NodeServer {
   bool IsRegistered(const std::string& application) const;
 
   const NodeServerOptions mOptions;
-  bm::FabricNode& mFabric;
+  fabric::FabricNode& mFabric;
   VariableCache mVariables;
   rpc::Server mServer;
 

@@ -16,7 +16,7 @@ constexpr auto kPeriod = std::chrono::milliseconds(500);
 
 }  // namespace
 
-Reclaimer::Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
+Reclaimer::Reclaimer(std::uint16_t nodeId, fabric::FabricNode& fabric,
                      std::function<void(const ReclaimEntry& entry)> forget)
     : mNodeId(nodeId), mFabric(fabric), mForget(std::move(forget)) {}
 

@@ -22,7 +22,7 @@ class Reclaimer {
  public:
   /// \param fabric is the caller's and outlives the reclaimer. \param forget is told of every entry before
   ///        its memory goes, of a variable's only once.
-  Reclaimer(std::uint16_t nodeId, bm::FabricNode& fabric,
+  Reclaimer(std::uint16_t nodeId, fabric::FabricNode& fabric,
             std::function<void(const ReclaimEntry& entry)> forget);
   /// Stops.
   ~Reclaimer();
@@ -52,7 +52,7 @@ class Reclaimer {
   Outcome FreeVariable(const ReclaimEntry& entry);
 
   const std::uint16_t mNodeId;
-  bm::FabricNode& mFabric;
+  fabric::FabricNode& mFabric;
   const std::function<void(const ReclaimEntry& entry)> mForget;
   /// Held while an entry is worked off, so that none is done twice at once.
   std::mutex mDraining;

@@ -213,7 +213,7 @@ bool Daemon::StartLog(std::string& error) {
 }
 
 bool Daemon::StartFabric(std::string& error) {
-  bm::FabricNodeOptions options;
+  fabric::FabricNodeOptions options;
   options.home = mHome;
   options.poolPath = mOptions.poolPath;
   options.capacity = mOptions.poolSize;
@@ -226,7 +226,7 @@ bool Daemon::StartFabric(std::string& error) {
     common::BaseApiUtil::GetPlxTlsConf4Server(conf, options.linkIdentity);
     common::BaseApiUtil::GetPlxTlsConf4Client(conf, options.linkTrust, false);
   }
-  options.directory = [this](std::uint16_t nodeId, bm::NodeAddress& address) {
+  options.directory = [this](std::uint16_t nodeId, fabric::NodeAddress& address) {
     cluster::NodeInfo node;
     if (!mMember->View().Find(nodeId, node)) {
       return false;

@@ -46,7 +46,7 @@ class Daemon {
   std::string mHome;
   std::vector<std::string> mWarnings;  ///< of the configuration
   HomeLock mLock;
-  bm::FabricNode mFabric;
+  fabric::FabricNode mFabric;
   MetadataClient mMetadataClient;
   std::unique_ptr<MetadataMember> mMember;
   std::unique_ptr<NodeServer> mNodeServer;

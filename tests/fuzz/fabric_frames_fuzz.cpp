@@ -10,7 +10,7 @@
 //
 // Afterwards the node's account must agree with what it lists.
 
-#include "platform/fabric/node/session.h"
+#include "platform/fabric/node/fabric_session.h"
 #include "platform/fabric/protocol/names.h"
 
 #include <sys/mman.h>
@@ -24,7 +24,8 @@
 
 namespace {
 
-using namespace vyn::bm;
+using namespace vyn::fabric;
+namespace net = vyn::net;
 
 void Require(bool condition) {
   if (!condition) {
@@ -37,24 +38,28 @@ class MemoryStream : public ByteStream {
  public:
   explicit MemoryStream(std::string input) : mInput(std::move(input)) {}
 
-  IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, Deadline) override {
+  net::IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, net::Deadline) override {
     received = std::min(room, mInput.size() - mPosition);
     std::memcpy(buffer, mInput.data() + mPosition, received);
     mPosition += received;
-    return received > 0 ? IoStatus::kOk : (End() & 2U) != 0 ? IoStatus::kReset : IoStatus::kClosed;
+    return received > 0        ? net::IoStatus::kOk
+           : (End() & 2U) != 0 ? net::IoStatus::kReset
+                               : net::IoStatus::kClosed;
   }
-  IoStatus Send(iovec* parts, std::size_t count, Deadline, int) override {
+  net::IoStatus Send(iovec* parts, std::size_t count, net::Deadline, int) override {
     for (std::size_t index = 0; index < count; ++index) {
       mSum += parts[index].iov_len > 0
                   ? static_cast<unsigned char*>(parts[index].iov_base)[parts[index].iov_len - 1]
                   : 0;
     }
-    return IoStatus::kOk;
+    return net::IoStatus::kOk;
   }
-  IoStatus SendFile(int, std::uint64_t, std::uint64_t, Deadline) override { return IoStatus::kOk; }
+  net::IoStatus SendFile(int, std::uint64_t, std::uint64_t, net::Deadline) override {
+    return net::IoStatus::kOk;
+  }
   bool Quiet() override { return true; }
   bool PeerGone() override { return (End() & 1U) != 0 && mPosition == mInput.size(); }
-  FileDescriptor TakeDescriptor() override { return FileDescriptor(::memfd_create("fuzz", MFD_CLOEXEC)); }
+  net::Descriptor TakeDescriptor() override { return net::Descriptor(::memfd_create("fuzz", MFD_CLOEXEC)); }
   void Shutdown() override {}
 
  private:
@@ -81,11 +86,11 @@ class Node {
     std::filesystem::remove_all(mFolder);
   }
 
-  void Serve(ByteStream& stream, DoorKind door) {
+  void Serve(ByteStream& stream, ListenerKind door) {
     NodeParts parts{kNodeId, *mPool, *mCopies, mNeighbours};
-    Session session(parts, door);
-    session.End(ServeConnection(
-        stream, [&](Exchange& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
+    FabricSession session(parts, door);
+    session.OnConnectionEnd(ServeConnection(
+        stream, [&](ServerCall& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
         std::chrono::seconds(1)));
   }
 
@@ -131,23 +136,25 @@ class Node {
   std::optional<PulledCopies> mCopies;
 };
 
-std::string Framed(Operation operation, std::uint32_t sequence, std::string_view head, std::size_t data) {
-  const FrameHeader header{kFrameMagic,
-                           static_cast<std::uint16_t>(operation),
-                           0,
-                           sequence,
-                           0,
-                           static_cast<std::uint32_t>(head.size()),
-                           static_cast<std::uint32_t>(data)};
+std::string Framed(FabricOperation operation, std::uint32_t sequence, std::string_view head,
+                   std::size_t data) {
+  const FabricFrameHeader header{kFrameMagic,
+                                 static_cast<std::uint16_t>(operation),
+                                 0,
+                                 sequence,
+                                 0,
+                                 static_cast<std::uint32_t>(head.size()),
+                                 static_cast<std::uint32_t>(data)};
   std::string bytes(reinterpret_cast<const char*>(&header), sizeof(header));
   return bytes.append(head).append(data, 'd');
 }
 
 std::string WithGoodHeaders(std::string_view input) {
-  std::string bytes = Framed(Operation::kHello, 0, std::string_view("\x01\0\x01\0\xff\xff\xff\xff", 8), 0);
+  std::string bytes =
+      Framed(FabricOperation::kHello, 0, std::string_view("\x01\0\x01\0\xff\xff\xff\xff", 8), 0);
   std::uint32_t sequence = 1;
   while (input.size() >= 5) {
-    const auto operation = static_cast<Operation>(static_cast<unsigned char>(input[0]));
+    const auto operation = static_cast<FabricOperation>(static_cast<unsigned char>(input[0]));
     std::uint16_t lengths[2];  // of the arguments and of the data
     std::memcpy(lengths, input.data() + 1, sizeof(lengths));
     input.remove_prefix(5);
@@ -159,14 +166,14 @@ std::string WithGoodHeaders(std::string_view input) {
 }
 
 void CallWithAnswers(unsigned call, const std::string& answers) {
-  RemoteNode node([&](Deadline, int&) { return std::make_unique<MemoryStream>(answers); }, PeerRole::kClient,
-                  kAnyNode);
+  RemoteNode node([&](net::Deadline, int&) { return std::make_unique<MemoryStream>(answers); },
+                  PeerRole::kClient, kAnyNode);
   const std::string known = Node::KnownId();
   const ObjectName object{{"app", "t"}, known};
   NodeAttributes attributes;
   std::string id;
   std::uint64_t number = 0;
-  FileDescriptor file;
+  net::Descriptor file;
   bool writable = true;
   std::vector<bool> exist;
   std::string bytes(3U << 20U, '\0');
@@ -200,7 +207,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   MemoryStream stream(data[0] < 2 ? rest : WithGoodHeaders(rest));
-  gNode.Serve(stream, data[0] % 2 == 0 ? DoorKind::kBroker : DoorKind::kLink);
+  gNode.Serve(stream, data[0] % 2 == 0 ? ListenerKind::kBroker : ListenerKind::kLink);
   gNode.Restore();
   return 0;
 }

@@ -4,7 +4,7 @@
 
 #include "common/message/heart_beat_message.h"
 #include "common/rpc/rpc_engine.h"
-#include "platform/rpc/wire/frame_reader.h"
+#include "platform/rpc/wire/rpc_frame_reader.h"
 #include "support/memory_stream.h"
 #include "vyn/status.h"
 
@@ -36,26 +36,26 @@ void ParseRequest(const void* data, std::size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using vyn::rpc::FrameReader;
+  using vyn::rpc::RpcFrameReader;
   constexpr std::size_t kMaxLength = 1 << 18;
   const bool server = size > 0 && (data[0] & 1) != 0;
   const std::size_t alignment = server ? vyn::rpc::kRequestAlignment : vyn::rpc::kReplyAlignment;
   vyn::test::MemoryStream stream(data, size);
-  FrameReader reader(alignment, kMaxLength);
-  std::vector<vyn::rpc::Frame> frames;  // kept, so that a reader that hands memory out twice is seen
+  RpcFrameReader reader(alignment, kMaxLength);
+  std::vector<vyn::rpc::RpcFrame> frames;  // kept, so that a reader that hands memory out twice is seen
   std::size_t at = 1;
   for (;;) {
-    vyn::rpc::Frame frame;
-    const FrameReader::State state = reader.Next(stream, frame);
-    if (state == FrameReader::State::kWantRead) {
+    vyn::rpc::RpcFrame frame;
+    const RpcFrameReader::State state = reader.Next(stream, frame);
+    if (state == RpcFrameReader::State::kWantRead) {
       continue;
     }
-    if (state == FrameReader::State::kLongFrame) {
-      Require(reader.LongLength() <= kMaxLength && reader.LongLength() >= FrameReader::kLargeBlock / 2);
-      reader.Accept();
+    if (state == RpcFrameReader::State::kLongFrame) {
+      Require(reader.LongLength() <= kMaxLength && reader.LongLength() >= RpcFrameReader::kLargeBlock / 2);
+      reader.AcceptLongFrame();
       continue;
     }
-    if (state != FrameReader::State::kFrame) {
+    if (state != RpcFrameReader::State::kFrame) {
       break;
     }
     const std::size_t length = frame.mHeader.mLength;

@@ -19,6 +19,7 @@
 namespace {
 
 using namespace vyn::rpc;
+namespace net = vyn::net;
 
 constexpr std::uint32_t kEcho = 1;
 constexpr std::uint32_t kHold = 2;
@@ -48,17 +49,17 @@ class ScriptedStream : public vyn::test::MemoryStream {
       : MemoryStream(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
         mScript(std::move(script)) {}
 
-  IoState Handshake() override {
+  net::IoState Handshake() override {
     const std::uint8_t step = mScript->Next();
     if (step == 0) {
       mError = "refused";
     }
-    return step == 0 ? IoState::kFailed : step < 8 ? IoState::kWantRead : IoState::kDone;
+    return step == 0 ? net::IoState::kFailed : step < 8 ? net::IoState::kWantRead : net::IoState::kDone;
   }
-  IoResult Write(const iovec* parts, std::size_t count) override {
+  net::IoResult Write(const iovec* parts, std::size_t count) override {
     const std::uint8_t step = mScript->Next();
     if (step < 32) {
-      return {step == 0 ? IoState::kClosed : IoState::kWantWrite};
+      return {step == 0 ? net::IoState::kClosed : net::IoState::kWantWrite};
     }
     std::size_t left = step == 255 ? SIZE_MAX : step * std::size_t{97};
     std::size_t done = 0;
@@ -68,7 +69,7 @@ class ScriptedStream : public vyn::test::MemoryStream {
       done += taken;
       left -= taken;
     }
-    return {IoState::kDone, done};
+    return {net::IoState::kDone, done};
   }
 
  private:
@@ -137,7 +138,7 @@ void CheckSaid(const std::string& said) {
   }
   std::memcpy(&greeting, said.data(), sizeof(greeting));
   Require(CheckGreeting(greeting) == nullptr);
-  FrameHeader header;
+  RpcFrameHeader header;
   for (std::size_t at = sizeof(greeting); at + sizeof(header) <= said.size();
        at += sizeof(header) + header.mLength) {
     std::memcpy(&header, said.data() + at, sizeof(header));
@@ -166,10 +167,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // A pipe in the socket's place: nothing ever happens to it.
   int pipes[2];
   Require(pipe2(pipes, O_NONBLOCK | O_CLOEXEC) == 0);
-  const Descriptor other(pipes[1]);
-  const auto connection = std::make_shared<ServerConnection>(core, Descriptor(pipes[0]), "fuzzer",
+  const net::Descriptor other(pipes[1]);
+  const auto connection = std::make_shared<ServerConnection>(core, net::Descriptor(pipes[0]), "fuzzer",
                                                              std::make_unique<ScriptedStream>(script, bytes));
-  connection->Begin();
+  connection->Start();
   for (std::size_t turn = 0; turn < 2 * length + 8; ++turn) {
     switch (turn < length ? data[1 + turn] % 16 : 15) {
       case 0:
@@ -186,7 +187,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         break;
       case 3:
-        connection->Sweep(Deadline::Clock::now() + std::chrono::milliseconds(data[1 + turn] * 1000));
+        connection->CheckTimeouts(net::Deadline::Clock::now() +
+                                  std::chrono::milliseconds(data[1 + turn] * 1000));
         break;
       case 4:
         connection->OnReady(EPOLLIN | EPOLLRDHUP);
@@ -198,7 +200,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         connection->OnReady(EPOLLIN | EPOLLOUT);
     }
   }
-  connection->Shut("");
+  connection->Close("");
   // The core's own thread may be at a request still, and hold it a moment later.
   for (int i = 0; core->PendingCalls() != 0 || core->PendingBytes() != 0; ++i) {
     Require(i < 20000);

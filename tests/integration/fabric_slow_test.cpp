@@ -1,7 +1,8 @@
 // What takes the fabric's own time-outs to see.
 
 #include "common/util/clock.h"
-#include "platform/fabric/protocol/sockets.h"
+#include "platform/fabric/transport/broker_socket.h"
+#include "platform/fabric/transport/link.h"
 #include "support/fabric.h"
 #include "support/installation.h"
 #include "vyn/big_memory.h"
@@ -68,21 +69,20 @@ TEST(FabricSlowTest, AStoppedNodeIsAnErrorInTimeAndGoesOnWhereItWas) {
 TEST(FabricSlowTest, AFrameThatDoesNotComeToItsEndIsNotWaitedForWithoutLimit) {
   const FabricPlace place(1);
   FabricHost host(place);
-  int error = 0;
-  const auto slow = bm::ConnectToLink("127.0.0.1", host.Port(), bm::After(std::chrono::seconds(5)), error);
+  const auto slow = fabric::DialLink("127.0.0.1", host.Port(), net::Deadline::After(std::chrono::seconds(5)));
   ASSERT_NE(slow, nullptr);
   std::size_t received = 0;
   char byte = 0;
   // A byte now and then does not help.
   const auto begin = std::chrono::steady_clock::now();
-  bm::IoStatus status = bm::IoStatus::kTimeout;
-  for (std::size_t index = 0; status == bm::IoStatus::kTimeout && index < 20; ++index) {
+  net::IoStatus status = net::IoStatus::kTimeout;
+  for (std::size_t index = 0; status == net::IoStatus::kTimeout && index < 20; ++index) {
     char next = index < 4 ? "VBM1"[index] : '\0';
     iovec part{&next, 1};
-    slow->Send(&part, 1, bm::After(std::chrono::seconds(1)), -1);
-    status = slow->Receive(&byte, 1, received, bm::After(std::chrono::seconds(2)));
+    slow->Send(&part, 1, net::Deadline::After(std::chrono::seconds(1)), -1);
+    status = slow->Receive(&byte, 1, received, net::Deadline::After(std::chrono::seconds(2)));
   }
-  EXPECT_EQ(status, bm::IoStatus::kClosed);
+  EXPECT_EQ(status, net::IoStatus::kClosed);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(38));
   EXPECT_EQ(host.Stats().back(), 0U);
 }

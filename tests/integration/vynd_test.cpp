@@ -75,7 +75,7 @@ TEST_F(VyndTest, OneRunsOnAHomeTellsItsSupervisorAndEndsOrderly) {
   const TempDir folder;
   sockaddr_un address{AF_UNIX, ""};
   (folder / "notify").copy(address.sun_path, sizeof(address.sun_path) - 1);
-  const bm::FileDescriptor notify(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const net::Descriptor notify(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const timeval limit{60, 0};
   setsockopt(notify.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
   ASSERT_EQ(bind(notify.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);

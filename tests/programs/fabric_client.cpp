@@ -12,7 +12,7 @@
 
 #include "platform/fabric/client/bm_functions.h"
 #include "platform/fabric/protocol/remote_node.h"
-#include "platform/fabric/protocol/sockets.h"
+#include "platform/fabric/transport/broker_socket.h"
 #include "support/commands.h"
 #include "support/pattern.h"
 
@@ -53,14 +53,14 @@ BmSecContext Right(const Text& ns, const Text& token, Text& id) {
 
 /// What a caller who keeps to nothing can do with a descriptor that the broker gave for reading.
 Text TryReadOnly(const Text& home, const Text& ns, const Text& token, const Text& id) {
-  vyn::bm::RemoteNode broker(
-      [home](vyn::bm::Deadline deadline, int&) {
+  vyn::fabric::RemoteNode broker(
+      [home](vyn::net::Deadline deadline, int&) {
         int error = 0;
-        return vyn::bm::ConnectToBroker(home, deadline, error);
+        return vyn::fabric::ConnectToBroker(home, deadline, error);
       },
-      vyn::bm::PeerRole::kClient, vyn::bm::kAnyNode);
+      vyn::fabric::PeerRole::kClient, vyn::fabric::kAnyNode);
   bool writable = false;
-  vyn::bm::FileDescriptor file;
+  vyn::net::Descriptor file;
   std::uint64_t size = 0;
   if (const int result = broker.Open({{ns, token}, id}, writable, file, size); result != 0) {
     return Answer(result);
@@ -68,7 +68,7 @@ Text TryReadOnly(const Text& home, const Text& ns, const Text& token, const Text
   void* mapped = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0);
   const int mapError = mapped == MAP_FAILED ? errno : 0;
   const Text path = "/proc/self/fd/" + std::to_string(file.Get());
-  const vyn::bm::FileDescriptor again(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const vyn::net::Descriptor again(open(path.c_str(), O_RDWR | O_CLOEXEC));
   return Answer(0, mapError, again ? 0 : errno);
 }
 
@@ -145,9 +145,7 @@ int main(int argc, char** argv) {
        }},
       {"user", [](uid_t user) { return setgid(user) == 0 && setuid(user) == 0 ? 0 : errno; }},
       {"reach",
-       [](Text path) {
-         return vyn::bm::FileDescriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)) ? 0 : errno;
-       }},
+       [](Text path) { return vyn::net::Descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC)) ? 0 : errno; }},
       {"readonly", [&](Text ns, Text token, Text id) { return TryReadOnly(home, ns, token, id); }},
   });
   return dlclose(gLibrary);

@@ -12,7 +12,7 @@
 #include <mutex>
 
 int main(int argc, char** argv) {
-  vyn::bm::FabricNodeOptions options;
+  vyn::fabric::FabricNodeOptions options;
   options.capacity = 1ULL << 30U;
   options.sweepSeconds = 1;
   CLI::App app("A fabric node");
@@ -26,8 +26,8 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   std::mutex mutex;
-  std::map<unsigned, vyn::bm::NodeAddress> peers;  // guarded by mutex
-  options.directory = [&](std::uint16_t nodeId, vyn::bm::NodeAddress& address) {
+  std::map<unsigned, vyn::fabric::NodeAddress> peers;  // guarded by mutex
+  options.directory = [&](std::uint16_t nodeId, vyn::fabric::NodeAddress& address) {
     std::lock_guard lock(mutex);
     const auto found = peers.find(nodeId);
     address = found == peers.end() ? address : found->second;
@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
   };
   options.log = [](int, const std::string& text) { std::cerr << text << std::endl; };
 
-  vyn::bm::FabricNode node;
+  vyn::fabric::FabricNode node;
   std::string error;
   if (!node.Start(options, error)) {
     std::cout << "failed " << error << std::endl;

@@ -12,13 +12,13 @@ FabricPlace::FabricPlace(std::uint16_t nodeId) : mNodeId(nodeId) { ::chmod(Home(
 
 FabricPlace::~FabricPlace() {
   {
-    bm::FabricNode node;
+    fabric::FabricNode node;
     std::string error;
-    bm::FabricNodeOptions options = Options();
+    fabric::FabricNodeOptions options = Options();
     options.listenAddress.clear();
     EXPECT_TRUE(node.Start(options, error)) << error;
     if (error.empty()) {
-      for (const bm::NamespaceInfo& info : node.Namespaces()) {
+      for (const fabric::NamespaceInfo& info : node.Namespaces()) {
         EXPECT_EQ(node.DestroyNamespace(info.name), 0);
       }
       EXPECT_EQ(node.Stats().used, 0U);
@@ -27,8 +27,8 @@ FabricPlace::~FabricPlace() {
   EXPECT_EQ(NamesIn(Pool()), std::vector<std::string>());
 }
 
-bm::FabricNodeOptions FabricPlace::Options() const {
-  bm::FabricNodeOptions options;
+fabric::FabricNodeOptions FabricPlace::Options() const {
+  fabric::FabricNodeOptions options;
   options.home = Home();
   options.poolPath = Pool();
   options.capacity = 1ULL << 30U;

@@ -3,7 +3,7 @@
 // Fabric nodes and clients for tests: nodes in this process or as processes of their own, each with a home
 // and a pool on tmpfs; and the check that a pool is left empty.
 
-#include "platform/fabric/client/client.h"
+#include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "support/child_process.h"
 #include "support/proxy.h"
@@ -32,7 +32,7 @@ class FabricPlace {
   std::uint16_t NodeId() const { return mNodeId; }
 
   /// Options of a node on this place, with a link port on loopback.
-  bm::FabricNodeOptions Options() const;
+  fabric::FabricNodeOptions Options() const;
 
  private:
   const TempDir mHome;
@@ -73,7 +73,7 @@ class FabricClient : public ChildProcess {
 
 /// A client with a namespace and token, in this process.
 struct Tenant {
-  bm::Client& client;
+  fabric::FabricClient& client;
   std::string ns;
   std::string token;
 

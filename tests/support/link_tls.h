@@ -23,7 +23,7 @@ class LinkTls {
   }
 
   /// Turns TLS on in a node's options. \param authority what it trusts the other nodes by.
-  void Use(bm::FabricNodeOptions& options, const std::string& certificate = "server",
+  void Use(fabric::FabricNodeOptions& options, const std::string& certificate = "server",
            const std::string& authority = "ca.pem") const {
     options.linkTls = true;
     options.linkIdentity = {{"tls.cert.path", mFiles / (certificate + ".pem")},

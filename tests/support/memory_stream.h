@@ -11,7 +11,7 @@
 
 namespace vyn::test {
 
-class MemoryStream : public rpc::Stream {
+class MemoryStream : public net::Stream {
  public:
   /// The first byte of `data` says how large the pieces are; the rest is what the peer sends before it
   /// closes.
@@ -20,22 +20,22 @@ class MemoryStream : public rpc::Stream {
     mRead = std::min<std::size_t>(1, size);
   }
 
-  rpc::IoState Handshake() override { return rpc::IoState::kDone; }
-  rpc::IoResult Read(void* data, std::size_t size) override {
+  net::IoState Handshake() override { return net::IoState::kDone; }
+  net::IoResult Read(void* data, std::size_t size) override {
     mWait = !mWait;
     if (mWait) {
-      return {rpc::IoState::kWantRead};
+      return {net::IoState::kWantRead};
     }
     const std::size_t count = std::min({size, mPiece, mData.size() - mRead});
     if (count == 0) {
-      return {rpc::IoState::kClosed};
+      return {net::IoState::kClosed};
     }
     std::memcpy(data, mData.data() + mRead, count);
     mRead += count;
-    return {rpc::IoState::kDone, count, count < size};
+    return {net::IoState::kDone, count, count < size};
   }
-  rpc::IoResult Write(const iovec* parts, std::size_t /*count*/) override {
-    return {rpc::IoState::kDone, parts->iov_len};
+  net::IoResult Write(const iovec* parts, std::size_t /*count*/) override {
+    return {net::IoState::kDone, parts->iov_len};
   }
   bool HasBuffered() const override { return false; }
   bool IsStale() override { return false; }

@@ -1,8 +1,8 @@
 #pragma once
 
-// The arguments of the library's functions, checked and brought into the form of the calls behind them.
-// Nothing that is refused here reaches a node. The results name what a node would have answered, or
-// kBmLocalError for what could not be asked at all. Threads: no state, any thread.
+// Checks the arguments of the library's functions and converts them for the calls to a node. A refused
+// argument never reaches a node. The result is what a node would have answered, or kBmLocalError for a request
+// that could not even be sent. Threads: no state, any thread.
 
 #include "platform/fabric/protocol/access.h"
 #include "platform/fabric/protocol/names.h"
@@ -12,9 +12,9 @@
 #include <cstring>
 #include <string_view>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
-inline int GetAccess(const char* ns, const char* token, Access& access) {
+inline int ParseAccess(const char* ns, const char* token, Access& access) {
   if (ns == nullptr || token == nullptr) {
     return kBmLocalError;
   }
@@ -25,16 +25,16 @@ inline int GetAccess(const char* ns, const char* token, Access& access) {
   return access.token.size() <= kMaxTokenLength ? 0 : -EACCES;
 }
 
-inline int GetId(const char* text, std::string_view& id) {
+inline int ParseId(const char* text, std::string_view& id) {
   id = text == nullptr ? std::string_view() : std::string_view(text, ::strnlen(text, kIdLength + 1));
   return IsObjectId(id) ? 0 : kBmLocalError;
 }
 
-inline int GetObject(const BmSecContext* context, ObjectName& object) {
-  if (context == nullptr || GetId(context->bmId, object.id) != 0) {
+inline int ParseObjectName(const BmSecContext* context, ObjectName& object) {
+  if (context == nullptr || ParseId(context->bmId, object.id) != 0) {
     return kBmLocalError;
   }
-  return GetAccess(context->ns, context->token, object.access);
+  return ParseAccess(context->ns, context->token, object.access);
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -1,8 +1,8 @@
-// The functions that leave libbmclient.so. Each failure leaves its cause in errno, too: callers show it.
+// The functions that libbmclient.so exports. Each failure also sets errno, which callers show.
 
 #include "platform/fabric/client/bm_functions.h"
 
-#include "platform/fabric/client/client.h"
+#include "platform/fabric/client/fabric_client.h"
 
 #include <pthread.h>
 
@@ -13,16 +13,16 @@
 
 namespace {
 
-using vyn::bm::Client;
+using vyn::fabric::FabricClient;
 
-/// The process's client. Its memory is the library's own and never goes before the library: threads may be in
-/// a call while the process ends.
-alignas(Client) char gStorage[sizeof(Client)];
-std::atomic<Client*> gClient{nullptr};
+/// The process's client. It is never destroyed, and its memory is part of the library: threads may be in a call
+/// while the process ends.
+alignas(FabricClient) char gStorage[sizeof(FabricClient)];
+std::atomic<FabricClient*> gClient{nullptr};
 
-Client& Get() {
+FabricClient& Get() {
   static const bool gMade = [] {
-    gClient = new (gStorage) Client;
+    gClient = new (gStorage) FabricClient;
     return ::pthread_atfork([] { gClient.load()->LockForFork(); },
                             [] { gClient.load()->UnlockAfterFork(false); },
                             [] { gClient.load()->UnlockAfterFork(true); }) == 0;
@@ -33,7 +33,7 @@ Client& Get() {
 
 /// Runs when the library is closed, or at the end of the process.
 __attribute__((destructor)) void CloseClient() {
-  if (Client* client = gClient.load(); client != nullptr) {
+  if (FabricClient* client = gClient.load(); client != nullptr) {
     client->Close();
     client->ForgetMappings();
   }
@@ -61,7 +61,7 @@ int ErrnoOf(int result) {
   }
 }
 
-/// Calls into the client; nothing that it throws (it may run out of memory) gets out.
+/// Calls the client and catches what it throws (it may run out of memory).
 template <typename Function>
 int Guarded(Function function) {
   int result = kBmLocalError;
@@ -80,76 +80,78 @@ int Guarded(Function function) {
 }  // namespace
 
 int BM_Init(const char* home, int clientFlag) {
-  return Guarded(
-      [&](Client& client) { return client.Initialize(home, clientFlag, vyn::tls::GetClientSetting()); });
+  return Guarded([&](FabricClient& client) {
+    return client.Initialize(home, clientFlag, vyn::tls::GetClientSetting());
+  });
 }
 
 int BM_CreateLink(unsigned short nodeId, const char*, const char* ip, unsigned short port, unsigned int) {
-  return Guarded([&](Client& client) { return client.CreateLink(nodeId, ip, port); });
+  return Guarded([&](FabricClient& client) { return client.CreateLink(nodeId, ip, port); });
 }
 
 int BM_CreateNSSec(unsigned short nodeId, const char*, const char* ns, unsigned int, const char* token) {
-  return Guarded([&](Client& client) { return client.CreateNamespace(nodeId, ns, token); });
+  return Guarded([&](FabricClient& client) { return client.CreateNamespace(nodeId, ns, token); });
 }
 
 int BM_DestroyNSSec(unsigned int nodeId, const char*, const char* ns, const char* token) {
-  return Guarded([&](Client& client) { return client.DestroyNamespace(nodeId, ns, token); });
+  return Guarded([&](FabricClient& client) { return client.DestroyNamespace(nodeId, ns, token); });
 }
 
 int BM_AllocSec(BmSecContext* context, unsigned long size, unsigned int, BmNodeSelector* selector) {
-  return Guarded([&](Client& client) {
+  return Guarded([&](FabricClient& client) {
     return selector == nullptr ? kBmLocalError : client.Allocate(context, size, selector->nodeId);
   });
 }
 
 int BM_ExpandSec(BmSecContext* context, unsigned long size, unsigned int) {
-  return Guarded([&](Client& client) { return client.Expand(context, size); });
+  return Guarded([&](FabricClient& client) { return client.Expand(context, size); });
 }
 
 int BM_FreeSec(BmSecContext* context, unsigned int) {
-  return Guarded([&](Client& client) { return client.Free(context); });
+  return Guarded([&](FabricClient& client) { return client.Free(context); });
 }
 
 int BM_BatchFreeSec(const char** bmIds, unsigned int count, unsigned int, const char* ns, const char* token) {
-  return Guarded([&](Client& client) { return client.FreeBatch(bmIds, count, ns, token); });
+  return Guarded([&](FabricClient& client) { return client.FreeBatch(bmIds, count, ns, token); });
 }
 
 int BM_MapSec(BmSecContext* context, int prot, int flags, void** addr) {
-  return Guarded([&](Client& client) { return client.Map(context, prot, flags, addr); });
+  return Guarded([&](FabricClient& client) { return client.Map(context, prot, flags, addr); });
 }
 
 int BM_Unmap(const char* bmId, void* addr) {
-  return Guarded([&](Client& client) { return client.Unmap(bmId, addr); });
+  return Guarded([&](FabricClient& client) { return client.Unmap(bmId, addr); });
 }
 
 int BM_QueryResAttri(int zero, BmResourceAttributes* attributes) {
-  return Guarded([&](Client& client) {
-    return zero != 0 ? kBmLocalError : client.Query(reinterpret_cast<vyn::bm::NodeAttributes*>(attributes));
+  return Guarded([&](FabricClient& client) {
+    return zero != 0 ? kBmLocalError
+                     : client.Query(reinterpret_cast<vyn::fabric::NodeAttributes*>(attributes));
   });
 }
 
 int BM_CopySec(BmSecContext* source, unsigned long srcOffset, BmSecContext* destination,
                unsigned long dstOffset, unsigned long length, unsigned int) {
   return Guarded(
-      [&](Client& client) { return client.Copy(source, srcOffset, destination, dstOffset, length); });
+      [&](FabricClient& client) { return client.Copy(source, srcOffset, destination, dstOffset, length); });
 }
 
 int BM_ReadSec(BmSecContext* context, unsigned long offset, unsigned long length, void* buffer,
                unsigned int) {
-  return Guarded([&](Client& client) { return client.Read(context, offset, length, buffer); });
+  return Guarded([&](FabricClient& client) { return client.Read(context, offset, length, buffer); });
 }
 
 int BM_WriteSec(BmSecContext* context, unsigned long offset, unsigned long length, void* buffer,
                 unsigned int) {
-  return Guarded([&](Client& client) { return client.Write(context, offset, length, buffer); });
+  return Guarded([&](FabricClient& client) { return client.Write(context, offset, length, buffer); });
 }
 
 int BM_SpecificObjSwapInSec(const BmFileRecord* file, const BmBlockRecord* block, unsigned int, void*,
                             unsigned long length) {
-  return Guarded([&](Client& client) { return client.SwapIn(file, block, length); });
+  return Guarded([&](FabricClient& client) { return client.SwapIn(file, block, length); });
 }
 
 int BM_GatherSec(const BmGatherContext* context, unsigned char, unsigned int flags, BmSecContext* destination,
                  void*) {
-  return Guarded([&](Client& client) { return client.Gather(context, flags, destination); });
+  return Guarded([&](FabricClient& client) { return client.Gather(context, flags, destination); });
 }

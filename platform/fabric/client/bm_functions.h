@@ -1,7 +1,6 @@
 #pragma once
 
-// The 16 functions of libbmclient.so: what the library exports and what its user resolves by name at run
-// time.
+// The 16 functions that libbmclient.so exports and that its user resolves by name at run time.
 //
 // All return 0 on success, otherwise one of the results below or a negative errno. Any thread may call any of
 // them after BM_Init. Functions that end in Sec act within a namespace and present its token. Nothing passed
@@ -11,7 +10,7 @@
 
 #include <cstdint>
 
-// Results with a meaning of their own.
+// Results besides negative errno values.
 inline constexpr int kBmUnconnected = -195;            ///< the library's connection is not up
 inline constexpr int kBmNotEnoughCapacity = -79999;    ///< the pool is full
 inline constexpr int kBmNamespaceExists = -79995;      ///< the namespace is there already

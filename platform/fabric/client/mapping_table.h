@@ -1,7 +1,7 @@
 #pragma once
 
-// The mappings of this process that the library made: a mapping is undone with the object's id and its
-// address, and the length must be known. Threads: any.
+// The mappings that the library made in this process: BM_Unmap names an object and an address, and munmap needs
+// the length. Threads: any.
 
 #include "platform/fabric/protocol/protocol.h"
 
@@ -12,7 +12,7 @@
 #include <string_view>
 #include <unordered_map>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 class MappingTable {
  public:
@@ -32,7 +32,7 @@ class MappingTable {
     return 0;
   }
 
-  /// Forgets the mappings; they stay where they are.
+  /// Forgets the mappings; they stay mapped.
   void Clear() {
     std::lock_guard lock(mMutex);
     std::unordered_map<void*, Mapping>().swap(mMappings);
@@ -47,9 +47,10 @@ class MappingTable {
     std::size_t length;
   };
 
-  std::mutex
-      mMutex;  // guards mMappings; held while one is undone, so that its address is not new before it is gone
+  /// Guards mMappings. Held during munmap: otherwise another thread could map the same address again before its
+  /// old entry is erased.
+  std::mutex mMutex;
   std::unordered_map<void*, Mapping> mMappings;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

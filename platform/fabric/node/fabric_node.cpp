@@ -1,21 +1,21 @@
 #include "platform/fabric/node/fabric_node.h"
 
-#include "platform/fabric/node/door.h"
+#include "platform/fabric/node/fabric_session.h"
+#include "platform/fabric/node/listener.h"
 #include "platform/fabric/node/neighbours.h"
 #include "platform/fabric/node/pool/pool.h"
 #include "platform/fabric/node/pool/token_hash.h"
 #include "platform/fabric/node/pulled_copies.h"
-#include "platform/fabric/node/quiet_thread.h"
-#include "platform/fabric/node/session.h"
-#include "platform/fabric/protocol/link.h"
-#include "platform/fabric/protocol/sockets.h"
+#include "platform/fabric/node/thread_without_signals.h"
+#include "platform/fabric/transport/broker_socket.h"
+#include "platform/fabric/transport/link.h"
 
 #include <cerrno>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
@@ -26,7 +26,7 @@ int Local(int result) { return result == -EIO ? kBmLocalError : result; }
 
 }  // namespace
 
-/// Everything of a running node. Members end in the reverse of their order: the doors first.
+/// Everything of a running node. Members are destroyed in the reverse of their order: the listeners first.
 struct FabricNode::Impl {
   /// \param theIdentity, trust of links; null when they are plain.
   Impl(const FabricNodeOptions& theOptions, std::shared_ptr<tls::TlsContext> theIdentity,
@@ -68,11 +68,10 @@ struct FabricNode::Impl {
       options.log(level, "fabric node " + std::to_string(options.nodeId) + ": " + text);
     }
   }
-  std::unique_ptr<Door> MakeDoor(FileDescriptor listener, DoorKind kind);
-  /// The stream of a connection that came in. Returns: null when it is to be closed.
-  ByteStream* Admit(SocketStream& socket, DoorKind kind, const std::string& peer,
-                    std::unique_ptr<ByteStream>& secured) const;
-  void SweepNowAndThen();
+  std::unique_ptr<Listener> MakeListener(net::Descriptor listener, ListenerKind kind);
+  /// Prepares a connection that was accepted. Returns: false when it is to be closed.
+  bool Admit(SocketStream& stream, ListenerKind kind, const std::string& peer) const;
+  void RunSweeps();
 
   const FabricNodeOptions options;
   const std::shared_ptr<tls::TlsContext> identity;
@@ -80,14 +79,14 @@ struct FabricNode::Impl {
   Neighbours neighbours;
   PulledCopies copies;
   NodeParts parts;
-  FileDescriptor brokerLock;
+  net::Descriptor brokerLock;
   std::uint16_t linkPort = 0;
   std::mutex sweepMutex;  // guards `stopping`
   std::condition_variable sweepWake;
   bool stopping = false;
   std::thread sweeper;
-  std::unique_ptr<Door> broker;
-  std::unique_ptr<Door> links;
+  std::unique_ptr<Listener> broker;
+  std::unique_ptr<Listener> links;
 };
 
 bool FabricNode::Impl::Open(std::string& error) {
@@ -104,77 +103,74 @@ bool FabricNode::Impl::Open(std::string& error) {
     return false;
   }
   pool.Bytes().SetReclaimer([this](std::uint64_t bytes) { return copies.Reclaim(bytes); });
-  FileDescriptor brokerListener;
+  net::Descriptor brokerListener;
   if (!options.home.empty()) {
-    brokerListener = ListenAsBroker(options.home, brokerLock, error);
+    brokerListener = ListenOnBrokerSocket(options.home, brokerLock, error);
     if (!brokerListener) {
       return false;
     }
   }
   if (!options.listenAddress.empty()) {
     linkPort = options.linkPort;
-    FileDescriptor listener = ListenAsLink(options.listenAddress, linkPort, error);
+    net::Descriptor listener = ListenOnLinkPort(options.listenAddress, linkPort, error);
     if (!listener) {
       if (brokerListener) {
         RemoveBrokerSocket(options.home);
       }
       return false;
     }
-    links = MakeDoor(std::move(listener), DoorKind::kLink);
+    links = MakeListener(std::move(listener), ListenerKind::kLink);
   }
   if (brokerListener) {
-    broker = MakeDoor(std::move(brokerListener), DoorKind::kBroker);
+    broker = MakeListener(std::move(brokerListener), ListenerKind::kBroker);
   }
-  sweeper = QuietThread([this] { SweepNowAndThen(); });
+  sweeper = ThreadWithoutSignals([this] { RunSweeps(); });
   Log(kInfo, "up with " + std::to_string(pool.ObjectCount()) + " adopted objects, " +
                  std::to_string(pool.Bytes().Used()) + " of " + std::to_string(options.capacity) +
                  " bytes used");
   return true;
 }
 
-std::unique_ptr<Door> FabricNode::Impl::MakeDoor(FileDescriptor listener, DoorKind kind) {
-  const bool link = kind == DoorKind::kLink;
-  const Door::Limits limits{link ? options.maxLinkConnections : options.maxBrokerConnections,
-                            options.maxConnectionsPerPeer};
+std::unique_ptr<Listener> FabricNode::Impl::MakeListener(net::Descriptor listener, ListenerKind kind) {
+  const bool link = kind == ListenerKind::kLink;
+  const Listener::Limits limits{link ? options.maxLinkConnections : options.maxBrokerConnections,
+                                options.maxConnectionsPerPeer};
   const std::chrono::seconds idle(options.idleSeconds);
-  return std::make_unique<Door>(
+  return std::make_unique<Listener>(
       std::move(listener), link, limits,
-      [this, kind, idle](SocketStream& socket, const std::string& peer,
+      [this, kind, idle](SocketStream& stream, const std::string& peer,
                          const std::function<void(bool)>& busy) {
-        std::unique_ptr<ByteStream> secured;
-        ByteStream* const stream = Admit(socket, kind, peer, secured);
-        if (stream == nullptr) {
+        if (!Admit(stream, kind, peer)) {
           return;
         }
-        Session session(parts, kind);
-        session.End(ServeConnection(
-            *stream,
-            [&session](Exchange& exchange, Reader& arguments) { return session.Handle(exchange, arguments); },
-            idle, busy));
+        FabricSession session(parts, kind);
+        session.OnConnectionEnd(ServeConnection(
+            stream,
+            [&session](ServerCall& call, Reader& arguments) { return session.Handle(call, arguments); }, idle,
+            busy));
       });
 }
 
-ByteStream* FabricNode::Impl::Admit(SocketStream& socket, DoorKind kind, const std::string& peer,
-                                    std::unique_ptr<ByteStream>& secured) const {
-  if (kind == DoorKind::kBroker) {
-    return &socket;
+bool FabricNode::Impl::Admit(SocketStream& stream, ListenerKind kind, const std::string& peer) const {
+  if (kind == ListenerKind::kBroker) {
+    return true;
   }
-  const std::chrono::milliseconds patience =
+  const std::chrono::milliseconds limit =
       identity != nullptr ? kFrameTimeout : std::chrono::seconds(options.idleSeconds);
   std::string error;
-  ByteStream* const stream = AcceptLink(socket, identity.get(), After(patience), secured, error);
+  const bool accepted = AcceptLink(stream, identity.get(), net::Deadline::After(limit), error);
   if (!error.empty()) {
     Log(kWarn, "a link from " + peer + " was refused: " + error);
   }
-  return stream;
+  return accepted;
 }
 
-void FabricNode::Impl::SweepNowAndThen() {
+void FabricNode::Impl::RunSweeps() {
   std::unique_lock lock(sweepMutex);
   while (!sweepWake.wait_for(lock, std::chrono::seconds(options.sweepSeconds), [this] { return stopping; })) {
     lock.unlock();
     try {
-      pool.CutGrown();
+      pool.TruncateGrownFiles();
     } catch (const std::exception& failure) {
       Log(kWarn, std::string("could not cut back what was grown: ") + failure.what());
     }
@@ -247,7 +243,7 @@ int FabricNode::DestroyNamespace(const std::string& ns) {
 
 int FabricNode::CheckToken(const std::string& ns, const std::string& token) const {
   NamespacePtr space;
-  return mImpl->pool.Enter({ns, token}, space);
+  return mImpl->pool.Authorize({ns, token}, space);
 }
 
 int FabricNode::Allocate(const std::string& ns, std::uint64_t size, std::string& id) {
@@ -289,4 +285,4 @@ int FabricNode::Objects(const std::string& ns, std::vector<ObjectInfo>& objects)
   return 0;
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

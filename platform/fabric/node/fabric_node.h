@@ -6,20 +6,19 @@
 // The pool is a folder on tmpfs with one file an object: <pool>/<namespace>/<id>. Folders have mode 0700,
 // files 0600, all owned by the user of this process; clients never see a path, they get descriptors. Objects
 // outlive the process: the next Start on the same folder adopts every namespace with its token (of which only
-// a salted hash is kept) and every object. An object appears whole or not at all, so a process that is killed
-// leaves nothing half done. Copies pulled from other nodes stand in <pool>/.node; they are a cache, dropped
-// at Start and Stop and whenever their room is wanted.
+// a salted hash is kept) and every object. An object appears complete or not at all, so a process that is killed
+// leaves nothing half done. Copies pulled from other nodes are in <pool>/.node; they are a cache, dropped
+// at Start and Stop and whenever their room is needed.
 //
-// Frees are by name: pages that a process still maps stay its own until it unmaps them. They no longer count
-// as used, though the file system still holds them; when it is full before the limit is reached, allocations
-// fail just the same.
+// A free removes the name: pages that a process still maps stay allocated until it unmaps them. They no longer
+// count as used, though the file system still holds them; when the file system is full before the limit is
+// reached, allocations fail as well.
 //
-// Who has an object mapped for writing can do to its file what it likes. What it makes larger is cut back to
-// what was allocated, by the sweep and at the next start; after the object's free nobody cuts it back any
-// more, and it keeps its pages until the last holder lets go. What it makes smaller hurts nobody but its own
-// namespace.
+// A process that has an object mapped for writing can change the length of its file. The sweep and the next start
+// truncate a larger file to the allocated size; after the object was freed nobody does, and the file keeps its
+// pages until the last process closes it. A shorter file harms only its own namespace.
 //
-// Results are those of platform/bmclient/protocol.h. Any thread may call any function between Start and Stop.
+// Results are those of platform/fabric/protocol/protocol.h. Any thread may call any function between Start and Stop.
 // Start and Stop themselves are called by one thread.
 
 #include <cstdint>
@@ -29,7 +28,7 @@
 #include <string>
 #include <vector>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 /// Where a node's link port is.
 struct NodeAddress {
@@ -37,18 +36,16 @@ struct NodeAddress {
   std::uint16_t port = 0;
 };
 
-/// Fills `address` with where node `nodeId` listens. Returns: false when it is not known. Called from the
-/// node's own threads, several at once; may block for a short time (a lookup in a table that something else
-/// keeps fresh).
+/// Fills `address` with the address on which node `nodeId` listens. Returns: false when it is not known. Called
+/// from the node's own threads, several at once; may block for a short time.
 using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& address)>;
 
-/// Asked before a client, of this machine or over a link, makes a namespace that this node does not have, or
-/// has with another token.
-/// Returns: 0, or the result for the client: -EACCES when the token is not the one that the cluster knows for
-/// the name. Called from the node's own threads, several at once; may block for as long as a client waits.
+/// Called before a client, of this machine or over a link, makes a namespace that this node does not have, or
+/// has with another token. Returns: 0, or the result for the client: -EACCES when the cluster knows another token
+/// for the name. Called from the node's own threads, several at once; may block for as long as a client waits.
 using NamespaceGuard = std::function<int(const std::string& ns, const std::string& token)>;
 
-/// How lines reach the log of the process: level as spdlog counts them (2 info, 3 warn, 4 error), the text.
+/// Writes a line to the log of the process. \param level as of spdlog: 2 info, 3 warn, 4 error.
 using NodeLog = std::function<void(int level, const std::string& text)>;
 
 struct FabricNodeOptions {
@@ -59,14 +56,14 @@ struct FabricNodeOptions {
   /// Bytes that objects and pulled copies may take together, each rounded up to whole pages. At least one
   /// page.
   std::uint64_t capacity = 0;
-  /// This node's id in the cluster. It stands in every object's id: a pool with objects of another id is
+  /// This node's id in the cluster. It is part of every object's id: a pool with objects of another node is
   /// refused.
   std::uint16_t nodeId = 0;
   /// Numeric address that the link port is bound to. Empty: no link port.
   std::string listenAddress;
   /// 0: any free port, see LinkPort().
   std::uint16_t linkPort = 0;
-  /// Links under TLS 1.3: this node proves itself by `linkIdentity` and trusts the others by `linkTrust`
+  /// Links under TLS 1.3: this node identifies itself by `linkIdentity` and verifies the others by `linkTrust`
   /// (platform/tls/tls_context.h, ForServer and ForClient). A peer that speaks no TLS is refused, on either
   /// side. Off: all links are plain, and a peer that wants TLS is refused.
   bool linkTls = false;
@@ -74,26 +71,26 @@ struct FabricNodeOptions {
   std::map<std::string, const std::string> linkTrust;
   /// Null: no other node is known, and its objects cannot be reached from here.
   NodeDirectory directory;
-  /// Null: whoever comes first fixes a namespace's token.
+  /// Null: the first client that makes a namespace sets its token.
   NamespaceGuard namespaceGuard;
   /// Null: silent.
   NodeLog log;
 
-  /// Connections at the broker, and at the link port. When a door is full, the connection that has been idle
-  /// longest gives way; when none is idle, the new one is refused.
+  /// Connections at the broker, and at the link port. When the limit is reached, the connection that has
+  /// been idle longest is closed; when none is idle, the new one is refused.
   std::uint32_t maxBrokerConnections = 1024;
   std::uint32_t maxLinkConnections = 1024;
   /// Of these, at most so many from one user of the machine (broker) or one address (link).
   std::uint32_t maxConnectionsPerPeer = 768;
   /// Seconds after which a connection without requests is closed; clients make a new one when they need it.
   std::uint32_t idleSeconds = 600;
-  /// Seconds between two looks at whether pulled copies still have their original.
+  /// Seconds between two checks whether the originals of pulled copies still exist.
   std::uint32_t sweepSeconds = 10;
 };
 
 struct FabricNodeStats {
   std::uint64_t capacity = 0;     ///< bytes
-  std::uint64_t used = 0;         ///< bytes of objects, of pulled copies, and of what is being made
+  std::uint64_t used = 0;         ///< bytes of objects, of pulled copies, and of files that are being made
   std::uint64_t objects = 0;      ///< owned by this node
   std::uint64_t namespaces = 0;   ///< of this node
   std::uint64_t copies = 0;       ///< pulled from other nodes
@@ -104,7 +101,7 @@ struct FabricNodeStats {
 
 struct ObjectInfo {
   std::string id;
-  std::uint64_t size = 0;  ///< bytes, as asked for
+  std::uint64_t size = 0;  ///< bytes, as requested
 };
 
 struct NamespaceInfo {
@@ -121,16 +118,16 @@ class FabricNode {
   FabricNode(const FabricNode&) = delete;
   FabricNode& operator=(const FabricNode&) = delete;
 
-  /// Locks the pool's folder, adopts what stands in it, opens the doors. Returns: true; on false nothing is
-  /// open and `error` says what was wrong and where. A folder that another node holds, a home whose broker is
-  /// up, and a folder of another user are refused.
+  /// Locks the pool's folder, adopts the objects in it and listens. Returns: true; on false nothing is open and
+  /// `error` says what was wrong and where. A folder that another node holds, a home whose broker is up, and a
+  /// folder of another user are refused.
   bool Start(const FabricNodeOptions& options, std::string& error);
-  /// Closes the doors, waits for the requests under way, drops pulled copies. Objects stay. Does nothing when
+  /// Stops listening, waits for the requests in progress, drops pulled copies. Objects stay. Does nothing when
   /// the node does not run.
   void Stop();
 
   FabricNodeStats Stats() const;
-  /// The port that the link door listens on; 0 without one.
+  /// The link port that was bound; 0 without one.
   std::uint16_t LinkPort() const;
 
   // Calls for the process that runs the node. They present no token: that process decides who may call them.
@@ -150,8 +147,8 @@ class FabricNode {
   /// Frees every one that exists. Returns: 0, or -ENOENT when one did not.
   int FreeBatch(const std::string& ns, const std::vector<std::string>& ids);
 
-  /// Drops this node's copies of other nodes' objects, which that process knows to be gone though their owner
-  /// may not have been told yet.
+  /// Drops this node's copies of other nodes' objects. That process knows that the originals are gone, also when
+  /// their owner has not freed them yet.
   void DropCopies(const std::vector<std::string>& ids);
   void DropCopies(const std::string& ns);
 
@@ -165,4 +162,4 @@ class FabricNode {
   std::unique_ptr<Impl> mImpl;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -1,10 +1,10 @@
 #include "platform/fabric/node/neighbours.h"
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
-/// Shorter than the time that this machine's own clients wait for the answer to what is forwarded.
+/// Shorter than kAnswerTimeout, the time that the client waits whose request is forwarded.
 constexpr std::chrono::milliseconds kForwardTimeout{6000};
 
 }  // namespace
@@ -19,7 +19,7 @@ std::shared_ptr<RemoteNode> Neighbours::Find(std::uint16_t nodeId) {
   if (known.node == nullptr || known.address.host != address.host || known.address.port != address.port) {
     known.address = address;
     known.node = std::make_shared<RemoteNode>(
-        [address, security = mSecurity](Deadline deadline, int& result) {
+        [address, security = mSecurity](net::Deadline deadline, int& result) {
           return ConnectLink(address.host, address.port, security, deadline, result);
         },
         PeerRole::kNode, nodeId, Timeouts{kConnectTimeout, kForwardTimeout});
@@ -27,4 +27,4 @@ std::shared_ptr<RemoteNode> Neighbours::Find(std::uint16_t nodeId) {
   return known.node;
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -1,16 +1,16 @@
 #pragma once
 
-// The other nodes of the fabric, as the directory knows them. Threads: any.
+// The proxies of the other nodes, at the addresses that the directory gives. Threads: any.
 
 #include "platform/fabric/node/fabric_node.h"
-#include "platform/fabric/protocol/link.h"
 #include "platform/fabric/protocol/remote_node.h"
+#include "platform/fabric/transport/link.h"
 
 #include <map>
 #include <memory>
 #include <mutex>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 class Neighbours {
  public:
@@ -28,8 +28,8 @@ class Neighbours {
 
   const NodeDirectory mDirectory;
   const LinkSecurity mSecurity;
-  std::mutex mMutex;  // guards mKnown; not held while the directory is asked
+  std::mutex mMutex;  // guards mKnown; not held while the directory is called
   std::map<std::uint16_t, Known> mKnown;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -1,7 +1,7 @@
 #include "platform/fabric/node/pulled_copies.h"
 
-#include "platform/fabric/protocol/file_io.h"
 #include "platform/fabric/protocol/names.h"
+#include "platform/fabric/transport/file_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,36 +10,36 @@
 #include <cerrno>
 #include <map>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
-/// What a caller must present again to be served without the owner.
+/// What a caller must present to be served while the owner cannot be reached; its hash is kept.
 std::string RightOf(const Access& access) {
   return std::string(access.ns) + '\0' + std::string(access.token);
 }
 
 }  // namespace
 
-int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& waiting, FileDescriptor& file,
-                       std::uint64_t& size) {
+int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& callerWaits,
+                       net::Descriptor& file, std::uint64_t& size) {
   const std::string id(object.id);
   const std::string right = RightOf(object.access);
   const auto owner = mNeighbours.Find(OwnerOf(id));
-  const int seen = owner == nullptr ? kBmUnconnected : owner->Stat(object, size);
-  FileDescriptor keeper;
+  const int ownerResult = owner == nullptr ? kBmUnconnected : owner->Stat(object, size);
+  net::Descriptor lastReference;
   std::unique_lock lock(mMutex);
-  if (seen != 0) {
+  if (ownerResult != 0) {
     const auto found = mCopies.find(id);
     if (found != mCopies.end() && found->second->ready && found->second->right.Matches(right)) {
-      if (seen == kBmUnconnected && Serve(id, *found->second, file, size)) {
+      if (ownerResult == kBmUnconnected && OpenCopy(id, *found->second, file, size)) {
         return 0;
       }
-      if (seen == -ENOENT) {
-        Remove(id, keeper);
+      if (ownerResult == -ENOENT) {
+        Remove(id, lastReference);
       }
     }
-    return seen;
+    return ownerResult;
   }
   const std::uint64_t wanted = size;
   for (;;) {
@@ -50,9 +50,9 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& wa
       lock.unlock();
       int result = -EIO;
       try {
-        result = Pull(*owner, object, wanted, waiting);
+        result = Pull(*owner, object, wanted, callerWaits);
       } catch (const std::exception&) {
-        // Out of memory: those who wait must not wait for ever.
+        // Out of memory: the callers that wait for this copy must be told.
       }
       lock.lock();
       copy->result = result;
@@ -81,77 +81,78 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& wa
       }
       if (!copy->ready) {
         lock.unlock();
-        if (!waiting()) {
+        if (!callerWaits()) {
           return kBmUnconnected;
         }
         lock.lock();
       }
       continue;
     }
-    // An original that was made larger since is pulled anew; so is a copy whose file somebody removed.
-    if (copy->size == wanted && Serve(id, *copy, file, size)) {
+    // Pull again when the original was made larger since, or when somebody removed the file of the copy.
+    if (copy->size == wanted && OpenCopy(id, *copy, file, size)) {
       if (!copy->right.Matches(right)) {
         copy->right = TokenHash::Of(right);
       }
       mUses.splice(mUses.begin(), mUses, copy->use);
       return 0;
     }
-    Remove(id, keeper);
+    Remove(id, lastReference);
   }
 }
 
-bool PulledCopies::Serve(const std::string& id, const Copy& copy, FileDescriptor& file,
-                         std::uint64_t& size) const {
+bool PulledCopies::OpenCopy(const std::string& id, const Copy& copy, net::Descriptor& file,
+                            std::uint64_t& size) const {
   file.Reset(::openat(mPool.Folder().Internal(), id.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   size = copy.size;
   return static_cast<bool>(file);
 }
 
 int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, std::uint64_t size,
-                       const std::function<bool()>& waiting) {
+                       const std::function<bool()>& callerWaits) {
   Reservation reservation(mPool.Bytes(), size > Capacity::kMaxSize ? size : Capacity::Charge(size));
   if (!reservation) {
     return kBmNotEnoughCapacity;
   }
   int failure = 0;
-  const FileDescriptor file = mPool.MakeFile(size, failure);
+  const net::Descriptor file = mPool.MakeFile(size, failure);
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
   std::vector<char> buffer(kFileBlock);
   const int result =
       owner.Read(object, 0, size, [&](Channel& channel, std::uint64_t position, std::uint32_t length) {
-        waiting();
+        callerWaits();
         while (length > 0) {
           const auto count = std::min<std::uint32_t>(length, kFileBlock);
-          const IoStatus status = channel.ReadData(buffer.data(), count, kAnswerTimeout);
-          if (status != IoStatus::kOk) {
+          const net::IoStatus status = channel.ReadData(buffer.data(), count, kAnswerTimeout);
+          if (status != net::IoStatus::kOk) {
             return status;
           }
           if (mStopping || !WriteFile(file.Get(), buffer.data(), count, position)) {
-            return IoStatus::kFailed;
+            return net::IoStatus::kFailed;
           }
           position += count;
           length -= count;
         }
-        return IoStatus::kOk;
+        return net::IoStatus::kOk;
       });
   if (result != 0) {
     return result == kBmLocalError ? -EIO : result;
   }
-  // Nobody of this user can open it for writing by accident, not even through the descriptor handed out.
+  // So that no process of this user opens it for writing by accident, not even through the descriptor that a
+  // client receives.
   ::fchmod(file.Get(), 0400);
   if (PoolFolder::Publish(file, mPool.Folder().Internal(), std::string(object.id)) != 0) {
     return -EIO;
   }
-  reservation.Keep();
+  reservation.Commit();
   return 0;
 }
 
-void PulledCopies::Remove(const std::string& id, FileDescriptor& keeper) {
+void PulledCopies::Remove(const std::string& id, net::Descriptor& lastReference) {
   const auto found = mCopies.find(id);
   const std::uint64_t charge = Capacity::Charge(found->second->size);
-  PoolFolder::Remove(mPool.Folder().Internal(), id, keeper);
+  PoolFolder::Remove(mPool.Folder().Internal(), id, lastReference);
   mUses.erase(found->second->use);
   mCopies.erase(found);
   mBytes -= charge;
@@ -159,11 +160,11 @@ void PulledCopies::Remove(const std::string& id, FileDescriptor& keeper) {
 }
 
 void PulledCopies::Drop(std::string_view id) {
-  FileDescriptor keeper;
+  net::Descriptor lastReference;
   std::lock_guard lock(mMutex);
   const auto found = mCopies.find(std::string(id));
   if (found != mCopies.end() && found->second->ready) {
-    Remove(found->first, keeper);
+    Remove(found->first, lastReference);
   }
 }
 
@@ -184,14 +185,14 @@ void PulledCopies::DropNamespace(std::string_view ns) {
 
 bool PulledCopies::Reclaim(std::uint64_t bytes) {
   for (std::uint64_t freed = 0; freed < bytes;) {
-    FileDescriptor keeper;
+    net::Descriptor lastReference;
     std::lock_guard lock(mMutex);
     if (mBytes < bytes - freed) {
-      return false;  // it would not help, and the copies are of use
+      return false;  // all copies together are too few, so none is dropped
     }
     const std::string id = mUses.back();
     freed += Capacity::Charge(mCopies.at(id)->size);
-    Remove(id, keeper);
+    Remove(id, lastReference);
   }
   return true;
 }
@@ -228,4 +229,4 @@ PulledCopies::Totals PulledCopies::Count() const {
   return {mUses.size(), mBytes, mPulls};
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -2,14 +2,14 @@
 
 // Copies of other nodes' objects, so that processes of this machine can map them.
 //
-// A copy is pulled once, however many ask at that moment: the first one's thread pulls, the others wait for
-// it. Copies are for reading only and hold what the original held when it was pulled. Each use asks the owner
-// whether the caller may see the object and whether it still exists; when the owner cannot be reached, a
-// caller with the namespace and token that the owner accepted last is served all the same. A copy goes when
-// the owner has freed the original (seen at a use, by Drop, or by Sweep), when its room is wanted, and with
-// the node.
+// Callers that ask for an object at the same time share one pull: the first caller's thread pulls, the others
+// wait. Copies are read-only and hold the contents that the original had when it was pulled. Each use asks the
+// owner whether the caller may see the object and whether it still exists; while the owner cannot be reached, a
+// caller is served that presents the namespace and token that the owner accepted last. A copy is dropped when
+// the owner has freed the original (found at a use, by Drop, or by Sweep), when its room is needed, and when the
+// node stops.
 //
-// Threads: any. No lock is held while another node is asked.
+// Threads: any. No lock is held while another node is called.
 
 #include "platform/fabric/node/neighbours.h"
 #include "platform/fabric/node/pool/pool.h"
@@ -22,16 +22,16 @@
 #include <string>
 #include <unordered_map>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 class PulledCopies {
  public:
   PulledCopies(Pool& pool, Neighbours& neighbours) : mPool(pool), mNeighbours(neighbours) {}
 
-  /// Opens the copy of an object of another node, after pulling it when that is needed. \param waiting asked
-  /// now and then whether the caller still waits; who pulls does so to the end, for the others. Returns: 0,
-  /// the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EIO.
-  int Open(const ObjectName& object, const std::function<bool()>& waiting, FileDescriptor& file,
+  /// Opens the copy of an object of another node, after pulling it when that is needed. \param callerWaits called
+  /// now and then; returns whether the caller still waits. A pull is completed all the same, for the other
+  /// callers. Returns: 0, the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EIO.
+  int Open(const ObjectName& object, const std::function<bool()>& callerWaits, net::Descriptor& file,
            std::uint64_t& size);
 
   /// Forgets a copy whose original is gone.
@@ -40,10 +40,10 @@ class PulledCopies {
   void DropNamespace(std::string_view ns);
   /// Asks the owners which originals are gone, and drops their copies.
   void Sweep();
-  /// Drops copies, those first that were not used for the longest time, until `bytes` are free. Returns:
-  /// false when all of them would not give so much; then none is dropped.
+  /// Drops copies, least recently used first, until `bytes` are free. Returns: false when all copies together
+  /// have fewer bytes; then none is dropped.
   bool Reclaim(std::uint64_t bytes);
-  /// Makes every pull under way give up.
+  /// Makes every pull in progress fail.
   void Stop() { mStopping = true; }
 
   struct Totals {
@@ -56,7 +56,7 @@ class PulledCopies {
  private:
   struct Copy {
     bool ready = false;  // otherwise it is being pulled
-    int result = 0;      // of the pull, once it has ended
+    int result = 0;      // of the pull, when it has ended
     std::uint64_t size = 0;
     std::string ns;
     TokenHash right;                       // of the namespace and token that the owner accepted last
@@ -65,10 +65,11 @@ class PulledCopies {
   using CopyPtr = std::shared_ptr<Copy>;
 
   int Pull(RemoteNode& owner, const ObjectName& object, std::uint64_t size,
-           const std::function<bool()>& waiting);
-  /// Takes a ready copy out of the table. Requires: mMutex is held. \param keeper as in PoolFolder::Remove.
-  void Remove(const std::string& id, FileDescriptor& keeper);
-  bool Serve(const std::string& id, const Copy& copy, FileDescriptor& file, std::uint64_t& size) const;
+           const std::function<bool()>& callerWaits);
+  /// Removes a ready copy. Requires: mMutex is held. \param lastReference as in PoolFolder::Remove.
+  void Remove(const std::string& id, net::Descriptor& lastReference);
+  /// Opens the file of a ready copy. Returns: false when somebody removed it.
+  bool OpenCopy(const std::string& id, const Copy& copy, net::Descriptor& file, std::uint64_t& size) const;
 
   Pool& mPool;
   Neighbours& mNeighbours;
@@ -76,9 +77,9 @@ class PulledCopies {
   mutable std::mutex mMutex;  // guards all below
   std::condition_variable mChanged;
   std::unordered_map<std::string, CopyPtr> mCopies;
-  std::list<std::string> mUses;  // ids of ready copies, the one used last in front
-  std::uint64_t mBytes = 0;      // charged for ready copies
+  std::list<std::string> mUses;  // ids of ready copies, the most recently used first
+  std::uint64_t mBytes = 0;      // quota that the ready copies use
   std::uint64_t mPulls = 0;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -1,19 +1,19 @@
 #pragma once
 
-// The right to a namespace and the name of an object, and how they stand in a frame's arguments.
+// The right to a namespace and the name of an object, and how a frame's arguments hold them. The texts are views.
 
 #include "platform/fabric/protocol/codec.h"
 
 #include <string_view>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 struct Access {
   std::string_view ns;
   std::string_view token;
 };
 
-/// Names an object, with the right to it.
+/// Names an object and proves the right to it.
 struct ObjectName {
   Access access;
   std::string_view id;
@@ -24,13 +24,13 @@ inline Writer& Put(Writer& writer, const ObjectName& object) {
   return Put(writer, object.access).Text(object.id);
 }
 
-inline Access GetAccess(Reader& arguments) {
+inline Access ReadAccess(Reader& arguments) {
   const std::string_view ns = arguments.Text();
   return {ns, arguments.Text()};
 }
-inline ObjectName GetObject(Reader& arguments) {
-  const Access access = GetAccess(arguments);
+inline ObjectName ReadObjectName(Reader& arguments) {
+  const Access access = ReadAccess(arguments);
   return {access, arguments.Text()};
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

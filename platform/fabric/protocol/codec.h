@@ -1,6 +1,7 @@
 #pragma once
 
-// Packs and unpacks the arguments of a frame. See protocol.h for their form.
+// Packs and unpacks the arguments of a frame, in the form that protocol.h describes. One thread uses an object at
+// a time.
 
 #include <cstdint>
 #include <cstring>
@@ -8,7 +9,7 @@
 #include <string_view>
 #include <type_traits>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 class Writer {
  public:
@@ -30,7 +31,7 @@ class Writer {
   std::string mBytes;
 };
 
-/// Reads what a Writer wrote. A read beyond the end gives 0 or the empty text, and Complete() is false from
+/// Reads what a Writer wrote. A read beyond the end returns 0 or the empty text, and Complete() is false from
 /// then on.
 class Reader {
  public:
@@ -48,7 +49,7 @@ class Reader {
   }
   /// A view into the bytes read from.
   std::string_view Text() { return Take(Get<std::uint16_t>()); }
-  /// Whether everything was there and nothing is left over.
+  /// Whether every read succeeded and no byte is left over.
   bool Complete() const { return mGood && mRest.empty(); }
 
  private:
@@ -66,4 +67,4 @@ class Reader {
   bool mGood = true;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

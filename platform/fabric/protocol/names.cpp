@@ -9,7 +9,7 @@
 #include <charconv>
 #include <cstdio>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
@@ -58,4 +58,4 @@ std::string MakeObjectId(std::uint16_t owner) {
   return id;
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

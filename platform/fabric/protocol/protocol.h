@@ -1,9 +1,9 @@
 #pragma once
 
-// What a client of the memory fabric and a fabric node say to each other, and the texts and records that both
+// The protocol between a client of the memory fabric and a fabric node, and the names and records that both
 // sides and their users share.
 //
-// Two doors lead to a node; both speak the frames below.
+// A node listens at two places; both speak the frames below.
 //
 //   Broker   The UNIX socket <home>/run/bm_broker.sock, for the processes of the node's machine. The folder
 //            has mode 0755 and the socket 0666: every user of the machine may connect, and what a caller may
@@ -14,19 +14,18 @@
 //            the other way has a hello's answer with kBmRemoteProtocol, in a plain frame, and is closed.
 //
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
-// the request's operation and sequence number. A client has at most kPipelineDepth requests under way on a
-// connection; a node does not count them, it takes the next one when it has answered the last. While it works
-// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers marked kFrameProgress, which
-// carry nothing. A frame that breaks a limit or the sequence ends the connection. A
-// node answers nothing before the hello, and closes a connection whose frame stays incomplete
-// (kFrameTimeout).
+// the request's operation and sequence number. A client has at most kPipelineDepth requests in flight on a
+// connection; a node does not count them, it reads the next one when it has answered the last. While it works
+// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers, which are marked kFrameProgress
+// and carry nothing. A frame that breaks a limit or the sequence ends the connection. A node answers nothing
+// before the hello, and closes a connection whose frame stays incomplete for kFrameTimeout.
 //
-// Frame: FrameHeader, then `headLength` bytes of arguments, then `dataLength` bytes of an object's contents.
-// Everything is little-endian. Arguments are packed without padding, in the order told at Operation: integers
+// Frame: FabricFrameHeader, then `headLength` bytes of arguments, then `dataLength` bytes of an object's contents.
+// Everything is little-endian. Arguments are packed without padding, in the order given at FabricOperation: integers
 // of their size; a text is its 16-bit length and its bytes, without NUL. Bytes left over after the arguments
 // are an error.
 //
-// Who learns what. The token is compared before anything else is looked up: a caller without the right token
+// What a caller can find out. The token is compared before anything else is looked up: a caller without the right token
 // learns that a namespace exists (-EACCES instead of -ENOENT), and never whether an object does. An object is
 // looked up only within the namespace named. The contents of another tenant's objects cannot be reached
 // without that tenant's token, even with their ids.
@@ -38,7 +37,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 static_assert(std::endian::native == std::endian::little, "frames are written as they stand in memory");
 
@@ -83,13 +82,13 @@ inline constexpr std::uint32_t kMaxDataLength = 1U << 20U;
 inline constexpr std::uint32_t kMaxIdsPerFrame = 1024;
 /// No object can be larger, whatever a node's limit.
 inline constexpr std::uint64_t kMaxObjectSize = std::uint64_t{1} << 62U;
-/// Requests that a client has under way on one connection at a time.
+/// The most requests that a client has in flight on one connection.
 inline constexpr std::uint32_t kPipelineDepth = 8;
 
-/// FrameHeader::flags: an interim answer; the final one follows.
+/// FabricFrameHeader::flags: an interim answer; the final one follows.
 inline constexpr std::uint16_t kFrameProgress = 1;
 
-struct FrameHeader {
+struct FabricFrameHeader {
   std::uint32_t magic;       ///< kFrameMagic
   std::uint16_t operation;   ///< an Operation
   std::uint16_t flags;       ///< 0 or kFrameProgress
@@ -98,17 +97,17 @@ struct FrameHeader {
   std::uint32_t headLength;  ///< at most kMaxHeadLength
   std::uint32_t dataLength;  ///< at most kMaxDataLength; only kWrite's request and kRead's answer carry data
 };
-static_assert(sizeof(FrameHeader) == 24);
+static_assert(sizeof(FabricFrameHeader) == 24);
 
 /// Who opens a connection.
 enum class PeerRole : std::uint16_t { kClient = 1, kNode = 2 };
 
-/// kHello's wish for whatever node answers.
+/// The argument of kHello that accepts any node.
 inline constexpr std::uint32_t kAnyNode = 0xffffffff;
 
 /// A frame's operation: arguments of the request -> of a successful answer. An answer with a result other
 /// than 0 carries no arguments and no data. "secured" stands for: text ns, text token.
-enum class Operation : std::uint16_t {
+enum class FabricOperation : std::uint16_t {
   /// u16 version, u16 PeerRole, u32 node id expected or kAnyNode -> u16 node id.
   /// kBmRemoteProtocol when the node is another one or speaks another version.
   kHello = 1,
@@ -127,17 +126,16 @@ enum class Operation : std::uint16_t {
   /// secured, u16 count (at most kMaxIdsPerFrame), that many texts: ids of one owner ->
   /// Frees all that can be freed; then the first failure, if any.
   kFreeBatch = 8,
-  /// Broker only. secured, text id, u8 wish for writing -> u64 size, u8 writable; with the answer a file
-  /// descriptor (SCM_RIGHTS). A local object's descriptor is for reading only unless writing was wished for.
-  /// An object of another node is first pulled into this node's pool, once for all who ask; its copy is for
-  /// reading only, whatever was wished.
+  /// Broker only. secured, text id, u8 1 to write -> u64 size, u8 writable; with the answer a file descriptor
+  /// (SCM_RIGHTS). A local object's descriptor is read-only unless writing was asked for. An object of another
+  /// node is first pulled into this node's pool, once for all callers; the descriptor of a pulled copy is always
+  /// read-only.
   kOpen = 9,
   /// secured, text id -> u64 size
   kStat = 10,
   /// secured, text id, u64 offset, u64 rest, u32 length -> and `length` bytes of data.
-  /// `rest` is what the whole transfer still wants from `offset` on: a transfer that does not fit into the
-  /// object
-  /// is refused at its first request, though it is made in many.
+  /// `rest` is the number of bytes that the whole transfer still needs from `offset` on: a transfer of several
+  /// requests that does not fit into the object is refused at its first request.
   kRead = 11,
   /// secured, text id, u64 offset, u64 rest; and the data ->
   kWrite = 12,
@@ -145,29 +143,29 @@ enum class Operation : std::uint16_t {
   /// Both objects belong to one node. Ranges of one object may overlap.
   kCopy = 13,
   /// Link only. u16 count (at most kMaxIdsPerFrame), that many texts: ids -> `count` times u8: 1 while the
-  /// node has the object, else 0. By it a node learns which of its pulled copies have lost their original.
-  /// Needs no token: an id cannot be guessed, and who knows it learns one bit.
+  /// node has the object, else 0. A node asks this to find pulled copies whose original is gone.
+  /// Needs no token: an id cannot be guessed, and a caller that knows it learns one bit.
   kExist = 14,
 };
 
 // --- Time
 //
-// Every wait ends. These are the defaults of both sides.
+// Every wait has a limit. These are the defaults of both sides.
 
-/// For a connection to stand, its hello included.
+/// For making a connection, including its hello.
 inline constexpr std::chrono::milliseconds kConnectTimeout{3000};
-/// For the next sign of life of an answer that is due: an answer, some of its data, or an interim one where
-/// the operation has such.
+/// For the next bytes of an expected answer: an answer, some of its data, or an interim answer where the
+/// operation has them.
 inline constexpr std::chrono::milliseconds kAnswerTimeout{10000};
-/// An answer that makes the node reserve pages is given this much more for each GiB.
+/// Added for each GiB that the node reserves before it answers.
 inline constexpr std::chrono::milliseconds kAnswerTimePerGiB{4000};
-/// No more than this, however large the object.
+/// The most that is added, however large the object.
 inline constexpr std::chrono::milliseconds kMaxReserveTime{60000};
-/// For the rest of a frame that has begun.
+/// For the rest of a frame that has begun to arrive.
 inline constexpr std::chrono::milliseconds kFrameTimeout{10000};
 /// A node at work sends an interim answer this often.
 inline constexpr std::chrono::milliseconds kProgressInterval{2000};
-/// For an answer, however many interim ones come before it.
+/// For an answer, however many interim answers come before it.
 inline constexpr std::chrono::milliseconds kLongestAnswer{3600 * 1000};
 
 // --- Records of libbmclient.so that its callers fill
@@ -197,4 +195,4 @@ struct NodeAttributes {
 };
 static_assert(sizeof(NodeAttributes) == 32 && sizeof(NodeAttributes) == sizeof(BmResourceAttributes));
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

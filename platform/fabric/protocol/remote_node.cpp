@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
@@ -12,15 +12,15 @@ constexpr std::size_t kMaxIdle = 16;
 // Well below the time after which a node closes idle connections.
 constexpr std::chrono::seconds kMaxIdleTime{240};
 
-int ResultOf(IoStatus status) {
+int ResultOf(net::IoStatus status) {
   switch (status) {
-    case IoStatus::kOk:
+    case net::IoStatus::kOk:
       return 0;
-    case IoStatus::kClosed:
-    case IoStatus::kReset:
-    case IoStatus::kTimeout:
+    case net::IoStatus::kClosed:
+    case net::IoStatus::kReset:
+    case net::IoStatus::kTimeout:
       return kBmUnconnected;
-    case IoStatus::kFailed:
+    case net::IoStatus::kFailed:
       break;
   }
   return kBmRemoteProtocol;
@@ -34,21 +34,19 @@ std::chrono::milliseconds TimeFor(std::uint64_t size) {
 
 }  // namespace
 
-int RemoteNode::Hello(Channel& channel, Deadline deadline) {
-  const auto left = [deadline] {
-    return std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-  };
+int RemoteNode::Hello(Channel& channel, net::Deadline deadline) {
+  const auto left = [&deadline] { return std::chrono::milliseconds(deadline.PollTime()); };
   Writer head;
   head.Put(kProtocolVersion).Put(static_cast<std::uint16_t>(mRole)).Put(mExpectedNode);
-  IoStatus status = channel.SendRequest(Operation::kHello, head.Bytes(), nullptr, 0, left());
+  net::IoStatus status = channel.SendRequest(FabricOperation::kHello, head.Bytes(), nullptr, 0, left());
   std::string answer;
   int result = 0;
   std::uint32_t dataLength = 0;
-  if (status == IoStatus::kOk) {
-    status = channel.ReadAnswer(Operation::kHello, result, answer, dataLength, left());
+  if (status == net::IoStatus::kOk) {
+    status = channel.ReadAnswer(FabricOperation::kHello, result, answer, dataLength, left());
   }
-  if (status != IoStatus::kOk || result != 0) {
-    return status != IoStatus::kOk ? ResultOf(status) : result;
+  if (status != net::IoStatus::kOk || result != 0) {
+    return status != net::IoStatus::kOk ? ResultOf(status) : result;
   }
   Reader reader(answer);
   const auto nodeId = reader.Get<std::uint16_t>();
@@ -76,7 +74,7 @@ int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
     }
   }
   int result = kBmUnconnected;
-  const Deadline deadline = After(mTimeouts.connect);
+  const net::Deadline deadline = net::Deadline::After(mTimeouts.connect);
   auto stream = mConnect(deadline, result);
   if (stream == nullptr) {
     return result;
@@ -85,8 +83,8 @@ int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
   return Hello(*channel, deadline);
 }
 
-int RemoteNode::Broken(const Channel& channel, IoStatus status) {
-  if (channel.mReused && status != IoStatus::kFailed) {
+int RemoteNode::ResultOfBroken(const Channel& channel, net::IoStatus status) {
+  if (channel.mReused && status != net::IoStatus::kFailed) {
     std::vector<std::unique_ptr<Channel>> dropped;  // outside the lock
     std::lock_guard lock(mMutex);
     dropped.swap(mIdle);
@@ -117,8 +115,8 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
   const bool reused = channel->mReused;
   Release(std::move(channel));
   if (reused) {
-    // A host that was lost shows only in an answer that does not come. It may be back: what was kept is gone
-    // by then, and the second question goes over a new connection.
+    // That a host was lost shows only when an answer does not come. The host may be back by then: the failure
+    // has dropped the idle channels, so the second query goes over a new connection.
     NodeAttributes attributes;
     if (Query(attributes) != 0) {
       if (const int result = Query(attributes); result != 0) {
@@ -133,25 +131,25 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
   return 0;
 }
 
-int RemoteNode::Call(Operation operation, std::string_view head, std::string& answer,
-                     std::chrono::milliseconds extra, FileDescriptor* descriptor, const Progress& progress) {
+int RemoteNode::Call(FabricOperation operation, std::string_view head, std::string& answer,
+                     std::chrono::milliseconds extra, net::Descriptor* descriptor, const Progress& progress) {
   std::unique_ptr<Channel> channel;
   if (const int result = Acquire(channel); result != 0) {
     return result;
   }
-  IoStatus status = channel->SendRequest(operation, head, nullptr, 0, mTimeouts.answer);
+  net::IoStatus status = channel->SendRequest(operation, head, nullptr, 0, mTimeouts.answer);
   int result = 0;
   std::uint32_t dataLength = 0;
-  if (status == IoStatus::kOk) {
+  if (status == net::IoStatus::kOk) {
     status = channel->ReadAnswer(operation, result, answer, dataLength, mTimeouts.answer + extra, progress);
   }
-  if (status == IoStatus::kOk && dataLength != 0) {
-    status = IoStatus::kFailed;
+  if (status == net::IoStatus::kOk && dataLength != 0) {
+    status = net::IoStatus::kFailed;
   }
-  if (status != IoStatus::kOk) {
-    return Broken(*channel, status);
+  if (status != net::IoStatus::kOk) {
+    return ResultOfBroken(*channel, status);
   }
-  FileDescriptor received = channel->TakeDescriptor();
+  net::Descriptor received = channel->TakeDescriptor();
   if (descriptor != nullptr) {
     *descriptor = std::move(received);
   }
@@ -161,7 +159,7 @@ int RemoteNode::Call(Operation operation, std::string_view head, std::string& an
 
 int RemoteNode::Query(NodeAttributes& attributes) {
   std::string answer;
-  if (const int result = Call(Operation::kQuery, {}, answer); result != 0) {
+  if (const int result = Call(FabricOperation::kQuery, {}, answer); result != 0) {
     return result;
   }
   Reader reader(answer);
@@ -177,14 +175,14 @@ int RemoteNode::CreateNamespace(std::uint16_t node, const Access& access) {
   Writer head;
   Put(head.Put(node), access);
   std::string answer;
-  return Call(Operation::kCreateNamespace, head.Bytes(), answer);
+  return Call(FabricOperation::kCreateNamespace, head.Bytes(), answer);
 }
 
 int RemoteNode::DestroyNamespace(std::uint16_t node, const Access& access, const Progress& progress) {
   Writer head;
   Put(head.Put(node), access);
   std::string answer;
-  return Call(Operation::kDestroyNamespace, head.Bytes(), answer, {}, nullptr, progress);
+  return Call(FabricOperation::kDestroyNamespace, head.Bytes(), answer, {}, nullptr, progress);
 }
 
 int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id) {
@@ -194,7 +192,7 @@ int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t
   Writer head;
   Put(head.Put(node), access).Put(size);
   std::string answer;
-  if (const int result = Call(Operation::kAllocate, head.Bytes(), answer, TimeFor(size)); result != 0) {
+  if (const int result = Call(FabricOperation::kAllocate, head.Bytes(), answer, TimeFor(size)); result != 0) {
     return result;
   }
   Reader reader(answer);
@@ -209,14 +207,14 @@ int RemoteNode::Expand(const ObjectName& object, std::uint64_t size) {
   Writer head;
   Put(head, object).Put(size);
   std::string answer;
-  return Call(Operation::kExpand, head.Bytes(), answer, TimeFor(size));
+  return Call(FabricOperation::kExpand, head.Bytes(), answer, TimeFor(size));
 }
 
 int RemoteNode::Free(const ObjectName& object) {
   Writer head;
   Put(head, object);
   std::string answer;
-  return Call(Operation::kFree, head.Bytes(), answer);
+  return Call(FabricOperation::kFree, head.Bytes(), answer);
 }
 
 int RemoteNode::FreeBatch(const Access& access, const std::vector<std::string_view>& ids,
@@ -230,18 +228,19 @@ int RemoteNode::FreeBatch(const Access& access, const std::vector<std::string_vi
       head.Text(ids[begin + index]);
     }
     std::string answer;
-    const int result = Call(Operation::kFreeBatch, head.Bytes(), answer, {}, nullptr, progress);
+    const int result = Call(FabricOperation::kFreeBatch, head.Bytes(), answer, {}, nullptr, progress);
     first = first == 0 ? result : first;
   }
   return first;
 }
 
-int RemoteNode::Open(const ObjectName& object, bool& writable, FileDescriptor& descriptor,
+int RemoteNode::Open(const ObjectName& object, bool& writable, net::Descriptor& descriptor,
                      std::uint64_t& size) {
   Writer head;
   Put(head, object).Put(static_cast<std::uint8_t>(writable));
   std::string answer;
-  if (const int result = Call(Operation::kOpen, head.Bytes(), answer, {}, &descriptor, Channel::Wanted);
+  if (const int result =
+          Call(FabricOperation::kOpen, head.Bytes(), answer, {}, &descriptor, Channel::AlwaysWanted);
       result != 0) {
     return result;
   }
@@ -255,7 +254,7 @@ int RemoteNode::Stat(const ObjectName& object, std::uint64_t& size) {
   Writer head;
   Put(head, object);
   std::string answer;
-  if (const int result = Call(Operation::kStat, head.Bytes(), answer); result != 0) {
+  if (const int result = Call(FabricOperation::kStat, head.Bytes(), answer); result != 0) {
     return result;
   }
   Reader reader(answer);
@@ -269,7 +268,7 @@ int RemoteNode::Copy(const ObjectName& source, std::uint64_t sourceOffset, const
   Put(head, source).Put(sourceOffset);
   Put(head, destination).Put(destinationOffset).Put(length);
   std::string answer;
-  return Call(Operation::kCopy, head.Bytes(), answer, {}, nullptr, progress);
+  return Call(FabricOperation::kCopy, head.Bytes(), answer, {}, nullptr, progress);
 }
 
 int RemoteNode::Exist(const std::vector<std::string>& ids, std::vector<bool>& exist) {
@@ -279,7 +278,7 @@ int RemoteNode::Exist(const std::vector<std::string>& ids, std::vector<bool>& ex
     head.Text(id);
   }
   std::string answer;
-  if (const int result = Call(Operation::kExist, head.Bytes(), answer); result != 0) {
+  if (const int result = Call(FabricOperation::kExist, head.Bytes(), answer); result != 0) {
     return result;
   }
   Reader reader(answer);
@@ -290,71 +289,73 @@ int RemoteNode::Exist(const std::vector<std::string>& ids, std::vector<bool>& ex
   return reader.Complete() ? 0 : kBmRemoteProtocol;
 }
 
-int RemoteNode::Transfer(Operation operation, const ObjectName& object, std::uint64_t offset,
+int RemoteNode::Transfer(FabricOperation operation, const ObjectName& object, std::uint64_t offset,
                          std::uint64_t length, std::uint64_t beyond, const Sink* sink, const Source* source) {
   std::unique_ptr<Channel> channel;
   if (const int result = Acquire(channel); result != 0) {
     return result;
   }
-  std::uint64_t asked = 0;
+  std::uint64_t requested = 0;
   std::uint64_t done = 0;
-  std::uint32_t due = 0;
+  std::uint32_t inFlight = 0;
   do {
-    // A transfer of nothing is one request, too: it finds out whether the object may be reached.
-    while (due < kPipelineDepth && (asked < length || (length == 0 && due == 0))) {
-      const auto chunk = static_cast<std::uint32_t>(std::min<std::uint64_t>(kMaxDataLength, length - asked));
+    // A transfer of no bytes is one request, too: it finds out whether the caller may reach the object.
+    while (inFlight < kPipelineDepth && (requested < length || (length == 0 && inFlight == 0))) {
+      const auto chunk =
+          static_cast<std::uint32_t>(std::min<std::uint64_t>(kMaxDataLength, length - requested));
       Writer head;
-      Put(head, object).Put(offset + asked).Put(length - asked + beyond);
+      Put(head, object).Put(offset + requested).Put(length - requested + beyond);
       const void* data = nullptr;
       if (source == nullptr) {
         head.Put(chunk);
-      } else if (data = (*source)(asked, chunk); data == nullptr) {
+      } else if (data = (*source)(requested, chunk); data == nullptr) {
         return kBmLocalError;
       }
-      const IoStatus sent = channel->SendRequest(operation, head.Bytes(), data, source == nullptr ? 0 : chunk,
-                                                 mTimeouts.answer);
-      if (sent != IoStatus::kOk) {
-        return Broken(*channel, sent);
+      const net::IoStatus sent = channel->SendRequest(operation, head.Bytes(), data,
+                                                      source == nullptr ? 0 : chunk, mTimeouts.answer);
+      if (sent != net::IoStatus::kOk) {
+        return ResultOfBroken(*channel, sent);
       }
-      asked += chunk;
-      ++due;
+      requested += chunk;
+      ++inFlight;
     }
     int result = 0;
     std::uint32_t dataLength = 0;
     std::string answer;
-    if (const IoStatus status = channel->ReadAnswer(operation, result, answer, dataLength, mTimeouts.answer);
-        status != IoStatus::kOk) {
-      return Broken(*channel, status);
+    if (const net::IoStatus status =
+            channel->ReadAnswer(operation, result, answer, dataLength, mTimeouts.answer);
+        status != net::IoStatus::kOk) {
+      return ResultOfBroken(*channel, status);
     }
-    --due;
+    --inFlight;
     const std::uint64_t chunk = std::min<std::uint64_t>(kMaxDataLength, length - done);
     if (dataLength != (result == 0 && sink != nullptr ? chunk : 0)) {
       return kBmRemoteProtocol;
     }
     if (result != 0) {
-      if (due == 0) {
+      if (inFlight == 0) {
         Release(std::move(channel));
       }
-      return result;  // what else is under way ends with the channel
+      return result;  // the other requests in flight end with the channel
     }
     if (sink != nullptr) {
-      if (const IoStatus status = (*sink)(*channel, done, dataLength); status != IoStatus::kOk) {
-        return status == IoStatus::kFailed ? kBmLocalError : ResultOf(status);
+      if (const net::IoStatus status = (*sink)(*channel, done, dataLength); status != net::IoStatus::kOk) {
+        return status == net::IoStatus::kFailed ? kBmLocalError : ResultOf(status);
       }
     }
     done += chunk;
-  } while (due > 0 || done < length);
+  } while (inFlight > 0 || done < length);
   Release(std::move(channel));
   return 0;
 }
 
 int RemoteNode::Read(const ObjectName& object, std::uint64_t offset, std::uint64_t length, const Sink& sink) {
-  return Transfer(Operation::kRead, object, offset, length, 0, &sink, nullptr);
+  return Transfer(FabricOperation::kRead, object, offset, length, 0, &sink, nullptr);
 }
 
 int RemoteNode::Write(const ObjectName& object, std::uint64_t offset, std::uint64_t length,
                       const Source& source) {
-  return Transfer(Operation::kWrite, object, offset, length, 0, nullptr, &source);
+  return Transfer(FabricOperation::kWrite, object, offset, length, 0, nullptr, &source);
 }
 
 int RemoteNode::Read(const ObjectName& object, std::uint64_t offset, std::uint64_t length, void* buffer,
@@ -362,7 +363,7 @@ int RemoteNode::Read(const ObjectName& object, std::uint64_t offset, std::uint64
   const Sink sink = [&](Channel& channel, std::uint64_t position, std::uint32_t count) {
     return channel.ReadData(static_cast<char*>(buffer) + position, count, mTimeouts.answer);
   };
-  return Transfer(Operation::kRead, object, offset, length, beyond, &sink, nullptr);
+  return Transfer(FabricOperation::kRead, object, offset, length, beyond, &sink, nullptr);
 }
 
 int RemoteNode::Write(const ObjectName& object, std::uint64_t offset, std::uint64_t length,
@@ -371,7 +372,7 @@ int RemoteNode::Write(const ObjectName& object, std::uint64_t offset, std::uint6
   const Source source = [&](std::uint64_t position, std::uint32_t) -> const void* {
     return length == 0 ? &kNothing : static_cast<const char*>(buffer) + position;
   };
-  return Transfer(Operation::kWrite, object, offset, length, beyond, nullptr, &source);
+  return Transfer(FabricOperation::kWrite, object, offset, length, beyond, nullptr, &source);
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -8,8 +8,8 @@ thread_local std::string SecuredClient::mLastErrorMessage;
 
 namespace {
 
-/// Hands an outcome on in the form of the public calls.
-bool Tell(const Outcome& outcome, Context* context, Callback* callback) {
+/// Passes an outcome on as the public calls do: last error message, context, callback, result.
+bool ReportOutcome(const Outcome& outcome, Context* context, Callback* callback) {
   if (!outcome.Ok()) {
     SecuredClient::mLastErrorMessage = outcome.mText;
   }
@@ -35,13 +35,15 @@ void Client::SetMaxReconnectTimes(int times) {
   }
 }
 
-bool Client::Connect() { return Tell(mConnection->Connect(), nullptr, nullptr); }
+bool Client::Connect() { return ReportOutcome(mConnection->Connect(), nullptr, nullptr); }
 
 bool Client::SyncCall(ClientContext* context, Message* request, Message* response, Callback* callback) {
   if (context == nullptr || request == nullptr || response == nullptr) {
-    return Tell({kInvalidArgument, "a call without context, request or response"}, context, callback);
+    return ReportOutcome({kInvalidArgument, "a call without context, request or response"}, context,
+                         callback);
   }
-  return Tell(mConnection->Call(*request, *response, Deadline(context->mTimeout)), context, callback);
+  return ReportOutcome(mConnection->Call(*request, *response, net::Deadline(context->mTimeout)), context,
+                       callback);
 }
 
 SecuredClient::SecuredClient(std::string ip, unsigned short port, std::map<std::string, std::string> options,
@@ -68,14 +70,14 @@ bool SecuredClient::Initialize(const std::map<std::string, const std::string>& s
   }
   mConnection->SetConnectTimeout(timeout < 1 ? -1 : timeout);
   mConnection->Refuse(outcome);
-  return Tell(outcome, nullptr, nullptr);
+  return ReportOutcome(outcome, nullptr, nullptr);
 }
 
 bool SecuredClient::ReconnectAndAuth(ClientContext* context, bool /*authenticate*/) {
   if (context == nullptr) {
-    return Tell({kInvalidArgument, "a reconnect without context"}, nullptr, nullptr);
+    return ReportOutcome({kInvalidArgument, "a reconnect without context"}, nullptr, nullptr);
   }
-  return Tell(mConnection->Reconnect(Deadline(context->mTimeout)), context, nullptr);
+  return ReportOutcome(mConnection->Reconnect(net::Deadline(context->mTimeout)), context, nullptr);
 }
 
 }  // namespace vyn::rpc

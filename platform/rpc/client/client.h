@@ -4,9 +4,9 @@
 //
 // A call that timed out or broke closes the connection, so that a late reply can never be taken for that of a
 // later call; the next call connects again by itself, within its own time and at most the reconnect limit. A
-// connection that the server closed between two calls is noticed before anything is sent and costs the caller
-// nothing but the reconnect, unless the two begin within 100 microseconds: then the second may be lost with
-// it.
+// connection that the server closed between two calls is noticed before anything is sent, and costs the caller
+// only the reconnect. If the two calls begin within 100 microseconds this is not checked, and the second call
+// may fail.
 //
 // The transport's settings are read from the environment when the client is made: UCX_TLS (empty, unset or
 // "tcp"; anything else is refused at connect, since no engine for it is present), UCX_NET_DEVICES (interface
@@ -40,16 +40,16 @@ class Client {
   Client& operator=(const Client&) = delete;
 
   /// How many times one call tries to connect; it always tries once. A value below 0 or above
-  /// kMaxReconnectCeiling is not taken.
+  /// kMaxReconnectCeiling is ignored.
   void SetMaxReconnectTimes(int times);
 
-  /// Connects, within the time given to SecuredClient::Initialize. Returns: whether the connection stands; if
-  /// not, SecuredClient::mLastErrorMessage tells why.
+  /// Connects, within the time given to SecuredClient::Initialize. Returns: whether it is connected; if
+  /// not, SecuredClient::mLastErrorMessage has the reason.
   virtual bool Connect();
 
   /// Sends `request` and waits for its reply. The buffers of `request` must live until this returns.
   /// \param response its buffers are replaced by the reply's one buffer, which it owns; none if the reply is
-  /// empty. \param callback may be null; is told before this returns. Returns: true when the reply is there.
+  /// empty. \param callback may be null; is called before this returns. Returns: true when the reply is there.
   /// On false `context->mStatus` is set and mLastErrorMessage has the details.
   virtual bool SyncCall(ClientContext* context, Message* request, Message* response, Callback* callback);
 
@@ -78,7 +78,7 @@ class SecuredClient : public Client {
   /// alone decides today. Returns: true on success; on false `context->mStatus` is set.
   bool ReconnectAndAuth(ClientContext* context, bool authenticate);
 
-  /// What the thread's last failed operation of any client died of.
+  /// The reason why the thread's last failed operation of any client failed.
   static thread_local std::string mLastErrorMessage;
 
  private:

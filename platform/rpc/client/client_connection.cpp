@@ -3,8 +3,6 @@
 #include "platform/net/dialer.h"
 
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,21 +13,34 @@ namespace vyn::rpc {
 
 namespace {
 
-/// Between two attempts to connect to a peer that refuses: the time that a restarting server is given.
+/// The pause between two attempts to connect to a peer that refuses, for example while it restarts.
 constexpr int kReconnectPause = 20;
 
-/// How long a read or a write of a plain socket waits by itself, which spares a poll. A call that has less
-/// than kAmple left polls, so that it ends in time.
-constexpr std::chrono::milliseconds kOwnWait{500};
-constexpr std::chrono::milliseconds kAmple{1000};
+/// A connection on which a call began so recently is used without a check whether the server has closed it. A
+/// server that was restarted meanwhile would not be back yet either.
+constexpr std::chrono::microseconds kUncheckedTime{100};
 
-/// A connection on which a call began so recently is taken to stand. A server that went meanwhile would not
-/// be back yet either.
-constexpr std::chrono::microseconds kFresh{100};
-
-/// Whether a failed call was answered: then its connection is as good as before.
+/// Whether the server answered a failed call: then the connection can be used further.
 bool IsAnswer(std::int32_t status) {
   return status == kNoAnswer || status == kNoHandler || status == kMessageTooLong;
+}
+
+std::int32_t StatusOf(net::NetStatus status) {
+  switch (status) {
+    case net::NetStatus::kOk:
+      return kOk;
+    case net::NetStatus::kBadAddress:
+      return kInvalidArgument;
+    case net::NetStatus::kBadSetting:
+      return kBadSetting;
+    case net::NetStatus::kNoSocket:
+      return kNoMemory;
+    case net::NetStatus::kRefused:
+      return kConnectionLost;
+    case net::NetStatus::kTimedOut:
+      break;
+  }
+  return kTimedOut;
 }
 
 }  // namespace
@@ -39,9 +50,9 @@ ClientConnection::ClientConnection(std::string ip, std::uint16_t port)
 
 ClientConnection::~ClientConnection() { Close(); }
 
-Outcome ClientConnection::Connect() { return Named(Open(Deadline(mConnectTimeout))); }
+Outcome ClientConnection::Connect() { return WithPeerName(Open(net::Deadline(mConnectTimeout))); }
 
-Outcome ClientConnection::Reconnect(const Deadline& deadline) {
+Outcome ClientConnection::Reconnect(const net::Deadline& deadline) {
   Outcome outcome;
   for (int attempt = 0; attempt < std::max(mReconnectLimit, 1); ++attempt) {
     if (attempt > 0) {
@@ -53,10 +64,10 @@ Outcome ClientConnection::Reconnect(const Deadline& deadline) {
       break;
     }
   }
-  return Named(std::move(outcome));
+  return WithPeerName(std::move(outcome));
 }
 
-Outcome ClientConnection::Call(const Message& request, Message& response, const Deadline& deadline) {
+Outcome ClientConnection::Call(const Message& request, Message& response, const net::Deadline& deadline) {
   response.Bl().clear();
   std::uint64_t length = 0;
   for (const Buffer& buffer : request.Bl()) {
@@ -65,36 +76,34 @@ Outcome ClientConnection::Call(const Message& request, Message& response, const 
     }
     length += buffer.Len();
   }
-  auto now = Deadline::Clock::now();
-  if (mStream != nullptr && now - mLastBegin > kFresh && mStream->IsStale()) {
+  auto now = net::Deadline::Clock::now();
+  if (mStream != nullptr && now - mLastCallBegan > kUncheckedTime && mStream->Get().IsStale()) {
     Close();
   }
-  mLastBegin = now;
+  mLastCallBegan = now;
   if (mStream == nullptr) {
     if (Outcome outcome = Reconnect(deadline); !outcome.Ok()) {
       return outcome;
     }
-    now = Deadline::Clock::now();
+    now = net::Deadline::Clock::now();
   }
   if (length > mPeerMaxLength) {
-    return Named({kMessageTooLong, "a request of " + std::to_string(length) + " bytes; the server takes " +
-                                       std::to_string(mPeerMaxLength)});
+    return WithPeerName({kMessageTooLong, "a request of " + std::to_string(length) +
+                                              " bytes; the server takes " + std::to_string(mPeerMaxLength)});
   }
-  if (mPlain != nullptr) {
-    mPlain->SetWaits(deadline.Exceeds(kAmple, now));
-  }
-  Outcome outcome = Exchange(request, static_cast<std::uint32_t>(length), response, deadline);
+  mStream->ChooseWait(deadline, now);
+  Outcome outcome = SendAndReceive(request, static_cast<std::uint32_t>(length), response, deadline);
   if (outcome.Ok()) {
     return outcome;
   }
   if (!IsAnswer(outcome.mStatus)) {
-    // Whatever was under way on it could not be told from what comes next.
+    // A late reply could otherwise be taken for the reply to the next call.
     Close();
   }
-  return Named(std::move(outcome));
+  return WithPeerName(std::move(outcome));
 }
 
-Outcome ClientConnection::Open(const Deadline& deadline) {
+Outcome ClientConnection::Open(const net::Deadline& deadline) {
   Close();
   if (!mRefusal.Ok()) {
     return mRefusal;
@@ -109,41 +118,38 @@ Outcome ClientConnection::Open(const Deadline& deadline) {
   return outcome;
 }
 
-Outcome ClientConnection::Establish(const Deadline& deadline) {
-  if (Outcome outcome = Dial(mIp, mPort, mSetting, deadline, mSocket); !outcome.Ok()) {
+Outcome ClientConnection::Establish(const net::Deadline& deadline) {
+  if (net::NetOutcome dialed = net::Dial(mIp, mPort, mSetting, deadline, mSocket); !dialed.Ok()) {
+    return {StatusOf(dialed.mStatus), std::move(dialed.mText)};
+  }
+  auto stream =
+      mTls != nullptr ? mTls->NewStream(mSocket.Get()) : std::make_unique<net::PlainStream>(mSocket.Get());
+  if (stream == nullptr) {
+    return {kNoMemory, "no memory for a TLS connection"};
+  }
+  mStream = std::make_unique<net::BlockingStream>(std::move(stream), mSocket.Get());
+  if (mTls == nullptr) {
+    if (const int error = mStream->UseKernelWait(); error != 0) {
+      return {kNoMemory, std::string("cannot set a socket up: ") + strerror(error)};
+    }
+  }
+  if (const net::IoStatus status = mStream->Handshake(deadline); status != net::IoStatus::kOk) {
+    Outcome outcome = OutcomeOf(status);
+    if (status == net::IoStatus::kFailed) {
+      outcome.mStatus = kTlsError;
+    }
+    outcome.mText = "TLS handshake: " + outcome.mText;
     return outcome;
-  }
-  if (mTls != nullptr) {
-    mStream = mTls->NewStream(mSocket.Get());
-    if (mStream == nullptr) {
-      return {kNoMemory, "no memory for a TLS connection"};
-    }
-  } else {
-    auto plain = std::make_unique<PlainStream>(mSocket.Get());
-    mPlain = plain.get();
-    mStream = std::move(plain);
-    if (Outcome outcome = MakeWaiting(); !outcome.Ok()) {
-      return outcome;
-    }
-  }
-  for (IoState state = mStream->Handshake(); state != IoState::kDone; state = mStream->Handshake()) {
-    if (Outcome outcome = After(state, deadline); !outcome.Ok()) {
-      if (state == IoState::kFailed) {
-        outcome.mStatus = kTlsError;
-      }
-      outcome.mText = "TLS handshake: " + outcome.mText;
-      return outcome;
-    }
   }
 
   Greeting own;
   own.mMaxLength = kLongestReply;
-  std::vector<iovec> parts{{&own, sizeof(own)}};
-  if (Outcome outcome = Send(parts, deadline); !outcome.Ok()) {
+  iovec part{&own, sizeof(own)};
+  if (Outcome outcome = OutcomeOf(mStream->Write(&part, 1, deadline)); !outcome.Ok()) {
     return outcome;
   }
   Greeting peer;
-  if (Outcome outcome = ReceiveExactly(&peer, sizeof(peer), deadline); !outcome.Ok()) {
+  if (Outcome outcome = OutcomeOf(mStream->ReadExactly(&peer, sizeof(peer), deadline)); !outcome.Ok()) {
     outcome.mText += " (before the server's greeting";
     outcome.mText += mTls != nullptr ? ")" : "; does it expect TLS?)";
     return outcome;
@@ -159,20 +165,9 @@ Outcome ClientConnection::Establish(const Deadline& deadline) {
   return {};
 }
 
-Outcome ClientConnection::MakeWaiting() const {
-  const timeval wait{0, std::chrono::microseconds(kOwnWait).count()};
-  int off = 0;
-  if (setsockopt(mSocket.Get(), SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait)) != 0 ||
-      setsockopt(mSocket.Get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof(wait)) != 0 ||
-      ioctl(mSocket.Get(), FIONBIO, &off) != 0) {
-    return {kNoMemory, std::string("cannot set a socket up: ") + strerror(errno)};
-  }
-  return {};
-}
-
-Outcome ClientConnection::Exchange(const Message& request, std::uint32_t length, Message& response,
-                                   const Deadline& deadline) {
-  FrameHeader header;
+Outcome ClientConnection::SendAndReceive(const Message& request, std::uint32_t length, Message& response,
+                                         const net::Deadline& deadline) {
+  RpcFrameHeader header;
   header.mLength = length;
   header.mCall = ++mLastCall;
   header.mId = request.Id().Value();
@@ -181,65 +176,37 @@ Outcome ClientConnection::Exchange(const Message& request, std::uint32_t length,
   for (const Buffer& buffer : request.Bl()) {
     mParts.push_back({buffer.Addr(), buffer.Len()});
   }
-  if (Outcome outcome = Send(mParts, deadline); !outcome.Ok()) {
+  if (Outcome outcome = OutcomeOf(mStream->Write(mParts.data(), mParts.size(), deadline)); !outcome.Ok()) {
     return outcome;
   }
   return ReceiveReply(header, response, deadline);
 }
 
-Outcome ClientConnection::Send(std::vector<iovec>& parts, const Deadline& deadline) {
-  for (std::size_t first = 0; first < parts.size();) {
-    const IoResult result = mStream->Write(parts.data() + first, parts.size() - first);
-    if (result.mState == IoState::kDone) {
-      Advance(parts.data(), parts.size(), first, result.mBytes);
-      if (first < parts.size() && deadline.IsOver()) {
-        return {kTimedOut, VynRpcStatusString(kTimedOut)};  // a peer that takes a little each time
-      }
-      if (first < parts.size() && mPlain != nullptr) {
-        mPlain->SetWaits(deadline.Exceeds(kAmple));
-      }
-    } else if (Outcome outcome = After(result.mState, deadline); !outcome.Ok()) {
-      return outcome;
-    }
-  }
-  return {};
-}
-
-Outcome ClientConnection::ReceiveExactly(void* data, std::size_t size, const Deadline& deadline) {
-  for (std::size_t have = 0; have < size;) {
-    const IoResult result = mStream->Read(static_cast<char*>(data) + have, size - have);
-    if (result.mState == IoState::kDone) {
-      have += result.mBytes;
-    } else if (Outcome outcome = After(result.mState, deadline); !outcome.Ok()) {
-      return outcome;
-    }
-  }
-  return {};
-}
-
-Outcome ClientConnection::ReceiveReply(const FrameHeader& sent, Message& response, const Deadline& deadline) {
-  Frame frame;
-  // The reply cannot be there yet, so the wait comes first, and it counts for more than what the last read
-  // found.
-  mReader->Woken();
-  auto state = FrameReader::State::kWantRead;
-  while (state != FrameReader::State::kFrame) {
+Outcome ClientConnection::ReceiveReply(const RpcFrameHeader& sent, Message& response,
+                                       const net::Deadline& deadline) {
+  RpcFrame frame;
+  // The reply cannot have arrived yet, so we wait first. Whatever the last read found no longer counts then.
+  mReader->OnReadable();
+  auto state = RpcFrameReader::State::kWantRead;
+  while (state != RpcFrameReader::State::kFrame) {
     switch (state) {
-      case FrameReader::State::kFailed:
+      case RpcFrameReader::State::kFailed:
         return {kProtocolError, mReader->Error()};
-      case FrameReader::State::kClosed:
-        return After(IoState::kClosed, deadline);
-      case FrameReader::State::kLongFrame:
-        mReader->Accept();
+      case RpcFrameReader::State::kClosed:
+        return OutcomeOf(net::IoStatus::kClosed);
+      case RpcFrameReader::State::kLongFrame:
+        mReader->AcceptLongFrame();
         break;
       default:
-        if (Outcome outcome = After(
-                state == FrameReader::State::kWantWrite ? IoState::kWantWrite : IoState::kWantRead, deadline);
+        if (Outcome outcome =
+                OutcomeOf(mStream->Await(state == RpcFrameReader::State::kWantWrite ? net::IoState::kWantWrite
+                                                                                    : net::IoState::kWantRead,
+                                         deadline));
             !outcome.Ok()) {
           return outcome;
         }
     }
-    state = mReader->Next(*mStream, frame);
+    state = mReader->Next(mStream->Get(), frame);
   }
   if (frame.mHeader.mCall != sent.mCall || frame.mHeader.mId != sent.mId || mReader->IsInFrame()) {
     return {kProtocolError, "a reply that belongs to no call"};
@@ -251,42 +218,33 @@ Outcome ClientConnection::ReceiveReply(const FrameHeader& sent, Message& respons
   return {};
 }
 
-Outcome ClientConnection::After(IoState state, const Deadline& deadline) {
-  switch (state) {
-    case IoState::kWantRead:
-    case IoState::kWantWrite:
-      if (mPlain != nullptr && mPlain->Waits()) {
-        if (deadline.Exceeds(kAmple)) {
-          break;  // the next step waits
-        }
-        mPlain->SetWaits(false);
-      }
-      if (!WaitFor(mSocket.Get(), state == IoState::kWantRead ? POLLIN : POLLOUT, deadline)) {
-        return {kTimedOut, VynRpcStatusString(kTimedOut)};
-      }
-      break;
-    case IoState::kClosed:
-      return {kConnectionLost,
-              mStream->Error().empty() ? "the peer closed the connection" : mStream->Error()};
-    case IoState::kFailed:
-      return {kProtocolError, mStream->Error()};
-    case IoState::kDone:
+Outcome ClientConnection::OutcomeOf(net::IoStatus status) {
+  switch (status) {
+    case net::IoStatus::kOk:
+      return {};
+    case net::IoStatus::kTimeout:
+      return {kTimedOut, VynRpcStatusString(kTimedOut)};
+    case net::IoStatus::kClosed:
+    case net::IoStatus::kReset: {
+      const std::string& error = mStream->Get().Error();
+      return {kConnectionLost, error.empty() ? "the peer closed the connection" : error};
+    }
+    case net::IoStatus::kFailed:
       break;
   }
-  return {};
+  return {kProtocolError, mStream->Get().Error()};
 }
 
 void ClientConnection::Close() {
   if (mStream != nullptr) {
-    mStream->Close();
+    mStream->Get().Close();
     mStream.reset();
-    mPlain = nullptr;
   }
   mReader.reset();
   mSocket.Close();
 }
 
-Outcome ClientConnection::Named(Outcome outcome) const {
+Outcome ClientConnection::WithPeerName(Outcome outcome) const {
   if (!outcome.Ok()) {
     outcome.mText = mIp + ":" + std::to_string(mPort) + ": " + outcome.mText;
   }

@@ -1,17 +1,17 @@
 #pragma once
 
-// What stands behind a client: the socket, the stream over it, and the rules by which a broken connection is
-// made anew.
+// The connection of a client: the socket, the stream over it, and the rules for connecting again after a
+// failure.
 //
 // One thread uses a connection at a time.
 
+#include "platform/net/blocking_stream.h"
 #include "platform/net/deadline.h"
 #include "platform/net/descriptor.h"
-#include "platform/net/stream.h"
-#include "platform/net/transport_setting.h"
-#include "platform/rpc/wire/frame_reader.h"
+#include "platform/rpc/client/transport_setting.h"
 #include "platform/rpc/wire/message.h"
 #include "platform/rpc/wire/outcome.h"
+#include "platform/rpc/wire/rpc_frame_reader.h"
 #include "platform/tls/tls_context.h"
 
 #include <cstdint>
@@ -30,32 +30,29 @@ class ClientConnection {
   void SetReconnectLimit(int limit) { mReconnectLimit = limit; }
   /// Milliseconds for Connect; negative is no limit.
   void SetConnectTimeout(std::int64_t timeout) { mConnectTimeout = timeout; }
-  /// From here on nothing is sent outside TLS. Requires: not open.
+  /// From now on everything is sent under TLS. Requires: not open.
   void UseTls(std::shared_ptr<tls::TlsContext> context) { mTls = std::move(context); }
-  /// From here on every attempt to connect ends in `refusal`; a success takes it back.
+  /// From now on every attempt to connect ends in `refusal`; a successful outcome allows connecting again.
   void Refuse(Outcome refusal) { mRefusal = std::move(refusal); }
 
-  /// Makes the connection anew, with one attempt.
+  /// Connects again, with one attempt.
   Outcome Connect();
-  /// Makes the connection anew, with as many attempts as the reconnect limit allows while the peer refuses.
-  Outcome Reconnect(const Deadline& deadline);
+  /// Connects again, with as many attempts as the reconnect limit allows while the peer refuses.
+  Outcome Reconnect(const net::Deadline& deadline);
   /// One call; connects first if there is no live connection.
-  Outcome Call(const Message& request, Message& response, const Deadline& deadline);
+  Outcome Call(const Message& request, Message& response, const net::Deadline& deadline);
 
  private:
-  Outcome Open(const Deadline& deadline);
-  Outcome Establish(const Deadline& deadline);
-  /// Gives a plain socket its time limits, by which reads and writes can wait without a poll.
-  Outcome MakeWaiting() const;
-  Outcome Exchange(const Message& request, std::uint32_t length, Message& response, const Deadline& deadline);
-  Outcome Send(std::vector<iovec>& parts, const Deadline& deadline);
-  Outcome ReceiveExactly(void* data, std::size_t size, const Deadline& deadline);
-  Outcome ReceiveReply(const FrameHeader& sent, Message& response, const Deadline& deadline);
-  /// For a step that did not complete: waits for the socket, or tells what the stream died of.
-  Outcome After(IoState state, const Deadline& deadline);
+  Outcome Open(const net::Deadline& deadline);
+  Outcome Establish(const net::Deadline& deadline);
+  Outcome SendAndReceive(const Message& request, std::uint32_t length, Message& response,
+                         const net::Deadline& deadline);
+  Outcome ReceiveReply(const RpcFrameHeader& sent, Message& response, const net::Deadline& deadline);
+  /// The outcome of a wait of the stream.
+  Outcome OutcomeOf(net::IoStatus status);
   void Close();
-  /// Puts the peer's name in front of the words of a failure.
-  Outcome Named(Outcome outcome) const;
+  /// Puts the peer's name in front of the text of a failure.
+  Outcome WithPeerName(Outcome outcome) const;
 
   const std::string mIp;
   const std::uint16_t mPort;
@@ -67,11 +64,10 @@ class ClientConnection {
   std::shared_ptr<tls::TlsContext> mTls;
 
   // The open connection; mStream is null when there is none.
-  Descriptor mSocket;
-  std::unique_ptr<Stream> mStream;
-  PlainStream* mPlain = nullptr;  // the stream, if it can wait by itself
-  Deadline::Clock::time_point mLastBegin{};
-  std::optional<FrameReader> mReader;
+  net::Descriptor mSocket;
+  std::unique_ptr<net::BlockingStream> mStream;
+  net::Deadline::Clock::time_point mLastCallBegan{};
+  std::optional<RpcFrameReader> mReader;
   std::uint32_t mPeerMaxLength = 0;
   std::uint64_t mLastCall = 0;
   std::vector<iovec> mParts;

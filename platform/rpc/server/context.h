@@ -1,6 +1,7 @@
 #pragma once
 
-// What goes with one call beside its messages: the time it may take, and how it ended.
+// The state of one call beside its messages: its time limit, and how it ended. Threads: one at a time, unless a
+// class says otherwise.
 
 #include <atomic>
 #include <cstdint>
@@ -9,7 +10,7 @@
 
 namespace vyn::rpc {
 
-/// The root of what has an identity of its own: never copied, destroyed through any base.
+/// The base of objects that are never copied and may be destroyed through a base.
 class Reference {
  public:
   Reference() = default;
@@ -22,18 +23,18 @@ class Context : public Reference {
  public:
   /// Milliseconds; negative is no limit.
   std::int64_t mTimeout = 0;
-  /// How the operation ended: 0, or a status of platform/rpc/status.h.
+  /// How the operation ended: 0, or a status of platform/rpc/wire/status.h.
   std::int32_t mStatus = 0;
 };
 
 /// The context of a client's call; a stack object.
 class ClientContext : public Context {};
 
-/// Told once when an operation has ended.
+/// Called once, when an operation has ended.
 class Callback {
  public:
   virtual ~Callback() = default;
-  /// \param status 0, or a status of platform/rpc/status.h. May run on any thread; must not block.
+  /// \param status 0, or a status of platform/rpc/wire/status.h. May run on any thread; must not block.
   virtual void Done(int status) = 0;
 };
 
@@ -41,8 +42,7 @@ class Server;
 class ServerConnection;
 
 /// The context of a request: names the connection that the reply goes to. A handler may keep it and reply
-/// later, from any thread. When the last reference goes without a reply, the server tells the caller that
-/// there is no answer.
+/// later, from any thread. When the last reference is dropped without a reply, the server answers kNoAnswer.
 class ServerContext : public Context {
  public:
   /// For the server only.

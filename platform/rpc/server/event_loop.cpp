@@ -14,7 +14,7 @@ namespace vyn::rpc {
 
 namespace {
 
-/// Events taken in one wait; what a thread takes, no other can do meanwhile.
+/// Events taken in one wait. No other thread can handle them meanwhile.
 constexpr int kBatch = 16;
 
 }  // namespace
@@ -61,8 +61,8 @@ void EventLoop::Unwatch(int descriptor) {
   }
 }
 
-/// An event that was on its way when its descriptor was closed finds nobody, or the descriptor's next owner,
-/// to whom it does no harm.
+/// An event may arrive after its descriptor was closed: it then finds no watcher, or the watcher of a new
+/// descriptor with the same number, which looks and finds nothing.
 std::shared_ptr<EventLoop::Watcher> EventLoop::Find(int descriptor) {
   std::lock_guard lock(mMutex);
   return mWatchers[static_cast<std::size_t>(descriptor)];
@@ -87,12 +87,12 @@ void EventLoop::Run(const std::function<void()>& after) {
     }
     Guarded(after);
   }
-  Wake();  // the next one
+  Wake();  // the next thread
 }
 
 void EventLoop::Handle(int descriptor, std::uint32_t events) {
   if (descriptor == mWake.Get()) {
-    // The count is never read: what tells of it is its change.
+    // The eventfd is edge-triggered and never drained: each write to it is reported.
     RunPosted();
   } else if (descriptor == mTimer.Get()) {
     std::uint64_t ignored;

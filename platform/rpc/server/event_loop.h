@@ -1,11 +1,10 @@
 #pragma once
 
-// The wait of several threads for many descriptors.
+// Several threads wait for the events of many descriptors.
 //
-// A descriptor is registered once, for everything that can become of it, and reported at each change, so that
-// a request costs one wait, one read and one write. (Measured against Asio 1.22: its waits are re-armed for
-// every event and look a second time, two system calls a request more.) A thread that was given an event may
-// take its time: the others go on waiting, and the system wakes the one that waits since last.
+// A descriptor is registered once, edge-triggered and for all its events, so that a request costs one wait, one
+// read and one write. A thread may take long over an event: the others go on waiting, and the system wakes the
+// one that began to wait last.
 //
 // Any thread may call anything.
 
@@ -29,14 +28,13 @@ class EventLoop {
   class Watcher {
    public:
     virtual ~Watcher() = default;
-    /// The descriptor became readable or writable, or its peer left; it is not told again until that happens
-    /// anew. \param events of epoll(7). Several threads may be in it at once, and it may be told once more
-    /// behind its Unwatch.
+    /// The descriptor became readable or writable, or its peer left. Each change is reported once. \param events
+    /// of epoll(7). Several threads may call this at once, and one more call may come after Unwatch.
     virtual void OnReady(std::uint32_t events) = 0;
   };
 
-  /// \param failed told what was thrown by what the loop called, which then goes on; must not throw. Throws
-  /// std::system_error without descriptors.
+  /// \param failed called with the text of an exception that a function called by the loop has thrown; the loop
+  /// then goes on. Must not throw. Throws std::system_error without descriptors.
   explicit EventLoop(std::function<void(const char* what)> failed);
 
   /// Reports `descriptor` to `watcher`, which is kept until Unwatch. Returns: false when the system refuses.
@@ -45,28 +43,27 @@ class EventLoop {
   void Unwatch(int descriptor);
   /// Calls `tick` about every `period`, on one of the threads. Requires: before Run.
   void SetTick(std::chrono::milliseconds period, std::function<void()> tick);
-  /// Runs until Stop. \param after is called after the events of each wait, when nothing is left to be done
-  /// for them, and may take its time.
+  /// Runs until Stop. \param after called after the events of each wait have been handled; may take long.
   void Run(const std::function<void()>& after);
 
   /// Runs `function` on one of the threads, soon.
   void Post(std::function<void()> function);
-  /// Lets one thread that waits go through `after`.
+  /// Wakes one waiting thread, which then calls `after`.
   void Wake();
   void Stop();
   /// The time when the last wait ended.
   Clock::time_point Now() const { return mNow.load(std::memory_order_relaxed); }
-  /// For the time behind Run: runs what was posted late.
+  /// After Run has returned: runs the functions that were posted late. Returns: whether there were any.
   bool RunPosted();
 
  private:
   std::shared_ptr<Watcher> Find(int descriptor);
-  /// Calls it; what it throws harms nothing else that this thread has in hand.
+  /// Calls `function` and reports what it throws, so that this thread goes on with its other events.
   template <typename Function>
   void Guarded(const Function& function) {
     try {
       function();
-    } catch (const std::exception& failure) {  // no memory, most likely
+    } catch (const std::exception& failure) {  // in practice bad_alloc
       mFailed(failure.what());
     }
   }
@@ -74,9 +71,9 @@ class EventLoop {
   bool Add(int descriptor, std::uint32_t events);
 
   const std::function<void(const char*)> mFailed;
-  Descriptor mEpoll;
-  Descriptor mWake;
-  Descriptor mTimer;
+  net::Descriptor mEpoll;
+  net::Descriptor mWake;
+  net::Descriptor mTimer;
   std::function<void()> mTick;
   std::atomic<Clock::time_point> mNow{Clock::now()};
   std::atomic<bool> mStopped{false};

@@ -11,7 +11,7 @@ Server::Server(ServerOptions options) : mCore(std::make_shared<ServerCore>(this,
 
 Server::~Server() { Stop(); }
 
-void Server::Register(MessageId id, Handler handler, HandlerKind kind) {
+void Server::Register(MessageId id, RequestHandler handler, HandlerKind kind) {
   mCore->Register(id, std::move(handler), kind);
 }
 

@@ -11,9 +11,9 @@
 //   if (!server.Start("127.0.0.1", 0)) { ... Server::mLastErrorMessage ... }
 //
 // Requests of one connection may be pipelined; each is answered when its handler replies, in any order. A
-// client's bytes can end its own connection and nothing else. What a client sends faster than it is served
-// stays in its socket: a connection with too many unanswered requests is not read from, and no queue grows
-// without bound.
+// client's bytes can end its own connection and nothing else. Requests that a client sends faster than they are
+// answered stay in its socket: a connection with too many unanswered requests is not read from, and no queue
+// grows without bound. Threads: any, after Start.
 
 #include "platform/rpc/server/context.h"
 #include "platform/rpc/wire/message.h"
@@ -40,38 +40,39 @@ struct ServerOptions {
   bool mAuthentication = false;
   std::map<std::string, const std::string> mSecurity;
 
-  /// Threads that are left to read, write and run the quick handlers, however many handlers block. 1 to 64.
+  /// Threads that remain for reading, writing and the quick handlers, however many handlers block. 1 to 64.
   unsigned int mIoThreads = 2;
   /// Handlers that may block and run at once, each on a thread of its own. 1 to 1024.
   unsigned int mWorkerThreads = 8;
-  /// The longest frame taken, without its header, in bytes. At most 2 GiB less 1 MiB.
+  /// The longest frame accepted, without its header, in bytes. At most 2 GiB less 1 MiB.
   std::size_t mMaxFrameLength = std::size_t{64} << 20;
-  /// One more is told that the server is busy and closed.
+  /// A connection beyond this number is answered kBusy and closed.
   std::size_t mMaxConnections = 4096;
-  /// Unanswered requests of one connection; the connection is not read from above it.
+  /// Unanswered requests of one connection; at this number the connection is not read from.
   std::size_t mMaxPendingCalls = 64;
-  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of
-  /// replies that wait for their readers. Above it no connection begins a new request, which the report
-  /// tells. A reply that would have to wait when those that wait fill the limit by themselves ends its
-  /// connection. A connection's read buffer, with frames of at most 128 KiB, does not count.
+  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of replies
+  /// that wait to be written. Above the limit no connection begins a new request, which is reported. When the
+  /// waiting replies alone fill the limit, one more reply that has to wait ends its connection. A connection's
+  /// read buffer, with frames of at most 128 KiB, does not count.
   std::size_t mMaxPendingBytes = std::size_t{512} << 20;
   /// Milliseconds from accept to the end of the greeting, TLS included.
   std::int64_t mHandshakeTimeout = 10000;
   /// Milliseconds that a connection may be without a request or an open reply. 0 is no limit.
   std::int64_t mIdleTimeout = 600000;
-  /// Milliseconds for the whole of a frame that has begun to arrive, and for a client to take some of a
-  /// reply's bytes.
+  /// Milliseconds for a frame that has begun to arrive to be complete, and for a client to read some bytes of a
+  /// waiting reply.
   std::int64_t mFrameTimeout = 60000;
   /// Milliseconds that Stop waits for calls that are running.
   std::int64_t mStopTimeout = 10000;
-  /// Told one line for every connection that ends badly and for everything else an operator may want to see.
+  /// Receives one line for every connection that fails and for every other event that concerns an operator.
   /// Called from any thread of the server; must not block. May be empty.
   std::function<void(const std::string& line)> mReport;
 };
 
-/// Takes a request. Owes one Server::Reply, now or later. An exception that leaves it counts as no answer.
-using Handler = std::function<void(const std::shared_ptr<ServerContext>& context,
-                                   const std::shared_ptr<Message>& request)>;
+/// Handles a request, and calls Server::Reply once, now or later. An exception that leaves it is reported, and the
+/// caller gets kNoAnswer unless the context is kept.
+using RequestHandler = std::function<void(const std::shared_ptr<ServerContext>& context,
+                                          const std::shared_ptr<Message>& request)>;
 
 enum class HandlerKind {
   kMayBlock,  ///< runs when the thread that read the request has nothing else to do, or on another one
@@ -87,7 +88,7 @@ class Server {
   Server& operator=(const Server&) = delete;
 
   /// Requires: not started. The later registration of an id wins.
-  void Register(MessageId id, Handler handler, HandlerKind kind = HandlerKind::kMayBlock);
+  void Register(MessageId id, RequestHandler handler, HandlerKind kind = HandlerKind::kMayBlock);
 
   /// Listens and serves. \param address an IPv4 or IPv6 address in text form. \param port 0 picks a free one.
   /// Returns: false if that is not possible, with the reason in mLastErrorMessage. A server starts once.
@@ -97,19 +98,19 @@ class Server {
   /// Connections that are open now.
   std::size_t Connections() const;
 
-  /// Takes no more connections and requests, lets running calls answer for at most mStopTimeout, then closes
-  /// every connection and ends the threads. Waits for handlers that are running, and for another thread that
-  /// is at it. Not from a handler.
+  /// Accepts no more connections and requests, waits at most mStopTimeout for the answers of running calls, then
+  /// closes every connection and ends the threads. Waits for handlers that are running, and for another thread
+  /// that is in Stop. Must not be called from a handler.
   void Stop();
 
-  /// Sends the reply to the request of `context`; any thread, once. What the connection does not take at once
-  /// is copied and sent by the server within the context's time; buffers that own their memory are taken over
-  /// instead. \param callback may be null; is told when the last byte has left or the reply failed. Returns:
-  /// true when the reply is sent or on its way; false with `context->mStatus` set when the connection is
+  /// Sends the reply to the request of `context`; any thread, once. Bytes that the socket does not take at once are
+  /// copied and sent by the server within the context's timeout; buffers that own their memory are moved instead
+  /// of copied. \param callback may be null; is called when the last byte was written or the reply failed.
+  /// Returns: true when the reply was sent or is being sent; false with `context->mStatus` set when the connection is
   /// gone, the reply is too long, or the request was answered before.
   static bool Reply(std::shared_ptr<ServerContext> context, Message* message, Callback* callback);
 
-  /// What the thread's last failed Start died of.
+  /// The reason why the thread's last failed Start failed.
   static thread_local std::string mLastErrorMessage;
 
  private:

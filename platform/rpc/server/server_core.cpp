@@ -1,11 +1,9 @@
 #include "platform/rpc/server/server_core.h"
 
+#include "platform/net/sockets.h"
+#include "platform/net/stream.h"
 #include "platform/rpc/server/server_connection.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -19,45 +17,8 @@ namespace vyn::rpc {
 
 namespace {
 
-/// Connections taken from the listener before the loop's other work gets its turn.
-constexpr int kAcceptsInTurn = 64;
-
-/// How often the report tells at most that the byte limit is reached.
+/// The byte limit is reported at most once in this time.
 constexpr std::chrono::seconds kFullReportPause{10};
-
-struct SocketAddress {
-  sockaddr_storage mStorage{};
-  socklen_t mSize = sizeof(sockaddr_storage);
-
-  sockaddr* Any() { return reinterpret_cast<sockaddr*>(&mStorage); }
-  sockaddr_in* V4() { return reinterpret_cast<sockaddr_in*>(&mStorage); }
-  sockaddr_in6* V6() { return reinterpret_cast<sockaddr_in6*>(&mStorage); }
-  bool IsV4() const { return mStorage.ss_family == AF_INET; }
-  std::uint16_t Port() { return ntohs(IsV4() ? V4()->sin_port : V6()->sin6_port); }
-
-  bool Parse(const std::string& address, std::uint16_t port) {
-    if (inet_pton(AF_INET, address.c_str(), &V4()->sin_addr) == 1) {
-      V4()->sin_family = AF_INET;
-      V4()->sin_port = htons(port);
-      mSize = sizeof(sockaddr_in);
-      return true;
-    }
-    if (inet_pton(AF_INET6, address.c_str(), &V6()->sin6_addr) == 1) {
-      V6()->sin6_family = AF_INET6;
-      V6()->sin6_port = htons(port);
-      mSize = sizeof(sockaddr_in6);
-      return true;
-    }
-    return false;
-  }
-
-  std::string Text() {
-    char text[INET6_ADDRSTRLEN] = "";
-    inet_ntop(mStorage.ss_family, IsV4() ? static_cast<void*>(&V4()->sin_addr) : &V6()->sin6_addr, text,
-              sizeof(text));
-    return std::string(text) + ":" + std::to_string(Port());
-  }
-};
 
 }  // namespace
 
@@ -68,7 +29,7 @@ ServerCore::ServerCore(Server* server, ServerOptions options)
 
 ServerCore::~ServerCore() = default;
 
-void ServerCore::Register(MessageId id, Handler handler, HandlerKind kind) {
+void ServerCore::Register(MessageId id, RequestHandler handler, HandlerKind kind) {
   mHandlers[id.Value()] = {std::move(handler), kind};
 }
 
@@ -108,11 +69,17 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
     }
   }
   try {
-    // Who met it, no memory most likely, is left to its time limits.
+    // Only reported: the connection concerned is not closed here, its timeouts will end it. In practice this is
+    // bad_alloc.
     mEvents = std::make_unique<EventLoop>([this](const char* what) { Report(what); });
-    if (Outcome outcome = Listen(address, port); !outcome.Ok()) {
+    mAcceptor = std::make_shared<Acceptor>(
+        *mEvents,
+        [this](net::Descriptor socket, std::string peer) { Admit(std::move(socket), std::move(peer)); },
+        [this](const std::string& line) { Report(line); });
+    if (Outcome outcome = mAcceptor->Listen(address, port); !outcome.Ok()) {
       return outcome;
     }
+    mPort = port;
     StartThreads();
   } catch (const std::exception& error) {
     Stop();
@@ -121,34 +88,19 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
   return {};
 }
 
-Outcome ServerCore::Listen(const std::string& address, std::uint16_t port) {
-  SocketAddress own;
-  if (!own.Parse(address, port)) {
-    return {kInvalidArgument, "\"" + address + "\" is no IP address"};
-  }
-  Descriptor listener(socket(own.mStorage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  const int on = 1;
-  if (!listener || setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
-      bind(listener.Get(), own.Any(), own.mSize) != 0 || listen(listener.Get(), SOMAXCONN) != 0 ||
-      getsockname(listener.Get(), own.Any(), &own.mSize) != 0) {
-    return {kBadSetting, "cannot listen on " + address + ":" + std::to_string(port) + ": " + strerror(errno)};
-  }
-  mPort = own.Port();
-  mListener = std::move(listener);
-  return {};
-}
-
 void ServerCore::StartThreads() {
   std::int64_t shortest = std::min(mOptions.mHandshakeTimeout, mOptions.mFrameTimeout);
   if (mOptions.mIdleTimeout > 0) {
     shortest = std::min(shortest, mOptions.mIdleTimeout);
   }
-  mEvents->SetTick(std::chrono::milliseconds(std::clamp<std::int64_t>(shortest / 4, 10, 1000)),
-                   [this] { Sweep(); });
+  mEvents->SetTick(std::chrono::milliseconds(std::clamp<std::int64_t>(shortest / 4, 10, 1000)), [this] {
+    mAcceptor->Resume();
+    CheckTimeouts();
+  });
   for (unsigned int i = 0; i < mOptions.mIoThreads + mOptions.mWorkerThreads; ++i) {
     mThreads.emplace_back([this] { mEvents->Run([this] { RunDeferred(); }); });
   }
-  if (!mEvents->Watch(mListener.Get(), shared_from_this())) {
+  if (!mAcceptor->Start()) {
     throw std::system_error(errno, std::generic_category(), "listener");
   }
 }
@@ -162,12 +114,8 @@ void ServerCore::StopOnce() {
   if (mEvents == nullptr) {
     return;
   }
-  {
-    std::lock_guard lock(mAcceptMutex);
-    if (mListener) {
-      mEvents->Unwatch(mListener.Get());
-      mListener.Close();
-    }
+  if (mAcceptor != nullptr) {
+    mAcceptor->Stop();
   }
   {
     std::unique_lock lock(mMutex);
@@ -175,13 +123,13 @@ void ServerCore::StopOnce() {
                    [this] { return mPendingCalls == 0; });
   }
   for (const auto& connection : AllConnections()) {
-    connection->Shut("");
+    connection->Close("");
   }
   // Calls that no thread has begun end here, without an answer.
   std::deque<Job> dropped;
   {
     std::lock_guard lock(mJobsMutex);
-    mNoJobs = true;
+    mDropJobs = true;
     dropped.swap(mJobs);
     mQueued = 0;
   }
@@ -190,7 +138,7 @@ void ServerCore::StopOnce() {
     thread.join();
   }
   mThreads.clear();
-  // What was posted late holds connections, which hold this object. Running it may post again.
+  // Functions that were posted late hold connections, which hold this object. Running them may post again.
   while (mEvents->RunPosted()) {
   }
   std::lock_guard lock(mMutex);
@@ -211,53 +159,8 @@ void ServerCore::Report(const char* what) const noexcept {
   }
 }
 
-void ServerCore::OnReady(std::uint32_t /*events*/) {
-  try {
-    Accept();
-  } catch (const std::bad_alloc&) {
-    std::lock_guard lock(mAcceptMutex);
-    mAcceptPaused = true;  // those that wait are told of only once
-    throw;
-  }
-}
-
-void ServerCore::Accept() {
-  for (int turn = 0; turn < kAcceptsInTurn; ++turn) {
-    SocketAddress peer;
-    Descriptor descriptor;
-    int error = 0;
-    bool pause = false;
-    {
-      std::lock_guard lock(mAcceptMutex);
-      if (!mListener) {
-        return;
-      }
-      descriptor =
-          Descriptor(accept4(mListener.Get(), peer.Any(), &peer.mSize, SOCK_NONBLOCK | SOCK_CLOEXEC));
-      error = descriptor ? 0 : errno;
-      // The connection then stays in the listener's queue until the next tick: trying again at once would only
-      // burn the processor.
-      mAcceptPaused = error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
-      pause = mAcceptPaused;
-    }
-    if (pause) {
-      Report(std::string("cannot accept connections: ") + strerror(error));
-      return;
-    }
-    if (descriptor) {
-      Admit(std::move(descriptor), peer.Text());
-    } else if (error == EAGAIN || error == EWOULDBLOCK) {
-      return;
-    }
-    // Anything else belongs to the one connection that could not be taken.
-  }
-  mEvents->Post([this] { Accept(); });
-}
-
-void ServerCore::Admit(Descriptor descriptor, std::string peer) {
-  const int on = 1;
-  setsockopt(descriptor.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  setsockopt(descriptor.Get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof(on));
+void ServerCore::Admit(net::Descriptor descriptor, std::string peer) {
+  net::SetTcpOptions(descriptor.Get());
   if (mOpen.load(std::memory_order_relaxed) >= mOptions.mMaxConnections) {
     Report(peer + ": turned away, " + std::to_string(mOptions.mMaxConnections) + " connections are open");
     if (!mOptions.mTls) {
@@ -267,8 +170,8 @@ void ServerCore::Admit(Descriptor descriptor, std::string peer) {
     }
     return;
   }
-  auto stream =
-      mTls != nullptr ? mTls->NewStream(descriptor.Get()) : std::make_unique<PlainStream>(descriptor.Get());
+  auto stream = mTls != nullptr ? mTls->NewStream(descriptor.Get())
+                                : std::make_unique<net::PlainStream>(descriptor.Get());
   if (stream == nullptr) {
     Report(peer + ": no memory for a TLS connection");
     return;
@@ -277,19 +180,19 @@ void ServerCore::Admit(Descriptor descriptor, std::string peer) {
                                                        std::move(peer), std::move(stream));
   mOpen.fetch_add(1, std::memory_order_relaxed);
   try {
-    mEvents->Post([connection = std::move(connection)] { connection->Begin(); });
+    mEvents->Post([connection = std::move(connection)] { connection->Start(); });
   } catch (const std::bad_alloc&) {
     mOpen.fetch_sub(1, std::memory_order_relaxed);
     throw;
   }
 }
 
-void ServerCore::Remember(const std::shared_ptr<ServerConnection>& connection) {
+void ServerCore::AddConnection(const std::shared_ptr<ServerConnection>& connection) {
   std::lock_guard lock(mConnectionsMutex);
   mConnections.insert(connection);
 }
 
-void ServerCore::Forget(const std::shared_ptr<ServerConnection>& connection) {
+void ServerCore::RemoveConnection(const std::shared_ptr<ServerConnection>& connection) {
   {
     std::lock_guard lock(mConnectionsMutex);
     mConnections.erase(connection);
@@ -306,18 +209,10 @@ std::vector<std::shared_ptr<ServerConnection>> ServerCore::AllConnections() {
   return {mConnections.begin(), mConnections.end()};
 }
 
-void ServerCore::Sweep() {
-  bool accept = false;
-  {
-    std::lock_guard lock(mAcceptMutex);
-    accept = std::exchange(mAcceptPaused, false);
-  }
-  if (accept) {
-    Accept();
-  }
-  const auto now = Deadline::Clock::now();
+void ServerCore::CheckTimeouts() {
+  const auto now = net::Deadline::Clock::now();
   for (const auto& connection : AllConnections()) {
-    connection->Sweep(now);
+    connection->CheckTimeouts(now);
   }
 }
 
@@ -326,8 +221,9 @@ bool ServerCore::AdmitOrPark(const std::shared_ptr<ServerConnection>& connection
     return true;
   }
   std::lock_guard lock(mMutex);
-  // The mark comes before the second look and EndCall looks for it behind its subtraction: one of the two
-  // sees the other.
+  // We set mAnyParked before we read mPendingBytes again; ReleaseBytes subtracts before it reads mAnyParked. All
+  // four are sequentially consistent, so at least one side sees the other's write and no parked connection is
+  // forgotten.
   mAnyParked.store(true);
   if (mPendingBytes.load() < mOptions.mMaxPendingBytes) {
     return true;
@@ -337,7 +233,6 @@ bool ServerCore::AdmitOrPark(const std::shared_ptr<ServerConnection>& connection
   return false;
 }
 
-/// With mMutex held.
 void ServerCore::ReportFull() {
   const auto now = EventLoop::Clock::now();
   if (mFullReported != EventLoop::Clock::time_point{} && now - mFullReported < kFullReportPause) {
@@ -357,14 +252,14 @@ void ServerCore::BeginCall(std::size_t length) {
 }
 
 void ServerCore::EndCall(std::size_t length) {
-  Release(length);
+  ReleaseBytes(length);
   if (mPendingCalls.fetch_sub(1) == 1 && IsStopping()) {
     std::lock_guard lock(mMutex);
     mIdle.notify_all();
   }
 }
 
-void ServerCore::Release(std::size_t bytes) {
+void ServerCore::ReleaseBytes(std::size_t bytes) {
   const std::size_t left = mPendingBytes.fetch_sub(bytes) - bytes;
   if (!mAnyParked.load() || left >= mOptions.mMaxPendingBytes) {
     return;
@@ -381,22 +276,22 @@ void ServerCore::Release(std::size_t bytes) {
 }
 
 bool ServerCore::HoldReply(std::size_t bytes) {
-  // A single reply is always kept, however long it is.
+  // A reply that waits alone is always accepted, however long it is.
   const std::size_t before = mWaitingBytes.fetch_add(bytes);
   if (before != 0 && before + bytes > mOptions.mMaxPendingBytes) {
     mWaitingBytes.fetch_sub(bytes);
     return false;
   }
-  Hold(bytes);
+  HoldBytes(bytes);
   return true;
 }
 
 void ServerCore::ReleaseReply(std::size_t bytes) {
   mWaitingBytes.fetch_sub(bytes);
-  Release(bytes);
+  ReleaseBytes(bytes);
 }
 
-void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, const FrameHeader& header,
+void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, const RpcFrameHeader& header,
                           Message request) {
   const Entry& entry = mHandlers[header.mId];
   if (!entry.mHandler) {
@@ -407,7 +302,7 @@ void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, c
   try {
     context = std::make_shared<ServerContext>(connection, mServer, header.mCall, header.mId, header.mLength);
   } catch (const std::bad_alloc&) {
-    EndCall(header.mLength);  // from here on the context does that
+    EndCall(header.mLength);  // the context would have done this
     throw;
   }
   auto message = std::make_shared<Message>(std::move(request));
@@ -426,42 +321,40 @@ void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, c
 void ServerCore::Queue(Job job) {
   {
     std::lock_guard lock(mJobsMutex);
-    if (mNoJobs) {
+    if (mDropJobs) {
       return;
     }
     mJobs.push_back(std::move(job));
     ++mQueued;
     if (mBlocking >= mOptions.mWorkerThreads) {
-      return;  // who is through with its own takes it
+      return;  // a thread that finishes its handler takes it
     }
   }
   mEvents->Wake();
 }
 
 void ServerCore::RunDeferred() {
-  struct Turn {
-    explicit Turn(ServerCore& core) : mCore(core) {}
-    ~Turn() {
+  struct EndJob {
+    explicit EndJob(ServerCore& core) : mCore(core) {}
+    ~EndJob() {
       std::lock_guard lock(mCore.mJobsMutex);
       --mCore.mBlocking;
     }
     ServerCore& mCore;
   };
   Job job = std::exchange(mDeferred, Job());
-  while ((job.mEntry != nullptr || mQueued != 0) && TakeTurn(job)) {
-    const Turn turn(*this);
+  while ((job.mEntry != nullptr || mQueued != 0) && BeginJob(job)) {
+    const EndJob end(*this);
     Run(*job.mEntry, job.mContext, job.mRequest);
     job = Job();
   }
 }
 
-/// Counts a thread in that is to run `job`, or the one that waits longest if `job` is none. Returns: false
-/// when there is none or too many run already; `job` then waits.
-bool ServerCore::TakeTurn(Job& job) {
+bool ServerCore::BeginJob(Job& job) {
   bool wake = false;
   {
     std::lock_guard lock(mJobsMutex);
-    if (mNoJobs) {
+    if (mDropJobs) {
       return false;
     }
     if (mBlocking >= mOptions.mWorkerThreads) {

@@ -1,19 +1,20 @@
 #pragma once
 
-// What all connections of a server share: the threads and their event loop, the limits and the counts.
+// What all connections of a server share: the threads and their event loop, the limits and the counters.
 //
-// All threads are alike: each waits for events, reads and writes what they are about, and then runs the
-// request that it read by itself, while the others wait. Only what it cannot run goes to another thread: a
-// second request, or one above the number of handlers that may block at once.
+// All threads do the same: each waits for events, reads and writes the sockets concerned, and then runs the
+// handler of the request that it read itself, while the other threads wait. Only a request that it cannot run
+// goes to another thread: a second one, or one above the number of handlers that may block at once.
 //
-// Locks: a connection's mutex comes before mMutex, and the event loop's own is the innermost; mAcceptMutex,
+// Lock order: a connection's mutex before mMutex, and the event loop's mutex last; the acceptor's mutex,
 // mConnectionsMutex and mJobsMutex are taken without any of the others. None is held while a handler, a
 // callback or the report runs.
 //
-// A core outlives its server object for as long as a context of it exists somewhere; it does nothing more
-// then. Calls may come from any thread unless they say otherwise.
+// A core outlives its server object for as long as one of its contexts exists; it does nothing more then.
+// Calls may come from any thread unless they say otherwise.
 
 #include "platform/net/descriptor.h"
+#include "platform/rpc/server/acceptor.h"
 #include "platform/rpc/server/event_loop.h"
 #include "platform/rpc/server/server.h"
 #include "platform/rpc/wire/frame.h"
@@ -35,18 +36,18 @@ namespace vyn::rpc {
 
 class ServerConnection;
 
-class ServerCore : public std::enable_shared_from_this<ServerCore>, public EventLoop::Watcher {
+class ServerCore : public std::enable_shared_from_this<ServerCore> {
  public:
   ServerCore(Server* server, ServerOptions options);
-  ~ServerCore() override;
+  ~ServerCore();
 
-  void Register(MessageId id, Handler handler, HandlerKind kind);
+  void Register(MessageId id, RequestHandler handler, HandlerKind kind);
   Outcome Start(const std::string& address, std::uint16_t port);
   void Stop();
 
   std::uint16_t Port() const { return mPort; }
   std::size_t Connections() const { return mOpen.load(std::memory_order_relaxed); }
-  /// Calls that are not answered, and the bytes that they and waiting replies hold.
+  /// Calls that are not answered, and the bytes that they and the waiting replies hold.
   std::size_t PendingCalls() const { return mPendingCalls; }
   std::size_t PendingBytes() const { return mPendingBytes; }
   const ServerOptions& Options() const { return mOptions; }
@@ -55,31 +56,30 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   void Report(const std::string& line) const;
   void Report(const char* what) const noexcept;
 
-  /// Whether there is room for one more request; if not, `connection` is resumed when there is.
+  /// Whether the byte limit admits one more request. If not, `connection` is parked: it is resumed when the
+  /// limit does.
   bool AdmitOrPark(const std::shared_ptr<ServerConnection>& connection);
-  /// Counts a request in, and out again when its answer has gone; `length` is what it adds to the bytes that
-  /// are held, and then takes off them.
+  /// Counts a request, until its answer has been sent; `length` is added to the pending bytes, and taken off
+  /// again.
   void BeginCall(std::size_t length);
   void EndCall(std::size_t length);
-  /// Counts bytes of a request that is arriving in, and out again.
-  void Hold(std::size_t bytes) { mPendingBytes.fetch_add(bytes); }
-  void Release(std::size_t bytes);
-  /// The same for bytes of a reply that has to wait. Returns: false when there are too many already.
+  /// Counts bytes of a request that is arriving, until it is complete.
+  void HoldBytes(std::size_t bytes) { mPendingBytes.fetch_add(bytes); }
+  void ReleaseBytes(std::size_t bytes);
+  /// The same for bytes of a reply that has to wait. Returns: false when they would exceed the limit.
   bool HoldReply(std::size_t bytes);
   void ReleaseReply(std::size_t bytes);
-  /// Runs the handler of a request that was counted in, here and now or behind the events that the thread is
-  /// at. Without one the caller is told so. Requires: a thread of the event loop.
-  void Dispatch(const std::shared_ptr<ServerConnection>& connection, const FrameHeader& header,
+  /// Runs the handler of a request that was counted: at once, or after the events that this thread is handling.
+  /// Without a handler it answers kNoHandler. Requires: a thread of the event loop.
+  void Dispatch(const std::shared_ptr<ServerConnection>& connection, const RpcFrameHeader& header,
                 Message request);
-  /// Counts a connection in, and out again.
-  void Remember(const std::shared_ptr<ServerConnection>& connection);
-  void Forget(const std::shared_ptr<ServerConnection>& connection);
-  /// The listener has connections.
-  void OnReady(std::uint32_t events) override;
+  /// Enters a connection into the table, and removes it.
+  void AddConnection(const std::shared_ptr<ServerConnection>& connection);
+  void RemoveConnection(const std::shared_ptr<ServerConnection>& connection);
 
  private:
   struct Entry {
-    Handler mHandler;
+    RequestHandler mHandler;
     HandlerKind mKind = HandlerKind::kMayBlock;
   };
 
@@ -91,17 +91,18 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   };
 
   Outcome CheckOptions() const;
-  Outcome Listen(const std::string& address, std::uint16_t port);
   void StartThreads();
-  void Accept();
-  void Admit(Descriptor descriptor, std::string peer);
+  void Admit(net::Descriptor descriptor, std::string peer);
   std::vector<std::shared_ptr<ServerConnection>> AllConnections();
-  void Sweep();
+  void CheckTimeouts();
   void StopOnce();
+  /// Requires: mMutex is held.
   void ReportFull();
   void RunDeferred();
   void Queue(Job job);
-  bool TakeTurn(Job& job);
+  /// Counts this thread as one that runs `job`, or the job that has waited longest if `job` is empty. Returns:
+  /// false when there is none or too many run already; `job` is then queued.
+  bool BeginJob(Job& job);
   void Run(const Entry& entry, const std::shared_ptr<ServerContext>& context,
            const std::shared_ptr<Message>& request);
 
@@ -112,24 +113,20 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   std::shared_ptr<tls::TlsContext> mTls;
   std::uint16_t mPort = 0;
   std::unique_ptr<EventLoop> mEvents;
+  std::shared_ptr<Acceptor> mAcceptor;
   std::vector<std::thread> mThreads;
-
-  /// Guards mListener and mAcceptPaused.
-  std::mutex mAcceptMutex;
-  Descriptor mListener;
-  bool mAcceptPaused = false;
 
   /// Guards mConnections.
   std::mutex mConnectionsMutex;
   std::unordered_set<std::shared_ptr<ServerConnection>> mConnections;
 
-  /// Guards mJobs, mBlocking and mNoJobs.
+  /// Guards mJobs, mBlocking and mDropJobs.
   std::mutex mJobsMutex;
-  std::deque<Job> mJobs;       // bounded by the limits of the connections
-  unsigned int mBlocking = 0;  // threads that run one
-  bool mNoJobs = false;
-  std::atomic<std::size_t> mQueued{0};  // as many as mJobs has; read without the lock
-  static thread_local Job mDeferred;    // the thread's own
+  std::deque<Job> mJobs;                // bounded by the limits of the connections
+  unsigned int mBlocking = 0;           // threads that run a job
+  bool mDropJobs = false;               // the server is stopping
+  std::atomic<std::size_t> mQueued{0};  // the size of mJobs; read without the lock
+  static thread_local Job mDeferred;    // to run after the events that the thread is handling
 
   std::atomic<bool> mStopping{false};
   std::atomic<std::size_t> mOpen{0};
@@ -138,8 +135,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore>, public Event
   std::atomic<std::size_t> mWaitingBytes{0};  // of replies that wait
   std::atomic<bool> mAnyParked{false};
 
-  /// Guards mParked, mFullReported, and the fall of mPendingCalls to 0 against a Stop that begins to wait for
-  /// it.
+  /// Guards mParked and mFullReported. EndCall takes it before it notifies mIdle, so that a Stop that has just
+  /// read mPendingCalls does not miss the notification.
   std::mutex mMutex;
   std::condition_variable mIdle;
   std::vector<std::shared_ptr<ServerConnection>> mParked;

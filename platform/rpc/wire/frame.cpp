@@ -12,8 +12,8 @@ const char* CheckGreeting(const Greeting& greeting) {
   return nullptr;
 }
 
-const char* CheckHeader(const FrameHeader& header, std::size_t maxLength) {
-  if (header.mMagic != FrameHeader::kMagic) {
+const char* CheckHeader(const RpcFrameHeader& header, std::size_t maxLength) {
+  if (header.mMagic != RpcFrameHeader::kMagic) {
     return "a frame does not begin with its mark";
   }
   if ((header.mId & ~MessageId::kMask) != 0) {

@@ -1,8 +1,7 @@
 #pragma once
 
-// What is carried: a message is an id and a list of buffers. A sender adds its parts as separate buffers and
-// nothing is copied on the way out; the receiver finds the parts joined in exactly one buffer, or in none if
-// there was no byte.
+// A message: an id and a list of buffers. A sender adds its parts as separate buffers, which are not copied; the
+// receiver gets them joined in exactly one buffer, or in none if there was no byte.
 //
 // A message belongs to one thread at a time.
 
@@ -13,7 +12,7 @@
 
 namespace vyn::rpc {
 
-/// Tells the receiver what a message is. The low 10 bits hold the operation code, all others are 0.
+/// The operation that a message asks for or answers. The low 10 bits hold the operation code, all others are 0.
 class MessageId {
  public:
   static constexpr std::uint32_t kMask = 0x3ff;
@@ -29,8 +28,8 @@ class MessageId {
   std::uint32_t mValue = 0;
 };
 
-/// A piece of memory. With a deleter the buffer owns it and calls the deleter with the address at its end;
-/// without one it is a view, and the memory must outlive the call or the reply that it is handed to.
+/// A piece of memory. With a deleter the buffer owns the memory and calls the deleter with its address; without one
+/// it is a view, and the memory must outlive the call or the reply that it is passed to.
 class Buffer {
  public:
   Buffer(void* address, unsigned long length, std::function<void(void*)> deleter)
@@ -55,7 +54,7 @@ class Buffer {
   void* Addr() const { return mAddress; }
   /// In bytes.
   unsigned long Len() const { return mLength; }
-  /// Whether the memory goes with the buffer.
+  /// Whether the buffer frees the memory.
   bool Owns() const { return static_cast<bool>(mDeleter); }
 
  private:

@@ -1,6 +1,6 @@
 #pragma once
 
-// How an internal step of the transport ended: a status and, when it failed, the words for an operator.
+// How an internal step of the transport ended: a status and, when it failed, the text for an operator.
 
 #include "platform/rpc/wire/status.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// The statuses of the transport. They are signed, 0 is success, and they stay inside the RPC layer: the
-// engine above translates them into the system's codes.
+// The statuses of the transport. They are signed, 0 is success, and they are used inside the RPC layer only:
+// RpcEngine translates them into the system's codes.
 
 #include <cstdint>
 #include <string>
@@ -15,9 +15,9 @@ inline constexpr std::int32_t kNoAnswer = -5;
 inline constexpr std::int32_t kNoHandler = -6;
 /// The peer's bytes are not this protocol, or a version of it that this side does not speak.
 inline constexpr std::int32_t kProtocolError = -8;
-/// The message is longer than one of the two sides takes. Nothing was sent.
+/// The message is longer than one of the two sides accepts. Nothing was sent.
 inline constexpr std::int32_t kMessageTooLong = -9;
-/// The server turned the connection away because it has too many. No call has run; trying again is safe.
+/// The server refused the connection because it has too many. No call has run; trying again is safe.
 inline constexpr std::int32_t kBusy = -11;
 /// An allocation failed.
 inline constexpr std::int32_t kNoMemory = -12;
@@ -29,7 +29,7 @@ inline constexpr std::int32_t kBadSetting = -14;
 inline constexpr std::int32_t kInvalidArgument = -15;
 /// The connection was refused, reset or lost. A call that was under way may or may not have run.
 inline constexpr std::int32_t kConnectionLost = -19;
-/// The time of the call is over. It may or may not have run.
+/// The time limit of the call has passed. It may or may not have run.
 inline constexpr std::int32_t kTimedOut = -21;
 
 }  // namespace vyn::rpc

@@ -1,6 +1,6 @@
 #pragma once
 
-// The account of the pool's bytes. Threads: any.
+// The pool's quota of bytes: how many may be used, and how many are. Threads: any.
 
 #include "platform/fabric/protocol/protocol.h"
 
@@ -10,40 +10,41 @@
 #include <mutex>
 #include <utility>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 class Capacity {
  public:
   static constexpr std::uint64_t kPage = 4096;
   static constexpr std::uint64_t kMaxSize = kMaxObjectSize;
 
-  /// How often room is made for one reservation: others may take what was given for it.
+  /// How often bytes are reclaimed for one reservation: other reservations may use what was reclaimed.
   static constexpr int kTries = 8;
 
   explicit Capacity(std::uint64_t limit) : mLimit(limit) {}
 
-  /// What an object of `size` bytes takes; one without contents takes a page, too, so that nobody makes files
-  /// without end. Requires: size at most kMaxSize.
+  /// The bytes that an object of `size` bytes is charged: whole pages, and one page for an empty object, which
+  /// limits the number of files. Requires: size at most kMaxSize.
   static std::uint64_t Charge(std::uint64_t size) {
     return (std::max<std::uint64_t>(size, 1) + kPage - 1) / kPage * kPage;
   }
 
-  /// Called when a reservation does not fit, without this account's lock: gives at least `bytes` back by
-  /// Release. What has less gives nothing and returns false.
+  /// Called without a lock when a reservation does not fit: gives at least `bytes` back by calling Release. If it
+  /// has less to give, it gives nothing and returns false.
   using Reclaimer = std::function<bool(std::uint64_t bytes)>;
   /// Requires: nothing was reserved yet.
   void SetReclaimer(Reclaimer reclaim) { mReclaim = std::move(reclaim); }
-  /// For the file system, which may be full before the limit is reached. Returns: whether `bytes` were given.
-  bool GiveWay(std::uint64_t bytes) const { return mReclaim != nullptr && mReclaim(bytes); }
+  /// Calls the reclaimer. Also needed when the file system is full before the limit is reached. Returns: whether
+  /// `bytes` were given back.
+  bool Reclaim(std::uint64_t bytes) const { return mReclaim != nullptr && mReclaim(bytes); }
 
-  /// Takes `bytes` from what is left. Returns: false when they are not there.
+  /// Counts `bytes` as used. Returns: false when they exceed the limit.
   bool Reserve(std::uint64_t bytes) {
     for (int tries = kTries;; --tries) {
-      const std::uint64_t missing = Try(bytes);
+      const std::uint64_t missing = TryReserve(bytes);
       if (missing == 0) {
         return true;
       }
-      if (tries == 0 || bytes > mLimit || !GiveWay(missing)) {
+      if (tries == 0 || bytes > mLimit || !Reclaim(missing)) {
         return false;
       }
     }
@@ -52,7 +53,7 @@ class Capacity {
     std::lock_guard lock(mMutex);
     mUsed -= bytes;
   }
-  /// Counts what stands in the pool already, fit or not.
+  /// Counts what a start finds in the pool, even beyond the limit.
   void Adopt(std::uint64_t bytes) {
     std::lock_guard lock(mMutex);
     mUsed += bytes;
@@ -66,7 +67,7 @@ class Capacity {
 
  private:
   /// Returns: 0 when reserved, otherwise how many bytes are missing.
-  std::uint64_t Try(std::uint64_t bytes) {
+  std::uint64_t TryReserve(std::uint64_t bytes) {
     std::lock_guard lock(mMutex);
     const std::uint64_t left = mLimit - std::min(mLimit, mUsed);
     if (bytes > left) {
@@ -82,7 +83,7 @@ class Capacity {
   std::uint64_t mUsed = 0;
 };
 
-/// Bytes reserved for something that is being made; given back unless kept.
+/// A reservation of quota for a file that is being made; released at its end unless it was committed.
 class Reservation {
  public:
   Reservation(Capacity& capacity, std::uint64_t bytes)
@@ -96,8 +97,8 @@ class Reservation {
   Reservation& operator=(const Reservation&) = delete;
 
   explicit operator bool() const { return mHeld; }
-  /// What was made stands: its bytes stay counted.
-  void Keep() { mHeld = false; }
+  /// The file exists now: its bytes stay counted.
+  void Commit() { mHeld = false; }
 
  private:
   Capacity& mCapacity;
@@ -105,4 +106,4 @@ class Reservation {
   bool mHeld;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <filesystem>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
@@ -62,7 +62,7 @@ bool Pool::Adopt(const std::string& name, const Warn& warn, std::string& error) 
     const auto kind = entry.symlink_status(unknown).type();
     if (id[0] == '.' && IsObjectId(id.substr(1)) && kind == std::filesystem::file_type::symlink) {
       if (!std::filesystem::exists(folder + "/" + id.substr(1), unknown)) {
-        mFolder.RemoveSize(name, id.substr(1));  // its object was on its way in or out
+        mFolder.RemoveSize(name, id.substr(1));  // the node was killed while it made or freed the object
       }
       continue;
     }
@@ -100,7 +100,7 @@ bool Pool::SizeOf(const Namespace& space, const std::string& id, const Warn& war
   const std::uint64_t pages = static_cast<std::uint64_t>(state.st_blocks) * 512;
   const bool known = mFolder.ReadSize(space.name, id, size);
   if (!known) {
-    size = length;  // of a node that wrote no sizes down
+    size = length;  // the pool was made by a node that kept no sizes
   }
   if (size > Capacity::kMaxSize || (!known && pages < size) ||
       Capacity::Charge(size) >
@@ -108,8 +108,7 @@ bool Pool::SizeOf(const Namespace& space, const std::string& id, const Warn& war
     warn("larger than what can have been allocated, left alone: " + path);
     return false;
   }
-  // A tenant holds descriptors for writing and may have made its file as large as it liked, also while no
-  // node looked after it.
+  // A tenant with a writable descriptor may have made its file larger, also while no node was running.
   if (length > size || pages > Capacity::Charge(size)) {
     const bool cut = ::truncate(path.c_str(), static_cast<off_t>(size)) == 0;
     warn("larger than the " + std::to_string(size) + " bytes allocated, " + (cut ? "" : "could not be ") +
@@ -163,7 +162,7 @@ int Pool::DestroyNamespace(const NamespacePtr& space, const std::function<void()
     charged = std::exchange(space->charged, 0);
     mNamespaces.erase(space->name);
   }
-  mFolder.DeleteGone(gone, between);
+  mFolder.DeleteHidden(gone, between);
   mCapacity.Release(charged);
   return 0;
 }
@@ -174,7 +173,7 @@ NamespacePtr Pool::Find(std::string_view name) const {
   return found == mNamespaces.end() ? nullptr : found->second;
 }
 
-int Pool::Enter(const Access& access, NamespacePtr& space) const {
+int Pool::Authorize(const Access& access, NamespacePtr& space) const {
   space = Find(access.ns);
   if (space == nullptr) {
     return -ENOENT;
@@ -182,9 +181,9 @@ int Pool::Enter(const Access& access, NamespacePtr& space) const {
   return space->token.Matches(access.token) ? 0 : -EACCES;
 }
 
-FileDescriptor Pool::MakeFile(std::uint64_t size, int& failure) {
-  FileDescriptor file;
-  failure = WithRoom(Capacity::Charge(size), [&] {
+net::Descriptor Pool::MakeFile(std::uint64_t size, int& failure) {
+  net::Descriptor file;
+  failure = RetryAfterReclaim(Capacity::Charge(size), [&] {
     int error = 0;
     file = mFolder.MakeFile(size, error);
     return error;
@@ -192,31 +191,31 @@ FileDescriptor Pool::MakeFile(std::uint64_t size, int& failure) {
   return file;
 }
 
-int Pool::WithRoom(std::uint64_t bytes, const std::function<int()>& attempt) const {
+int Pool::RetryAfterReclaim(std::uint64_t bytes, const std::function<int()>& attempt) const {
   int failure = attempt();
-  for (int tries = Capacity::kTries; failure == ENOSPC && tries > 0 && MakeRoom(bytes); --tries) {
+  for (int tries = Capacity::kTries; failure == ENOSPC && tries > 0 && ReclaimForFiles(bytes); --tries) {
     failure = attempt();
   }
   return failure;
 }
 
-bool Pool::MakeRoom(std::uint64_t bytes) const {
+bool Pool::ReclaimForFiles(std::uint64_t bytes) const {
   struct statvfs state {};
   while (::fstatvfs(mFolder.Descriptor(), &state) == 0) {
     const std::uint64_t room = state.f_bavail * state.f_frsize;
-    const bool files = state.f_files == 0 || state.f_favail > 1;  // 0: without a limit; an object takes two
+    const bool files = state.f_files == 0 || state.f_favail > 1;  // 0: no limit; an object needs two
     if (files && room >= bytes) {
       return true;
     }
-    // What some process still maps gives no room when its copy goes; the next one may.
-    if (!mCapacity.GiveWay(room >= bytes ? 1 : bytes - room)) {
+    // A copy that some process still maps frees no room when it is dropped; the next copy may.
+    if (!mCapacity.Reclaim(room >= bytes ? 1 : bytes - room)) {
       return false;
     }
   }
   return false;
 }
 
-void Pool::CutGrown() {
+void Pool::TruncateGrownFiles() {
   for (const NamespacePtr& space : All()) {
     for (const ObjectInfo& info : Objects(space)) {
       struct stat state {};
@@ -225,9 +224,9 @@ void Pool::CutGrown() {
           static_cast<std::uint64_t>(state.st_blocks) * 512 <= Capacity::Charge(info.size)) {
         continue;
       }
-      std::lock_guard one(
-          space->expanding);  // a file that Expand is at is larger than its object for a moment
-      FileDescriptor file;
+      // While Expand works on a file, the file is larger than its object.
+      std::lock_guard one(space->expanding);
+      net::Descriptor file;
       std::uint64_t size = 0;
       if (OpenObject(space, info.id, true, file, size) == 0 && ::fstat(file.Get(), &state) == 0 &&
           static_cast<std::uint64_t>(state.st_blocks) * 512 > Capacity::Charge(size)) {
@@ -246,7 +245,7 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
     return kBmNotEnoughCapacity;
   }
   int failure = 0;
-  const FileDescriptor file = MakeFile(size, failure);
+  const net::Descriptor file = MakeFile(size, failure);
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
@@ -255,7 +254,7 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
     return -EIO;
   }
   bool gone = false;
-  failure = WithRoom(0, [&] {
+  failure = RetryAfterReclaim(0, [&] {
     std::lock_guard lock(space->mutex);
     if (space->destroyed) {
       gone = true;
@@ -277,7 +276,7 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
   if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
-  reservation.Keep();
+  reservation.Commit();
   id = std::move(made);
   return 0;
 }
@@ -287,7 +286,7 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
     return kBmNotEnoughCapacity;
   }
   std::lock_guard one(space->expanding);
-  FileDescriptor file;
+  net::Descriptor file;
   std::uint64_t old = 0;
   if (const int result = OpenObject(space, id, true, file, old); result != 0) {
     return result;
@@ -300,12 +299,12 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   if (!reservation) {
     return kBmNotEnoughCapacity;
   }
-  int failure = WithRoom(more, [&] { return PoolFolder::Reserve(file.Get(), size); });
+  int failure = RetryAfterReclaim(more, [&] { return PoolFolder::Reserve(file.Get(), size); });
   if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
   bool gone = false;
-  failure = WithRoom(0, [&] {
+  failure = RetryAfterReclaim(0, [&] {
     std::lock_guard lock(space->mutex);
     const auto found = space->sizes.find(std::string(id));
     if (found == space->sizes.end()) {
@@ -325,12 +324,12 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   if (failure != 0) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
-  reservation.Keep();
+  reservation.Commit();
   return 0;
 }
 
 int Pool::Free(const NamespacePtr& space, std::string_view id) {
-  FileDescriptor keeper;  // closed after the lock: the last close frees the pages
+  net::Descriptor lastReference;  // closed after the lock: the last close frees the pages
   std::uint64_t charge = 0;
   {
     std::lock_guard lock(space->mutex);
@@ -339,12 +338,12 @@ int Pool::Free(const NamespacePtr& space, std::string_view id) {
       return -ENOENT;
     }
     charge = Capacity::Charge(found->second);
-    PoolFolder::Remove(mFolder.Descriptor(), PathOf(*space, id), keeper);
+    PoolFolder::Remove(mFolder.Descriptor(), PathOf(*space, id), lastReference);
     mFolder.RemoveSize(space->name, found->first);
     space->sizes.erase(found);
     space->charged -= charge;
   }
-  keeper.Reset();
+  lastReference.Close();
   mCapacity.Release(charge);
   return 0;
 }
@@ -359,7 +358,7 @@ int Pool::Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& si
   return 0;
 }
 
-int Pool::OpenObject(const NamespacePtr& space, std::string_view id, bool writable, FileDescriptor& file,
+int Pool::OpenObject(const NamespacePtr& space, std::string_view id, bool writable, net::Descriptor& file,
                      std::uint64_t& size) const {
   if (const int result = Stat(space, id, size); result != 0) {
     return result;
@@ -419,4 +418,4 @@ std::uint64_t Pool::ObjectCount() const {
   return count;
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

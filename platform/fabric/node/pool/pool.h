@@ -2,11 +2,11 @@
 
 // The objects that this node owns: namespaces with their tokens, and the files in them.
 //
-// What stands in the folder is the truth; the tables here are made from it at Open and kept beside it.
-// Threads: any, between Open and Close. While pages are reserved or freed no lock is held, but for one: an
-// object of a namespace is made larger by one call at a time.
+// The folder is authoritative; Open builds the tables here from it, and each change updates both.
+// Threads: any, between Open and Close. No lock is held while pages are reserved or freed, with one exception:
+// Namespace::expanding.
 //
-// Results are those of protocol.h, and -EIO when the pool's folder failed in something that it should do.
+// Results are those of protocol.h, and -EIO when an operation on the pool's folder failed.
 
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/fabric/node/pool/capacity.h"
@@ -23,19 +23,20 @@
 #include <unordered_map>
 #include <vector>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 /// A namespace of the pool. Held by shared pointers: it may be destroyed while a call still works in it.
 struct Namespace {
   const std::string name;
   const TokenHash token;
 
-  std::mutex mutex;  // guards the three below
+  std::mutex mutex;  // guards destroyed, sizes and charged
   bool destroyed = false;
   std::unordered_map<std::string, std::uint64_t> sizes;  // of the objects, in bytes, by id
-  std::uint64_t charged = 0;                             // of the capacity, by the objects
-  std::mutex
-      expanding;  // held by the one call that makes an object of this namespace larger; taken before `mutex`
+  std::uint64_t charged = 0;                             // bytes of quota that the objects use
+  /// Held while an object of this namespace is made larger, so that one call at a time does that. Taken before
+  /// `mutex`.
+  std::mutex expanding;
 
   Namespace(std::string theName, const TokenHash& theToken) : name(std::move(theName)), token(theToken) {}
 };
@@ -48,35 +49,36 @@ class Pool {
 
   Pool(std::uint16_t nodeId, std::uint64_t capacity) : mNodeId(nodeId), mCapacity(capacity) {}
 
-  /// Opens the folder and adopts what stands in it, each object at the size that it was given. \param warn
-  /// takes a line about each file that was cut back to it, and about what was left alone.
+  /// Opens the folder and adopts the namespaces and objects in it, each object at its allocated size. \param warn
+  /// receives a line about each file that was truncated to that size, and about each that was ignored.
   bool Open(const std::string& path, const Warn& warn, std::string& error);
   void Close();
 
-  /// More namespaces than anybody needs are kBmNotEnoughCapacity.
+  /// Beyond this number CreateNamespace returns kBmNotEnoughCapacity.
   static constexpr std::size_t kMaxNamespaces = 1U << 16U;
 
   /// -EACCES, kBmNamespaceExists, kBmNamespaceInvalid as in protocol.h.
   int CreateNamespace(std::string_view name, std::string_view token);
   /// \param between called after every object that is freed; may be null.
   int DestroyNamespace(const NamespacePtr& space, const std::function<void()>& between = nullptr);
-  /// Finds a namespace without asking for its token. Returns: null when there is none.
+  /// Finds a namespace without checking a token. Returns: null when there is none.
   NamespacePtr Find(std::string_view name) const;
-  /// Finds a namespace for who knows its token. Returns: 0, -ENOENT, -EACCES.
-  int Enter(const Access& access, NamespacePtr& space) const;
+  /// Finds a namespace and checks its token. Returns: 0, -ENOENT, -EACCES.
+  int Authorize(const Access& access, NamespacePtr& space) const;
 
   int Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id);
-  /// A file without a name in the pool's file system, with `size` bytes reserved. Copies give way when it is
-  /// full and would have room without them. \param failure errno.
-  FileDescriptor MakeFile(std::uint64_t size, int& failure);
-  /// Cuts files back to their objects' sizes: who has one for writing can make it larger, unaccounted.
-  void CutGrown();
+  /// Makes a file without a name in the pool's file system, with `size` bytes reserved. When the file system is
+  /// full, pulled copies are dropped if that gives enough room. \param failure errno.
+  net::Descriptor MakeFile(std::uint64_t size, int& failure);
+  /// Truncates files to their objects' sizes: a client with a writable descriptor can make a file larger, past
+  /// the quota.
+  void TruncateGrownFiles();
   /// `size` is the new size. One below the present size is kBmLocalError.
   int Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size);
   int Free(const NamespacePtr& space, std::string_view id);
   int Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& size) const;
   /// Opens an object's file.
-  int OpenObject(const NamespacePtr& space, std::string_view id, bool writable, FileDescriptor& file,
+  int OpenObject(const NamespacePtr& space, std::string_view id, bool writable, net::Descriptor& file,
                  std::uint64_t& size) const;
   /// For each object whether any namespace has it.
   std::vector<bool> Exist(const std::vector<std::string>& ids) const;
@@ -91,14 +93,14 @@ class Pool {
 
  private:
   bool Adopt(const std::string& name, const Warn& warn, std::string& error);
-  /// The size of an object that is adopted. Returns: false when it is none of this pool's.
+  /// The size of an object that is adopted. Returns: false when the file cannot be an object of this pool.
   bool SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size);
-  /// Makes copies go until the file system has room for an object of `bytes`. Returns: false when that needs
-  /// more than all of them account for; what some process maps gives no room, so that all may go in vain.
-  bool MakeRoom(std::uint64_t bytes) const;
-  /// Makes the attempt, and again after copies gave way to `bytes`, as long as there is no room: what gave way
-  /// may have been taken by somebody else. Returns: 0 or errno, as `attempt` does.
-  int WithRoom(std::uint64_t bytes, const std::function<int()>& attempt) const;
+  /// Drops pulled copies until the file system has room for an object of `bytes`. A copy that some process maps
+  /// frees no room, so that all may be dropped in vain. Returns: false when all copies together are too few.
+  bool ReclaimForFiles(std::uint64_t bytes) const;
+  /// Calls `attempt`; while that fails with ENOSPC, drops pulled copies and calls it again, since another call
+  /// may use the room first. Returns: 0 or errno, as `attempt` does.
+  int RetryAfterReclaim(std::uint64_t bytes, const std::function<int()>& attempt) const;
   std::vector<NamespacePtr> All() const;
 
   const std::uint16_t mNodeId;
@@ -108,4 +110,4 @@ class Pool {
   std::map<std::string, NamespacePtr, std::less<>> mNamespaces;
 };
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

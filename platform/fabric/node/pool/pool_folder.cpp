@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <memory>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 namespace {
 
@@ -47,7 +47,7 @@ bool PoolFolder::Open(const std::string& path, std::string& error) {
     } else {
       mInternal.Reset(::openat(mFolder.Get(), kInternal, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
       int failure = 0;
-      // Refused here rather than at the first allocation.
+      // A file system that cannot serve is refused here and not at the first allocation.
       if (mInternal && MakeFile(1, failure)) {
         return true;
       }
@@ -56,8 +56,8 @@ bool PoolFolder::Open(const std::string& path, std::string& error) {
       ::unlinkat(mFolder.Get(), kInternal, AT_REMOVEDIR);
     }
   }
-  mInternal.Reset();
-  mFolder.Reset();
+  mInternal.Close();
+  mFolder.Close();
   return false;
 }
 
@@ -66,21 +66,21 @@ void PoolFolder::Close() {
     std::error_code ignored;
     std::filesystem::remove_all(std::filesystem::path(mPath) / kInternal, ignored);
   }
-  mInternal.Reset();
-  mFolder.Reset();
+  mInternal.Close();
+  mFolder.Close();
 }
 
-FileDescriptor PoolFolder::MakeFile(std::uint64_t size, int& error) const {
-  FileDescriptor file(::openat(mFolder.Get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+net::Descriptor PoolFolder::MakeFile(std::uint64_t size, int& error) const {
+  net::Descriptor file(::openat(mFolder.Get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
   error = file ? Reserve(file.Get(), size) : errno;
-  return error == 0 ? std::move(file) : FileDescriptor();
+  return error == 0 ? std::move(file) : net::Descriptor();
 }
 
 int PoolFolder::Reserve(int file, std::uint64_t size) {
   if (size == 0) {
     return 0;
   }
-  // A signal, such as that of a debugger, makes the kernel undo and give up.
+  // A signal, for example from a debugger, makes the kernel undo its work and return EINTR.
   while (::fallocate(file, 0, 0, static_cast<off_t>(size)) != 0) {
     if (errno != EINTR) {
       return errno;
@@ -89,13 +89,13 @@ int PoolFolder::Reserve(int file, std::uint64_t size) {
   return 0;
 }
 
-int PoolFolder::Publish(const FileDescriptor& file, int folder, const std::string& name) {
+int PoolFolder::Publish(const net::Descriptor& file, int folder, const std::string& name) {
   const std::string path = "/proc/self/fd/" + std::to_string(file.Get());
   return ::linkat(AT_FDCWD, path.c_str(), folder, name.c_str(), AT_SYMLINK_FOLLOW) == 0 ? 0 : errno;
 }
 
-void PoolFolder::Remove(int folder, const std::string& name, FileDescriptor& keeper) {
-  keeper.Reset(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+void PoolFolder::Remove(int folder, const std::string& name, net::Descriptor& lastReference) {
+  lastReference.Reset(::openat(folder, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   ::unlinkat(folder, name.c_str(), 0);
 }
 
@@ -131,8 +131,8 @@ int PoolFolder::MakeNamespace(const std::string& name, const TokenHash& token) {
     return errno;
   }
   const auto& bytes = token.Stored();
-  const FileDescriptor file(::openat(mInternal.Get(), (staged + "/" + kTokenFile).c_str(),
-                                     O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const net::Descriptor file(::openat(mInternal.Get(), (staged + "/" + kTokenFile).c_str(),
+                                      O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (file) {
     errno = ENOSPC;  // for a short write
   }
@@ -143,18 +143,18 @@ int PoolFolder::MakeNamespace(const std::string& name, const TokenHash& token) {
     return 0;
   }
   const int failure = errno;
-  DeleteGone(staged);
+  DeleteHidden(staged);
   return failure;
 }
 
-int PoolFolder::HideNamespace(const std::string& name, std::string& gone) {
-  gone = UniqueName("gone");
-  return ::renameat(mFolder.Get(), name.c_str(), mInternal.Get(), gone.c_str()) == 0 ? 0 : errno;
+int PoolFolder::HideNamespace(const std::string& name, std::string& hidden) {
+  hidden = UniqueName("gone");
+  return ::renameat(mFolder.Get(), name.c_str(), mInternal.Get(), hidden.c_str()) == 0 ? 0 : errno;
 }
 
-void PoolFolder::DeleteGone(const std::string& gone, const std::function<void()>& between) const {
+void PoolFolder::DeleteHidden(const std::string& hidden, const std::function<void()>& between) const {
   std::error_code ignored;
-  const std::filesystem::path folder = std::filesystem::path(mPath) / kInternal / gone;
+  const std::filesystem::path folder = std::filesystem::path(mPath) / kInternal / hidden;
   if (between != nullptr) {
     for (std::filesystem::directory_iterator file(folder, ignored), end; !ignored && file != end;
          file.increment(ignored)) {
@@ -166,7 +166,7 @@ void PoolFolder::DeleteGone(const std::string& gone, const std::function<void()>
 }
 
 bool PoolFolder::ReadToken(const std::string& name, TokenHash& token) const {
-  const FileDescriptor file(
+  const net::Descriptor file(
       ::openat(mFolder.Get(), (name + "/" + kTokenFile).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   TokenHash::Bytes bytes;
   if (!file || ::read(file.Get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
@@ -176,4 +176,4 @@ bool PoolFolder::ReadToken(const std::string& name, TokenHash& token) const {
   return true;
 }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 static_assert(TokenHash::kSaltLength == crypto_generichash_blake2b_SALTBYTES);
 
@@ -38,4 +38,4 @@ bool TokenHash::Matches(std::string_view token) const {
 
 bool PrepareTokenHash() { return sodium_init() >= 0; }
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

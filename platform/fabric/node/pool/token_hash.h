@@ -5,16 +5,16 @@
 #include <array>
 #include <string_view>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 
 class TokenHash {
  public:
   static constexpr std::size_t kSaltLength = 16;
   static constexpr std::size_t kHashLength = 32;
-  /// As it is stored.
+  /// The stored form: salt, then hash.
   using Bytes = std::array<unsigned char, kSaltLength + kHashLength>;
 
-  /// Matches nothing that a caller could present.
+  /// Matches no token.
   TokenHash() = default;
   explicit TokenHash(const Bytes& stored) : mBytes(stored) {}
   /// Hashes with a new random salt.
@@ -27,7 +27,7 @@ class TokenHash {
   Bytes mBytes{};
 };
 
-/// Prepares the library behind this. Returns: false when the machine has no random numbers to give.
+/// Prepares libsodium. Returns: false when the machine gives no random bytes.
 bool PrepareTokenHash();
 
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -2,14 +2,14 @@
 
 #include "support/link_tls.h"
 
-#include "platform/fabric/client/client.h"
+#include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/protocol/names.h"
 #include "support/fabric.h"
 #include "support/raw_socket.h"
 
 #include <gmock/gmock.h>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 namespace {
 
 using test::Eventually;
@@ -92,7 +92,7 @@ TEST_F(LinkTlsTest, EitherSideRefusesWhomItCannotTrust) {
   for (const auto& one : cases) {
     SCOPED_TRACE(one.what);
     StartNode(one.node);
-    Client client;
+    FabricClient client;
     ASSERT_EQ(client.Initialize("", 1, Setting(one.tls, one.security)), 0);
     EXPECT_EQ(client.CreateLink(1, "127.0.0.1", mNode.LinkPort()), one.result);
     const std::string report = mReports.Take();
@@ -112,7 +112,7 @@ TEST_F(LinkTlsTest, EitherSideRefusesWhomItCannotTrust) {
 
 TEST_F(LinkTlsTest, WithTlsOnNothingIsSaidInTheClear) {
   RawListener listener;
-  Client client({std::chrono::milliseconds(300), std::chrono::milliseconds(300)});
+  FabricClient client({std::chrono::milliseconds(300), std::chrono::milliseconds(300)});
   ASSERT_EQ(client.Initialize("", 1, Setting(true, mTls.Trust())), 0);
   std::string heard;
   std::thread ear([&] {
@@ -155,7 +155,7 @@ TEST_F(LinkTlsTest, ANodeReachesItsNeighboursByItsOwnTrustAndNoOther) {
     FabricNode near;
     std::string error;
     ASSERT_TRUE(near.Start(options, error)) << error;
-    Client client;
+    FabricClient client;
     ASSERT_EQ(client.Initialize(nearPlace.Home().c_str(), 0), 0);
     const Tenant tenant{client, "app", "token"};
     EXPECT_EQ(tenant.Write(id, 1U << 20U, "far"), one.result);
@@ -191,4 +191,4 @@ TEST_F(LinkTlsTest, ANodeWithoutWhatTlsNeedsDoesNotStart) {
 }
 
 }  // namespace
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

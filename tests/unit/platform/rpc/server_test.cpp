@@ -331,12 +331,12 @@ TEST_F(RpcServer, AnIdleConnectionEndsAndOneWithACallStays) {
   ASSERT_TRUE(Eventually([&] { return HeldCount() == 1; }));
   RawSocket idle = Open();
   EXPECT_TRUE(idle.EndsWithin(RawSocket::kPatience));
-  const auto answered = Deadline::Clock::now();
+  const auto answered = net::Deadline::Clock::now();
   EXPECT_TRUE(Reply(TakeHeld().first, kHold, "still here"));
   EXPECT_EQ(waiting.Receive(34).substr(24), "still here");
   // Its idle time begins with the answer, give or take the time between two looks of the server.
   EXPECT_TRUE(waiting.EndsWithin(RawSocket::kPatience));
-  EXPECT_GE(Deadline::Clock::now() - answered, std::chrono::milliseconds(options.mIdleTimeout / 2));
+  EXPECT_GE(net::Deadline::Clock::now() - answered, std::chrono::milliseconds(options.mIdleTimeout / 2));
 }
 
 TEST_F(RpcServer, BytesThatAreHeldAreBounded) {

@@ -1,4 +1,4 @@
-#include "platform/net/transport_setting.h"
+#include "platform/rpc/client/transport_setting.h"
 
 #include "platform/net/dialer.h"
 #include "platform/rpc/client/client.h"
@@ -57,12 +57,17 @@ std::uint16_t LocalPort(int socket) {
   return ntohs(address.sin_port);
 }
 
-Outcome DialHere(std::uint16_t port, Descriptor& socket) {
+Outcome DialHere(std::uint16_t port, net::Descriptor& socket) {
   TransportSetting setting;
   if (Outcome outcome = TransportSetting::FromEnvironment(setting); !outcome.Ok()) {
     return outcome;
   }
-  return Dial("127.0.0.1", port, setting, Deadline(RawSocket::kPatience), socket);
+  const net::NetOutcome dialed =
+      net::Dial("127.0.0.1", port, setting, net::Deadline(RawSocket::kPatience), socket);
+  return {dialed.Ok()                                     ? kOk
+          : dialed.mStatus == net::NetStatus::kBadSetting ? kBadSetting
+                                                          : kConnectionLost,
+          dialed.mText};
 }
 
 TEST_F(RpcTransportSetting, WhatTheVariablesMean) {
@@ -118,13 +123,13 @@ TEST_F(RpcTransportSetting, SocketOptionsAndPortRange) {
   std::uint16_t first = 0;
   for (std::uint16_t port = static_cast<std::uint16_t>(40000 + getpid() % 9000); first == 0; port += 2) {
     Set("UCX_TCP_PORT_RANGE", std::to_string(port) + "-" + std::to_string(port + 1));
-    Descriptor a;
-    Descriptor b;
+    net::Descriptor a;
+    net::Descriptor b;
     if (DialHere(listener.Port(), a).Ok() && DialHere(listener.Port(), b).Ok()) {
       first = port;
       EXPECT_THAT((std::vector<int>{LocalPort(a.Get()), LocalPort(b.Get())}),
                   testing::UnorderedElementsAre(port, port + 1));
-      Descriptor c;
+      net::Descriptor c;
       const auto begin = std::chrono::steady_clock::now();
       const Outcome outcome = DialHere(listener.Port(), c);
       EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
@@ -138,7 +143,7 @@ TEST_F(RpcTransportSetting, SocketOptionsAndPortRange) {
   }
   Set("UCX_TCP_PORT_RANGE", "");
   Set("UCX_TCP_KEEPINTVL", "7s");
-  Descriptor socket;
+  net::Descriptor socket;
   ASSERT_TRUE(DialHere(listener.Port(), socket).Ok());
   EXPECT_EQ(Option(socket.Get(), SOL_SOCKET, SO_KEEPALIVE), 1);
   EXPECT_EQ(Option(socket.Get(), IPPROTO_TCP, TCP_KEEPINTVL), 7);
@@ -153,7 +158,7 @@ TEST_F(RpcTransportSetting, ASocketIsNeverConnectedWithItself) {
   const std::string port = std::to_string(listener.Port());
   listener.Close();
   Set("UCX_TCP_PORT_RANGE", port + "-" + port);
-  Descriptor socket;
+  net::Descriptor socket;
   const Outcome outcome = DialHere(listener.Port(), socket);
   EXPECT_EQ(outcome.mStatus, kConnectionLost) << outcome.mText;
   EXPECT_FALSE(socket);
@@ -199,7 +204,7 @@ class Interface {
   }
 
  private:
-  Descriptor mDescriptor;
+  net::Descriptor mDescriptor;
   bool mMade = false;
 };
 

@@ -38,7 +38,7 @@ class NodeRegistryTest : public test::ClusterTest {
     ClusterTest::SetUp();
     Connect();
     std::string error;
-    bm::FabricNodeOptions options = mPlace.Options();
+    fabric::FabricNodeOptions options = mPlace.Options();
     options.capacity = 8U << 20U;
     ASSERT_TRUE(mFabric.Start(options, error)) << error;
     ASSERT_EQ(mFabric.CreateNamespace("app", "t"), 0);
@@ -55,7 +55,7 @@ class NodeRegistryTest : public test::ClusterTest {
   }
 
   test::FabricPlace mPlace{7};
-  bm::FabricNode mFabric;
+  fabric::FabricNode mFabric;
   std::string mId;
   std::string mError;
 };

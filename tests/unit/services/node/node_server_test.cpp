@@ -39,7 +39,7 @@ class NodeServerTest : public test::ClusterTest {
     Connect();
     mRaw->Create("/vyn/reclaim/1", "");
     std::string error;
-    bm::FabricNodeOptions fabric = mPlace.Options();
+    fabric::FabricNodeOptions fabric = mPlace.Options();
     fabric.capacity = 10 * 4096;
     ASSERT_TRUE(mFabric.Start(fabric, error)) << error;
     StartServer(8);
@@ -164,7 +164,7 @@ class NodeServerTest : public test::ClusterTest {
   std::atomic<int> mLetGo{-1};     ///< the number of the look-up that need not wait, 0 for all
   std::atomic<int> mNotReady{-1};  ///< the number of the look-up that is refused
   std::atomic<int> mFetched{0};
-  bm::FabricNode mFabric;
+  fabric::FabricNode mFabric;
   std::unique_ptr<NodeServer> mServer;
   Reclaimer mReclaimer{1, mFabric, [this](const ReclaimEntry& entry) {
                          entry.variablePath.empty() ? mServer->Forget(entry.application)

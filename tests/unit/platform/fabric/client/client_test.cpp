@@ -1,5 +1,4 @@
-#include "platform/fabric/client/client.h"
-
+#include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/protocol/names.h"
 #include "support/fabric.h"
 #include "support/link_tls.h"
@@ -14,7 +13,7 @@
 #include <cstring>
 #include <filesystem>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 namespace {
 
 using test::FabricPlace;
@@ -66,7 +65,7 @@ class ClientTest : public testing::TestWithParam<Way> {
   FabricPlace mFarPlace{2};
   FabricNode mFar;
   FabricNode mNear;
-  Client mClient;
+  FabricClient mClient;
   Tenant mTenant{mClient, "app-1", "secret"};
 };
 
@@ -464,7 +463,7 @@ TEST_P(ClientMapTest, ALinkOfItsOwnServesAClientOnANode) {
 
 TEST(ClientAloneTest, WithoutANodeEveryCallSaysUnconnected) {
   const test::TempDir home;
-  Client client;
+  FabricClient client;
   const Tenant tenant{client, "app-1", "secret"};
   for (const int flag : {0, 1}) {
     ASSERT_EQ(client.Initialize(home.Path().c_str(), flag), 0);
@@ -491,7 +490,7 @@ TEST(ClientAloneTest, LinksAreCheckedAndReplaced) {
   std::string error;
   ASSERT_TRUE(first.Start(firstPlace.Options(), error)) << error;
   ASSERT_TRUE(second.Start(secondPlace.Options(), error)) << error;
-  Client client;
+  FabricClient client;
   const Tenant tenant{client, "app-1", "secret"};
   ASSERT_EQ(client.Initialize("", 1), 0);
   EXPECT_EQ(client.CreateLink(2, "127.0.0.1", first.LinkPort()), kBmRemoteProtocol);  // it is node 1
@@ -518,7 +517,7 @@ TEST(ClientAloneTest, AHomeWithALongPathAndTheNodesOwnView) {
   FabricNode node;
   std::string error;
   ASSERT_TRUE(node.Start(options, error)) << error;
-  Client client;
+  FabricClient client;
   ASSERT_EQ(client.Initialize(options.home.c_str(), 0), 0);
   ASSERT_EQ(client.CreateNamespace(3, "app-1", ""), 0);
   const Tenant tenant{client, "app-1", ""};
@@ -535,4 +534,4 @@ TEST(ClientAloneTest, AHomeWithALongPathAndTheNodesOwnView) {
 }
 
 }  // namespace
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

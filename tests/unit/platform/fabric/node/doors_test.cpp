@@ -2,8 +2,8 @@
 
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/protocol/protocol.h"
-#include "platform/fabric/protocol/sockets.h"
-#include "platform/fabric/protocol/tls_link.h"
+#include "platform/fabric/transport/broker_socket.h"
+#include "platform/fabric/transport/link.h"
 #include "support/fabric.h"
 #include "support/link_tls.h"
 #include "support/raw_socket.h"
@@ -15,7 +15,7 @@
 #include <fstream>
 #include <optional>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 namespace {
 
 using test::FabricPlace;
@@ -36,24 +36,22 @@ const std::string kHelloBytes(
 /// A raw conversation with a door.
 class Raw {
  public:
-  explicit Raw(std::unique_ptr<SocketStream> stream) : Raw(stream->Socket(), nullptr) {
-    mStream = std::move(stream);
-  }
-  Raw(int socket, std::unique_ptr<ByteStream> stream) : mSocket(socket), mStream(std::move(stream)) {}
+  explicit Raw(std::unique_ptr<SocketStream> stream)
+      : mSocket(stream->Socket()), mStream(std::move(stream)) {}
 
   void Send(std::string bytes) {
     iovec part{bytes.data(), bytes.size()};
-    mStream->Send(&part, 1, After(std::chrono::seconds(10)), -1);
+    mStream->Send(&part, 1, net::Deadline::After(std::chrono::seconds(10)), -1);
   }
   /// Returns: `length` bytes, fewer when the node closed the connection before.
   std::string Receive(std::size_t length) {
     std::string bytes(length, '\0');
     std::size_t got = 0;
     for (std::size_t count = 0; got < length; got += count) {
-      const IoStatus status =
-          mStream->Receive(bytes.data() + got, length - got, count, After(std::chrono::seconds(30)));
-      if (status != IoStatus::kOk) {
-        mClosed = status == IoStatus::kClosed || status == IoStatus::kReset;
+      const net::IoStatus status = mStream->Receive(bytes.data() + got, length - got, count,
+                                                    net::Deadline::After(std::chrono::seconds(30)));
+      if (status != net::IoStatus::kOk) {
+        mClosed = status == net::IoStatus::kClosed || status == net::IoStatus::kReset;
         break;
       }
     }
@@ -73,14 +71,14 @@ class Raw {
   bool mClosed = false;
 };
 
-std::string Frame(Operation operation, std::uint32_t sequence, const std::string& head,
+std::string Frame(FabricOperation operation, std::uint32_t sequence, const std::string& head,
                   std::uint32_t headLength, std::uint32_t dataLength, std::uint16_t flags = 0,
                   std::int32_t result = 0) {
-  const FrameHeader header{
+  const FabricFrameHeader header{
       kFrameMagic, static_cast<std::uint16_t>(operation), flags, sequence, result, headLength, dataLength};
   return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + head;
 }
-std::string Frame(Operation operation, std::uint32_t sequence, const std::string& head) {
+std::string Frame(FabricOperation operation, std::uint32_t sequence, const std::string& head) {
   return Frame(operation, sequence, head, static_cast<std::uint32_t>(head.size()), 0);
 }
 std::string Packed(const std::vector<std::string>& texts) {
@@ -106,24 +104,20 @@ class DoorsTest : public testing::Test {
     ASSERT_EQ(mNode.Allocate("app", 10, mId), 0);
   }
   Raw Link() {
-    int error = 0;
-    return Raw(ConnectToLink("127.0.0.1", mNode.LinkPort(), After(std::chrono::seconds(5)), error));
+    return Raw(DialLink("127.0.0.1", mNode.LinkPort(), net::Deadline::After(std::chrono::seconds(5))));
   }
   /// \param trust of a client.
   Raw SecuredLink(const tls::TlsContext::SecurityMap& trust) {
-    int error = 0;
     std::string text;
-    const Deadline deadline = After(std::chrono::seconds(30));
-    auto socket = ConnectToLink("127.0.0.1", mNode.LinkPort(), deadline, error);
-    SocketStream& connected = *socket;
-    auto tls = tls::TlsContext::ForClient(trust, text)->NewStream(connected.Socket());
-    auto link = std::make_unique<TlsLink>(connected, std::move(socket), std::move(tls));
-    EXPECT_EQ(link->Handshake(deadline), IoStatus::kOk);
-    return Raw(connected.Socket(), std::move(link));
+    const net::Deadline deadline = net::Deadline::After(std::chrono::seconds(30));
+    auto socket = DialLink("127.0.0.1", mNode.LinkPort(), deadline);
+    auto tls = tls::TlsContext::ForClient(trust, text)->NewStream(socket->Socket());
+    EXPECT_EQ(socket->StartTls(std::move(tls), deadline), net::IoStatus::kOk);
+    return Raw(std::move(socket));
   }
   Raw Broker() {
     int error = 0;
-    return Raw(ConnectToBroker(mPlace.Home(), After(std::chrono::seconds(5)), error));
+    return Raw(ConnectToBroker(mPlace.Home(), net::Deadline::After(std::chrono::seconds(5)), error));
   }
   void WaitFor(std::uint64_t FabricNodeStats::*number, const std::function<bool(std::uint64_t)>& wanted) {
     for (int tries = 0; tries < 6000 && !wanted(mNode.Stats().*number); ++tries) {
@@ -174,8 +168,8 @@ TEST_F(DoorsTest, AHelloAndAStatAreTheseBytes) {
                                            "\0\0\0\0"
                                            "\x0a\0\0\0\0\0\0\0",
                                            32));
-    raw.Send(Frame(Operation::kStat, 2, Packed({"app", "wrong", mId})));
-    EXPECT_EQ(raw.Receive(24), Frame(Operation::kStat, 2, "", 0, 0, 0, -13));
+    raw.Send(Frame(FabricOperation::kStat, 2, Packed({"app", "wrong", mId})));
+    EXPECT_EQ(raw.Receive(24), Frame(FabricOperation::kStat, 2, "", 0, 0, 0, -13));
   }
 }
 
@@ -188,40 +182,41 @@ TEST_F(DoorsTest, WhatIsNoConversationEndsTheConnectionAndNothingElse) {
     bool greeted;
     std::string bytes;
   } cases[] = {
-      {"no hello", false, Frame(Operation::kQuery, 0, "")},
+      {"no hello", false, Frame(FabricOperation::kQuery, 0, "")},
       {"another magic", false, "GET / HTTP/1.1\r\nHost: node\r\n\r\n"},
       {"another version", false,
-       Frame(Operation::kHello, 0,
+       Frame(FabricOperation::kHello, 0,
              std::string("\x02\0"
                          "\x01\0"
                          "\xff\xff\xff\xff",
                          8)) +
            "x"},
-      {"a hello cut short", false, Frame(Operation::kHello, 0, "\x01")},
-      {"arguments over the limit", true, Frame(Operation::kQuery, 1, "", kMaxHeadLength + 1, 0)},
-      {"arguments of 4 GiB", true, Frame(Operation::kQuery, 1, "", ~0U, 0)},
-      {"data over the limit", true, Frame(Operation::kWrite, 1, "", 0, kMaxDataLength + 1)},
-      {"a second hello", true, Frame(Operation::kHello, 1, kHelloBytes.substr(24))},
-      {"a sequence number twice", true, Frame(Operation::kQuery, 0, "")},
-      {"an answer", true, Frame(Operation::kQuery, 1, "", 0, 0, 0, -5)},
-      {"flags", true, Frame(Operation::kQuery, 1, "", 0, 0, 1)},
-      {"no operation", true, Frame(static_cast<Operation>(0), 1, "")},
-      {"an unknown operation", true, Frame(static_cast<Operation>(99), 1, "")},
-      {"too many arguments", true, Frame(Operation::kQuery, 1, "x")},
-      {"too few arguments", true, Frame(Operation::kStat, 1, object.substr(0, object.size() - 1))},
-      {"a text beyond the end", true, Frame(Operation::kStat, 1, std::string("\xff\xff", 2) + "app")},
-      {"no id", true, Frame(Operation::kStat, 1, Packed({"app", "t", "../../etc/passwd"}))},
+      {"a hello cut short", false, Frame(FabricOperation::kHello, 0, "\x01")},
+      {"arguments over the limit", true, Frame(FabricOperation::kQuery, 1, "", kMaxHeadLength + 1, 0)},
+      {"arguments of 4 GiB", true, Frame(FabricOperation::kQuery, 1, "", ~0U, 0)},
+      {"data over the limit", true, Frame(FabricOperation::kWrite, 1, "", 0, kMaxDataLength + 1)},
+      {"a second hello", true, Frame(FabricOperation::kHello, 1, kHelloBytes.substr(24))},
+      {"a sequence number twice", true, Frame(FabricOperation::kQuery, 0, "")},
+      {"an answer", true, Frame(FabricOperation::kQuery, 1, "", 0, 0, 0, -5)},
+      {"flags", true, Frame(FabricOperation::kQuery, 1, "", 0, 0, 1)},
+      {"no operation", true, Frame(static_cast<FabricOperation>(0), 1, "")},
+      {"an unknown operation", true, Frame(static_cast<FabricOperation>(99), 1, "")},
+      {"too many arguments", true, Frame(FabricOperation::kQuery, 1, "x")},
+      {"too few arguments", true, Frame(FabricOperation::kStat, 1, object.substr(0, object.size() - 1))},
+      {"a text beyond the end", true, Frame(FabricOperation::kStat, 1, std::string("\xff\xff", 2) + "app")},
+      {"no id", true, Frame(FabricOperation::kStat, 1, Packed({"app", "t", "../../etc/passwd"}))},
       {"an id with a separator", true,
-       Frame(Operation::kFree, 1, Packed({"app", "t", mId.substr(0, 58) + "/."}))},
+       Frame(FabricOperation::kFree, 1, Packed({"app", "t", mId.substr(0, 58) + "/."}))},
       {"more ids than are there", true,
-       Frame(Operation::kFreeBatch, 1, Packed({"app", "t"}) + std::string("\xff\xff", 2) + Packed({mId}))},
+       Frame(FabricOperation::kFreeBatch, 1,
+             Packed({"app", "t"}) + std::string("\xff\xff", 2) + Packed({mId}))},
       {"ids of two owners", true,
-       Frame(Operation::kFreeBatch, 1,
+       Frame(FabricOperation::kFreeBatch, 1,
              Packed({"app", "t"}) + std::string("\x02\0", 2) + Packed({mId, MakeObjectId(8)}))},
       {"a read longer than its transfer", true,
-       Frame(Operation::kRead, 1, object + u64 + u64 + std::string("\x01\0\0\0", 4))},
+       Frame(FabricOperation::kRead, 1, object + u64 + u64 + std::string("\x01\0\0\0", 4))},
       {"a read longer than a frame", true,
-       Frame(Operation::kRead, 1, object + u64 + std::string(8, '\x7f') + std::string(4, '\x7f'))},
+       Frame(FabricOperation::kRead, 1, object + u64 + std::string(8, '\x7f') + std::string(4, '\x7f'))},
   };
   for (const auto& one : cases) {
     for (const bool link : {true, false}) {
@@ -236,15 +231,16 @@ TEST_F(DoorsTest, WhatIsNoConversationEndsTheConnectionAndNothingElse) {
   }
   // A link hands out no descriptors and forwards nothing; a broker answers no questions of nodes.
   Raw door = Link();
-  door.Send(kHelloBytes + Frame(Operation::kStat, 1, Packed({"app", "t", MakeObjectId(8)})) +
-            Frame(Operation::kOpen, 2, object + std::string(1, '\0')));
-  EXPECT_EQ(door.Receive(26 + 24 + 1).substr(26), Frame(Operation::kStat, 1, "", 0, 0, 0, kBmRemoteProtocol));
+  door.Send(kHelloBytes + Frame(FabricOperation::kStat, 1, Packed({"app", "t", MakeObjectId(8)})) +
+            Frame(FabricOperation::kOpen, 2, object + std::string(1, '\0')));
+  EXPECT_EQ(door.Receive(26 + 24 + 1).substr(26),
+            Frame(FabricOperation::kStat, 1, "", 0, 0, 0, kBmRemoteProtocol));
   Raw broker = Broker();
-  broker.Send(kHelloBytes + Frame(Operation::kExist, 1, std::string("\0\0", 2)));
+  broker.Send(kHelloBytes + Frame(FabricOperation::kExist, 1, std::string("\0\0", 2)));
   EXPECT_EQ(broker.Receive(26 + 1).size(), 26U);
 
   std::string bytes(10, '\0');
-  Client client;
+  FabricClient client;
   ASSERT_EQ(client.Initialize(mPlace.Home().c_str(), 0), 0);
   EXPECT_EQ((test::Tenant{client, "app", "t"}.Read(mId, 0, 10)), bytes);
   EXPECT_EQ(mNode.Stats().objects, 1U);
@@ -267,7 +263,8 @@ TEST_F(DoorsTest, AFullDoorLetsTheIdleGoAndKeepsTheBusy) {
   const std::string head = Packed({"app", "t", id}) + range;
   Raw busy = Link();
   busy.Send(kHelloBytes +
-            Frame(Operation::kWrite, 1, head, static_cast<std::uint32_t>(head.size()), 512U << 10U) + half);
+            Frame(FabricOperation::kWrite, 1, head, static_cast<std::uint32_t>(head.size()), 512U << 10U) +
+            half);
   ASSERT_EQ(busy.Receive(26).size(), 26U);
   std::ifstream object(mPlace.Pool() + "/app/" + id);
   for (int tries = 0; tries < 6000 && object.seekg(0).peek() != 'w'; ++tries) {
@@ -288,7 +285,7 @@ TEST_F(DoorsTest, AFullDoorLetsTheIdleGoAndKeepsTheBusy) {
   }
   EXPECT_TRUE(idle.Closes(0));
   busy.Send(half);
-  EXPECT_EQ(busy.Receive(24), Frame(Operation::kWrite, 1, "", 0, 0));
+  EXPECT_EQ(busy.Receive(24), Frame(FabricOperation::kWrite, 1, "", 0, 0));
 }
 
 enum class Way { kBroker, kLink, kTlsLink };
@@ -316,9 +313,9 @@ TEST_P(UndoTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
   const std::uint64_t before = mNode.Stats().used;
   const std::uint64_t size = 128U << 20U;
   const std::string request =
-      Frame(Operation::kAllocate, 1,
+      Frame(FabricOperation::kAllocate, 1,
             std::string("\x07\0", 2) + Packed({"app", "t"}) + std::string("\0\0\0\x08\0\0\0\0", 8));
-  const std::size_t answer = sizeof(FrameHeader) + 2 + kIdLength;
+  const std::size_t answer = sizeof(FabricFrameHeader) + 2 + kIdLength;
   for (const bool answered : {false, true}) {
     {
       Raw raw = connect();
@@ -342,7 +339,7 @@ TEST_P(UndoTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
       raw.Send(kHelloBytes + request);
       ASSERT_EQ(raw.Receive(26 + answer).size(), 26 + answer);
       if (more) {
-        raw.Send(Frame(Operation::kQuery, 2, ""));
+        raw.Send(Frame(FabricOperation::kQuery, 2, ""));
         ASSERT_TRUE(raw.HasArrived());
       }
     }
@@ -365,12 +362,13 @@ TEST_F(DoorsTest, WhatIsForwardedEndsWithItsCaller) {
   const std::string object = Packed({"app", "t", MakeObjectId(8)});
   const std::string u64(8, '\0');
   const struct {
-    Operation operation;
+    FabricOperation operation;
     std::string head;
   } cases[] = {
-      {Operation::kCopy, object + u64 + object + u64 + u64},
-      {Operation::kDestroyNamespace, std::string("\x08\0", 2) + Packed({"app", "t"})},
-      {Operation::kFreeBatch, Packed({"app", "t"}) + std::string("\x01\0", 2) + Packed({MakeObjectId(8)})},
+      {FabricOperation::kCopy, object + u64 + object + u64 + u64},
+      {FabricOperation::kDestroyNamespace, std::string("\x08\0", 2) + Packed({"app", "t"})},
+      {FabricOperation::kFreeBatch,
+       Packed({"app", "t"}) + std::string("\x01\0", 2) + Packed({MakeObjectId(8)})},
   };
   for (const auto& one : cases) {
     test::RawSocket owner;
@@ -379,7 +377,7 @@ TEST_F(DoorsTest, WhatIsForwardedEndsWithItsCaller) {
       caller.Send(kHelloBytes + Frame(one.operation, 1, one.head));
       owner = far.Accept();
       ASSERT_EQ(owner.Receive(32).size(), 32U);
-      ASSERT_TRUE(owner.Send(Frame(Operation::kHello, 0, std::string("\x08\0", 2))));
+      ASSERT_TRUE(owner.Send(Frame(FabricOperation::kHello, 0, std::string("\x08\0", 2))));
       ASSERT_EQ(owner.Receive(24 + one.head.size()), Frame(one.operation, 1, one.head));
     }
     // The owner is at work as long as anybody wants that.
@@ -392,7 +390,7 @@ TEST_F(DoorsTest, WhatIsForwardedEndsWithItsCaller) {
 
 TEST_F(DoorsTest, AnIdleConnectionIsClosedAndAClientComesBack) {
   Start([](FabricNodeOptions& options) { options.idleSeconds = 1; });
-  Client client;
+  FabricClient client;
   const test::Tenant tenant{client, "app", "t"};
   ASSERT_EQ(client.Initialize(mPlace.Home().c_str(), 0), 0);
   EXPECT_EQ(tenant.Read(mId, 0, 2), std::string(2, '\0'));
@@ -401,4 +399,4 @@ TEST_F(DoorsTest, AnIdleConnectionIsClosedAndAClientComesBack) {
 }
 
 }  // namespace
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -18,7 +18,7 @@
 #include <limits>
 #include <set>
 
-namespace vyn::bm {
+namespace vyn::fabric {
 namespace {
 
 using test::FabricPlace;
@@ -217,7 +217,7 @@ TEST(FabricNodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {
   ASSERT_EQ(node.Allocate("app", 5000, id), 0);
   ASSERT_EQ(node.Allocate("app", 5000, other), 0);
   const std::string path = place.Pool() + "/app/" + id;
-  const FileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const net::Descriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
   ASSERT_EQ(::fallocate(file.Get(), 0, 0, 1 << 20), 0);
   struct stat state {};
   for (int tries = 0; tries < 3000 && (::fstat(file.Get(), &state) != 0 || state.st_size != 5000); ++tries) {
@@ -293,4 +293,4 @@ TEST(FabricNodeTest, ManyThreadsNeverBreakTheAccount) {
 }
 
 }  // namespace
-}  // namespace vyn::bm
+}  // namespace vyn::fabric

@@ -1,0 +1,273 @@
+#include "platform/fabric/client/fabric_client.h"
+
+#include "platform/fabric/client/arguments.h"
+#include "platform/fabric/protocol/names.h"
+#include "platform/fabric/transport/broker_socket.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace vyn::fabric {
+
+int FabricClient::Initialize(const char* home, int clientFlag, tls::ClientSetting links) {
+  if (home == nullptr || *home == '\0') {
+    home = ::secure_getenv("VYN_HOME");
+  }
+  const std::string place = home == nullptr ? "" : home;
+  NodePtr broker;
+  if (clientFlag == 0) {
+    broker = std::make_shared<RemoteNode>(
+        [place](net::Deadline deadline, int&) {
+          int error = 0;
+          return ConnectToBroker(place, deadline, error);
+        },
+        PeerRole::kClient, kAnyNode, mTimeouts);
+  }
+  Close();
+  std::lock_guard lock(mMutex);
+  mBroker = std::move(broker);
+  mLinkSetting = std::move(links);
+  mLinkTls.reset();
+  return 0;
+}
+
+void FabricClient::Close() {
+  NodePtr broker;
+  std::map<std::uint16_t, Link> links;
+  std::lock_guard lock(mMutex);
+  broker.swap(mBroker);
+  links.swap(mLinks);
+  mLinkSetting = {};  // the object itself may never be destroyed
+  mLinkTls.reset();
+  mKnowsLocal = false;
+}
+
+int FabricClient::CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port) {
+  if (ip == nullptr || !IsNumericAddress(ip)) {
+    return kBmLocalError;
+  }
+  const std::string host = ip;
+  NodePtr node;
+  {
+    std::lock_guard lock(mMutex);
+    const auto found = mLinks.find(nodeId);
+    if (found != mLinks.end() && found->second.ip == host && found->second.port == port) {
+      node = found->second.node;
+    }
+  }
+  if (node == nullptr) {
+    LinkSecurity security;
+    if (const int refused = SecureLinks(security); refused != 0) {
+      return refused;
+    }
+    node = std::make_shared<RemoteNode>(
+        [host, port, security](net::Deadline deadline, int& result) {
+          return ConnectLink(host, port, security, deadline, result);
+        },
+        PeerRole::kClient, nodeId, mTimeouts);
+  }
+  if (const int result = node->Reach(); result != 0) {
+    return result;
+  }
+  NodePtr old;  // ends outside the lock
+  std::lock_guard lock(mMutex);
+  Link& link = mLinks[nodeId];
+  old = std::exchange(link.node, std::move(node));
+  link.ip = host;
+  link.port = port;
+  return 0;
+}
+
+int FabricClient::SecureLinks(LinkSecurity& security) {
+  tls::ClientSetting setting;
+  {
+    std::lock_guard lock(mMutex);
+    setting = mLinkSetting;
+    security.tls = mLinkTls;
+  }
+  security.report = setting.report;
+  if (!setting.enabled || security.tls != nullptr) {
+    return 0;
+  }
+  std::string error;
+  security.tls = tls::TlsContext::ForClient(setting.security, error);
+  if (security.tls == nullptr) {
+    if (setting.report != nullptr) {
+      setting.report("no link can be made: " + error);
+    }
+    return kBmLocalError;
+  }
+  std::lock_guard lock(mMutex);
+  mLinkTls = security.tls;
+  return 0;
+}
+
+int FabricClient::LocalNode(std::uint16_t& nodeId) {
+  NodePtr broker;
+  {
+    std::lock_guard lock(mMutex);
+    if (mKnowsLocal) {
+      nodeId = mLocalNode;
+      return 0;
+    }
+    broker = mBroker;
+  }
+  if (broker == nullptr) {
+    return kBmLocalError;
+  }
+  if (const int result = broker->Reach(&nodeId); result != 0) {
+    return result;
+  }
+  std::lock_guard lock(mMutex);
+  if (mBroker == broker) {
+    mKnowsLocal = true;
+    mLocalNode = nodeId;
+  }
+  return 0;
+}
+
+int FabricClient::Route(std::uint16_t nodeId, NodePtr& node, bool& local) {
+  NodePtr broker;
+  {
+    std::lock_guard lock(mMutex);
+    const auto found = mLinks.find(nodeId);
+    node = found == mLinks.end() ? nullptr : found->second.node;
+    broker = mBroker;
+  }
+  local = false;
+  if (broker == nullptr) {
+    return node == nullptr ? kBmUnconnected : 0;
+  }
+  std::uint16_t own = 0;
+  const int result = LocalNode(own);
+  local = result == 0 && own == nodeId;
+  if (local || node == nullptr) {
+    node = broker;
+    return result;
+  }
+  return 0;
+}
+
+int FabricClient::Query(NodeAttributes* attributes) {
+  NodePtr broker;
+  {
+    std::lock_guard lock(mMutex);
+    broker = mBroker;
+  }
+  return attributes == nullptr || broker == nullptr ? kBmLocalError : broker->Query(*attributes);
+}
+
+int FabricClient::CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token) {
+  Access access;
+  const int refused = ParseAccess(ns, token, access);
+  if (refused != 0) {
+    return refused == kBmLocalError ? refused : kBmNamespaceInvalid;
+  }
+  NodePtr node;
+  bool local = false;
+  const int result = Route(nodeId, node, local);
+  return result != 0 ? result : node->CreateNamespace(nodeId, access);
+}
+
+int FabricClient::DestroyNamespace(std::uint32_t nodeId, const char* ns, const char* token) {
+  Access access;
+  int result = nodeId > UINT16_MAX ? kBmLocalError : ParseAccess(ns, token, access);
+  NodePtr node;
+  bool local = false;
+  const auto id = static_cast<std::uint16_t>(nodeId);
+  result = result == 0 ? Route(id, node, local) : result;
+  return result != 0 ? result : node->DestroyNamespace(id, access);
+}
+
+int FabricClient::AllocateAt(std::uint16_t nodeId, const Access& access, std::uint64_t size,
+                             std::string& id) {
+  NodePtr node;
+  bool local = false;
+  const int result = Route(nodeId, node, local);
+  return result != 0 ? result : node->Allocate(nodeId, access, size, id);
+}
+
+int FabricClient::Allocate(const BmSecContext* context, std::uint64_t size, std::uint16_t nodeId) {
+  Access access;
+  std::string id;
+  int result = context == nullptr || context->bmId == nullptr
+                   ? kBmLocalError
+                   : ParseAccess(context->ns, context->token, access);
+  result = result == 0 ? AllocateAt(nodeId, access, size, id) : result;
+  if (result == 0) {
+    std::memcpy(const_cast<char*>(context->bmId), id.c_str(), id.size() + 1);
+  }
+  return result;
+}
+
+int FabricClient::Expand(const BmSecContext* context, std::uint64_t size) {
+  ObjectName object;
+  NodePtr node;
+  bool local = false;
+  int result = ParseObjectName(context, object);
+  result = result == 0 ? Route(OwnerOf(object.id), node, local) : result;
+  return result != 0 ? result : node->Expand(object, size);
+}
+
+int FabricClient::FreeObject(const ObjectName& object) {
+  NodePtr node;
+  bool local = false;
+  const int result = Route(OwnerOf(object.id), node, local);
+  return result != 0 ? result : node->Free(object);
+}
+
+int FabricClient::Free(const BmSecContext* context) {
+  ObjectName object;
+  const int result = ParseObjectName(context, object);
+  return result != 0 ? result : FreeObject(object);
+}
+
+int FabricClient::FreeBatch(const char* const* ids, std::uint32_t count, const char* ns, const char* token) {
+  Access access;
+  if (const int refused = ParseAccess(ns, token, access); refused != 0) {
+    return refused;
+  }
+  int first = ids == nullptr && count > 0 ? kBmLocalError : 0;
+  std::map<std::uint16_t, std::vector<std::string_view>> byOwner;
+  for (std::uint32_t index = 0; ids != nullptr && index < count; ++index) {
+    std::string_view id;
+    if (ParseId(ids[index], id) != 0) {
+      first = kBmLocalError;
+    } else {
+      byOwner[OwnerOf(id)].push_back(id);
+    }
+  }
+  for (const auto& [owner, some] : byOwner) {
+    NodePtr node;
+    bool local = false;
+    int result = Route(owner, node, local);
+    result = result == 0 ? node->FreeBatch(access, some) : result;
+    first = first == 0 ? result : first;
+  }
+  return first;
+}
+
+void FabricClient::LockForFork() {
+  mMutex.lock();
+  mMappings.LockForFork();
+  if (mBroker != nullptr) {
+    mBroker->LockForFork();
+  }
+  for (auto& [nodeId, link] : mLinks) {
+    link.node->LockForFork();
+  }
+}
+
+void FabricClient::UnlockAfterFork(bool child) {
+  for (auto& [nodeId, link] : mLinks) {
+    link.node->UnlockAfterFork(child);
+  }
+  if (mBroker != nullptr) {
+    mBroker->UnlockAfterFork(child);
+  }
+  mMappings.UnlockAfterFork();
+  mMutex.unlock();
+}
+
+}  // namespace vyn::fabric

@@ -1,0 +1,102 @@
+#pragma once
+
+// The fabric's client: what libbmclient.so keeps for its process.
+//
+// On a machine of the fabric (client flag 0) all requests go to the broker of the machine's node, which forwards
+// those for another node's objects, unless this process has made a link to that node. Outside the fabric (any
+// other flag) all requests go over the links. A call that needs a connection makes it.
+//
+// Threads: any thread may call anything; no lock is held while a node is called. A forked child makes
+// connections of its own and inherits the mappings made before the fork. Results are those of protocol.h.
+
+#include "platform/fabric/client/mapping_table.h"
+#include "platform/fabric/client/object_location.h"
+#include "platform/fabric/protocol/protocol.h"
+#include "platform/fabric/protocol/remote_node.h"
+#include "platform/fabric/transport/link.h"
+#include "platform/tls/client_setting.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace vyn::fabric {
+
+class FabricClient {
+ public:
+  explicit FabricClient(Timeouts timeouts = {}) : mTimeouts(timeouts) {}
+
+  /// Starts again: earlier links and connections are closed. \param home null or empty: the
+  /// environment's VYN_HOME. \param links how this process secures its links. With TLS on, a link is under
+  /// TLS or is refused.
+  int Initialize(const char* home, int clientFlag, tls::ClientSetting links = {});
+  /// Releases everything but the mappings. Calls in progress end by themselves.
+  void Close();
+  /// Forgets the mappings, which stay mapped: Unmap does not find them any more.
+  void ForgetMappings() { mMappings.Clear(); }
+
+  /// Links this process to a node, or moves the link to another address. \param ip numeric.
+  /// Returns: kBmUnconnected when nobody answers; kBmRemoteProtocol when another node answers, or one that
+  /// was refused or refuses (plain against TLS, a certificate without trust); kBmLocalError for an address
+  /// that is none, and when a file that TLS needs cannot be read.
+  int CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port);
+  int Query(NodeAttributes* attributes);
+  int CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token);
+  int DestroyNamespace(std::uint32_t nodeId, const char* ns, const char* token);
+
+  int Allocate(const BmSecContext* context, std::uint64_t size, std::uint16_t nodeId);
+  /// \param size the object's new size.
+  int Expand(const BmSecContext* context, std::uint64_t size);
+  int Free(const BmSecContext* context);
+  int FreeBatch(const char* const* ids, std::uint32_t count, const char* ns, const char* token);
+
+  /// \param protection 1 to 3, as of mmap. A copy pulled from another node is always mapped read-only. \param
+  /// flags 1, shared.
+  int Map(const BmSecContext* context, int protection, int flags, void** address);
+  int Unmap(const char* id, void* address);
+
+  int Read(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, void* buffer);
+  int Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, const void* buffer);
+  int Copy(const BmSecContext* source, std::uint64_t sourceOffset, const BmSecContext* destination,
+           std::uint64_t destinationOffset, std::uint64_t length);
+  /// Fills the beginning of the object from a file that this process may read. \param length the object's size as
+  /// the caller knows it; the part of the file must not be longer.
+  int SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length);
+  int Gather(const BmGatherContext* list, unsigned int flags, const BmSecContext* destination);
+
+  void LockForFork();
+  void UnlockAfterFork(bool child);
+
+ private:
+  using NodePtr = std::shared_ptr<RemoteNode>;
+
+  /// The proxy to call for objects of `nodeId`. \param local whether that is this machine's own node.
+  int Route(std::uint16_t nodeId, NodePtr& node, bool& local);
+  /// Fills in how links are secured. Returns: kBmLocalError when a file that TLS needs cannot be read.
+  int SecureLinks(LinkSecurity& security);
+  /// The id of this machine's node.
+  int LocalNode(std::uint16_t& nodeId);
+  int Locate(const ObjectName& object, bool writable, ObjectLocation& place);
+  int AllocateAt(std::uint16_t nodeId, const Access& access, std::uint64_t size, std::string& id);
+  int FreeObject(const ObjectName& object);
+  int GatherPieces(const std::vector<BmGatherPiece>& pieces, const ObjectName& destination);
+
+  const Timeouts mTimeouts;
+  std::mutex mMutex;  // guards all below except mMappings
+  tls::ClientSetting mLinkSetting;
+  std::shared_ptr<tls::TlsContext> mLinkTls;  // made by the first link that needs it
+  NodePtr mBroker;                            // null outside the fabric
+  bool mKnowsLocal = false;
+  std::uint16_t mLocalNode = 0;  // when known
+  struct Link {
+    std::string ip;
+    std::uint16_t port;
+    NodePtr node;
+  };
+  std::map<std::uint16_t, Link> mLinks;
+  MappingTable mMappings;
+};
+
+}  // namespace vyn::fabric

@@ -1,0 +1,232 @@
+// The client's calls that reach an object's bytes.
+
+#include "platform/fabric/client/arguments.h"
+#include "platform/fabric/client/fabric_client.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace vyn::fabric {
+
+namespace {
+
+/// The result of a transfer between several locations. \param remoteError stands for a failure of a remote node,
+/// which a plain read or write reports as kBmRemoteFailed.
+int Transferred(int result, int remoteError) { return result == kBmRemoteFailed ? remoteError : result; }
+
+int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, std::uint64_t& total) {
+  if (list == nullptr || list->type != kGatherPieces || list->size % sizeof(BmGatherPiece) != 0) {
+    return kBmLocalError;
+  }
+  pieces.resize(list->size / sizeof(BmGatherPiece));
+  if (!pieces.empty()) {
+    std::memcpy(pieces.data(), list + 1, list->size);
+  }
+  total = 0;
+  for (const BmGatherPiece& piece : pieces) {
+    std::string_view id;
+    if (piece.bmId[kIdLength] != '\0' || ParseId(piece.bmId, id) != 0 || total + piece.length < total) {
+      return kBmLocalError;
+    }
+    total += piece.length;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int FabricClient::Map(const BmSecContext* context, int protection, int flags, void** address) {
+  ObjectName object;
+  if (const int result = ParseObjectName(context, object); result != 0) {
+    return result;
+  }
+  NodePtr broker;
+  {
+    std::lock_guard lock(mMutex);
+    broker = mBroker;
+  }
+  if (address == nullptr || broker == nullptr || flags != MAP_SHARED || protection <= PROT_NONE ||
+      protection > (PROT_READ | PROT_WRITE)) {
+    return kBmLocalError;
+  }
+  bool writable = (protection & PROT_WRITE) != 0;
+  net::Descriptor file;
+  std::uint64_t size = 0;
+  if (const int result = broker->Open(object, writable, file, size); result != 0) {
+    return result;
+  }
+  // An empty object gets an address, too: mmap refuses a length of 0.
+  const std::size_t length = std::max<std::uint64_t>(size, 1);
+  void* mapped = ::mmap(nullptr, length, PROT_READ | (writable ? PROT_WRITE : 0), MAP_SHARED, file.Get(), 0);
+  if (mapped == MAP_FAILED) {
+    return kBmLocalError;
+  }
+  mMappings.Add(mapped, object.id, length);
+  *address = mapped;
+  return 0;
+}
+
+int FabricClient::Unmap(const char* id, void* address) {
+  std::string_view text;
+  return ParseId(id, text) != 0 || address == nullptr ? kBmLocalError : mMappings.Remove(address, text);
+}
+
+int FabricClient::Locate(const ObjectName& object, bool writable, ObjectLocation& place) {
+  NodePtr node;
+  bool local = false;
+  if (const int result = Route(OwnerOf(object.id), node, local); result != 0) {
+    return result;
+  }
+  if (!local) {
+    place = ObjectLocation(std::move(node), object);
+    return 0;
+  }
+  net::Descriptor file;
+  std::uint64_t size = 0;
+  if (const int result = node->Open(object, writable, file, size); result != 0) {
+    return result;
+  }
+  place = ObjectLocation(std::move(file), size);
+  return 0;
+}
+
+int FabricClient::Read(const BmSecContext* context, std::uint64_t offset, std::uint64_t length,
+                       void* buffer) {
+  ObjectName object;
+  ObjectLocation place;
+  int result = buffer == nullptr && length > 0 ? kBmLocalError : ParseObjectName(context, object);
+  result = result == 0 ? Locate(object, false, place) : result;
+  return result != 0 ? result : place.Read(offset, length, buffer);
+}
+
+int FabricClient::Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length,
+                        const void* buffer) {
+  ObjectName object;
+  ObjectLocation place;
+  int result = buffer == nullptr && length > 0 ? kBmLocalError : ParseObjectName(context, object);
+  result = result == 0 ? Locate(object, true, place) : result;
+  return result != 0 ? result : place.Write(offset, length, buffer);
+}
+
+int FabricClient::Copy(const BmSecContext* source, std::uint64_t sourceOffset,
+                       const BmSecContext* destination, std::uint64_t destinationOffset,
+                       std::uint64_t length) {
+  ObjectName from;
+  ObjectName to;
+  ObjectLocation fromLocation;
+  ObjectLocation toLocation;
+  int result = ParseObjectName(source, from);
+  result = result == 0 ? ParseObjectName(destination, to) : result;
+  result = result == 0 ? Locate(from, false, fromLocation) : result;
+  result = result == 0 ? Locate(to, true, toLocation) : result;
+  return result != 0
+             ? result
+             : ObjectLocation::Copy(fromLocation, sourceOffset, toLocation, destinationOffset, length);
+}
+
+int FabricClient::SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length) {
+  if (file == nullptr || block == nullptr || file->name == nullptr || file->length > length) {
+    return kBmLocalError;
+  }
+  ObjectName object;
+  const BmSecContext context{block->bmId, block->ns, block->token};
+  if (const int result = ParseObjectName(&context, object); result != 0) {
+    return result;
+  }
+  // A file of another node cannot be opened here; a negative number means this machine.
+  if (file->node >= 0) {
+    std::uint16_t own = 0;
+    if (const int unknown = LocalNode(own); unknown != 0) {
+      return unknown;
+    }
+    if (file->node != own) {
+      return kBmLocalError;
+    }
+  }
+  const net::Descriptor opened(::open(file->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat state {};
+  if (!opened || ::fstat(opened.Get(), &state) != 0 || !S_ISREG(state.st_mode)) {
+    return kBmLocalError;
+  }
+  const auto size = static_cast<std::uint64_t>(state.st_size);
+  if (file->offset > size || file->length > size - file->offset) {
+    return kBmLocalError;
+  }
+  ObjectLocation place;
+  int result = Locate(object, true, place);
+  result = result == 0 ? place.Fill(opened.Get(), file->offset, file->length) : result;
+  return Transferred(result, kBmRemoteSwapInError);
+}
+
+int FabricClient::Gather(const BmGatherContext* list, unsigned int flags, const BmSecContext* destination) {
+  std::vector<BmGatherPiece> pieces;
+  std::uint64_t total = 0;
+  if (const int result = GetPieces(list, pieces, total); result != 0) {
+    return result;
+  }
+  ObjectName object;
+  if (flags == kGatherExisting) {
+    const int result = ParseObjectName(destination, object);
+    return result != 0 ? result : Transferred(GatherPieces(pieces, object), kBmRemoteTransferError);
+  }
+  if (flags != kGatherNew || destination == nullptr || destination->bmId == nullptr) {
+    return kBmLocalError;
+  }
+  std::uint16_t where = 0;
+  int result = ParseAccess(destination->ns, destination->token, object.access);
+  const int local = result == 0 ? LocalNode(where) : 0;
+  if (local == kBmLocalError) {  // outside the fabric
+    if (pieces.empty()) {
+      return kBmLocalError;
+    }
+    where = OwnerOf(pieces.front().bmId);
+  } else {
+    result = result == 0 ? local : result;
+  }
+  std::string id;
+  result = result == 0 ? AllocateAt(where, object.access, total, id) : result;
+  if (result != 0) {
+    return result;
+  }
+  object.id = id;
+  result = GatherPieces(pieces, object);
+  if (result != 0) {
+    FreeObject(object);
+    return Transferred(result, kBmRemoteTransferError);
+  }
+  std::memcpy(const_cast<char*>(destination->bmId), id.c_str(), id.size() + 1);
+  return 0;
+}
+
+int FabricClient::GatherPieces(const std::vector<BmGatherPiece>& pieces, const ObjectName& destination) {
+  // All pieces are checked before the first is copied: a refused gather has changed nothing.
+  std::uint64_t total = 0;
+  for (const BmGatherPiece& piece : pieces) {
+    ObjectLocation from;
+    int wrong = Locate({destination.access, {piece.bmId, kIdLength}}, false, from);
+    wrong = wrong == 0 ? from.CheckRange(piece.offset, piece.length) : wrong;
+    if (wrong != 0) {
+      return wrong;
+    }
+    total += piece.length;
+  }
+  ObjectLocation to;
+  int result = Locate(destination, true, to);
+  result = result == 0 ? to.CheckRange(0, total) : result;
+  std::uint64_t offset = 0;
+  for (std::size_t index = 0; result == 0 && index < pieces.size(); ++index) {
+    const BmGatherPiece& piece = pieces[index];
+    ObjectLocation from;
+    result = Locate({destination.access, {piece.bmId, kIdLength}}, false, from);
+    result = result == 0 ? ObjectLocation::Copy(from, piece.offset, to, offset, piece.length) : result;
+    offset += piece.length;
+  }
+  return result;
+}
+
+}  // namespace vyn::fabric

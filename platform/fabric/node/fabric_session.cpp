@@ -1,0 +1,319 @@
+#include "platform/fabric/node/fabric_session.h"
+
+#include "platform/fabric/protocol/names.h"
+
+#include <cerrno>
+
+namespace vyn::fabric {
+
+namespace {
+
+/// How long after its answer an allocation is undone by a reset: longer than any caller waits for the answer.
+constexpr std::chrono::seconds kUnacknowledgedTime{30};
+
+}  // namespace
+
+bool FabricSession::Handle(ServerCall& call, Reader& arguments) {
+  mUnacknowledged.reset();
+  if (!mGreeted) {
+    return call.Operation() == FabricOperation::kHello && Hello(call, arguments);
+  }
+  switch (call.Operation()) {
+    case FabricOperation::kHello:
+      return false;
+    case FabricOperation::kQuery:
+      return Query(call, arguments);
+    case FabricOperation::kCreateNamespace:
+      return CreateNamespace(call, arguments);
+    case FabricOperation::kDestroyNamespace:
+      return DestroyNamespace(call, arguments);
+    case FabricOperation::kAllocate:
+      return Allocate(call, arguments);
+    case FabricOperation::kExpand:
+      return Expand(call, arguments);
+    case FabricOperation::kFree:
+      return Free(call, arguments);
+    case FabricOperation::kFreeBatch:
+      return FreeBatch(call, arguments);
+    case FabricOperation::kOpen:
+      return Open(call, arguments);
+    case FabricOperation::kStat:
+      return Stat(call, arguments);
+    case FabricOperation::kRead:
+      return Read(call, arguments);
+    case FabricOperation::kWrite:
+      return Write(call, arguments);
+    case FabricOperation::kCopy:
+      return Copy(call, arguments);
+    case FabricOperation::kExist:
+      return Exist(call, arguments);
+  }
+  return false;
+}
+
+int FabricSession::Route(std::uint16_t owner, NodePtr& other) const {
+  if (owner == mParts.nodeId) {
+    return 0;
+  }
+  if (mKind == ListenerKind::kLink) {
+    return kBmRemoteProtocol;
+  }
+  other = mParts.neighbours.Find(owner);
+  return other == nullptr ? kBmUnconnected : 0;
+}
+
+int FabricSession::ResultForCaller(int result) const {
+  if (result != -EIO) {
+    return result;
+  }
+  return mKind == ListenerKind::kBroker ? kBmLocalError : kBmRemoteFailed;
+}
+
+bool FabricSession::Hello(ServerCall& call, Reader& arguments) {
+  const auto version = arguments.Get<std::uint16_t>();
+  arguments.Get<std::uint16_t>();  // the role: both roles have the same rights
+  const auto expected = arguments.Get<std::uint32_t>();
+  if (!arguments.Complete()) {
+    return false;
+  }
+  if (version != kProtocolVersion || (expected != kAnyNode && expected != mParts.nodeId)) {
+    call.Answer(kBmRemoteProtocol);
+    return false;
+  }
+  mGreeted = true;
+  return call.Answer(0, Writer().Put(mParts.nodeId).Bytes());
+}
+
+bool FabricSession::Query(ServerCall& call, Reader& arguments) {
+  if (!arguments.Complete()) {
+    return false;
+  }
+  Writer answer;
+  const Capacity& bytes = mParts.pool.Bytes();
+  answer.Put(mParts.nodeId).Put(bytes.Limit()).Put(bytes.Used()).Put(mParts.pool.ObjectCount());
+  return call.Answer(0, answer.Bytes());
+}
+
+int FabricSession::CreateGuardedNamespace(const Access& access) {
+  NamespacePtr known;
+  if (mParts.namespaceGuard != nullptr && IsNamespaceName(access.ns) &&
+      mParts.pool.Authorize(access, known) != 0) {
+    const int refusal = mParts.namespaceGuard(std::string(access.ns), std::string(access.token));
+    if (refusal != 0) {
+      return refusal;
+    }
+  }
+  return mParts.pool.CreateNamespace(access.ns, access.token);
+}
+
+bool FabricSession::CreateNamespace(ServerCall& call, Reader& arguments) {
+  const auto node = arguments.Get<std::uint16_t>();
+  const Access access = ReadAccess(arguments);
+  if (!arguments.Complete()) {
+    return false;
+  }
+  return call.Answer(Forward(
+      node, [&](const NodePtr& other) { return other->CreateNamespace(node, access); },
+      [&] { return CreateGuardedNamespace(access); }));
+}
+
+bool FabricSession::DestroyNamespace(ServerCall& call, Reader& arguments) {
+  const auto node = arguments.Get<std::uint16_t>();
+  const Access access = ReadAccess(arguments);
+  if (!arguments.Complete()) {
+    return false;
+  }
+  const auto progress = [&call] { return call.SendProgress(); };
+  return call.Answer(Forward(
+      node, [&](const NodePtr& other) { return other->DestroyNamespace(node, access, progress); },
+      [&] {
+        return InNamespace(
+            access, [&](const NamespacePtr& space) { return mParts.pool.DestroyNamespace(space, progress); });
+      }));
+}
+
+bool FabricSession::Allocate(ServerCall& call, Reader& arguments) {
+  const auto node = arguments.Get<std::uint16_t>();
+  const Access access = ReadAccess(arguments);
+  const auto size = arguments.Get<std::uint64_t>();
+  if (!arguments.Complete() || call.PeerGone()) {
+    return false;
+  }
+  UnacknowledgedAllocation made{{}, {}, {}, {}, {}, net::Deadline::After({})};
+  const int result = Forward(
+      node,
+      [&](const NodePtr& other) {
+        made.other = other;
+        made.ns = access.ns;
+        made.token = access.token;
+        return other->Allocate(node, access, size, made.id);
+      },
+      [&] {
+        return InNamespace(access, [&](const NamespacePtr& space) {
+          made.space = space;
+          return mParts.pool.Allocate(space, size, made.id);
+        });
+      });
+  if (result != 0) {
+    return call.Answer(result);
+  }
+  // Without an answer nobody would know the id, and the object would stay for ever.
+  made.undoUntil = net::Deadline::After(kUnacknowledgedTime);
+  if (call.PeerGone() || !call.Answer(0, Writer().Text(made.id).Bytes())) {
+    FreeUnacknowledged(made);
+    return false;
+  }
+  mUnacknowledged = std::move(made);
+  return true;
+}
+
+void FabricSession::FreeUnacknowledged(const UnacknowledgedAllocation& allocation) {
+  if (allocation.other == nullptr) {
+    mParts.pool.Free(allocation.space, allocation.id);
+    return;
+  }
+  const int result = allocation.other->Free({{allocation.ns, allocation.token}, allocation.id});
+  if (result != 0 && result != -ENOENT && mParts.warn != nullptr) {
+    mParts.warn("the object " + allocation.id +
+                " stays though nobody knows it: it could not be freed, result " + std::to_string(result));
+  }
+}
+
+void FabricSession::OnConnectionEnd(net::IoStatus how) {
+  if (how == net::IoStatus::kReset && mUnacknowledged.has_value() && !mUnacknowledged->undoUntil.IsOver()) {
+    FreeUnacknowledged(*mUnacknowledged);
+  }
+}
+
+bool FabricSession::Expand(ServerCall& call, Reader& arguments) {
+  const ObjectName object = ReadObjectName(arguments);
+  const auto size = arguments.Get<std::uint64_t>();
+  if (!arguments.Complete() || !IsObjectId(object.id)) {
+    return false;
+  }
+  return call.Answer(Forward(
+      OwnerOf(object.id), [&](const NodePtr& other) { return other->Expand(object, size); },
+      [&] {
+        return InNamespace(object.access, [&](const NamespacePtr& space) {
+          return mParts.pool.Expand(space, object.id, size);
+        });
+      }));
+}
+
+bool FabricSession::Free(ServerCall& call, Reader& arguments) {
+  const ObjectName object = ReadObjectName(arguments);
+  if (!arguments.Complete() || !IsObjectId(object.id)) {
+    return false;
+  }
+  return call.Answer(Forward(
+      OwnerOf(object.id),
+      [&](const NodePtr& other) {
+        const int result = other->Free(object);
+        if (result == 0) {
+          mParts.copies.Drop(object.id);
+        }
+        return result;
+      },
+      [&] {
+        return InNamespace(object.access,
+                           [&](const NamespacePtr& space) { return mParts.pool.Free(space, object.id); });
+      }));
+}
+
+bool FabricSession::FreeBatch(ServerCall& call, Reader& arguments) {
+  const Access access = ReadAccess(arguments);
+  const auto count = arguments.Get<std::uint16_t>();
+  std::vector<std::string_view> ids;
+  for (std::uint32_t index = 0; index < count && count <= kMaxIdsPerFrame; ++index) {
+    ids.push_back(arguments.Text());
+    if (!IsObjectId(ids.back()) || OwnerOf(ids.back()) != OwnerOf(ids.front())) {
+      return false;
+    }
+  }
+  if (!arguments.Complete()) {
+    return false;
+  }
+  return call.Answer(Forward(
+      ids.empty() ? mParts.nodeId : OwnerOf(ids.front()),
+      [&](const NodePtr& other) {
+        const int result = other->FreeBatch(access, ids, [&call] { return call.SendProgress(); });
+        for (const std::string_view id : ids) {
+          if (result == 0) {
+            mParts.copies.Drop(id);
+          }
+        }
+        return result;
+      },
+      [&] {
+        return InNamespace(access, [&](const NamespacePtr& space) {
+          int result = 0;
+          for (const std::string_view id : ids) {
+            const int freed = mParts.pool.Free(space, id);
+            result = result == 0 ? freed : result;
+            call.SendProgress();
+          }
+          return result;
+        });
+      }));
+}
+
+bool FabricSession::Open(ServerCall& call, Reader& arguments) {
+  const ObjectName object = ReadObjectName(arguments);
+  bool writable = arguments.Get<std::uint8_t>() != 0;
+  if (!arguments.Complete() || !IsObjectId(object.id) || mKind != ListenerKind::kBroker) {
+    return false;
+  }
+  net::Descriptor file;
+  std::uint64_t size = 0;
+  int result = 0;
+  if (OwnerOf(object.id) == mParts.nodeId) {
+    result = OpenLocal(object, writable, file, size);
+  } else {
+    writable = false;
+    result = mParts.copies.Open(
+        object, [&call] { return call.SendProgress(); }, file, size);
+  }
+  if (result != 0) {
+    return call.Answer(ResultForCaller(result));
+  }
+  Writer answer;
+  answer.Put(size).Put(static_cast<std::uint8_t>(writable));
+  return call.Answer(0, answer.Bytes(), file.Get());
+}
+
+bool FabricSession::Stat(ServerCall& call, Reader& arguments) {
+  const ObjectName object = ReadObjectName(arguments);
+  if (!arguments.Complete() || !IsObjectId(object.id)) {
+    return false;
+  }
+  std::uint64_t size = 0;
+  const int result = Forward(
+      OwnerOf(object.id), [&](const NodePtr& other) { return other->Stat(object, size); },
+      [&] {
+        return InNamespace(object.access, [&](const NamespacePtr& space) {
+          return mParts.pool.Stat(space, object.id, size);
+        });
+      });
+  Writer answer;
+  answer.Put(size);
+  return call.Answer(result, result == 0 ? answer.Bytes() : std::string_view());
+}
+
+bool FabricSession::Exist(ServerCall& call, Reader& arguments) {
+  const auto count = arguments.Get<std::uint16_t>();
+  std::vector<std::string> ids;
+  for (std::uint32_t index = 0; index < count && count <= kMaxIdsPerFrame; ++index) {
+    const std::string_view id = arguments.Text();
+    ids.emplace_back(IsObjectId(id) ? id : "");  // a text that is no id names no object
+  }
+  if (!arguments.Complete() || mKind != ListenerKind::kLink) {
+    return false;
+  }
+  Writer answer;
+  for (const bool exists : mParts.pool.Exist(ids)) {
+    answer.Put(static_cast<std::uint8_t>(exists));
+  }
+  return call.Answer(0, answer.Bytes());
+}
+
+}  // namespace vyn::fabric
