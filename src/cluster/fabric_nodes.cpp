@@ -19,7 +19,7 @@ int ReadRecord(const std::string& path, int size, Record& record) {
   std::string value(static_cast<std::size_t>(size), '\0');
   const int result = DoDlZooGet(g_ZKHandler, path.c_str(), 0, value.data(), &size, nullptr);
   if (result == ZOK) {
-    value.resize(static_cast<std::size_t>(size < 0 ? 0 : size));  // a null value has length -1
+    value.resize(static_cast<std::size_t>(size < 0 ? 0 : size));  // -1 for a znode without a value
     record.Decode(value);
   }
   return result;

@@ -25,7 +25,7 @@ struct CapacityBytes {
 };
 static_assert(sizeof(CapacityBytes) == kCapacityRecordSize);
 
-/// The last byte stays NUL.
+/// Copies `text` and leaves at least the last byte NUL.
 template <std::size_t kSize>
 void PutText(const std::string& text, char (&field)[kSize]) {
   std::memcpy(field, text.data(), std::min(text.size(), kSize - 1));

@@ -1,12 +1,12 @@
 #pragma once
 
-// The two binary records of a node of the memory fabric in ZooKeeper, little-endian. The node writes them, everybody else
-// reads them.
+// The two binary records that ZooKeeper holds about a node of the memory fabric, little-endian. Each vynd
+// writes those of its own node.
 //
 //   /mf/node/<node id>      88 bytes: 4 unused, 4 link port, 16 address, 64 host name; both texts end in NUL
-//   /mf/capacity/<node id>  24 bytes: 8 size of the pool, 8 free bytes of it, 8 seconds since the epoch
+//   /mf/capacity/<node id>  24 bytes: 8 size of the pool, 8 free bytes of it, 8 Unix time in seconds
 //
-// Threads: any.
+// No shared state: an object belongs to one thread.
 
 #include <cstdint>
 #include <string>
@@ -19,11 +19,11 @@ inline constexpr int kCapacityRecordSize = 24;
 
 struct NodeRecord {
   std::uint32_t linkPort = 0;
-  std::string address;   ///< at most 15 bytes are written
-  std::string hostName;  ///< at most 63 bytes are written
+  std::string address;   ///< Encode writes at most 15 bytes
+  std::string hostName;  ///< Encode writes at most 63 bytes
 
   std::string Encode() const;
-  /// Reads `bytes` over what the record holds: of a shorter value it keeps the rest.
+  /// Replaces the members by those in `bytes`. Shorter `bytes` leave the rest unchanged; longer ones are cut.
   void Decode(std::string_view bytes);
 };
 

@@ -17,7 +17,8 @@ namespace vyn::cluster {
 namespace {
 
 constexpr unsigned int kRetryLimit = 3;
-/// After the first to the fourth failure. The last one delays no attempt: it stands before the caller's look-up of the leader.
+/// The sleeps after the first, second, third and fourth failed attempt. No attempt follows the last sleep,
+/// only `afterFailure`, which asks for the leader.
 constexpr std::array<common::Retry::Duration, kRetryLimit + 1> kPauses{
     std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
 

@@ -46,8 +46,8 @@ common::RPCEnginePool* NewLeaderPool(const common::RPCEngineParam& param, std::u
   return new (std::nothrow) Pool(param, poolSize, groupIndex, std::move(securityConf));
 }
 
-/// Puts `made` in place of the process's client. \param mutex guards `place`. \param name of the class, for the log. Returns:
-/// `made`; null, logged, when there was no memory for it.
+/// Makes `made` the process's client. \param made null when there was no memory for it, which is logged.
+/// \param mutex guards `place`. \param name the class's name, for the log. Returns: `made`.
 template <typename Client>
 common::Ref<Client> PublishClient(const common::Ref<Client>& made, common::Ref<Client>& place,
                                   std::mutex& mutex, const char* name) {
@@ -84,7 +84,7 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   /// InitializeEnginePool for the leader that MetaNodeInfo names. Requires: LoadDependencies has succeeded.
   std::uint32_t ConnectToLeader();
   /// One operation: at most 4 attempts, on 2020019 and 2020021, with sleeps of 0, 5, 10 and 15 seconds after
-  /// the failed ones. Before each attempt the leader is compared.
+  /// the failed ones. Calls RefreshMasterNodeInfo before each attempt.
   /// \param response may hold null. \param afterFailure called after each failed attempt and its sleep, with
   /// the attempt's status; may be empty. Returns: the status of the last attempt.
   std::uint32_t SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,

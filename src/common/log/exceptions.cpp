@@ -13,7 +13,7 @@ void LogException(const char* where, const char* text) noexcept {
   try {
     VYN_LOG_ERROR(where << ": " << text);
   } catch (...) {
-    static_cast<void>(where);  // the line is lost, the status is not
+    static_cast<void>(where);  // the log line is lost; the caller still gets its status
   }
 }
 

@@ -34,7 +34,7 @@ long EffectiveTimeout(long timeout) {
 unsigned int ToStatus(int transportStatus) {
   switch (transportStatus) {
     case rpc::kConnectionLost:
-    case rpc::kBusy:  // the server took no call, so it may be tried again
+    case rpc::kBusy:  // the server has not run the call, so a retry is safe
       return VYN_ERR_RPC_TRANSPORT_A;
     case rpc::kTimedOut:
       return VYN_ERR_RPC_TRANSPORT_B;

@@ -38,7 +38,7 @@ inline void WaitFor(std::condition_variable& condition, std::unique_lock<std::mu
 }
 /// Clock::Now of the clock in use.
 inline std::chrono::steady_clock::time_point SteadyNow() { return Clock::Get().Now(); }
-/// Waits through the seam until `done()`, at most `limit`. Returns: done().
+/// Waits with the clock in use until `done()` returns true, at most `limit`. Returns: done().
 template <typename Done>
 bool WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
              std::chrono::nanoseconds limit, Done done) {

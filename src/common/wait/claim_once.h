@@ -1,12 +1,12 @@
 #pragma once
 
-// The claim to bring something up once in a process. One thread has it at a time. The others wait for what comes of its
-// work.
+// The claim to initialise something once in a process. One thread at a time has the claim and does the work;
+// the others wait for the result.
 //
 //   down ──Take──▶ claimed ──Succeed──▶ up ──TakeDown──▶ claimed ──Free──▶ down
 //                     └──Fail──▶ down
 //
-// Threads: any. The waits go through the seam of common/util/clock.h.
+// Any thread may call any operation. A wait uses the clock of common/util/clock.h.
 
 #include <atomic>
 #include <chrono>
@@ -19,26 +19,27 @@ namespace vyn::common {
 class ClaimOnce {
  public:
   enum class Result {
-    kClaimed,   ///< this thread has the claim and owes Succeed, Fail or Free
-    kUp,        ///< it is up
+    kClaimed,   ///< this thread has the claim and must call Succeed, Fail or Free
+    kUp,        ///< another thread has succeeded
     kFailed,    ///< the thread that had the claim has failed
-    kTimedOut,  ///< the thread that has the claim did not end in time
+    kTimedOut,  ///< the thread that has the claim has not finished in time
   };
-  /// No limit for a wait.
+  /// The `limit` of a wait that does not end.
   static constexpr std::chrono::nanoseconds kNoLimit = std::chrono::hours(1000000);
 
-  /// Takes the claim, or waits for the thread that has it, at most `limit`.
-  /// \param failure receives the status with which that thread failed, and the claim is not taken then. Null: the claim is
-  ///        taken as soon as it is free.
+  /// Takes the claim if the state is down. If another thread has the claim, waits for it, at most `limit`.
+  /// \param failure receives the status with which that thread failed; Take then returns kFailed without the
+  ///        claim. With null, Take takes the claim after a failure of that thread.
   Result Take(std::chrono::nanoseconds limit, std::uint32_t* failure = nullptr);
-  /// It is up. What this thread wrote before is visible to every thread that sees IsUp or gets kUp. Requires: the claim.
+  /// Changes the state to up. A thread that then gets true from IsUp, or kUp, sees what this thread wrote
+  /// before. Requires: the claim.
   void Succeed();
-  /// It is down, and those who wait are told `status`. Requires: the claim.
+  /// Changes the state to down and gives `status` to the waiting threads. Requires: the claim.
   void Fail(std::uint32_t status);
-  /// Turns what is up into a claim of this thread, which takes it down and then calls Free. Returns: false when it is not
-  /// up.
+  /// If the state is up, gives this thread the claim; it undoes the initialisation and then calls Free.
+  /// Returns: whether the state was up.
   bool TakeDown();
-  /// It is down, whoever had the claim.
+  /// Changes the state to down, whichever thread has the claim.
   void Free();
   bool IsUp() const { return mState.load(std::memory_order_acquire) == State::kUp; }
 

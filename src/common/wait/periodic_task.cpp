@@ -63,7 +63,7 @@ void PeriodicTask::Run(const char* failure, const std::function<void()>& round) 
     lock.unlock();
     try {
       round();
-    } catch (...) {  // without memory, most likely: the next round may have some
+    } catch (...) {  // probably bad_alloc; the next round may succeed
       static_cast<void>(StatusOfException(failure));
     }
     lock.lock();

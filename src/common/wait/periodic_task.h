@@ -1,10 +1,9 @@
 #pragma once
 
-// Work that a thread of its own does again and again. The time between two rounds goes through the seam of
-// common/util/clock.h.
+// Calls a function periodically on a thread of its own. The waits use the clock of common/util/clock.h.
 //
-// Threads: any, but for Start and Stop, which one thread at a time calls. No lock is held during a round, so the work may
-// call Wake, SetPeriod and Stopping.
+// Any thread may call any operation; only one thread at a time may call Start or Stop. No lock is held during
+// a round (one call of the function), so the function may call Wake, SetPeriod, RequestStop and Stopping.
 
 #include <chrono>
 #include <condition_variable>
@@ -18,28 +17,28 @@ class PeriodicTask {
  public:
   struct Options {
     const char* failure;              ///< logged, with the exception's text, when a round throws
-    std::chrono::nanoseconds period;  ///< from the end of a round to the begin of the next
-    bool atOnce = false;              ///< the first round does not wait for a period
+    std::chrono::nanoseconds period;  ///< from the end of a round to the start of the next
+    bool atOnce = false;              ///< whether the first round starts without a wait
   };
 
   PeriodicTask() = default;
-  /// Stops.
+  /// Calls Stop.
   ~PeriodicTask();
   PeriodicTask(const PeriodicTask&) = delete;
   PeriodicTask& operator=(const PeriodicTask&) = delete;
 
-  /// Starts the thread. A task that runs is stopped first. A round that throws is logged, and the next one comes after the
-  /// period.
+  /// Starts the thread, after it has stopped a running one. When a round throws, the exception is logged, and
+  /// the next round follows after the period.
   void Start(const Options& options, std::function<void()> round);
-  /// The next round begins now, or when the one under way has ended.
+  /// Ends the wait: the next round starts at once, or after the present one.
   void Wake();
-  /// Counts from the next wait on.
+  /// Sets the period of the waits that begin after this call.
   void SetPeriod(std::chrono::nanoseconds period);
-  /// No further round begins. Waits for nothing.
+  /// Prevents further rounds. Does not wait.
   void RequestStop();
   /// Returns: whether RequestStop or Stop was called since the last Start.
   bool Stopping() const;
-  /// RequestStop, then waits for the round under way. Returns: whether the task was running.
+  /// Calls RequestStop and waits for the end of the present round. Returns: whether the task was running.
   bool Stop();
 
  private:

@@ -1,6 +1,6 @@
 #pragma once
 
-// How a call is tried again that failed for a reason which may pass:
+// Counts the attempts of a call and sleeps between them:
 //
 //   Retry retry = Retry::Times(3, std::chrono::seconds(1));
 //   do {
@@ -10,9 +10,10 @@
 //   } while (retry.Again());
 //   return false;
 //
-// The pauses go through the seam of common/util/clock.h, in the calling thread and under whatever lock it holds.
+// Again sleeps in the calling thread, with the clock of common/util/clock.h, also while the thread holds a
+// lock.
 //
-// Threads: an object belongs to one thread.
+// Not thread-safe: an object belongs to one thread.
 
 #include <chrono>
 #include <optional>
@@ -24,14 +25,15 @@ class Retry {
  public:
   using Duration = std::chrono::nanoseconds;
 
-  /// A retry after each of `pauses`, which outlive the object.
+  /// One retry after each of `pauses`, an array that must outlive the object.
   static Retry After(std::span<const Duration> pauses);
-  /// At most `attempts` calls in all, `pause` apart.
+  /// At most `attempts` attempts, the first included, with `pause` between them.
   static Retry Times(unsigned int attempts, Duration pause = Duration::zero());
-  /// Retries `pause` apart, as long as they begin within `limit` from now.
+  /// Retries with `pause` before each, as long as they begin within `limit` from now.
   static Retry For(Duration limit, Duration pause);
 
-  /// Sleeps the pause before the next attempt. Returns: false, without a sleep, when there is no further attempt.
+  /// Sleeps before the next attempt and returns true. Returns: false, without a sleep, after the last
+  /// attempt.
   bool Again();
   /// Returns: how often Again has returned true.
   unsigned int Count() const { return mCount; }
@@ -40,8 +42,8 @@ class Retry {
   Retry(std::span<const Duration> pauses, unsigned int limit, Duration pause)
       : mPauses(pauses), mLimit(limit), mPause(pause) {}
 
-  std::span<const Duration> mPauses;  ///< empty: mPause before every retry
-  unsigned int mLimit;                ///< the most retries
+  std::span<const Duration> mPauses;  ///< if empty, mPause comes before every retry
+  unsigned int mLimit;                ///< largest number of retries
   Duration mPause;
   std::optional<std::chrono::steady_clock::time_point> mEnd;
   unsigned int mCount = 0;

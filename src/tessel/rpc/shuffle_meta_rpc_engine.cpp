@@ -24,7 +24,7 @@ constexpr cluster::LeaderService kMetadataService{
     .logsThread = true,
     .newPool = &cluster::NewLeaderPool<MetaRPCEnginePool>,
     .connectFailed = [](std::uint32_t status) -> std::uint32_t {
-      // The caller learns that the pool failed, the log why.
+      // The log has the pool's status; the caller gets this one.
       VYN_LOG_ERROR("Failed to initialize meta rpc client by meta rpc engine pool with error code "
                     << status);
       return VYN_ERR_META_POOL_INIT;

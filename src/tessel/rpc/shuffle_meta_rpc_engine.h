@@ -3,10 +3,10 @@
 // The typed client of the metadata service, which runs on the elected leader.
 //
 // Threads: after CreateInstance and Initialize, any number of threads may call the operations.
-// cluster/leader/leader_rpc_engine.h says how the client follows the leader and what it retries: an operation makes
-// at most 4 attempts, with 30 seconds of sleep between them. In an executor the client asks the node server
-// for the leader after each failed attempt. A driver has no client of the node server: there the ZooKeeper
-// watch updates MetaNodeInfo.
+// cluster/leader/leader_rpc_engine.h says how the client follows the leader and what it retries: an operation
+// makes at most 4 attempts, with 30 seconds of sleep between them. In an executor the client asks the node
+// server for the leader after each failed attempt. A driver has no client of the node server: there the
+// ZooKeeper watch updates MetaNodeInfo.
 //
 // Operations return 0; 2000013 for a refused argument, before anything is sent; 2000057 without memory or for
 // a null request; 2060009 when the call failed, with its code in the log; other codes where an operation says
@@ -124,8 +124,8 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   static Ref<ShuffleMetaRPCEngine>& gShuffleMetaRPCEngine;
 
  private:
-  /// SendAndWaitReply for an operation whose failure has no other trace than a line of the log: `failure` and the call's
-  /// status. Returns: 0 or 2060009.
+  /// SendAndWaitReply for most operations: logs `failure` with the status of a failed call. Returns: 0 or
+  /// 2060009.
   std::uint32_t Call(short opcode, const Ref<common::BaseMessage>& request,
                      const Ref<common::BaseMessage>& response, const char* failure);
 

@@ -4,8 +4,8 @@
 // own.
 //
 // Threads: after CreateInstance and Initialize, any number of threads may call the operations. The client
-// follows the leader and retries as cluster/leader/leader_rpc_engine.h says. It does not ask for the leader: other
-// code in the process must keep MetaNodeInfo current.
+// follows the leader and retries as cluster/leader/leader_rpc_engine.h says. It does not ask for the leader:
+// other code in the process must keep MetaNodeInfo current.
 //
 // Operations return 0; 2000013 for a refused argument, before anything is sent; 2000057 without memory;
 // 2020025, or 2060009 for a heartbeat, when the call failed, with its code in the log. The caller provides

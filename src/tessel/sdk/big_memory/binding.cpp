@@ -20,20 +20,21 @@ using vyn::common::StatusOfException;
 
 namespace {
 
-// How long a thread waits for another one's attempt before it gives up.
+// How long a thread waits for an initialisation by another thread.
 constexpr auto kClaimLimit = std::chrono::minutes(1);
 
-// Home and flag of the last successful BmInitialize. Never destroyed: a thread may be inside a call at the
-// process's end.
-std::mutex g_savedMutex;  // guards both
+// Home and flag of the last successful BmInitialize. Never destroyed: a thread may still be inside a call
+// while the process exits.
+std::mutex g_savedMutex;  // guards g_vynHome and g_clientFlag
 std::string& g_vynHome = *new std::string;
 std::int32_t g_clientFlag = 0;
 
-// Up while the library is open. It publishes the function table. Never destroyed, as above.
+// Up while the library is initialised. IsUp makes the pointers of BigMemoryClientApi visible. Never
+// destroyed, as above.
 ClaimOnce& g_bmClaim = *new ClaimOnce;
 
-/// What the thread with the claim does.
-unsigned int BringUp(const char* home, int clientFlag) {
+/// Opens and initialises the library. Requires: g_bmClaim.
+unsigned int InitializeLibrary(const char* home, int clientFlag) {
   std::string error;
   if (!BigMemoryClientApi::Open(error)) {
     return VYN_FAIL(VYN_ERR_BM_INIT, "Failed to initialize mf bm client with error: " << error);
@@ -109,12 +110,12 @@ std::uint32_t BmInitialize(const char* home, int clientFlag) try {
   }
   unsigned int status = VYN_OK;
   try {
-    status = BringUp(home, clientFlag);
+    status = InitializeLibrary(home, clientFlag);
   } catch (...) {
     status = StatusOfException("BmInitialize");
   }
   if (Failed(status)) {
-    // Closed, so that the next attempt loads what stands in the installation by then.
+    // Closed, so that the next attempt opens the library's file again.
     BigMemoryClientApi::Close();
     g_bmClaim.Fail(status);
     return status;
@@ -129,7 +130,7 @@ std::uint32_t BmUninitialize() try {
   if (!g_bmClaim.TakeDown()) {
     return VYN_OK;
   }
-  // Those who initialise meanwhile wait, instead of opening what this closes.
+  // The claim is released last: a thread that calls BmInitialize meanwhile waits for it.
   BigMemoryClientApi::Close();
   g_bmClaim.Free();
   return VYN_OK;

@@ -36,7 +36,8 @@ unsigned int TransferStatus(const char* verb, int result, const char* bmId, unsi
                                                << " ret is: " << result);
 }
 
-/// A read or a write. \param function the library's, null until the library is up.
+/// A read or a write. \param function a pointer to the library's function, which is set once the library is
+/// up.
 std::uint32_t Transfer(const char* verb, const decltype(BigMemoryClientApi::apiBmRead)& function,
                        BmSecContext object, unsigned long offset, unsigned long length, void* buffer,
                        unsigned int flags) {

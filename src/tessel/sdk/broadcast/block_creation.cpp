@@ -70,7 +70,8 @@ unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsi
   return VYN_ERR_BLOCK_ALLOC;
 }
 
-/// What a remote creation has made on its node. Its end takes back what was not kept.
+/// What CreateBroadcastBlockBatchRemote has created on the chosen node. The destructor undoes it unless it
+/// was kept.
 class RemoteCreation {
  public:
   RemoteCreation(const std::string& ns, const std::string& token, unsigned short nodeId)
@@ -79,8 +80,8 @@ class RemoteCreation {
   RemoteCreation(const RemoteCreation&) = delete;
   RemoteCreation& operator=(const RemoteCreation&) = delete;
 
-  /// Frees the blocks and destroys the namespace, as far as they were made. The results are not examined: the caller has to
-  /// know the failure that led here.
+  /// Frees the blocks and destroys the namespace, as far as they were created. Ignores the results: the
+  /// caller gets the failure that caused this.
   void RollBack() {
     if (mHasBlocks) {
       BmFreeForBlockRemotely(mNs, mToken, mIds);

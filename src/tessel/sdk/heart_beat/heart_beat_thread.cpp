@@ -96,7 +96,7 @@ void HeartBeatThread::Task() {
   while (mRunning) {
     try {
       Send(true);
-    } catch (...) {  // without memory, most likely: the next heartbeat may have some
+    } catch (...) {  // probably bad_alloc; the next heartbeat may succeed
       static_cast<void>(StatusOfException("heartbeat"));
     }
     // The monotonic clock: setting back the wall clock must not delay the heartbeats.

@@ -35,9 +35,9 @@ extern common::Ref<cluster::ClusterZKAdapter>& g_clusterZkAdapter_broadcast;
 /// The process's configuration. Null until BroadcastInitialize has read it.
 extern common::Ref<common::Configuration>& g_broadcastConf;
 
-/// Which thread initialises. The three flags below show its state to others; start_up.cpp tells what they say together.
+/// The claim of initialisation. The three flags below publish its state; start_up.cpp lists their values.
 extern common::ClaimOnce& g_startUp;
-/// Makes the claim of initialisation free, whoever has it: the next initialisation runs.
+/// Releases the claim of initialisation, whichever thread has it, so that the next initialisation can run.
 void FreeInitClaim();
 
 /// 1 while a thread has claimed or finished initialisation.

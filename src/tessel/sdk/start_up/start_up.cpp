@@ -7,7 +7,8 @@
 //   uninitialised                   0              0                1
 //   re-initialisation runs          1              0                1
 //
-// One thread works under the claim; the others wait until the state is ready or the claim is free again.
+// The thread that has the claim g_startUp does the work. Other threads wait until the state is ready or the
+// claim is free.
 
 #include "common/api/base_api_util.h"
 #include "common/config/configuration.h"
@@ -47,6 +48,7 @@ using namespace vyn::tessel;
 namespace {
 
 constexpr unsigned int kDriverFlag = 0;
+
 bool LoadConfiguration(const std::string& home) {
   const std::string path = home + "/conf/vyn.conf";
   const bool exists = FileUtil::IsPathExist(path);
@@ -102,7 +104,8 @@ unsigned int ConnectMetadataClient(unsigned int flag) {
   return VYN_OK;
 }
 
-/// The steps under the claim. Objects of a failed attempt stay and are replaced by the next one.
+/// The steps of an initialisation. The next attempt replaces the objects of a failed one. Requires: the
+/// claim.
 unsigned int StartUp(const std::string& home, unsigned int flag) {
   // Until the logger runs, failures are printed to standard output.
   if (!LoadConfiguration(home) || !StartLogger()) {
@@ -142,8 +145,8 @@ unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, co
     FreeInitClaim();
     return VYN_ERR_GENERIC;
   }
-  // Those who wait for the first initialisation try it themselves when it fails. Those who wait for a later one get its
-  // status.
+  // When the first initialisation fails, a waiting thread takes the claim and tries itself. When a later one
+  // fails, the waiting threads return its status.
   const bool first = g_initInProgress.load(std::memory_order_acquire) != 0;
   unsigned int status = VYN_OK;
   switch (g_startUp.Take(ClaimOnce::kNoLimit, first ? nullptr : &status)) {
