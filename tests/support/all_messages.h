@@ -1,6 +1,6 @@
 #pragma once
 
-// Every message class of the wire, and whether two messages of a class hold the same.
+// Every message class of the wire: how its messages are filled, read and written.
 
 #include "common/message/heart_beat_message.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -10,10 +10,15 @@
 #include "tessel/message/shuffle/local_blob_messages.h"
 #include "tessel/message/shuffle/stage_messages.h"
 #include "tuning/message/tuning_messages.h"
+#include "vyn/status.h"
 
+#include <algorithm>
+#include <memory>
+#include <random>
 #include <string>
+#include <string_view>
 #include <tuple>
-#include <vector>
+#include <type_traits>
 
 namespace vyn::test {
 
@@ -36,32 +41,63 @@ using TableMessages = std::tuple<
     tessel::LocalBlobCommitResponse, tuning::TuningSqlMessage, tuning::RegisterResult, tuning::TuningMetrics,
     tuning::InferIdentification, tuning::InferResult>;
 
+using Random = std::mt19937_64;
+
+/// Gives a message, or a member, random contents.
 template <typename Member>
-bool SameMember(const Member& a, const Member& b) {
-  return a == b;
-}
-template <typename Class>
-bool Same(Class& a, Class& b);
-template <typename Class>
-bool SameMember(const common::Ref<Class>& a, const common::Ref<Class>& b) {
-  return a == nullptr || b == nullptr ? a == b : Same(*a, *b);
-}
-template <typename Class>
-bool SameMember(const std::vector<common::Ref<Class>>& a, const std::vector<common::Ref<Class>>& b) {
-  bool same = a.size() == b.size();
-  for (std::size_t i = 0; same && i < a.size(); ++i) {
-    same = SameMember(a[i], b[i]);
+void Fill(Member& member, Random& random) {
+  if constexpr (std::is_arithmetic_v<Member>) {
+    member = random() % 4 == 0 ? Member{} : static_cast<Member>(random());  // zero often: it is not stored
+  } else if constexpr (requires { member.Fields(); }) {
+    std::apply([&](auto&... field) { (Fill(field, random), ...); }, member.Fields());
+  } else if constexpr (requires { member.Get(); }) {
+    member = new std::remove_pointer_t<decltype(member.Get())>;
+    Fill(*member, random);
+  } else {
+    member.clear();
+    for (auto left = random() % 6; left != 0; --left) {
+      if constexpr (requires { typename Member::mapped_type; }) {
+        std::string key;
+        Fill(key, random);
+        Fill(member[key], random);
+      } else {
+        typename Member::value_type entry;
+        Fill(entry, random);
+        member.insert(member.end(), entry);
+      }
+    }
   }
-  return same;
 }
 
-/// Whether all members that travel are equal.
+/// The status of reading exactly these bytes, out of memory that ends where they end. \param shift the place of
+/// the first byte behind a multiple of 8.
 template <typename Class>
-bool Same(Class& a, Class& b) {
-  return [&]<std::size_t... Member>(std::index_sequence<Member...>) {
-    return (SameMember(std::get<Member>(a.Fields()), std::get<Member>(b.Fields())) && ...);
+std::uint32_t Read(Class& message, std::string_view bytes, std::size_t shift = 0) {
+  const std::unique_ptr<char[]> memory(new char[bytes.size() + shift]);
+  std::copy(bytes.begin(), bytes.end(), memory.get() + shift);
+  const auto size = static_cast<unsigned int>(bytes.size());
+  const std::uint32_t status = message.SetInputRawData(memory.get() + shift, size, false);
+  return Failed(status) ? status : message.Deserialize();
+}
+
+/// The bytes of a message; empty when it refuses to be serialised.
+inline std::string Bytes(common::BaseMessage& message) {
+  if (Failed(message.Serialize())) {
+    return {};
   }
-  (std::make_index_sequence<std::tuple_size_v<decltype(a.Fields())>>());
+  return {reinterpret_cast<const char*>(message.SerializedData()), message.SerializedDataSize()};
+}
+
+/// Whether the class refuses `bytes`, or else makes a message of them that can be written and read back equal.
+template <typename Class>
+bool RefusesOrKeeps(std::string_view bytes) {
+  Class message;
+  if (Failed(Read(message, bytes))) {
+    return true;
+  }
+  const std::string written = Bytes(message);
+  Class again;
+  return !written.empty() && !Failed(Read(again, written)) && Bytes(again) == written;
 }
 
 }  // namespace vyn::test

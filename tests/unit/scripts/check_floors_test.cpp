@@ -9,72 +9,49 @@
 
 namespace {
 
-class CheckFloorsTest : public testing::Test {
- protected:
-  CheckFloorsTest() {
-    std::filesystem::create_directory(mDir / "scripts");
-    std::filesystem::copy_file(VYN_SOURCE_DIR "/scripts/check_floors.py", mDir / "scripts/check_floors.py");
-    mDir.Write("platform/ulog/ulog.h", "#include \"vyn/status.h\"\n");
-    mDir.Write("include/vyn/status.h", "#include <cstdint>\n");
-    mDir.Write("src/common/util/a.h", "#include \"platform/ulog/ulog.h\"\n#include \"common/util/b.h\"\n");
-    mDir.Write("src/common/util/b.h",
-               "class Low {\n  void Call();\n  static int gCount;\n};\nint Free(int a);\n");
-    mDir.Write("src/common/util/b.cpp", "#include \"common/util/b.h\"\n#include \"build_id.h\"\n");
-  }
-
-  vyn::test::CommandResult Run() {
-    return vyn::test::RunCommand("python3 '" + (mDir / "scripts/check_floors.py") + "'");
-  }
-
-  vyn::test::TempDir mDir;
-};
-
-TEST_F(CheckFloorsTest, AcceptsASoundTree) {
-  const auto result = Run();
-  EXPECT_EQ(result.status, 0) << result.output;
-  EXPECT_EQ(result.output, "5 files, 0 complaints\n");
-}
-
-TEST_F(CheckFloorsTest, FindsWhatIsPlanted) {
-  struct Case {
-    const char* file;
-    const char* text;
-    const char* complaint;
+TEST(CheckFloorsTest, FindsWhatIsPlantedInASoundTree) {
+  const vyn::test::TempDir dir;
+  std::filesystem::create_directory(dir / "scripts");
+  std::filesystem::copy_file(VYN_SOURCE_DIR "/scripts/check_floors.py", dir / "scripts/check_floors.py");
+  const std::string low = "src/common/util/b.h";
+  const std::string lowText = "class Low {\n  void Call();\n  static int gCount;\n};\nint Free(int a);\n";
+  dir.Write("platform/ulog/ulog.h", "#include \"vyn/status.h\"\n");
+  dir.Write("include/vyn/status.h", "#include <cstdint>\n");
+  dir.Write("src/common/util/a.h", "#include \"platform/ulog/ulog.h\"\n#include \"common/util/b.h\"\n");
+  dir.Write("src/common/util/b.cpp", "#include \"common/util/b.h\"\n#include \"build_id.h\"\n");
+  dir.Write("src/cluster/x.h", "");
+  dir.Write("src/tessel/sdk/x.h", "");
+  dir.Write(low, lowText);
+  const auto run = [&] {
+    return vyn::test::RunCommand("python3 '" + (dir / "scripts/check_floors.py") + "'");
   };
-  for (const Case& item : {
-           Case{"src/common/util/bad.cpp", "#include \"cluster/x.h\"\n",
-                "src/common/util/bad.cpp: includes src/cluster/x.h, which stands above it"},
-           Case{"platform/bad/bad.h", "  #  include \"common/util/b.h\"\n",
-                "platform/bad/bad.h: includes src/common/util/b.h, which stands above it"},
-           Case{"include/vyn/bad.h", "#include \"platform/ulog/ulog.h\"\n",
-                "include/vyn/bad.h: includes platform/ulog/ulog.h, which it must not know"},
-           Case{"src/tessel/rpc/bad.h", "#include \"tessel/sdk/x.h\"\n",
-                "src/tessel/rpc/bad.h: includes src/tessel/sdk/x.h, which it must not know"},
-           Case{"src/common/util/b.h", "#include \"common/util/a.h\"\n",
-                "circle: src/common/util/a.h -> src/common/util/b.h -> src/common/util/a.h"},
-           Case{"src/common/util/bad.h", "#include \"b.h\"\n",
-                "src/common/util/bad.h: includes b.h, which is no path from a root of includes"},
-           Case{"src/tessel/rpc/bad.cpp", "#include \"common/util/b.h\"\n\nvoid Low::Call() {\n}\n",
-                "src/tessel/rpc/bad.cpp: defines Low::Call, which src/common/util/b.h declares on another "
-                "floor"},
-           Case{"src/tessel/rpc/bad.cpp", "#include \"common/util/b.h\"\n\nint Low::gCount = 1;\n",
-                "src/tessel/rpc/bad.cpp: defines Low::gCount, which src/common/util/b.h declares on another "
-                "floor"},
-           Case{"src/tessel/rpc/bad.cpp", "#include \"common/util/b.h\"\n\nint Free(int a) { return a; }\n",
-                "src/tessel/rpc/bad.cpp: defines Free, which src/common/util/b.h declares on another floor"},
-           Case{"elsewhere/bad.h", "", "elsewhere/bad.h: stands on no floor"},
-       }) {
-    mDir.Write("src/cluster/x.h", "");
-    mDir.Write("src/tessel/sdk/x.h", "");
-    const std::string old = vyn::test::ReadFile(mDir / item.file);
-    const bool existed = std::filesystem::exists(mDir / item.file);
-    mDir.Write(item.file, item.text);
-    const auto result = Run();
-    EXPECT_EQ(result.status, 1) << item.file;
-    EXPECT_NE(result.output.find(std::string(item.complaint) + "\n"), std::string::npos) << result.output;
+  EXPECT_EQ(run().output, "7 files, 0 complaints\n");
+  struct Case {
+    std::string file;
+    std::string include;
+    std::string complaint;
+    std::string text = {};
+  };
+  for (const auto& [file, include, complaint, text] :
+       {Case{"src/common/util/bad.cpp", "cluster/x.h", "src/cluster/x.h, which stands above it"},
+        Case{"platform/bad/bad.h", low.substr(4), low + ", which stands above it"},
+        Case{"include/vyn/bad.h", "platform/ulog/ulog.h", "platform/ulog/ulog.h, which it must not know"},
+        Case{"src/tessel/rpc/bad.h", "tessel/sdk/x.h", "src/tessel/sdk/x.h, which it must not know"},
+        Case{low, "common/util/a.h", "circle: src/common/util/a.h -> " + low + " -> src/common/util/a.h"},
+        Case{"src/common/util/bad.h", "b.h", "includes b.h, which is no path"},
+        Case{"src/tessel/rpc/bad.cpp", low.substr(4), "defines Low::Call, which " + low,
+             "void Low::Call() {\n}\n"},
+        Case{"src/tessel/rpc/bad.cpp", low.substr(4), "defines Low::gCount, which " + low,
+             "int Low::gCount = 1;\n"},
+        Case{"src/tessel/rpc/bad.cpp", low.substr(4), "defines Free, which " + low,
+             "int Free(int a) { return a; }\n"},
+        Case{"elsewhere/bad.h", "vyn/status.h", "elsewhere/bad.h: stands on no floor"}}) {
+    dir.Write(file, "  #  include \"" + include + "\"\n\n" + text);
+    const auto result = run();
+    EXPECT_EQ(result.status, 1) << file;
+    EXPECT_NE(result.output.find(complaint), std::string::npos) << result.output;
     EXPECT_NE(result.output.find(" 1 complaints\n"), std::string::npos) << result.output;
-    existed ? static_cast<void>(mDir.Write(item.file, old))
-            : static_cast<void>(std::filesystem::remove(mDir / item.file));
+    dir.Write(file, file == low ? lowText : "");
   }
 }
 

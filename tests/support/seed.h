@@ -1,0 +1,24 @@
+#pragma once
+
+// The seeds of random tests.
+
+#include <cstdlib>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace vyn::test {
+
+/// The seeds that a random test runs one after the other: 1 to `count`, or the one number in VYN_SEED, or a new
+/// one when VYN_SEED is "random".
+inline std::vector<unsigned long> Seeds(unsigned long count) {
+  if (const char* wanted = std::getenv("VYN_SEED"); wanted != nullptr) {
+    return {std::string(wanted) == "random" ? std::random_device()() : std::stoul(wanted)};
+  }
+  std::vector<unsigned long> seeds(count);
+  std::iota(seeds.begin(), seeds.end(), 1);
+  return seeds;
+}
+
+}  // namespace vyn::test
