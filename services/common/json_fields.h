@@ -1,16 +1,16 @@
 #pragma once
 
-// Fields of the JSON records in ZooKeeper. The records are our own, but everything that can write to ZooKeeper can damage
-// them: a field that is missing or of another type reads as if it were empty.
+// Reads fields of the JSON records in ZooKeeper. Other programs with access to ZooKeeper can damage these
+// records, so a field that is missing or has another type reads as empty or false.
 //
-// Threads: any.
+// No shared state: any thread may call any function.
 
 #include <nlohmann/json.hpp>
 #include <string>
 
 namespace vyn::services {
 
-/// Returns: the parsed text; for a text that is no JSON a value in which no field is found.
+/// Returns: the parsed text. For invalid JSON a value in which FindField finds nothing.
 inline nlohmann::json ParseJson(const std::string& text) {
   return nlohmann::json::parse(text, nullptr, false);
 }

@@ -1,6 +1,9 @@
 #pragma once
 
-// The handlers of a service: take the request apart, refuse what makes no sense, answer exactly once.
+// Registers the handlers of a service: each parses its request, refuses an invalid one and replies exactly
+// once.
+//
+// Register handlers before the server starts. The server runs them on its worker threads, several at a time.
 
 #include "common/log/log.h"
 #include "common/log/logging.h"
@@ -22,29 +25,29 @@ namespace vyn::services {
 /// Operation codes travel in the low 10 bits of a message id.
 inline constexpr std::uint16_t kOperationCodes = 1024;
 
-/// Whether a text that came in a message can name something. A NUL, which ends a C string early, cannot be in
-/// it.
+/// Whether a text of a message is a valid identifier. A text with a NUL is not: InputRegularMatching would
+/// check only the part before it.
 inline bool IsName(const std::string& name) {
   return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
 }
 
-/// A line of the audit log. \param subject who acted: the caller as "ip:port", or this process's id.
+/// Writes a line of the audit log. \param subject who acted: the caller as "ip:port", or this process's id.
 inline void Audit(const std::string& subject, const char* operation, const std::string& target,
                   std::uint32_t status) {
   common::AuditGlog(subject.c_str(), operation, target.c_str(), Failed(status) ? "FAILED" : "SUCCESS");
 }
 
-/// The way back to who sent a request. Any thread, also after the handler has returned; all copies together
-/// answer once.
+/// Sends the reply to one request. Any thread may use it, also after the handler has returned. Exactly one of
+/// Refuse and Answer must be called, on one of the copies.
 class Caller {
  public:
   /// \param name of the operation, for the log.
   Caller(std::uint16_t code, const char* name, std::shared_ptr<rpc::ServerContext> context)
       : mCode(code), mName(name), mContext(std::move(context)) {}
 
-  /// As "ip:port".
+  /// The caller's address as "ip:port".
   std::string Peer() const { return mContext->PeerAddress(); }
-  /// An odd status goes without a message.
+  /// Replies with a failure and without a message. Logs the refusal. \param status odd.
   void Refuse(std::uint32_t status) const {
     VYN_LOG_WARN("Refused " << mName << " from " << Peer() << " with " << status << ": "
                             << StatusText(status));
@@ -56,7 +59,7 @@ class Caller {
   }
 
  private:
-  /// Milliseconds for the whole of an answer. A caller that takes nothing of it is given up sooner.
+  /// Milliseconds for sending a whole reply. The transport gives up sooner on a caller that reads nothing.
   static constexpr long kReplyTimeout = 240000;
 
   std::uint16_t mCode;
@@ -64,7 +67,7 @@ class Caller {
   std::shared_ptr<rpc::ServerContext> mContext;
 };
 
-/// Serves `code`: `handler` gets each request that can be read, and owes its caller an answer, now or later.
+/// Serves `code`. `handler` gets each request that can be parsed and must reply to `caller`, now or later.
 template <typename Request>
 void ServeRequests(rpc::Server& server, std::uint16_t code, const char* name,
                    std::function<void(const common::Ref<Request>& request, const Caller& caller)> handler) {
@@ -77,7 +80,7 @@ void ServeRequests(rpc::Server& server, std::uint16_t code, const char* name,
       caller.Refuse(VYN_ERR_NULL_POINTER);
     } else if (!Failed(common::RpcEngine::ParseRequest(code, context, message, request))) {
       handler(request, caller);
-    }  // otherwise refused and answered
+    }  // otherwise ParseRequest has sent the refusal
   });
 }
 
@@ -86,11 +89,11 @@ void ServeRequests(rpc::Server& server, std::uint16_t code, const char* name,
 template <typename Request, typename Response>
 using Operation = std::function<std::uint32_t(Request& request, Response& response, const std::string& peer)>;
 
-/// Takes back what an operation made for a caller that its answer did not reach. Any thread; must not block.
+/// Undoes an operation whose reply did not reach the caller. Runs on any thread; must not block.
 template <typename Request, typename Response>
 using Undo = std::function<void(const Request& request, const Response& response)>;
 
-/// Runs `undo` when a reply could not be sent whole. Made with new; its one call deletes it.
+/// Runs `undo` if the reply could not be sent completely. Allocate it with new; Done deletes it.
 class UndoUnsent : public rpc::Callback {
  public:
   explicit UndoUnsent(std::function<void()> undo) : mUndo(std::move(undo)) {}
@@ -105,7 +108,8 @@ class UndoUnsent : public rpc::Callback {
   const std::function<void()> mUndo;
 };
 
-/// Serves `code` with `operation`. \param undo for an operation that makes what only its answer tells of.
+/// Serves `code` with `operation`. \param undo for an operation that creates objects whose ids only the reply
+/// holds: without the reply nobody could free them.
 template <typename Request, typename Response>
 void Serve(rpc::Server& server, std::uint16_t code, const char* name, Operation<Request, Response> operation,
            Undo<Request, Response> undo = {}) {
@@ -127,7 +131,7 @@ void Serve(rpc::Server& server, std::uint16_t code, const char* name, Operation<
       });
 }
 
-/// Serves `code` with an operation that answers no message.
+/// Serves `code` with an operation whose reply is a status without a message.
 template <typename Request>
 void ServeWithoutReply(rpc::Server& server, std::uint16_t code, const char* name,
                        std::function<std::uint32_t(Request& request, const std::string& peer)> operation) {
@@ -143,7 +147,8 @@ void ServeWithoutReply(rpc::Server& server, std::uint16_t code, const char* name
       });
 }
 
-/// Answers every operation with `status`. Call it first: what is served later takes the code's place.
+/// Registers a handler that replies `status` for every operation code. Call it first: a later registration of
+/// a code replaces this one.
 inline void RefuseAll(rpc::Server& server, std::uint32_t status) {
   for (std::uint16_t code = 0; code < kOperationCodes; ++code) {
     server.Register(

@@ -17,7 +17,7 @@ int Exists(const std::string& path, Stat* stat) {
 }
 
 int Get(const std::string& path, std::string& value, Stat* stat) {
-  // Most values are short; a longer one tells its length and is read again.
+  // Most values are short. For a longer one the first read gives its length, and a second read fetches it.
   Stat own{};
   int room = 4096;
   for (;;) {

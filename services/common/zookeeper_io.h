@@ -1,8 +1,10 @@
 #pragma once
 
-// Reading and writing znodes as the services do it: on the session of the process (VynGetZkHandle), with
-// whole values, and several writes as one transaction. Results are ZooKeeper's own (ZOK, ZNONODE, ...). Any
-// thread; no locks.
+// Reads and writes znodes for the services, on the session of the process (VynGetZkHandle). A value is read
+// and written as a whole; several writes can form one transaction. Results are ZooKeeper's own (ZOK, ZNONODE,
+// ...).
+//
+// Any thread may call the functions. A Transaction belongs to one thread.
 
 #include <cstdint>
 #include <memory>
@@ -13,29 +15,28 @@ struct Stat;
 
 namespace vyn::services::zookeeper {
 
-/// The longest value that is read; longer ones give ZMARSHALLINGERROR.
+/// The longest value that Get returns. For a longer one it returns ZMARSHALLINGERROR.
 inline constexpr int kMaxValue = 1 << 20;
 
 int Exists(const std::string& path, Stat* stat = nullptr);
 int Get(const std::string& path, std::string& value, Stat* stat = nullptr);
 int Children(const std::string& path, std::vector<std::string>& names);
-/// A persistent znode, or an ephemeral one.
 int Create(const std::string& path, const std::string& value, bool ephemeral = false);
-/// Create that counts an existing znode as success.
+/// Creates a persistent znode. Returns: ZOK also if the znode exists already.
 int Ensure(const std::string& path, const std::string& value = "");
 int Set(const std::string& path, const std::string& value, int version = -1);
 int Delete(const std::string& path, int version = -1);
-/// Deletes the znode with all below it. What others have deleted meanwhile counts as success.
+/// Deletes the znode and everything below it. Returns: ZOK also if another process has deleted some of it.
 int DeleteTree(const std::string& path);
 /// Whether the znode is ephemeral and belongs to this process's session.
 bool IsOwn(const Stat& stat);
-/// What ZooKeeper calls `result`, with this thread's last message when there is one.
+/// Returns: ZooKeeper's name of `result`, and this thread's last error message if there is one.
 std::string ResultText(int result);
 
-/// Whether ZooKeeper did not answer: a write with this result may have taken effect all the same.
+/// Whether `result` says that ZooKeeper did not answer. A write with such a result may have taken effect.
 bool IsUncertain(int result);
 
-/// Writes that take effect together or not at all.
+/// Several writes that ZooKeeper performs atomically.
 class Transaction {
  public:
   Transaction();
@@ -48,7 +49,7 @@ class Transaction {
   Transaction& Set(const std::string& path, std::string value);
   Transaction& Delete(const std::string& path);
   std::size_t Size() const;
-  /// Returns: ZOK, or the result of the operation that refused.
+  /// Returns: ZOK, or the result of the operation that failed.
   int Commit();
 
  private:

@@ -1,18 +1,20 @@
 #pragma once
 
-// The services' own part of the ZooKeeper tree. All of it is persistent.
+// The znodes below /vyn, which only the services use. All are persistent.
 //
-//   /vyn/epoch                        no content; its version counts the leaderships of the metadata service
+//   /vyn/epoch                        no content; its version is the epoch, the fencing token of the leader
 //   /vyn/nodes/<node id>              every node that ever belonged to the fabric: JSON {host, ip}
-//   /vyn/apps/<application>           JSON {heartbeat}, or {removed} while its removal runs
+//   /vyn/apps/<application>           JSON {heartbeat}, or {removed} while the leader removes it
 //   /vyn/apps/<application>/token     JSON {salt, hash}: the token that the first registration fixed
 //   /vyn/apps/<application>/<variable id>.<unique>      a variable: one line of JSON {state, blockNum,
 //                                     pieces, list}, a line feed, and the first piece of its serialised
 //                                     block list
 //   /vyn/apps/<application>/<variable id>.<unique>/<list>.<n>  its further pieces; <list> is a <unique> too
-//   /vyn/reclaim/<node id>/<unique>   what that node has to give back: JSON, see ReclaimEntry
+//   /vyn/reclaim/<node id>/<unique>   one entry of that node's reclaim list: JSON, see ReclaimEntry
 //
-// <unique> is never used twice: the epoch of the writer and a counter.
+// <unique> is the epoch of the writer and a counter, so no two writes use the same one.
+//
+// No shared state: any thread may call any function.
 
 #include <cstdint>
 #include <string>
@@ -27,8 +29,8 @@ inline constexpr const char* kReclaimPath = "/vyn/reclaim";
 inline constexpr const char* kTokenName = "token";
 inline constexpr const char* kRemovedFlag = "removed";
 
-/// Reads the id in a znode's name. The tree is open to everybody, so a stranger's znode may be in it. Returns: false for a
-/// name that is not written as an id is: decimal, without sign or leading zeros.
+/// Parses the id in a znode's name. Other programs can create znodes in the tree as well. Returns: false
+/// unless the name is a decimal number without sign or leading zeros.
 bool ParseId(const std::string& name, std::uint32_t& id);
 
 inline std::string NodePath(std::uint32_t nodeId) {
@@ -44,19 +46,19 @@ inline std::string TokenPath(const std::string& application) {
   return AppPath(application) + "/" + kTokenName;
 }
 
-/// What a node has to give back.
+/// An entry of a node's reclaim list: what the node has to free or to drop from its cache.
 struct ReclaimEntry {
   std::string application;
-  /// Empty: the whole application, its namespace with all objects. Otherwise the path of a deleted variable's
-  /// record.
+  /// The path of a deleted variable's record. Empty when the whole application has ended: the node destroys
+  /// its namespace with all objects.
   std::string variablePath;
   std::uint32_t variableId = 0;
-  /// The node holds the variable's blocks: it frees them and then deletes the record. Other nodes only forget
-  /// what they remember of the variable.
+  /// Whether the node holds the variable's blocks. If so, it frees them and then deletes the record. Other
+  /// nodes only drop the variable from their caches.
   bool owner = false;
 
   std::string ToText() const;
-  /// Returns: false for a text that is no such entry.
+  /// Returns: false if `text` is no valid entry.
   static bool FromText(const std::string& text, ReclaimEntry& entry);
 };
 

@@ -55,7 +55,7 @@ const CatalogueKey* FindRow(const std::string& key) {
   return nullptr;
 }
 
-/// The key inside the "<...>" of one of the store's complaints.
+/// Returns: the key inside the "<...>" of a text of Configuration::Validate.
 std::string KeyOf(const std::string& complaint) {
   const auto begin = complaint.find('<');
   const auto end = complaint.find('>', begin);
@@ -83,7 +83,7 @@ class Check {
     }
   }
 
-  /// What the file turns on.
+  /// The features that the file turns on.
   ConfigFeatures Features() const {
     ConfigFeatures features;
     features.authentication = mStore->GetBool("vyn.tessel.rpc.enableAuthentication", true);
@@ -94,10 +94,10 @@ class Check {
   }
 
   std::vector<ConfigComplaint> Finish(const ConfigFeatures& features) {
-    std::set<std::string> told;  // a rule of several features complains once for each
+    std::set<std::string> reported;  // a validator of several features gives its complaint once for each
     for (const std::string& text : mStore->Validate(features.authentication, features.tls,
                                                     features.authorization, features.zookeeperSecurity)) {
-      if (told.insert(text).second) {
+      if (reported.insert(text).second) {
         const std::string key = KeyOf(text);
         const auto line = mLines.find(key);
         Add(line == mLines.end() ? 0 : line->second, key, text);
@@ -148,7 +148,7 @@ class Check {
 
   std::string mFile;
   Ref<Configuration> mStore{new Configuration};
-  /// Where each key stands last.
+  /// The last line of each key.
   std::map<std::string, unsigned int> mLines;
   std::vector<ConfigComplaint> mComplaints;
 };
@@ -170,13 +170,13 @@ std::string Printable(const std::string& text) {
   return out;
 }
 
-/// \param asItIs whether the file's own features count too.
+/// \param asItIs whether to check the features that the file turns on as well.
 std::vector<ConfigComplaint> CheckFile(const std::string& file, ConfigFeatures features, bool asItIs) {
   std::error_code ignored;
   if (file.size() >= kMaxPath) {
     return {{file.substr(0, 40) + "...", 0, "", "the path has more than 4095 characters"}};
   }
-  // Opening a pipe would wait for its writer.
+  // Opening a named pipe would block until it has a writer.
   if (std::filesystem::exists(file, ignored) && !std::filesystem::is_regular_file(file, ignored)) {
     return {{file, 0, "", "is not a regular file"}};
   }
@@ -226,8 +226,8 @@ std::string ToLine(const ConfigComplaint& complaint) {
   if (complaint.warning) {
     text += " warning:";
   }
-  const bool told = complaint.text.find("<" + complaint.key + ">") != std::string::npos;
-  if (!complaint.key.empty() && !told) {
+  const bool textHasKey = complaint.text.find("<" + complaint.key + ">") != std::string::npos;
+  if (!complaint.key.empty() && !textHasKey) {
     text += " " + complaint.key + ":";
   }
   return Printable(text + " " + complaint.text);

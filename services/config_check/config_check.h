@@ -1,15 +1,18 @@
 #pragma once
 
-// Checks a configuration file as an operator wants it checked: it goes on past a bad line, and it also tells
-// what a load would take in silence but otherwise than it was meant, such as "True" for a bool (which is
-// false), a number that does not fit, a line without "=" or a carriage return at the end of a value.
+// Checks a configuration file for an operator. Unlike a load it continues after an invalid line. It also
+// reports what a load accepts silently but reads differently than the operator probably meant: for example
+// "True" for a bool (which reads as false), a number that does not fit, a line without "=", or a carriage
+// return at the end of a value.
+//
+// No shared state: any thread may call any function.
 
 #include <string>
 #include <vector>
 
 namespace vyn::services {
 
-/// Which features the file is to be valid for.
+/// The features for which a check applies the validators.
 struct ConfigFeatures {
   bool authentication = false;
   bool tls = false;
@@ -19,29 +22,28 @@ struct ConfigFeatures {
 
 struct ConfigComplaint {
   std::string file;
-  /// Counted from 1; 0 when the complaint is about the whole file or about a key that does not stand in it.
+  /// Counted from 1. 0 when the complaint is about the whole file or about a key that is not in the file.
   unsigned int line = 0;
-  /// Empty when the complaint is about no key.
+  /// Empty when the complaint is not about a key.
   std::string key;
   std::string text;
-  /// Told to people only: a load takes the file, and nothing in it comes out otherwise than it is written.
+  /// Whether the file can be used as it is: a load accepts it and reads every value as it is written.
   bool warning = false;
 };
 
-/// Returns: all complaints and warnings, in the order of lines, then those about keys that do not stand in
-/// the file; none if the file is fine. Touches nothing outside: the process's own configuration stays as it
-/// is.
+/// Returns: all complaints and warnings, ordered by line, then those about keys that are not in the file.
+/// Does not change the configuration of the process.
 std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features);
 
-/// The same for the features that the file itself turns on; a switch that it does not name is on.
-/// \param more on whatever the file says.
+/// CheckConfig for the features that the file itself turns on. A switch that the file does not set is on.
+/// \param more features to check in addition.
 std::vector<ConfigComplaint> CheckConfigAsItIs(const std::string& file, const ConfigFeatures& more = {});
 
-/// Returns: whether there is a complaint that is no warning.
+/// Returns: whether at least one complaint is not a warning.
 bool AnyRefusal(const std::vector<ConfigComplaint>& complaints);
 
-/// Returns: "file:line: warning: key: text" with the parts that there are; without the key when the text
-/// names it as "<key>". What is not printable stands as \xNN.
+/// Returns: "file:line: warning: key: text" without the parts that the complaint does not have, and without
+/// the key if the text contains "<key>". Unprintable bytes become \xNN.
 std::string ToLine(const ConfigComplaint& complaint);
 
 }  // namespace vyn::services

@@ -21,18 +21,18 @@ namespace vyn::services {
 
 namespace {
 
-/// Milliseconds that running calls get to answer when the daemon ends. With the rest of the end it stays
-/// below main()'s limit.
+/// How long, in milliseconds, Stop waits for the replies of running calls. The whole of Stop must fit into
+/// main()'s kStopLimit.
 constexpr std::int64_t kStopTimeout = 2000;
-/// What the ensemble may need beyond the session time-out to see that a session has gone.
+/// How long after the session time-out ZooKeeper may still list the ephemeral znodes of an expired session.
 constexpr auto kSessionSlack = std::chrono::seconds(10);
-/// How long the start waits for a metadata leader.
+/// How long Start waits for a metadata leader.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
-/// Drivers outside the fabric take "ip:port" apart with signed 16-bit ports.
+/// Drivers outside the fabric parse the port of "ip:port" as a signed 16-bit number.
 constexpr std::uint16_t kHighestOutsidePort = 32767;
-/// Calls may wait for ZooKeeper or for the metadata leader, and must not keep the others from being answered.
+/// A call may block on ZooKeeper or on the metadata leader. This many can block before others have to wait.
 constexpr unsigned int kWorkerThreads = 32;
-/// The release that this daemon belongs to, and how its processor is called in the installation tree.
+/// The release of this daemon, and the name of its processor architecture in the installation tree.
 constexpr const char* kRelease = VYN_RELEASE;
 constexpr const char* kBinaryType = VYN_BINARY_TYPE;
 
@@ -100,7 +100,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
     return mMetadataClient.LookUp(application, id, info);
   };
   mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
-  // The fabric's namespace guard uses both, once the node id is claimed.
+  // Start the fabric after mMember and mReclaimer exist: its callbacks use both.
   if (!StartFabric(error) || !ConnectZooKeeper(error)) {
     return fail();
   }
@@ -109,25 +109,26 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   identity.claimLimit =
       std::chrono::milliseconds(Conf()->GetInt("vyn.zookeeper.session.timeout", 30000)) + kSessionSlack;
   mRegistry = std::make_unique<NodeRegistry>(std::move(identity), mFabric);
-  if (!mRegistry->Claim(error, stopping)) {  // before anything that is this id's is touched
+  // Claim the id before this process reads or changes anything that belongs to it.
+  if (!mRegistry->Claim(error, stopping)) {
     return fail();
   }
-  mReclaimer->Drain();  // what was freed while this node was down goes before anyone is served
+  mReclaimer->Drain();  // free what was deleted while this node was down, before any client is served
   mClaimed = true;
   if (!mRegistry->Start(error)) {
     return fail();
   }
-  // Before the node server: with it comes the view by which other nodes are found.
+  // Start the member before the node server: the member's FabricView finds the addresses of other nodes.
   if (Failed(mMember->Start())) {
-    error = "the metadata member cannot start, the log tells why";
+    error = "the metadata member cannot start, see the log for the reason";
     return fail();
   }
   if (!mNodeServer->Start(error)) {
     return fail();
   }
   mReclaimer->Start();
-  // Ready is a node whose clients find the metadata service; the first node of a cluster may be up before
-  // those that lead.
+  // A node is ready when its clients can find the metadata service. In a new cluster this node may be up
+  // before any node that can lead, so a missing leader is only a warning.
   if (AwaitLeader(kLeaderLimit, [&] { return !stopping(); }).empty()) {
     VYN_LOG_WARN("No metadata leader is known yet");
   }
@@ -137,8 +138,8 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
 }
 
 void Daemon::Stop() {
-  // All at once: while ZooKeeper does not answer, only what asks it waits, and the calls under way still get
-  // their answers. The pages come last.
+  // Stop the three parts in parallel: if ZooKeeper does not answer, the parts that call it block, and the
+  // node server can still reply to running calls. The pool stops last.
   const auto running = std::make_shared<std::latch>(3);
   const auto end = [&running](auto& part) {
     std::thread([&part, running] {
@@ -146,7 +147,7 @@ void Daemon::Stop() {
         part->Stop();
       }
       running->count_down();
-    }).detach();  // a hard end of the process leaves none behind that should have been joined
+    }).detach();  // main() may end the process with _exit while a part still blocks, so nobody joins it
   };
   mMetadataClient.Stop();
   end(mRegistry);
@@ -238,7 +239,8 @@ bool Daemon::StartFabric(std::string& error) {
     if (!mClaimed) {
       return -EIO;
     }
-    // As in a registration: a driver outside the fabric may come before every executor.
+    // The same steps as NodeServer::RegisterApplication: a driver outside the fabric may use this node before
+    // any executor has registered the application here.
     const std::uint32_t status = FixToken(ns, token);
     Audit(std::to_string(getpid()), "register_application", ns, status);
     if (status == kStatusWrongToken) {

@@ -1,6 +1,10 @@
 #pragma once
 
-// vynd as a whole: brings its parts up in order and takes them down in the opposite one.
+// The whole of vynd: starts the fabric node, the ZooKeeper session, the node registry, the metadata member,
+// the node server and the reclaimer in this order, and stops them.
+//
+// One thread calls Start and Stop. The parts have threads of their own. Their callbacks use mClaimed and parts
+// that Start creates before the part that calls them starts.
 
 #include "platform/fabric/node/fabric_node.h"
 #include "services/metadata/metadata_member.h"
@@ -22,16 +26,17 @@ namespace vyn::services {
 class Daemon {
  public:
   explicit Daemon(Options options);
-  /// Stops.
+  /// Calls Stop.
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
-  /// \param stopping ends the waits of the start early; Stop has to follow.
-  /// Returns: whether everything serves; otherwise `errors` tells, one complaint a line, and nothing runs.
+  /// \param stopping ends the waits early when it returns true; the caller then has to call Stop.
+  /// Returns: true when every part serves. Otherwise nothing runs and `errors` holds the reasons, one an
+  /// entry.
   bool Start(std::vector<std::string>& errors, const std::function<bool()>& stopping);
-  /// Leaves the cluster's tree, gives the leadership up and lets running calls answer, all at once; then
-  /// closes everything. Objects stay in the pool.
+  /// Deletes this node's ephemeral znodes, gives up the leadership and waits for the replies of running
+  /// calls, in parallel. Then closes the pool and the ZooKeeper session. Objects stay in the pool.
   void Stop();
 
  private:
@@ -44,14 +49,14 @@ class Daemon {
 
   Options mOptions;
   std::string mHome;
-  std::vector<std::string> mWarnings;  ///< of the configuration
+  std::vector<std::string> mWarnings;  ///< from the check of the configuration; logged once the log is open
   HomeLock mLock;
   fabric::FabricNode mFabric;
   MetadataClient mMetadataClient;
   std::unique_ptr<MetadataMember> mMember;
   std::unique_ptr<NodeServer> mNodeServer;
   std::unique_ptr<Reclaimer> mReclaimer;
-  /// The node id is this process's: new namespaces may be made.
+  /// Whether NodeRegistry::Claim has succeeded. Until then the fabric refuses new namespaces.
   std::atomic<bool> mClaimed{false};
   std::unique_ptr<NodeRegistry> mRegistry;
 };

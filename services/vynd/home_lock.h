@@ -1,7 +1,9 @@
 #pragma once
 
-// One daemon a home: the lock on <home>/run/vynd.lock, which the kernel lets go when its holder ends, however
-// it ends.
+// Ensures that one vynd at a time uses a home: an flock on <home>/run/vynd.lock. The kernel releases it when
+// the process ends, also after a crash.
+//
+// One thread uses an object.
 
 #include <string>
 
@@ -14,7 +16,7 @@ class HomeLock {
   HomeLock(const HomeLock&) = delete;
   HomeLock& operator=(const HomeLock&) = delete;
 
-  /// Takes the lock and writes this process's id into the file. Returns: false with what stood in the way.
+  /// Takes the lock and writes this process's id into the file. Returns: false with the reason in `error`.
   bool Take(const std::string& home, std::string& error);
 
  private:

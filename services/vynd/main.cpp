@@ -1,4 +1,5 @@
-// vynd: the node daemon of Vyn broadcast.
+// The program vynd, the node daemon of Vyn broadcast: reads the command line, runs Daemon until SIGTERM or
+// SIGINT.
 
 #include "common/util/clock.h"
 #include "services/vynd/daemon.h"
@@ -16,30 +17,31 @@
 
 namespace {
 
-/// Of the hard end, which is none of an orderly one or of a refused start.
-constexpr int kHardEnd = 3;
-/// From the signal to the end, whatever ZooKeeper, which may not answer, is asked for meanwhile. Nothing is
-/// lost by the hard end: the pool and the records are whole at every moment.
-constexpr auto kEndLimit = std::chrono::milliseconds(4500);
+/// The exit code when Daemon::Stop did not finish within kStopLimit. An orderly stop gives 0, a failed start
+/// 1.
+constexpr int kStopTimedOut = 3;
+/// The time from the signal to the end of the process. Daemon::Stop may block because ZooKeeper does not
+/// answer. An _exit loses nothing: the pool and the records in ZooKeeper are consistent at every moment.
+constexpr auto kStopLimit = std::chrono::milliseconds(4500);
 
-/// What the thread of the signals tells the main thread. Lives as long as the process.
-struct Ending {
+/// The request of the signal thread to the main thread. Lives as long as the process.
+struct StopRequest {
   std::mutex mutex;
   std::condition_variable changed;
   bool wanted = false;  ///< guarded by mutex
 };
 
-void AwaitSignal(Ending& ending, sigset_t signals) {
+void AwaitSignal(StopRequest& request, sigset_t signals) {
   int received = 0;
   sigwait(&signals, &received);
   {
-    std::lock_guard lock(ending.mutex);
-    ending.wanted = true;
+    std::lock_guard lock(request.mutex);
+    request.wanted = true;
   }
-  ending.changed.notify_all();
-  vyn::common::SleepFor(kEndLimit);
-  std::fprintf(stderr, "vynd: the orderly end took too long, leaving without it\n");
-  _exit(kHardEnd);
+  request.changed.notify_all();
+  vyn::common::SleepFor(kStopLimit);
+  std::fprintf(stderr, "vynd: the orderly stop took too long, exiting without it\n");
+  _exit(kStopTimedOut);
 }
 
 }  // namespace
@@ -51,21 +53,21 @@ int main(int argc, char** argv) {
   if (!ReadOptions(argc, argv, options, exitCode)) {
     return exitCode;
   }
-  // Every thread inherits the mask: the signals of the end come to AwaitSignal and to nothing else.
+  // Block both signals before any thread starts. All threads inherit the mask, so only AwaitSignal gets them.
   signal(SIGPIPE, SIG_IGN);
-  sigset_t endings;
-  sigemptyset(&endings);
-  sigaddset(&endings, SIGTERM);
-  sigaddset(&endings, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &endings, nullptr);
-  static Ending& ending = *new Ending;
-  std::thread(AwaitSignal, std::ref(ending), endings).detach();
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  static StopRequest& request = *new StopRequest;
+  std::thread(AwaitSignal, std::ref(request), signals).detach();
 
   Daemon daemon(options);
   std::vector<std::string> errors;
   const auto stopping = [] {
-    std::lock_guard lock(ending.mutex);
-    return ending.wanted;
+    std::lock_guard lock(request.mutex);
+    return request.wanted;
   };
   if (!daemon.Start(errors, stopping)) {
     for (const std::string& error : errors) {
@@ -76,13 +78,13 @@ int main(int argc, char** argv) {
   if (!stopping()) {
     std::printf("READY\n");
     std::fflush(stdout);
-    TellSupervisor("READY=1");
+    NotifySupervisor("READY=1");
   }
   {
-    std::unique_lock lock(ending.mutex);
-    ending.changed.wait(lock, [] { return ending.wanted; });
+    std::unique_lock lock(request.mutex);
+    request.changed.wait(lock, [] { return request.wanted; });
   }
-  TellSupervisor("STOPPING=1");
+  NotifySupervisor("STOPPING=1");
   daemon.Stop();
   return 0;
 }

@@ -11,13 +11,15 @@ namespace vyn::services {
 
 namespace {
 
+/// Returns: empty for a valid address, otherwise the complaint.
 std::string CheckAddress(const std::string& text) {
   in_addr address{};
   return inet_pton(AF_INET, text.c_str(), &address) == 1 ? std::string()
                                                          : "'" + text + "' is no IPv4 address";
 }
 
-/// Empty for a name that the node's record in ZooKeeper can hold and that every list and log can show.
+/// Accepts a name that fits into the node's record in ZooKeeper and is safe to print. Returns: empty for a
+/// valid name, otherwise the complaint.
 std::string CheckHostName(const std::string& text) {
   constexpr std::size_t kLongest = 63;
   const bool plain = std::all_of(text.begin(), text.end(), [](unsigned char c) {
@@ -33,10 +35,10 @@ std::string CheckHostName(const std::string& text) {
 
 bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
   CLI::App app{
-      "vynd, the node daemon of Vyn broadcast: serves this node's part of the memory fabric, the server of "
-      "its\n"
-      "executors and, while it leads, the metadata service. One a node. Prints READY when it serves; SIGTERM "
-      "ends it.",
+      "vynd, the node daemon of Vyn broadcast. It serves this node's pool of the memory fabric, the node "
+      "server\n"
+      "of the local executors and, while it leads, the metadata service. Run one vynd on each node.\n"
+      "It prints READY when it serves. SIGTERM stops it.",
       "vynd"};
   app.set_version_flag("--version", std::string("vynd ") + VYN_PROJECT_VERSION);
   long applicationSeconds = 60;
@@ -46,7 +48,7 @@ bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
       ->required()
       ->check(CLI::ExistingDirectory);
   app.add_option("--node-id", options.nodeId,
-                 "this node's number in the cluster, 1 to 65535; never two nodes with one")
+                 "this node's number in the cluster, 1 to 65535; no two nodes may have the same one")
       ->required()
       ->check(CLI::Range(1, 65535));
   app.add_option("--address", options.address, "the IPv4 address at which the cluster reaches this node")
@@ -56,29 +58,31 @@ bool ReadOptions(int argc, char** argv, Options& options, int& exitCode) {
       ->capture_default_str();
   app.add_option("--pool", options.poolPath, "folder of the pool, on tmpfs (default /dev/shm/vyn-<node id>)");
   app.add_option("--pool-size", options.poolSize,
-                 "bytes that the pool may take, with a suffix like 512M or 64G")
+                 "the most bytes of memory for the pool, with a suffix like 512M or 64G")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();
   app.add_option("--link-port", options.linkPort,
-                 "port for the other nodes and for drivers outside the fabric, which reach 1 to 32767 "
+                 "port for the other nodes and for drivers outside the fabric; such drivers need 1 to 32767 "
                  "(default vyn.tessel.rpc.manager.port)")
       ->check(CLI::Range(1, 65535));
   app.add_option("--app-timeout", applicationSeconds,
-                 "seconds after which an application that sent heartbeats and fell silent is removed")
+                 "seconds after its last heartbeat until the leader removes an application")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
-  app.add_option("--max-variables", options.maxVariables, "variables that one application can have")
+  app.add_option("--max-variables", options.maxVariables, "the most variables of one application")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
   app.add_option("--max-blocks", options.maxBlocks,
-                 "blocks that one application can have, in all its variables and in this node's pool")
+                 "the most blocks of one application: in all its variables, and in this node's pool")
       ->check(CLI::PositiveNumber)
       ->capture_default_str();
-  app.add_flag("--take-over", options.takeOver,
-               "take this node id over from another address: that node is gone for good, or has moved here");
+  app.add_flag(
+      "--take-over", options.takeOver,
+      "take over a node id that is registered at another address, because that node is gone for good\n"
+      "or has moved to this machine");
   try {
     app.parse(argc, argv);
-    // Here, because the default, this machine's own name, is to pass too.
+    // A validator of CLI11 would not see the default value, which is this machine's name.
     if (const std::string complaint = CheckHostName(options.hostName); !complaint.empty()) {
       throw CLI::ValidationError("--host-name", complaint);
     }

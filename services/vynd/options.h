@@ -1,6 +1,6 @@
 #pragma once
 
-// What an operator tells vynd on its command line.
+// The command line of vynd. Plain data: one thread uses an object at a time.
 
 #include <chrono>
 #include <cstddef>
@@ -12,19 +12,19 @@ namespace vyn::services {
 struct Options {
   std::string home;  ///< the installation; its conf/vyn.conf is read
   std::uint16_t nodeId = 0;
-  std::string address;  ///< numeric; this node's identity in the cluster
+  std::string address;  ///< numeric IPv4; the rest of the cluster reaches this node there
   std::string hostName;
   std::string poolPath;
   std::uint64_t poolSize = 0;  ///< bytes
   std::uint16_t linkPort = 0;  ///< 0: vyn.tessel.rpc.manager.port
   std::chrono::milliseconds applicationTimeout{0};
-  std::size_t maxVariables = 100000;  ///< of one application
-  std::uint64_t maxBlocks = 2000000;  ///< of one application
-  bool takeOver = false;              ///< the node of this id at another address will not come back
+  std::size_t maxVariables = 100000;  ///< for one application
+  std::uint64_t maxBlocks = 2000000;  ///< for one application
+  bool takeOver = false;              ///< take the node id although it is registered at another address
 };
 
-/// Reads the command line. Returns: true; false when the process has to end with `exitCode` (help and version
-/// were printed, or a complaint was).
+/// Reads the command line. Returns: false when help, the version or a complaint was printed; the process then
+/// has to end with `exitCode`.
 bool ReadOptions(int argc, char** argv, Options& options, int& exitCode);
 
 }  // namespace vyn::services

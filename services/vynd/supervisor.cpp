@@ -10,7 +10,7 @@
 
 namespace vyn::services {
 
-void TellSupervisor(const char* state) {
+void NotifySupervisor(const char* state) {
   const char* path = std::getenv("NOTIFY_SOCKET");
   sockaddr_un address{};
   const std::size_t length = path == nullptr ? 0 : std::strlen(path);
@@ -19,7 +19,7 @@ void TellSupervisor(const char* state) {
   }
   address.sun_family = AF_UNIX;
   std::memcpy(address.sun_path, path, length);
-  if (path[0] == '@') {  // a name without a file
+  if (path[0] == '@') {  // an abstract socket, which the kernel marks by a leading NUL
     address.sun_path[0] = '\0';
   }
   const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

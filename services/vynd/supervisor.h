@@ -1,12 +1,12 @@
 #pragma once
 
-// Tells the service manager that started this process how it does, by the datagram protocol of systemd's
-// sd_notify(3).
+// Reports the state of this process to the service manager that started it, by the datagram protocol of
+// systemd's sd_notify(3).
 
 namespace vyn::services {
 
-/// \param state like "READY=1". Without the environment variable NOTIFY_SOCKET, and when nobody listens
-/// there, nothing happens: the daemon serves all the same.
-void TellSupervisor(const char* state);
+/// Sends one message and ignores failures. Does nothing without the environment variable NOTIFY_SOCKET.
+/// \param state such as "READY=1".
+void NotifySupervisor(const char* state);
 
 }  // namespace vyn::services
