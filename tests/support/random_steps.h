@@ -6,6 +6,7 @@
 #include <deque>
 #include <numeric>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,14 +31,22 @@ class RandomSteps {
 
   /// Returns: a number from 0 to `count` - 1.
   std::uint32_t Number(std::uint32_t count) { return static_cast<std::uint32_t>(mEngine() % count); }
+  std::uint64_t Wide(std::uint64_t count) {
+    const std::uint64_t high = mEngine();
+    return (high << 32U | mEngine()) % count;
+  }
   bool OneIn(std::uint32_t count) { return Number(count) == 0; }
   template <typename Value>
   Value Pick(const std::vector<Value>& values) {
     return values[Number(static_cast<std::uint32_t>(values.size()))];
   }
 
-  void Note(const std::string& step) {
-    mSteps.push_back(step);
+  /// \param parts of the step: texts and numbers.
+  template <typename... Parts>
+  void Note(const Parts&... parts) {
+    std::ostringstream step;
+    ((step << parts << ' '), ...);
+    mSteps.push_back(step.str());
     if (mSteps.size() > 20) {
       mSteps.pop_front();
     }

@@ -20,10 +20,22 @@
 namespace vyn::fabric {
 namespace {
 
-/// A connection whose other side can die without a word.
-class MortalStream : public ByteStream {
+/// A stream without a file, a peer that goes, or an end.
+class PlainStream : public ByteStream {
  public:
-  MortalStream(std::unique_ptr<SocketStream> stream, std::shared_ptr<const bool> dead)
+  net::IoStatus Send(iovec*, std::size_t, net::Deadline, int) override { return net::IoStatus::kOk; }
+  net::IoStatus SendFile(int, std::uint64_t, std::uint64_t, net::Deadline) override {
+    return net::IoStatus::kFailed;
+  }
+  bool Quiet() override { return true; }
+  bool PeerGone() override { return false; }
+  void Shutdown() override {}
+};
+
+/// A connection whose other side can die without a word.
+class MortalStream : public PlainStream {
+ public:
+  MortalStream(std::unique_ptr<ByteStream> stream, std::shared_ptr<const bool> dead)
       : mStream(std::move(stream)), mDead(std::move(dead)) {}
 
   net::IoStatus Receive(void* buffer, std::size_t room, std::size_t& received,
@@ -33,15 +45,10 @@ class MortalStream : public ByteStream {
   net::IoStatus Send(iovec* parts, std::size_t count, net::Deadline deadline, int descriptor) override {
     return *mDead ? net::IoStatus::kOk : mStream->Send(parts, count, deadline, descriptor);
   }
-  net::IoStatus SendFile(int, std::uint64_t, std::uint64_t, net::Deadline) override {
-    return net::IoStatus::kFailed;
-  }
   bool Quiet() override { return *mDead || mStream->Quiet(); }
-  bool PeerGone() override { return false; }
-  void Shutdown() override { mStream->Shutdown(); }
 
  private:
-  const std::unique_ptr<SocketStream> mStream;
+  const std::unique_ptr<ByteStream> mStream;
   const std::shared_ptr<const bool> mDead;
 };
 
@@ -68,33 +75,28 @@ TEST(RemoteNodeTest, AHostThatDiesCostsOneCallHoweverManyConnectionsAreKept) {
     });
   };
   NodeAttributes attributes;
-  const struct {
-    const char* what;
-    std::function<int()> call;
-    int expected;
-  } cases[] = {{"a call", [&] { return node.Query(attributes); }, kBmUnconnected},
-               {"a transfer", [&] { return node.Read(object, 0, 1, bytes); }, kBmUnconnected},
-               {"reaching the node", [&] { return node.Reach(); }, 0}};
-  for (const auto& one : cases) {
-    ASSERT_EQ(nest(5), 0) << one.what;  // reads within reads: a connection each, and all are kept
-    EXPECT_GE(host.Stats().connections, 6U) << one.what;
+  const std::pair<std::function<int()>, int> cases[] = {
+      {[&] { return node.Query(attributes); }, kBmUnconnected},
+      {[&] { return node.Read(object, 0, 1, bytes); }, kBmUnconnected},
+      {[&] { return node.Reach(); }, 0}};
+  for (const auto& [call, expected] : cases) {
+    ASSERT_EQ(nest(5), 0);  // reads within reads: a connection each, and all are kept
+    EXPECT_GE(host.Stats().connections, 6U);
     *dead = true;  // for all connections up to now; the host is back at once
     dead = std::make_shared<bool>(false);
-    EXPECT_EQ(one.call(), one.expected) << one.what;
-    EXPECT_EQ(node.Query(attributes), 0) << one.what;
+    EXPECT_EQ(call(), expected);
+    EXPECT_EQ(node.Query(attributes), 0);
   }
 }
 
 TEST(RemoteNodeTest, ConnectingAndGreetingShareOneDeadline) {
   // Accepted by the kernel, answered by nobody; the connection itself takes most of the time.
-  std::string text;
-  std::uint16_t port = 0;
-  const net::Descriptor listener = ListenOnLinkPort("127.0.0.1", port, text);
+  test::RawListener listener;
   const std::chrono::milliseconds time(2000);
   RemoteNode node(
       [&](net::Deadline deadline, int&) {
         std::this_thread::sleep_for(std::chrono::milliseconds(deadline.PollTime() - 100));
-        return DialLink("127.0.0.1", port, deadline);
+        return DialLink("127.0.0.1", listener.Port(), deadline);
       },
       PeerRole::kClient, kAnyNode, {time, std::chrono::seconds(60)});
   const auto begin = std::chrono::steady_clock::now();
@@ -122,61 +124,43 @@ TEST(SocketsTest, ASocketThatFindsItselfHasFoundNoNode) {
   EXPECT_EQ(found, nullptr);
 }
 
-TEST(ChannelTest, AnInterimAnswerCarriesNothing) {
-  for (const bool full : {false, true}) {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-    SocketStream node{net::Descriptor(ends[0])};
-    Channel channel(std::make_unique<SocketStream>(net::Descriptor(ends[1])));
-    FabricFrameHeader header{
-        kFrameMagic, static_cast<std::uint16_t>(FabricOperation::kCopy), kFrameProgress, 0, 0, 0, 0};
-    header.headLength = full ? 1 : 0;
-    ASSERT_EQ(
-        SendFrame(node, header, full ? "x" : "", nullptr, net::Deadline::After(std::chrono::seconds(5))),
-        net::IoStatus::kOk);
-    header.headLength = 0;
-    header.flags = 0;
-    ASSERT_EQ(SendFrame(node, header, {}, nullptr, net::Deadline::After(std::chrono::seconds(5))),
-              net::IoStatus::kOk);
-    int result = -1;
-    std::string head;
-    std::uint32_t dataLength = 0;
-    EXPECT_EQ(channel.ReadAnswer(FabricOperation::kCopy, result, head, dataLength, std::chrono::seconds(20)),
-              full ? net::IoStatus::kFailed : net::IoStatus::kOk);
-  }
-}
-
-/// A node that answers every read at once, with an interim answer.
-class FloodStream : public ByteStream {
+/// A node that answers every request with this frame, again and again.
+class RepeatingStream : public PlainStream {
  public:
+  explicit RepeatingStream(const FabricFrameHeader& frame) : mFrame(frame) {}
+
   net::IoStatus Receive(void* buffer, std::size_t room, std::size_t& received, net::Deadline) override {
-    const FabricFrameHeader interim{
-        kFrameMagic, static_cast<std::uint16_t>(FabricOperation::kExist), kFrameProgress, 0, 0, 0, 0};
-    EXPECT_GE(room, sizeof(interim));
-    std::memcpy(buffer, &interim, sizeof(interim));
-    received = sizeof(interim);
+    EXPECT_GE(room, sizeof(mFrame));
+    std::memcpy(buffer, &mFrame, sizeof(mFrame));
+    received = sizeof(mFrame);
     return mEnd.IsOver() ? net::IoStatus::kClosed : net::IoStatus::kOk;
   }
-  net::IoStatus Send(iovec*, std::size_t, net::Deadline, int) override { return net::IoStatus::kOk; }
-  net::IoStatus SendFile(int, std::uint64_t, std::uint64_t, net::Deadline) override {
-    return net::IoStatus::kFailed;
-  }
-  bool Quiet() override { return true; }
-  bool PeerGone() override { return false; }
-  void Shutdown() override {}
 
  private:
+  const FabricFrameHeader mFrame;
   const net::Deadline mEnd = net::Deadline::After(std::chrono::seconds(60));
 };
 
-TEST(ChannelTest, InterimAnswersWithoutAPauseHoldNobodyBeyondHisTime) {
-  Channel channel(std::make_unique<FloodStream>());
-  int result = -1;
-  std::string head;
-  std::uint32_t dataLength = 0;
-  EXPECT_EQ(
-      channel.ReadAnswer(FabricOperation::kExist, result, head, dataLength, std::chrono::milliseconds(50)),
-      net::IoStatus::kTimeout);
+TEST(ChannelTest, AnswersThatAreNone) {
+  constexpr auto kCopy = static_cast<std::uint16_t>(FabricOperation::kCopy);
+  const std::pair<FabricFrameHeader, net::IoStatus> cases[] = {
+      {{kFrameMagic, kCopy, 0, 0, 0, 0, 0}, net::IoStatus::kOk},
+      {{kFrameMagic, kCopy, 0, 1, 0, 0, 0}, net::IoStatus::kFailed},
+      {{kFrameMagic, kCopy + 1, 0, 0, 0, 0, 0}, net::IoStatus::kFailed},
+      {{kFrameMagic, kCopy, kFrameProgress, 0, 0, 1, 0},
+       net::IoStatus::kFailed},  // an interim answer carries nothing
+      {{kFrameMagic, kCopy, kFrameProgress, 0, 0, 0, 1}, net::IoStatus::kFailed},
+      {{kFrameMagic, kCopy, kFrameProgress, 0, 0, 0, 0},
+       net::IoStatus::kTimeout}};  // without a pause, and no end
+  for (const auto& [frame, expected] : cases) {
+    Channel channel(std::make_unique<RepeatingStream>(frame));
+    int result = -1;
+    std::string head;
+    std::uint32_t dataLength = 0;
+    EXPECT_EQ(
+        channel.ReadAnswer(FabricOperation::kCopy, result, head, dataLength, std::chrono::milliseconds(50)),
+        expected);
+  }
 }
 
 TEST(SocketsTest, WhoEndsBeforeHeHasTakenAllHasNotReadIt) {
