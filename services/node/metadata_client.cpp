@@ -15,7 +15,7 @@ namespace {
 constexpr auto kLeaderPause = std::chrono::milliseconds(20);
 constexpr auto kRetryPause = std::chrono::seconds(1);
 
-/// Whether another leader, or the same a moment later, may answer.
+/// Whether a retry may succeed, at another leader or at the same one later.
 bool IsTransient(std::uint32_t status) {
   return status == VYN_ERR_RPC_TRANSPORT_A || status == VYN_ERR_RPC_TRANSPORT_B || status == kStatusNoLeader;
 }
@@ -53,8 +53,8 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   }
   engine = tessel::ShuffleMetaRPCEngine::CreateInstance(mLimits.connect.count(), false, nullptr);
   VYN_CHECK_POINTER(engine);
-  // A leader that does not answer now is followed by the calls: only a client without a pool has to be made
-  // again.
+  // If the leader does not answer now, the client still has a connection pool, and each call finds the leader
+  // again. Only a client without a pool is useless.
   const std::uint32_t status = engine->Initialize();
   if (engine->EnginePool() == nullptr) {
     return Failed(status) ? status : kStatusNoLeader;
@@ -63,7 +63,7 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   if (mEngine == nullptr) {
     mEngine = engine;
   }
-  engine = mEngine;  // two first questions at once share one
+  engine = mEngine;  // another thread may have created a client meanwhile; all threads share the first
   return VYN_OK;
 }
 

@@ -1,8 +1,10 @@
 #pragma once
 
-// The daemon's own question to the metadata leader: the blocks of a variable. Connects at the first question
-// and follows the leader from there. Executors wait for the answer: a question that gets none, because the
-// leader's host has vanished or nobody leads, is put again to whoever leads then, until its time is over.
+// The daemon's client of the metadata leader. It looks up the blocks of a variable. It connects at the first
+// look-up and follows each change of the leader. If no leader answers, LookUp retries with the current leader
+// until MetadataClientLimits::lookUp has passed, because executors wait for the result.
+//
+// Any thread may call any operation.
 
 #include "common/util/ref.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -17,15 +19,16 @@
 
 namespace vyn::services {
 
-/// Returns: the leader's address as this process knows it; empty while nobody leads.
+/// Returns: the leader's address as this process knows it; empty while it knows none.
 std::string KnownLeader();
-/// Waits for a leader, at most `limit` and while `wanted` says so. Returns: as KnownLeader.
+/// Waits until this process knows a leader, at most `limit` and while `wanted` returns true. Returns: as
+/// KnownLeader.
 std::string AwaitLeader(std::chrono::milliseconds limit, const std::function<bool()>& wanted);
 
 struct MetadataClientLimits {
   std::chrono::milliseconds connect{5000};
   std::chrono::milliseconds call{10000};
-  /// Of a look-up, all its calls together; the last one may outlast it.
+  /// For all calls of a look-up together. No call starts later; the last one may end later.
   std::chrono::milliseconds lookUp{30000};
 };
 
@@ -33,14 +36,14 @@ class MetadataClient {
  public:
   explicit MetadataClient(MetadataClientLimits limits = {}) : mLimits(limits) {}
 
-  /// Returns: 0; kStatusNoLeader when none is known; what the leader answered, or what failed on the way, as
-  /// RPCEngineBase::SendCall tells it. Any thread.
+  /// Returns: 0; kStatusNoLeader when this process knows no leader; otherwise the leader's status or a
+  /// transport failure, see RPCEngineBase::SendCall.
   std::uint32_t LookUp(const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info);
-  /// Look-ups end with their call that is under way.
+  /// Ends the retries: a look-up returns after its current call.
   void Stop() { mStopping.store(true, std::memory_order_relaxed); }
 
  private:
-  /// Fills `engine` with the one that all questions share.
+  /// Fills `engine` with the client that all look-ups share; creates it if necessary.
   std::uint32_t Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& engine);
   std::uint32_t Ask(const common::Ref<tessel::BroadcastVar>& request,
                     const common::Ref<tessel::BroadcastBlockInfo>& response);

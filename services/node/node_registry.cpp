@@ -16,7 +16,7 @@ namespace {
 
 constexpr auto kPeriod = std::chrono::seconds(1);
 constexpr auto kClaimPause = std::chrono::milliseconds(200);
-/// Tries against others that make or delete the record.
+/// Attempts to publish a record that another process creates or deletes at the same time.
 constexpr unsigned int kPublishAttempts = 3;
 constexpr const char* kFabricRoot = "/mf";
 constexpr const char* kFabricNodes = "/mf/node";
@@ -52,7 +52,7 @@ bool NodeRegistry::Claim(std::string& error, const std::function<bool()>& stoppi
   if (published != Published::kDone) {
     return false;
   }
-  // From here on the id is this node's.
+  // The id belongs to this node now, so its persistent records may be written.
   const std::string path = NodePath(mIdentity.nodeId);
   const std::string record = nlohmann::json{{"host", mIdentity.hostName}, {"ip", mIdentity.address}}.dump();
   int result = zookeeper::Ensure(path, record);
@@ -72,7 +72,7 @@ bool NodeRegistry::Start(std::string& error) {
   if (!PublishCapacity(error)) {
     return false;
   }
-  mTask.Start({"This node's records could not be kept", kPeriod}, [this] { Keep(); });
+  mTask.Start({"This node's records could not be updated", kPeriod}, [this] { UpdateRecords(); });
   return true;
 }
 
@@ -112,10 +112,10 @@ bool NodeRegistry::CheckKnownAddress(std::string& error) {
   const auto* ip = FindField(known, "ip");
   if (ip == nullptr || !ip->is_string() || *ip == mIdentity.address || mIdentity.takeOver ||
       mFabric.Stats().objects != 0) {
-    return true;  // objects carry the id: a pool with some has moved with its node
+    return true;  // object ids contain the node id, so a pool with objects has moved together with its node
   }
   error = "node id " + std::to_string(mIdentity.nodeId) + " is known at " + ip->get<std::string>() +
-          " and this pool is empty; when that node is gone for good or has moved here, start once with "
+          " and this pool is empty; if that node is gone for good or has moved here, start once with "
           "--take-over";
   return false;
 }
@@ -178,8 +178,8 @@ bool NodeRegistry::PublishCapacity(std::string& error) {
              [](const std::string&) { return Published::kDone; }, error) == Published::kDone;
 }
 
-void NodeRegistry::Keep() {
-  // Also after a new session: what is missing is made again.
+void NodeRegistry::UpdateRecords() {
+  // In a new session the ephemeral records of the old one are missing, and both calls create them again.
   std::string error;
   const bool now = PublishIdentity(error) == Published::kDone && PublishCapacity(error);
   if (!now && mPublished) {

@@ -1,16 +1,19 @@
 #pragma once
 
-// This node in the cluster's tree: its ephemeral records under /mf, kept fresh by a thread of its own, and
-// its persistent ones, by which the metadata leader knows it also while it is down.
+// Registers this node in ZooKeeper. Its ephemeral records below /mf say that it runs; a thread of the
+// registry updates them. By its persistent records the metadata leader knows the node while it is down.
 //
-// A node id is a node's own: what stands below it in ZooKeeper tells which memory of that node is free. So
-// Claim comes before anything of the id is read or written, and refuses an id that is another node's:
+// No two nodes may use one node id: each would free memory that the other's reclaim list names. So Claim must
+// succeed before this process reads or writes anything else of the id. What Claim finds, and what it does:
 //
-//   /mf/node/<id> of another session, at another address          refused: that node runs
-//   ... at this address and link port                             replaced: this node before a restart, for
-//                                                                 nobody else can have the open port
-//   ... at this address and another link port                     waited for, at most claimLimit: it may run
-//   /vyn/nodes/<id> with another address, and an empty pool here  refused without takeOver: it may come back
+//   /mf/node/<id> of another session, at another address          refuses: that node runs
+//   ... at this address and link port                             replaces it: the record is from before a
+//                                                                 restart, since this process has the port
+//   ... at this address and another link port                     waits at most claimLimit: that node may run
+//   /vyn/nodes/<id> with another address, and an empty pool here  refuses without takeOver: that node may
+//                                                                 come back
+//
+// One thread calls Claim, Start and Stop. After Start only the registry's thread uses the other members.
 
 #include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
@@ -27,48 +30,56 @@ struct NodeIdentity {
   std::string address;
   std::string hostName;
   std::uint16_t linkPort = 0;
-  /// The node of this id at another address is gone for good, or has moved here and lost its pool.
+  /// Take the id although /vyn/nodes/<id> has another address: that node is gone for good, or has moved here
+  /// and lost its pool.
   bool takeOver = false;
-  /// How long the claim waits for the end of an earlier session: longer than a session lives.
+  /// How long Claim waits for the end of an earlier session. Must be longer than the session time-out.
   std::chrono::milliseconds claimLimit{40000};
 };
 
 class NodeRegistry {
  public:
-  /// \param fabric is the caller's and outlives the registry.
+  /// \param fabric must outlive the registry.
   NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric);
-  /// Stops.
+  /// Calls Stop.
   ~NodeRegistry();
   NodeRegistry(const NodeRegistry&) = delete;
   NodeRegistry& operator=(const NodeRegistry&) = delete;
 
-  /// Makes the id this node's: its record under /mf/node, then its persistent ones. Requires: the fabric node
-  /// runs.
-  /// \param stopping ends the wait early. Returns: false with the reason: ZooKeeper does not answer, or the
-  /// id is another node's, of which nothing was changed.
+  /// Claims the node id: creates the record below /mf/node, then the persistent records. Requires: the fabric
+  /// node runs.
+  /// \param stopping ends the wait early when it returns true. Returns: false with the reason in `error`:
+  /// ZooKeeper failed, or the id belongs to another node. Claim does not change the records of another node.
   bool Claim(std::string& error, const std::function<bool()>& stopping = {});
-  /// Publishes the capacity too, with which this node is chosen for blocks, and begins to keep the records.
-  /// Requires: Claim. Returns: false with the reason.
+  /// Publishes the capacity, after which the leader may choose this node for blocks, and starts the thread
+  /// that updates the ephemeral records. Requires: Claim has succeeded. Returns: false with the reason in
+  /// `error`.
   bool Start(std::string& error);
-  /// Ends the thread and takes the ephemeral records away.
+  /// Stops the thread and deletes this session's ephemeral records.
   void Stop();
 
  private:
-  /// What became of an attempt to publish a record.
-  enum class Published { kDone, kForeign, kUndecided, kFailed };
+  enum class Published {
+    kDone,
+    kForeign,    ///< the record belongs to another node
+    kUndecided,  ///< the record's node may run or may have ended
+    kFailed,     ///< ZooKeeper failed
+  };
 
   bool MakeTree(std::string& error);
   bool CheckKnownAddress(std::string& error);
   Published PublishIdentity(std::string& error);
   bool PublishCapacity(std::string& error);
+  /// Creates the record or updates it. \param judge called with a record of another session; kDone lets
+  /// PublishEphemeral replace it, any other value is returned.
   Published PublishEphemeral(const std::string& path, const std::string& record,
                              const std::function<Published(const std::string& present)>& judge,
                              std::string& error);
-  void Keep();
+  void UpdateRecords();
 
   const NodeIdentity mIdentity;
   const fabric::FabricNode& mFabric;
-  /// Whether the last round of mTask found or made the records. Only its thread uses it.
+  /// Whether the last UpdateRecords succeeded. Only the thread of mTask uses it.
   bool mPublished = true;
   common::PeriodicTask mTask;
 };

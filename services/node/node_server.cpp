@@ -22,12 +22,12 @@ using namespace tessel;  // the messages
 
 /// The most blocks of one request.
 constexpr std::size_t kMaxBlocks = 500000;
-/// How long the question for the leader waits while there is none.
+/// How long a request for the leader's address waits while no leader is known.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
 /// The largest blob, in bytes; the client has the same limit.
 constexpr std::uint64_t kMaxBlobSize = std::uint64_t{20} << 20U;
 
-/// What a result of the pool is for a caller.
+/// Returns: the status for a result of the pool.
 std::uint32_t StatusOf(int result) {
   switch (result) {
     case 0:
@@ -52,7 +52,7 @@ rpc::ServerOptions ServerOptionsOf(const NodeServerOptions& options) {
   return server;
 }
 
-/// What the object `bmId` gives to the number of its blob.
+/// The inner id of a blob is BlobHash(its object id) xor BagHash(its bag id).
 std::uint64_t BlobHash(const std::string& bmId) {
   std::array<unsigned char, crypto_hash_sha256_BYTES> digest{};
   crypto_hash_sha256(digest.data(), reinterpret_cast<const unsigned char*>(bmId.data()), bmId.size());
@@ -61,12 +61,11 @@ std::uint64_t BlobHash(const std::string& bmId) {
   return hash;
 }
 
-/// What its bag gives to the number of a blob, which is both, xor.
 std::uint64_t BagHash(std::uint32_t bagId) {
-  return bagId * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: neighbours differ in all bits
+  return bagId * 0x9E3779B97F4A7C15ULL;  // 2^64 / golden ratio: the usual factor of multiplicative hashing
 }
 
-/// A name and a token that the pool takes.
+/// Whether the pool accepts this name and this token.
 bool CanRegister(const std::string& application, const std::string& token) {
   return IsName(application) && application.size() <= fabric::kMaxNamespaceLength &&
          token.size() <= fabric::kMaxTokenLength;
@@ -130,7 +129,7 @@ void NodeServer::RegisterOperations() {
   Serve<MetaLeaderInformation, MetaLeaderInformation>(
       mServer, ShuffleServer::META_LEADER_INFO, "META_LEADER_INFO",
       [this](auto&, auto& response, const std::string&) -> std::uint32_t {
-        // Executors ask once, also while the first leader of a cluster is being elected.
+        // An executor sends this request once, perhaps while the cluster elects its first leader. So wait.
         response.metaLeaderInfo = AwaitLeader(kLeaderLimit, [this] { return !mStopping; });
         return response.metaLeaderInfo.empty() ? kStatusNoLeader : VYN_OK;
       });
@@ -160,30 +159,30 @@ std::uint64_t NodeServer::ObjectsOf(const std::string& application) const {
   return 0;
 }
 
-class NodeServer::Making {
+class NodeServer::QuotaReservation {
  public:
-  Making(NodeServer& server, std::string application)
+  QuotaReservation(NodeServer& server, std::string application)
       : mServer(server), mApplication(std::move(application)) {}
-  ~Making() { Done(mCount); }
-  Making(const Making&) = delete;
-  Making& operator=(const Making&) = delete;
+  ~QuotaReservation() { Release(mCount); }
+  QuotaReservation(const QuotaReservation&) = delete;
+  QuotaReservation& operator=(const QuotaReservation&) = delete;
 
-  /// Returns: false when the application would have more than it may.
-  bool Begin(std::uint64_t count) {
-    std::lock_guard lock(mServer.mMakingMutex);
-    std::uint64_t& making = mServer.mMaking[mApplication];
-    const bool allowed = mServer.ObjectsOf(mApplication) + making + count <= mServer.mOptions.maxObjects;
+  /// Reserves `count` objects. Returns: false if the application would exceed maxObjects.
+  bool Reserve(std::uint64_t count) {
+    std::lock_guard lock(mServer.mReservedMutex);
+    std::uint64_t& reserved = mServer.mReserved[mApplication];
+    const bool allowed = mServer.ObjectsOf(mApplication) + reserved + count <= mServer.mOptions.maxObjects;
     mCount = allowed ? count : 0;
-    making += mCount;
+    reserved += mCount;
     return allowed;
   }
-  /// So many are in the pool by now.
-  void Done(std::uint64_t count) {
-    std::lock_guard lock(mServer.mMakingMutex);
+  /// Releases `count` reserved objects, which the pool counts from now on.
+  void Release(std::uint64_t count) {
+    std::lock_guard lock(mServer.mReservedMutex);
     mCount -= count;
-    const auto making = mServer.mMaking.find(mApplication);
-    if (making != mServer.mMaking.end() && (making->second -= count) == 0) {
-      mServer.mMaking.erase(making);
+    const auto reserved = mServer.mReserved.find(mApplication);
+    if (reserved != mServer.mReserved.end() && (reserved->second -= count) == 0) {
+      mServer.mReserved.erase(reserved);
     }
   }
 
@@ -208,8 +207,8 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
     return kStatusInvalidRequest;
   }
   std::uint32_t status = FixToken(request.ns, request.token);
-  // The name's earlier life is over by now, and what it has left here must not be taken for the new one's.
-  // Later its entries would end the new application.
+  // An earlier application of this name has ended, but this node may still hold its memory and reclaim
+  // entries. Handle them first: a later Drain would destroy the namespace of the new application.
   if (!Failed(status) && mOptions.reclaim && !mOptions.reclaim(request.ns)) {
     status = kStatusStore;
   }
@@ -229,7 +228,7 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
 std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request,
                                                 const std::string& peer) {
   if (!IsName(request.ns)) {
-    return kStatusInvalidRequest;  // nor does it go into the audit log
+    return kStatusInvalidRequest;  // without an audit line, which could not show such a name
   }
   const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
   Audit(peer, "unregister_application", request.ns, status);
@@ -249,8 +248,8 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
   if (!IsRegistered(request.appId)) {
     return kStatusNotRegistered;
   }
-  Making making(*this, request.appId);
-  if (!making.Begin(request.sizes.size())) {
+  QuotaReservation quota(*this, request.appId);
+  if (!quota.Reserve(request.sizes.size())) {
     return kStatusLimit;
   }
   response.appId = request.appId;
@@ -262,11 +261,11 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
     std::string bmId;
     const int result = mFabric.Allocate(request.appId, size, bmId);
     if (result != 0) {
-      // All or none: the caller learns of none of them.
+      // The caller gets all blocks or none, so free those that were allocated.
       mFabric.FreeBatch(request.appId, response.bmIds);
       return StatusOf(result);
     }
-    making.Done(1);
+    quota.Release(1);
     response.bmIds.push_back(std::move(bmId));
   }
   return VYN_OK;
@@ -274,9 +273,8 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
 
 void NodeServer::TakeBack(const char* operation, const std::string& application,
                           const std::vector<std::string>& bmIds) {
-  VYN_LOG_WARN("The answer to " << operation << " of application " << application
-                                << " did not reach its caller, " << bmIds.size()
-                                << " objects are given back");
+  VYN_LOG_WARN("The reply to " << operation << " of application " << application
+                               << " did not reach its caller; freeing " << bmIds.size() << " objects");
   mOptions.giveBack(application, bmIds);
 }
 
@@ -302,8 +300,8 @@ std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& re
       Failed(status)) {
     return status;
   }
-  Making making(*this, request.ns);
-  if (!making.Begin(1)) {
+  QuotaReservation quota(*this, request.ns);
+  if (!quota.Reserve(1)) {
     return kStatusLimit;
   }
   std::string bmId;
@@ -316,7 +314,7 @@ std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& re
     mFabric.Free(request.ns, bmId);
     return VYN_ERR_NULL_POINTER;
   }
-  id->bagId = request.blobNumber + 1U;  // never 0, which no caller takes for an id
+  id->bagId = request.blobNumber + 1U;  // clients reject 0 as an id
   id->innerId = BlobHash(bmId) ^ BagHash(id->bagId);
   response.mId = id;
   response.blobText = bmId;
@@ -342,7 +340,7 @@ std::uint32_t NodeServer::DeleteBlobs(BlobBatchDeleteRequest& request, const std
       bmIds.push_back(object.id);
     }
   }
-  mFabric.FreeBatch(request.ns, bmIds);  // one that is gone already is what the caller wants
+  mFabric.FreeBatch(request.ns, bmIds);  // ignores objects that do not exist any more, so a retry succeeds
   return VYN_OK;
 }
 

@@ -1,10 +1,13 @@
 #pragma once
 
-// The server of this node's executors: applications, block batches, the leader's address, blobs.
+// The RPC server for the processes of this machine: registration of applications, batches of blocks, the
+// leader's address, blobs.
 //
-// An application is registered at a node when the node's pool has its namespace, so a registration outlives a
-// restart of the daemon. A blob is an object of the pool whose number is made from its id there, so
-// that it is found again after a restart too.
+// An application is registered at a node if the node's pool has its namespace. So a registration survives a
+// restart of the daemon. A blob is an object of the pool, and its blob id is computed from the object id. So
+// the server finds a blob after a restart as well.
+//
+// One thread calls Start and Stop; any thread may call the other operations.
 
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/rpc/server/server.h"
@@ -31,35 +34,37 @@ struct NodeServerOptions {
   /// The most objects of one application in this node's pool.
   std::uint64_t maxObjects = 2000000;
   rpc::ServerOptions server;
-  /// Gives back, before an application registers, what an earlier application of that name has left on this
-  /// node.
-  /// Returns: whether nothing is left of it.
+  /// Frees what an earlier application of that name has left on this node. Called when an application
+  /// registers.
+  /// Returns: whether nothing is left.
   std::function<bool(const std::string& application)> reclaim;
-  /// Frees objects of the pool, soon: called from threads that must not wait.
+  /// Lets another thread free objects of the pool. Must not block: the RPC server's threads call it.
   std::function<void(const std::string& application, const std::vector<std::string>& bmIds)> giveBack;
   VariableCache::AskLeader lookUp;
 };
 
 class NodeServer {
  public:
-  /// \param fabric is the caller's and outlives the server.
+  /// \param fabric must outlive the server.
   NodeServer(NodeServerOptions options, fabric::FabricNode& fabric);
-  /// Stops.
+  /// Calls Stop.
   ~NodeServer();
   NodeServer(const NodeServer&) = delete;
   NodeServer& operator=(const NodeServer&) = delete;
 
-  /// Returns: false with the reason.
+  /// Returns: false with the reason in `error`.
   bool Start(std::string& error);
-  /// Lets running calls answer.
+  /// Waits for the replies of running calls, at most rpc::ServerOptions::mStopTimeout, and closes the
+  /// connections.
   void Stop();
 
-  /// Forgets what is remembered of a variable, of an application that has ended, and what was pulled of their
-  /// blocks.
+  /// Drops a variable, or all variables of an application that has ended, from the cache, and drops the
+  /// pulled copies of their blocks.
   void Forget(const std::string& application, std::uint32_t id);
   void Forget(const std::string& application);
-  /// All, for the leader may have counted this node as down: it does not wait then until what was deleted is
-  /// forgotten here before a number is used again.
+  /// Drops all variables and pulled copies. Call it after a new ZooKeeper session: meanwhile the leader may
+  /// have taken this node for down, and then it reuses the number of a deleted variable without waiting for
+  /// this node.
   void ForgetAll();
 
  private:
@@ -68,20 +73,21 @@ class NodeServer {
                                     tessel::NodeIdResponse& response, const std::string& peer);
   std::uint32_t UnregisterApplication(tessel::ApplicationRegisterRequest& request, const std::string& peer);
   std::uint32_t CreateBlocks(tessel::BroadcastBlockBatch& request, tessel::BroadcastBlockInfo& response);
-  /// Frees what was made for a caller that has gone without its answer.
+  /// Frees the objects of a call whose reply did not reach the caller.
   void TakeBack(const char* operation, const std::string& application, const std::vector<std::string>& bmIds);
   void FetchBlocks(const tessel::BroadcastVar& request, const Caller& caller);
   std::uint32_t CreateBlob(tessel::BlobCreateRequest& request, tessel::ShuffleBlob& response,
                            const std::string& peer);
   std::uint32_t DeleteBlobs(tessel::BlobBatchDeleteRequest& request, const std::string& peer);
-  /// Whether the token is the application's, for an operation on blobs. A wrong one is audited. Returns: 0 or
-  /// a status.
+  /// Checks the application's token for an operation on blobs. Writes an audit line for a wrong token.
+  /// Returns: 0 or a status.
   std::uint32_t CheckToken(const std::string& application, const std::string& token, const char* operation,
                            const std::string& peer) const;
-  /// Objects that the pool has of the application.
+  /// The number of the application's objects in the pool.
   std::uint64_t ObjectsOf(const std::string& application) const;
-  /// Objects that a call is about to make: others that come meanwhile count them, too.
-  class Making;
+  /// The quota for objects that one call is about to allocate. Concurrent calls count it against the limit
+  /// too.
+  class QuotaReservation;
   bool IsRegistered(const std::string& application) const;
 
   const NodeServerOptions mOptions;
@@ -90,9 +96,9 @@ class NodeServer {
   rpc::Server mServer;
 
   std::atomic<bool> mStopping{false};
-  std::mutex mMakingMutex;
-  /// By application. Guarded by mMakingMutex.
-  std::map<std::string, std::uint64_t> mMaking;
+  std::mutex mReservedMutex;
+  /// The reserved objects of each application. Guarded by mReservedMutex.
+  std::map<std::string, std::uint64_t> mReserved;
 };
 
 }  // namespace vyn::services

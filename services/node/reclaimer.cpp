@@ -23,7 +23,7 @@ Reclaimer::Reclaimer(std::uint16_t nodeId, fabric::FabricNode& fabric,
 Reclaimer::~Reclaimer() { Stop(); }
 
 void Reclaimer::Start() {
-  mTask.Start({"This node's list could not be worked off", kPeriod, true}, [this] {
+  mTask.Start({"This node's reclaim list could not be processed", kPeriod, true}, [this] {
     FreeGivenBack();
     Drain();
   });
@@ -68,7 +68,7 @@ bool Reclaimer::Drain(const std::string& application) {
     FreeGivenBack();
     const Outcome outcome = DrainEntry(list + "/" + name, application);
     if (outcome == Outcome::kUnanswered) {
-      return false;  // nor would ZooKeeper answer for the next, each after a wait of its own
+      return false;  // ZooKeeper would hardly answer for the next entry, and each attempt takes a time-out
     }
     done = done && outcome != Outcome::kLater;
   }
@@ -83,7 +83,7 @@ Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::str
   }
   ReclaimEntry entry;
   if (!ReclaimEntry::FromText(text, entry)) {
-    VYN_LOG_ERROR("The entry " << path << " cannot be read, it is dropped: " << text);
+    VYN_LOG_ERROR("The entry " << path << " is invalid and is deleted: " << text);
     static_cast<void>(zookeeper::Delete(path));
     return Outcome::kDone;
   }
@@ -94,20 +94,21 @@ Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::str
   if (outcome != Outcome::kDone) {
     return outcome;
   }
-  mTold.erase(entry.variablePath);
-  mForgotten.erase(path);
+  mReportedDamaged.erase(entry.variablePath);
+  mNotifiedEntries.erase(path);
   const int deleted = zookeeper::Delete(path);
   return deleted == ZOK || deleted == ZNONODE ? Outcome::kDone : Outcome::kLater;
 }
 
 Reclaimer::Outcome Reclaimer::Handle(const std::string& path, const ReclaimEntry& entry) {
-  // An entry of a variable may stay for long, and its number be in use again meanwhile.
-  if (mForget && (entry.variablePath.empty() || mForgotten.insert(path).second)) {
+  // Call mForget once for an entry of a variable: the entry may stay for long, and a new variable may
+  // meanwhile use the number. A second call would drop the new one from the cache.
+  if (mForget && (entry.variablePath.empty() || mNotifiedEntries.insert(path).second)) {
     mForget(entry);
   }
   if (entry.variablePath.empty()) {
     const int result = mFabric.DestroyNamespace(entry.application);
-    VYN_LOG_INFO("Application " << entry.application << " has ended, its memory on this node is free, result "
+    VYN_LOG_INFO("Application " << entry.application << " has ended; destroying its namespace gave "
                                 << result);
     return result == 0 || result == -ENOENT ? Outcome::kDone : Outcome::kLater;
   }
@@ -118,7 +119,7 @@ Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
   VariableRecord record;
   RecordRead read = ReadVariableRecord(entry.variablePath, record);
   if (read == RecordRead::kAbsent) {
-    // Either it was done before, or a piece of its list is missing.
+    // Either the record was deleted before, or a piece of its block list is missing.
     const int result = zookeeper::Exists(entry.variablePath);
     if (result == ZNONODE) {
       return Outcome::kDone;
@@ -129,14 +130,14 @@ Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
     return Outcome::kUnanswered;
   }
   if (read == RecordRead::kDamaged && mFabric.CheckToken(entry.application, "") != -ENOENT) {
-    if (mTold.insert(entry.variablePath).second) {
+    if (mReportedDamaged.insert(entry.variablePath).second) {
       VYN_LOG_ERROR("The blocks of " << entry.variablePath
-                                     << " cannot be freed, its record cannot be read; they stay "
+                                     << " cannot be freed because its record is damaged; they stay "
                                      << "until application " << entry.application << " ends");
     }
     return Outcome::kKept;
   }
-  mFabric.FreeBatch(entry.application, record.blocks.bmIds);  // one that is gone already is no failure
+  mFabric.FreeBatch(entry.application, record.blocks.bmIds);  // ignores objects that do not exist any more
   return zookeeper::DeleteTree(entry.variablePath) == ZOK ? Outcome::kDone : Outcome::kLater;
 }
 

@@ -1,8 +1,11 @@
 #pragma once
 
-// Gives memory back that the metadata leader has freed: works this node's list in ZooKeeper off, at start
-// before the node serves, when an application registers anew, and by a thread of its own. What could not be
-// done stays in the list. Beside it, frees what this node made and nobody has learnt of.
+// Frees the memory of deleted variables and ended applications. The metadata leader writes them to this
+// node's reclaim list in ZooKeeper. The reclaimer processes the list when the daemon starts, when an
+// application registers, and periodically on a thread of its own. An entry that fails stays in the list.
+// GiveBack frees further objects on the same thread: those of calls whose replies did not reach the caller.
+//
+// One thread calls Start and Stop; any thread may call the other operations.
 
 #include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
@@ -20,30 +23,33 @@ namespace vyn::services {
 
 class Reclaimer {
  public:
-  /// \param fabric is the caller's and outlives the reclaimer. \param forget is told of every entry before
-  ///        its memory goes, of a variable's only once.
+  /// \param fabric must outlive the reclaimer.
+  /// \param forget called for each entry before its memory is freed; at most once for an entry of a variable.
   Reclaimer(std::uint16_t nodeId, fabric::FabricNode& fabric,
             std::function<void(const ReclaimEntry& entry)> forget);
-  /// Stops.
+  /// Calls Stop.
   ~Reclaimer();
   Reclaimer(const Reclaimer&) = delete;
   Reclaimer& operator=(const Reclaimer&) = delete;
 
   void Start();
-  /// Requires: the fabric runs, or nothing was given back since the thread last looked.
+  /// Stops the thread and frees the remaining objects of GiveBack. Requires: the fabric runs if there are
+  /// any.
   void Stop();
-  /// Frees the objects, by the thread. Any thread; waits for nothing.
+  /// Lets the reclaimer's thread free the objects. Does not block.
   void GiveBack(const std::string& application, const std::vector<std::string>& bmIds);
-  /// Works the list off now; with an application, only its entries. Any thread. Returns: whether nothing is
-  /// left of it that could be done.
+  /// Processes the reclaim list now. \param application only its entries; empty for all. Returns: true if no
+  /// entry is left except those that Outcome::kKept describes.
   bool Drain(const std::string& application = "");
 
  private:
   enum class Outcome {
     kDone,
-    kLater,       ///< it could not be freed: again
-    kUnanswered,  ///< ZooKeeper does not tell what it is: this and all that follow, again
-    kKept,  ///< the blocks cannot be named: they stay until their application ends, and the entry with them
+    kLater,  ///< failed; the next Drain retries it
+    /// ZooKeeper did not answer. Drain ends; the next one retries this entry and the later ones.
+    kUnanswered,
+    /// The record is damaged, so the block ids are unknown. Entry and blocks stay until the application ends.
+    kKept,
   };
 
   void FreeGivenBack();
@@ -54,14 +60,14 @@ class Reclaimer {
   const std::uint16_t mNodeId;
   fabric::FabricNode& mFabric;
   const std::function<void(const ReclaimEntry& entry)> mForget;
-  /// Held while an entry is worked off, so that none is done twice at once.
+  /// Held while a thread processes an entry, so that no two threads process the same one.
   std::mutex mDraining;
-  /// Entries of variables that are still in the list and of which mForget was told. Guarded by mDraining.
-  std::set<std::string> mForgotten;
-  /// Records of which it was told that they cannot be read. Guarded by mDraining.
-  std::set<std::string> mTold;
+  /// The entries of variables in the list for which mForget has been called. Guarded by mDraining.
+  std::set<std::string> mNotifiedEntries;
+  /// The damaged records that have been logged, so that each is logged once. Guarded by mDraining.
+  std::set<std::string> mReportedDamaged;
   std::mutex mMutex;
-  /// By application. Guarded by mMutex.
+  /// The application and the object ids of each GiveBack. Guarded by mMutex.
   std::vector<std::pair<std::string, std::vector<std::string>>> mGivenBack;
   common::PeriodicTask mTask;
 };

@@ -18,8 +18,8 @@ namespace vyn::services {
 namespace {
 
 constexpr std::size_t kSaltBytes = 16;
-/// The record may be made and deleted by others between two looks at it, and the removal of an earlier
-/// application of the name may be under way.
+/// How long FixToken retries. Other processes may create and delete the record between two reads, and the
+/// leader may still be removing an earlier application of the name.
 constexpr auto kLimit = std::chrono::seconds(5);
 constexpr auto kPause = std::chrono::milliseconds(50);
 
@@ -30,7 +30,7 @@ std::string Hex(const unsigned char* bytes, std::size_t count) {
   return text;
 }
 
-/// Returns: the hash in hexadecimal.
+/// Returns: the salted hash in hexadecimal.
 std::string Hash(const std::string& salt, const std::string& token) {
   const std::string input = salt + "/" + token;
   std::array<unsigned char, crypto_hash_sha256_BYTES> digest{};
@@ -38,7 +38,7 @@ std::string Hash(const std::string& salt, const std::string& token) {
   return Hex(digest.data(), digest.size());
 }
 
-/// Whether `record` is of `token`.
+/// Whether `record` holds the hash of `token`. The comparison takes constant time.
 bool Matches(const nlohmann::json& record, const std::string& token) {
   const std::string expected = TextField(record, "hash");
   const std::string actual = Hash(TextField(record, "salt"), token);
@@ -50,7 +50,7 @@ bool Matches(const nlohmann::json& record, const std::string& token) {
 
 std::uint32_t FixToken(const std::string& application, const std::string& token) {
   if (sodium_init() < 0) {
-    return VYN_ERR_GENERIC;  // the machine has no random numbers to give
+    return VYN_ERR_GENERIC;  // the machine has no source of random numbers
   }
   const std::string path = AppPath(application);
   int result = ZNONODE;
@@ -70,13 +70,13 @@ std::uint32_t FixToken(const std::string& application, const std::string& token)
       break;
     }
     if (FindField(ParseJson(text), kRemovedFlag) != nullptr) {
-      continue;  // an earlier application of the name is on its way out
+      continue;  // the leader is removing an earlier application of this name
     }
     std::array<unsigned char, kSaltBytes> bytes{};
     randombytes_buf(bytes.data(), bytes.size());
     const std::string salt = Hex(bytes.data(), bytes.size());
-    // The write comes first: it fails when the removal has begun meanwhile, and what is read after it is not
-    // older than it.
+    // Try to create the token before reading it. The transaction fails if a removal has begun meanwhile, and
+    // a token that is read after a failed creation is not older than that attempt.
     zookeeper::Transaction fix;
     fix.Check(path, stat.version)
         .Create(TokenPath(application), nlohmann::json{{"salt", salt}, {"hash", Hash(salt, token)}}.dump());

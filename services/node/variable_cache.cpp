@@ -10,7 +10,7 @@ namespace {
 
 using tessel::BroadcastBlockInfo;
 
-/// The most look-ups in the queue. So many wait only while no leader answers.
+/// The most queued look-ups. The queue grows this long only while no leader answers.
 constexpr std::size_t kMaxQueued = 10000;
 
 void Answer(const Caller& caller, const BroadcastBlockInfo& variable) {
@@ -27,7 +27,8 @@ void Answer(const Caller& caller, const BroadcastBlockInfo& variable) {
   caller.Answer(response);
 }
 
-/// Whether the leader's refusal may be out of date when it arrives: the driver goes on meanwhile.
+/// Whether the leader's refusal may be outdated when it arrives: the driver may have completed the variable
+/// since.
 bool MayBeOutdated(std::uint32_t status) {
   return status == kStatusUnknownVariable || status == kStatusNotReady;
 }

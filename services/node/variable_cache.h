@@ -1,12 +1,13 @@
 #pragma once
 
-// The variables that this node knows: each is looked up at the metadata leader once, however many executors ask for it at
-// the same time, and remembered until it is deleted.
+// The cache of the variables that executors of this node have fetched. A miss starts a single-flight look-up:
+// one request to the metadata leader for all callers that want the same variable. A variable stays until it
+// is deleted.
 //
-// A look-up keeps the thread of the first caller. The others wait without a thread, and so do look-ups beyond the limit of
-// threads.
+// A look-up blocks the thread of its first caller. Later callers wait in a list and block no thread. A
+// look-up beyond maxThreads waits in a queue and blocks no thread either.
 //
-// Threads: any.
+// Any thread may call any operation.
 
 #include "common/util/ref.h"
 #include "services/common/rpc_handlers.h"
@@ -25,40 +26,43 @@ namespace vyn::services {
 
 class VariableCache {
  public:
-  /// Asks the metadata leader for a variable. Returns: 0 or a status.
+  /// Requests a variable from the metadata leader. Returns: 0 or a status.
   using AskLeader = std::function<std::uint32_t(const std::string& application, std::uint32_t id,
                                                 tessel::BroadcastBlockInfo& info)>;
 
-  /// \param maxThreads the most threads that look up at once: fewer than the server has, so that what needs no leader is
-  ///        served without one.
+  /// \param maxThreads the most threads that look-ups may block. It must be less than the server's number of
+  /// threads, so that requests that need no leader are still served when the leader does not answer.
   VariableCache(AskLeader askLeader, unsigned int maxThreads)
       : mAskLeader(std::move(askLeader)), mMaxThreads(maxThreads) {}
   VariableCache(const VariableCache&) = delete;
   VariableCache& operator=(const VariableCache&) = delete;
 
-  /// Answers `caller`, now or when a look-up has ended.
+  /// Replies to `caller`, now or when the look-up has finished.
   void Fetch(const std::string& application, std::uint32_t id, const Caller& caller);
 
-  /// Forgets a variable, the variables of an application, all. Returns: the blocks of what was forgotten.
+  /// Drop a variable, all variables of an application, or everything. Returns: the block ids of the dropped
+  /// variables.
   std::vector<std::string> Forget(const std::string& application, std::uint32_t id);
   void Forget(const std::string& application);
   std::vector<std::string> ForgetAll();
 
  private:
   using Key = std::pair<std::string, std::uint32_t>;
-  /// Of which variable, and the value of mForgets when it began.
+  /// The variable, and the value of mForgets when the look-up began.
   using LookUp = std::pair<Key, std::uint64_t>;
 
-  /// Runs `lookUp` and then those that are queued, until there is none. When the leader did not answer, the queued ones are
-  /// refused instead. Requires: mThreads counts this thread.
+  /// Runs `lookUp`, then the queued look-ups until the queue is empty. If a look-up failed because of the
+  /// leader or the network, refuses the queued look-ups with its status. Requires: mThreads counts this
+  /// thread.
   void RunAll(LookUp lookUp);
-  /// Takes the next queued look-up. Returns: false when there is none; mThreads does not count this thread any more then.
+  /// Takes the next look-up from the queue. If the queue is empty, decrements mThreads and returns false.
   bool TakeQueued(LookUp& lookUp);
   void RefuseQueued(const LookUp& lookUp, std::uint32_t status);
-  /// Asks the leader and answers all who wait. Whoever began to wait after the question was put is not told that the
-  /// variable is missing or not ready: for them the leader is asked again. Returns: 0 or the last status.
+  /// Sends the request to the leader and replies to all waiting callers. If the leader says that the variable
+  /// is unknown or not ready, callers that came after the request was sent do not get this reply: for them
+  /// Run sends another request. Returns: 0 or the last status.
   std::uint32_t Run(const LookUp& lookUp);
-  /// Asks the leader and remembers the answer. Returns: 0 or a status.
+  /// Sends the request to the leader and caches the variable. Returns: 0 or a status.
   std::uint32_t Ask(const LookUp& lookUp, const common::Ref<tessel::BroadcastBlockInfo>& found);
 
   const AskLeader mAskLeader;
@@ -66,12 +70,12 @@ class VariableCache {
   std::mutex mMutex;
   // Guarded by mMutex.
   std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;
-  /// Counts the calls of Forget and ForgetAll. An answer of the leader that was on its way meanwhile is not remembered, nor
-  /// given to those who asked later.
+  /// Counts the calls of Forget and ForgetAll. A reply of the leader that was in flight during such a call is
+  /// not cached, and callers that came after the call do not get it.
   std::uint64_t mForgets = 0;
-  /// The callers of each look-up, under way or queued.
+  /// The waiting callers of each look-up, in-flight or queued.
   std::map<LookUp, std::vector<Caller>> mWaiting;
-  /// Threads that look up.
+  /// The number of threads in RunAll.
   unsigned int mThreads = 0;
   std::deque<LookUp> mQueued;
 };
