@@ -17,9 +17,9 @@ namespace {
 
 constexpr auto kPeriod = std::chrono::seconds(1);
 constexpr auto kIdlePeriod = std::chrono::seconds(10);
-/// How long somebody waits for another's reading.
+/// How long a thread waits for a Refresh that another thread runs.
 constexpr auto kShareLimit = std::chrono::seconds(5);
-/// After so many failures in a row the pause grows no more: 1, 2, 4, 8 seconds.
+/// The pause after a failure is 1, 2, 4 and from this many failures in a row on 8 seconds.
 constexpr unsigned int kMostFailures = 4;
 
 }  // namespace
@@ -79,7 +79,7 @@ bool FabricView::Refresh() {
   bool answered = false;
   try {
     answered = Read(nodes);
-  } catch (const std::exception& failure) {  // no memory: the next time there may be some
+  } catch (const std::exception& failure) {  // probably bad_alloc; the next Refresh may succeed
     VYN_LOG_ERROR("The nodes of the fabric could not be read: " << failure.what());
   }
   {
@@ -103,9 +103,8 @@ bool FabricView::Refresh() {
 
 bool FabricView::Read(Nodes& nodes) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
-  if (adapter == nullptr ||
-      VynGetZkHandle() == nullptr) {  // the fabric's doors open before the first session
-    return false;
+  if (adapter == nullptr || VynGetZkHandle() == nullptr) {
+    return false;  // the fabric node accepts connections before this process has a ZooKeeper session
   }
   std::vector<std::string> names;
   const int result = zookeeper::Children(adapter->mNodePath, names);
@@ -120,10 +119,10 @@ bool FabricView::Read(Nodes& nodes) {
     }
     if (Failed(adapter->ClusterZKGetNodeInfo(id, node))) {
       if (zookeeper::Exists(adapter->mNodePath + "/" + name) != ZNONODE) {
-        return false;  // a node that is there and cannot be read is not gone
+        return false;  // the znode exists but could not be read: do not treat the node as gone
       }
     } else {
-      // A node that has just come has no capacity record yet; it counts as full until it has.
+      // A node that has just started may have no capacity record yet. It counts as full until it has one.
       static_cast<void>(adapter->ClusterZKGetMemInfo(id, node));
       nodes.live.emplace(id, std::move(node));
     }

@@ -1,10 +1,12 @@
 #pragma once
 
-// Which nodes the memory fabric has, and how much room they have: what stands under /mf and /vyn/nodes, read
-// again by a thread of its own, so that a request is answered from memory: every second while the metadata
-// service answers from it, otherwise seldom, for every node of the cluster has a view and reads all the
-// others. One reading is under way at a time, and who asks meanwhile shares what comes of it; after failures
-// it is tried less and less often.
+// The nodes of the memory fabric and the free bytes of their pools, as ZooKeeper has them below /mf and
+// /vyn/nodes. A thread of the view reads them periodically, so that requests are answered from memory. It
+// reads every second while the metadata service runs on this node, otherwise every 10 seconds, because every
+// node of the cluster has a view and reads the records of all others. After failures the pause grows.
+//
+// One thread reads at a time; a thread that calls Refresh meanwhile waits for its result. One thread calls
+// Start and Stop; any thread may call the other operations.
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/util/ref.h"
@@ -27,24 +29,25 @@ class FabricView {
   FabricView(const FabricView&) = delete;
   FabricView& operator=(const FabricView&) = delete;
 
-  /// Reads, then begins the thread.
+  /// Reads once, then starts the thread.
   void Start();
-  /// Ends the thread.
+  /// Stops the thread.
   void Stop();
-  /// Whether the metadata service answers from it.
+  /// Sets whether the metadata service runs on this node and uses the view.
   void SetServing(bool serving);
 
-  /// Reads now. Returns: whether ZooKeeper answered; the old view stays otherwise.
+  /// Reads now. Returns: whether ZooKeeper answered. If not, the view is unchanged.
   bool Refresh();
-  /// Reads now when the view is older than `age` and no failure stands in the way. Returns: whether there is
-  /// a newer view.
+  /// Reads now if the view is older than `age` and no pause after a failure runs. Returns: whether it has
+  /// read.
   bool RefreshOlderThan(std::chrono::milliseconds age);
 
-  /// Fills `node` with the live node of this id; looks again when the view does not show it.
+  /// Fills `node` with the live node of this id. Reads again if the view does not have it. Returns: whether
+  /// it was found.
   bool Find(std::uint32_t nodeId, cluster::NodeInfo& node);
 
-  /// The live nodes, by id. capacityA is the size of a node's pool and capacityB what is free of it, both in
-  /// bytes; auxValue is its link port.
+  /// The live nodes, sorted by id. capacityA is the size of a node's pool and capacityB its free bytes;
+  /// auxValue is the link port.
   std::vector<cluster::NodeInfo> Live() const;
   /// Every node that ever belonged to the fabric: id and host name.
   std::map<std::uint32_t, std::string> Registered() const;
@@ -55,7 +58,7 @@ class FabricView {
     std::map<std::uint32_t, std::string> registered;
   };
   static bool Read(Nodes& nodes);
-  /// Until the thread reads again.
+  /// The time until the thread reads again.
   std::chrono::nanoseconds Pause() const;
 
   mutable std::mutex mMutex;
@@ -63,11 +66,11 @@ class FabricView {
   Nodes mNodes;
   bool mServing = false;
   bool mReading = false;
-  std::uint64_t mReadings = 0;                     ///< that have ended
-  bool mLastAnswered = false;                      ///< the last of them succeeded
-  unsigned int mFailures = 0;                      ///< in a row
-  std::chrono::steady_clock::time_point mRead;     ///< when the view was begun to be read
-  std::chrono::steady_clock::time_point mNextTry;  ///< after a failure
+  std::uint64_t mReadings = 0;                     ///< number of finished calls of Read
+  bool mLastAnswered = false;                      ///< whether the last of them succeeded
+  unsigned int mFailures = 0;                      ///< failures since the last success, at most kMostFailures
+  std::chrono::steady_clock::time_point mRead;     ///< when the Read began that gave mNodes
+  std::chrono::steady_clock::time_point mNextTry;  ///< after a failure: no Read before this time
   std::condition_variable mChanged;
   common::PeriodicTask mTask;
 };

@@ -17,9 +17,10 @@ namespace {
 using cluster::ClusterZKAdapter;
 using common::MetaNodeRole;
 
-/// How often the member looks at the leader znode.
+/// The time between two checks of the leader znode.
 constexpr auto kPeriod = std::chrono::milliseconds(200);
-/// After a leadership that could not serve, others get their chance.
+/// How long this node stays out of the election after it won and could not serve, so that another node can
+/// win.
 constexpr auto kClaimPause = std::chrono::seconds(2);
 
 std::string OwnFollowerPath(const std::string& address) {
@@ -64,8 +65,8 @@ void MetadataMember::Stop() {
   if (!mTask.Stop()) {
     return;
   }
-  // The claim goes first, so that a successor can win while the last calls still get their answers; their
-  // writes are refused once it has.
+  // Delete the leader znode first, so that a successor can win while running calls finish here. The successor
+  // raises the epoch, after which ZooKeeper refuses their writes.
   ClusterZKAdapter::isRunning = false;
   GiveUpClaim();
   EndLeading();
@@ -89,7 +90,8 @@ void MetadataMember::Step() {
       return;
     }
   }
-  // A question lasts as long as the client needs for giving its connection up: no second one when it failed.
+  // A failed call takes until the ZooKeeper client gives up its connection. So do not make a second call
+  // after one.
   Stat stat{};
   const int result = Failed(available) ? static_cast<int>(ZCONNECTIONLOSS)
                                        : zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat);
@@ -98,7 +100,7 @@ void MetadataMember::Step() {
     mLastAnswer = asked;
     EndLeading();
     if (mElectable && now >= mNextClaim) {
-      // Whatever a round says of its steps, the znode tells who leads.
+      // Ignore the status of the round: the leader znode decides who leads.
       static_cast<void>(ClusterZKAdapter::ZKElectionOperate(mRecord));
       if (zookeeper::Exists(ClusterZKAdapter::mMetaLeaderPath, &stat) == ZOK && zookeeper::IsOwn(stat)) {
         BeginLeading();
@@ -108,7 +110,7 @@ void MetadataMember::Step() {
   }
   if (result != ZOK) {
     if (mService != nullptr && now - mLastAnswer > Lease()) {
-      VYN_LOG_WARN("ZooKeeper has not answered for half of the session time-out, this node stops to lead");
+      VYN_LOG_WARN("ZooKeeper has not answered for half of the session time-out, this node stops leading");
       EndLeading();
     }
     return;
@@ -120,7 +122,8 @@ void MetadataMember::Step() {
     EndLeading();
     Follow();
   }
-  KeepOwnStatus();  // may wait for the mutex, and watchers with it, so it comes first
+  // Before RegisterWatches: it may block on the mutex znode, and watch callbacks would block with it.
+  KeepOwnStatus();
   RegisterWatches();
 }
 
@@ -161,9 +164,10 @@ void MetadataMember::BuildStatusTree() {
     return true;
   };
   if (complete()) {
-    return;  // what the others have written there stays
+    return;  // do not overwrite what other nodes have written
   }
-  // A mutex whose reply was lost is ours all the same; waiting for it would be waiting for ourselves.
+  // If the reply to an earlier creation of the mutex znode was lost, this session owns it. Waiting until it
+  // disappears would then be a deadlock.
   Stat stat{};
   const bool own =
       zookeeper::Exists(ClusterZKAdapter::mMetaMutexPath, &stat) == ZOK && zookeeper::IsOwn(stat);
@@ -178,7 +182,8 @@ void MetadataMember::BuildStatusTree() {
 
 void MetadataMember::Follow() {
   if (mElectable && mRecord->mMetaNodeRole.load() != MetaNodeRole::FOLLOWER) {
-    static_cast<void>(ClusterZKAdapter::ZKElectionOperate(mRecord));  // loses, and becomes FOLLOWER
+    static_cast<void>(
+        ClusterZKAdapter::ZKElectionOperate(mRecord));  // loses and so sets the role to FOLLOWER
   }
   if (mElectable) {
     Stat stat{};
@@ -224,7 +229,7 @@ bool MetadataMember::CatchUp() {
 }
 
 void MetadataMember::BeginLeading() {
-  if (mService != nullptr && mService->Deposed()) {
+  if (mService != nullptr && mService->LeadershipLost()) {
     EndLeading();
   }
   if (mService != nullptr) {
@@ -237,7 +242,8 @@ void MetadataMember::BeginLeading() {
     before = std::exchange(mRecord->mLeaderAddress, mOptions.nodeAddress);
   }
   if (mRecord->mMetaNodeRole.exchange(MetaNodeRole::LEADER) != MetaNodeRole::LEADER) {
-    // A claim whose reply was lost: the round counted it as lost and left these steps out.
+    // The reply to the creation of the leader znode was lost. ZKElectionOperate took this for a defeat and
+    // skipped the steps that follow a win.
     if (!before.empty() && before != mOptions.nodeAddress) {
       static_cast<void>(ClusterZKAdapter::ZKSetStatus(before, common::META_NODE_STATUS_BROKEN));
     }
@@ -246,7 +252,7 @@ void MetadataMember::BeginLeading() {
   }
   auto service = std::make_unique<MetadataService>(mOptions.service, mView);
   if (Failed(service->Start(Lease()))) {
-    VYN_LOG_ERROR("This node won the election and cannot serve, it gives the leadership up");
+    VYN_LOG_ERROR("This node won the election but cannot serve, it gives up the leadership");
     mNextClaim = common::SteadyNow() + kClaimPause;
     GiveUpClaim();
     return;

@@ -1,18 +1,20 @@
 #pragma once
 
-// This node's part in the metadata service: takes part in the election and runs the service while it leads.
+// Takes part in the election of the metadata leader, and runs the metadata service while this node leads.
 //
-// One thread does it all. It looks at the leader znode several times a second and acts on what it sees:
+// A thread of the member checks the leader znode several times a second and acts on what it finds:
 //
-//   nobody leads                          a round of the election
-//   the leader znode is our own           serve (also when the reply to our claim was lost on the way)
-//   another node leads                    follow: announce ourselves, keep our status, serve nothing
-//   the session has expired               stop serving, connect again, begin anew
-//   ZooKeeper does not answer             go on, but stop serving before the session can have expired: a
-//                                         successor that this node cannot hear of would count the heartbeats
-//                                         that arrive here as silence
+//   there is no leader znode              take part in a round of the election
+//   it belongs to this session            serve, also if the reply to its creation was lost
+//   it belongs to another session         follow: create the follower znode, keep the status "alive"
+//   this session has expired              stop serving, open a new session
+//   ZooKeeper does not answer             serve until the lease has run out. After that the session may have
+//                                         expired, and a successor would not see heartbeats that arrive here
 //
-// The role and the leader's address stand in MetaNodeInfo, as everywhere.
+// MetaNodeInfo holds the role and the leader's address for the whole process.
+//
+// One thread calls Start and Stop; any thread may call Leading and View. The members below mView belong to
+// the member's thread while it runs, except mLeading.
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/wait/periodic_task.h"
@@ -29,55 +31,56 @@
 namespace vyn::services {
 
 struct MetadataMemberOptions {
-  /// This node's identity: the address at which clients reach the service.
+  /// The address at which clients reach the service; identifies this node in the election.
   std::string nodeAddress;
-  /// The nodes that may lead, "address,address,...". A node that is not among them only follows.
+  /// The nodes that may lead, "address,address,...". A node that is not among them never leads.
   std::string nodeList;
   /// Milliseconds.
   int sessionTimeout = 30000;
   MetadataServiceOptions service;
-  /// Called after every new session, with the leader watch set or not: ephemeral znodes of others have to be
-  /// made again. Runs on the member's thread.
+  /// Called on the member's thread for every new session.
   std::function<void()> onNewSession;
 };
 
 class MetadataMember {
  public:
   explicit MetadataMember(MetadataMemberOptions options);
-  /// Stops.
+  /// Calls Stop.
   ~MetadataMember();
   MetadataMember(const MetadataMember&) = delete;
   MetadataMember& operator=(const MetadataMember&) = delete;
 
-  /// Requires: the adapter has a session. Makes the persistent tree and the status tree, starts the thread.
-  /// Returns: 0 or a status.
+  /// Creates the persistent znodes and the status tree, then starts the thread. Requires: ClusterZKAdapter
+  /// has a session. Returns: 0 or a status.
   std::uint32_t Start();
-  /// Gives the leadership up, ends the thread. Running calls answer first.
+  /// Stops the thread, gives up the leadership and waits for the replies of running calls.
   void Stop();
 
   bool Leading() const { return mLeading.load(std::memory_order_acquire); }
   FabricView& View() { return mView; }
 
  private:
-  /// One look at the leader znode, and what follows from it.
+  /// Checks the leader znode once and acts on it.
   void Step();
+  /// Opens a new session after the old one has expired.
   void KeepSession();
-  /// What a new session needs once; again until it succeeds.
+  /// Prepares a new session. Step repeats it until it has succeeded once.
   void PrepareSession();
   void BuildStatusTree();
   void Follow();
   void KeepOwnStatus();
   void RegisterWatches();
-  /// What changed before the watches stood no event will tell: a node that went down while nobody led stays
-  /// "alive". Returns: whether all of it was read and marked.
+  /// Handles changes from before the watches were set, for which no event comes. Without it a node that went
+  /// down while nobody led would stay "alive". Returns: whether all was read and marked.
   bool CatchUp();
   /// Requires: the leader znode is this session's.
   void BeginLeading();
   void EndLeading();
-  /// How long after its last answer ZooKeeper cannot have ended the session yet, which may have been granted
-  /// for less than was asked for. 0 for one that has gone.
+  /// The lease: half of the session time-out that ZooKeeper has granted, which may be shorter than the
+  /// requested one. The session cannot have expired so soon after ZooKeeper's last answer. Returns: 0 without
+  /// a session.
   std::chrono::milliseconds Lease() const;
-  /// Deletes the leader znode if it is this session's.
+  /// Deletes the leader znode if it belongs to this session.
   void GiveUpClaim();
 
   const MetadataMemberOptions mOptions;
@@ -86,11 +89,11 @@ class MetadataMember {
   common::Ref<common::MetaNodeInfo> mRecord;
   bool mElectable = false;
   bool mPrepared = true;
-  bool mWatching = false;  ///< the watches stand
-  bool mCaughtUp = false;  ///< with what changed before they stood
-  /// Of ZooKeeper, in Step.
+  bool mWatching = false;  ///< whether the watches are set
+  bool mCaughtUp = false;  ///< whether CatchUp has succeeded since
+  /// The start of the last call that ZooKeeper answered in Step.
   std::chrono::steady_clock::time_point mLastAnswer;
-  /// Before it a claim is not tried again: serving failed.
+  /// No election before this time, because this node won the last one and could not serve.
   std::chrono::steady_clock::time_point mNextClaim;
   std::unique_ptr<MetadataService> mService;
   std::atomic<bool> mLeading{false};

@@ -22,16 +22,16 @@ namespace {
 using common::HeartBeatMessage;
 using namespace tessel;  // the messages
 
-/// How often silent applications are looked for.
+/// The time between two checks for silent applications.
 constexpr auto kSilencePeriod = std::chrono::milliseconds(500);
-/// A look that comes later than this by itself has been kept from running.
-constexpr auto kStandstill = std::chrono::seconds(1);
-/// How old the view of the fabric may be when it does not show who is asked for.
+/// A check that comes this much later than scheduled means that the process was suspended.
+constexpr auto kSuspension = std::chrono::seconds(1);
+/// If the view of the fabric has no suitable node and is older than this, it is read again.
 constexpr auto kViewAge = std::chrono::milliseconds(100);
-/// The most names of one question.
+/// The most names of one request.
 constexpr std::size_t kMaxNames = 10000;
-/// Cuts the padding off that a driver outside the fabric sends behind the ids. Returns: 0 when the block list
-/// can be one.
+/// Removes the padding that a driver outside the fabric sends after each block id. Returns: 0 if the block
+/// list is valid.
 std::uint32_t Normalize(BroadcastBlockInfo& info) {
   if (!IsName(info.appId) || info.bmIds.size() != info.sizes.size()) {
     return kStatusInvalidRequest;
@@ -78,7 +78,7 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
     return status;
   }
   ServeUntil(asked + lease);
-  // The view may be old; one that cannot be had now comes with the next period.
+  // The view may be old. If this Refresh fails, the view's thread repeats it soon.
   mView.SetServing(true);
   static_cast<void>(mView.Refresh());
   {
@@ -86,7 +86,7 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
     mReady = true;
   }
   mChanged.notify_all();
-  mLastLook = common::SteadyNow();
+  mLastCheck = common::SteadyNow();
   mSilenceTask.Start({"Silent applications could not be ended", kSilencePeriod}, [this] { WatchSilence(); });
   VYN_LOG_INFO("The metadata service serves at " << mOptions.address << ":" << Port());
   return VYN_OK;
@@ -108,23 +108,23 @@ std::uint32_t MetadataService::AwaitReady() {
   std::unique_lock lock(mMutex);
   const bool decided =
       common::WaitFor(mChanged, lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
-  // All look like a lost connection to the client, which asks for the leader again and repeats the call.
+  // For the client this status is a lost connection: it asks for the leader again and repeats the call.
   return decided && mReady && !mStopping && HasLease() ? VYN_OK : kStatusNotLeading;
 }
 
 template <typename Work>
 std::uint32_t MetadataService::WhenReady(Work work) {
-  if (mDeposed.load(std::memory_order_acquire)) {
+  if (mLeadershipLost.load(std::memory_order_acquire)) {
     return kStatusNotLeading;
   }
   std::uint32_t status = AwaitReady();
   if (!Failed(status)) {
     status = work();
     if (status == kStatusNotLeading) {
-      mDeposed.store(true, std::memory_order_release);
+      mLeadershipLost.store(true, std::memory_order_release);
     }
     if (!HasLease()) {
-      return kStatusNotLeading;  // a successor may have changed what the work has read
+      return kStatusNotLeading;  // without the lease a successor may have changed what `work` has read
     }
   }
   return status == kStatusUnanswered ? kStatusNotLeading : status;
@@ -133,7 +133,7 @@ std::uint32_t MetadataService::WhenReady(Work work) {
 std::vector<cluster::NodeInfo> MetadataService::Select(const std::vector<std::string>& candidates, bool one) {
   auto nodes = SelectNodes(mView.Live(), candidates, one);
   if (nodes.empty() && mView.RefreshOlderThan(kViewAge)) {
-    nodes = SelectNodes(mView.Live(), candidates, one);  // a node that has just come
+    nodes = SelectNodes(mView.Live(), candidates, one);  // may now include a node that has just started
   }
   return nodes;
 }
@@ -170,7 +170,7 @@ void MetadataService::RegisterOperations() {
       mServer, static_cast<std::uint16_t>(ShuffleMeta::HEART_BEAT), "HEART_BEAT",
       [this](HeartBeatMessage& request, const std::string&) {
         return WhenReady([&]() -> std::uint32_t {
-          // A farewell is the last sign of life of its process: silence counts from it.
+          // A heartbeat with alive = false is the last one of its process. The time-out counts from it.
           return IsName(request.ns) ? mState.HeartBeat(request.ns, request.isAlive) : kStatusInvalidRequest;
         });
       });
@@ -293,15 +293,15 @@ void MetadataService::RegisterNodeOperations() {
 }
 
 void MetadataService::WatchSilence() {
-  if (Deposed()) {
+  if (LeadershipLost()) {
     return;
   }
-  // Heartbeats that came while this process stood still wait behind this look.
+  // After a suspension the heartbeats of that time are still unread in the sockets.
   const auto now = common::SteadyNow();
-  if (now - mLastLook > kSilencePeriod + kStandstill) {
-    mState.Forgive(now - mLastLook);
+  if (now - mLastCheck > kSilencePeriod + kSuspension) {
+    mState.ExtendHeartbeatDeadlines(now - mLastCheck);
   }
-  mLastLook = now;
+  mLastCheck = now;
   EndSilent();
 }
 
@@ -310,12 +310,12 @@ void MetadataService::EndSilent() {
     bool removed = false;
     const std::uint32_t status = mState.Expire(application, mOptions.applicationTimeout, removed);
     if (status == kStatusNotLeading) {
-      mDeposed.store(true, std::memory_order_release);
+      mLeadershipLost.store(true, std::memory_order_release);
     }
     if (status == kStatusNotLeading || status == kStatusUnanswered) {
-      return;  // the next look tries again, or the next leader
+      return;  // the next check or the next leader tries again
     }
-    if (removed) {  // it may have sent a heartbeat meanwhile
+    if (removed) {  // false if it has sent a heartbeat since Silent
       VYN_LOG_WARN("Application " << application << " has sent no heartbeat for "
                                   << mOptions.applicationTimeout.count() << " ms, it was removed");
       Audit(std::to_string(getpid()), "expire_application", application, status);

@@ -1,10 +1,12 @@
 #pragma once
 
-// The metadata service of one leadership: listens at the node's address, answers from MetadataState, ends
-// applications that have fallen silent.
+// The metadata service of one leadership: listens at the node's address, serves requests from MetadataState,
+// and removes applications whose heartbeats have stopped.
 //
-// A leadership is Start ... Stop; the object serves one. Requests that come before the records have been read
-// wait for them, for a bounded time.
+// An object serves one leadership, from Start to Stop. Requests that arrive before the records have been read
+// wait for them, at most readyTimeout.
+//
+// One thread calls Start and Stop; any thread may call the other operations.
 
 #include "common/util/clock.h"
 #include "common/wait/periodic_task.h"
@@ -26,36 +28,39 @@ namespace vyn::services {
 struct MetadataServiceOptions {
   std::string address;     ///< numeric; clients reach the leader here
   std::uint16_t port = 0;  ///< 0 picks a free one
-  /// An application that sent heartbeats and is silent for this long is removed.
+  /// The leader removes an application this long after its last heartbeat. Applications that never sent one
+  /// stay.
   std::chrono::milliseconds applicationTimeout{60000};
-  /// How long a request waits for the records of a leadership that has just begun.
+  /// How long a request waits until a new leader has read the records.
   std::chrono::milliseconds readyTimeout{30000};
   ApplicationLimits limits;
-  /// TLS and limits of the server; its mReport is replaced.
+  /// TLS and limits of the server. The service replaces mReport.
   rpc::ServerOptions server;
 };
 
 class MetadataService {
  public:
-  /// \param view is the caller's and outlives the service.
+  /// \param view must outlive the service.
   MetadataService(MetadataServiceOptions options, FabricView& view);
-  /// Stops.
+  /// Calls Stop.
   ~MetadataService();
   MetadataService(const MetadataService&) = delete;
   MetadataService& operator=(const MetadataService&) = delete;
 
-  /// Listens, then reads the records. \param lease how long what ZooKeeper has told stays true, as with
-  /// ServeUntil. Returns: 0 or a status; nothing runs after a failure.
+  /// Listens, then reads the records. \param lease how long after ZooKeeper's last answer no other node can
+  /// lead.
+  /// Returns: 0 or a status; nothing runs after a failure.
   std::uint32_t Start(std::chrono::milliseconds lease);
-  /// Lets running calls answer, then closes every connection.
+  /// Waits for the replies of running calls, then closes every connection.
   void Stop();
-  /// Until when nobody else can lead, so that what is read from memory is true; the owner moves it on. A
-  /// process that stood still finds requests in its sockets that a successor has answered otherwise.
+  /// Extends the lease. Until `time` no other node can lead, so memory is current. After it the service
+  /// refuses requests: the process may have been suspended, and a successor may have changed the records
+  /// meanwhile.
   void ServeUntil(std::chrono::steady_clock::time_point time) {
     mServeUntil.store(time, std::memory_order_release);
   }
-  /// A write was refused because another leader has taken over: the owner stops the service.
-  bool Deposed() const { return mDeposed.load(std::memory_order_acquire); }
+  /// Whether a write has failed with kStatusLeadershipLost. The owner then has to stop the service.
+  bool LeadershipLost() const { return mLeadershipLost.load(std::memory_order_acquire); }
   std::uint16_t Port() const { return mServer.Port(); }
 
  private:
@@ -63,14 +68,14 @@ class MetadataService {
   void RegisterVariableOperations();
   void RegisterNodeOperations();
   bool HasLease() const { return common::SteadyNow() < mServeUntil.load(std::memory_order_acquire); }
-  /// Waits until the records are there. Returns: 0, or the status to refuse with.
+  /// Waits until the records have been read. Returns: 0, or the status for the refusal.
   std::uint32_t AwaitReady();
-  /// Runs `work` once the records are there and notes when it tells of a deposition.
+  /// Runs `work` once the records have been read. Sets mLeadershipLost if it returns kStatusNotLeading.
   template <typename Work>
   std::uint32_t WhenReady(Work work);
-  /// SelectNodes on a view that is fresh enough to show a node that has just come.
+  /// SelectNodes. If the result is empty, reads the view again, because a node may have just started.
   std::vector<cluster::NodeInfo> Select(const std::vector<std::string>& candidates, bool one);
-  /// A look for silent applications.
+  /// Checks for silent applications. Runs on the thread of mSilenceTask.
   void WatchSilence();
   void EndSilent();
 
@@ -78,7 +83,7 @@ class MetadataService {
   FabricView& mView;
   MetadataState mState;
   rpc::Server mServer;
-  std::atomic<bool> mDeposed{false};
+  std::atomic<bool> mLeadershipLost{false};
   std::atomic<std::chrono::steady_clock::time_point> mServeUntil{};
 
   std::mutex mMutex;
@@ -86,8 +91,8 @@ class MetadataService {
   bool mReady = false;
   bool mStopping = false;
   std::condition_variable mChanged;
-  /// Of WatchSilence. Only its thread uses it once that runs.
-  std::chrono::steady_clock::time_point mLastLook;
+  /// The time of the last WatchSilence. Only the thread of mSilenceTask uses it once that runs.
+  std::chrono::steady_clock::time_point mLastCheck;
   common::PeriodicTask mSilenceTask;
 };
 

@@ -11,11 +11,11 @@ namespace vyn::services {
 
 namespace {
 
-/// After this time a node that ZooKeeper reaches has worked its entries off and remembers a deleted variable no
-/// more, whatever became of the entries that tell it.
+/// After this time a node with a session has processed its reclaim list and no longer caches a deleted
+/// variable, even if its reclaim entry still exists.
 constexpr auto kDeletedMemory = std::chrono::seconds(60);
 
-/// The most names of one question that are looked for in ZooKeeper, one read each.
+/// The most names of one request that are looked up in ZooKeeper. Each costs a read.
 constexpr std::size_t kMaxUnknown = 500;
 
 bool IsSilent(const Application& application, std::chrono::milliseconds timeout) {
@@ -30,7 +30,7 @@ std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked) 
   if (const std::uint32_t status = mStore.Open(applications, deletions, asked); Failed(status)) {
     return status;
   }
-  // Nobody knows how long they have been silent: each gets the whole time-out.
+  // This leader does not know when the last heartbeats arrived, so each application gets the whole time-out.
   const auto now = common::SteadyNow();
   for (auto& [name, application] : applications) {
     application.lastBeat = now;
@@ -48,7 +48,7 @@ std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked) 
 
 std::unique_lock<std::mutex> MetadataState::BeginWrite(const std::string& application) {
   std::unique_lock write(mWriteLocks[std::hash<std::string>()(application) % mWriteLocks.size()]);
-  if (mStore.Over()) {
+  if (mStore.LeadershipLost()) {
     write.unlock();
   }
   return write;
@@ -132,7 +132,7 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
   }
   Variable variable;
   if (!Find(application, id, variable)) {
-    return VYN_OK;  // gone already
+    return VYN_OK;  // deleted before
   }
   std::vector<std::string> entries;
   if (const std::uint32_t status = mStore.RemoveVariable(application, variable, entries); Failed(status)) {
@@ -163,7 +163,8 @@ void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t
   mStore.AwaitForgotten(deleted.entries);
   std::unique_lock lock(mMutex);
   const auto found = mDeleted.find({application, id});
-  if (found != mDeleted.end() && found->second.entries == deleted.entries) {  // not deleted anew meanwhile
+  // The entries differ if another variable of this number was deleted meanwhile.
+  if (found != mDeleted.end() && found->second.entries == deleted.entries) {
     mDeleted.erase(found);
   }
 }
@@ -212,7 +213,7 @@ std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
     return kStatusUnknownVariable;
   }
   if (variable.ready && variable.nodeId != info.nodeId) {
-    return kStatusInvalidRequest;  // all blocks of a variable lie on one node
+    return kStatusInvalidRequest;  // all blocks of a variable must be on one node
   }
   if (info.bmIds.size() > variable.blockNum) {
     return kStatusInvalidRequest;
@@ -294,7 +295,7 @@ std::uint32_t MetadataState::Expire(const std::string& application, std::chrono:
 }
 
 std::uint32_t MetadataState::Remove(const std::string& application) {
-  // Also when it is unknown here: nodes may hold a namespace of an application that never had a variable.
+  // Do it for an unknown application too: a node may hold the namespace of an application without variables.
   if (const std::uint32_t status = mStore.RemoveApplication(application); Failed(status)) {
     return status;
   }
@@ -348,7 +349,7 @@ std::vector<std::string> MetadataState::Silent(std::chrono::milliseconds timeout
   return names;
 }
 
-void MetadataState::Forgive(std::chrono::steady_clock::duration gap) {
+void MetadataState::ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration gap) {
   std::unique_lock lock(mMutex);
   for (auto& [name, application] : mApplications) {
     application.lastBeat += gap;

@@ -1,12 +1,14 @@
 #pragma once
 
-// The applications and variables of one leadership: reads from memory, writes through the store first.
+// The applications and variables that the leader knows. A read uses memory only. A write goes to
+// MetadataStore first and then to memory.
 //
-// A write that a client repeats because the reply was lost succeeds again. Every operation returns 0 or a
-// status of services/common/service_status.h; kStatusNotLeading ends the leadership.
+// A client may repeat a write whose reply was lost; the repetition succeeds as well. Every operation returns
+// 0 or a status of services/common/service_status.h. After kStatusNotLeading the leadership is over.
 //
-// Threads: any, after Load. Writes of one application run one at a time and hold that application's lock
-// across the write to ZooKeeper, so that memory and store agree; reads wait for no write to ZooKeeper.
+// After Load any thread may call any operation. Writes of one application run one at a time. Each holds the
+// application's write lock during the write to ZooKeeper, so that memory and store agree. A read never waits
+// for a write to ZooKeeper.
 
 #include "services/metadata/metadata_store.h"
 #include "services/metadata/variable.h"
@@ -26,14 +28,14 @@ namespace vyn::services {
 class MetadataState {
  public:
   explicit MetadataState(ApplicationLimits limits = {}) : mLimits(limits) {}
-  /// Begins a leadership. \param asked see MetadataStore::Open.
+  /// Begins a leadership and reads the records. \param asked see MetadataStore::Open.
   std::uint32_t Load(std::chrono::steady_clock::time_point* asked = nullptr);
 
   std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum);
   std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id);
-  /// The whole list of blocks at once.
+  /// Sets the whole list of blocks.
   std::uint32_t SetBlocks(const tessel::BroadcastBlockInfo& info);
-  /// More blocks behind those that are known.
+  /// Appends blocks to the known ones.
   std::uint32_t AddBlocks(const tessel::BroadcastBlockInfo& info);
   std::uint32_t GetVariable(const std::string& application, std::uint32_t id,
                             tessel::BroadcastBlockInfo& info) const;
@@ -41,33 +43,35 @@ class MetadataState {
                          std::string& bmId) const;
   std::uint32_t RemoveApplication(const std::string& application);
 
-  /// \param alive false: its process says farewell. Only an application that is registered counts: a late
-  /// heartbeat does not bring back one that has ended.
+  /// Records a heartbeat. Fails for an application that is not registered, so that a late heartbeat does not
+  /// recreate one that has ended. \param alive false for the last heartbeat of a process.
   std::uint32_t HeartBeat(const std::string& application, bool alive = true);
-  /// Moves every silence: the service itself stood still for `gap` and cannot know who was silent meanwhile.
-  void Forgive(std::chrono::steady_clock::duration gap);
-  /// Removes it if it is still silent. \param removed receives whether it is gone. Returns: 0 or a status.
+  /// Extends every heartbeat deadline by `gap`, a time in which this process was suspended and read no
+  /// heartbeats.
+  void ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration gap);
+  /// Removes the application if its last heartbeat is still `timeout` ago. \param removed receives whether it
+  /// was removed. Returns: 0 or a status.
   std::uint32_t Expire(const std::string& application, std::chrono::milliseconds timeout, bool& removed);
-  /// Those that sent heartbeats and have been silent for `timeout`.
+  /// The applications that have sent heartbeats, the last one at least `timeout` ago.
   std::vector<std::string> Silent(std::chrono::milliseconds timeout) const;
-  /// \param known receives those of `applications` that are known, or registered at a node. Only so many of
-  /// those that are not known here are looked for.
+  /// \param known receives those of `applications` that exist in memory or are registered at a node.
+  /// ZooKeeper is asked for at most kMaxUnknown of them.
   std::uint32_t Known(const std::vector<std::string>& applications, std::vector<std::string>& known);
 
  private:
-  /// Waits for the writes before this one; the lock is shared by several applications. Returns: no lock when
-  /// one of them ended the leadership.
+  /// Takes the write lock of the application, which it shares with some others. Returns: a lock that owns
+  /// nothing if the leadership is lost.
   std::unique_lock<std::mutex> BeginWrite(const std::string& application);
   std::uint32_t EnsureApplication(const std::string& application);
-  /// Copies the variable out. Returns: whether it is there.
+  /// Copies the variable. Returns: whether it exists.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;
   std::uint32_t WriteBlocks(const std::string& application, Variable variable);
-  /// Waits until no node answers with an earlier variable of this number.
+  /// Waits until no node caches an earlier, deleted variable of this number.
   void AwaitForgotten(const std::string& application, std::uint32_t id);
   /// Requires: the application's write lock is held.
   std::uint32_t Remove(const std::string& application);
 
-  /// Whether one more variable with so many blocks fits into the application.
+  /// Whether the application's limits allow one more variable with `blockNum` blocks.
   bool HasRoom(const std::string& application, std::uint32_t blockNum) const;
 
   const ApplicationLimits mLimits;
@@ -76,7 +80,7 @@ class MetadataState {
   /// Guards mApplications and mDeleted.
   mutable std::shared_mutex mMutex;
   std::map<std::string, Application> mApplications;
-  /// What tells the nodes of a deleted variable, for who makes its number anew.
+  /// A deleted variable and its reclaim entries. NewVariable waits for these before it reuses the number.
   struct Deleted {
     std::chrono::steady_clock::time_point when;
     std::vector<std::string> entries;

@@ -21,12 +21,12 @@ namespace {
 
 using zookeeper::Transaction;
 
-/// Records that one transaction deletes.
+/// The most records that one transaction deletes.
 constexpr std::size_t kDeleteBatch = 100;
-/// Tries against others that make records where they are deleted.
+/// Attempts to delete a record below which other processes create records at the same time.
 constexpr unsigned int kDeleteAttempts = 5;
 
-/// How long the nodes have for forgetting a variable, and how often that is looked at.
+/// How long AwaitForgotten waits for the nodes, and the time between two checks.
 constexpr auto kForgetLimit = std::chrono::seconds(5);
 constexpr auto kForgetPause = std::chrono::milliseconds(50);
 
@@ -41,8 +41,8 @@ std::uint32_t MetadataStore::StoreFailure(int result, const std::string& what) {
   return zookeeper::IsUncertain(result) ? kStatusUnanswered : kStatusStore;
 }
 
-std::uint32_t MetadataStore::End() {
-  mOver.store(true, std::memory_order_release);
+std::uint32_t MetadataStore::LoseLeadership() {
+  mLeadershipLost.store(true, std::memory_order_release);
   return kStatusNotLeading;
 }
 
@@ -52,10 +52,10 @@ std::uint32_t MetadataStore::StatusOf(int result, const std::string& what) {
   }
   if (result == ZBADVERSION) {
     VYN_LOG_WARN("Refused to " << what << ": another metadata leader has taken over from epoch " << mEpoch);
-    return End();
+    return LoseLeadership();
   }
   const std::uint32_t status = StoreFailure(result, what);
-  return zookeeper::IsUncertain(result) ? End() : status;
+  return zookeeper::IsUncertain(result) ? LoseLeadership() : status;
 }
 
 std::uint32_t MetadataStore::Commit(Transaction& transaction, const std::string& what) {
@@ -67,9 +67,9 @@ std::uint32_t MetadataStore::AddApplication(const std::string& application) {
   transaction.Check(kEpochPath, mEpoch).Create(AppPath(application), "{}");
   const int result = transaction.Commit();
   if (result == ZOK || result == ZNODEEXISTS) {
-    return VYN_OK;  // a node's registration may have made it
+    return VYN_OK;  // FixToken on a node creates the record too
   }
-  return StatusOf(result, "make application " + application);
+  return StatusOf(result, "create application " + application);
 }
 
 std::uint32_t MetadataStore::MarkHeartbeat(const std::string& application) {
@@ -108,7 +108,8 @@ std::uint32_t MetadataStore::SetBlocks(const std::string& application, Variable&
       return status;
     }
   }
-  // The header comes last: with it the list is complete, and the pieces of an older one go.
+  // Write the header last, in one transaction with the deletion of the old list's pieces. From then on
+  // readers see the new list.
   Transaction transaction;
   transaction.Check(kEpochPath, mEpoch)
       .Set(variable.path,
@@ -120,16 +121,17 @@ std::uint32_t MetadataStore::SetBlocks(const std::string& application, Variable&
   return Commit(transaction, "write the blocks of " + variable.path);
 }
 
-std::uint32_t MetadataStore::TellNodes(Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
-                                       bool& ownerTold, std::vector<std::string>* entries) {
+std::uint32_t MetadataStore::AddReclaimEntries(Transaction& transaction, ReclaimEntry entry,
+                                               std::uint32_t owner, bool& ownerListed,
+                                               std::vector<std::string>* entries) {
   std::vector<std::string> nodes;
   if (const int result = zookeeper::Children(kReclaimPath, nodes); result != ZOK) {
     return StoreFailure(result, "list the nodes");
   }
-  ownerTold = false;
+  ownerListed = false;
   for (const std::string& node : nodes) {
     entry.owner = node == std::to_string(owner);
-    ownerTold = ownerTold || entry.owner;
+    ownerListed = ownerListed || entry.owner;
     const std::string path = std::string(kReclaimPath) + "/" + node + "/" + Unique();
     transaction.Create(path, entry.ToText());
     if (entries != nullptr) {
@@ -143,13 +145,13 @@ void MetadataStore::AwaitForgotten(const std::vector<std::string>& entries) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   auto retry = common::Retry::For(kForgetLimit, kForgetPause);
   for (const std::string& path : entries) {
-    // A node without its session forgets all before the next one.
+    // A node without a session need not be waited for: it drops its whole cache when it has a new one.
     const std::size_t begin = std::strlen(kReclaimPath) + 1;
     const std::string node = path.substr(begin, path.find('/', begin) - begin);
     while (adapter != nullptr && zookeeper::Exists(path) != ZNONODE &&
            zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
       if (!retry.Again()) {
-        VYN_LOG_WARN("Node " << node << " has not taken " << path << " yet, it is not waited for any longer");
+        VYN_LOG_WARN("Node " << node << " has not processed " << path << " in time, going on without it");
         return;
       }
     }
@@ -167,14 +169,14 @@ std::uint32_t MetadataStore::IsRegistered(const std::string& application, bool& 
 std::uint32_t MetadataStore::RemoveVariable(const std::string& application, const Variable& variable,
                                             std::vector<std::string>& entries) {
   if (!variable.ready) {
-    // Nobody holds blocks of it. Pieces of a list that was never completed go with it.
+    // The variable has no blocks that a node must free. This also deletes the pieces of an incomplete list.
     return DeleteRecords(variable.path);
   }
-  // The record stays, marked, until its node has freed the blocks that it lists: the header alone is read
-  // again, so the first piece has to stay behind it.
+  // The record stays as a tombstone until the owner has freed the blocks that it lists. This transaction
+  // replaces the whole value, so it has to write the first piece again after the new header.
   std::string text;
   if (const int result = zookeeper::Get(variable.path, text); result == ZNONODE) {
-    return VYN_OK;  // somebody has taken the record away
+    return VYN_OK;  // the record was deleted meanwhile
   } else if (result != ZOK) {
     return StoreFailure(result, "read " + variable.path);
   }
@@ -183,24 +185,25 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
       .Set(variable.path,
            RecordHeader(RecordState::kDeleted, variable.blockNum, variable.pieces, variable.list) +
                RecordBody(text));
-  bool ownerTold = false;
+  bool ownerListed = false;
   const ReclaimEntry entry{application, variable.path, variable.id, false};
-  if (const std::uint32_t status = TellNodes(transaction, entry, variable.nodeId, ownerTold, &entries);
+  if (const std::uint32_t status =
+          AddReclaimEntries(transaction, entry, variable.nodeId, ownerListed, &entries);
       Failed(status)) {
     return status;
   }
   const std::uint32_t status = Commit(transaction, "delete variable " + variable.path);
-  if (Failed(status) || ownerTold) {
+  if (Failed(status) || ownerListed) {
     return status;
   }
-  // The blocks are said to lie on a node that has never been seen: nobody will take the record away.
+  // No node of this id was ever registered, so no node would delete the tombstone.
   return DeleteRecords(variable.path);
 }
 
 std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
-  // In one step the application is marked and every node is told; then the records go. A leader that ends in
-  // between leaves the mark, by which its successor completes the removal; until then nobody can register the
-  // name anew.
+  // One transaction marks the application as removed and adds a reclaim entry for every node. After it the
+  // records are deleted. If this leader fails in between, its successor finds the mark and completes the
+  // removal. Until then FixToken refuses the name.
   const std::string path = AppPath(application);
   int present = ZOK;
   int result = ZOK;
@@ -212,15 +215,15 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
     if (present == ZOK) {
       transaction.Set(path, nlohmann::json{{kRemovedFlag, true}}.dump());
     } else if (present == ZNONODE) {
-      // Nodes may hold a namespace of it all the same. One that registers at this moment must not lose what
-      // it has just got: then this fails.
+      // A node may hold a namespace of it nevertheless. Create and Delete let the transaction fail if the
+      // application registers at this moment; otherwise the entries would destroy its new namespace.
       transaction.Create(path, "").Delete(path);
     } else {
-      return StoreFailure(present, "look at " + path);
+      return StoreFailure(present, "read " + path);
     }
-    bool ownerTold = false;
+    bool ownerListed = false;
     if (const std::uint32_t status =
-            TellNodes(transaction, ReclaimEntry{application, "", 0, false}, 0, ownerTold);
+            AddReclaimEntries(transaction, ReclaimEntry{application, "", 0, false}, 0, ownerListed);
         Failed(status)) {
       return status;
     }
@@ -229,13 +232,13 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
   if (result != ZOK) {
     return StatusOf(result, "remove application " + application);
   }
-  // A removal that stops here is completed by the next leadership, which reads the mark; this one must not
-  // serve the application any more.
-  return present == ZOK && Failed(DeleteRecords(path)) ? End() : VYN_OK;
+  // If the deletion fails, this leader must not serve the application any more, so it ends the leadership.
+  // The next leader finds the mark and completes the removal.
+  return present == ZOK && Failed(DeleteRecords(path)) ? LoseLeadership() : VYN_OK;
 }
 
 std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {
-  // Again when something was made below it meanwhile, as a registration may.
+  // Retry if another process has created a child meanwhile, as FixToken does.
   std::uint32_t status = kStatusStore;
   bool grown = false;
   auto retry = common::Retry::Times(kDeleteAttempts);
@@ -247,8 +250,8 @@ std::uint32_t MetadataStore::DeleteRecords(const std::string& path) {
 }
 
 std::uint32_t MetadataStore::DeleteRecordsOnce(const std::string& path, bool& grown) {
-  // Batch by batch under the epoch, children first: a successor may already have made an application of this
-  // name anew.
+  // Delete the children in batches, then the record. Each transaction checks the epoch, because a successor
+  // may already have created a new application of this name.
   std::vector<std::string> children;
   const int listed = zookeeper::Children(path, children);
   if (listed == ZNONODE) {
@@ -265,7 +268,7 @@ std::uint32_t MetadataStore::DeleteRecordsOnce(const std::string& path, bool& gr
     }
     const int result = transaction.Commit();
     if (result == ZNOTEMPTY || result == ZNONODE) {
-      // One has pieces below it, or its node has deleted it meanwhile: one by one.
+      // One of the batch has children, or its owner has deleted it meanwhile. So delete one at a time.
       for (std::size_t i = begin; i < std::min(begin + kDeleteBatch, children.size()); ++i) {
         if (const std::uint32_t status = DeleteRecords(path + "/" + children[i]); Failed(status)) {
           return status;

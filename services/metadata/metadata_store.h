@@ -1,14 +1,14 @@
 #pragma once
 
-// Where the metadata service keeps what it has acknowledged: in ZooKeeper, so that the next leader serves the
-// same.
+// Stores the applications and variables in ZooKeeper, so that the next leader serves what this one has
+// acknowledged.
 //
-// A leadership begins with Open, which raises the version of /vyn/epoch. Every write of the leadership is one
-// transaction that checks this version, so a leader that has been deposed without knowing it cannot overwrite
-// what its successor wrote: its writes give kStatusDeposed. The first such write ends the leadership for all,
-// because what memory says of it may be wrong.
+// A leadership begins with Open, which raises the version of /vyn/epoch. This version is a fencing token:
+// every write is a transaction that checks it. The writes of a former leader that does not know of its
+// successor therefore fail with kStatusLeadershipLost. After the first such failure the leader must not serve
+// any more, because its memory may be outdated.
 //
-// Threads: any, after Open. The caller keeps the writes of one application in order.
+// After Open any thread may call any operation. The caller serialises the writes of one application.
 
 #include "services/common/service_status.h"
 #include "services/common/zookeeper_layout.h"
@@ -30,70 +30,75 @@ class Transaction;
 
 class MetadataStore {
  public:
-  /// The leadership is over: another leader has taken over, or ZooKeeper did not say what became of a write,
-  /// so that only reading everything anew can tell.
-  static constexpr std::uint32_t kStatusDeposed = kStatusNotLeading;
-  /// The most blocks that a variable can have: their list fits into one frame of a reply.
+  /// Another leader has taken over, or ZooKeeper did not answer a write. In the second case memory and
+  /// ZooKeeper may differ, and only a new Open can read the truth.
+  static constexpr std::uint32_t kStatusLeadershipLost = kStatusNotLeading;
+  /// The most blocks of a variable. Their list fits into one frame of a reply.
   static constexpr std::uint32_t kMaxBlocks = 500000;
 
-  /// Deleted variables, by application and number, and what tells the nodes of each.
+  /// Deleted variables, by application and number. The value holds the paths of the reclaim entries.
   using Deletions = std::map<std::pair<std::string, std::uint32_t>, std::vector<std::string>>;
 
-  /// Begins a leadership and reads everything. \param deletions receives those that live nodes have not heard
-  /// of yet. \param asked receives a late time after which ZooKeeper has answered. Returns: 0, or a status;
-  /// the leadership has not begun then.
+  /// Begins a leadership and reads all records. \param deletions receives the deleted variables that live
+  /// nodes may still cache. \param asked receives a time after which ZooKeeper has answered a call; the lease
+  /// counts from it.
+  /// Returns: 0, or a status; then the leadership has not begun.
   std::uint32_t Open(std::map<std::string, Application>& applications, Deletions& deletions,
                      std::chrono::steady_clock::time_point* asked = nullptr);
-  /// A write has given kStatusDeposed. Whoever waited behind it must neither write nor trust its memory.
-  bool Over() const { return mOver.load(std::memory_order_acquire); }
+  /// Whether a write has returned kStatusLeadershipLost. A thread that waited for that write must then
+  /// neither write nor use what is in memory.
+  bool LeadershipLost() const { return mLeadershipLost.load(std::memory_order_acquire); }
 
-  /// The application becomes known; one that exists is left alone. Returns: 0 or a status, like all below.
+  /// Creates the application's record. Does nothing if it exists. Returns: 0 or a status, like all below.
   std::uint32_t AddApplication(const std::string& application);
-  /// Its silence counts from now on, also for the next leader.
+  /// Records that the application sends heartbeats, so that this and later leaders remove it when they stop.
   std::uint32_t MarkHeartbeat(const std::string& application);
-  /// Makes a variable without blocks. Fills `variable.path`.
+  /// Creates a variable without blocks. Fills `variable.path`.
   std::uint32_t AddVariable(const std::string& application, Variable& variable);
-  /// Writes the blocks, in place of those that were known: all or nothing. Fills `variable.pieces` and
-  /// `variable.list`.
+  /// Replaces the block list atomically. Fills `variable.pieces` and `variable.list`.
   std::uint32_t SetBlocks(const std::string& application, Variable& variable);
-  /// The variable goes; its node is told to free the blocks, the others to forget it. \param entries receives
-  /// what tells them, see AwaitForgotten.
+  /// Turns the record into a tombstone and adds a reclaim entry for every node: the owner has to free the
+  /// blocks, the others have to drop the variable from their caches. \param entries receives the paths of
+  /// these entries.
   std::uint32_t RemoveVariable(const std::string& application, const Variable& variable,
                                std::vector<std::string>& entries);
-  /// Waits until every live node has done what `entries` tell it, for a bounded time.
+  /// Waits until every live node has processed its reclaim entry among `entries`, for a bounded time.
   void AwaitForgotten(const std::vector<std::string>& entries);
-  /// \param registered receives whether the application has been registered at a node, or has a record here,
-  /// and is not being removed.
+  /// \param registered receives whether the application has a record and is not being removed. A registration
+  /// at any node creates the record.
   std::uint32_t IsRegistered(const std::string& application, bool& registered);
-  /// The application goes with all its variables; every node is told to free what it holds of it.
+  /// Deletes the application with all its variables and adds a reclaim entry for every node, which has to
+  /// free the application's namespace.
   std::uint32_t RemoveApplication(const std::string& application);
 
  private:
-  /// Logs a read that failed. Returns: the status for it.
+  /// Logs a failed read. Returns: its status.
   static std::uint32_t StoreFailure(int result, const std::string& what);
-  /// The status for a write's result.
+  /// Returns: the status for the result of a write. Calls LoseLeadership if necessary.
   std::uint32_t StatusOf(int result, const std::string& what);
-  /// Returns: kStatusDeposed.
-  std::uint32_t End();
+  /// Sets mLeadershipLost. Returns: kStatusLeadershipLost.
+  std::uint32_t LoseLeadership();
   std::uint32_t Commit(zookeeper::Transaction& transaction, const std::string& what);
   std::uint32_t RaiseEpoch();
   std::uint32_t LoadApplication(const std::string& name, Application& application);
   std::uint32_t LoadDeletions(Deletions& deletions);
   std::uint32_t LoadVariable(const std::string& path, Variable& variable, bool& deleted);
-  /// Of two records with one number one stays: that with blocks, if there is one.
-  std::uint32_t Settle(const std::string& application, Variable& kept, Variable& other);
-  /// Adds `entry` to the list of every node; the one of `owner` says so, and `ownerTold` whether there is
-  /// one.
-  std::uint32_t TellNodes(zookeeper::Transaction& transaction, ReclaimEntry entry, std::uint32_t owner,
-                          bool& ownerTold, std::vector<std::string>* entries = nullptr);
+  /// Removes one of two records of the same variable. Keeps the one with blocks in `kept`, if there is one.
+  std::uint32_t RemoveDuplicate(const std::string& application, Variable& kept, Variable& other);
+  /// Adds `entry` to the reclaim list of every node; in the list of node `owner` with ReclaimEntry::owner
+  /// set.
+  /// \param ownerListed receives whether there is a list of that node. \param entries receives the paths.
+  std::uint32_t AddReclaimEntries(zookeeper::Transaction& transaction, ReclaimEntry entry,
+                                  std::uint32_t owner, bool& ownerListed,
+                                  std::vector<std::string>* entries = nullptr);
   std::uint32_t DeleteRecords(const std::string& path);
-  /// \param grown receives whether something was made below `path` meanwhile.
+  /// \param grown receives whether another process has created a child of `path` meanwhile.
   std::uint32_t DeleteRecordsOnce(const std::string& path, bool& grown);
   std::string Unique();
 
   /// Constant after Open.
   int mEpoch = 0;
-  std::atomic<bool> mOver{false};
+  std::atomic<bool> mLeadershipLost{false};
   std::atomic<std::uint64_t> mCounter{0};
 };
 

@@ -1,4 +1,4 @@
-// The begin of a leadership: the epoch is raised, and the records are read.
+// MetadataStore::Open: raises the epoch and reads the records at the start of a leadership.
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/log/logging.h"
@@ -19,9 +19,9 @@ namespace vyn::services {
 
 namespace {
 
-/// Threads that read the applications when a leadership begins.
+/// The most threads that read applications in parallel.
 constexpr unsigned int kLoaders = 8;
-/// Tries against another leader's raise of the epoch.
+/// Attempts to raise the epoch while another leader raises it, too.
 constexpr unsigned int kRaiseAttempts = 10;
 
 }  // namespace
@@ -102,8 +102,8 @@ std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applicatio
 }
 
 std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
-  // A node that is down, or has lost its session, forgets all before it serves from a new one, and its list may
-  // be long.
+  // Read only the lists of live nodes. A node that is down or has lost its session drops its whole cache
+  // before it serves again, and its list may be long.
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   VYN_CHECK_POINTER(adapter);
   std::vector<std::string> nodes;
@@ -119,11 +119,11 @@ std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
       if (result == ZOK && ReclaimEntry::FromText(text, entry) && !entry.variablePath.empty()) {
         deletions[{entry.application, entry.variableId}].push_back(list + "/" + names[n]);
       }
-      result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // done meanwhile
+      result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // the node has processed it meanwhile
     }
     result = result == ZNONODE ? static_cast<int>(ZOK) : result;
   }
-  return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read what nodes have to forget");
+  return result == ZOK || result == ZNONODE ? VYN_OK : StoreFailure(result, "read the reclaim lists");
 }
 
 std::uint32_t MetadataStore::LoadApplication(const std::string& name, Application& application) {
@@ -135,7 +135,7 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
     result = zookeeper::Children(path, children);
   }
   if (result == ZNONODE) {
-    return VYN_OK;  // it went meanwhile
+    return VYN_OK;  // it was deleted meanwhile
   }
   if (result != ZOK) {
     return StoreFailure(result, "read " + path);
@@ -144,7 +144,7 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
   const auto json = ParseJson(text);
   application.heartbeat = FlagField(json, "heartbeat");
   if (FlagField(json, kRemovedFlag)) {
-    // An earlier leadership ended in the middle of the removal.
+    // An earlier leader did not complete the removal.
     application.name.clear();
     return RemoveApplication(name);
   }
@@ -164,7 +164,7 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
     variable.id = static_cast<std::uint32_t>(std::strtoul(child.c_str(), nullptr, 10));
     const auto [kept, added] = application.variables.try_emplace(variable.id, std::move(variable));
     if (!added) {
-      if (const std::uint32_t status = Settle(name, kept->second, variable); Failed(status)) {
+      if (const std::uint32_t status = RemoveDuplicate(name, kept->second, variable); Failed(status)) {
         return status;
       }
     }
@@ -172,11 +172,12 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
   return VYN_OK;
 }
 
-std::uint32_t MetadataStore::Settle(const std::string& application, Variable& kept, Variable& other) {
+std::uint32_t MetadataStore::RemoveDuplicate(const std::string& application, Variable& kept,
+                                             Variable& other) {
   if (other.ready && !kept.ready) {
     std::swap(kept, other);
   }
-  VYN_LOG_WARN("Variable " << kept.path << " stands twice, " << other.path << " is deleted");
+  VYN_LOG_WARN("Variable " << kept.path << " has two records, " << other.path << " is deleted");
   std::vector<std::string> entries;
   return RemoveVariable(application, other, entries);
 }
@@ -188,12 +189,12 @@ std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& var
       return kStatusStore;
     case RecordRead::kAbsent:
       if (record.state == RecordState::kReady) {
-        VYN_LOG_ERROR("A piece of the record " << path << " is missing, the variable is left out");
-      }  // otherwise its node has taken it away meanwhile
+        VYN_LOG_ERROR("A piece of the record " << path << " is missing, the variable is not served");
+      }  // otherwise its owner has deleted it meanwhile
       deleted = true;
       return VYN_OK;
     case RecordRead::kDamaged:
-      deleted = true;  // it cannot be served; the log names it
+      deleted = true;  // do not serve it; ReadVariableRecord has logged it
       return VYN_OK;
     case RecordRead::kRead:
       break;

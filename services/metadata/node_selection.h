@@ -1,7 +1,8 @@
 #pragma once
 
-// Which nodes of the fabric a driver is offered for its blocks, and whether a caller's node belongs to the
-// fabric.
+// Selects the nodes of the fabric that a driver may use for its blocks.
+//
+// No shared state: any thread may call it.
 
 #include "cluster/cluster_zkadapter.h"
 
@@ -10,9 +11,9 @@
 
 namespace vyn::services {
 
-/// The live nodes among `candidates` (addresses or host names), all live nodes when there are no candidates;
-/// those with most free memory first. `single`: only the first. A loopback candidate counts only when the
-/// fabric itself is on loopback: otherwise every machine would be taken for a node.
+/// Returns: the live nodes among `candidates` (addresses or host names), or all live nodes if there are no
+/// candidates, sorted by free memory, most first. `single`: only the first. A loopback candidate counts only
+/// if all live nodes have loopback addresses: on other clusters it would match no particular machine.
 std::vector<cluster::NodeInfo> SelectNodes(std::vector<cluster::NodeInfo> live,
                                            const std::vector<std::string>& candidates, bool single);
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// What the metadata service knows of the applications and their variables.
+// The applications and variables as the metadata leader has them in memory. Plain data: MetadataState guards
+// it.
 
 #include <chrono>
 #include <cstddef>
@@ -14,12 +15,13 @@ namespace vyn::services {
 struct Variable {
   std::uint32_t id = 0;
   std::uint32_t blockNum = 0;
-  /// The blocks are known. Before that the lists are empty.
+  /// Whether the blocks are known. Before that the lists are empty.
   bool ready = false;
   std::uint32_t nodeId = 0xFFFFFFFF;  ///< the node that holds the blocks
   std::vector<std::string> bmIds;
   std::vector<std::uint64_t> sizes;  ///< in bytes
-  /// Its znode, how many pieces its block list has, and what names those below it.
+  /// The path of its record, the number of pieces of its block list, and the part of their names that
+  /// PiecePath takes.
   std::string path;
   std::uint32_t pieces = 0;
   std::string list;
@@ -27,15 +29,15 @@ struct Variable {
 
 struct Application {
   std::string name;
-  /// It has sent a heartbeat, so its silence counts.
+  /// Whether it has sent a heartbeat. Only then the leader removes it when heartbeats stop.
   bool heartbeat = false;
-  /// Of its latest heartbeat, or of the start of this leadership.
+  /// The time of its last heartbeat, or of the start of this leadership.
   std::chrono::steady_clock::time_point lastBeat;
   std::map<std::uint32_t, Variable> variables;
-  std::uint64_t blocks = 0;  ///< of all its variables, those that are not known yet included
+  std::uint64_t blocks = 0;  ///< the sum of Variable::blockNum, also of variables that are not ready
 };
 
-/// The most that one application can have. Both stand in ZooKeeper and in the leader's memory.
+/// The limits of one application. They bound its use of ZooKeeper and of the leader's memory.
 struct ApplicationLimits {
   std::size_t variables = 100000;
   std::uint64_t blocks = 2000000;

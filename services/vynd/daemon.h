@@ -3,8 +3,8 @@
 // The whole of vynd: starts the fabric node, the ZooKeeper session, the node registry, the metadata member,
 // the node server and the reclaimer in this order, and stops them.
 //
-// One thread calls Start and Stop. The parts have threads of their own. Their callbacks use mClaimed and parts
-// that Start creates before the part that calls them starts.
+// One thread calls Start and Stop. The parts have threads of their own. Their callbacks use mClaimed and
+// parts that Start creates before the part that calls them starts.
 
 #include "platform/fabric/node/fabric_node.h"
 #include "services/metadata/metadata_member.h"

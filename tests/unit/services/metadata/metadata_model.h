@@ -121,7 +121,7 @@ struct Model {
     }
     return 0;
   }
-  void Forgive(std::chrono::steady_clock::duration gap) {
+  void ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration gap) {
     for (auto& [name, application] : mApplications) {
       application.lastBeat += gap;
     }

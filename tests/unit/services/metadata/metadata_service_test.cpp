@@ -198,16 +198,16 @@ TEST_F(MetadataServiceTest, OnlyWhoSentHeartbeatsIsMissed) {
 TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {
   EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), kStatusUnknownVariable);
   mService->ServeUntil(std::chrono::steady_clock::now());
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), MetadataStore::kStatusDeposed)
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), MetadataStore::kStatusLeadershipLost)
       << "another may lead, and know better";
   mService->ServeUntil(std::chrono::steady_clock::time_point::max());
   MetadataState next;
   ASSERT_EQ(next.Load(), 0U);
-  EXPECT_FALSE(mService->Deposed());
-  EXPECT_EQ(Variable(BROADCAST_VAR_NEW, "app", 1, 1), MetadataStore::kStatusDeposed);
-  EXPECT_TRUE(mService->Deposed());
+  EXPECT_FALSE(mService->LeadershipLost());
+  EXPECT_EQ(Variable(BROADCAST_VAR_NEW, "app", 1, 1), MetadataStore::kStatusLeadershipLost);
+  EXPECT_TRUE(mService->LeadershipLost());
   EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
-  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), MetadataStore::kStatusDeposed);
+  EXPECT_EQ(Variable(BROADCAST_VAR_GET, "app", 1), MetadataStore::kStatusLeadershipLost);
 }
 
 TEST(NodeSelection, MostFreeMemoryFirstAmongTheCandidates) {

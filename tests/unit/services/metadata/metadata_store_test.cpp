@@ -1,5 +1,5 @@
-// What the metadata service remembers: random operations against a model of it, also on a leader that has just
-// been deposed, and by hand what a neighbour or a lost answer does to the records.
+// What the metadata service remembers: random operations against a model of it, also on a leader that has
+// just been deposed, and by hand what a neighbour or a lost answer does to the records.
 
 #include "services/common/service_status.h"
 #include "services/common/variable_record.h"
@@ -73,7 +73,7 @@ class MetadataModelTest : public MetadataStoreTest {
       const auto before = Tree("/vyn");
       const auto result = step(*deposed);
       if constexpr (std::is_same_v<decltype(step(mModel)), std::uint32_t>) {
-        EXPECT_EQ(result, mModel.mWrote ? MetadataStore::kStatusDeposed : expected);
+        EXPECT_EQ(result, mModel.mWrote ? MetadataStore::kStatusLeadershipLost : expected);
       } else {
         EXPECT_TRUE(result == expected);
       }
@@ -194,8 +194,8 @@ TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndADeposedOneChan
         mModel.mApplications["b"] = {};
       }
       if (random.OneIn(20)) {
-        mLeader->Forgive(2s);
-        mModel.Forgive(2s);
+        mLeader->ExtendHeartbeatDeadlines(2s);
+        mModel.ExtendHeartbeatDeadlines(2s);
       }
       std::unique_ptr<MetadataState> deposed;
       if (random.OneIn(5)) {
@@ -300,7 +300,7 @@ TEST_F(MetadataStoreTest, ANumberIsUsedAgainWhenTheLiveNodesHaveForgottenIt) {
 
 TEST_F(MetadataStoreTest, WithoutAnAnswerNothingIsWrittenOrTheLeadershipEnds) {
   constexpr std::uint32_t kUnanswered = kStatusUnanswered;
-  const std::uint32_t over = MetadataStore::kStatusDeposed;
+  const std::uint32_t over = MetadataStore::kStatusLeadershipLost;
   std::vector<std::string> known;
   struct Case {
     const char* function;
