@@ -43,7 +43,7 @@ class MetadataState {
                          std::string& bmId) const;
   std::uint32_t RemoveApplication(const std::string& application);
 
-  /// Records a heartbeat. Fails for an application that is not registered, so that a late heartbeat does not
+  /// Records a heartbeat. Ignores an application that is not registered, so that a late heartbeat does not
   /// recreate one that has ended. \param alive false for the last heartbeat of a process.
   std::uint32_t HeartBeat(const std::string& application, bool alive = true);
   /// Extends every heartbeat deadline by `gap`, a time in which this process was suspended and read no

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Broadcasts a file from a driver process to executor processes through real services, all started here and ended here.
+"""Broadcasts a file from a driver process to executor processes through real services. Starts and ends all processes.
 
-One node on loopback by default: ZooKeeper, vynd, a driver, executors. With --outside three network namespaces: two nodes
-of the fabric with an executor on each, and a driver that belongs to neither.
+Default: one node on loopback with ZooKeeper, vynd, a driver and executors. With --outside: three network namespaces; two
+are nodes of the fabric with one executor each, and the driver runs in the third, outside the fabric.
 """
 import argparse
 import os
@@ -14,7 +14,7 @@ import sys
 import tempfile
 import time
 
-sys.dont_write_bytecode = True  # nothing is left in the source tree
+sys.dont_write_bytecode = True  # write no __pycache__ into the source tree
 from processes import START_TIMEOUT, Child, DemoError, free_port  # noqa: E402
 from table import human, print_table  # noqa: E402
 
@@ -45,18 +45,18 @@ class Demo:
         return child
 
     def make_namespaces(self):
-        """A switch of their own, and an address for each of three hosts."""
-        mark = f"vyn{os.getpid()}"  # nobody else's: clean may remove by it what was not made to its end
+        """Creates a switch and three hosts as network namespaces. Returns: name and address of each host."""
+        mark = f"vyn{os.getpid()}"  # unique, so that names with it belong to this demo
 
         def run(*command):
             subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
 
         def add(name):
-            self.namespaces.append(name)  # first, for an interrupt may come while it is made
+            self.namespaces.append(name)  # before the creation, so that an interrupt during it still cleans up
             try:
                 run("ip", "netns", "add", name)
             except subprocess.CalledProcessError:
-                self.namespaces.remove(name)  # it is somebody else's, or could not be made
+                self.namespaces.remove(name)  # it belongs to another program, or could not be created
                 raise
 
         switch = mark + "s"
@@ -110,7 +110,7 @@ class Demo:
         return home
 
     def settings(self, zookeeper, nodes, ports):
-        # The plain loader finds the libraries of the machine.
+        # Names without a folder: the dynamic loader finds the libraries of the machine.
         values = {
             "vyn.log.level": "INFO",
             "vyn.zookeeper.server.url": zookeeper,
@@ -174,7 +174,7 @@ class Demo:
     def program(self, name):
         return os.path.join(self.stage, "bin", name)
 
-    # --- the two ways ------------------------------------------------------------------------------------------------
+    # --- broadcast through the fabric, and the same through sockets -------------------------------------------------
 
     def run_fabric(self, driver_home, executors, namespaces):
         options = self.options
@@ -202,16 +202,17 @@ class Demo:
         return published, results, pool
 
     def pool_memory(self):
-        """The pages that the files of all pools take, pulled copies included."""
+        """Returns: the bytes of memory of all pools' files, including pulled copies."""
         return sum(os.lstat(os.path.join(root, name)).st_blocks * 512
                    for pool in self.pools for root, _, names in os.walk(pool) for name in names)
 
     def run_sockets(self, namespaces, driver):
-        """The way without a fabric, over the same network. Returns: nothing when the copies do not fit the memory."""
+        """Sends the file to each receiver over a socket of its own, on the same network. Returns: their results, or None
+        if the copies do not fit into the memory."""
         needed = len(namespaces) * self.file_size
         if needed > available_memory() * 0.7:
-            print(f"\nThe way over sockets is left out: {len(namespaces)} copies take {human(needed)}, and this machine has "
-                  f"{human(available_memory())} free.")
+            print(f"\nSkipped the comparison with sockets: {len(namespaces)} copies need {human(needed)}, and this machine "
+                  f"has {human(available_memory())} free.")
             return None
         options = self.options
         namespace, address = driver
@@ -232,7 +233,7 @@ class Demo:
         server.finish()
         return results
 
-    # --- the whole ---------------------------------------------------------------------------------------------------
+    # --- the whole demo ----------------------------------------------------------------------------------------------
 
     def run(self):
         options = self.options
@@ -295,7 +296,7 @@ def available_memory():
 
 
 def default_file():
-    """A real file of the machine of some 100 MB."""
+    """Returns: the path of a file of this machine with about 100 MB."""
     best = None
     for folder in ("/usr/lib", "/usr/bin", "/usr/local/lib"):
         for root, _, names in os.walk(folder):
@@ -312,8 +313,8 @@ def default_file():
 def main():
     parser = argparse.ArgumentParser(prog="./vyn demo", description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("file", nargs="?", metavar="FILE", help="what to broadcast (default: a file of this machine)")
-    parser.add_argument("--executors", type=int, default=4, help="how many executors (default 4; one a node with --outside)")
+    parser.add_argument("file", nargs="?", metavar="FILE", help="the file to broadcast (default: one of about 100 MB of this machine)")
+    parser.add_argument("--executors", type=int, default=4, help="number of executors (default 4; with --outside always one on each node)")
     parser.add_argument("--block-size", type=size, default=4 << 20, metavar="SIZE", help="default 4M")
     parser.add_argument("--outside", action="store_true", help="a driver outside the fabric and two nodes (root)")
     parser.add_argument("--tls", action="store_true", help="TLS 1.3 between clients and services, and on the links")

@@ -1,5 +1,6 @@
-// The demo's driver: broadcasts a file as one variable, inside the fabric or from outside it, or sends it to
-// each receiver over a socket of its own, as engines do without a fabric.
+// The demo's driver. It broadcasts a file as one variable, on a node of the fabric or outside the fabric. For
+// the comparison it instead sends the file to each receiver over a socket of its own, as engines do without a
+// fabric.
 
 #include "tools/demo/support.h"
 #include "vyn/broadcast.h"
@@ -18,7 +19,7 @@ namespace {
 
 using namespace vyn::demo;
 
-/// Blocks of the fabric on this node: filled in place.
+/// Creates the blocks in the pool of this node and reads the file into the mapped pages.
 void Fill(const Arguments& arguments, const MappedFile& file, const std::vector<unsigned long>& sizes) {
   const auto count = static_cast<unsigned int>(sizes.size());
   const char* app = arguments.application.c_str();
@@ -34,7 +35,7 @@ void Fill(const Arguments& arguments, const MappedFile& file, const std::vector<
   }
 }
 
-/// Blocks on a node that the metadata service proposes: copied there.
+/// Creates the blocks on a node that the metadata service proposes and copies the file there over its link.
 std::string Send(const Arguments& arguments, const MappedFile& file,
                  const std::vector<unsigned long>& sizes) {
   const char* app = arguments.application.c_str();

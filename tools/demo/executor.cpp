@@ -1,5 +1,5 @@
-// The demo's executor: reads every block of the variable in place and computes its SHA-256; or, the old way,
-// receives the file over a socket into memory of its own.
+// The demo's executor. It maps every block of the variable and computes the SHA-256 of the contents. For the
+// comparison it instead receives the file over a socket into private memory.
 
 #include "tools/demo/support.h"
 #include "vyn/broadcast.h"
@@ -74,15 +74,15 @@ int ReadVariable(const Arguments& arguments) {
   return 0;
 }
 
-/// What one recv() may return: without a limit it goes on as long as bytes come, and the first byte would
-/// seem late.
+/// The most bytes of one recv(). A recv() without this limit would return long after the first byte arrived,
+/// and the measured time of the first byte would be too late.
 constexpr std::size_t kChunk = 256U << 10U;
 
 int Receive(const Arguments& arguments) {
   std::cout << nlohmann::json{{"event", "ready"}}.dump() << std::endl;
   AwaitLine();
-  const std::size_t size = arguments.blockSize;  // here: the size of the file
-  // Memory that nobody has touched, so that its pages are made as the bytes come and not before.
+  const std::size_t size = arguments.blockSize;  // for a receiver --block-size is the size of the file
+  // Fresh memory, so that the page faults count as part of receiving, as in an engine.
   void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (memory == MAP_FAILED) {
     std::cerr << "no memory for a copy: " << std::strerror(errno) << "\n";

@@ -18,7 +18,7 @@ PORT_CLAIMS = []  # held until this demo ends
 
 
 def claim_port(port):
-    """Whether no other demo of this machine has taken the port for itself, also while its service is not up yet."""
+    """Reserves the port among the demos of this machine, by the name of an abstract socket. Returns: whether it was free."""
     claim = socket.socket(socket.AF_UNIX)
     try:
         claim.bind(f"\0vyn-demo-port-{port}")
@@ -30,7 +30,7 @@ def claim_port(port):
 
 
 def free_port(taken):
-    # Below the range from which the kernel serves outgoing connections, and as vyn.conf and the clients take them.
+    # Below the kernel's range for outgoing connections, and within the bounds that vyn.conf and the clients accept.
     for port in range(20000 + os.getpid() % 5000, 32000):
         if port in taken or not claim_port(port):
             continue
@@ -45,7 +45,7 @@ def free_port(taken):
 
 
 class Child:
-    """A process whose standard output is read line by line and that dies with the demo."""
+    """A process whose standard output the demo reads line by line. It ends with the demo."""
 
     def __init__(self, name, command, log, namespace=None):
         self.name = name
@@ -73,7 +73,7 @@ class Child:
             return "".join(log.readlines()[-15:])
 
     def wait_line(self, wanted, timeout):
-        """The first line for which `wanted` gives something."""
+        """Returns: the first result of `wanted` for a line that is not None."""
         deadline = time.monotonic() + timeout
         seen = 0
         with self.changed:
@@ -103,7 +103,7 @@ class Child:
         self.process.stdin.flush()
 
     def finish(self):
-        """Waits for an end that has to be a good one."""
+        """Waits for the end of the process. Raises DemoError unless its exit code is 0."""
         try:
             code = self.process.wait(WORK_TIMEOUT)
         except subprocess.TimeoutExpired:

@@ -1,10 +1,12 @@
 #pragma once
 
-// What the demo's driver and executor share.
+// Functions for the demo's driver and executor.
 //
-// Both talk to the demo in lines: JSON objects on standard output, and a line on standard input lets them
-// end. Times are seconds of the machine's monotonic clock, so that those of different processes can be
+// Both print JSON objects, one a line, for demo.py. A line on standard input lets them go on to their next
+// step. Times are seconds of the machine's monotonic clock, so that times of different processes can be
 // compared.
+//
+// One thread of a process uses an object.
 
 #include <cstddef>
 #include <cstdint>
@@ -21,26 +23,26 @@ struct Arguments {
   std::string application = "demo";
   std::string token = "demo-token";
   unsigned int variable = 1;
-  std::string file;  ///< driver: what is broadcast
+  std::string file;  ///< driver: the file to broadcast
   std::uint64_t blockSize = 4 << 20;
-  unsigned int blocks = 0;           ///< executor: how many there are
-  std::string socket;                ///< executor: "ip:port" to read the file from instead, the old way
-  std::string listen = "127.0.0.1";  ///< driver: at which address it serves receivers
-  unsigned int receivers = 0;        ///< driver: serve the file to so many over a socket, the old way
+  unsigned int blocks = 0;           ///< executor: the number of blocks
+  std::string socket;                ///< executor: "ip:port" to receive the file from, instead of the fabric
+  std::string listen = "127.0.0.1";  ///< driver: the address to listen at for receivers
+  unsigned int receivers = 0;        ///< driver: if not 0, send the file to so many receivers over sockets
 };
 
 /// Reads the command line. Returns: false when the process has to end with `exitCode`.
 bool ReadArguments(const char* name, int argc, char** argv, Arguments& arguments, int& exitCode);
 
-/// Seconds of the monotonic clock.
+/// Returns: seconds of the monotonic clock.
 double Now();
-/// Memory that this process has for itself alone, in bytes: its anonymous pages, not the mapped ones of the
+/// Returns: the private memory of this process in bytes, that is, its anonymous pages without those of the
 /// pool.
 std::uint64_t PrivateMemory();
-/// Waits until the demo writes a line or closes the pipe.
+/// Waits until demo.py writes a line to standard input or closes it.
 void AwaitLine();
 
-/// The SHA-256 of bytes that come in pieces.
+/// Computes the SHA-256 of bytes that arrive in pieces.
 class Sha256 {
  public:
   Sha256();
@@ -48,7 +50,7 @@ class Sha256 {
   Sha256(const Sha256&) = delete;
   Sha256& operator=(const Sha256&) = delete;
   void Add(const void* data, std::size_t size);
-  /// In hexadecimal. Once.
+  /// Returns: the hash in hexadecimal. Call it once.
   std::string Finish();
 
  private:
@@ -71,10 +73,10 @@ class MappedFile {
   std::uint64_t mSize = 0;
 };
 
-/// The sizes of the blocks that `size` bytes are cut into.
+/// Returns: the sizes of the blocks for `size` bytes. All but the last are `blockSize`.
 std::vector<unsigned long> BlockSizes(std::uint64_t size, std::uint64_t blockSize);
 
-/// Ends the process with a message when `status` tells of a failure.
+/// Ends the process with a message if `status` is a failure.
 void Require(std::uint32_t status, const std::string& what);
 
 }  // namespace vyn::demo

@@ -1,4 +1,4 @@
-"""The demo's last words: shared pages and the way without them, side by side."""
+"""The table at the end of the demo: times and memory with the fabric and with sockets, side by side."""
 
 
 def human(count):
@@ -17,7 +17,7 @@ def rate(size, seconds):
 
 
 class Side:
-    """One of the two ways: what its executors reported."""
+    """A column of the table: the results of the executors, with the fabric or with sockets."""
 
     def __init__(self, results, file_size):
         self.results = results
@@ -36,7 +36,7 @@ class Side:
 
 
 def print_table(file_size, published, results, pool, sockets):
-    """`sockets` is what the executors of the other way reported, or nothing when that way was left out."""
+    """`sockets` holds the results of the receivers over sockets, or None if that part was skipped."""
     shared = Side(results, file_size)
     copies = Side(sockets, file_size) if sockets else None
 

@@ -1,6 +1,6 @@
-// vynconf: checks a configuration file, and prints the catalogue of keys.
-// Exit codes: 0 fine, perhaps with warnings; 1 complaints; anything else a wrong command line. Complaints and
-// warnings go to standard output, one a line.
+// The program vynconf: checks a configuration file, or prints the catalogue of keys.
+// Exit codes: 0 no complaints, perhaps warnings; 1 complaints; any other for a wrong command line. It prints
+// complaints and warnings on standard output, one a line.
 
 #include "common/config/configuration_catalogue.h"
 #include "services/config_check/config_check.h"

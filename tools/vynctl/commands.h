@@ -1,7 +1,7 @@
 #pragma once
 
-// The commands of vynctl. Each prints its answer on standard output, as a table or, with Settings::json, as
-// one JSON object, and throws CommandError when it cannot.
+// The commands of vynctl. Each prints its result on standard output, as a table or, with Settings::json, as
+// one JSON object. It throws CommandError on failure. Only the main thread calls them.
 
 #include "tools/vynctl/session.h"
 

@@ -10,7 +10,7 @@ namespace vyn::tools {
 namespace {
 
 volatile std::sig_atomic_t gSignal = 0;
-/// The one that works. The SDK has threads beside it, and the kernel gives a signal to any of them.
+/// The thread that runs the command. The kernel may deliver a signal to one of the SDK's threads instead.
 pthread_t gWorker;
 
 void OnSignal(int number) {
@@ -25,7 +25,7 @@ void OnSignal(int number) {
 
 void DeferSignals() {
   gWorker = pthread_self();
-  struct sigaction action {};  // no SA_RESTART: what waits is to look
+  struct sigaction action {};  // without SA_RESTART, so that a blocked system call returns EINTR
   action.sa_handler = [](int) {};
   sigaction(SIGUSR1, &action, nullptr);
   action.sa_handler = &OnSignal;

@@ -1,7 +1,9 @@
 #pragma once
 
-// SIGINT, SIGTERM and SIGHUP while a command has something to undo: it ends at the next place where it may end,
-// and its destructors clean up. The second signal ends the process at once.
+// Handles SIGINT, SIGTERM and SIGHUP while a command has something to undo. The first signal lets the next
+// CheckInterrupted throw, so that destructors clean up. The second signal ends the process at once.
+//
+// The thread that runs the command calls both functions.
 
 #include "tools/vynctl/session.h"
 
@@ -12,11 +14,12 @@ struct Interrupted : CommandError {
   int signal;
 };
 
-/// To be called before the first thing that wants undoing. From now on these signals do not end the process.
+/// Call it before the first step that may have to be undone. From then on the first of these signals does not
+/// end the process.
 void DeferSignals();
 
-/// Throws Interrupted when a signal has come since. To be asked before each system call that may wait long: one
-/// that a signal cuts short fails with EINTR or has done a part.
+/// Throws Interrupted if a signal has come since DeferSignals. Call it before each system call that may block
+/// for long. A signal during such a call makes it fail with EINTR or transfer only a part.
 void CheckInterrupted();
 
 }  // namespace vyn::tools

@@ -1,6 +1,7 @@
-// vynctl: looks at a cluster of Vyn broadcast and moves variables in and out of it.
+// The program vynctl: shows the state of a cluster of Vyn broadcast and copies variables into and out of it.
 //
-// Exit codes: 0 done, 1 the command failed, 2 the command line is wrong, 128 and the signal's number when one ended it.
+// Exit codes: 0 success, 1 the command failed, 2 the command line is wrong, 128 + the number of the signal
+// that ended it.
 
 #include "services/config_check/config_check.h"
 #include "tools/vynctl/commands.h"
@@ -16,7 +17,8 @@ namespace {
 
 using namespace vyn::tools;
 
-/// As vynd checks it: for the features that the file turns on, and those that were asked for.
+/// Checks the file as vynd does, for the features that it turns on, and for `features`. Returns: the exit
+/// code.
 int CheckConfiguration(const Settings& settings, std::string file,
                        const vyn::services::ConfigFeatures& features) {
   if (file.empty()) {
@@ -41,7 +43,7 @@ int CheckConfiguration(const Settings& settings, std::string file,
   return vyn::services::AnyRefusal(complaints) ? 1 : 0;
 }
 
-/// The first line of the file.
+/// Returns: the first line of the file.
 std::string ReadToken(const std::string& file) {
   std::ifstream input(file);
   std::string token;
@@ -74,9 +76,10 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string("vynctl ") + VYN_PROJECT_VERSION);
   app.require_subcommand(1);
   app.add_option("--home", settings.home, "the installation (default: VYN_HOME)");
-  auto* token = app.add_option("--token", settings.token,
-                               "the application's token, for put and get; everybody sees it in the list of "
-                               "processes (default: VYN_TOKEN)");
+  auto* token =
+      app.add_option("--token", settings.token,
+                     "the application's token, for put and get; every user of this machine can see it "
+                     "in the list of processes (default: VYN_TOKEN)");
   app.add_option("--token-file", tokenFile, "a file whose first line is the token")->excludes(token);
   app.parse_complete_callback([&] {
     if (!tokenFile.empty()) {
@@ -110,7 +113,7 @@ int main(int argc, char** argv) {
   auto* apps = app.add_subcommand("app", "applications");
   apps->require_subcommand(1);
   apps->add_subcommand("ls", "list them with their variables")->callback([&] { ListApplications(settings); });
-  auto* end = apps->add_subcommand("rm", "end one: all its variables and memory go, on every node");
+  auto* end = apps->add_subcommand("rm", "end one: delete its variables and free its memory on every node");
   end->add_option("APP", application)->required();
   end->callback([&] { RemoveApplication(settings, application); });
   auto* conf = app.add_subcommand("conf", "configuration files");

@@ -1,7 +1,7 @@
 #pragma once
 
-// How vynctl reaches a cluster: the configuration of its home, a ZooKeeper session for what it only reads,
-// and the SDK for variables.
+// Connects vynctl to a cluster: loads the configuration of its home, opens a ZooKeeper session to read the
+// state, and starts the SDK for operations on variables. Only the main thread calls these functions.
 
 #include <cstdint>
 #include <nlohmann/json_fwd.hpp>
@@ -10,7 +10,7 @@
 
 namespace vyn::tools {
 
-/// A failure that ends the command with exit code 1 and this text.
+/// A failure. main() prints its text and ends with exit code 1.
 struct CommandError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -19,7 +19,7 @@ struct Settings {
   std::string home;
   std::string token;
   bool json = false;
-  bool verbose = false;  ///< log lines on standard error, as vyn.log.level says; otherwise only errors
+  bool verbose = false;  ///< print log lines from vyn.log.level on to standard error; otherwise only errors
 };
 
 /// Loads the home's configuration into the process. Throws CommandError.
@@ -28,12 +28,12 @@ void LoadConfiguration(const Settings& settings);
 void ConnectZooKeeper();
 /// Starts the SDK as a driver or an executor. Throws CommandError.
 void StartSdk(const Settings& settings, bool driver);
-/// One JSON object on standard output; bytes that are no UTF-8 are replaced.
+/// Prints a JSON object on standard output. Replaces bytes that are not UTF-8.
 void PrintJson(const nlohmann::json& answer);
-/// Throws CommandError with the thread's last error when `status` tells of a failure.
+/// Throws CommandError with the thread's last error if `status` is a failure.
 void Require(std::uint32_t status, const std::string& what);
 
-/// A bar on standard error while a long copy runs; nothing when that is no terminal.
+/// A progress bar on standard error during a long copy. Does nothing if standard error is not a terminal.
 class Progress {
  public:
   Progress(std::string title, std::uint64_t total);

@@ -187,8 +187,8 @@ void ListApplications(const Settings& settings) {
 void RemoveApplication(const Settings& settings, const std::string& application) {
   LoadConfiguration(settings);
   StartSdk(settings, true);
-  // The metadata service takes a removal of nothing, as a repeated call has to succeed; a person wants to
-  // know.
+  // The metadata service reports success for an application that does not exist, because a repeated call must
+  // succeed. A user wants to know, so check for it here.
   const int found = zookeeper::Exists(services::AppPath(application));
   Require(MarkBroadcastApplicationCompleted(application.c_str()), "removing application " + application);
   if (found == ZNONODE) {

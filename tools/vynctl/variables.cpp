@@ -82,9 +82,9 @@ std::string NameOf(const std::string& application, std::uint32_t id) {
   return "variable " + std::to_string(id) + " of application " + application;
 }
 
-/// What the records tell of a variable.
+/// What ZooKeeper's record says about a variable.
 struct Found {
-  bool ready;  ///< with its blocks
+  bool ready;  ///< whether its blocks are known
   std::uint32_t blockNum;
 };
 
@@ -109,7 +109,7 @@ std::optional<Found> FindVariable(const std::string& application, std::uint32_t 
   return std::nullopt;
 }
 
-/// Takes a variable that was created and not filled away again, so that nobody reads half of it.
+/// Removes the variable of a failed put in its destructor, so that nobody reads incomplete contents.
 class Undo {
  public:
   Undo(const std::string& application, std::uint32_t id) : mApplication(application), mId(id) {}
@@ -118,18 +118,19 @@ class Undo {
       return;
     }
     if (Failed(DeleteBroadcastVar(mApplication.c_str(), mId))) {
-      std::fprintf(stderr, "vynctl: %s is there in part and could not be removed\n",
+      std::fprintf(stderr, "vynctl: %s is incomplete and could not be removed\n",
                    NameOf(mApplication, mId).c_str());
     }
   }
   Undo(const Undo&) = delete;
   Undo& operator=(const Undo&) = delete;
-  /// The blocks of the record are this command's.
+  /// Call it once the record holds the blocks of this command.
   void Recorded() { mRecorded = true; }
+  /// Call it once the variable is complete. The destructor then keeps it.
   void Done() { mDone = true; }
 
  private:
-  /// Whether another command has written the variable meanwhile: the blocks of the record are its own.
+  /// Whether the record holds the blocks of another put, which has completed the variable meanwhile.
   bool IsOfAnother() const {
     try {
       const auto found = mRecorded ? std::nullopt : FindVariable(mApplication, mId);
@@ -145,7 +146,7 @@ class Undo {
   bool mDone = false;
 };
 
-/// Where contents go: standard output, or a file that has its name only once it is whole.
+/// The destination of a get: standard output, or a file that gets its name only when it is complete.
 class Output {
  public:
   explicit Output(const std::string& file) : mFile(file) {
@@ -154,8 +155,8 @@ class Output {
       return;
     }
     struct stat status {};
-    if (stat(file.c_str(), &status) == 0 &&
-        !S_ISREG(status.st_mode)) {  // a pipe or a device takes no new name
+    // Write directly into a pipe or a device: a rename would replace it by a regular file.
+    if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
       mDescriptor = open(file.c_str(), O_WRONLY | O_CLOEXEC);
       if (mDescriptor < 0) {
         throw CommandError(file + ": " + std::strerror(errno));
@@ -200,7 +201,7 @@ class Output {
   int mDescriptor = -1;
 };
 
-/// What the command did, in the form that was asked for.
+/// Prints the result of the command: `answer` with Settings::json, otherwise `text`.
 void Print(const Settings& settings, const json& answer, const std::string& text) {
   if (settings.json) {
     PrintJson(answer);
@@ -229,8 +230,8 @@ void PutVariable(const Settings& settings, const std::string& application, std::
   StartSdk(settings, true);
   bool registered = false;
   Require(RegisterBroadcastApp(app, true, settings.token.c_str(), &registered), "registering " + application);
-  // A creation that is repeated with as many blocks succeeds, and would leave a second set of them in the
-  // pool.
+  // The metadata service lets a repeated creation with the same number of blocks succeed. For an existing
+  // variable that would leave a second set of blocks in the pool.
   if (FindVariable(application, id)) {
     throw CommandError("there is " + NameOf(application, id) + " already");
   }
@@ -325,7 +326,7 @@ void RemoveVariable(const Settings& settings, const std::string& application, st
   LoadConfiguration(settings);
   StartSdk(settings, true);
   const bool found = FindVariable(application, id).has_value();
-  // Also when there is none here: a record that cannot be read is removed all the same.
+  // Delete even if nothing was found: the metadata service also removes a record that vynctl cannot read.
   Require(DeleteBroadcastVar(application.c_str(), id), "removing the variable");
   if (!found) {
     throw CommandError("there is no " + NameOf(application, id));
