@@ -1,6 +1,6 @@
-// The fetch of a variable that is known already, and access to a block that is mapped already: what every
-// task of an executor does. The floor of both builds the variable's name and makes two lookups under shared
-// locks. The cost must not grow with the number of variables.
+// What every task of an executor does: fetching a variable that is in the cache, and obtaining a block that
+// is mapped. The floor of both builds the variable's name and makes two lookups under shared locks. The cost
+// must not grow with the number of variables.
 
 #include "common/util/ref.h"
 #include "common/util/text.h"
@@ -24,7 +24,7 @@ constexpr unsigned int kBlocks = 1000;
 constexpr unsigned int kFetchedBlocks = 4;
 const std::string kAppId = "application_1699999999999_000123";  // 32 characters
 
-/// The SDK's table with `count` variables, numbered from 0; every block of variable 0 is mapped.
+/// Fills the SDK's cache with `count` variables, numbered from 0. Every block of variable 0 is mapped.
 void FillTable(std::int64_t count, unsigned int blocksOfFirst) {
   g_broadcastCache = new BroadcastSdkCache;
   for (unsigned int i = 0; i < count; ++i) {
@@ -106,8 +106,8 @@ VYN_RATIO_AT_MOST("CachedObtain/100000", "CachedFloor/100000", 1.5);
 VYN_RATIO_AT_MOST("CachedFetch/1", "CachedFloor/1", 1.5);
 VYN_RATIO_AT_MOST("CachedFetch/1000", "CachedFloor/1000", 1.5);
 VYN_RATIO_AT_MOST("CachedFetch/100000", "CachedFloor/100000", 1.5);
-// Flat: a hundred times the variables. A table of one is quicker still, because the container searches it
-// without a hash.
+// 100 times the variables must cost the same. The smaller cache has 1000 variables and not 1, because the
+// container finds a single element without computing a hash.
 VYN_RATIO_AT_MOST("CachedObtain/100000", "CachedObtain/1000", 1.2);
 VYN_RATIO_AT_MOST("CachedFetch/100000", "CachedFetch/1000", 1.2);
 

@@ -1,7 +1,7 @@
-// The memory fabric beside what it stands on: files on tmpfs, sockets on loopback, private memory.
+// Compares the memory fabric with what it is built from: files on tmpfs, sockets on loopback, private memory.
 //
-// The node runs as a process of its own would: in a forked child. Sizes are smaller than a real pool's so
-// that the whole can be repeated; they are far beyond the caches.
+// The fabric node runs in a forked child process. The sizes are smaller than those of a real pool, so that
+// the benchmark can repeat each function; they are much larger than the processor's caches.
 
 #include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/node/fabric_node.h"
@@ -33,7 +33,8 @@ constexpr std::uint64_t kBlock = 4U << 20U;
 constexpr std::uint64_t kLarge = 1U << 30U;
 constexpr std::uint64_t kSent = 256U << 20U;
 
-/// A node in a child process, which dies with this one, and a client of it on its machine and over a link.
+/// A fabric node in a child process, which ends with this one, and two clients: one maps blocks, one uses a
+/// link.
 class Fabric {
  public:
   static Fabric& Get() {
@@ -125,14 +126,14 @@ std::uint64_t Sum(const void* bytes, std::uint64_t length) {
   return sum;
 }
 
-// --- The first map of a block in a process that did not write it, alone and with the reading of its bytes.
-// Beside it the file is opened and mapped. Each block is mapped once; unmapping is not counted.
-// Alone it costs the way to the node and back, which must see the token: the least that allows is a process
-// that opens the file and hands the descriptor over.
+// --- The first map of a block in a process that did not write it, alone and together with reading its bytes.
+// The floor with reading opens and maps the file. The map alone needs a round trip to the node, which checks
+// the token; its floor is a process that opens the file and sends the descriptor. Each block is mapped once;
+// unmapping is not measured.
 
 constexpr int kBlocks = 64;
 
-/// Blocks that a process of its own has allocated and filled, and the way that each is mapped here.
+/// Blocks that another process has allocated and filled, and their mappings in this process.
 class ForeignBlocks {
  public:
   ForeignBlocks() {
@@ -163,7 +164,7 @@ class ForeignBlocks {
     }
   }
 
-  /// The block to map next; null when the writer has failed.
+  /// Returns: the block to map next; null if the writing process has failed.
   const char* Next() const { return mMapped.size() < mIds.size() ? mIds[mMapped.size()].c_str() : nullptr; }
   void Mapped(void* address) { mMapped.push_back(address); }
 
@@ -277,7 +278,7 @@ VYN_RATIO_AT_MOST("FirstMapAndRead", "FirstMapAndReadFloor", 3.0);
 VYN_RATIO_AT_MOST("FirstMapAlone", "FirstMapAloneFloor", 3.0);
 VYN_RATIO_AT_MOST("FirstMapAlone", "FirstMapHandedOverFloor", 1.5);
 
-// --- Filling 1 GiB through mapped blocks of 64 MiB, beside mapped files of the same tmpfs.
+// --- Filling 1 GiB through mapped blocks of 64 MiB. The floor fills mapped files on the same tmpfs.
 
 constexpr std::uint64_t kFillBlock = 64U << 20U;
 
@@ -327,7 +328,7 @@ BENCHMARK(FillMappedBlocks)->UseRealTime()->Iterations(1);
 BENCHMARK(FillMappedBlocksFloor)->UseRealTime()->Iterations(1);
 VYN_RATIO_AT_LEAST("FillMappedBlocks", "FillMappedBlocksFloor", 0.9);
 
-// --- Reading a mapped GiB, beside reading private memory.
+// --- Reading a mapped GiB. The floor reads private memory.
 
 void ReadMapped(benchmark::State& state) {
   Fabric& fabric = Fabric::Get();
@@ -359,7 +360,8 @@ BENCHMARK(ReadMapped)->UseRealTime();
 BENCHMARK(ReadMappedFloor)->UseRealTime();
 VYN_RATIO_AT_LEAST("ReadMapped", "ReadMappedFloor", 0.95);
 
-// --- Writing over a link, beside a bare socket between the same two cores: 256 MiB from memory to memory.
+// --- Writing 256 MiB from memory to memory over a link. The floor is a plain socket between the same two
+// cores.
 
 void WriteOverLink(benchmark::State& state) {
   Fabric& fabric = Fabric::Get();
@@ -388,7 +390,7 @@ void ReadOverLink(benchmark::State& state) {
   fabric.Free(id);
 }
 
-/// Sends everything, waits for one byte that says that all has arrived.
+/// Sends all bytes and waits for one byte with which the receiver confirms their arrival.
 void SocketCopyFloor(benchmark::State& state) {
   std::uint16_t port = 0;
   std::string text;

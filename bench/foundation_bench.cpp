@@ -1,5 +1,5 @@
-// What every call passes through: the input check, a closed logging gate, the table of variables, a
-// reference.
+// The parts that every call uses: the check of an identifier, a log line below the level, a look-up in the
+// cache of variables, and copying a Ref.
 
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
@@ -36,7 +36,7 @@ void IdentifierCheck(benchmark::State& state) {
 }
 BENCHMARK(IdentifierCheck);
 
-// The least: find the end and look each byte up once.
+// The floor: find the end of the text and look up each byte once.
 void IdentifierCheckFloor(benchmark::State& state) {
   static unsigned char classes[256];
   std::memset(classes, 1, sizeof(classes));
@@ -55,7 +55,7 @@ BENCHMARK(IdentifierCheckFloor);
 VYN_RATIO_AT_MOST("IdentifierCheck", "IdentifierCheckFloor", 2.0);
 VYN_TIME_AT_MOST("IdentifierCheck", 50);
 
-// The process's logger for the time of a benchmark: one that admits errors only, or none.
+// Sets the process's logger for one benchmark: one with level ERROR, or none.
 class LoggerInUse {
  public:
   explicit LoggerInUse(bool some) {
@@ -77,7 +77,7 @@ void ClosedGate(benchmark::State& state) {
 }
 BENCHMARK(ClosedGate)->Arg(0)->Arg(1);
 
-// The least: one pointer check and one compare.
+// The floor: one pointer check and one comparison.
 void ClosedGateFloor(benchmark::State& state) {
   static int level = 4;
   static int* logger = &level;
@@ -110,8 +110,9 @@ void GetVarInfo(benchmark::State& state) {
 }
 BENCHMARK(GetVarInfo);
 
-/// A lookup under a shared lock in the plainest table. With a reference, what it finds outlives the lock, as
-/// what GetVarInfo hands out must: one atomic operation under the lock and one at the end of the use.
+/// A lookup under a shared lock in a std::unordered_map. With `takeReference` the result stays valid after
+/// the lock is released, as that of GetVarInfo must: this takes one atomic operation under the lock and one
+/// after the use.
 void LookUp(benchmark::State& state, bool takeReference) {
   std::unordered_map<std::string, std::atomic<std::int64_t>> table;
   std::shared_mutex mutex;
@@ -139,7 +140,7 @@ void GetVarInfoFloor(benchmark::State& state) { LookUp(state, true); }
 BENCHMARK(GetVarInfoFloor);
 VYN_RATIO_AT_MOST("GetVarInfo", "GetVarInfoFloor", 1.3);
 
-// For comparison: what the two atomic operations cost beside a lookup whose result nobody may use.
+// For comparison, to show the cost of the two atomic operations: a lookup whose result is not safe to use.
 void LookupWithoutReference(benchmark::State& state) { LookUp(state, false); }
 BENCHMARK(LookupWithoutReference);
 VYN_RATIO("GetVarInfo", "LookupWithoutReference");
@@ -153,7 +154,7 @@ void RefCopyAndDrop(benchmark::State& state) {
 }
 BENCHMARK(RefCopyAndDrop);
 
-// The least: one atomic operation for the copy and one for its end.
+// The floor: one atomic operation for the copy and one for its destruction.
 void RefCopyAndDropFloor(benchmark::State& state) {
   std::atomic<std::int64_t> count{1};
   for (auto _ : state) {

@@ -1,6 +1,6 @@
-// A synchronous call through the engine beside a ping-pong of the same bytes over bare blocking sockets, at
-// 200 bytes and 64 KiB, answered by a quick handler and by one that may block; and 16 MiB of throughput. With
-// both ends on one processor, and on two.
+// A synchronous call through RpcEngine with 200 bytes and 64 KiB, to a quick handler and to one that may
+// block, and the throughput of 16 MiB. The floor exchanges the same bytes over blocking sockets. Client and
+// server run on one processor, then on two.
 
 #include "support/latency.h"
 #include "support/rpc_bench.h"
@@ -9,7 +9,7 @@ namespace {
 
 using namespace vyn::bench;
 
-/// Where the two ends run.
+/// The processors of client and server.
 struct Places {
   const char* mName;
   int mCaller;

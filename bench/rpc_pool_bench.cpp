@@ -1,5 +1,5 @@
-// 32 threads that call through one pool at once, beside 32 threads with a bare blocking connection each: what
-// all of them get done in the same time, and how long one call takes.
+// 32 threads call through one connection pool at the same time. The floor is 32 threads with a blocking
+// socket each. Measures the calls a second of all threads together, and the duration of a call.
 
 #include "common/rpc/rpc_engine_base.h"
 #include "support/latency.h"
@@ -29,7 +29,7 @@ class Pool : public RPCEnginePool {
   unsigned int SetTimeout() override { return VYN_OK; }
 };
 
-/// All threads make their calls at once. Returns: calls a second of all together.
+/// Lets all threads make their calls at the same time. Returns: the calls a second of all threads together.
 double Run(Latency& times, const std::function<void(int thread)>& call) {
   std::vector<Latency> own(kThreads, Latency(""));
   std::vector<std::thread> threads;
@@ -70,7 +70,7 @@ int main() {
     }
   };
   Latency warm("");
-  Run(warm, callPool);  // the pool makes its connections
+  Run(warm, callPool);  // lets the pool open its connections before the measurement
   for (int turn = 0; turn < kTurns; ++turn) {
     pooledRates.push_back(Run(pooled, callPool));
     floorRates.push_back(Run(floor, [&](int thread) { bare[static_cast<std::size_t>(thread)]->Call(); }));

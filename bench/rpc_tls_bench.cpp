@@ -1,6 +1,6 @@
-// A synchronous call over TLS 1.3 beside a ping-pong of the same bytes over bare blocking OpenSSL; and a
-// connection made anew with one call, plain and under TLS with the session taken up again, beside the same
-// over bare sockets.
+// A synchronous call over TLS 1.3; the floor exchanges the same bytes over blocking OpenSSL. And a new
+// connection with one call, plain and over TLS with session resumption; the floor does the same over blocking
+// sockets.
 
 #include "platform/openssl_dl/openssl_dl.h"
 #include "support/certificates.h"
@@ -20,8 +20,8 @@ using namespace vyn::bench;
 
 constexpr std::size_t kSmall = 200;
 
-/// A blocking server of one connection at a time, under TLS unless `identity` is null: every `request` bytes
-/// are answered with `reply` bytes.
+/// A blocking server for one connection at a time, with TLS unless `identity` is null. It replies to every
+/// `request` bytes with `reply` bytes.
 class BareServer {
  public:
   BareServer(std::size_t request, std::size_t reply, SSL_CTX* identity)
@@ -83,7 +83,7 @@ class BareServer {
   std::thread mThread;
 };
 
-/// A client of it, which keeps its session for the next connection.
+/// A client of BareServer. It keeps the TLS session and resumes it in the next connection.
 class BareClient {
  public:
   BareClient(const BareServer& server, std::size_t request, std::size_t reply, SSL_CTX* trust)

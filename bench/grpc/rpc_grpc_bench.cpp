@@ -1,5 +1,5 @@
-// For comparison only: our synchronous call beside gRPC's synchronous unary call, with the same payload, over
-// loopback without TLS. Built with VYN_WITH_GRPC.
+// Compares a synchronous call through RpcEngine with gRPC's synchronous unary call: the same payload, over
+// loopback, without TLS. Built only with VYN_WITH_GRPC.
 
 #include "support/latency.h"
 #include "support/rpc_bench.h"

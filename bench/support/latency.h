@@ -1,8 +1,10 @@
 #pragma once
 
-// For work whose spread matters as much as its middle: several ways to do it, measured in turns of one run,
-// so that the machine's moods fall on all of them alike; 50th and 99th percentile of each and the ratio to
-// the floor.
+// Measures the duration of single operations: the 50th and the 99th percentile, and the ratio of the medians
+// to the floor. A benchmark alternates between the operations that it compares, so that disturbances of the
+// machine affect all of them alike.
+//
+// An object belongs to one thread.
 
 #include <algorithm>
 #include <chrono>
@@ -17,7 +19,7 @@ class Latency {
  public:
   explicit Latency(std::string name) : mName(std::move(name)) {}
 
-  /// Runs `work` `count` times and keeps each duration.
+  /// Calls `work` `count` times and keeps each duration.
   void Run(int count, const std::function<void()>& work) {
     using Clock = std::chrono::steady_clock;
     for (int i = 0; i < count; ++i) {
@@ -26,7 +28,7 @@ class Latency {
       mMicroseconds.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
     }
   }
-  /// Takes the times of another one over.
+  /// Adds the durations of `other`.
   void Add(const Latency& other) {
     mMicroseconds.insert(mMicroseconds.end(), other.mMicroseconds.begin(), other.mMicroseconds.end());
   }
@@ -46,7 +48,7 @@ inline void PrintLatencyHeader() {
               "p99 us", "floor p99", "ratio", "bar");
 }
 
-/// \param bar the highest ratio of the medians that is good enough; 0 for a comparison without one.
+/// \param bar the highest acceptable ratio of the medians; 0 for a comparison without a limit.
 inline void PrintRatio(Latency& measured, Latency& floor, double bar) {
   const double ratio = measured.Percentile(0.5) / floor.Percentile(0.5);
   std::printf("%-40s %-34s %10.1f %10.1f %10.1f %10.1f %8.2f ", measured.Name().c_str(), floor.Name().c_str(),

@@ -21,7 +21,7 @@ std::vector<Limit>& Limits() {
   return limits;
 }
 
-/// Keeps the time of every repetition and prints only their mean, median and deviation, if there are several.
+/// Keeps the time of every repetition. Of several repetitions it prints only mean, median and deviation.
 class Keeper : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -44,7 +44,7 @@ class Keeper : public benchmark::ConsoleReporter {
     ConsoleReporter::ReportRuns(aggregates.empty() ? runs : aggregates);
   }
 
-  /// Returns: the median in seconds, or a negative number when the function did not run.
+  /// Returns: the median in seconds; negative if the function did not run.
   double Median(const std::string& name) {
     auto& times = mTimes[name];
     if (times.empty()) {
@@ -77,7 +77,8 @@ bool AddLimit(const Limit& limit) {
 
 int main(int argc, char** argv) {
   using namespace vyn::bench;
-  // Repeated and interleaved by default; an argument given by hand comes later and wins.
+  // The default is to repeat and interleave the functions. Arguments of the command line come later and
+  // override it.
   std::vector<char*> arguments{argv[0]};
   std::string repetitions = "--benchmark_repetitions=7";
   std::string interleave = "--benchmark_enable_random_interleaving=true";

@@ -1,7 +1,8 @@
 #pragma once
 
-// A benchmark says how the system's work compares with its floor: the least that the hardware and the
-// required steps allow. Both are ordinary Google Benchmark functions; a ratio names the two and the bar:
+// Compares an operation of the system with its floor: the fastest code that does the same necessary steps.
+// Both are ordinary Google Benchmark functions. A ratio names the two functions and the bar, which is the
+// accepted limit:
 //
 //   void FrameCall(benchmark::State& state) {...}
 //   void FrameCallFloor(benchmark::State& state) {...}
@@ -10,11 +11,10 @@
 //   VYN_RATIO_AT_MOST("FrameCall", "FrameCallFloor", 1.25);
 //   VYN_TIME_AT_MOST("FrameCall", 100000);
 //
-// The program runs every function several times, in random order, and prints the ratio of the medians at the
-// end: of the time that the measuring thread spent computing, or of the time that passed when the benchmark
-// says UseRealTime(). One that waits for another thread or process must say so:
-// BENCHMARK(FrameCall)->UseRealTime(). A missed bar is printed, not failed: machines differ, a ratio in one
-// run is what can be compared.
+// The program runs every function several times in random order and prints the ratios of the medians at the
+// end. It measures the processor time of the thread, or the elapsed time for a benchmark with UseRealTime().
+// A function that waits for another thread or process needs BENCHMARK(FrameCall)->UseRealTime(). A missed bar
+// is printed and does not fail the program, because machines differ.
 
 #include <benchmark/benchmark.h>
 
@@ -23,14 +23,14 @@ namespace vyn::bench {
 struct Ratio {
   const char* measured;
   const char* floor;
-  /// 0: none, the ratio is only told.
+  /// 0: no bar, the ratio is only printed.
   double bar;
-  /// false: time of measured / time of floor, to stay at or below the bar.
-  /// true: speed of measured / speed of floor, to stay at or above it.
+  /// false: the ratio is time of `measured` / time of `floor` and must be at most the bar.
+  /// true: the ratio is speed of `measured` / speed of `floor` and must be at least the bar.
   bool atLeast;
 };
 
-/// A bar in time, for work whose floor is too small to compare with.
+/// A bar in nanoseconds, for an operation whose floor is too short for a meaningful ratio.
 struct Limit {
   const char* measured;
   double nanoseconds;

@@ -1,7 +1,9 @@
 #pragma once
 
-// What the benchmarks of the RPC layer share: an echo server of ours, a caller, and the bare blocking sockets
-// that they are compared with.
+// Helpers for the benchmarks of the RPC layer: an echo server on vyn::rpc, a caller, and blocking sockets as
+// the floor.
+//
+// Each Caller belongs to one thread.
 
 #include "common/message/base_message.h"
 #include "common/rpc/rpc_engine.h"
@@ -16,21 +18,22 @@
 
 namespace vyn::bench {
 
-inline constexpr unsigned short kEchoQuick = 1;   // answered as soon as it is read
-inline constexpr unsigned short kEchoWorker = 2;  // a handler that may block
+inline constexpr unsigned short kEchoQuick =
+    1;  // a quick handler, which runs on the thread that reads the request
+inline constexpr unsigned short kEchoWorker = 2;  // a handler that may block, on a worker thread
 inline constexpr std::size_t kRequestOverhead = 24 + 2;
 inline constexpr std::size_t kReplyOverhead = 24 + 4;
 
 [[noreturn]] void Die(const std::string& what);
 
-/// The processors that the program may use.
+/// Returns: the processors that the program may use.
 std::vector<int> Processors();
-/// From here on the calling thread, and the threads that it makes, run on `processor`. Where the two ends of a
-/// connection run matters more than what they do: a wake-up across processors costs several times the rest of
-/// a small call. What is compared has to run at the same places.
+/// Binds the calling thread, and the threads that it creates later, to `processor`. A wake-up of a thread on
+/// another processor costs several times the rest of a small call. So operations that are compared must run
+/// on the same processors.
 void RunOn(int processor);
 
-/// A payload that costs nothing to serialise, and a reply that is only looked at.
+/// A message that needs no serialisation. Parsing a reply does not copy it.
 class Payload : public common::BaseMessage {
  public:
   explicit Payload(std::size_t size) : mBytes(size, 'x') {}
@@ -47,7 +50,7 @@ class Payload : public common::BaseMessage {
   std::string mBytes;
 };
 
-/// Our server with the two echo handlers, on a free port of loopback.
+/// An rpc::Server with the two echo handlers, on a free port of loopback.
 class EchoServer {
  public:
   explicit EchoServer(rpc::ServerOptions options = {});
@@ -62,7 +65,7 @@ class Caller {
  public:
   Caller(unsigned short port, std::size_t size, bool tls = false,
          const std::map<std::string, const std::string>& security = {});
-  /// One call; ends the program when it fails.
+  /// Makes one call. Ends the program if it fails.
   void Call(unsigned short opcode);
   common::Ref<common::RpcEngine> Engine() const { return mEngine; }
 
@@ -89,9 +92,9 @@ class BareEcho {
   std::thread mThread;
 };
 
-/// A connected pair of blocking TCP sockets over loopback, sending at once.
+/// Connects a pair of blocking TCP sockets over loopback, with TCP_NODELAY.
 void ConnectedPair(int& client, int& server);
-/// All `size` bytes. Returns: false when the peer is gone.
+/// Send or receive all `size` bytes. Return: false if the peer has closed the connection.
 bool SendAll(int socket, const void* data, std::size_t size);
 bool ReceiveAll(int socket, void* data, std::size_t size);
 
