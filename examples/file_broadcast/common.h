@@ -1,6 +1,6 @@
 #pragma once
 
-// What both programs need besides the library.
+// Helpers for both programs. Any thread may call Check; only the main thread uses Sdk and RunProgram.
 
 #include <vyn/broadcast.h>
 #include <vyn/status.h>
@@ -17,8 +17,9 @@ inline constexpr const char* kBinaryType = "linux-x86_64";
 #endif
 inline constexpr const char* kRelease = "24.0.0";
 
-/// Throws with the library's own words when `status` tells of a failure. To be called on the thread that got
-/// the status: the last error belongs to it. Some failures are only logged; the words can be older ones then.
+/// Throws with the library's last error message if `status` is a failure. Call it on the thread that got the
+/// status, because each thread has its own last error. The library only logs some failures; then the message
+/// can be that of an earlier one.
 inline void Check(unsigned int status, const std::string& call) {
   if (vyn::Failed(status)) {
     const char* words = BroadcastGetLastErrorMessage();
@@ -27,7 +28,7 @@ inline void Check(unsigned int status, const std::string& call) {
   }
 }
 
-/// The SDK, in use as long as this object lives.
+/// Starts the SDK, and stops it in the destructor.
 class Sdk {
  public:
   /// \param flag 0 for a driver, 1 for an executor.
@@ -39,7 +40,8 @@ class Sdk {
   Sdk& operator=(const Sdk&) = delete;
 };
 
-/// The frame of a program with six arguments. Returns: its exit code.
+/// Checks the number of arguments, calls `run` and prints its exception. Returns: the exit code of the
+/// program.
 inline int RunProgram(int argc, char** argv, const char* usage, void (*run)(char** arguments)) {
   if (argc != 7) {
     std::cerr << "usage: " << usage << "\n";

@@ -1,11 +1,9 @@
-// A driver that broadcasts a file: it becomes variable ID of the application APP, a block for each BLOCK_SIZE
-// bytes.
+// A driver that broadcasts a file as variable ID of the application APP, in blocks of BLOCK_SIZE bytes.
 //
 //   publish_file HOME APP TOKEN ID FILE BLOCK_SIZE
 //
-// It prints how many blocks there are, which readers have to know, and ends the application when its input
-// ends or a line comes. It does not matter whether the program runs on a node of the memory fabric or
-// outside.
+// It prints the number of blocks, which read_file needs. It ends the application when it reads a line or the
+// end of its standard input. It runs on a node of the memory fabric or outside the fabric.
 
 #include "common.h"
 
@@ -23,12 +21,13 @@ struct Variable {
   unsigned int id;
 };
 
-/// The application, from its registration to its end. Its end gives back whatever is left of its variables.
+/// Registers the application, and ends it in the destructor, which frees what is left of its variables.
 class Application {
  public:
   Application(const char* name, const char* token) : mName(name) {
     Check(RegisterBroadcastApp(name, true, token, &mOnNode), "RegisterBroadcastApp");
-    // Should this process die, the services give the memory back once its heartbeats stay away.
+    // If this process dies, the heartbeats stop, and the metadata leader removes the application and frees
+    // its memory.
     HeartBeat(name, 0, "publish_file", "", true);
   }
   ~Application() {
@@ -63,7 +62,8 @@ void ReadInto(std::ifstream& file, void* place, unsigned long size) {
   }
 }
 
-/// On a node of the fabric: the node's server allocates, and the file is read straight into the shared pages.
+/// On a node of the fabric: the node server allocates the blocks, and this process reads the file into the
+/// mapped shared pages.
 void FillHere(const Variable& variable, const Blocks& blocks, std::ifstream& file) {
   const auto count = static_cast<unsigned int>(blocks.size());
   Check(CreateBroadcastBlockBatch(variable.app, variable.id, blocks.data(), count),
@@ -76,9 +76,9 @@ void FillHere(const Variable& variable, const Blocks& blocks, std::ifstream& fil
   }
 }
 
-/// Outside the fabric: the metadata service proposes a node, and the blocks are copied there.
+/// Outside the fabric: the metadata service proposes a node, and this process copies the blocks there.
 void FillThere(const Variable& variable, const Blocks& blocks, std::ifstream& file) {
-  std::vector<std::string> candidates;  // none: any node will do
+  std::vector<std::string> candidates;  // empty: any node may hold the blocks
   std::vector<std::string> nodes;
   std::vector<std::string> hosts;
   std::vector<unsigned short> nodeIds;
@@ -100,7 +100,7 @@ void FillThere(const Variable& variable, const Blocks& blocks, std::ifstream& fi
   }
 }
 
-/// Publishes the file and waits until nobody needs it any more.
+/// Publishes the file and waits for a line or the end of standard input.
 void Publish(const Variable& variable, const std::string& path, unsigned long blockSize, bool onNode) {
   std::ifstream file(path, std::ios::binary | std::ios::ate);
   if (!file || file.tellg() <= 0 || blockSize == 0) {

@@ -1,9 +1,10 @@
-// An executor that reads what publish_file broadcasts, in place, and writes it to a file.
+// An executor that maps the blocks of publish_file's variable and writes their contents to a file.
 //
 //   read_file HOME APP TOKEN ID BLOCKS FILE
 //
-// BLOCKS is what publish_file printed. An engine's executor would work on the mapped pages instead of copying
-// them; all its tasks may obtain a block, the first maps it, and all processes of the node share the pages.
+// BLOCKS is the number that publish_file printed. An engine's executor would work on the mapped pages instead
+// of copying them. Each of its tasks may obtain a block; the first one maps it. All processes of the node
+// share the pages.
 
 #include "common.h"
 
@@ -16,7 +17,7 @@ namespace {
 class Registration {
  public:
   Registration(const char* app, const char* token) : mApp(app) {
-    bool onNode = false;  // executors always are
+    bool onNode = false;  // not used: an executor always runs on a node of the fabric
     Check(RegisterBroadcastApp(app, false, token, &onNode), "RegisterBroadcastApp");
   }
   ~Registration() { UnRegisterBroadcastApp(mApp); }
@@ -29,7 +30,7 @@ class Registration {
 
 void Read(const char* app, unsigned int id, unsigned int blocks, const char* path) {
   std::ofstream file(path, std::ios::binary);
-  std::vector<unsigned long> sizes(blocks);  // must have room for all blocks of the variable
+  std::vector<unsigned long> sizes(blocks);  // FetchBroadcastBlockBatch fills one size for each block
   Check(FetchBroadcastBlockBatch(app, id, sizes.data()), "FetchBroadcastBlockBatch");
   unsigned long total = 0;
   for (unsigned int i = 0; i < blocks; ++i) {
@@ -37,7 +38,7 @@ void Read(const char* app, unsigned int id, unsigned int blocks, const char* pat
     Check(ObtainBroadcastBlockAddr(app, id, i, &address), "ObtainBroadcastBlockAddr");
     file.write(static_cast<const char*>(address), static_cast<std::streamsize>(sizes[i]));
     total += sizes[i];
-    // Unmaps at once: an engine releases a block when its last task is done with it.
+    // An engine releases a block when its last task has finished with it. Here that is now.
     Check(ReleaseBroadcastBlockAddr(app, id, i, address), "ReleaseBroadcastBlockAddr");
   }
   if (!file.flush()) {
