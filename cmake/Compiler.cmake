@@ -6,7 +6,8 @@ set(CMAKE_C_FLAGS_SANITIZE "-O1 -g1 -fno-omit-frame-pointer")
 
 add_compile_options(-Wall -Wextra -Wshadow -Werror)
 add_compile_definitions(_FILE_OFFSET_BITS=64)
-# Objects and log lines do not depend on the folder of the checkout.
+# Removes the folder of the checkout from paths in objects and log lines, so that builds elsewhere give the
+# same.
 add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=")
 
 if(VYN_SANITIZE)

@@ -1,4 +1,4 @@
-# The installation tree. It can be used as VYN_HOME. Every build also installs it to ${VYN_STAGE_DIR}/home.
+# The installation tree, which can serve as VYN_HOME. Every build also installs it to ${VYN_STAGE_DIR}/home.
 include(CMakePackageConfigHelpers)
 
 install(DIRECTORY include/vyn DESTINATION include FILES_MATCHING PATTERN "*.h")

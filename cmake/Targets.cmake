@@ -1,4 +1,5 @@
-# Functions for the project's kinds of targets. Sources are found by their folder: a new file needs no edit.
+# Functions that define the project's targets. They find the sources in the folder, so a new file needs no
+# edit here.
 
 # Records a target that is installed. The target `home` (Install.cmake) depends on all of them.
 function(vyn_installed name)

@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Checks who may include whom: a file includes only its own floor and those below, and no two files include each other.
+"""Checks the layers of the source tree, called floors. A file may include files of its own floor and of lower ones, and
+includes may not form a circle.
 
-A function or a member is defined on the floor that declares it: otherwise a lower floor calls a higher one without an include.
+A function or a member must be defined on the floor that declares it. Otherwise a lower floor could call a higher one
+without an include.
 """
 import pathlib
 import re
@@ -9,7 +11,7 @@ import sys
 
 TOP = pathlib.Path(__file__).resolve().parent.parent
 
-# Floors from the ground. The first prefix that fits counts.
+# The floor of each folder, 0 is the lowest. The first matching prefix counts.
 FLOORS = [
     ("include/vyn/", 0),
     ("platform/", 0),
@@ -23,15 +25,16 @@ FLOORS = [
     ("bench/", 6),
     ("tests/", 6),
 ]
-# On one floor, who may look sideways: (from, to).
+# Includes within one floor that are forbidden: (including, included).
 SIDEWAYS_REFUSED = [("include/vyn/", "platform/"), ("src/tuning/", "src/tessel/sdk/"), ("src/tuning/", "src/tessel/rpc/"), ("src/tessel/rpc/", "src/tessel/sdk/"),
                     ("src/tessel/message/", "src/tessel/rpc/"), ("src/tessel/message/", "src/tessel/sdk/")]
-# Declared on one floor and defined on another, because other components were promised the declaration where it is.
+# Members that may be defined on another floor than declared: other components rely on the place of the
+# declaration.
 PROMISED_ELSEWHERE = {f"BaseApiUtil::{member}" for member in
                       ("StartHeartBeat", "StopHeartBeat", "PutIfAbsent", "GetIfExist", "g_HeartBeatFlag", "heartBeatLock")}
-# The functions that leave the library are declared on the ground and defined by the floor that serves them.
+# Exported functions are declared on floor 0 and defined on the floor that implements them.
 EXPORTED = "include/vyn/"
-# Programs that take the place of functions of the lower floors.
+# Programs that may define functions of lower floors again, to replace them.
 REPLACES = ("tests/", "bench/", "examples/")
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 ROOTS = ["src", ".", "include", "tests", "bench"]
@@ -48,13 +51,13 @@ MEMBER = re.compile(r"^[A-Za-z_][\w:<>,&*\s]*[\s&*](\w+)::(\w+)\s*(?:=|\{|;)", r
 
 
 def declarations(text: str):
-    """The classes that a header defines, and the functions that it declares outside of them."""
+    """Returns: the classes that a header defines, and the functions that it declares outside classes."""
     text = COMMENT.sub("", text)
     return set(CLASS.findall(text)), {name for owner, name, end in FUNCTION.findall(text) if end == ";" and not owner}
 
 
 def definitions(text: str):
-    """What a source defines, as (class or the empty text, name)."""
+    """Returns: the functions and members that a source defines, as (class or "", name)."""
     text = COMMENT.sub("", UNNAMED.sub("", text))
     return {(owner, name) for owner, name, end in FUNCTION.findall(text) if end == "{"} | set(MEMBER.findall(text))
 
@@ -67,7 +70,7 @@ def floor(path: str):
 
 
 def resolve(name: str, own: str):
-    # An example also builds away from the source tree: it includes the files of its own folder.
+    # An example also builds outside the source tree, so it may include only files of its own folder.
     for root in [str(pathlib.Path(own).parent)] if own.startswith("examples/") else ROOTS:
         path = (TOP / root / name)
         if path.is_file():
@@ -76,7 +79,7 @@ def resolve(name: str, own: str):
 
 
 def misplaced(graph, texts):
-    """The complaints about what is defined on another floor than declared."""
+    """Returns: a complaint for each function or member that is defined on another floor than declared."""
     headers = {name: declarations(text) for name, text in texts.items()
                if name.endswith(".h") and not name.startswith(EXPORTED)}
     complaints = []

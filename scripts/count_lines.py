@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Counts lines of code and of tests, and fails when the tests are too many: count_lines.py [--limit PERCENT] [--folders]
+"""Counts lines of code and of tests: count_lines.py [--limit PERCENT] [--folders]
 
-A line counts when it is neither blank nor a comment only. Every language of the project counts: C++ and Java by their file
-names, Python and shell by their names or their first line. Message schemas, documents and data do not.
-Tests are what stands in a folder named `tests` or `test`, anywhere. Everything else is code, benchmarks and examples too.
+A line counts if it is neither blank nor only a comment. The script recognises C++, Java and Scala files by their names,
+Python and shell files by their names or their first lines. Message schemas, documents and data do not count.
+Tests are all files in a folder named `tests` or `test`. All other files are code, including benchmarks and examples.
+--limit     fails if the tests have more than PERCENT of the lines of the code
 --folders   also prints the lines of each folder
 """
 import argparse
@@ -17,7 +18,7 @@ LANGUAGES = {".cpp": "//", ".h": "//", ".c": "//", ".java": "//", ".scala": "//"
 
 
 def comment_mark(path):
-    """How a comment begins in this file; None when the file is of no language that counts."""
+    """Returns: the mark with which a comment begins in this file; None for a file that does not count."""
     if path.suffix:
         return LANGUAGES.get(path.suffix)
     with path.open("rb") as file:

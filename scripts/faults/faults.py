@@ -1,18 +1,18 @@
 #!/usr/bin/env python3
-"""The fixed list of faults: does the test suite still bite?
+"""Checks that the tests find a fixed list of faults in the sources.
 
-faults.py check                 every original text stands exactly once in its file
-faults.py apply NR              put one fault in (`git checkout -- FILE` takes it out)
-faults.py run [NR ...]          for each fault (all of them when none is named): put it in, build the test program that is
-                                to catch it, run that program, take the fault out; one line each, as a row of a table
+faults.py check                 check that every original text occurs exactly once in its file
+faults.py apply NR              insert one fault (`git checkout -- FILE` removes it)
+faults.py run [NR ...]          for each fault, or for all: insert it, build and run the test program that should catch
+                                it, remove the fault, and print the result as a row of a table
 
---preset NAME   the build tree to use, build/NAME (release)
---whole         build everything and run the whole suite instead of the one program
+--preset NAME   the build tree to use, build/NAME (default: release)
+--whole         build everything and run all tests instead of the one program
 --list FILE     the list (faults.json beside this script)
 --tree DIR      the checkout to work in (the one that holds this script)
 
-faults.json is a list of objects: `nr`, `file`, `original` and `replacement` (texts), `fault` (what it is, in words) and
-`test` (the test program that is to catch it; more than one are separated by spaces).
+faults.json is a list of objects: `nr`, `file`, `original` and `replacement` (texts), `fault` (a description) and `test`
+(the test programs that should catch it, separated by spaces).
 The exit code is 1 when a fault was not caught.
 """
 import argparse
@@ -28,10 +28,10 @@ HERE = pathlib.Path(__file__).resolve().parent
 
 
 def changed(fault, text):
-    """The text of the file with the fault in it."""
+    """Returns: the text of the file with the fault."""
     times = text.count(fault["original"])
     if times != 1:
-        raise SystemExit(f"{fault['nr']}: its text stands {times} times in {fault['file']}")
+        raise SystemExit(f"{fault['nr']}: its original text occurs {times} times in {fault['file']}")
     return text.replace(fault["original"], fault["replacement"])
 
 
@@ -40,7 +40,7 @@ def read(tree, fault):
 
 
 def build_and_test(tree, preset, fault, whole, log):
-    """True when everything was built, and the names of the tests that failed."""
+    """Returns: whether the build succeeded, and the names of the failed tests."""
     programs = fault["test"].split()
     build = ["cmake", "--build", f"build/{preset}"] + ([] if whole else ["--target", *programs])
     if subprocess.run(build, cwd=tree, stdout=log, stderr=log, check=False).returncode != 0:
