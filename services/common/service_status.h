@@ -35,7 +35,8 @@ inline constexpr std::uint32_t kStatusNoLeader = 2140019;
 inline constexpr std::uint32_t kStatusFabric = 2140021;
 /// Local blobs are not served.
 inline constexpr std::uint32_t kStatusNotServed = 2140023;
-/// The block list is too long for one record.
+/// The block list is too long for one record, or a CHECK_VALID_APP has too many names that the leader does
+/// not know.
 inline constexpr std::uint32_t kStatusTooLarge = 2140025;
 /// The application has reached its limit of variables or blocks.
 inline constexpr std::uint32_t kStatusLimit = 2140027;

@@ -130,7 +130,7 @@ void MetadataMember::Step() {
 void MetadataMember::KeepSession() {
   EndLeading();
   mPrepared = mWatching = mCaughtUp = false;
-  VYN_LOG_WARN("The ZooKeeper session has gone, connecting again");
+  VYN_LOG_WARN("The ZooKeeper session has expired, opening a new one");
   if (VynGetZkHandle() != nullptr) {
     static_cast<void>(mAdapter->ClusterZKClose());
   }

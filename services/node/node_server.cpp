@@ -41,7 +41,7 @@ std::uint32_t StatusOf(int result) {
     case kBmNamespaceInvalid:
       return kStatusInvalidRequest;
     default:
-      VYN_LOG_ERROR("The pool of this node refused with " << result);
+      VYN_LOG_ERROR("The pool of this node failed with " << result);
       return kStatusFabric;
   }
 }
