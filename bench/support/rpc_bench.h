@@ -18,9 +18,8 @@
 
 namespace vyn::bench {
 
-inline constexpr unsigned short kEchoQuick =
-    1;  // a quick handler, which runs on the thread that reads the request
-inline constexpr unsigned short kEchoWorker = 2;  // a handler that may block, on a worker thread
+inline constexpr unsigned short kEchoQuick = 1;   // HandlerKind::kQuick
+inline constexpr unsigned short kEchoWorker = 2;  // HandlerKind::kMayBlock
 inline constexpr std::size_t kRequestOverhead = 24 + 2;
 inline constexpr std::size_t kReplyOverhead = 24 + 4;
 
