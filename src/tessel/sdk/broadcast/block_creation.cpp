@@ -194,9 +194,9 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to generate block for " << name);
   }
   made.Keep();
-  status = AddBlockInfosToMeta(blockInfo);
-  bmIds.swap(made.mIds);  // also after a failure: the blocks exist, and the caller needs their ids
-  return status;
+  // From here on the blocks stay, and the caller gets their ids, whatever becomes of the record.
+  bmIds.swap(made.mIds);
+  return AddBlockInfosToMeta(blockInfo);
 } catch (...) {
   return vyn::common::StatusOfException(__func__);
 }
