@@ -91,7 +91,7 @@ class OperationsTest : public testing::Test {
 
   /// The operation `opcode`, whose code has the name `name`, sends `request`.
   void Check(unsigned int opcode, const std::string& name, const Call& call, const Ref<BaseMessage>& request,
-             const Answer& answer, Failure failure) {
+             const Answer& answer = {}, Failure failure = {}) {
     SCOPED_TRACE(std::to_string(opcode) + " " + name + ", VYN_SEED=" + std::to_string(mSeed));
     EXPECT_EQ(mNames[opcode], name);
     CapturedLog log;
@@ -130,11 +130,6 @@ class OperationsTest : public testing::Test {
     EXPECT_THAT(log.Texts(4),
                 testing::Contains(testing::EndsWith(" " + std::to_string(failure.timeout) + "ms.")));
   }
-  void Check(unsigned int opcode, const std::string& name, const Call& call, const Ref<BaseMessage>& request,
-             const Answer& answer = {}) {
-    Check(opcode, name, call, request, answer, {});
-  }
-
   /// As Check; the answer is a random `Reply`, which the caller's object must hold afterwards.
   template <typename Reply, typename CallInto>
   void CheckInto(unsigned int opcode, const std::string& name, const CallInto& call,

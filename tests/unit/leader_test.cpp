@@ -10,6 +10,7 @@
 #include <atomic>
 #include <memory>
 #include <thread>
+#include <utility>
 
 namespace vyn::tessel {
 namespace {
@@ -204,7 +205,7 @@ TEST_F(LeaderTest, AClientMayBeReplacedWhileOthersAskIt) {
   FakeClock clock;
   mNodes.first->Answer(kAppRemove, {2020023, ""});
   std::atomic<bool> done{false};
-  std::vector<std::thread> callers;
+  std::vector<std::jthread> callers;
   for (int i = 0; i < 8; ++i) {
     callers.emplace_back([&] {
       while (!done) {
@@ -218,9 +219,6 @@ TEST_F(LeaderTest, AClientMayBeReplacedWhileOthersAskIt) {
     EXPECT_EQ(mClient->InitializeEnginePool("127.0.0.1"), 0U);
   }
   done = true;
-  for (std::thread& caller : callers) {
-    caller.join();
-  }
 }
 
 TEST_F(LeaderTest, SixteenThreadsFollowALeaderThatGoesBackAndForth) {
@@ -247,7 +245,7 @@ TEST_F(LeaderTest, SixteenThreadsFollowALeaderThatGoesBackAndForth) {
   };
   std::atomic<bool> done{false};
   std::atomic<int> strict{0};
-  std::vector<std::thread> callers;
+  std::vector<std::jthread> callers;
   for (int i = 0; i < 16; ++i) {
     callers.emplace_back([&] {
       while (!done) {
@@ -268,9 +266,7 @@ TEST_F(LeaderTest, SixteenThreadsFollowALeaderThatGoesBackAndForth) {
     moveTo(next);
   }
   done = true;
-  for (std::thread& caller : callers) {
-    caller.join();
-  }
+  callers.clear();
   EXPECT_EQ(askWho(), 1U);
   EXPECT_TRUE(test::WaitUntil([&] { return mNodes.second->Connections() == 0; }));
   EXPECT_GE(mNodes.first->Connections(), 1U);
@@ -285,8 +281,11 @@ TEST_F(LeaderTest, AnEngineThatComesBackDoesNotBuryThoseOfTheOldLeader) {
     EXPECT_EQ(pool->GetRpcEngine(engine), 0U);
     return engine;
   };
+  auto late = take("127.0.0.2");
   const auto busy = take("127.0.0.2");
   pool->ReturnRpcEngine(take("127.0.0.1"));
+  pool->ReturnRpcEngine(std::exchange(late, nullptr));  // the leader has moved meanwhile: it is not kept
+  EXPECT_TRUE(test::WaitUntil([&] { return mNodes.second->Connections() == 1; }));
   SetLeader("127.0.0.2");
   EXPECT_EQ(mClient->RefreshMasterNodeInfo(true), 0U);
   pool->ReturnRpcEngine(busy);
