@@ -17,8 +17,8 @@ class Address {
   /// The address of any interface. \param family AF_INET or AF_INET6.
   Address(sa_family_t family, std::uint16_t port);
 
-  /// Takes an address in text form; an IPv6 address may name its interface ("fe80::1%eth0"). Nothing is looked
-  /// up. Returns: false when `ip` is no such text.
+  /// Takes an address in text form; an IPv6 address may name its interface ("fe80::1%eth0"). Nothing is
+  /// looked up. Returns: false when `ip` is no such text.
   bool Parse(const std::string& ip, std::uint16_t port);
   /// Fills this from getsockname() or getpeername(). Returns: false with errno set.
   bool FillOwn(int socket) { return Fill(::getsockname, socket); }

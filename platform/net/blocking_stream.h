@@ -43,8 +43,8 @@ class BlockingStream {
   IoStatus ReadExactly(void* data, std::size_t size, const Deadline& deadline);
   /// Writes all bytes. The entries of `parts` are used up.
   IoStatus Write(iovec* parts, std::size_t count, const Deadline& deadline);
-  /// After a step of Get() that ended in `state`: waits until the step can go on. Returns: kOk when it can, or
-  /// was complete.
+  /// After a step of Get() that ended in `state`: waits until the step can go on. Returns: kOk when it can,
+  /// or was complete.
   IoStatus Await(IoState state, const Deadline& deadline);
 
   Stream& Get() { return *mStream; }

@@ -139,8 +139,8 @@ NetOutcome Begin(const Address& peer, const DialOptions& options, const std::str
                     std::to_string(options.mLastPort) + " is in use (UCX_TCP_PORT_RANGE)");
 }
 
-/// Whether the socket is connected with itself: that happens on one host when the system's choice of its local
-/// port is the port that nobody listens on.
+/// Whether the socket is connected with itself: that happens on one host when the system's choice of its
+/// local port is the port that nobody listens on.
 bool IsOwnPeer(int socket) {
   Address own;
   Address peer;

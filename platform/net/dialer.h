@@ -25,8 +25,8 @@ struct DialOptions {
   int mUnacknowledgedTime = 0;
 };
 
-/// Connects to a numeric address. `socket` becomes a connected, non-blocking socket whose small writes leave at
-/// once. Returns: any NetStatus, with a text.
+/// Connects to a numeric address. `socket` becomes a connected, non-blocking socket whose small writes leave
+/// at once. Returns: any NetStatus, with a text.
 NetOutcome Dial(const std::string& ip, std::uint16_t port, const DialOptions& options,
                 const Deadline& deadline, Descriptor& socket);
 

@@ -15,13 +15,13 @@ namespace vyn::net {
 /// Waits until `descriptor` is ready for `events` of poll(). Returns: false when the deadline came first.
 bool WaitFor(int descriptor, short events, const Deadline& deadline);
 
-/// Listens on a numeric address. \param port 0 for any; receives the port that was bound. \param backlog as of
-/// listen(). \param listener receives a non-blocking socket. Returns: kOk; kBadAddress without a text;
+/// Listens on a numeric address. \param port 0 for any; receives the port that was bound. \param backlog as
+/// of listen(). \param listener receives a non-blocking socket. Returns: kOk; kBadAddress without a text;
 /// kBadSetting with the system's words.
 NetOutcome Listen(const std::string& ip, std::uint16_t& port, int backlog, Descriptor& listener);
 
-/// Sets the options of every TCP connection, on either side: small writes leave at once, and a peer whose host
-/// has vanished is noticed some time.
+/// Sets the options of every TCP connection, on either side: small writes leave at once, and a peer whose
+/// host has vanished is noticed some time.
 void SetTcpOptions(int socket);
 
 }  // namespace vyn::net

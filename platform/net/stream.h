@@ -19,7 +19,7 @@ enum class IoState {
   kWantRead,   ///< again when the socket is readable
   kWantWrite,  ///< again when the socket is writable
   kClosed,     ///< the peer has closed or reset the connection
-  kFailed,     ///< the peer's bytes or its identity were refused; Stream::Error() has the words
+  kFailed,     ///< the peer's bytes or its identity were refused; Stream::Error() has the reason
 };
 
 struct IoResult {

@@ -4,8 +4,8 @@
 // only, through the libraries that platform/openssl_dl has opened.
 //
 // Several threads may use a context at once, each its own streams of it. A client's context also keeps the
-// session of the stream that was closed last (Stream::Close), so that the next handshake needs no certificates;
-// only one thread at a time may close streams of a client's context.
+// session of the stream that was closed last (Stream::Close), so that the next handshake needs no
+// certificates; only one thread at a time may close streams of a client's context.
 
 #include "platform/net/stream.h"
 

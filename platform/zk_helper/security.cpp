@@ -46,7 +46,7 @@ std::string ClientFile() {
   return dladdr(reinterpret_cast<void*>(&zookeeper_init2), &info) == 0 ? "" : RealPath(Text(info.dli_fname));
 }
 
-/// Whether the loaded client has `feature` and stands in `libraryDirectory`.
+/// Whether the loaded client has `feature` and was loaded from `libraryDirectory`.
 bool ClientHas(const char* feature, bool present, const char* libraryDirectory, std::string& cause) {
   const std::string file = ClientFile();
   const std::string directory = RealPath(Text(libraryDirectory));

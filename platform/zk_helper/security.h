@@ -1,8 +1,8 @@
 #pragma once
 
 // How a session is secured, and whether the loaded ZooKeeper client can do it. Builds of the client differ:
-// each of TLS and SASL is there or not. The client is loaded with this library, before anything is known of
-// security; the loader prefers one that stands beside this library.
+// each of TLS and SASL may be missing. The client is loaded with this library, before the security settings
+// are known; the loader prefers a client in this library's folder. Threads: any.
 
 #include "platform/zk_helper/session.h"
 #include "platform/zk_helper/zk_helper.h"

@@ -9,7 +9,8 @@ namespace vyn::utilities::zookeeper {
 
 namespace {
 
-/// The client itself gives a call up after two thirds of the session's time-out. This is the limit behind it.
+/// The client gives a call up after two thirds of the session's time-out. This longer limit applies if it
+/// does not.
 constexpr std::chrono::milliseconds kLeastCallLimit{10000};
 
 bool ConnectionWasLost(int result) { return result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT; }
@@ -29,7 +30,7 @@ void Request::CopyValue(char* buffer, int* length) const {
 
 Session::~Session() {
   if (mDispatcher.joinable()) {
-    mDispatcher.detach();  // a watcher closed the session and is the last to let go of it
+    mDispatcher.detach();  // a watcher closed the session and held the last reference to it
   }
 }
 
@@ -72,22 +73,22 @@ void Session::Expire() {
 
 void Session::Finish(Request& request, int result) {
   if (result == ZSESSIONEXPIRED && mState == State::kOpen) {
-    // The server has forgotten the session before the client was told, which would be at its next connection.
+    // The server has ended the session; the client would learn that at its next connection only.
     Expire();
     for (const auto& [key, watch] : mWatches) {
       mEvents.push_back({watch.get(), ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE, ""});
     }
   }
-  // One answer for a session that has gone, whether a call met it before, while or after it was noticed.
+  // A session that has ended has one result, whether a call met the end before or after we noticed it.
   request.mResult = result == ZSESSIONEXPIRED ? static_cast<int>(ZINVALIDSTATE)
                     : result == ZCLOSING      ? mEnd
                                               : result;
   request.mDone = true;
   request.mFinished.notify_all();
   if (request.mWatch != nullptr && ConnectionWasLost(result)) {
-    mOwed.emplace(request.mWatch, request.mPath);
+    mUnsetWatches.emplace(request.mWatch, request.mPath);
   } else if (request.mWatch != nullptr && request.mAbandoned) {
-    // The watch stands since the answer, the caller knows nothing of it.
+    // The late answer has set the watch, but the caller has stopped waiting and does not know that.
     mEvents.push_back({request.mWatch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, request.mPath});
     mChanged.notify_all();
   }
@@ -103,10 +104,10 @@ void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void*
   if (state == ZOO_CONNECTED_STATE) {
     session.mConnected = true;
     ForgetClientLine();
-    for (const auto& [watch, path] : session.mOwed) {
+    for (const auto& [watch, path] : session.mUnsetWatches) {
       session.mEvents.push_back({watch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, path});
     }
-    session.mOwed.clear();
+    session.mUnsetWatches.clear();
   } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
     session.Expire();
   }
@@ -147,13 +148,13 @@ void Session::RunWatchers() {
 
 void Session::CloseClientWhenGone() {
   std::unique_lock lock(mMutex);
-  // A session can end before its making has handed out the client.
+  // A session can end before Start has stored its client.
   mChanged.wait(lock, [this] { return mState == State::kGone && (mClient != nullptr || mClosing); });
   lock.unlock();
   const int result = mClient == nullptr ? static_cast<int>(ZOK) : zookeeper_close(mClient);
   lock.lock();
   mCloseResult = mEnd == ZCLOSING ? result : static_cast<int>(ZOK);
-  // What the client took in after it had told all others of the end.
+  // Requests that the client accepted after it had ended all the others.
   while (!mRequests.empty()) {
     const auto request = mRequests.begin()->second;
     Finish(*request, ZCLOSING);
@@ -198,8 +199,8 @@ int Session::Timeout() {
 
 bool Session::Expired() {
   std::lock_guard lock(mMutex);
-  // The client may refuse a call before its event has come here: only a close makes the session's end another
-  // one.
+  // The client may refuse a call before its expiry event has arrived here. Otherwise only a close ends a
+  // session, and mEnd is ZCLOSING then.
   return mState == State::kOpen || (mState == State::kGone && mEnd == ZINVALIDSTATE);
 }
 

@@ -3,10 +3,10 @@
 // One ZooKeeper session over the C client's asynchronous calls.
 //
 // The client's own synchronous calls can hang for ever when the session expires between their check and their
-// queueing, and a closed client is freed memory to a call that is about to enter it. So a call is submitted
-// here under the mutex that also guards the session's state: once the state says gone, no thread is inside
-// the client any more and none enters, and the client can be closed. Whoever still waits for an answer then
-// is woken by the session itself.
+// queueing, and a call that is about to enter a closed client uses freed memory. So a call is submitted here
+// under the mutex that also guards the session's state: once the state is kGone, no thread is inside the
+// client and none enters, and the client can be closed. The session itself then wakes the callers that still
+// wait for an answer.
 //
 // Threads: any. Besides the client's two threads a session has two of its own: one closes the client and
 // holds no lock while it does; one runs the watchers, so that a watcher that waits never keeps an answer from
@@ -36,7 +36,7 @@ class Session;
 /// The client may refer to what the function holds.
 using MakeClient = std::function<zhandle_t*(watcher_fn watcher, void* context)>;
 
-/// A watcher with its context, told apart by both: setting it twice on a znode makes it run once.
+/// A watcher with its context. A pair that is set twice on a znode runs once.
 struct Watch {
   Session* mSession;
   watcher_fn mWatcher;
@@ -77,7 +77,7 @@ class Session : public std::enable_shared_from_this<Session> {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /// Makes the client and waits until the session stands.
+  /// Makes the client and waits until the session is connected.
   /// Returns: ZOK; ZSYSTEMERROR with errno when there is no client; ZAUTHFAILED; ZOPERATIONTIMEOUT. After a
   /// failure, also a thrown std::system_error, only CloseClient and StopWatchers may be called.
   int Start(MakeClient make, std::chrono::seconds connectTimeout);
@@ -116,7 +116,7 @@ class Session : public std::enable_shared_from_this<Session> {
   static void OnNodeEvent(zhandle_t* client, int type, int state, const char* path, void* watch);
 
   /// Ends the session, if it has not ended, and closes the client; waits for no watcher. Once only. Returns:
-  /// ZOK, also when the session had gone before; otherwise why the servers could not be told.
+  /// ZOK, also when the session had gone before; otherwise why the servers could not be reached.
   int CloseClient();
   /// Waits for the watcher that is running, unless called from it; no other will run. Once only, at the end.
   void StopWatchers();
@@ -156,7 +156,7 @@ class Session : public std::enable_shared_from_this<Session> {
   std::mutex mMutex;
   std::condition_variable mChanged;
   State mState = State::kConnecting;
-  int mEnd = ZCLOSING;  ///< what calls get that the session's end catches
+  int mEnd = ZCLOSING;  ///< the result of calls that the end of the session interrupts
   bool mConnected = false;
   bool mClosing = false;
   bool mStopWatchers = false;
@@ -164,8 +164,8 @@ class Session : public std::enable_shared_from_this<Session> {
   std::unordered_map<Request*, std::shared_ptr<Request>> mRequests;
   std::map<std::pair<watcher_fn, void*>, std::unique_ptr<Watch>> mWatches;
   std::deque<Event> mEvents;
-  /// Watches that a lost connection kept from being set.
-  std::set<std::pair<Watch*, std::string>> mOwed;
+  /// Watches that could not be set because the connection was lost.
+  std::set<std::pair<Watch*, std::string>> mUnsetWatches;
 };
 
 }  // namespace vyn::utilities::zookeeper

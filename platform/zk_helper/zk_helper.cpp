@@ -51,11 +51,11 @@ struct Registry {
 
   zhandle_t* NewTicket() {
     std::lock_guard lock(mMutex);
-    // Small numbers: nothing that could be taken for an address.
+    // Small numbers, which no valid address equals.
     return reinterpret_cast<zhandle_t*>(++mLastTicket);  // NOLINT(performance-no-int-to-ptr)
   }
-  /// Waits until the client of the session before is closed: two at once write into the same buffer of the
-  /// client library, without a lock, when both lose their connection. Returns: whether one may be made.
+  /// Waits until the previous session's client is closed: two clients that lose their connection at the same
+  /// time write to one buffer of the client library without a lock. Returns: whether a client may be made.
   bool UseClient(std::chrono::seconds limit) {
     std::unique_lock lock(mMutex);
     mClientFree.wait_for(lock, limit, [this] { return !mClientInUse || mCurrent != nullptr; });
@@ -72,7 +72,8 @@ struct Registry {
       mClientInUse = false;
       mClientFree.notify_all();
     }
-    // Last: a watcher may be waiting for a lock that is held by whoever waits for the client.
+    // Last: a watcher may be waiting for a lock, and the thread that holds it may wait for the client to be
+    // free.
     session.StopWatchers();
     return result;
   }
@@ -93,7 +94,7 @@ int Fail(int result, std::string message) {
   return result;
 }
 
-/// Notes a failed result of the client. Returns: it.
+/// Records the text of a failed result. Returns: `result`.
 int Note(int result) {
   if (result == ZOK) {
     return result;
@@ -176,7 +177,7 @@ bool Copy(const String_vector* names, String_vector& copy) {
 
 void OnNames(int result, const String_vector* names, const void* data) {
   String_vector copy{};
-  // Too little memory is a failure: as an empty list it would tell of children that have all gone.
+  // Without memory the call fails: an empty list would mean that all children are gone.
   const int outcome = result == ZOK && !Copy(names, copy) ? static_cast<int>(ZSYSTEMERROR) : result;
   Session::Answer(data, outcome, [&](Request& request) { std::swap(request.mNames, copy); });
   deallocate_String_vector(&copy);

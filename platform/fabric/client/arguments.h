@@ -1,8 +1,8 @@
 #pragma once
 
 // Checks the arguments of the library's functions and converts them for the calls to a node. A refused
-// argument never reaches a node. The result is what a node would have answered, or kBmLocalError for a request
-// that could not even be sent. Threads: no state, any thread.
+// argument never reaches a node. The result is what a node would have answered, or kBmLocalError for a
+// request that could not even be sent. Threads: no state, any thread.
 
 #include "platform/fabric/protocol/access.h"
 #include "platform/fabric/protocol/names.h"

@@ -15,8 +15,8 @@ namespace {
 
 using vyn::fabric::FabricClient;
 
-/// The process's client. It is never destroyed, and its memory is part of the library: threads may be in a call
-/// while the process ends.
+/// The process's client. It is never destroyed, and its memory is part of the library: threads may be in a
+/// call while the process ends.
 alignas(FabricClient) char gStorage[sizeof(FabricClient)];
 std::atomic<FabricClient*> gClient{nullptr};
 

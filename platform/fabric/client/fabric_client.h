@@ -2,9 +2,9 @@
 
 // The fabric's client: what libbmclient.so keeps for its process.
 //
-// On a machine of the fabric (client flag 0) all requests go to the broker of the machine's node, which forwards
-// those for another node's objects, unless this process has made a link to that node. Outside the fabric (any
-// other flag) all requests go over the links. A call that needs a connection makes it.
+// On a machine of the fabric (client flag 0) all requests go to the broker of the machine's node, which
+// forwards those for another node's objects, unless this process has made a link to that node. Outside the
+// fabric (any other flag) all requests go over the links. A call that needs a connection makes it.
 //
 // Threads: any thread may call anything; no lock is held while a node is called. A forked child makes
 // connections of its own and inherits the mappings made before the fork. Results are those of protocol.h.
@@ -61,8 +61,8 @@ class FabricClient {
   int Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, const void* buffer);
   int Copy(const BmSecContext* source, std::uint64_t sourceOffset, const BmSecContext* destination,
            std::uint64_t destinationOffset, std::uint64_t length);
-  /// Fills the beginning of the object from a file that this process may read. \param length the object's size as
-  /// the caller knows it; the part of the file must not be longer.
+  /// Fills the beginning of the object from a file that this process may read. \param length the object's
+  /// size as the caller knows it; the part of the file must not be longer.
   int SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length);
   int Gather(const BmGatherContext* list, unsigned int flags, const BmSecContext* destination);
 

@@ -15,8 +15,8 @@ namespace vyn::fabric {
 
 namespace {
 
-/// The result of a transfer between several locations. \param remoteError stands for a failure of a remote node,
-/// which a plain read or write reports as kBmRemoteFailed.
+/// The result of a transfer between several locations. \param remoteError stands for a failure of a remote
+/// node, which a plain read or write reports as kBmRemoteFailed.
 int Transferred(int result, int remoteError) { return result == kBmRemoteFailed ? remoteError : result; }
 
 int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, std::uint64_t& total) {

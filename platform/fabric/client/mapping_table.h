@@ -1,7 +1,7 @@
 #pragma once
 
-// The mappings that the library made in this process: BM_Unmap names an object and an address, and munmap needs
-// the length. Threads: any.
+// The mappings that the library made in this process: BM_Unmap names an object and an address, and munmap
+// needs the length. Threads: any.
 
 #include "platform/fabric/protocol/protocol.h"
 
@@ -47,8 +47,8 @@ class MappingTable {
     std::size_t length;
   };
 
-  /// Guards mMappings. Held during munmap: otherwise another thread could map the same address again before its
-  /// old entry is erased.
+  /// Guards mMappings. Held during munmap: otherwise another thread could map the same address again before
+  /// its old entry is erased.
   std::mutex mMutex;
   std::unordered_map<void*, Mapping> mMappings;
 };

@@ -1,7 +1,7 @@
 #pragma once
 
-// Where an object's bytes can be reached: in a file of this machine's pool, whose descriptor the broker has sent,
-// or at a node, by requests. Used by one thread, for one call.
+// Where an object's bytes can be reached: in a file of this machine's pool, whose descriptor the broker has
+// sent, or at a node, by requests. Used by one thread, for one call.
 
 #include "platform/fabric/protocol/remote_node.h"
 

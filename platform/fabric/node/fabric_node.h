@@ -6,20 +6,20 @@
 // The pool is a folder on tmpfs with one file an object: <pool>/<namespace>/<id>. Folders have mode 0700,
 // files 0600, all owned by the user of this process; clients never see a path, they get descriptors. Objects
 // outlive the process: the next Start on the same folder adopts every namespace with its token (of which only
-// a salted hash is kept) and every object. An object appears complete or not at all, so a process that is killed
-// leaves nothing half done. Copies pulled from other nodes are in <pool>/.node; they are a cache, dropped
-// at Start and Stop and whenever their room is needed.
+// a salted hash is kept) and every object. An object appears complete or not at all, so a process that is
+// killed leaves nothing half done. Copies pulled from other nodes are in <pool>/.node; they are a cache,
+// dropped at Start and Stop and whenever their room is needed.
 //
-// A free removes the name: pages that a process still maps stay allocated until it unmaps them. They no longer
-// count as used, though the file system still holds them; when the file system is full before the limit is
-// reached, allocations fail as well.
+// A free removes the name: pages that a process still maps stay allocated until it unmaps them. They no
+// longer count as used, though the file system still holds them; when the file system is full before the
+// limit is reached, allocations fail as well.
 //
-// A process that has an object mapped for writing can change the length of its file. The sweep and the next start
-// truncate a larger file to the allocated size; after the object was freed nobody does, and the file keeps its
-// pages until the last process closes it. A shorter file harms only its own namespace.
+// A process that has an object mapped for writing can change the length of its file. The sweep and the next
+// start truncate a larger file to the allocated size; after the object was freed nobody does, and the file
+// keeps its pages until the last process closes it. A shorter file harms only its own namespace.
 //
-// Results are those of platform/fabric/protocol/protocol.h. Any thread may call any function between Start and Stop.
-// Start and Stop themselves are called by one thread.
+// Results are those of platform/fabric/protocol/protocol.h. Any thread may call any function between Start
+// and Stop. Start and Stop themselves are called by one thread.
 
 #include <cstdint>
 #include <functional>
@@ -36,13 +36,14 @@ struct NodeAddress {
   std::uint16_t port = 0;
 };
 
-/// Fills `address` with the address on which node `nodeId` listens. Returns: false when it is not known. Called
-/// from the node's own threads, several at once; may block for a short time.
+/// Fills `address` with the address on which node `nodeId` listens. Returns: false when it is not known.
+/// Called from the node's own threads, several at once; may block for a short time.
 using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& address)>;
 
 /// Called before a client, of this machine or over a link, makes a namespace that this node does not have, or
-/// has with another token. Returns: 0, or the result for the client: -EACCES when the cluster knows another token
-/// for the name. Called from the node's own threads, several at once; may block for as long as a client waits.
+/// has with another token. Returns: 0, or the result for the client: -EACCES when the cluster knows another
+/// token for the name. Called from the node's own threads, several at once; may block for as long as a client
+/// waits.
 using NamespaceGuard = std::function<int(const std::string& ns, const std::string& token)>;
 
 /// Writes a line to the log of the process. \param level as of spdlog: 2 info, 3 warn, 4 error.
@@ -63,9 +64,9 @@ struct FabricNodeOptions {
   std::string listenAddress;
   /// 0: any free port, see LinkPort().
   std::uint16_t linkPort = 0;
-  /// Links under TLS 1.3: this node identifies itself by `linkIdentity` and verifies the others by `linkTrust`
-  /// (platform/tls/tls_context.h, ForServer and ForClient). A peer that speaks no TLS is refused, on either
-  /// side. Off: all links are plain, and a peer that wants TLS is refused.
+  /// Links under TLS 1.3: this node identifies itself by `linkIdentity` and verifies the others by
+  /// `linkTrust` (platform/tls/tls_context.h, ForServer and ForClient). A peer that speaks no TLS is refused,
+  /// on either side. Off: all links are plain, and a peer that wants TLS is refused.
   bool linkTls = false;
   std::map<std::string, const std::string> linkIdentity;
   std::map<std::string, const std::string> linkTrust;
@@ -118,12 +119,12 @@ class FabricNode {
   FabricNode(const FabricNode&) = delete;
   FabricNode& operator=(const FabricNode&) = delete;
 
-  /// Locks the pool's folder, adopts the objects in it and listens. Returns: true; on false nothing is open and
-  /// `error` says what was wrong and where. A folder that another node holds, a home whose broker is up, and a
-  /// folder of another user are refused.
+  /// Locks the pool's folder, adopts the objects in it and listens. Returns: true; on false nothing is open
+  /// and `error` says what was wrong and where. A folder that another node holds, a home whose broker is up,
+  /// and a folder of another user are refused.
   bool Start(const FabricNodeOptions& options, std::string& error);
-  /// Stops listening, waits for the requests in progress, drops pulled copies. Objects stay. Does nothing when
-  /// the node does not run.
+  /// Stops listening, waits for the requests in progress, drops pulled copies. Objects stay. Does nothing
+  /// when the node does not run.
   void Stop();
 
   FabricNodeStats Stats() const;
@@ -147,8 +148,8 @@ class FabricNode {
   /// Frees every one that exists. Returns: 0, or -ENOENT when one did not.
   int FreeBatch(const std::string& ns, const std::vector<std::string>& ids);
 
-  /// Drops this node's copies of other nodes' objects. That process knows that the originals are gone, also when
-  /// their owner has not freed them yet.
+  /// Drops this node's copies of other nodes' objects. That process knows that the originals are gone, also
+  /// when their owner has not freed them yet.
   void DropCopies(const std::vector<std::string>& ids);
   void DropCopies(const std::string& ns);
 

@@ -38,9 +38,9 @@ class FabricSession {
  private:
   using NodePtr = std::shared_ptr<RemoteNode>;
 
-  /// The object that the previous request allocated, kept until the next request arrives. If the connection is
-  /// reset first, we assume that the client never read the answer; nobody else knows the id, so the object is
-  /// freed.
+  /// The object that the previous request allocated, kept until the next request arrives. If the connection
+  /// is reset first, we assume that the client never read the answer; nobody else knows the id, so the object
+  /// is freed.
   struct UnacknowledgedAllocation {
     NodePtr other;       // the owner; null for this node
     NamespacePtr space;  // when this node is the owner
@@ -68,8 +68,8 @@ class FabricSession {
 
   /// Carries a request out where it belongs. \param owner the node of the object or namespace. \param remote
   /// called with the proxy when that is another node. \param local called when it is this node. Returns: the
-  /// result for the caller: what was called returned, or that a link forwards nothing, or that the owner is not
-  /// known.
+  /// result for the caller: what was called returned, or that a link forwards nothing, or that the owner is
+  /// not known.
   template <typename Remote, typename Local>
   int Forward(std::uint16_t owner, const Remote& remote, const Local& local) const {
     NodePtr other;
@@ -79,7 +79,8 @@ class FabricSession {
     }
     return other != nullptr ? remote(other) : ResultForCaller(local());
   }
-  /// Calls `act` with the namespace, if `access` has its token. Returns: -ENOENT, -EACCES, or what `act` does.
+  /// Calls `act` with the namespace, if `access` has its token. Returns: -ENOENT, -EACCES, or what `act`
+  /// does.
   template <typename Act>
   int InNamespace(const Access& access, const Act& act) const {
     NamespacePtr space;

@@ -3,9 +3,9 @@
 // A listening socket and the connections that it accepted, each served by a thread of its own. Most
 // connections are idle most of the time: a process keeps one for each thread that was in a call at once.
 //
-// When the limit of connections is reached, in all or for one peer, the connection that has been idle longest is
-// closed in favour of the new one; when none is idle, the new one is closed at once. A client whose connection
-// was closed connects again.
+// When the limit of connections is reached, in all or for one peer, the connection that has been idle longest
+// is closed in favour of the new one; when none is idle, the new one is closed at once. A client whose
+// connection was closed connects again.
 
 #include "platform/fabric/transport/socket_stream.h"
 
@@ -48,7 +48,7 @@ class Listener {
     SocketStream stream;
     const std::string peer;
     std::atomic<std::int64_t> idleSince{0};  // of the steady clock; 0 while a request is in progress
-    bool closing = false;                    // was told to end; guarded by mMutex
+    bool closing = false;                    // guarded by mMutex
     std::thread thread;
   };
   using ConnectionList = std::list<std::unique_ptr<Connection>>;
@@ -56,9 +56,9 @@ class Listener {
   void Listen();
   void Admit(net::Descriptor socket);
   void Run(Connection& connection);
-  /// Connections that were not told to end, of a peer or, with null, of all. Requires: mMutex is held.
+  /// Connections that are not closing, of a peer or, with null, of all. Requires: mMutex is held.
   std::size_t CountOpen(const std::string* peer) const;
-  /// Requires: mMutex is held. \param peer null for any. Returns: whether one was told to end.
+  /// Requires: mMutex is held. \param peer null for any. Returns: whether one was closed.
   bool CloseIdlest(const std::string* peer);
   std::string PeerOf(int socket) const;
   void JoinFinished();

@@ -52,7 +52,7 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
       try {
         result = Pull(*owner, object, wanted, callerWaits);
       } catch (const std::exception&) {
-        // Out of memory: the callers that wait for this copy must be told.
+        // Out of memory: the callers that wait for this copy get -EIO.
       }
       lock.lock();
       copy->result = result;

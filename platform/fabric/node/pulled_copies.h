@@ -3,11 +3,11 @@
 // Copies of other nodes' objects, so that processes of this machine can map them.
 //
 // Callers that ask for an object at the same time share one pull: the first caller's thread pulls, the others
-// wait. Copies are read-only and hold the contents that the original had when it was pulled. Each use asks the
-// owner whether the caller may see the object and whether it still exists; while the owner cannot be reached, a
-// caller is served that presents the namespace and token that the owner accepted last. A copy is dropped when
-// the owner has freed the original (found at a use, by Drop, or by Sweep), when its room is needed, and when the
-// node stops.
+// wait. Copies are read-only and hold the contents that the original had when it was pulled. Each use asks
+// the owner whether the caller may see the object and whether it still exists; while the owner cannot be
+// reached, a caller is served that presents the namespace and token that the owner accepted last. A copy is
+// dropped when the owner has freed the original (found at a use, by Drop, or by Sweep), when its room is
+// needed, and when the node stops.
 //
 // Threads: any. No lock is held while another node is called.
 
@@ -28,9 +28,9 @@ class PulledCopies {
  public:
   PulledCopies(Pool& pool, Neighbours& neighbours) : mPool(pool), mNeighbours(neighbours) {}
 
-  /// Opens the copy of an object of another node, after pulling it when that is needed. \param callerWaits called
-  /// now and then; returns whether the caller still waits. A pull is completed all the same, for the other
-  /// callers. Returns: 0, the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EIO.
+  /// Opens the copy of an object of another node, after pulling it when that is needed. \param callerWaits
+  /// called now and then; returns whether the caller still waits. A pull is completed all the same, for the
+  /// other callers. Returns: 0, the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EIO.
   int Open(const ObjectName& object, const std::function<bool()>& callerWaits, net::Descriptor& file,
            std::uint64_t& size);
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// The right to a namespace and the name of an object, and how a frame's arguments hold them. The texts are views.
+// The right to a namespace and the name of an object, and how a frame's arguments hold them. The texts are
+// views.
 
 #include "platform/fabric/protocol/codec.h"
 

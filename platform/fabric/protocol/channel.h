@@ -1,6 +1,7 @@
 #pragma once
 
-// The requesting side of a connection: requests go out, answers come back in their order. One thread at a time.
+// The requesting side of a connection: requests go out, answers come back in their order. One thread at a
+// time.
 
 #include "platform/fabric/protocol/fabric_frame_reader.h"
 #include "platform/fabric/protocol/protocol.h"
@@ -42,7 +43,8 @@ class Channel {
   /// Whether the channel can take another request: every answer was read and the peer is there.
   bool Usable() { return mSent == mAnswered && !mReader.HasBuffered() && mStream->Quiet(); }
 
-  /// Since when the channel has been idle, and whether it was used before. For RemoteNode, which keeps channels.
+  /// Since when the channel has been idle, and whether it was used before. For RemoteNode, which keeps
+  /// channels.
   net::Deadline::Clock::time_point mIdleSince{};
   bool mReused = false;
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Packs and unpacks the arguments of a frame, in the form that protocol.h describes. One thread uses an object at
-// a time.
+// Packs and unpacks the arguments of a frame, in the form that protocol.h describes. One thread uses an
+// object at a time.
 
 #include <cstdint>
 #include <cstring>

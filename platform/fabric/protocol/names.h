@@ -9,8 +9,8 @@
 
 namespace vyn::fabric {
 
-/// Whether `text` can name a namespace, which is also a folder of the pool: 1 to kMaxNamespaceLength characters
-/// of [A-Za-z0-9_-].
+/// Whether `text` can name a namespace, which is also a folder of the pool: 1 to kMaxNamespaceLength
+/// characters of [A-Za-z0-9_-].
 bool IsNamespaceName(std::string_view text);
 
 /// Whether `text` has the form of an object's id.

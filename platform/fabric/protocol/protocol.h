@@ -16,19 +16,19 @@
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
 // the request's operation and sequence number. A client has at most kPipelineDepth requests in flight on a
 // connection; a node does not count them, it reads the next one when it has answered the last. While it works
-// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers, which are marked kFrameProgress
-// and carry nothing. A frame that breaks a limit or the sequence ends the connection. A node answers nothing
-// before the hello, and closes a connection whose frame stays incomplete for kFrameTimeout.
+// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers, which are marked
+// kFrameProgress and carry nothing. A frame that breaks a limit or the sequence ends the connection. A node
+// answers nothing before the hello, and closes a connection whose frame stays incomplete for kFrameTimeout.
 //
-// Frame: FabricFrameHeader, then `headLength` bytes of arguments, then `dataLength` bytes of an object's contents.
-// Everything is little-endian. Arguments are packed without padding, in the order given at FabricOperation: integers
-// of their size; a text is its 16-bit length and its bytes, without NUL. Bytes left over after the arguments
-// are an error.
+// Frame: FabricFrameHeader, then `headLength` bytes of arguments, then `dataLength` bytes of an object's
+// contents. Everything is little-endian. Arguments are packed without padding, in the order given at
+// FabricOperation: integers of their size; a text is its 16-bit length and its bytes, without NUL. Bytes left
+// over after the arguments are an error.
 //
-// What a caller can find out. The token is compared before anything else is looked up: a caller without the right token
-// learns that a namespace exists (-EACCES instead of -ENOENT), and never whether an object does. An object is
-// looked up only within the namespace named. The contents of another tenant's objects cannot be reached
-// without that tenant's token, even with their ids.
+// What a caller can find out. The token is compared before anything else is looked up: a caller without the
+// right token learns that a namespace exists (-EACCES instead of -ENOENT), and never whether an object does.
+// An object is looked up only within the namespace named. The contents of another tenant's objects cannot be
+// reached without that tenant's token, even with their ids.
 
 #include "platform/fabric/client/bm_functions.h"
 
@@ -127,15 +127,15 @@ enum class FabricOperation : std::uint16_t {
   /// Frees all that can be freed; then the first failure, if any.
   kFreeBatch = 8,
   /// Broker only. secured, text id, u8 1 to write -> u64 size, u8 writable; with the answer a file descriptor
-  /// (SCM_RIGHTS). A local object's descriptor is read-only unless writing was asked for. An object of another
-  /// node is first pulled into this node's pool, once for all callers; the descriptor of a pulled copy is always
-  /// read-only.
+  /// (SCM_RIGHTS). A local object's descriptor is read-only unless writing was asked for. An object of
+  /// another node is first pulled into this node's pool, once for all callers; the descriptor of a pulled
+  /// copy is always read-only.
   kOpen = 9,
   /// secured, text id -> u64 size
   kStat = 10,
   /// secured, text id, u64 offset, u64 rest, u32 length -> and `length` bytes of data.
-  /// `rest` is the number of bytes that the whole transfer still needs from `offset` on: a transfer of several
-  /// requests that does not fit into the object is refused at its first request.
+  /// `rest` is the number of bytes that the whole transfer still needs from `offset` on: a transfer of
+  /// several requests that does not fit into the object is refused at its first request.
   kRead = 11,
   /// secured, text id, u64 offset, u64 rest; and the data ->
   kWrite = 12,

@@ -9,8 +9,8 @@
 
 namespace vyn::fabric {
 
-/// Connects to the broker of a home. The path may be longer than a socket address can hold. \param error errno
-/// of the failure. Returns: null on failure.
+/// Connects to the broker of a home. The path may be longer than a socket address can hold. \param error
+/// errno of the failure. Returns: null on failure.
 std::unique_ptr<SocketStream> ConnectToBroker(const std::string& home, net::Deadline deadline, int& error);
 
 /// Makes <home>/run when it is missing and listens on the broker's socket in it. \param lock owns the

@@ -44,8 +44,8 @@ bool WriteFile(int file, const void* buffer, std::size_t length, std::uint64_t o
 
 bool CopyFile(int source, std::uint64_t sourceOffset, int destination, std::uint64_t destinationOffset,
               std::uint64_t length, char* buffer, const std::function<bool()>& between) {
-  // Both may be the same file: when the destination lies after the source, we copy from the end, so that no byte
-  // is overwritten before it was read.
+  // Both may be the same file: when the destination lies after the source, we copy from the end, so that no
+  // byte is overwritten before it was read.
   const bool fromEnd = destinationOffset > sourceOffset;
   for (std::uint64_t moved = 0; moved < length;) {
     const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(kFileBlock, length - moved));

@@ -1,7 +1,7 @@
 #pragma once
 
-// Reads and writes files without mapping them: when somebody makes the file shorter meanwhile, that is an error
-// here and not a SIGBUS. Threads: no state, any thread.
+// Reads and writes files without mapping them: when somebody makes the file shorter meanwhile, that is an
+// error here and not a SIGBUS. Threads: no state, any thread.
 
 #include <cstddef>
 #include <cstdint>
@@ -12,7 +12,8 @@ namespace vyn::fabric {
 /// Bytes that are moved at a time: they stay in the cache of a core between being read and being written.
 inline constexpr std::size_t kFileBlock = 256U << 10U;
 
-/// Reads exactly `length` bytes at `offset`. Returns: false when the file is shorter or cannot be read, with errno set.
+/// Reads exactly `length` bytes at `offset`. Returns: false when the file is shorter or cannot be read, with
+/// errno set.
 bool ReadFile(int file, void* buffer, std::size_t length, std::uint64_t offset);
 
 /// Writes exactly `length` bytes at `offset`. Returns: false on failure, with errno set.

@@ -41,15 +41,15 @@ bool PeekFirst(const SocketStream& socket, const net::Deadline& deadline, unsign
   }
 }
 
-/// Answers a hello that is refused: a plain peer reads the result, and a peer that wants TLS sees that this is
-/// none.
+/// Answers a hello that is refused: a plain peer reads the result, and a peer that wants TLS sees that this
+/// is none.
 void Refuse(SocketStream& socket) {
   const net::Deadline deadline = net::Deadline::After(kRefusedTime);
   const FabricFrameHeader answer{
       kFrameMagic, static_cast<std::uint16_t>(FabricOperation::kHello), 0, 0, kBmRemoteProtocol, 0, 0};
   net::IoStatus status = SendFrame(socket, answer, {}, nullptr, deadline);
-  // If the socket were closed with bytes unread, the kernel would reset the connection and the answer would be
-  // lost.
+  // If the socket were closed with bytes unread, the kernel would reset the connection and the answer would
+  // be lost.
   std::array<char, 4096> rest;
   std::size_t received = 0;
   while (status == net::IoStatus::kOk && !deadline.IsOver()) {

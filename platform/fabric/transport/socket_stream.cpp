@@ -126,8 +126,8 @@ net::IoStatus SocketStream::Send(iovec* parts, std::size_t count, net::Deadline 
 
 net::IoStatus SocketStream::SendDescriptor(iovec* parts, std::size_t count, std::size_t& first,
                                            net::Deadline deadline, int descriptor) {
-  // The kernel limits how many descriptors a user may have in flight, over all connections. Waiting here keeps
-  // it to one a connection, so that a peer that does not read cannot use the limit up.
+  // The kernel limits how many descriptors a user may have in flight, over all connections. Waiting here
+  // keeps it to one a connection, so that a peer that does not read cannot use the limit up.
   if (const net::IoStatus status = WaitUntilReceived(deadline); status != net::IoStatus::kOk) {
     return status;
   }

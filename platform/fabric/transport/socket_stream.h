@@ -21,7 +21,7 @@ class SocketStream : public ByteStream {
   explicit SocketStream(net::Descriptor socket, bool receivesDescriptors = false);
 
   /// Puts everything from here on under TLS and makes the handshake. \param tls a stream over Socket().
-  /// Returns: kFailed when the peer speaks no TLS or was refused; Error() has the words.
+  /// Returns: kFailed when the peer speaks no TLS or was refused; Error() has the reason.
   net::IoStatus StartTls(std::unique_ptr<net::Stream> tls, net::Deadline deadline);
   const std::string& Error() { return mIo->Get().Error(); }
 
@@ -55,7 +55,8 @@ class SocketStream : public ByteStream {
   net::Descriptor mSocket;
   std::optional<net::BlockingStream> mIo;
   bool mIsTls = false;
-  /// This side has shut the connection down: a reset that follows says nothing about what the peer has received.
+  /// This side has shut the connection down: a reset that follows says nothing about what the peer has
+  /// received.
   std::atomic<bool> mShutDown{false};
   net::Descriptor mReceived;
 };

@@ -4,9 +4,9 @@
 //
 // A call that timed out or broke closes the connection, so that a late reply can never be taken for that of a
 // later call; the next call connects again by itself, within its own time and at most the reconnect limit. A
-// connection that the server closed between two calls is noticed before anything is sent, and costs the caller
-// only the reconnect. If the two calls begin within 100 microseconds this is not checked, and the second call
-// may fail.
+// connection that the server closed between two calls is noticed before anything is sent, and costs the
+// caller only the reconnect. If the two calls begin within 100 microseconds this is not checked, and the
+// second call may fail.
 //
 // The transport's settings are read from the environment when the client is made: UCX_TLS (empty, unset or
 // "tcp"; anything else is refused at connect, since no engine for it is present), UCX_NET_DEVICES (interface
@@ -49,8 +49,8 @@ class Client {
 
   /// Sends `request` and waits for its reply. The buffers of `request` must live until this returns.
   /// \param response its buffers are replaced by the reply's one buffer, which it owns; none if the reply is
-  /// empty. \param callback may be null; is called before this returns. Returns: true when the reply is there.
-  /// On false `context->mStatus` is set and mLastErrorMessage has the details.
+  /// empty. \param callback may be null; is called before this returns. Returns: true when the reply is
+  /// there. On false `context->mStatus` is set and mLastErrorMessage has the details.
   virtual bool SyncCall(ClientContext* context, Message* request, Message* response, Callback* callback);
 
  protected:

@@ -10,7 +10,8 @@ namespace vyn::rpc {
 namespace {
 
 constexpr int kLongestKeepAlive = 32767;  // the kernel accepts no more
-/// Milliseconds after which a peer that acknowledges nothing, such as one whose host has vanished, is given up.
+/// Milliseconds after which a peer that acknowledges nothing, such as one whose host has vanished, is given
+/// up.
 constexpr int kUnacknowledgedTime = 60000;
 
 std::string Read(const char* name) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// The state of one call beside its messages: its time limit, and how it ended. Threads: one at a time, unless a
-// class says otherwise.
+// The state of one call beside its messages: its time limit, and how it ended. Threads: one at a time, unless
+// a class says otherwise.
 
 #include <atomic>
 #include <cstdint>

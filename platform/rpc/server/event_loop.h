@@ -2,9 +2,9 @@
 
 // Several threads wait for the events of many descriptors.
 //
-// A descriptor is registered once, edge-triggered and for all its events, so that a request costs one wait, one
-// read and one write. A thread may take long over an event: the others go on waiting, and the system wakes the
-// one that began to wait last.
+// A descriptor is registered once, edge-triggered and for all its events, so that a request costs one wait,
+// one read and one write. A thread may take long over an event: the others go on waiting, and the system
+// wakes the one that began to wait last.
 //
 // Any thread may call anything.
 
@@ -28,13 +28,13 @@ class EventLoop {
   class Watcher {
    public:
     virtual ~Watcher() = default;
-    /// The descriptor became readable or writable, or its peer left. Each change is reported once. \param events
-    /// of epoll(7). Several threads may call this at once, and one more call may come after Unwatch.
+    /// The descriptor became readable or writable, or its peer left. Each change is reported once. \param
+    /// events of epoll(7). Several threads may call this at once, and one more call may come after Unwatch.
     virtual void OnReady(std::uint32_t events) = 0;
   };
 
-  /// \param failed called with the text of an exception that a function called by the loop has thrown; the loop
-  /// then goes on. Must not throw. Throws std::system_error without descriptors.
+  /// \param failed called with the text of an exception that a function called by the loop has thrown; the
+  /// loop then goes on. Must not throw. Throws std::system_error without descriptors.
   explicit EventLoop(std::function<void(const char* what)> failed);
 
   /// Reports `descriptor` to `watcher`, which is kept until Unwatch. Returns: false when the system refuses.

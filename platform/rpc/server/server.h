@@ -11,9 +11,9 @@
 //   if (!server.Start("127.0.0.1", 0)) { ... Server::mLastErrorMessage ... }
 //
 // Requests of one connection may be pipelined; each is answered when its handler replies, in any order. A
-// client's bytes can end its own connection and nothing else. Requests that a client sends faster than they are
-// answered stay in its socket: a connection with too many unanswered requests is not read from, and no queue
-// grows without bound. Threads: any, after Start.
+// client's bytes can end its own connection and nothing else. Requests that a client sends faster than they
+// are answered stay in its socket: a connection with too many unanswered requests is not read from, and no
+// queue grows without bound. Threads: any, after Start.
 
 #include "platform/rpc/server/context.h"
 #include "platform/rpc/wire/message.h"
@@ -50,17 +50,17 @@ struct ServerOptions {
   std::size_t mMaxConnections = 4096;
   /// Unanswered requests of one connection; at this number the connection is not read from.
   std::size_t mMaxPendingCalls = 64;
-  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of replies
-  /// that wait to be written. Above the limit no connection begins a new request, which is reported. When the
-  /// waiting replies alone fill the limit, one more reply that has to wait ends its connection. A connection's
-  /// read buffer, with frames of at most 128 KiB, does not count.
+  /// Bytes of all connections together: of requests that have begun to arrive or are unanswered, and of
+  /// replies that wait to be written. Above the limit no connection begins a new request, which is reported.
+  /// When the waiting replies alone fill the limit, one more reply that has to wait ends its connection. A
+  /// connection's read buffer, with frames of at most 128 KiB, does not count.
   std::size_t mMaxPendingBytes = std::size_t{512} << 20;
   /// Milliseconds from accept to the end of the greeting, TLS included.
   std::int64_t mHandshakeTimeout = 10000;
   /// Milliseconds that a connection may be without a request or an open reply. 0 is no limit.
   std::int64_t mIdleTimeout = 600000;
-  /// Milliseconds for a frame that has begun to arrive to be complete, and for a client to read some bytes of a
-  /// waiting reply.
+  /// Milliseconds for a frame that has begun to arrive to be complete, and for a client to read some bytes of
+  /// a waiting reply.
   std::int64_t mFrameTimeout = 60000;
   /// Milliseconds that Stop waits for calls that are running.
   std::int64_t mStopTimeout = 10000;
@@ -69,8 +69,8 @@ struct ServerOptions {
   std::function<void(const std::string& line)> mReport;
 };
 
-/// Handles a request, and calls Server::Reply once, now or later. An exception that leaves it is reported, and the
-/// caller gets kNoAnswer unless the context is kept.
+/// Handles a request, and calls Server::Reply once, now or later. An exception that leaves it is reported,
+/// and the caller gets kNoAnswer unless the context is kept.
 using RequestHandler = std::function<void(const std::shared_ptr<ServerContext>& context,
                                           const std::shared_ptr<Message>& request)>;
 
@@ -98,16 +98,16 @@ class Server {
   /// Connections that are open now.
   std::size_t Connections() const;
 
-  /// Accepts no more connections and requests, waits at most mStopTimeout for the answers of running calls, then
-  /// closes every connection and ends the threads. Waits for handlers that are running, and for another thread
-  /// that is in Stop. Must not be called from a handler.
+  /// Accepts no more connections and requests, waits at most mStopTimeout for the answers of running calls,
+  /// then closes every connection and ends the threads. Waits for handlers that are running, and for another
+  /// thread that is in Stop. Must not be called from a handler.
   void Stop();
 
-  /// Sends the reply to the request of `context`; any thread, once. Bytes that the socket does not take at once are
-  /// copied and sent by the server within the context's timeout; buffers that own their memory are moved instead
-  /// of copied. \param callback may be null; is called when the last byte was written or the reply failed.
-  /// Returns: true when the reply was sent or is being sent; false with `context->mStatus` set when the connection is
-  /// gone, the reply is too long, or the request was answered before.
+  /// Sends the reply to the request of `context`; any thread, once. Bytes that the socket does not take at
+  /// once are copied and sent by the server within the context's timeout; buffers that own their memory are
+  /// moved instead of copied. \param callback may be null; is called when the last byte was written or the
+  /// reply failed. Returns: true when the reply was sent or is being sent; false with `context->mStatus` set
+  /// when the connection is gone, the reply is too long, or the request was answered before.
   static bool Reply(std::shared_ptr<ServerContext> context, Message* message, Callback* callback);
 
   /// The reason why the thread's last failed Start failed.

@@ -3,9 +3,9 @@
 // One client of a server: its handshake, its requests as they arrive, and the replies that the socket has not
 // taken yet.
 //
-// Any thread may call anything. At most one thread pumps a connection: it reads, dispatches and writes until the
-// socket would block. An event that arrives meanwhile sets mPumpAgain, and the pumping thread makes another
-// pass.
+// Any thread may call anything. At most one thread pumps a connection: it reads, dispatches and writes until
+// the socket would block. An event that arrives meanwhile sets mPumpAgain, and the pumping thread makes
+// another pass.
 
 #include "platform/net/deadline.h"
 #include "platform/net/stream.h"
@@ -40,9 +40,9 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   void Close(const std::string& reason);
   void OnReady(std::uint32_t events) override;
 
-  /// Answers a call that was counted, with `message` or, when `status` is not 0, with that status alone. Bytes
-  /// that the socket does not take at once are kept and sent later. \param timeout milliseconds for that; below
-  /// 1 means no limit of its own. Returns: kOk, kConnectionLost or kMessageTooLong.
+  /// Answers a call that was counted, with `message` or, when `status` is not 0, with that status alone.
+  /// Bytes that the socket does not take at once are kept and sent later. \param timeout milliseconds for
+  /// that; below 1 means no limit of its own. Returns: kOk, kConnectionLost or kMessageTooLong.
   std::int32_t Send(std::uint64_t call, std::uint32_t id, std::size_t requestLength, std::int32_t status,
                     Message* message, std::int64_t timeout, Callback* callback);
 
@@ -64,8 +64,8 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     std::size_t mHeld = 0;  // bytes counted by ServerCore::HoldReply
     bool mIsReply = false;
   };
-  /// Outputs that were written or given up, to be completed after mMutex is released. A list: its entries move
-  /// here without an allocation.
+  /// Outputs that were written or given up, to be completed after mMutex is released. A list: its entries
+  /// move here without an allocation.
   using FinishedOutputs = std::list<Output>;
 
   enum class Step {
@@ -74,8 +74,8 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     kEnd,   ///< close the connection
   };
 
-  // These require that mMutex is held. `error` receives the reason why the connection ends; it stays empty when
-  // the peer has just left.
+  // These require that mMutex is held. `error` receives the reason why the connection ends; it stays empty
+  // when the peer has just left.
   Step StepHandshake(std::string& error);
   Step StepGreeting(std::string& error);
   Step NextFrame(RpcFrame& frame, std::string& error);
@@ -88,9 +88,9 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
                               Output& output);
   const char* BufferReply(std::size_t first, std::int32_t status, Message* message, std::int64_t timeout,
                           Callback* callback, std::size_t requestLength);
-  /// Fills mParts with a reply and `header` with its length. Returns: kOk; kMessageTooLong for a message that the
-  /// peer would refuse, kInvalidArgument for a buffer without an address: the reply then is a header alone, with
-  /// kMessageTooLong or kNoAnswer.
+  /// Fills mParts with a reply and `header` with its length. Returns: kOk; kMessageTooLong for a message that
+  /// the peer would refuse, kInvalidArgument for a buffer without an address: the reply then is a header
+  /// alone, with kMessageTooLong or kNoAnswer.
   std::int32_t BuildReply(RpcFrameHeader& header, Message* message);
   /// Counts a call as answered. Returns: whether the connection was paused and may be read from again.
   bool FinishCall();
@@ -103,7 +103,8 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
   void Pump();
   /// Returns: whether there may be more to do.
   bool PumpOnce();
-  /// Calls the callbacks of `finished` and counts its calls as answered. \param status kOk when all was written.
+  /// Calls the callbacks of `finished` and counts its calls as answered. \param status kOk when all was
+  /// written.
   void CompleteOutputs(FinishedOutputs& finished, std::int32_t status);
   /// Completes what CloseLocked has given up, removes the connection from the core and reports `reason`.
   void FinishClose(FinishedOutputs& finished, const std::string& reason);

@@ -69,8 +69,8 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
     }
   }
   try {
-    // Only reported: the connection concerned is not closed here, its timeouts will end it. In practice this is
-    // bad_alloc.
+    // Only reported: the connection concerned is not closed here, its timeouts will end it. In practice this
+    // is bad_alloc.
     mEvents = std::make_unique<EventLoop>([this](const char* what) { Report(what); });
     mAcceptor = std::make_shared<Acceptor>(
         *mEvents,
@@ -221,9 +221,9 @@ bool ServerCore::AdmitOrPark(const std::shared_ptr<ServerConnection>& connection
     return true;
   }
   std::lock_guard lock(mMutex);
-  // We set mAnyParked before we read mPendingBytes again; ReleaseBytes subtracts before it reads mAnyParked. All
-  // four are sequentially consistent, so at least one side sees the other's write and no parked connection is
-  // forgotten.
+  // We set mAnyParked before we read mPendingBytes again; ReleaseBytes subtracts before it reads mAnyParked.
+  // All four are sequentially consistent, so at least one side sees the other's write and no parked
+  // connection is forgotten.
   mAnyParked.store(true);
   if (mPendingBytes.load() < mOptions.mMaxPendingBytes) {
     return true;

@@ -69,8 +69,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   /// The same for bytes of a reply that has to wait. Returns: false when they would exceed the limit.
   bool HoldReply(std::size_t bytes);
   void ReleaseReply(std::size_t bytes);
-  /// Runs the handler of a request that was counted: at once, or after the events that this thread is handling.
-  /// Without a handler it answers kNoHandler. Requires: a thread of the event loop.
+  /// Runs the handler of a request that was counted: at once, or after the events that this thread is
+  /// handling. Without a handler it answers kNoHandler. Requires: a thread of the event loop.
   void Dispatch(const std::shared_ptr<ServerConnection>& connection, const RpcFrameHeader& header,
                 Message request);
   /// Enters a connection into the table, and removes it.
@@ -100,8 +100,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   void ReportFull();
   void RunDeferred();
   void Queue(Job job);
-  /// Counts this thread as one that runs `job`, or the job that has waited longest if `job` is empty. Returns:
-  /// false when there is none or too many run already; `job` is then queued.
+  /// Counts this thread as one that runs `job`, or the job that has waited longest if `job` is empty.
+  /// Returns: false when there is none or too many run already; `job` is then queued.
   bool BeginJob(Job& job);
   void Run(const Entry& entry, const std::shared_ptr<ServerContext>& context,
            const std::shared_ptr<Message>& request);
@@ -135,8 +135,8 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   std::atomic<std::size_t> mWaitingBytes{0};  // of replies that wait
   std::atomic<bool> mAnyParked{false};
 
-  /// Guards mParked and mFullReported. EndCall takes it before it notifies mIdle, so that a Stop that has just
-  /// read mPendingCalls does not miss the notification.
+  /// Guards mParked and mFullReported. EndCall takes it before it notifies mIdle, so that a Stop that has
+  /// just read mPendingCalls does not miss the notification.
   std::mutex mMutex;
   std::condition_variable mIdle;
   std::vector<std::shared_ptr<ServerConnection>> mParked;

@@ -1,7 +1,7 @@
 #pragma once
 
-// A message: an id and a list of buffers. A sender adds its parts as separate buffers, which are not copied; the
-// receiver gets them joined in exactly one buffer, or in none if there was no byte.
+// A message: an id and a list of buffers. A sender adds its parts as separate buffers, which are not copied;
+// the receiver gets them joined in exactly one buffer, or in none if there was no byte.
 //
 // A message belongs to one thread at a time.
 
@@ -12,7 +12,8 @@
 
 namespace vyn::rpc {
 
-/// The operation that a message asks for or answers. The low 10 bits hold the operation code, all others are 0.
+/// The operation that a message asks for or answers. The low 10 bits hold the operation code, all others are
+/// 0.
 class MessageId {
  public:
   static constexpr std::uint32_t kMask = 0x3ff;
@@ -28,8 +29,8 @@ class MessageId {
   std::uint32_t mValue = 0;
 };
 
-/// A piece of memory. With a deleter the buffer owns the memory and calls the deleter with its address; without one
-/// it is a view, and the memory must outlive the call or the reply that it is passed to.
+/// A piece of memory. With a deleter the buffer owns the memory and calls the deleter with its address;
+/// without one it is a view, and the memory must outlive the call or the reply that it is passed to.
 class Buffer {
  public:
   Buffer(void* address, unsigned long length, std::function<void(void*)> deleter)

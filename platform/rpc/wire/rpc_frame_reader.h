@@ -1,8 +1,8 @@
 #pragma once
 
 // Assembles frames from the bytes of a stream. A frame is read directly into the block of memory that its
-// message then owns; frames that arrive together in one block are copied out of it. A length is checked before
-// memory is allocated for it.
+// message then owns; frames that arrive together in one block are copied out of it. A length is checked
+// before memory is allocated for it.
 //
 // One thread uses a reader at a time.
 
@@ -15,8 +15,8 @@
 
 namespace vyn::rpc {
 
-/// The address of a body, modulo 8. A request begins with a version of 2 bytes, a response with a result word of
-/// 4; the flatbuffer that follows is then aligned to 8.
+/// The address of a body, modulo 8. A request begins with a version of 2 bytes, a response with a result word
+/// of 4; the flatbuffer that follows is then aligned to 8.
 inline constexpr std::size_t kRequestAlignment = 6;
 inline constexpr std::size_t kReplyAlignment = 4;
 

@@ -22,19 +22,19 @@ class Capacity {
 
   explicit Capacity(std::uint64_t limit) : mLimit(limit) {}
 
-  /// The bytes that an object of `size` bytes is charged: whole pages, and one page for an empty object, which
-  /// limits the number of files. Requires: size at most kMaxSize.
+  /// The bytes that an object of `size` bytes is charged: whole pages, and one page for an empty object,
+  /// which limits the number of files. Requires: size at most kMaxSize.
   static std::uint64_t Charge(std::uint64_t size) {
     return (std::max<std::uint64_t>(size, 1) + kPage - 1) / kPage * kPage;
   }
 
-  /// Called without a lock when a reservation does not fit: gives at least `bytes` back by calling Release. If it
-  /// has less to give, it gives nothing and returns false.
+  /// Called without a lock when a reservation does not fit: gives at least `bytes` back by calling Release.
+  /// If it has less to give, it gives nothing and returns false.
   using Reclaimer = std::function<bool(std::uint64_t bytes)>;
   /// Requires: nothing was reserved yet.
   void SetReclaimer(Reclaimer reclaim) { mReclaim = std::move(reclaim); }
-  /// Calls the reclaimer. Also needed when the file system is full before the limit is reached. Returns: whether
-  /// `bytes` were given back.
+  /// Calls the reclaimer. Also needed when the file system is full before the limit is reached. Returns:
+  /// whether `bytes` were given back.
   bool Reclaim(std::uint64_t bytes) const { return mReclaim != nullptr && mReclaim(bytes); }
 
   /// Counts `bytes` as used. Returns: false when they exceed the limit.

@@ -3,8 +3,8 @@
 // The objects that this node owns: namespaces with their tokens, and the files in them.
 //
 // The folder is authoritative; Open builds the tables here from it, and each change updates both.
-// Threads: any, between Open and Close. No lock is held while pages are reserved or freed, with one exception:
-// Namespace::expanding.
+// Threads: any, between Open and Close. No lock is held while pages are reserved or freed, with one
+// exception: Namespace::expanding.
 //
 // Results are those of protocol.h, and -EIO when an operation on the pool's folder failed.
 
@@ -34,8 +34,8 @@ struct Namespace {
   bool destroyed = false;
   std::unordered_map<std::string, std::uint64_t> sizes;  // of the objects, in bytes, by id
   std::uint64_t charged = 0;                             // bytes of quota that the objects use
-  /// Held while an object of this namespace is made larger, so that one call at a time does that. Taken before
-  /// `mutex`.
+  /// Held while an object of this namespace is made larger, so that one call at a time does that. Taken
+  /// before `mutex`.
   std::mutex expanding;
 
   Namespace(std::string theName, const TokenHash& theToken) : name(std::move(theName)), token(theToken) {}
@@ -49,8 +49,8 @@ class Pool {
 
   Pool(std::uint16_t nodeId, std::uint64_t capacity) : mNodeId(nodeId), mCapacity(capacity) {}
 
-  /// Opens the folder and adopts the namespaces and objects in it, each object at its allocated size. \param warn
-  /// receives a line about each file that was truncated to that size, and about each that was ignored.
+  /// Opens the folder and adopts the namespaces and objects in it, each object at its allocated size. \param
+  /// warn receives a line about each file that was truncated to that size, and about each that was ignored.
   bool Open(const std::string& path, const Warn& warn, std::string& error);
   void Close();
 
@@ -67,11 +67,11 @@ class Pool {
   int Authorize(const Access& access, NamespacePtr& space) const;
 
   int Allocate(const NamespacePtr& space, std::uint64_t size, std::string& id);
-  /// Makes a file without a name in the pool's file system, with `size` bytes reserved. When the file system is
-  /// full, pulled copies are dropped if that gives enough room. \param failure errno.
+  /// Makes a file without a name in the pool's file system, with `size` bytes reserved. When the file system
+  /// is full, pulled copies are dropped if that gives enough room. \param failure errno.
   net::Descriptor MakeFile(std::uint64_t size, int& failure);
-  /// Truncates files to their objects' sizes: a client with a writable descriptor can make a file larger, past
-  /// the quota.
+  /// Truncates files to their objects' sizes: a client with a writable descriptor can make a file larger,
+  /// past the quota.
   void TruncateGrownFiles();
   /// `size` is the new size. One below the present size is kBmLocalError.
   int Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size);
@@ -95,11 +95,12 @@ class Pool {
   bool Adopt(const std::string& name, const Warn& warn, std::string& error);
   /// The size of an object that is adopted. Returns: false when the file cannot be an object of this pool.
   bool SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size);
-  /// Drops pulled copies until the file system has room for an object of `bytes`. A copy that some process maps
-  /// frees no room, so that all may be dropped in vain. Returns: false when all copies together are too few.
+  /// Drops pulled copies until the file system has room for an object of `bytes`. A copy that some process
+  /// maps frees no room, so that all may be dropped in vain. Returns: false when all copies together are too
+  /// few.
   bool ReclaimForFiles(std::uint64_t bytes) const;
-  /// Calls `attempt`; while that fails with ENOSPC, drops pulled copies and calls it again, since another call
-  /// may use the room first. Returns: 0 or errno, as `attempt` does.
+  /// Calls `attempt`; while that fails with ENOSPC, drops pulled copies and calls it again, since another
+  /// call may use the room first. Returns: 0 or errno, as `attempt` does.
   int RetryAfterReclaim(std::uint64_t bytes, const std::function<int()>& attempt) const;
   std::vector<NamespacePtr> All() const;
 

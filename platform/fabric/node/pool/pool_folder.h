@@ -5,7 +5,7 @@
 //
 //   <pool>/<namespace>/.token   salted hash of the namespace's token
 //   <pool>/<namespace>/<id>     one object
-//   <pool>/<namespace>/.<id>    a symbolic link whose text is the object's size: it is replaced atomically and
+//   <pool>/<namespace>/.<id>    a symbolic link whose text is the object's size. It is replaced atomically,
 //                               needs no page, and a client that has the object open cannot change it, as it
 //                               can the length of the file
 //   <pool>/.node/               files that are being made or removed, and pulled copies; cleared at Close and
@@ -45,8 +45,8 @@ class PoolFolder {
   static int Publish(const net::Descriptor& file, int folder, const std::string& name);
   /// Reserves pages up to `size`. Returns: 0 or errno; then the file is as it was.
   static int Reserve(int file, std::uint64_t size);
-  /// Removes the name. The pages are freed when the last descriptor and mapping are gone; `lastReference` receives
-  /// the last descriptor of this process, so that the caller chooses when to free them.
+  /// Removes the name. The pages are freed when the last descriptor and mapping are gone; `lastReference`
+  /// receives the last descriptor of this process, so that the caller chooses when to free them.
   static void Remove(int folder, const std::string& name, net::Descriptor& lastReference);
 
   /// Stores or replaces an object's size. Returns: 0 or errno.
