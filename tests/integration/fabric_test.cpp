@@ -63,7 +63,7 @@ TEST(FabricTest, ManyProcessesThatMapAFarBlockAtOncePullItOnce) {
   const FabricPlace far(2);
   FabricHost nearHost(near);
   FabricHost farHost(far);
-  SlowLink link(farHost.Port(), 3U << 20U);
+  ByteProxy link(farHost.Port(), 3U << 20U);
   nearHost.Knows(2, link.Port());
   FabricClient owner(far.Home());
   ASSERT_EQ(owner.Ask("create 2 app token"), "0");
@@ -178,7 +178,7 @@ TEST(FabricTest, ANodeKilledWhileItPullsLeavesNothingAndTheNextOnePulls) {
   const FabricPlace far(2);
   std::optional<FabricHost> nearHost(near);
   FabricHost farHost(far);
-  SlowLink link(farHost.Port(), 3U << 20U);
+  ByteProxy link(farHost.Port(), 3U << 20U);
   nearHost->Knows(2, link.Port());
   FabricClient client(near.Home());
   ASSERT_EQ(client.Ask("create 2 app token"), "0");

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -15,7 +16,10 @@ namespace vyn::test {
 
 class FakeClock : public common::Clock {
  public:
-  FakeClock() { common::Clock::Replace(this); }
+  /// \param onSleep runs in every sleep.
+  explicit FakeClock(std::function<void()> onSleep = [] {}) : mOnSleep(std::move(onSleep)) {
+    common::Clock::Replace(this);
+  }
   ~FakeClock() override { common::Clock::Replace(nullptr); }
 
   std::chrono::steady_clock::time_point Now() override {
@@ -23,9 +27,12 @@ class FakeClock : public common::Clock {
     return mNow;
   }
   void SleepFor(std::chrono::nanoseconds duration) override {
-    std::lock_guard lock(mMutex);
-    mSleeps.push_back(duration);
-    mNow += duration;
+    {
+      std::lock_guard lock(mMutex);
+      mSleeps.push_back(duration);
+      mNow += duration;
+    }
+    mOnSleep();
   }
 
   void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
@@ -76,6 +83,7 @@ class FakeClock : public common::Clock {
     return true;
   }
 
+  const std::function<void()> mOnSleep;
   std::mutex mMutex;
   std::chrono::steady_clock::time_point mNow = std::chrono::steady_clock::now();
   std::vector<std::chrono::nanoseconds> mSleeps;

@@ -50,23 +50,6 @@ void RawZookeeper::Set(const std::string& path, const std::string& value) {
 
 void RawZookeeper::Delete(const std::string& path) { Require(zoo_delete(mHandle, path.c_str(), -1), path); }
 
-void RawZookeeper::CreateChildren(const std::string& parent, int count) {
-  constexpr int kAtOnce = 5000;
-  for (int done = 0; done < count; done += kAtOnce) {
-    const int now = std::min(kAtOnce, count - done);
-    std::vector<std::string> paths;
-    for (int i = 0; i < now; ++i) {
-      paths.push_back(parent + "/" + std::to_string(done + i));
-    }
-    std::vector<zoo_op_t> operations(paths.size());
-    std::vector<zoo_op_result_t> results(paths.size());
-    for (std::size_t i = 0; i < paths.size(); ++i) {
-      zoo_create_op_init(&operations[i], paths[i].c_str(), "1", 1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
-    }
-    Require(zoo_multi(mHandle, now, operations.data(), results.data()), parent);
-  }
-}
-
 bool RawZookeeper::Exists(const std::string& path) const {
   const int result = zoo_exists(mHandle, path.c_str(), 0, nullptr);
   Require(result == ZNONODE ? static_cast<int>(ZOK) : result, path);

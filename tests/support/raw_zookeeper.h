@@ -25,8 +25,6 @@ class RawZookeeper {
   void Create(const std::string& path, const std::optional<std::string>& value = std::nullopt, int flags = 0);
   void Set(const std::string& path, const std::string& value);
   void Delete(const std::string& path);
-  /// Creates `count` children of `parent`, named by their number, many at a time.
-  void CreateChildren(const std::string& parent, int count);
   bool Exists(const std::string& path) const;
   /// Returns: the session that owns the znode, 0 when it is persistent.
   std::int64_t Owner(const std::string& path) const;

@@ -52,7 +52,6 @@ class ZookeeperServer {
   void Kill() { mProcess.Kill(); }
   void Freeze() { mProcess.Signal(SIGSTOP); }
   void Thaw() { mProcess.Signal(SIGCONT); }
-  bool Running() const { return mProcess.Running(); }
   /// Returns: "standalone", "leader", "follower", or the empty text while it does not serve.
   std::string Mode() const;
 
