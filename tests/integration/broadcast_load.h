@@ -7,11 +7,12 @@
 
 #include "support/vynd_process.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <random>
 #include <set>
 #include <thread>
@@ -29,7 +30,7 @@ class BroadcastLoad {
     for (std::size_t i = 0; i < mNodes.size(); ++i) {
       mWorkers[i].application = "load-" + std::to_string(i);
       mWorkers[i].random.seed(static_cast<unsigned int>(i));
-      mWorkers[i].thread = std::thread([this, i] { Run(i); });
+      mWorkers[i].thread = std::jthread([this, i] { Run(i); });
     }
   }
   ~BroadcastLoad() { Stop(); }
@@ -58,32 +59,27 @@ class BroadcastLoad {
       for (std::size_t i = 0; i < mWorkers.size(); ++i) {
         drivers.push_back(Join(i, true, mWorkers[i].application));
         for (const std::uint32_t id : std::set(mWorkers[i].left)) {
-          Require([&] { return Remove(mWorkers[i], *drivers[i], id); },
-                  mWorkers[i].application + ": variable " + std::to_string(id) + " cannot be deleted");
+          EXPECT_TRUE(WaitUntil([&] { return Remove(mWorkers[i], *drivers[i], id); }, kLimit)) << id;
         }
       }
       CheckObjects();
       for (std::size_t i = 0; i < mWorkers.size(); ++i) {
-        Require([&] { return drivers[i]->Do("complete " + mWorkers[i].application) == "0"; },
-                mWorkers[i].application + " cannot be ended");
+        const std::string complete = "complete " + mWorkers[i].application;
+        EXPECT_TRUE(WaitUntil([&] { return drivers[i]->Do(complete) == "0"; }, kLimit)) << complete;
       }
     } catch (const std::exception& error) {
-      Fault(std::string("at the end: ") + error.what());
+      ADD_FAILURE() << "at the end: " << error.what();
     }
     for (VyndNode* node : mNodes) {
-      Require([&] { return node->PoolEntries().empty(); }, node->Pool() + " still holds files");
-      Require(
-          [&] {
-            return node->Descriptors() <= mDescriptors + kIdleConnections &&
-                   node->Threads() <= mThreads + kIdleConnections;
-          },
-          node->Pool() + ": the daemon keeps descriptors or threads");
+      const auto calm = [&] {
+        return node->PoolEntries().empty() && node->Descriptors() <= mDescriptors + kIdleConnections &&
+               node->Threads() <= mThreads + kIdleConnections;
+      };
+      EXPECT_TRUE(WaitUntil(calm, kLimit))
+          << node->PoolEntries().size() << " files in " << node->Pool() << ", " << node->Descriptors()
+          << " descriptors, at first " << mDescriptors << ", " << node->Threads() << " threads, at first "
+          << mThreads;
     }
-  }
-  /// Returns: what must not happen and did, a line each.
-  std::string Faults() const {
-    std::lock_guard lock(mMutex);
-    return mFaults;
   }
 
   // Variables whose every block was filled; reads under load whose every byte was right; clients that were
@@ -99,7 +95,7 @@ class BroadcastLoad {
     std::vector<std::uint32_t> live;  ///< acknowledged, and no deletion tried
     std::set<std::uint32_t> left;     ///< tried to make, and no deletion acknowledged
     std::atomic<std::size_t> acknowledged{0};
-    std::thread thread;
+    std::jthread thread;
   };
 
   /// So many variables does a driver keep, so that the pool does not fill.
@@ -128,9 +124,7 @@ class BroadcastLoad {
   void Stop() {
     mStop = true;
     for (Worker& worker : mWorkers) {
-      if (worker.thread.joinable()) {
-        worker.thread.join();
-      }
+      worker.thread = {};
     }
   }
 
@@ -162,7 +156,7 @@ class BroadcastLoad {
         }
       }
     } catch (const std::exception& error) {
-      Fault(worker.application + ": " + error.what());
+      ADD_FAILURE() << worker.application << ": " << error.what();
     }
   }
   /// Makes a call of the client and kills it meanwhile, or, when the call was quicker, behind it.
@@ -217,9 +211,7 @@ class BroadcastLoad {
       // Its node may be down at the moment: a failure to map is allowed, other bytes are not.
       const std::string answer = Look(worker, id, executor);
       mRead += answer == "0 1" ? 1 : 0;
-      if (answer == "0 0") {
-        Fault(worker.application + ": variable " + std::to_string(id) + " has other bytes");
-      }
+      EXPECT_NE(answer, "0 0") << worker.application << ": variable " << id << " has other bytes";
     }
   }
   static void DeleteOne(Worker& worker, BroadcastClient& driver) {
@@ -236,10 +228,9 @@ class BroadcastLoad {
     for (const std::uint32_t id : worker.live) {
       std::string last;
       const auto looked = [&] { return (last = Look(worker, id, *executor)) == "0 1" || last == "0 0"; };
-      if (!WaitUntil(looked, kLimit) || last != "0 1") {
-        Fault(worker.application + ": variable " + std::to_string(id) + " was acknowledged, node " +
-              std::to_string(node) + " answers " + last);
-      }
+      EXPECT_TRUE(WaitUntil(looked, kLimit) && last == "0 1")
+          << worker.application << ": variable " << id << " was acknowledged, node " << node << " answers "
+          << last;
     }
   }
   /// A daemon that is killed between making blocks and answering leaves them until their application ends;
@@ -252,18 +243,8 @@ class BroadcastLoad {
       }
       return objects <= kBlocks * mFailed;
     };
-    Require(few, "blocks are left of deleted variables, after " + std::to_string(mFailed) + " failed");
+    EXPECT_TRUE(WaitUntil(few, kLimit)) << "blocks of deleted variables are left";
   }
-  void Require(const std::function<bool()>& condition, const std::string& fault) {
-    if (!WaitUntil(condition, kLimit)) {
-      Fault(fault);
-    }
-  }
-  void Fault(const std::string& line) {
-    std::lock_guard lock(mMutex);
-    mFaults += line + "\n";
-  }
-
   const std::vector<VyndNode*> mNodes;
   // Of the daemon that has most, the leader, before the load.
   std::size_t mDescriptors = 0;
@@ -272,8 +253,6 @@ class BroadcastLoad {
   std::atomic<bool> mStop{false};
   std::atomic<std::size_t> mFailed{0};  ///< variables that may have blocks and were not acknowledged
   std::atomic<std::uint32_t> mNextId{1};
-  mutable std::mutex mMutex;
-  std::string mFaults;  ///< guarded by mMutex
 };
 
 }  // namespace vyn::test
