@@ -94,6 +94,4 @@ struct Tenant {
   std::string Read(const std::string& id, std::uint64_t offset, std::uint64_t length) const;
 };
 
-using SlowLink = ByteProxy;
-
 }  // namespace vyn::test

@@ -1,28 +1,16 @@
 #pragma once
 
-// What random tests share: their seeds, and the steps that a failure shows.
+// The random numbers of a test, and the steps that a failure shows.
 
-#include <cstdlib>
+#include "support/seed.h"
+
 #include <deque>
-#include <numeric>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
 namespace vyn::test {
-
-/// Returns: 1 to `count`, or the one seed of the environment variable VYN_SEED: a number, or "random".
-inline std::vector<unsigned int> Seeds(unsigned int count) {
-  const char* text = std::getenv("VYN_SEED");
-  if (text != nullptr) {
-    return {std::string(text) == "random" ? std::random_device()()
-                                          : static_cast<unsigned int>(std::strtoul(text, nullptr, 10))};
-  }
-  std::vector<unsigned int> seeds(count);
-  std::iota(seeds.begin(), seeds.end(), 1U);
-  return seeds;
-}
 
 /// The random numbers of one seed, and the last 20 steps that were made of them.
 class RandomSteps {

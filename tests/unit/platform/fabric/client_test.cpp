@@ -5,6 +5,7 @@
 #include "support/fabric.h"
 #include "support/raw_socket.h"
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -186,7 +187,7 @@ TEST(ClientAloneTest, LinksAreCheckedAndReplaced) {
   EXPECT_EQ(client.CreateLink(2, "127.0.0.1", options.linkPort), kBmRemoteProtocol);  // it is node 1
   ASSERT_EQ(client.CreateLink(1, "127.0.0.1", options.linkPort), 0);
   ASSERT_EQ(client.CreateLink(1, "127.0.0.1", options.linkPort), 0);
-  EXPECT_TRUE(test::Eventually([&] { return nodes[0].Stats().connections == 1; })) << "the link is kept";
+  EXPECT_TRUE(test::WaitUntil([&] { return nodes[0].Stats().connections == 1; })) << "the link is kept";
   ASSERT_EQ(client.CreateNamespace(1, "app-1", "secret"), 0);
   // A restarted node is found again without a new link, and a new address takes the place of the old one.
   nodes[0].Stop();

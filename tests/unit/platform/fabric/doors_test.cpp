@@ -7,6 +7,7 @@
 #include "support/fabric.h"
 #include "support/link_tls.h"
 #include "support/peers.h"
+#include "support/wait_until.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,9 +17,9 @@
 namespace vyn::fabric {
 namespace {
 
-using test::Eventually;
 using test::PeerBytes;
 using test::RawSocket;
+using test::WaitUntil;
 using test::Wire;
 
 enum class Way { kBroker, kLink, kTlsLink };
@@ -108,7 +109,7 @@ class DoorsTest : public testing::TestWithParam<Way> {
     return std::move(caller.Socket());
   }
   bool WaitForConnections(std::uint64_t count) {
-    return Eventually([&] { return mNode.Stats().connections == count; });
+    return WaitUntil([&] { return mNode.Stats().connections == count; });
   }
 
   test::FabricPlace mPlace{7};
@@ -167,11 +168,11 @@ TEST_F(DoorsTest, AFullDoorLetsTheIdleGoAndKeepsTheBusy) {
                   Packed({"app", "t", mId}) + Wire(std::uint64_t{0}, std::uint64_t{512U << 10U}),
                   512U << 10U) +
             half);
-  ASSERT_TRUE(Eventually([&] { return std::ifstream(mPlace.Pool() + "/app/" + mId).peek() == 'w'; }));
+  ASSERT_TRUE(WaitUntil([&] { return std::ifstream(mPlace.Pool() + "/app/" + mId).peek() == 'w'; }));
   RawSocket idle = Greeted(Way::kLink);
   // The answer may be here before the connection counts as idle: a newcomer is refused until then.
   std::optional<Caller> third;
-  EXPECT_TRUE(Eventually([&] {
+  EXPECT_TRUE(WaitUntil([&] {
     third.emplace(Connect(Way::kLink));
     third->Send(kHello);
     return third->Receive(26).size() == 26U;
@@ -208,7 +209,7 @@ TEST_P(DoorsTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
       ASSERT_EQ(caller.Receive(26).size(), 26U);
       caller.Send(request);
       if (end == kNoAnswer) {
-        ASSERT_TRUE(Eventually([&] { return mNode.Stats().used >= before + size; }));
+        ASSERT_TRUE(WaitUntil([&] { return mNode.Stats().used >= before + size; }));
       } else if (end >= kRead) {
         ASSERT_EQ(caller.Receive(answer).size(), answer);
         caller.Send(end == kReadAndMore ? Frame(FabricOperation::kQuery, 2, "") : "");
@@ -246,7 +247,7 @@ TEST_F(DoorsTest, WhatIsForwardedEndsWithItsCaller) {
     ASSERT_EQ(owner.Receive(24 + arguments.size()), Frame(operation, 1, arguments));
     caller.reset();
     // The owner is at work as long as anybody wants that.
-    EXPECT_TRUE(Eventually([&, what = operation] {
+    EXPECT_TRUE(WaitUntil([&, what = operation] {
       owner.Send(Frame(what, 1, "", 0, kFrameProgress));
       return owner.EndsWithin(0);
     })) << static_cast<int>(operation);

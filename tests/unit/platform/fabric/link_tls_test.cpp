@@ -6,17 +6,18 @@
 #include "platform/fabric/protocol/names.h"
 #include "support/fabric.h"
 #include "support/raw_socket.h"
+#include "support/wait_until.h"
 
 #include <gmock/gmock.h>
 
 namespace vyn::fabric {
 namespace {
 
-using test::Eventually;
 using test::FabricPlace;
 using test::Lines;
 using test::LinkTls;
 using test::Tenant;
+using test::WaitUntil;
 using testing::HasSubstr;
 
 class LinkTlsTest : public testing::Test {
@@ -64,7 +65,7 @@ TEST_F(LinkTlsTest, EitherSideRefusesWhomItCannotTrust) {
     EXPECT_EQ(client.CreateLink(1, "127.0.0.1", mNode.LinkPort()), one.result);
     EXPECT_EQ(!reports.Take().empty(), one.reports);
     EXPECT_TRUE(!one.warns ||
-                Eventually([&] { return mLog.Take().find("127.0.0.1 was refused") != std::string::npos; }));
+                WaitUntil([&] { return mLog.Take().find("127.0.0.1 was refused") != std::string::npos; }));
     if (one.result == 0) {
       ASSERT_EQ(client.CreateNamespace(1, "app", "token"), 0);
       EXPECT_TRUE(IsObjectId(Tenant{client, "app", "token"}.Allocate(1, 1)));

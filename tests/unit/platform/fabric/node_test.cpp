@@ -5,6 +5,7 @@
 #include "support/fabric.h"
 #include "support/raw_socket.h"
 #include "support/temp_dir.h"
+#include "support/wait_until.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -186,7 +187,7 @@ TEST_F(NodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {
   };
   const auto grow = [&](int mode) { EXPECT_EQ(::fallocate(file.Get(), mode, 0, 1 << 20), 0); };
   grow(0);
-  EXPECT_TRUE(test::Eventually(isCut));
+  EXPECT_TRUE(test::WaitUntil(isCut));
   // And while no node looks after it, with pages or without.
   const std::function<void()> ways[] = {
       [&] { std::filesystem::resize_file(path, std::numeric_limits<std::int64_t>::max()); }, [&] { grow(0); },

@@ -3,6 +3,7 @@
 #include "platform/net/deadline.h"
 #include "platform/rpc/wire/frame.h"
 #include "support/peers.h"
+#include "support/wait_until.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,8 +20,8 @@
 namespace vyn::rpc {
 namespace {
 
-using test::Eventually;
 using test::RawSocket;
+using test::WaitUntil;
 using test::Wire;
 using test::WireGreeting;
 using test::WireHeader;
@@ -117,7 +118,7 @@ class RpcServer : public testing::Test {
     for (std::size_t i = 0; i < count; ++i) {
       socket.Send(WireHeader(1, i, kHold) + std::to_string(i));
     }
-    EXPECT_TRUE(Eventually([&] { return HeldCount() == before + count; }));
+    EXPECT_TRUE(WaitUntil([&] { return HeldCount() == before + count; }));
     return socket;
   }
   void ExpectServes() {
@@ -129,7 +130,7 @@ class RpcServer : public testing::Test {
   /// Waits for a line that holds `words`, and takes all up to then.
   bool Reports(const std::string& words) {
     std::string lines;
-    return Eventually([&] {
+    return WaitUntil([&] {
       std::lock_guard lock(mMutex);
       lines += std::exchange(mReports, "");
       return lines.find(words) != std::string::npos;
@@ -193,7 +194,7 @@ TEST_F(RpcServer, BadBytesEndTheirOwnConnectionOnly) {
     EXPECT_TRUE(Reports("127.0.0.1:"));
     ExpectServes();
   }
-  EXPECT_TRUE(Eventually([&] { return mServer->Connections() == 0 && descriptors() == before; }));
+  EXPECT_TRUE(WaitUntil([&] { return mServer->Connections() == 0 && descriptors() == before; }));
 }
 
 TEST_F(RpcServer, PipelinedRequestsAreAllAnswered) {
@@ -262,7 +263,7 @@ TEST_F(RpcServer, RepliesFromAnyThreadOnceAndLate) {
   EXPECT_EQ(narrow.Receive(16 + 24).substr(16), WireHeader(0, 1, kEcho, -9));
 
   socket.Reset();
-  ASSERT_TRUE(Eventually([&] { return mServer->Connections() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return mServer->Connections() == 1; }));
   context = TakeHeld().first;
   EXPECT_FALSE(Reply(context, kHold, "nobody there"));
   EXPECT_EQ(context->mStatus, -19);
@@ -284,7 +285,7 @@ TEST_F(RpcServer, ConnectionsAboveTheLimitAreToldSo) {
   EXPECT_EQ(third.Receive(17), WireGreeting(0, -11));
   EXPECT_TRUE(Reports("turned away"));
   first.Close();
-  ASSERT_TRUE(Eventually([&] { return mServer->Connections() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return mServer->Connections() == 1; }));
   ExpectServes();
 }
 
@@ -305,14 +306,14 @@ TEST_F(RpcServer, WhoTakesTooLongIsLetGo) {
     RawSocket slow = RawSocket::Connect(mServer->Port(), 4096);
     slow.Send(one.mAtOnce);
     std::size_t sent = 0;
-    EXPECT_TRUE(Eventually([&] { return mServer->Connections() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return mServer->Connections() == 1; }));
     while (sent < one.mDrip.size() && mServer->Connections() == 1 && slow.Send(one.mDrip.substr(sent, 1))) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
       ++sent;
     }
     EXPECT_TRUE(sent == 0 || sent < one.mDrip.size());
     EXPECT_TRUE(Reports("127.0.0.1:"));
-    EXPECT_TRUE(Eventually([&] { return mServer->Connections() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return mServer->Connections() == 0; }));
   }
 }
 
@@ -340,7 +341,7 @@ TEST_F(RpcServer, BytesThatAreHeldAreBounded) {
   RawSocket stuck = Open(4096);
   const std::string request = WireHeader(100, 1, kEcho) + std::string(100, 's');
   const auto secondWaits = [&] {
-    return Eventually([&] {
+    return WaitUntil([&] {
       second.Send(request);
       return !second.Readable(100) || second.Receive(request.size()) != request;
     });
@@ -348,7 +349,7 @@ TEST_F(RpcServer, BytesThatAreHeldAreBounded) {
 
   // A request without its answer.
   first.Send(WireHeader(1200, 1, kHold) + std::string(1200, 'f'));
-  ASSERT_TRUE(Eventually([&] { return HeldCount() == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return HeldCount() == 1; }));
   EXPECT_TRUE(secondWaits());
   EXPECT_TRUE(Reports("new requests have to wait"));
   EXPECT_TRUE(Reply(TakeHeld().first, kHold, ""));
@@ -431,7 +432,7 @@ TEST_F(RpcServer, StopsWhileConnectionsCome) {
         }
       });
     }
-    EXPECT_TRUE(Eventually([&] { return made > 20 * round; }));
+    EXPECT_TRUE(WaitUntil([&] { return made > 20 * round; }));
     mServer->Stop();
     EXPECT_EQ(mServer->Connections(), 0U);
   }

@@ -4,6 +4,7 @@
 #include "support/certificates.h"
 #include "support/peers.h"
 #include "support/proxy.h"
+#include "support/wait_until.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,8 +16,8 @@ namespace vyn::rpc {
 namespace {
 
 using test::Certificates;
-using test::Eventually;
 using test::RawSocket;
+using test::WaitUntil;
 using testing::HasSubstr;
 using SecurityMap = std::map<std::string, const std::string>;
 
@@ -142,10 +143,10 @@ TEST_F(RpcTls, OneSideOnly) {
   // A plain client at a TLS server, and noise.
   Client plain("127.0.0.1", StartServer("server"), {});
   EXPECT_EQ(Echo(plain, "x")[0], '-');
-  EXPECT_TRUE(Eventually([&] { return mReports == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return mReports == 1; }));
   RawSocket noise = RawSocket::Connect(mServer->Port());
   noise.Send(std::string(100, '\x16'));
-  EXPECT_TRUE(Eventually([&] { return mServer->Connections() == 0; }));
+  EXPECT_TRUE(WaitUntil([&] { return mServer->Connections() == 0; }));
   SecuredClient client("127.0.0.1", mServer->Port(), {}, true, false);
   ASSERT_TRUE(client.Initialize(Trust(), kCallTime));
   EXPECT_EQ(Echo(client, "x"), "x");
