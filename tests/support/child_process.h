@@ -38,7 +38,6 @@ class ChildProcess {
   /// Closes its input and waits for its end. Returns: its exit code, -1 when a signal ended it or it had to
   /// be killed.
   int Wait(std::chrono::seconds limit = std::chrono::seconds(60));
-  bool Running() const { return mPid > 0; }
   pid_t Pid() const { return mPid; }
 
  private:

@@ -21,7 +21,6 @@
 namespace vyn::test {
 
 // Levels of CapturedLog.
-inline constexpr int kDebugLine = 1;
 inline constexpr int kInfoLine = 2;
 inline constexpr int kWarnLine = 3;
 inline constexpr int kErrorLine = 4;

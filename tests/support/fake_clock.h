@@ -8,7 +8,9 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <limits>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -40,6 +42,7 @@ class FakeClock : public common::Clock {
     {
       std::lock_guard own(mMutex);
       mWaits.push_back(duration);
+      mWaiters.insert(std::this_thread::get_id());
       mWaiting = &condition;
     }
     if (!TakeEnd(duration)) {
@@ -60,6 +63,16 @@ class FakeClock : public common::Clock {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
       lock.lock();
     }
+  }
+  /// Lets every wait from now on end at once, as if its time were over.
+  void EndAllWaits() {
+    std::lock_guard lock(mMutex);
+    mEnds = std::numeric_limits<int>::max();
+  }
+  /// The number of threads that have waited on a condition.
+  std::size_t Waiters() {
+    std::lock_guard lock(mMutex);
+    return mWaiters.size();
   }
   /// The waits on a condition so far, in order.
   std::vector<std::chrono::nanoseconds> Waits() {
@@ -88,6 +101,7 @@ class FakeClock : public common::Clock {
   std::chrono::steady_clock::time_point mNow = std::chrono::steady_clock::now();
   std::vector<std::chrono::nanoseconds> mSleeps;
   std::vector<std::chrono::nanoseconds> mWaits;
+  std::set<std::thread::id> mWaiters;
   std::condition_variable* mWaiting = nullptr;
   int mEnds = 0;
 };

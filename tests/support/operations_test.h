@@ -4,7 +4,7 @@
 // replaces an operator new.
 
 #include "support/all_messages.h"
-#include "support/meta_client_test.h"
+#include "support/client_test.h"
 #include "support/seed.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"

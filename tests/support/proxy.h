@@ -8,6 +8,7 @@
 #include <atomic>
 #include <limits>
 #include <mutex>
+#include <thread>
 
 namespace vyn::test {
 

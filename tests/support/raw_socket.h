@@ -9,11 +9,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 
 namespace vyn::test {
@@ -156,18 +154,6 @@ inline std::string WireGreeting(std::uint32_t maxLength = 1 << 20, std::int32_t 
 inline std::string WireHeader(std::uint32_t length, std::uint64_t call, std::uint32_t id,
                               std::int32_t status = 0) {
   return "VYNF" + Wire(length, call, id, status);
-}
-
-/// Waits for `condition`. Returns: false when it does not come true in time.
-template <typename Condition>
-bool Eventually(Condition condition) {
-  for (int i = 0; i < RawSocket::kPatience / 5; ++i) {
-    if (condition()) {
-      return true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return condition();
 }
 
 }  // namespace vyn::test

@@ -8,6 +8,7 @@
 #include <random>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 
 namespace vyn::test {
 

@@ -1,8 +1,8 @@
 // The connection side of the clients: how they follow the leader, what they retry, how they begin.
 
 #include "common/util/system.h"
+#include "support/client_test.h"
 #include "support/fake_clock.h"
-#include "support/meta_client_test.h"
 #include "support/wait_until.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"

@@ -8,6 +8,7 @@
 #include "support/fake_clock.h"
 #include "support/raw_socket.h"
 #include "support/scripted_service.h"
+#include "support/wait_until.h"
 
 #include <gmock/gmock.h>
 
@@ -221,7 +222,7 @@ TEST(RpcEngineTest, RepliesThatCannotBeSent) {
     });
     RawSocket socket = RawSocket::Connect(answering.server.Port());
     socket.Send(WireGreeting() + WireHeader(0, 1, kOpcode) + WireHeader(0, 2, kOpcode));
-    ASSERT_TRUE(test::Eventually([&] {
+    ASSERT_TRUE(test::WaitUntil([&] {
       std::lock_guard lock(mutex);
       return held.size() == 2;
     }));
@@ -327,7 +328,7 @@ TEST(RpcEnginePoolTest, AMovedPeerIsFollowed) {
   client.mPool->ReturnRpcEngine(inUse);
   EXPECT_EQ(client.mPool->mEngines.size(), 1U) << "the engine of the old peer is let go";
   inUse = nullptr;
-  EXPECT_TRUE(test::Eventually([&] { return oldServer.Connections() == 0; }));
+  EXPECT_TRUE(test::WaitUntil([&] { return oldServer.Connections() == 0; }));
   EXPECT_EQ(client.Call(), 0U);
   EXPECT_EQ(oldServer.Requests().size(), 2U);
   EXPECT_EQ(newServer.Requests().size(), 2U);

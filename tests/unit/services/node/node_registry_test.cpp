@@ -6,9 +6,9 @@
 #include "services/common/variable_record.h"
 #include "services/node/metadata_client.h"
 #include "services/node/reclaimer.h"
+#include "support/client_test.h"
 #include "support/cluster_test.h"
 #include "support/fabric.h"
-#include "support/meta_client_test.h"
 #include "support/raw_socket.h"
 #include "tessel/message/operation_codes.h"
 

@@ -1,10 +1,10 @@
 // Bringing the library up and down: home and flag, the security of links, failures, and many threads at once.
 
 #include "platform/tls/client_setting.h"
+#include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
 #include "support/temp_dir.h"
 #include "support/wait_until.h"
-#include "support/waiter_clock.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 #include "vyn/big_memory.h"
 
@@ -17,8 +17,8 @@
 
 using testing::ElementsAre;
 using vyn::common::BigMemoryClientApi;
+using vyn::test::FakeClock;
 using vyn::test::ScriptedBmClient;
-using vyn::test::WaiterClock;
 
 namespace {
 
@@ -68,7 +68,8 @@ TEST(BmBinding, SaysHowLinksAreSecuredBeforeTheLibraryIsInitialised) {
 }
 
 TEST(BmBinding, AStartThatFailsClosesTheLibraryAndTheNextOneSucceeds) {
-  WaiterClock clock(true);  // a claim that is kept shows soon
+  FakeClock clock;
+  clock.EndAllWaits();  // a claim that is kept shows soon
   ScriptedBmClient library(false);
   struct Case {
     std::string fault;
@@ -109,7 +110,7 @@ TEST(BmBinding, AStartThatFailsClosesTheLibraryAndTheNextOneSucceeds) {
 TEST(BmBinding, OfManyThreadsOneTakesThePlaceOfTheFirstThatFailed) {
   constexpr std::size_t kThreads = 16;
   ScriptedBmClient library;
-  WaiterClock clock;
+  FakeClock clock;
   library.script.Expect(
       "BM_Init",
       {{-1, 0, [&] { EXPECT_TRUE(vyn::test::WaitUntil([&] { return clock.Waiters() == kThreads - 1; })); }}});
@@ -132,7 +133,8 @@ TEST(BmBinding, OfManyThreadsOneTakesThePlaceOfTheFirstThatFailed) {
 
 TEST(BmBinding, NobodyWaitsForEver) {
   ScriptedBmClient library;
-  WaiterClock clock(true);
+  FakeClock clock;
+  clock.EndAllWaits();
   std::uint32_t waiter = 0;
   library.script.Expect("BM_Init", {{0, 0, [&] {  // ends only when the other thread has given up
                                        std::thread([&] { waiter = BmInitialize("/home", 0); }).join();

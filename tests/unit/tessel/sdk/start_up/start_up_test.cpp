@@ -6,7 +6,6 @@
 #include "support/raw_socket.h"
 #include "support/sdk_world.h"
 #include "support/wait_until.h"
-#include "support/waiter_clock.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
@@ -219,7 +218,7 @@ TEST(StartUpTest, ReadyUninitialisedAndBack) {
 TEST(StartUpTest, SixteenThreadsOfWhichTheFirstFails) {
   SdkWorld world;
   world.WriteConf();
-  WaiterClock clock;
+  FakeClock clock;
   std::atomic<int> asked{0};
   world.server.Answer(ShuffleServer::META_LEADER_INFO, [&](const auto&) -> ScriptedService::Reply {
     if (asked++ == 0) {
@@ -249,7 +248,7 @@ TEST(StartUpTest, ASecondCallDuringAReinitialisationGetsItsResult) {
   for (const std::uint32_t status : {1U, 0U}) {
     world.server.Clear();
     world.bm.script.Clear();
-    WaiterClock clock;
+    FakeClock clock;
     std::atomic<bool> asked{false};
     world.server.Answer(ShuffleServer::META_LEADER_INFO, [&](const auto&) {
       asked = true;
