@@ -13,7 +13,6 @@
 
 namespace vyn::fabric {
 
-using net::IoStatus;
 
 namespace {
 

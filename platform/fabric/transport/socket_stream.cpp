@@ -15,7 +15,6 @@
 
 namespace vyn::fabric {
 
-using net::IoStatus;
 
 namespace {
 
