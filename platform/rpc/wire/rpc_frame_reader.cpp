@@ -83,6 +83,8 @@ bool RpcFrameReader::ExtractFrame(const RpcFrameHeader& header, RpcFrame& frame)
   frame.mMessage = Message(MessageId(header.mId));
   mExpected = std::clamp(whole, kSmallBlock, kLargeBlock);
   if (length > 0) {
+    // Everything that may throw comes first: from here on nobody but `base` owns the memory.
+    frame.mMessage.Bl().reserve(1);
     char* base = nullptr;
     char* body = nullptr;
     if (mBegin == mLead && mBegin + whole == mEnd) {
