@@ -13,7 +13,6 @@
 
 namespace vyn::fabric {
 
-
 namespace {
 
 /// A peer's first byte tells how it speaks: the record type of a TLS handshake, or the first byte of

@@ -15,7 +15,6 @@
 
 namespace vyn::fabric {
 
-
 namespace {
 
 /// Between two looks at a state that poll() does not report.
