@@ -6,14 +6,9 @@
 #include "support/fabric.h"
 #include "support/installation.h"
 #include "support/pattern.h"
+#include "support/test.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/broadcast.h"
-
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
 
 namespace vyn::test {
 namespace {

@@ -5,17 +5,8 @@
 // fail meanwhile. What must not happen: a variable that was acknowledged and is lost, bytes that differ, a
 // call without an end, a client that dies.
 
+#include "support/test.h"
 #include "support/vynd_process.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <functional>
-#include <map>
-#include <random>
-#include <set>
-#include <thread>
 
 namespace vyn::test {
 

@@ -3,9 +3,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include "support/test.h"
 
 namespace vyn::test {
 namespace {

@@ -5,11 +5,8 @@
 #include "support/fabric.h"
 #include "support/fake_clock.h"
 #include "support/installation.h"
+#include "support/test.h"
 #include "vyn/big_memory.h"
-
-#include <gtest/gtest.h>
-
-#include <csignal>
 
 namespace vyn::test {
 namespace {

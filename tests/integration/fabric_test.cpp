@@ -3,15 +3,8 @@
 
 #include "support/fabric.h"
 
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gtest/gtest.h>
-#include <poll.h>
-
-#include <cerrno>
-#include <csignal>
-#include <filesystem>
-#include <optional>
 
 namespace vyn::test {
 namespace {

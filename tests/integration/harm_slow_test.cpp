@@ -2,10 +2,7 @@
 // executors read.
 
 #include "integration/broadcast_load.h"
-
-#include <gtest/gtest.h>
-
-#include <iostream>
+#include "support/test.h"
 
 namespace vyn::test {
 namespace {

@@ -2,8 +2,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 

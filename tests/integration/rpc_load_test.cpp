@@ -6,13 +6,8 @@
 #include "support/bytes_message.h"
 #include "support/certificates.h"
 #include "support/raw_socket.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gtest/gtest.h>
-#include <sys/ioctl.h>
-
-#include <optional>
-#include <random>
 
 namespace vyn::test {
 namespace {

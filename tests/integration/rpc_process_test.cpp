@@ -3,10 +3,7 @@
 #include "common/rpc/rpc_engine.h"
 #include "support/bytes_message.h"
 #include "support/child_process.h"
-
-#include <gtest/gtest.h>
-
-#include <future>
+#include "support/test.h"
 
 namespace vyn::common {
 namespace {

@@ -2,11 +2,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <regex>
+#include "support/test.h"
 
 namespace vyn::test {
 namespace {

@@ -2,9 +2,8 @@
 
 #include "support/command.h"
 #include "support/pattern.h"
+#include "support/test.h"
 #include "support/vynd_process.h"
-
-#include <gtest/gtest.h>
 
 namespace vyn::test {
 namespace {

@@ -3,12 +3,8 @@
 #include "support/command.h"
 #include "support/fabric.h"
 #include "support/pattern.h"
+#include "support/test.h"
 #include "support/vynd_process.h"
-
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace vyn::test {
 namespace {

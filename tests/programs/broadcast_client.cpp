@@ -9,10 +9,9 @@
 
 #include "support/commands.h"
 #include "support/pattern.h"
+#include "support/test.h"
 #include "vyn/broadcast.h"
 #include "vyn/status.h"
-
-#include <vector>
 
 namespace {
 

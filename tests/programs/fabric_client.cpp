@@ -15,14 +15,7 @@
 #include "platform/fabric/transport/broker_socket.h"
 #include "support/commands.h"
 #include "support/pattern.h"
-
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <vector>
+#include "support/test.h"
 
 namespace {
 

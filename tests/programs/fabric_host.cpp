@@ -7,9 +7,9 @@
 
 #include "platform/fabric/node/fabric_node.h"
 #include "support/commands.h"
+#include "support/test.h"
 
 #include <CLI/CLI.hpp>
-#include <mutex>
 
 int main(int argc, char** argv) {
   vyn::fabric::FabricNodeOptions options;

@@ -4,12 +4,9 @@
 #include "cluster/meta_node_info.h"
 #include "common/api/base_api_util.h"
 #include "common/config/configuration.h"
+#include "support/test.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "vyn/status.h"
-
-#include <unistd.h>
-
-#include <string>
 
 int main(int, char** arguments) {
   using vyn::common::BaseApiUtil;

@@ -2,14 +2,8 @@
 // input ends. Message 1 answers with what came; message 2 never answers.
 
 #include "common/rpc/rpc_engine.h"
+#include "support/test.h"
 #include "vyn/status.h"
-
-#include <cstdio>
-#include <cstdlib>
-#include <iostream>
-#include <memory>
-#include <mutex>
-#include <vector>
 
 int main(int count, char** arguments) {
   using vyn::common::RpcEngine;

@@ -3,6 +3,7 @@
 // Every message class of the wire: how its messages are filled, read and written.
 
 #include "common/message/heart_beat_message.h"
+#include "support/test.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/shuffle/bag_messages.h"
@@ -11,14 +12,6 @@
 #include "tessel/message/shuffle/stage_messages.h"
 #include "tuning/message/tuning_messages.h"
 #include "vyn/status.h"
-
-#include <algorithm>
-#include <memory>
-#include <random>
-#include <string>
-#include <string_view>
-#include <tuple>
-#include <type_traits>
 
 namespace vyn::test {
 

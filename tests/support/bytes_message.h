@@ -3,9 +3,8 @@
 // A message whose payload is the text itself, for tests that look at the frame around it.
 
 #include "common/message/base_message.h"
+#include "support/test.h"
 #include "vyn/status.h"
-
-#include <string>
 
 namespace vyn::test {
 

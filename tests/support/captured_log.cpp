@@ -1,10 +1,9 @@
 #include "support/captured_log.h"
 
+#include "support/test.h"
+
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
-
-#include <algorithm>
-#include <utility>
 
 namespace vyn::test {
 

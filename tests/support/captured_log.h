@@ -3,10 +3,7 @@
 // Puts a logger in place whose lines a test can read.
 
 #include "platform/ulog/ulog.h"
-
-#include <memory>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -4,9 +4,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <stdexcept>
-#include <string>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -1,18 +1,10 @@
 #include "support/child_process.h"
 
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 
-#include <poll.h>
 #include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <utility>
 
 namespace vyn::test {
 

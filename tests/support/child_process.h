@@ -3,12 +3,9 @@
 // A child process whose standard input and output this process reads and writes. It dies with its parent, and
 // with this object.
 
-#include <signal.h>
-#include <sys/types.h>
+#include "support/test.h"
 
-#include <chrono>
-#include <string>
-#include <vector>
+#include <signal.h>
 
 namespace vyn::test {
 

@@ -8,10 +8,8 @@
 #include "support/captured_log.h"
 #include "support/scripted_service.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 namespace vyn::test {
 

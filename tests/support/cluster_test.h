@@ -9,14 +9,10 @@
 #include "platform/ulog/ulog.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/zookeeper_server.h"
 
-#include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
-
-#include <memory>
-#include <string>
 
 namespace vyn::test {
 

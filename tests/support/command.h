@@ -1,12 +1,8 @@
 #pragma once
 
+#include "support/test.h"
+
 // Runs a shell command and waits for its end.
-
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <stdexcept>
-#include <string>
 
 namespace vyn::test {
 

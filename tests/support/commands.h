@@ -1,14 +1,9 @@
 #pragma once
 
+#include "support/test.h"
+
 // The main loop of a test program: each line of input is a command, answered by one line of output. A command
 // is a name and a function; the words behind the name become the function's arguments.
-
-#include <functional>
-#include <iostream>
-#include <map>
-#include <sstream>
-#include <string>
-#include <tuple>
 
 namespace vyn::test {
 

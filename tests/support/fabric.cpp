@@ -1,10 +1,6 @@
 #include "support/fabric.h"
 
-#include <sys/stat.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <sstream>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -8,12 +8,7 @@
 #include "support/child_process.h"
 #include "support/proxy.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -4,15 +4,7 @@
 // until its notification, or until the test lets it end.
 
 #include "common/util/clock.h"
-
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <limits>
-#include <mutex>
-#include <set>
-#include <thread>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::test {
 

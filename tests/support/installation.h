@@ -4,10 +4,7 @@
 // read once a process, so the home lasts as long.
 
 #include "support/temp_dir.h"
-
-#include <cstdlib>
-#include <filesystem>
-#include <string>
+#include "support/test.h"
 
 namespace vyn::test {
 

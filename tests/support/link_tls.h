@@ -6,11 +6,7 @@
 #include "platform/openssl_dl/openssl_dl.h"
 #include "platform/tls/client_setting.h"
 #include "support/certificates.h"
-
-#include <mutex>
-#include <stdexcept>
-#include <string>
-#include <utility>
+#include "support/test.h"
 
 namespace vyn::test {
 

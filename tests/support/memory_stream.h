@@ -3,11 +3,7 @@
 // A stream of the transport whose bytes come from memory, in pieces that the bytes themselves decide.
 
 #include "platform/net/stream.h"
-
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <string>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -6,13 +6,9 @@
 #include "support/all_messages.h"
 #include "support/client_test.h"
 #include "support/seed.h"
+#include "support/test.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"
-
-#include <map>
-#include <new>
-#include <set>
-#include <utility>
 
 /// The allocation of this thread that fails, counted from 1 among those that may fail.
 inline thread_local int gFailingAllocation = 0;

@@ -1,10 +1,9 @@
 #pragma once
 
+#include "support/test.h"
+
 // The pattern that tests fill memory, blocks and files with. It differs from byte to byte, from page to page
 // and from seed to seed.
-
-#include <cstddef>
-#include <string>
 
 namespace vyn::test {
 

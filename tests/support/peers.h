@@ -3,16 +3,7 @@
 // The scripted peers of tests/data/peers.txt, which says what its columns mean, and a server for a script.
 
 #include "support/raw_socket.h"
-
-#include <atomic>
-#include <fstream>
-#include <functional>
-#include <map>
-#include <regex>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -1,8 +1,7 @@
 #include "support/proxy.h"
 
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <vector>
 
 namespace vyn::test {
 

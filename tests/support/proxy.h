@@ -4,11 +4,7 @@
 // connections.
 
 #include "support/raw_socket.h"
-
-#include <atomic>
-#include <limits>
-#include <mutex>
-#include <thread>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -3,12 +3,7 @@
 // The random numbers of a test, and the steps that a failure shows.
 
 #include "support/seed.h"
-
-#include <deque>
-#include <random>
-#include <sstream>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::test {
 

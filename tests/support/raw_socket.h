@@ -1,18 +1,9 @@
 #pragma once
 
+#include "support/test.h"
+
 // A TCP peer that says exactly the bytes that a test gives it. Every wait ends after kPatience with a
 // failure.
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <stdexcept>
-#include <string>
-#include <utility>
 
 namespace vyn::test {
 

@@ -1,12 +1,8 @@
 #include "support/scripted_bmclient.h"
 
 #include "support/installation.h"
+#include "support/test.h"
 #include "vyn/big_memory.h"
-
-#include <dlfcn.h>
-
-#include <filesystem>
-#include <stdexcept>
 
 namespace vyn::test {
 

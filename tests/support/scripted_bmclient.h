@@ -4,8 +4,7 @@
 // at a time; its end closes the library. The folder is removed when the process ends.
 
 #include "support/bm_script.h"
-
-#include <string>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -1,10 +1,7 @@
 #include "support/scripted_service.h"
 
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <cstring>
-#include <stdexcept>
-#include <utility>
 
 namespace vyn::test {
 

@@ -6,16 +6,7 @@
 #include "common/message/base_message.h"
 #include "common/util/ref.h"
 #include "platform/rpc/server/server.h"
-
-#include <chrono>
-#include <cstdint>
-#include <functional>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <stdexcept>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::test {
 

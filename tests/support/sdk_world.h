@@ -8,16 +8,12 @@
 #include "support/scripted_bmclient.h"
 #include "support/scripted_service.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/zookeeper_server.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
 #include "vyn/broadcast.h"
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <string>
 
 namespace vyn::test {
 

@@ -1,12 +1,8 @@
 #pragma once
 
-// The seeds of random tests.
+#include "support/test.h"
 
-#include <cstdlib>
-#include <numeric>
-#include <random>
-#include <string>
-#include <vector>
+// The seeds of random tests.
 
 namespace vyn::test {
 

@@ -1,13 +1,8 @@
 #pragma once
 
-// A folder of its own for a test, removed with all it holds.
+#include "support/test.h"
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
-#include <string>
+// A folder of its own for a test, removed with all it holds.
 
 namespace vyn::test {
 

@@ -1,10 +1,7 @@
 #include "support/vynd_process.h"
 
 #include "support/fabric.h"
-
-#include <algorithm>
-#include <filesystem>
-#include <stdexcept>
+#include "support/test.h"
 
 namespace vyn::test {
 

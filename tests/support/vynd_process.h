@@ -4,10 +4,8 @@
 
 #include "support/child_process.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/zookeeper_server.h"
-
-#include <string>
-#include <vector>
 
 namespace vyn::test {
 

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <chrono>
-#include <functional>
-#include <thread>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -4,14 +4,7 @@
 // program only: it defines the calls, which the loader finds before the helper's own.
 
 #include "platform/zk_helper/zk_helper.h"
-
-#include <dlfcn.h>
-
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <utility>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -1,14 +1,7 @@
 #include "support/zookeeper_server.h"
 
 #include "support/raw_socket.h"
-
-#include <algorithm>
-#include <atomic>
-#include <filesystem>
-#include <random>
-#include <regex>
-#include <stdexcept>
-#include <thread>
+#include "support/test.h"
 
 namespace vyn::test {
 

@@ -6,13 +6,10 @@
 #include "support/child_process.h"
 #include "support/raw_zookeeper.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 
 #include <zookeeper/zookeeper.h>
-
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace vyn::test {
 

@@ -2,14 +2,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <iterator>
-#include <regex>
-#include <set>
-#include <sstream>
-#include <string>
+#include "support/test.h"
 
 namespace {
 

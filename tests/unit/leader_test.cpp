@@ -3,14 +3,10 @@
 #include "common/util/system.h"
 #include "support/client_test.h"
 #include "support/fake_clock.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"
-
-#include <atomic>
-#include <memory>
-#include <thread>
-#include <utility>
 
 namespace vyn::tessel {
 namespace {

@@ -5,10 +5,9 @@
 
 #include "common/log/time_counter.h"
 #include "support/fake_clock.h"
+#include "support/test.h"
 #include "tessel/message/operation_codes.h"
 #include "tuning/message/tuning_operation_codes.h"
-
-#include <regex>
 
 namespace vyn::test {
 namespace {

@@ -7,19 +7,10 @@
 #include "support/all_messages.h"
 #include "support/captured_log.h"
 #include "support/seed.h"
+#include "support/test.h"
 #include "tessel/message/shuffle/shuffle_application.h"
 
 #include <flatbuffers/flatbuffers.h>
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <fstream>
-#include <functional>
-#include <future>
-#include <map>
-#include <new>
-#include <regex>
-#include <typeinfo>
 
 namespace {
 

@@ -3,9 +3,8 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "support/cluster_test.h"
+#include "support/test.h"
 #include "support/zookeeper_calls.h"
-
-#include <cstring>
 
 namespace {
 

@@ -6,12 +6,7 @@
 #include "common/log/error_info.h"
 #include "platform/openssl_dl/openssl_dl.h"
 #include "support/temp_dir.h"
-
-#include <gmock/gmock.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <regex>
+#include "support/test.h"
 
 namespace vyn::common {
 namespace {

@@ -7,17 +7,9 @@
 #include "common/config/kv_parser.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
-
-#include <gmock/gmock.h>
-#include <sys/stat.h>
+#include "support/test.h"
 
 #include <bit>
-#include <climits>
-#include <cstdlib>
-#include <random>
-#include <regex>
-#include <set>
-#include <thread>
 
 namespace vyn::common {
 namespace {

@@ -7,14 +7,8 @@
 #include "common/util/system.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "vyn/broadcast.h"
-
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-
-#include <cstdlib>
-#include <new>
-#include <thread>
 
 namespace {
 

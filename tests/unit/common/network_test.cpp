@@ -5,11 +5,7 @@
 #include "common/rpc/rpc_setter.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
-
-#include <arpa/inet.h>
-#include <gmock/gmock.h>
-
-#include <cstdlib>
+#include "support/test.h"
 
 namespace vyn::common {
 namespace {

@@ -8,11 +8,8 @@
 #include "support/fake_clock.h"
 #include "support/raw_socket.h"
 #include "support/scripted_service.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gmock/gmock.h>
-
-#include <thread>
 
 namespace vyn::common {
 namespace {

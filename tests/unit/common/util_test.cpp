@@ -11,15 +11,7 @@
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
 #include "support/temp_dir.h"
-
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-
-#include <climits>
-#include <cstdlib>
-#include <cstring>
-#include <numeric>
-#include <regex>
+#include "support/test.h"
 
 namespace vyn::common {
 namespace {

@@ -2,13 +2,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <regex>
-#include <sstream>
-#include <string>
+#include "support/test.h"
 
 namespace {
 

@@ -2,10 +2,7 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
+#include "support/test.h"
 
 namespace {
 

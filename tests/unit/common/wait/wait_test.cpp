@@ -5,14 +5,8 @@
 #include "common/wait/retry.h"
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <stdexcept>
-#include <thread>
 
 namespace vyn::test {
 namespace {

@@ -5,14 +5,8 @@
 #include "support/fabric.h"
 #include "support/raw_socket.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-
-#include <cerrno>
-#include <cstring>
 
 namespace vyn::fabric {
 namespace {

@@ -7,12 +7,8 @@
 #include "support/fabric.h"
 #include "support/link_tls.h"
 #include "support/peers.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <fcntl.h>
-#include <gtest/gtest.h>
-
-#include <optional>
 
 namespace vyn::fabric {
 namespace {

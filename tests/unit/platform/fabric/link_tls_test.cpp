@@ -6,9 +6,8 @@
 #include "platform/fabric/protocol/names.h"
 #include "support/fabric.h"
 #include "support/raw_socket.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gmock/gmock.h>
 
 namespace vyn::fabric {
 namespace {

@@ -5,17 +5,8 @@
 #include "support/fabric.h"
 #include "support/raw_socket.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <limits>
 
 namespace vyn::fabric {
 namespace {

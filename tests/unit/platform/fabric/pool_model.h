@@ -5,13 +5,7 @@
 #include "platform/fabric/client/bm_functions.h"
 #include "platform/fabric/protocol/names.h"
 #include "support/random_steps.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::fabric {
 

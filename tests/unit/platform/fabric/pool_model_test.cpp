@@ -8,12 +8,7 @@
 #include "support/fabric.h"
 #include "support/link_tls.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-
-#include <cerrno>
-#include <cstring>
+#include "support/test.h"
 
 namespace vyn::fabric {
 namespace {

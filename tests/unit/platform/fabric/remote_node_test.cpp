@@ -5,17 +5,7 @@
 #include "support/command.h"
 #include "support/fabric.h"
 #include "support/raw_socket.h"
-
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <thread>
+#include "support/test.h"
 
 namespace vyn::fabric {
 namespace {

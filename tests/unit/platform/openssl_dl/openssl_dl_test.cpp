@@ -1,6 +1,6 @@
 #include "platform/openssl_dl/openssl_dl.h"
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace vyn::openssl_dl {
 namespace {

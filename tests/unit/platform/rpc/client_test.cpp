@@ -1,16 +1,7 @@
 #include "platform/rpc/client/client.h"
 
 #include "support/peers.h"
-
-#include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <cstring>
-#include <set>
-#include <thread>
+#include "support/test.h"
 
 namespace {
 

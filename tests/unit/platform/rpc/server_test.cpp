@@ -3,19 +3,8 @@
 #include "platform/net/deadline.h"
 #include "platform/rpc/wire/frame.h"
 #include "support/peers.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <cstring>
-#include <filesystem>
-#include <map>
-#include <mutex>
-#include <set>
-#include <stdexcept>
-#include <thread>
 
 namespace vyn::rpc {
 namespace {

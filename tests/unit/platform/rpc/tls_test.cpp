@@ -4,13 +4,8 @@
 #include "support/certificates.h"
 #include "support/peers.h"
 #include "support/proxy.h"
+#include "support/test.h"
 #include "support/wait_until.h"
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <thread>
 
 namespace vyn::rpc {
 namespace {

@@ -4,20 +4,9 @@
 #include "platform/rpc/server/server.h"
 #include "support/command.h"
 #include "support/raw_socket.h"
+#include "support/test.h"
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/if_tun.h>
-#include <net/if.h>
-#include <netinet/tcp.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <functional>
 
 namespace vyn::rpc {
 namespace {

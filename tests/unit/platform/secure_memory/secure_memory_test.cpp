@@ -1,6 +1,6 @@
 #include "platform/secure_memory/secure_memory.h"
 
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 namespace {
 

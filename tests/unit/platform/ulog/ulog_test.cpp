@@ -2,16 +2,9 @@
 
 #include "common/log/logging.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 
 #include <spdlog/spdlog.h>
-#include <sys/resource.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <regex>
 
 namespace vyn::utilities::log {
 namespace {

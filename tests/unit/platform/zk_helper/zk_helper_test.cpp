@@ -3,12 +3,10 @@
 
 #include "platform/zk_helper/zk_helper.h"
 
+#include "support/test.h"
 #include "support/zookeeper_server.h"
 
-#include <dlfcn.h>
 #include <string.h>
-
-#include <set>
 
 namespace {
 

@@ -5,14 +5,7 @@
 #include "common/util/clock.h"
 #include "services/common/service_status.h"
 #include "services/metadata/metadata_state.h"
-
-#include <algorithm>
-#include <map>
-#include <set>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
+#include "support/test.h"
 
 namespace vyn::services {
 

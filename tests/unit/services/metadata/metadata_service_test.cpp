@@ -9,10 +9,9 @@
 #include "services/metadata/node_selection.h"
 #include "support/cluster_test.h"
 #include "support/proxy.h"
+#include "support/test.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
-
-#include <cstring>
 
 namespace vyn::services {
 namespace {

@@ -2,9 +2,7 @@
 
 #include "services/vynd/home_lock.h"
 #include "support/temp_dir.h"
-
-#include <gtest/gtest.h>
-#include <unistd.h>
+#include "support/test.h"
 
 namespace vyn::services {
 namespace {

@@ -2,9 +2,7 @@
 
 #include "tessel/message/shuffle/shuffle_application.h"
 
-#include <gtest/gtest.h>
-
-#include <thread>
+#include "support/test.h"
 
 namespace vyn::tessel {
 namespace {

@@ -4,16 +4,10 @@
 #include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 #include "vyn/big_memory.h"
-
-#include <dlfcn.h>
-#include <gmock/gmock.h>
-
-#include <filesystem>
-#include <regex>
-#include <thread>
 
 using testing::ElementsAre;
 using vyn::common::BigMemoryClientApi;

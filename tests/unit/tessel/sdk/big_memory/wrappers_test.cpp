@@ -4,16 +4,9 @@
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
+#include "support/test.h"
 #include "vyn/big_memory.h"
 #include "vyn/status.h"
-
-#include <gmock/gmock.h>
-
-#include <cstdlib>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <thread>
 
 using std::chrono::seconds;
 using testing::AllOf;

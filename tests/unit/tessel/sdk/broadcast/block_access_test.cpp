@@ -3,17 +3,13 @@
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
 #include "support/scripted_bmclient.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
 #include "vyn/broadcast.h"
 
-#include <sys/syscall.h>
-#include <unistd.h>
-
-#include <set>
 #include <shared_mutex>
-#include <thread>
 
 using testing::ElementsAre;
 using testing::SizeIs;

@@ -3,16 +3,11 @@
 
 #include "support/captured_log.h"
 #include "support/sdk_world.h"
+#include "support/test.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
 #include "vyn/status.h"
-
-#include <gmock/gmock.h>
-
-#include <cstdlib>
-#include <new>
-#include <thread>
 
 namespace {
 

@@ -4,13 +4,10 @@
 #include "support/captured_log.h"
 #include "support/fake_clock.h"
 #include "support/sdk_world.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
 #include "tessel/sdk/start_up/sdk_state.h"
-
-#include <gmock/gmock.h>
-
-#include <thread>
 
 namespace vyn::test {
 namespace {

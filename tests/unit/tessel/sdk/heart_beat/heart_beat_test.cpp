@@ -9,15 +9,12 @@
 #include "support/fake_clock.h"
 #include "support/scripted_service.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tessel/sdk/heart_beat/heart_beat_thread.h"
 #include "tuning/rpc/tuning_rpc_engine.h"
 #include "vyn/broadcast.h"
-
-#include <gtest/gtest.h>
-
-#include <thread>
 
 namespace vyn::common {
 namespace {

@@ -5,15 +5,11 @@
 #include "support/fake_clock.h"
 #include "support/raw_socket.h"
 #include "support/sdk_world.h"
+#include "support/test.h"
 #include "support/wait_until.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
-
-#include <dlfcn.h>
-#include <gmock/gmock.h>
-
-#include <thread>
 
 namespace {
 
