@@ -36,7 +36,7 @@ struct FabricNode::Impl {
         pool(options.nodeId, options.capacity),
         neighbours(options.directory,
                    {std::move(trust), [this](const std::string& text) { Log(kWarn, text); }}),
-        copies(pool, neighbours),
+        copies(pool, neighbours, [this](const std::string& text) { Log(kWarn, text); }),
         parts{options.nodeId,
               pool,
               copies,

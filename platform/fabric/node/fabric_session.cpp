@@ -47,6 +47,8 @@ bool FabricSession::Handle(ServerCall& call, Reader& arguments) {
       return Copy(call, arguments);
     case FabricOperation::kExist:
       return Exist(call, arguments);
+    case FabricOperation::kState:
+      return State(call, arguments);
   }
   return false;
 }
@@ -296,6 +298,28 @@ bool FabricSession::Stat(ServerCall& call, Reader& arguments) {
       });
   Writer answer;
   answer.Put(size);
+  return call.Answer(result, result == 0 ? answer.Bytes() : std::string_view());
+}
+
+bool FabricSession::State(ServerCall& call, Reader& arguments) {
+  const ObjectName object = ReadObjectName(arguments);
+  const bool withChecksum = arguments.Get<std::uint8_t>() != 0;
+  if (!arguments.Complete() || !IsObjectId(object.id)) {
+    return false;
+  }
+  const auto progress = [&call] { return call.SendProgress(); };
+  ObjectState state;
+  const int result = Forward(
+      OwnerOf(object.id),
+      [&](const NodePtr& other) { return other->State(object, withChecksum, state, progress); },
+      [&] {
+        return InNamespace(object.access, [&](const NamespacePtr& space) {
+          return mParts.pool.State(space, object.id, withChecksum ? progress : Pool::Between(), state);
+        });
+      });
+  Writer answer;
+  answer.Put(state.size).Put(state.stamp).Put(static_cast<std::uint8_t>(state.beingWritten));
+  answer.Put(state.checksum);
   return call.Answer(result, result == 0 ? answer.Bytes() : std::string_view());
 }
 

@@ -65,6 +65,7 @@ class FabricSession {
   bool Write(ServerCall& call, Reader& arguments);
   bool Copy(ServerCall& call, Reader& arguments);
   bool Exist(ServerCall& call, Reader& arguments);
+  bool State(ServerCall& call, Reader& arguments);
 
   /// Carries a request out where it belongs. \param owner the node of the object or namespace. \param remote
   /// called with the proxy when that is another node. \param local called when it is this node. Returns: the

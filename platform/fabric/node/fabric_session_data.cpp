@@ -1,6 +1,7 @@
 // The requests of a session that move an object's bytes.
 
 #include "platform/fabric/node/fabric_session.h"
+#include "platform/fabric/node/pool/write_probe.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/file_io.h"
 
@@ -99,6 +100,7 @@ bool FabricSession::Write(ServerCall& call, Reader& arguments) {
             position += count;
             return outcome == 0;
           });
+          NewStamp(file.Get());  // the kernel's own is as coarse as its clock tick
         }
         return outcome;
       });
@@ -136,10 +138,10 @@ bool FabricSession::Copy(ServerCall& call, Reader& arguments) {
         if (!InRange(sourceOffset, length, fromSize) || !InRange(destinationOffset, length, toSize)) {
           return kBmLocalError;
         }
-        return CopyFile(from.Get(), sourceOffset, to.Get(), destinationOffset, length, call.Buffer(),
-                        progress)
-                   ? 0
-                   : -EIO;
+        const bool copied =
+            CopyFile(from.Get(), sourceOffset, to.Get(), destinationOffset, length, call.Buffer(), progress);
+        NewStamp(to.Get());
+        return copied ? 0 : -EIO;
       }));
 }
 

@@ -1,5 +1,6 @@
 #include "platform/fabric/node/pulled_copies.h"
 
+#include "platform/fabric/protocol/checksum.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/file_io.h"
 
@@ -26,7 +27,8 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
   const std::string id(object.id);
   const std::string right = RightOf(object.access);
   const auto owner = mNeighbours.Find(OwnerOf(id));
-  const int ownerResult = owner == nullptr ? kBmUnconnected : owner->Stat(object, size);
+  ObjectState state;
+  const int ownerResult = owner == nullptr ? kBmUnconnected : owner->State(object, false, state);
   net::Descriptor lastReference;
   std::unique_lock lock(mMutex);
   if (ownerResult != 0) {
@@ -41,28 +43,29 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
     }
     return ownerResult;
   }
-  const std::uint64_t wanted = size;
+  const std::uint64_t pullsBefore = mPullsBegun;
   for (;;) {
     const auto found = mCopies.find(id);
     if (found == mCopies.end()) {
       auto copy = std::make_shared<Copy>();
+      copy->begun = ++mPullsBegun;
       mCopies.emplace(id, copy);
       lock.unlock();
       int result = -EIO;
       try {
-        result = Pull(*owner, object, wanted, callerWaits);
+        result = Pull(*owner, object, state, callerWaits);
       } catch (const std::exception&) {
         // Out of memory: the callers that wait for this copy get -EIO.
       }
       lock.lock();
       copy->result = result;
       if (result == 0) {
-        copy->size = wanted;
+        copy->state = state;
         copy->ns = object.access.ns;
         copy->right = TokenHash::Of(right);
         copy->use = mUses.insert(mUses.begin(), id);
         copy->ready = true;
-        mBytes += Capacity::Charge(wanted);
+        mBytes += Capacity::Charge(state.size);
         ++mPulls;
       } else {
         mCopies.erase(id);
@@ -88,8 +91,26 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
       }
       continue;
     }
-    // Pull again when the original was made larger since, or when somebody removed the file of the copy.
-    if (copy->size == wanted && OpenCopy(id, *copy, file, size)) {
+    // The bytes of a pull that began after this call are new enough, whatever happened since.
+    bool same = copy->begun > pullsBefore;
+    if (!same) {
+      const ObjectState held = copy->state;
+      lock.unlock();
+      const int result = Compare(*owner, object, held, state, same);
+      lock.lock();
+      if (result != 0) {
+        return result;
+      }
+      const auto still = mCopies.find(id);
+      if (still == mCopies.end() || still->second != copy) {
+        continue;  // dropped meanwhile
+      }
+      if (same) {
+        copy->state = state;
+      }
+    }
+    // Pull again also when somebody removed the file of the copy.
+    if (same && OpenCopy(id, *copy, file, size)) {
       if (!copy->right.Matches(right)) {
         copy->right = TokenHash::Of(right);
       }
@@ -100,15 +121,32 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
   }
 }
 
+int PulledCopies::Compare(RemoteNode& owner, const ObjectName& object, const ObjectState& copy,
+                          ObjectState& state, bool& same) {
+  same = false;
+  if (copy.size != state.size) {
+    return 0;
+  }
+  if (!copy.beingWritten && !state.beingWritten && copy.stamp == state.stamp) {
+    state.checksum = copy.checksum;
+    same = true;
+    return 0;
+  }
+  const int result = owner.State(object, true, state);
+  same = result == 0 && copy.size == state.size && copy.checksum == state.checksum;
+  return result;
+}
+
 bool PulledCopies::OpenCopy(const std::string& id, const Copy& copy, net::Descriptor& file,
                             std::uint64_t& size) const {
   file.Reset(::openat(mPool.Folder().Internal(), id.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-  size = copy.size;
+  size = copy.state.size;
   return static_cast<bool>(file);
 }
 
-int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, std::uint64_t size,
+int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, ObjectState& state,
                        const std::function<bool()>& callerWaits) {
+  const std::uint64_t size = state.size;
   Reservation reservation(mPool.Bytes(), size > Capacity::kMaxSize ? size : Capacity::Charge(size));
   if (!reservation) {
     return kBmNotEnoughCapacity;
@@ -118,26 +156,34 @@ int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, std::uint64_
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
-  std::vector<char> buffer(kFileBlock);
-  const int result =
-      owner.Read(object, 0, size, [&](Channel& channel, std::uint64_t position, std::uint32_t length) {
-        callerWaits();
-        while (length > 0) {
-          const auto count = std::min<std::uint32_t>(length, kFileBlock);
-          const net::IoStatus status = channel.ReadData(buffer.data(), count, kAnswerTimeout);
-          if (status != net::IoStatus::kOk) {
-            return status;
-          }
-          if (mStopping || !WriteFile(file.Get(), buffer.data(), count, position)) {
-            return net::IoStatus::kFailed;
-          }
-          position += count;
-          length -= count;
-        }
-        return net::IoStatus::kOk;
-      });
-  if (result != 0) {
-    return result == kBmLocalError ? -EIO : result;
+  for (int tries = 2;;) {
+    std::uint64_t checksum = 0;
+    int result = Fetch(owner, object, size, file.Get(), callerWaits, checksum);
+    const ObjectState before = state;
+    if (result == 0) {
+      result = owner.State(object, true, state, [&callerWaits] { return callerWaits(), true; });
+    }
+    if (result != 0) {
+      return result;
+    }
+    if (state.checksum == checksum && state.size == size) {
+      break;
+    }
+    if (state.beingWritten || before.beingWritten || state.stamp != before.stamp) {
+      // The caller came while the bytes changed. The next caller compares them again.
+      state.size = size;
+      state.checksum = checksum;
+      state.beingWritten = true;
+      break;
+    }
+    const bool again = --tries > 0;
+    if (mWarn != nullptr) {
+      mWarn("block " + std::string(object.id) + " of node " + std::to_string(OwnerOf(object.id)) +
+            " arrived with a wrong checksum" + (again ? ", it is pulled once more" : " twice"));
+    }
+    if (!again) {
+      return -EBADMSG;
+    }
   }
   // So that no process of this user opens it for writing by accident, not even through the descriptor that a
   // client receives.
@@ -149,9 +195,35 @@ int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, std::uint64_
   return 0;
 }
 
+int PulledCopies::Fetch(RemoteNode& owner, const ObjectName& object, std::uint64_t size, int file,
+                        const std::function<bool()>& callerWaits, std::uint64_t& checksum) {
+  Checksum arrived;
+  std::vector<char> buffer(kFileBlock);
+  const int result =
+      owner.Read(object, 0, size, [&](Channel& channel, std::uint64_t position, std::uint32_t length) {
+        callerWaits();
+        while (length > 0) {
+          const auto count = std::min<std::uint32_t>(length, kFileBlock);
+          const net::IoStatus status = channel.ReadData(buffer.data(), count, kAnswerTimeout);
+          if (status != net::IoStatus::kOk) {
+            return status;
+          }
+          arrived.Add(buffer.data(), count);
+          if (mStopping || !WriteFile(file, buffer.data(), count, position)) {
+            return net::IoStatus::kFailed;
+          }
+          position += count;
+          length -= count;
+        }
+        return net::IoStatus::kOk;
+      });
+  checksum = arrived.Value();
+  return result == kBmLocalError ? -EIO : result;
+}
+
 void PulledCopies::Remove(const std::string& id, net::Descriptor& lastReference) {
   const auto found = mCopies.find(id);
-  const std::uint64_t charge = Capacity::Charge(found->second->size);
+  const std::uint64_t charge = Capacity::Charge(found->second->state.size);
   PoolFolder::Remove(mPool.Folder().Internal(), id, lastReference);
   mUses.erase(found->second->use);
   mCopies.erase(found);
@@ -191,7 +263,7 @@ bool PulledCopies::Reclaim(std::uint64_t bytes) {
       return false;  // all copies together are too few, so none is dropped
     }
     const std::string id = mUses.back();
-    freed += Capacity::Charge(mCopies.at(id)->size);
+    freed += Capacity::Charge(mCopies.at(id)->state.size);
     Remove(id, lastReference);
   }
   return true;

@@ -3,11 +3,15 @@
 // Copies of other nodes' objects, so that processes of this machine can map them.
 //
 // Callers that ask for an object at the same time share one pull: the first caller's thread pulls, the others
-// wait. Copies are read-only and hold the contents that the original had when it was pulled. Each use asks
-// the owner whether the caller may see the object and whether it still exists; while the owner cannot be
-// reached, a caller is served that presents the namespace and token that the owner accepted last. A copy is
-// dropped when the owner has freed the original (found at a use, by Drop, or by Sweep), when its room is
-// needed, and when the node stops.
+// wait. Copies are read-only. Each use asks the owner whether the caller may see the object, whether it still
+// exists and whether its bytes are those of the copy: the stamps tell, and where they do not, because a
+// process may be writing, the checksums do. A copy that differs is pulled anew; who has mapped the old one
+// keeps it. While the owner cannot be reached, a caller is served that presents the namespace and token that
+// the owner accepted last. A copy is dropped when the owner has freed the original (found at a use, by Drop,
+// or by Sweep), when its room is needed, and when the node stops.
+//
+// Each pull compares the checksum of the bytes that arrived with the owner's, and is repeated once when they
+// differ. A second difference is an error, unless the object is being written: then nothing can be told.
 //
 // Threads: any. No lock is held while another node is called.
 
@@ -26,11 +30,14 @@ namespace vyn::fabric {
 
 class PulledCopies {
  public:
-  PulledCopies(Pool& pool, Neighbours& neighbours) : mPool(pool), mNeighbours(neighbours) {}
+  /// \param warn receives a line for the log; may be null.
+  PulledCopies(Pool& pool, Neighbours& neighbours, std::function<void(const std::string&)> warn)
+      : mPool(pool), mNeighbours(neighbours), mWarn(std::move(warn)) {}
 
   /// Opens the copy of an object of another node, after pulling it when that is needed. \param callerWaits
   /// called now and then; returns whether the caller still waits. A pull is completed all the same, for the
-  /// other callers. Returns: 0, the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EIO.
+  /// other callers. Returns: 0, the owner's refusal, or kBmUnconnected, kBmNotEnoughCapacity, -EBADMSG,
+  /// -EIO.
   int Open(const ObjectName& object, const std::function<bool()>& callerWaits, net::Descriptor& file,
            std::uint64_t& size);
 
@@ -55,17 +62,26 @@ class PulledCopies {
 
  private:
   struct Copy {
-    bool ready = false;  // otherwise it is being pulled
-    int result = 0;      // of the pull, when it has ended
-    std::uint64_t size = 0;
+    bool ready = false;       // otherwise it is being pulled
+    int result = 0;           // of the pull, when it has ended
+    std::uint64_t begun = 0;  // which pull of this node it was
+    ObjectState state;        // of the original when its bytes were these
     std::string ns;
     TokenHash right;                       // of the namespace and token that the owner accepted last
     std::list<std::string>::iterator use;  // in mUses, while ready
   };
   using CopyPtr = std::shared_ptr<Copy>;
 
-  int Pull(RemoteNode& owner, const ObjectName& object, std::uint64_t size,
+  /// Whether the copy has the original's bytes. \param state of the original; receives the checksum when it is
+  /// needed. Returns: 0, or as Open when the owner could not be asked.
+  int Compare(RemoteNode& owner, const ObjectName& object, const ObjectState& copy, ObjectState& state,
+              bool& same);
+  /// \param state of the original before the pull; receives what the copy holds.
+  int Pull(RemoteNode& owner, const ObjectName& object, ObjectState& state,
            const std::function<bool()>& callerWaits);
+  /// Reads the original into a file. \param checksum of the bytes that arrived.
+  int Fetch(RemoteNode& owner, const ObjectName& object, std::uint64_t size, int file,
+            const std::function<bool()>& callerWaits, std::uint64_t& checksum);
   /// Removes a ready copy. Requires: mMutex is held. \param lastReference as in PoolFolder::Remove.
   void Remove(const std::string& id, net::Descriptor& lastReference);
   /// Opens the file of a ready copy. Returns: false when somebody removed it.
@@ -73,13 +89,15 @@ class PulledCopies {
 
   Pool& mPool;
   Neighbours& mNeighbours;
+  const std::function<void(const std::string&)> mWarn;
   std::atomic<bool> mStopping{false};
   mutable std::mutex mMutex;  // guards all below
   std::condition_variable mChanged;
   std::unordered_map<std::string, CopyPtr> mCopies;
   std::list<std::string> mUses;  // ids of ready copies, the most recently used first
   std::uint64_t mBytes = 0;      // quota that the ready copies use
-  std::uint64_t mPulls = 0;
+  std::uint64_t mPulls = 0;      // completed
+  std::uint64_t mPullsBegun = 0;
 };
 
 }  // namespace vyn::fabric

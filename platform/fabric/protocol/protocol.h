@@ -16,7 +16,7 @@
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
 // the request's operation and sequence number. A client has at most kPipelineDepth requests in flight on a
 // connection; a node does not count them, it reads the next one when it has answered the last. While it works
-// on a kDestroyNamespace, kFreeBatch, kOpen or kCopy it sends interim answers, which are marked
+// on a kDestroyNamespace, kFreeBatch, kOpen, kCopy or kState it sends interim answers, which are marked
 // kFrameProgress and carry nothing. A frame that breaks a limit or the sequence ends the connection. A node
 // answers nothing before the hello, and closes a connection whose frame stays incomplete for kFrameTimeout.
 //
@@ -52,6 +52,8 @@ static_assert(std::endian::native == std::endian::little, "frames are written as
 //   kBmLocalError              a range beyond the object, an argument that makes no sense, a failure on this
 //                              machine
 //   kBmUnconnected             a node that is needed cannot be reached, or did not answer in time
+//   -EBADMSG                   an object arrived from its owner twice with other bytes than the owner's
+//                              checksum tells
 //   kBmRemoteFailed            the remote node failed in its own work
 //   kBmRemoteProtocol          the remote side answered what no fabric node answers, or is another node than
 //                              the one called; a link could not be secured: one side without TLS, a
@@ -146,6 +148,9 @@ enum class FabricOperation : std::uint16_t {
   /// node has the object, else 0. A node asks this to find pulled copies whose original is gone.
   /// Needs no token: an id cannot be guessed, and a caller that knows it learns one bit.
   kExist = 14,
+  /// secured, text id, u8 1 to have the checksum -> u64 size, u64 stamp, u8 1 while a process may write, u64
+  /// checksum (0 unless it was asked for): an ObjectState (remote_node.h).
+  kState = 15,
 };
 
 // --- Time

@@ -262,6 +262,23 @@ int RemoteNode::Stat(const ObjectName& object, std::uint64_t& size) {
   return reader.Complete() ? 0 : kBmRemoteProtocol;
 }
 
+int RemoteNode::State(const ObjectName& object, bool withChecksum, ObjectState& state,
+                      const Progress& progress) {
+  Writer head;
+  Put(head, object).Put(static_cast<std::uint8_t>(withChecksum));
+  std::string answer;
+  if (const int result = Call(FabricOperation::kState, head.Bytes(), answer, {}, nullptr, progress);
+      result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  state.size = reader.Get<std::uint64_t>();
+  state.stamp = reader.Get<std::uint64_t>();
+  state.beingWritten = reader.Get<std::uint8_t>() != 0;
+  state.checksum = reader.Get<std::uint64_t>();
+  return reader.Complete() ? 0 : kBmRemoteProtocol;
+}
+
 int RemoteNode::Copy(const ObjectName& source, std::uint64_t sourceOffset, const ObjectName& destination,
                      std::uint64_t destinationOffset, std::uint64_t length, const Progress& progress) {
   Writer head;

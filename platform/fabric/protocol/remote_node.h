@@ -28,6 +28,15 @@ struct Timeouts {
   std::chrono::milliseconds answer = kAnswerTimeout;
 };
 
+/// What the owner of an object says about its contents.
+struct ObjectState {
+  std::uint64_t size = 0;   ///< bytes
+  std::uint64_t stamp = 0;  ///< another one after each write and each opening for writing
+  bool beingWritten =
+      false;  ///< a process has the object open or mapped for writing: bytes may change any time
+  std::uint64_t checksum = 0;  ///< of the contents, if it was asked for (checksum.h)
+};
+
 class RemoteNode {
  public:
   /// Returns a connected stream, or null. \param result of a failure; kBmUnconnected unless it is set.
@@ -63,6 +72,8 @@ class RemoteNode {
   /// Broker only. \param writable in: the wish; out: whether the descriptor is for writing.
   int Open(const ObjectName& object, bool& writable, net::Descriptor& descriptor, std::uint64_t& size);
   int Stat(const ObjectName& object, std::uint64_t& size);
+  int State(const ObjectName& object, bool withChecksum, ObjectState& state,
+            const Progress& progress = Channel::AlwaysWanted);
   int Copy(const ObjectName& source, std::uint64_t sourceOffset, const ObjectName& destination,
            std::uint64_t destinationOffset, std::uint64_t length,
            const Progress& progress = Channel::AlwaysWanted);

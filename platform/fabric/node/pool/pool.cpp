@@ -1,7 +1,10 @@
 #include "platform/fabric/node/pool/pool.h"
 
+#include "platform/fabric/node/pool/write_probe.h"
+#include "platform/fabric/protocol/checksum.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/protocol/protocol.h"
+#include "platform/fabric/transport/file_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -159,6 +162,7 @@ int Pool::DestroyNamespace(const NamespacePtr& space, const std::function<void()
     }
     space->destroyed = true;
     space->sizes.clear();
+    space->checksums.clear();
     charged = std::exchange(space->charged, 0);
     mNamespaces.erase(space->name);
   }
@@ -340,6 +344,7 @@ int Pool::Free(const NamespacePtr& space, std::string_view id) {
     charge = Capacity::Charge(found->second);
     PoolFolder::Remove(mFolder.Descriptor(), PathOf(*space, id), lastReference);
     mFolder.RemoveSize(space->name, found->first);
+    space->checksums.erase(found->first);
     space->sizes.erase(found);
     space->charged -= charge;
   }
@@ -365,10 +370,47 @@ int Pool::OpenObject(const NamespacePtr& space, std::string_view id, bool writab
   }
   file.Reset(::openat(mFolder.Descriptor(), PathOf(*space, id).c_str(),
                       (writable ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC));
-  if (file) {
+  if (!file) {
+    return errno == ENOENT ? -ENOENT : -EIO;  // freed meanwhile
+  }
+  return !writable || NewStamp(file.Get()) ? 0 : -EIO;
+}
+
+int Pool::State(const NamespacePtr& space, std::string_view id, const Between& between,
+                ObjectState& state) const {
+  net::Descriptor file;
+  if (const int result = OpenObject(space, id, false, file, state.size); result != 0) {
+    return result;
+  }
+  state.beingWritten = IsOpenForWriting(file.Get());
+  state.stamp = StampOf(file.Get());
+  if (between == nullptr) {
     return 0;
   }
-  return errno == ENOENT ? -ENOENT : -EIO;  // freed meanwhile
+  const std::string key(id);
+  if (!state.beingWritten) {
+    std::lock_guard lock(space->mutex);
+    const auto known = space->checksums.find(key);
+    if (known != space->checksums.end() && known->second.stamp == state.stamp) {
+      state.checksum = known->second.checksum;
+      return 0;
+    }
+  }
+  Checksum checksum;
+  std::vector<char> buffer(kFileBlock);
+  for (std::uint64_t offset = 0; offset < state.size; offset += kFileBlock) {
+    const std::size_t length = std::min<std::uint64_t>(kFileBlock, state.size - offset);
+    if (!ReadFile(file.Get(), buffer.data(), length, offset) || !between()) {
+      return -EIO;
+    }
+    checksum.Add(buffer.data(), length);
+  }
+  state.checksum = checksum.Value();
+  std::lock_guard lock(space->mutex);
+  if (!state.beingWritten && space->sizes.count(key) > 0) {
+    space->checksums.insert_or_assign(key, Namespace::Known{state.stamp, state.checksum});
+  }
+  return 0;
 }
 
 std::vector<bool> Pool::Exist(const std::vector<std::string>& ids) const {

@@ -30,10 +30,15 @@ struct Namespace {
   const std::string name;
   const TokenHash token;
 
-  std::mutex mutex;  // guards destroyed, sizes and charged
+  std::mutex mutex;  // guards destroyed, sizes, checksums and charged
   bool destroyed = false;
   std::unordered_map<std::string, std::uint64_t> sizes;  // of the objects, in bytes, by id
-  std::uint64_t charged = 0;                             // bytes of quota that the objects use
+  struct Known {
+    std::uint64_t stamp;
+    std::uint64_t checksum;
+  };
+  std::unordered_map<std::string, Known> checksums;  // of objects that nobody wrote since the stamp
+  std::uint64_t charged = 0;                         // bytes of quota that the objects use
   /// Held while an object of this namespace is made larger, so that one call at a time does that. Taken
   /// before `mutex`.
   std::mutex expanding;
@@ -77,7 +82,11 @@ class Pool {
   int Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size);
   int Free(const NamespacePtr& space, std::string_view id);
   int Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& size) const;
-  /// Opens an object's file.
+  /// Called after every block of a file that is read; false ends the reading.
+  using Between = std::function<bool()>;
+  /// \param between null: the checksum is not computed. Returns also -EIO, when the file cannot be read.
+  int State(const NamespacePtr& space, std::string_view id, const Between& between, ObjectState& state) const;
+  /// Opens an object's file. One that is opened for writing gets a new stamp (ObjectState).
   int OpenObject(const NamespacePtr& space, std::string_view id, bool writable, net::Descriptor& file,
                  std::uint64_t& size) const;
   /// For each object whether any namespace has it.

@@ -1,0 +1,20 @@
+#pragma once
+
+// Whether an object's bytes can change, and whether they may have changed: what a node must know before it
+// serves a copy that another node keeps. Threads: no state, any thread.
+
+#include <cstdint>
+
+namespace vyn::fabric {
+
+/// Whether any process has the file open for writing, or mapped from such a descriptor. The kernel tells it by
+/// refusing a read lease. Also true when the kernel gives no leases (/proc/sys/fs/leases-enable is 0).
+/// \param file open for reading only. This process owns the file.
+bool IsOpenForWriting(int file);
+
+/// The stamp of a file: its modification time in nanoseconds. It outlives the node.
+std::uint64_t StampOf(int file);
+/// Gives the file a stamp that it did not have before. Returns: false on failure, with errno set.
+bool NewStamp(int file);
+
+}  // namespace vyn::fabric
