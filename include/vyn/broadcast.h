@@ -171,6 +171,9 @@ unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId);
 
 // --- creating and fetching blocks ------------------------------------------------------------------------
 
+// These functions have no commit. A reader that maps a block before its creator has filled it sees what is
+// there, with status 0. What it saw is never kept: the next reader sees the bytes of its own time.
+
 /// Creates the blocks of a variable on this node, which must belong to the fabric. Call it once for each
 /// variable.
 /// \param sizes bytes of each block, `blockNum` of them, in block order.

@@ -22,6 +22,8 @@ class ByteProxy {
   void LetGo() { mLeft = std::numeric_limits<std::int64_t>::max(); }
   /// Passes nothing on in either direction, as a network that has lost one of the two; or everything again.
   void Cut(bool cut) { mCut = cut; }
+  /// Changes a byte in each of the next `times` pieces of more than 1,000 bytes that come from the port.
+  void Damage(int times) { mDamages = times; }
   /// Ends the present connections and waits until they are gone.
   void Drop();
   /// What has gone through so far.
@@ -39,7 +41,7 @@ class ByteProxy {
   RawListener mListener;
   std::atomic<std::int64_t> mLeft;
   std::atomic<bool> mStill{false}, mCut{false}, mEnd{false};
-  std::atomic<int> mDrops{0}, mConnections{0};
+  std::atomic<int> mDrops{0}, mConnections{0}, mDamages{0};
   mutable std::mutex mMutex;  ///< guards the copies
   std::string mToServer, mToClient;
   std::thread mThread;

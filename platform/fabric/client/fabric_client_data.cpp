@@ -15,6 +15,9 @@ namespace vyn::fabric {
 
 namespace {
 
+/// Reads of fewer bytes are not checked: asking for the checksum would take longer than the read.
+constexpr std::uint64_t kCheckedLength = 64U << 10U;
+
 /// The result of a transfer between several locations. \param remoteError stands for a failure of a remote
 /// node, which a plain read or write reports as kBmRemoteFailed.
 int Transferred(int result, int remoteError) { return result == kBmRemoteFailed ? remoteError : result; }
@@ -101,7 +104,11 @@ int FabricClient::Read(const BmSecContext* context, std::uint64_t offset, std::u
   ObjectLocation place;
   int result = buffer == nullptr && length > 0 ? kBmLocalError : ParseObjectName(context, object);
   result = result == 0 ? Locate(object, false, place) : result;
-  return result != 0 ? result : place.Read(offset, length, buffer);
+  if (result != 0) {
+    return result;
+  }
+  return offset == 0 && length >= kCheckedLength ? place.ReadChecked(length, buffer)
+                                                 : place.Read(offset, length, buffer);
 }
 
 int FabricClient::Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length,

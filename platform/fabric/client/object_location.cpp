@@ -1,9 +1,11 @@
 #include "platform/fabric/client/object_location.h"
 
+#include "platform/fabric/protocol/checksum.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/file_io.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace vyn::fabric {
 
@@ -25,6 +27,28 @@ int ObjectLocation::Read(std::uint64_t offset, std::uint64_t length, void* buffe
   }
   return InRange(offset, length + beyond) && ReadFile(mFile.Get(), buffer, length, offset) ? 0
                                                                                            : kBmLocalError;
+}
+
+int ObjectLocation::ReadChecked(std::uint64_t length, void* buffer) {
+  if (mNode == nullptr) {
+    return Read(0, length, buffer);
+  }
+  for (int tries = 2; tries > 0; --tries) {
+    Checksum arrived;
+    const RemoteNode::Sink sink = [&](Channel& channel, std::uint64_t position, std::uint32_t count) {
+      char* place = static_cast<char*>(buffer) + position;
+      const net::IoStatus status = channel.ReadData(place, count, kAnswerTimeout);
+      arrived.Add(place, count);  // while the bytes are in the processor's cache
+      return status;
+    };
+    ObjectState state;
+    int result = mNode->Read(mName, 0, length, sink);
+    result = result == 0 ? mNode->State(mName, true, state) : result;
+    if (result != 0 || state.size != length || state.beingWritten || state.checksum == arrived.Value()) {
+      return result;
+    }
+  }
+  return -EBADMSG;
 }
 
 int ObjectLocation::Write(std::uint64_t offset, std::uint64_t length, const void* buffer,

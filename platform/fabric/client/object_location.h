@@ -23,6 +23,10 @@ class ObjectLocation {
   /// does not lie in the object, or a node's result.
   int Read(std::uint64_t offset, std::uint64_t length, void* buffer, std::uint64_t beyond = 0);
   int Write(std::uint64_t offset, std::uint64_t length, const void* buffer, std::uint64_t beyond = 0);
+  /// The first `length` bytes of the object. When these are the whole object and it is at a node, they are
+  /// compared with that node's checksum and read once more if they differ. Returns also -EBADMSG, when they
+  /// differ twice though nobody writes.
+  int ReadChecked(std::uint64_t length, void* buffer);
   /// Whether the range lies in the object. Returns: 0, kBmLocalError, or a node's result.
   int CheckRange(std::uint64_t offset, std::uint64_t length);
   /// `length` bytes of an open file, from `fileOffset` on, to the object's beginning.
