@@ -11,6 +11,12 @@ namespace {
 /// How long after its answer an allocation is undone by a reset: longer than any caller waits for the answer.
 constexpr std::chrono::seconds kUnacknowledgedTime{30};
 
+std::string AnswerOf(const ObjectState& state) {
+  Writer answer;
+  answer.Put(state.size).Put(state.stamp).Put(static_cast<std::uint8_t>(state.beingWritten));
+  return std::string(answer.Put(state.checksum).Bytes());
+}
+
 }  // namespace
 
 bool FabricSession::Handle(ServerCall& call, Reader& arguments) {
@@ -309,6 +315,10 @@ bool FabricSession::State(ServerCall& call, Reader& arguments) {
   }
   const auto progress = [&call] { return call.SendProgress(); };
   ObjectState state;
+  if (mKind == ListenerKind::kLink && OwnerOf(object.id) != mParts.nodeId) {
+    const int kept = mParts.copies.StateOfCopy(object, progress, state);
+    return call.Answer(kept, kept == 0 ? AnswerOf(state) : std::string());
+  }
   const int result = Forward(
       OwnerOf(object.id),
       [&](const NodePtr& other) { return other->State(object, withChecksum, state, progress); },
@@ -317,10 +327,7 @@ bool FabricSession::State(ServerCall& call, Reader& arguments) {
           return mParts.pool.State(space, object.id, withChecksum ? progress : Pool::Between(), state);
         });
       });
-  Writer answer;
-  answer.Put(state.size).Put(state.stamp).Put(static_cast<std::uint8_t>(state.beingWritten));
-  answer.Put(state.checksum);
-  return call.Answer(result, result == 0 ? answer.Bytes() : std::string_view());
+  return call.Answer(result, result == 0 ? AnswerOf(state) : std::string());
 }
 
 bool FabricSession::Exist(ServerCall& call, Reader& arguments) {

@@ -1,7 +1,7 @@
 // The requests of a session that move an object's bytes.
 
 #include "platform/fabric/node/fabric_session.h"
-#include "platform/fabric/node/pool/write_probe.h"
+#include "platform/fabric/node/pool/file_state.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/file_io.h"
 

@@ -1,5 +1,6 @@
 #include "platform/fabric/node/pulled_copies.h"
 
+#include "platform/fabric/node/pool/file_state.h"
 #include "platform/fabric/protocol/checksum.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/file_io.h"
@@ -119,6 +120,23 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
     }
     Remove(id, lastReference);
   }
+}
+
+int PulledCopies::StateOfCopy(const ObjectName& object, const std::function<bool()>& between,
+                              ObjectState& state) const {
+  const std::string id(object.id);
+  net::Descriptor file;
+  {
+    std::lock_guard lock(mMutex);
+    const auto found = mCopies.find(id);
+    if (found == mCopies.end() || !found->second->ready ||
+        !found->second->right.Matches(RightOf(object.access)) ||
+        !OpenCopy(id, *found->second, file, state.size)) {
+      return -ENOENT;
+    }
+    state = found->second->state;
+  }
+  return ChecksumOf(file.Get(), state.size, between, state.checksum) ? 0 : -EIO;
 }
 
 int PulledCopies::Compare(RemoteNode& owner, const ObjectName& object, const ObjectState& copy,

@@ -41,6 +41,10 @@ class PulledCopies {
   int Open(const ObjectName& object, const std::function<bool()>& callerWaits, net::Descriptor& file,
            std::uint64_t& size);
 
+  /// What the copy that this node keeps holds now; its file is read. \param between called after every block;
+  /// false ends the reading. Returns: 0, -EIO, or -ENOENT when there is no copy for the caller.
+  int StateOfCopy(const ObjectName& object, const std::function<bool()>& between, ObjectState& state) const;
+
   /// Forgets a copy whose original is gone.
   void Drop(std::string_view id);
   /// Forgets all copies of a namespace that is gone.

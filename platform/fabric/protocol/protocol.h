@@ -148,6 +148,8 @@ enum class FabricOperation : std::uint16_t {
   /// node has the object, else 0. A node asks this to find pulled copies whose original is gone.
   /// Needs no token: an id cannot be guessed, and a caller that knows it learns one bit.
   kExist = 14,
+  /// Over a link a node answers for an object of another node, too: about the copy that it keeps, whose file
+  /// it reads. -ENOENT when it keeps none, or none that this namespace and token would be served.
   /// secured, text id, u8 1 to have the checksum -> u64 size, u64 stamp, u8 1 while a process may write, u64
   /// checksum (0 unless it was asked for): an ObjectState (remote_node.h).
   kState = 15,

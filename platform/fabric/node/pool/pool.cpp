@@ -1,10 +1,8 @@
 #include "platform/fabric/node/pool/pool.h"
 
-#include "platform/fabric/node/pool/write_probe.h"
-#include "platform/fabric/protocol/checksum.h"
+#include "platform/fabric/node/pool/file_state.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/protocol/protocol.h"
-#include "platform/fabric/transport/file_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -396,16 +394,9 @@ int Pool::State(const NamespacePtr& space, std::string_view id, const Between& b
       return 0;
     }
   }
-  Checksum checksum;
-  std::vector<char> buffer(kFileBlock);
-  for (std::uint64_t offset = 0; offset < state.size; offset += kFileBlock) {
-    const std::size_t length = std::min<std::uint64_t>(kFileBlock, state.size - offset);
-    if (!ReadFile(file.Get(), buffer.data(), length, offset) || !between()) {
-      return -EIO;
-    }
-    checksum.Add(buffer.data(), length);
+  if (!ChecksumOf(file.Get(), state.size, between, state.checksum)) {
+    return -EIO;
   }
-  state.checksum = checksum.Value();
   std::lock_guard lock(space->mutex);
   if (!state.beingWritten && space->sizes.count(key) > 0) {
     space->checksums.insert_or_assign(key, Namespace::Known{state.stamp, state.checksum});

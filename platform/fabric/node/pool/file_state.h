@@ -4,6 +4,7 @@
 // serves a copy that another node keeps. Threads: no state, any thread.
 
 #include <cstdint>
+#include <functional>
 
 namespace vyn::fabric {
 
@@ -16,5 +17,9 @@ bool IsOpenForWriting(int file);
 std::uint64_t StampOf(int file);
 /// Gives the file a stamp that it did not have before. Returns: false on failure, with errno set.
 bool NewStamp(int file);
+
+/// The checksum of a file's first `size` bytes. \param between called after every block; false ends the
+/// reading. Returns: false when it was ended, or when the file is shorter or cannot be read.
+bool ChecksumOf(int file, std::uint64_t size, const std::function<bool()>& between, std::uint64_t& checksum);
 
 }  // namespace vyn::fabric

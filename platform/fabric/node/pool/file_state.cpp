@@ -1,4 +1,7 @@
-#include "platform/fabric/node/pool/write_probe.h"
+#include "platform/fabric/node/pool/file_state.h"
+
+#include "platform/fabric/protocol/checksum.h"
+#include "platform/fabric/transport/file_io.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -6,6 +9,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <vector>
 
 namespace vyn::fabric {
 
@@ -43,6 +47,20 @@ bool NewStamp(int file) {
       {static_cast<time_t>(stamp / kSecond), static_cast<long>(stamp % kSecond)},
   };
   return ::futimens(file, times) == 0;
+}
+
+bool ChecksumOf(int file, std::uint64_t size, const std::function<bool()>& between, std::uint64_t& checksum) {
+  Checksum sum;
+  std::vector<char> buffer(kFileBlock);
+  for (std::uint64_t offset = 0; offset < size; offset += kFileBlock) {
+    const std::size_t length = std::min<std::uint64_t>(kFileBlock, size - offset);
+    if (!ReadFile(file, buffer.data(), length, offset) || !between()) {
+      return false;
+    }
+    sum.Add(buffer.data(), length);
+  }
+  checksum = sum.Value();
+  return true;
 }
 
 }  // namespace vyn::fabric
