@@ -20,6 +20,9 @@ void PutVariable(const Settings& settings, const std::string& application, std::
 /// Writes a variable's contents to `file`, or to standard output when that is empty.
 void GetVariable(const Settings& settings, const std::string& application, std::uint32_t id,
                  const std::string& file);
+/// Reads the variable's blocks and all copies of them, each on its own node, and prints for each node whether
+/// they agree. Returns: whether all do.
+bool VerifyVariable(const Settings& settings, const std::string& application, std::uint32_t id);
 void RemoveVariable(const Settings& settings, const std::string& application, std::uint32_t id);
 
 }  // namespace vyn::tools

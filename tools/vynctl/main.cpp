@@ -110,6 +110,11 @@ int main(int argc, char** argv) {
   remove->add_option("APP", application)->required();
   remove->add_option("ID", id)->required();
   remove->callback([&] { RemoveVariable(settings, application, id); });
+  auto* verify =
+      app.add_subcommand("verify", "read a variable and all its copies and compare their checksums");
+  verify->add_option("APP", application)->required();
+  verify->add_option("ID", id)->required();
+  verify->callback([&] { code = VerifyVariable(settings, application, id) ? 0 : 1; });
   auto* apps = app.add_subcommand("app", "applications");
   apps->require_subcommand(1);
   apps->add_subcommand("ls", "list them with their variables")->callback([&] { ListApplications(settings); });
