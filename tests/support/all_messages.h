@@ -13,27 +13,27 @@
 #include "tuning/message/tuning_messages.h"
 #include "vyn/status.h"
 
-namespace vyn::test {
+namespace vyn::tessel {
 
 /// The classes that are tables. The place in the list is the first byte of a fuzzer's input: append only.
 using TableMessages = std::tuple<
-    tessel::BroadcastVar, tessel::BroadcastVarEntry, tessel::BroadcastBlockBatch, tessel::BroadcastBlockInfo,
-    tessel::BlockInfoRequest, tessel::BlockBmInfo, tessel::BroadcastRemoteNodeReq,
-    tessel::BroadcastRemoteNodeRsp, tessel::NodeIdResponse, tessel::NodeInformation,
-    tessel::MetaLeaderInformation, tessel::HostMessage, tessel::CapacityInfo, tessel::ClusterCapacityMessage,
-    common::HeartBeatMessage, tessel::TimeStamp, tessel::UsingTimeRequest, tessel::ApplicationRegisterRequest,
-    tessel::ShuffleApplication, tessel::ShuffleApplicationIdList, tessel::ShuffleBag, tessel::ShuffleBagBatch,
-    tessel::ShuffleBagInfoGetRequest, tessel::ShuffleBagIdEntry, tessel::ShuffleBagIdList,
-    tessel::ShuffleBlobId, tessel::ShuffleBlobIdList, tessel::BlobCreateRequest, tessel::BlobRequest,
-    tessel::BlobBatchDeleteRequest, tessel::BlobListBagRequest, tessel::BlobListCasRequest,
-    tessel::ShuffleBlobStateIndexCASList, tessel::ShuffleBlobStateIndexCASResultList,
-    tessel::ShuffleBlobStateIndexList, tessel::ShuffleBlobListAndTaskInfo, tessel::StageInfo,
-    tessel::ShuffleStage, tessel::ShuffleStagesCompletedInfo, tessel::ShuffleIdList,
-    tessel::WorkerRemovedNotification, tessel::MapTaskStatus, tessel::TaskAttemptStatus,
-    tessel::LocalBlobGetRequest, tessel::LocalBlob, tessel::LocalBlobCommitRequest,
-    tessel::LocalBlobCommitResponse, tuning::TuningSqlMessage, tuning::RegisterResult, tuning::TuningMetrics,
-    tuning::InferIdentification, tuning::InferResult>;
+    BroadcastVar, BroadcastVarEntry, BroadcastBlockBatch, BroadcastBlockInfo, BlockInfoRequest, BlockBmInfo,
+    BroadcastRemoteNodeReq, BroadcastRemoteNodeRsp, NodeIdResponse, NodeInformation, MetaLeaderInformation,
+    HostMessage, CapacityInfo, ClusterCapacityMessage, common::HeartBeatMessage, TimeStamp, UsingTimeRequest,
+    ApplicationRegisterRequest, ShuffleApplication, ShuffleApplicationIdList, ShuffleBag, ShuffleBagBatch,
+    ShuffleBagInfoGetRequest, ShuffleBagIdEntry, ShuffleBagIdList, ShuffleBlobId, ShuffleBlobIdList,
+    BlobCreateRequest, BlobRequest, BlobBatchDeleteRequest, BlobListBagRequest, BlobListCasRequest,
+    ShuffleBlobStateIndexCASList, ShuffleBlobStateIndexCASResultList, ShuffleBlobStateIndexList,
+    ShuffleBlobListAndTaskInfo, StageInfo, ShuffleStage, ShuffleStagesCompletedInfo, ShuffleIdList,
+    WorkerRemovedNotification, MapTaskStatus, TaskAttemptStatus, LocalBlobGetRequest, LocalBlob,
+    LocalBlobCommitRequest, LocalBlobCommitResponse, tuning::TuningSqlMessage, tuning::RegisterResult,
+    tuning::TuningMetrics, tuning::InferIdentification, tuning::InferResult>;
 
+}  // namespace vyn::tessel
+
+namespace vyn::test {
+
+using tessel::TableMessages;
 using Random = std::mt19937_64;
 
 /// Gives a message, or a member, random contents.
@@ -62,6 +62,15 @@ void Fill(Member& member, Random& random) {
   }
 }
 
+/// Calls `take` with each index below `Count`, as a constant.
+template <std::size_t Count, typename Take>
+void ForEachIndex(Take take) {
+  [&]<std::size_t... Index>(std::index_sequence<Index...>) {
+    (take(std::integral_constant<std::size_t, Index>()), ...);
+  }
+  (std::make_index_sequence<Count>());
+}
+
 /// The status of reading exactly these bytes, out of memory that ends where they end. \param shift the place of
 /// the first byte behind a multiple of 8.
 template <typename Class>
@@ -75,9 +84,7 @@ std::uint32_t Read(Class& message, std::string_view bytes, std::size_t shift = 0
 
 /// The bytes of a message; empty when it refuses to be serialised.
 inline std::string Bytes(common::BaseMessage& message) {
-  if (Failed(message.Serialize())) {
-    return {};
-  }
+  message.Serialize();
   return {reinterpret_cast<const char*>(message.SerializedData()), message.SerializedDataSize()};
 }
 

@@ -11,23 +11,22 @@ using utilities::log::ULog;
 
 class CapturedLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  /// Takes all lines out when `clear` is set.
-  std::vector<Line> Lines(bool clear) {
+  using Lines = std::map<int, std::vector<std::string>>;
+  Lines Take(bool keep) {
     std::lock_guard lock(mutex_);
-    return clear ? std::exchange(mLines, {}) : mLines;
+    return keep ? mLines : std::exchange(mLines, {});
   }
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
     const std::string whole(message.payload.data(), message.payload.size());
     const auto mark = whole.find("] ");
-    mLines.push_back(
-        {static_cast<int>(message.level), mark == std::string::npos ? whole : whole.substr(mark + 2), whole});
+    mLines[message.level].push_back(mark == std::string::npos ? whole : whole.substr(mark + 2));
   }
   void flush_() override {}
 
  private:
-  std::vector<Line> mLines;  ///< guarded by mutex_
+  Lines mLines;  ///< guarded by mutex_
 };
 
 CapturedLog::CapturedLog(int level) : mSink(std::make_shared<Sink>()), mOld(ULog::gLogger.load()) {
@@ -42,25 +41,8 @@ CapturedLog::CapturedLog(int level) : mSink(std::make_shared<Sink>()), mOld(ULog
   ULog::gLogger.store(logger);
 }
 
-CapturedLog::~CapturedLog() { ULog::gLogger.store(mOld); }
+std::vector<std::string> CapturedLog::Texts(int level) const { return mSink->Take(true)[level]; }
 
-std::vector<CapturedLog::Line> CapturedLog::Lines() const { return mSink->Lines(false); }
-
-void CapturedLog::Clear() { mSink->Lines(true); }
-
-std::vector<std::string> CapturedLog::Texts(int level) const {
-  std::vector<std::string> texts;
-  for (const Line& line : Lines()) {
-    if (line.level == level) {
-      texts.push_back(line.text);
-    }
-  }
-  return texts;
-}
-
-bool CapturedLog::Has(int level, const std::string& text) const {
-  const auto texts = Texts(level);
-  return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
+void CapturedLog::Clear() { mSink->Take(false); }
 
 }  // namespace vyn::test

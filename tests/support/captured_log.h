@@ -11,20 +11,12 @@ class CapturedLog {
  public:
   /// \param level the threshold, 1 debug to 4 error.
   explicit CapturedLog(int level = 1);
-  ~CapturedLog();
+  ~CapturedLog() { utilities::log::ULog::gLogger.store(mOld); }
   CapturedLog(const CapturedLog&) = delete;
   CapturedLog& operator=(const CapturedLog&) = delete;
 
-  struct Line {
-    int level;         ///< 1 debug, 2 info, 3 warn, 4 error
-    std::string text;  ///< the message behind "<source file>:<line>] "
-    std::string whole;
-  };
-  std::vector<Line> Lines() const;
-  /// The messages of one level, in order.
+  /// The messages of one level, 1 debug, 2 info, 3 warn, 4 error, in order, without "<source file>:<line>] ".
   std::vector<std::string> Texts(int level) const;
-  /// Whether a line of this level has exactly this message.
-  bool Has(int level, const std::string& text) const;
   void Clear();
 
  private:

@@ -10,17 +10,16 @@ namespace vyn::test {
 
 class FakeClock : public common::Clock {
  public:
+  using Duration = std::chrono::nanoseconds;
+
   /// \param onSleep runs in every sleep.
   explicit FakeClock(std::function<void()> onSleep = [] {}) : mOnSleep(std::move(onSleep)) {
     common::Clock::Replace(this);
   }
   ~FakeClock() override { common::Clock::Replace(nullptr); }
 
-  std::chrono::steady_clock::time_point Now() override {
-    std::lock_guard lock(mMutex);
-    return mNow;
-  }
-  void SleepFor(std::chrono::nanoseconds duration) override {
+  std::chrono::steady_clock::time_point Now() override { return Copy(mNow); }
+  void SleepFor(Duration duration) override {
     {
       std::lock_guard lock(mMutex);
       mSleeps.push_back(duration);
@@ -28,20 +27,21 @@ class FakeClock : public common::Clock {
     }
     mOnSleep();
   }
-
   void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-               std::chrono::nanoseconds duration) override {
-    {
-      std::lock_guard own(mMutex);
-      mWaits.push_back(duration);
-      mWaiters.insert(std::this_thread::get_id());
-      mWaiting = &condition;
-    }
-    if (!TakeEnd(duration)) {
+               Duration duration) override {
+    std::unique_lock own(mMutex);
+    mWaits.push_back(duration);
+    mWaiters.insert(std::this_thread::get_id());
+    mWaiting = &condition;
+    if (mEnds == 0) {
+      own.unlock();
       condition.wait(lock);
-      TakeEnd(duration);
+      own.lock();
     }
-    std::lock_guard own(mMutex);
+    if (mEnds != 0) {
+      --mEnds;
+      mNow += duration;
+    }
     mWaiting = nullptr;
   }
 
@@ -62,37 +62,24 @@ class FakeClock : public common::Clock {
     mEnds = std::numeric_limits<int>::max();
   }
   /// The number of threads that have waited on a condition.
-  std::size_t Waiters() {
-    std::lock_guard lock(mMutex);
-    return mWaiters.size();
-  }
+  std::size_t Waiters() { return Copy(mWaiters).size(); }
   /// The waits on a condition so far, in order.
-  std::vector<std::chrono::nanoseconds> Waits() {
-    std::lock_guard lock(mMutex);
-    return mWaits;
-  }
+  std::vector<Duration> Waits() { return Copy(mWaits); }
   /// The sleeps so far, in order.
-  std::vector<std::chrono::nanoseconds> Sleeps() {
-    std::lock_guard lock(mMutex);
-    return mSleeps;
-  }
+  std::vector<Duration> Sleeps() { return Copy(mSleeps); }
 
  private:
-  bool TakeEnd(std::chrono::nanoseconds duration) {
+  template <typename Member>
+  Member Copy(const Member& member) {
     std::lock_guard lock(mMutex);
-    if (mEnds == 0) {
-      return false;
-    }
-    --mEnds;
-    mNow += duration;
-    return true;
+    return member;
   }
 
   const std::function<void()> mOnSleep;
-  std::mutex mMutex;
+  std::mutex mMutex;  ///< guards what follows
   std::chrono::steady_clock::time_point mNow = std::chrono::steady_clock::now();
-  std::vector<std::chrono::nanoseconds> mSleeps;
-  std::vector<std::chrono::nanoseconds> mWaits;
+  std::vector<Duration> mSleeps;
+  std::vector<Duration> mWaits;
   std::set<std::thread::id> mWaiters;
   std::condition_variable* mWaiting = nullptr;
   int mEnds = 0;

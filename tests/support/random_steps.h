@@ -1,11 +1,22 @@
 #pragma once
 
-// The random numbers of a test, and the steps that a failure shows.
+// The seeds and random numbers of a test, and the steps that a failure shows.
 
-#include "support/seed.h"
 #include "support/test.h"
 
 namespace vyn::test {
+
+/// The seeds that a random test runs one after the other: 1 to `count`, or the one number in VYN_SEED, or a new
+/// one when VYN_SEED is "random".
+inline std::vector<unsigned int> Seeds(unsigned int count) {
+  if (const char* wanted = std::getenv("VYN_SEED"); wanted != nullptr) {
+    return {std::string(wanted) == "random" ? std::random_device()()
+                                            : static_cast<unsigned int>(std::stoul(wanted))};
+  }
+  std::vector<unsigned int> seeds(count);
+  std::iota(seeds.begin(), seeds.end(), 1U);
+  return seeds;
+}
 
 /// The random numbers of one seed, and the last 20 steps that were made of them.
 class RandomSteps {
@@ -36,11 +47,9 @@ class RandomSteps {
   }
   /// Returns: the seed and the last steps, for the message of a failure.
   std::string Story() const {
-    std::string text = "\nVYN_SEED=" + std::to_string(mSeed) + ", the last steps:\n";
-    for (const std::string& step : mSteps) {
-      text += "  " + step + "\n";
-    }
-    return text;
+    return std::accumulate(
+        mSteps.begin(), mSteps.end(), "\nVYN_SEED=" + std::to_string(mSeed) + ", the last steps:",
+        [](const std::string& text, const std::string& step) { return text + "\n  " + step; });
   }
 
  private:

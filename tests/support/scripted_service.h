@@ -26,18 +26,19 @@ class ScriptedService {
       kSilence,   ///< leaves the caller to its time-out: 2020021
     } kind = kAnswer;
   };
-
   using Script = std::function<Reply(const Request& request)>;
 
   /// Listens, on a free port when `port` is 0. Throws when that is not possible.
   explicit ScriptedService(const std::string& address = "127.0.0.1", unsigned short port = 0);
   ~ScriptedService();
 
-  unsigned short Port() const { return mServer->Port(); }
-  std::size_t Connections() const { return mServer->Connections(); }
+  unsigned short Port() const { return mServer.Port(); }
+  std::size_t Connections() const { return mServer.Connections(); }
 
   /// The answer to every request of `opcode` from now on. Before that it is 0 without a body.
-  void Answer(unsigned int opcode, Reply reply);
+  void Answer(unsigned int opcode, Reply reply) {
+    Answer(opcode, [reply](const Request&) { return reply; });
+  }
   /// As Answer, the answer being made anew for each request.
   void Answer(unsigned int opcode, Script script);
 
@@ -50,31 +51,28 @@ class ScriptedService {
  private:
   void Take(const std::shared_ptr<rpc::ServerContext>& context, const rpc::Message& message);
 
-  mutable std::mutex mMutex;  ///< guards what follows
+  mutable std::mutex mMutex;  ///< guards the next three
   std::map<unsigned int, Script> mScripts;
   std::vector<Request> mRequests;
   std::vector<std::shared_ptr<rpc::ServerContext>> mUnanswered;
-
-  std::unique_ptr<rpc::Server> mServer;
+  rpc::Server mServer;
 };
 
 /// Two services on 127.0.0.1 and 127.0.0.2 with the same port.
 struct TwinServices {
-  TwinServices();
-  std::unique_ptr<ScriptedService> first;
-  std::unique_ptr<ScriptedService> second;
+  std::unique_ptr<ScriptedService> first = std::make_unique<ScriptedService>();
+  std::unique_ptr<ScriptedService> second = std::make_unique<ScriptedService>("127.0.0.2", first->Port());
 };
 
-/// Returns: the bytes of a message.
+/// Returns: the bytes of a message; none when it refuses to be serialised.
 std::string BytesOf(common::BaseMessage& message);
 
 /// Returns: a message read from `bytes`; throws when they are refused.
 template <typename T>
-common::Ref<T> ReadAs(const std::string& bytes) {
+common::Ref<T> ReadAs(std::string bytes) {
   common::Ref<T> message(new T);
-  if (message->SetInputRawData(const_cast<char*>(bytes.data()), static_cast<unsigned int>(bytes.size()),
-                               true) != 0 ||
-      message->Deserialize() != 0) {
+  message->SetInputRawData(bytes.data(), static_cast<unsigned int>(bytes.size()), true);
+  if (message->Deserialize() != 0) {
     throw std::runtime_error("not a message of this class");
   }
   return message;
