@@ -13,6 +13,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace vyn::services {
@@ -72,7 +73,9 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
     return VYN_ERR_GENERIC;
   }
   std::chrono::steady_clock::time_point asked;
-  if (const std::uint32_t status = mState.Load(&asked); Failed(status)) {
+  const auto extra =
+      std::max(mOptions.findLeaderTime - mOptions.applicationTimeout, std::chrono::milliseconds());
+  if (const std::uint32_t status = mState.Load(&asked, extra); Failed(status)) {
     VYN_LOG_ERROR("The metadata service cannot read its records: " << status);
     Stop();
     return status;
@@ -296,7 +299,11 @@ void MetadataService::WatchSilence() {
   if (LeadershipLost()) {
     return;
   }
-  // After a suspension the heartbeats of that time are still unread in the sockets.
+  if (!HasLease()) {
+    return;  // heartbeats are refused meanwhile, so their absence means nothing
+  }
+  // After a suspension the heartbeats of that time are still unread in the sockets. In a time without the
+  // lease they were refused.
   const auto now = common::SteadyNow();
   if (now - mLastCheck > kSilencePeriod + kSuspension) {
     mState.ExtendHeartbeatDeadlines(now - mLastCheck);

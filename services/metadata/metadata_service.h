@@ -31,6 +31,11 @@ struct MetadataServiceOptions {
   /// The leader removes an application this long after its last heartbeat. Applications that never sent one
   /// stay.
   std::chrono::milliseconds applicationTimeout{60000};
+  /// After this leader has taken over, every application has at least this long until its first heartbeat
+  /// must have arrived. It covers what a client may need to find a new leader: 30 s to open a ZooKeeper
+  /// session, 5 s between two attempts to open it, 10 s in a call to a leader that hangs, 15 s until the next
+  /// attempt.
+  std::chrono::milliseconds findLeaderTime{60000};
   /// How long a request waits until a new leader has read the records.
   std::chrono::milliseconds readyTimeout{30000};
   ApplicationLimits limits;
@@ -91,7 +96,7 @@ class MetadataService {
   bool mReady = false;
   bool mStopping = false;
   std::condition_variable mChanged;
-  /// The time of the last WatchSilence. Only the thread of mSilenceTask uses it once that runs.
+  /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that runs.
   std::chrono::steady_clock::time_point mLastCheck;
   common::PeriodicTask mSilenceTask;
 };

@@ -24,16 +24,18 @@ bool IsSilent(const Application& application, std::chrono::milliseconds timeout)
 
 }  // namespace
 
-std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked) {
+std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked,
+                                  std::chrono::milliseconds extra) {
   std::map<std::string, Application> applications;
   MetadataStore::Deletions deletions;
   if (const std::uint32_t status = mStore.Open(applications, deletions, asked); Failed(status)) {
     return status;
   }
-  // This leader does not know when the last heartbeats arrived, so each application gets the whole time-out.
+  // This leader does not know when the last heartbeats arrived, so each application gets the whole time-out,
+  // and more when its driver may need longer than that to find this leader.
   const auto now = common::SteadyNow();
   for (auto& [name, application] : applications) {
-    application.lastBeat = now;
+    application.lastBeat = now + extra;
     for (const auto& [id, variable] : application.variables) {
       application.blocks += variable.blockNum;
     }

@@ -28,8 +28,10 @@ namespace vyn::services {
 class MetadataState {
  public:
   explicit MetadataState(ApplicationLimits limits = {}) : mLimits(limits) {}
-  /// Begins a leadership and reads the records. \param asked see MetadataStore::Open.
-  std::uint32_t Load(std::chrono::steady_clock::time_point* asked = nullptr);
+  /// Begins a leadership and reads the records. \param asked see MetadataStore::Open. \param extra how much
+  /// longer than the time-out the applications have for their first heartbeat to this leader.
+  std::uint32_t Load(std::chrono::steady_clock::time_point* asked = nullptr,
+                     std::chrono::milliseconds extra = {});
 
   std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum);
   std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id);
@@ -46,7 +48,7 @@ class MetadataState {
   /// Records a heartbeat. Ignores an application that is not registered, so that a late heartbeat does not
   /// recreate one that has ended. \param alive false for the last heartbeat of a process.
   std::uint32_t HeartBeat(const std::string& application, bool alive = true);
-  /// Extends every heartbeat deadline by `gap`, a time in which this process was suspended and read no
+  /// Extends every heartbeat deadline by `gap`, a time in which this process was suspended or refused
   /// heartbeats.
   void ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration gap);
   /// Removes the application if its last heartbeat is still `timeout` ago. \param removed receives whether it

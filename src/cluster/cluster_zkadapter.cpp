@@ -193,6 +193,11 @@ std::uint32_t ClusterZKAdapter::ClusterZKCheckAvailable() const {
   }
 }
 
+bool ClusterZKAdapter::SessionHasEnded() const {
+  zhandle_t* handle = g_ZKHandler;
+  return handle != nullptr && DoDlZooRecvTimeout(handle) == 0;
+}
+
 std::uint32_t ClusterZKAdapter::ClusterZKClose() const {
   zhandle_t* tempHandler = nullptr;
   {

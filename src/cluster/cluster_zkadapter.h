@@ -80,6 +80,9 @@ class ClusterZKAdapter : public common::Referable {
   /// again later; 2000053 when the session has expired and the caller must call ClusterZKClose and
   /// ClusterZKAdapterInit; 2000055 otherwise.
   std::uint32_t ClusterZKCheckAvailable() const;
+  /// Whether there is a session and ZooKeeper has ended it. Asks only the memory of the ZooKeeper client, and
+  /// takes no lock: a process that is cut off from ZooKeeper learns of the end when it is connected again.
+  bool SessionHasEnded() const;
   /// Ends the session. Releases mZKHandleLock before it closes the client.
   std::uint32_t ClusterZKClose() const;
 

@@ -41,7 +41,13 @@ void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, c
   }
   const Ref<MetaNodeInfo> metaNode = MetaNodeInfo::GetInstance();
   if (Failed(ZKGetAndUpdateMetaLeaderInfo(metaNode))) {
-    return;
+    // If the connection was lost after the list had been read, no event follows. A call with the watch that
+    // fails now runs this watcher again once the connection is back.
+    if (DoDlZooWgetChildren(zh, mMetaFollowerPath.c_str(), MetaNodeFollowerWatchFunc, nullptr, nullptr) !=
+            ZOK ||
+        Failed(ZKGetAndUpdateMetaLeaderInfo(metaNode))) {
+      return;
+    }
   }
   ZKCheckAndMarkFollowerBroken(metaNode, children.mNames);
 }
@@ -83,7 +89,13 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
     VYN_LOG_INFO("Failed to stoi the info from path: " << path);
     return;
   }
-  ZKUpdateMemoryInformation(name, static_cast<MetaNodeStatus>(status), false);
+  if (Failed(ZKUpdateMemoryInformation(name, static_cast<MetaNodeStatus>(status), false))) {
+    // The leader could not be read: there is none, or the connection was lost after the status had been read,
+    // and then no event follows. The status itself is known.
+    const Ref<MetaNodeInfo> metaNode = MetaNodeInfo::GetInstance();
+    std::unique_lock statusLock(metaNode->mNodeStatusLock);
+    metaNode->mNodeStatusMap[name] = static_cast<MetaNodeStatus>(status);
+  }
 }
 
 }  // namespace vyn::cluster

@@ -4,10 +4,11 @@
 #include "common/log/logging.h"
 #include "common/util/clock.h"
 #include "common/util/text.h"
-#include "common/wait/retry.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
+#include <shared_mutex>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -17,10 +18,12 @@ namespace vyn::cluster {
 namespace {
 
 constexpr unsigned int kRetryLimit = 3;
-/// The sleeps after the first, second, third and fourth failed attempt. No attempt follows the last sleep,
+/// The pauses after the first, second, third and fourth failed attempt. No attempt follows the last pause,
 /// only `afterFailure`, which asks for the leader.
-constexpr std::array<common::Retry::Duration, kRetryLimit + 1> kPauses{
+constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
     std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
+/// A pause looks this often for a new leader.
+constexpr std::chrono::milliseconds kSlice{500};
 
 bool IsRetriable(std::uint32_t status) {
   return status == VYN_ERR_RPC_TRANSPORT_A || status == VYN_ERR_RPC_TRANSPORT_B;
@@ -126,30 +129,52 @@ std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
   return VYN_OK;
 }
 
+std::string LeaderRPCEngine::KnownLeader() {
+  std::lock_guard lock(mRefreshMutex);
+  if (mMetaNode == nullptr) {
+    return "";
+  }
+  std::shared_lock leaderLock(mMetaNode->mLeaderLock);
+  return mMetaNode->mLeaderAddress;
+}
+
+void LeaderRPCEngine::PauseFor(std::chrono::milliseconds pause, const std::string& leader) {
+  while (pause > std::chrono::milliseconds::zero() && KnownLeader() == leader) {
+    const auto slice = std::min(pause, kSlice);
+    common::SleepFor(slice);
+    pause -= slice;
+  }
+}
+
 std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,
                                              const common::Ref<common::BaseMessage>& response,
-                                             const std::function<void(std::uint32_t)>& afterFailure) {
-  auto retry = common::Retry::After(kPauses);
+                                             const std::function<void(std::uint32_t)>& afterFailure,
+                                             std::chrono::milliseconds limit) {
+  const bool limited = limit.count() != 0 && (mTimeout <= 0 || mTimeout > limit.count());
+  const long timeout = limited ? limit.count() : mTimeout;
+  unsigned int failures = 0;
   std::uint32_t hr = VYN_OK;
   do {
+    const std::string leader = KnownLeader();
     hr = RefreshMasterNodeInfo(true);
     if (Failed(hr)) {
       VYN_LOG_ERROR("Refresh Master Node Info Fail, error code:" << hr);
       return hr;
     }
-    hr = SendCall(static_cast<unsigned short>(opcode), request, response, mTimeout);
+    hr = SendCall(static_cast<unsigned short>(opcode), request, response, timeout);
     if (!Failed(hr)) {
       return hr;
     }
     VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "
-                                                           << retry.Count() << " continue retry? "
+                                                           << failures << " continue retry? "
                                                            << (IsRetriable(hr) ? "true" : "false"));
-    retry.Again();
+    PauseFor(kPauses[failures], leader);
+    ++failures;
     if (afterFailure) {
       afterFailure(hr);
     }
-  } while (IsRetriable(hr) && retry.Count() <= kRetryLimit);
-  if (retry.Count() > kRetryLimit) {
+  } while (IsRetriable(hr) && failures <= kRetryLimit);
+  if (failures > kRetryLimit) {
     VYN_LOG_ERROR("Failed to call metadata service, connection is timeout and retry more than " << kRetryLimit
                                                                                                 << " times");
   }

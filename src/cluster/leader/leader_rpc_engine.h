@@ -16,6 +16,7 @@
 #include "common/log/logging.h"
 #include "common/rpc/rpc_engine_base.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -83,15 +84,22 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   std::uint32_t LoadDependencies();
   /// InitializeEnginePool for the leader that MetaNodeInfo names. Requires: LoadDependencies has succeeded.
   std::uint32_t ConnectToLeader();
-  /// One operation: at most 4 attempts, on 2020019 and 2020021, with sleeps of 0, 5, 10 and 15 seconds after
-  /// the failed ones. Calls RefreshMasterNodeInfo before each attempt.
-  /// \param response may hold null. \param afterFailure called after each failed attempt and its sleep, with
-  /// the attempt's status; may be empty. Returns: the status of the last attempt.
+  /// One operation: at most 4 attempts, on 2020019 and 2020021, with pauses of 0, 5, 10 and 15 seconds after
+  /// the failed ones. A pause ends early when MetaNodeInfo has another leader than the attempt before it.
+  /// Calls RefreshMasterNodeInfo before each attempt.
+  /// \param response may hold null. \param afterFailure called after each failed attempt and its pause, with
+  /// the attempt's status; may be empty. \param limit for each attempt, if the client's time-out is longer; 0
+  /// is no such limit. Returns: the status of the last attempt.
   std::uint32_t SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,
                               const common::Ref<common::BaseMessage>& response,
-                              const std::function<void(std::uint32_t)>& afterFailure);
+                              const std::function<void(std::uint32_t)>& afterFailure,
+                              std::chrono::milliseconds limit = {});
 
  private:
+  /// Returns: the leader's address that MetaNodeInfo has; empty before LoadDependencies.
+  std::string KnownLeader();
+  /// Sleeps for `pause`, or until KnownLeader is not `leader` any more.
+  void PauseFor(std::chrono::milliseconds pause, const std::string& leader);
   /// Reads the flags, the port and the security settings for the leader `ip`. Requires: mRefreshMutex.
   std::uint32_t ReadSettings(const std::string& ip, SecurityConf& securityConf);
 

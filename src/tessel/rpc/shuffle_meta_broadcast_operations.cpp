@@ -13,6 +13,13 @@ namespace vyn::tessel {
 using common::BaseMessage;
 using common::IsIdentifier;
 
+namespace {
+
+/// For one attempt to send a heartbeat.
+constexpr std::chrono::seconds kHeartBeatLimit{10};
+
+}  // namespace
+
 std::uint32_t ShuffleMetaRPCEngine::HeartBeat(const std::string& appName, unsigned char processType,
                                               const std::string& processName, const std::string& content,
                                               bool flag) {
@@ -21,7 +28,7 @@ std::uint32_t ShuffleMetaRPCEngine::HeartBeat(const std::string& appName, unsign
   const Ref<common::HeartBeatMessage> request(
       new (std::nothrow) common::HeartBeatMessage(appName, processType, processName, content, flag));
   VYN_CHECK_POINTER(request);
-  const std::uint32_t status = SendAndWaitReply(HEART_BEAT, request, BaseMessage::gNullPtr);
+  const std::uint32_t status = SendAndWaitReply(HEART_BEAT, request, BaseMessage::gNullPtr, kHeartBeatLimit);
   VYN_FAIL_IF(Failed(status), VYN_ERR_META_RPC,
               "Rpc failed to send heart beat message as appName: "
                   << appName << " processType: " << int{processType} << ", process name: " << processName

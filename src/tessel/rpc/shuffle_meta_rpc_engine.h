@@ -22,6 +22,7 @@
 #include "tessel/message/shuffle/stage_messages.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -52,16 +53,18 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   /// no client of the node server. Returns: 0; 2080009 when that client no longer exists; 1 when the node
   /// server did not answer.
   std::uint32_t ShuffleMetaLeaderInfoGet();
-  /// One operation with the retry policy. \param response may hold null.
+  /// One operation with the retry policy. \param response may hold null. \param limit see SendWithRetry.
   std::uint32_t SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
-                                 const Ref<common::BaseMessage>& response);
+                                 const Ref<common::BaseMessage>& response,
+                                 std::chrono::milliseconds limit = {});
   /// Adds the security settings for the leader on host `metaHostname` to `conf`. An existing entry keeps its
   /// value.
   void GetSecurityConf(std::map<std::string, const std::string>& conf, const std::string& metaHostname);
 
   // Applications, broadcast variables and nodes.
 
-  /// `content` may be any text.
+  /// `content` may be any text. An attempt takes at most 10 seconds, whatever the client's time-out is: a
+  /// leader that hangs must not keep the heartbeats from its successor.
   std::uint32_t HeartBeat(const std::string& appName, unsigned char processType,
                           const std::string& processName, const std::string& content, bool flag);
   /// Returns 1, too, when the call returns that.

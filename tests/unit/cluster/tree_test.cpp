@@ -4,6 +4,7 @@
 #include "cluster/cluster_zkadapter.h"
 #include "support/cluster_test.h"
 #include "support/random_steps.h"
+#include "support/zookeeper_calls.h"
 
 namespace vyn::test {
 namespace {
@@ -193,6 +194,24 @@ TEST_F(TreeTest, WhatALostConnectionHidIsActedUponAfterwards) {
   EXPECT_TRUE(WaitUntil([&] { return mRaw->Get(kStatuses + "gone") == "3"; }));
   EXPECT_TRUE(WaitUntil([&] { return StatusMap()["here"] == kAlive; }));
   EXPECT_EQ(mRaw->Get(kStatuses + "here"), "2");
+}
+
+TEST_F(TreeTest, AConnectionThatIsLostBetweenTheReadsOfAWatcherHidesNothing) {
+  Statuses nodes = {{"gone", kInit}, {"here", kInit}};
+  ASSERT_EQ(mAdapter->ZKCreateStatus(nodes), 0U);
+  mRaw->Create(kLeader, "leader");
+  mMeta->mNodeStatusMap = {{"gone", kAlive}, {"here", kInit}};
+  SetStatus("here", kAlive);
+  int reads = 0;
+  const ZookeeperCalls calls([&](const ZookeeperCall& call) {
+    return call.path == kLeader && ++reads <= 2 ? int{ZCONNECTIONLOSS} : call.make();
+  });
+  ClusterZKAdapter::MetaNodeStatusWatchFunc(cluster::g_ZKHandler, ZOO_CHANGED_EVENT, ZOO_CONNECTED_STATE,
+                                            "/meta/status/here", nullptr);
+  EXPECT_EQ(StatusMap()["here"], kAlive);
+  ClusterZKAdapter::MetaNodeFollowerWatchFunc(cluster::g_ZKHandler, ZOO_CHILD_EVENT, ZOO_CONNECTED_STATE,
+                                              "/meta/election/follower_info", nullptr);
+  EXPECT_EQ(mRaw->Get(kStatuses + "gone"), "3");
 }
 
 TEST_F(TreeTest, TheLeadersTextIsTakenByItsLength) {

@@ -6,6 +6,7 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/meta_node_info.h"
+#include "cluster/session_keeper.h"
 #include "common/config/configuration.h"
 #include "common/log/exceptions.h"
 #include "tessel/message/node_messages.h"
@@ -18,18 +19,16 @@
 
 using vyn::Failed;
 using vyn::cluster::ClusterZKAdapter;
+using vyn::cluster::SessionKeeper;
 using namespace vyn::tessel;
 
 namespace {
 
 constexpr unsigned int kExecutorFlag = 1;
 
-unsigned int FindLeaderInZooKeeper() {
-  VYN_CHECK_POINTER(g_broadcastConf);
-  g_clusterZkAdapter_broadcast = ClusterZKAdapter::GetInstance(vyn::cluster::NODE_ROLE_SDK);
-  VYN_CHECK_POINTER(g_clusterZkAdapter_broadcast);
+unsigned int ReadAndWatchLeader(SessionKeeper& keeper) {
   const int sessionTimeout = g_broadcastConf->GetInt("vyn.zookeeper.session.timeout", 0);
-  if (Failed(g_clusterZkAdapter_broadcast->ClusterZKAdapterInit(sessionTimeout))) {
+  if (Failed(keeper.Open(g_clusterZkAdapter_broadcast, sessionTimeout))) {
     VYN_LOG_ERROR("[Broadcast] Driver init zookeeper failed");
     return VYN_ERR_GENERIC;
   }
@@ -42,6 +41,20 @@ unsigned int FindLeaderInZooKeeper() {
     return VYN_ERR_GENERIC;
   }
   return VYN_OK;
+}
+
+unsigned int FindLeaderInZooKeeper() {
+  VYN_CHECK_POINTER(g_broadcastConf);
+  g_clusterZkAdapter_broadcast = ClusterZKAdapter::GetInstance(vyn::cluster::NODE_ROLE_SDK);
+  VYN_CHECK_POINTER(g_clusterZkAdapter_broadcast);
+  auto& keeper = SessionKeeper::Get();
+  unsigned int status = ReadAndWatchLeader(keeper);
+  if (Failed(status) &&
+      g_clusterZkAdapter_broadcast->ClusterZKCheckAvailable() == VYN_ERR_ZK_SESSION_EXPIRED) {
+    // The session of an earlier start had ended, and only these calls have shown it.
+    status = ReadAndWatchLeader(keeper);
+  }
+  return Failed(status) ? status : keeper.Start();
 }
 
 }  // namespace

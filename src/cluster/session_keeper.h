@@ -1,0 +1,47 @@
+#pragma once
+
+// Keeps the ZooKeeper session of a driver. A session ends when its process was stopped, or cut off from
+// ZooKeeper, for longer than the session time-out. The keeper's thread notices the end, opens a new session,
+// sets the watch of the leader again and reads the leader. Until it succeeds it tries again, with growing
+// pauses.
+//
+// vynd does not use the keeper: its MetadataMember renews the session, and what depends on it, itself.
+//
+// Any thread may call any operation. The keeper's mutex is taken before ClusterZKAdapter::mZKHandleLock and
+// is held while a session is closed and opened. No watcher takes it.
+
+#include "cluster/cluster_zkadapter.h"
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+
+namespace vyn::cluster {
+
+class SessionKeeper {
+ public:
+  /// Returns: the process's keeper. Never destroyed: its thread may still run while the process exits.
+  static SessionKeeper& Get();
+
+  /// Opens a session unless there is a usable one. Closes one that has ended.
+  /// \param sessionTimeout in milliseconds; also for the sessions that the thread opens later. Returns: 0 or
+  /// a status of ClusterZKAdapterInit.
+  std::uint32_t Open(const common::Ref<ClusterZKAdapter>& adapter, int sessionTimeout);
+  /// Starts the thread unless it runs. Requires: Open has been called. Returns: 2000057 when the process can
+  /// have no more threads.
+  std::uint32_t Start();
+
+ private:
+  SessionKeeper() = default;
+  void Run();
+  /// Requires: mMutex.
+  std::uint32_t Renew();
+
+  std::mutex mMutex;
+  // Guarded by mMutex.
+  common::Ref<ClusterZKAdapter> mAdapter;
+  int mSessionTimeout = 0;
+  bool mStarted = false;
+};
+
+}  // namespace vyn::cluster
