@@ -5,6 +5,7 @@
 //
 // No shared state: any thread may call any function.
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -27,6 +28,15 @@ inline const nlohmann::json* FindField(const nlohmann::json& record, const char*
 inline std::string TextField(const nlohmann::json& record, const char* name) {
   const auto* field = FindField(record, name);
   return field != nullptr && field->is_string() ? field->get<std::string>() : std::string();
+}
+
+/// Returns: the number; `otherwise` when there is no such field; the largest number when the field is none.
+inline std::uint64_t NumberField(const nlohmann::json& record, const char* name, std::uint64_t otherwise) {
+  const auto* field = FindField(record, name);
+  if (field == nullptr) {
+    return otherwise;
+  }
+  return field->is_number_unsigned() ? field->get<std::uint64_t>() : ~std::uint64_t{0};
 }
 
 inline bool FlagField(const nlohmann::json& record, const char* name) {

@@ -8,10 +8,10 @@
 #include "common/log/log.h"
 #include "common/log/logging.h"
 #include "common/rpc/rpc_engine.h"
-#include "common/util/input_check.h"
 #include "common/util/ref.h"
 #include "platform/rpc/server/server.h"
 #include "services/common/service_status.h"
+#include "services/common/zookeeper_layout.h"
 
 #include <cstdint>
 #include <functional>
@@ -24,12 +24,6 @@ namespace vyn::services {
 
 /// Operation codes travel in the low 10 bits of a message id.
 inline constexpr std::uint16_t kOperationCodes = 1024;
-
-/// Whether a text of a message is a valid identifier. A text with a NUL is not: InputRegularMatching would
-/// check only the part before it.
-inline bool IsName(const std::string& name) {
-  return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
-}
 
 /// Writes a line of the audit log. \param subject who acted: the caller as "ip:port", or this process's id.
 inline void Audit(const std::string& subject, const char* operation, const std::string& target,

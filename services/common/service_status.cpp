@@ -7,7 +7,7 @@ namespace vyn::services {
 
 namespace {
 
-constexpr std::array<std::pair<std::uint32_t, const char*>, 18> kTexts{{
+constexpr std::array<std::pair<std::uint32_t, const char*>, 19> kTexts{{
     {VYN_ERR_OUT_OF_POOL_MEMORY, "the pool of this node is full"},
     {VYN_ERR_NULL_POINTER, "the service is out of memory"},
     {kStatusNotLeading, "this node no longer leads, or cannot find out whether it does"},
@@ -25,6 +25,7 @@ constexpr std::array<std::pair<std::uint32_t, const char*>, 18> kTexts{{
     {kStatusNotServed, "not served by this node"},
     {kStatusTooLarge, "the block list or the list of names is too long"},
     {kStatusLimit, "the application has reached its limit of variables or blocks"},
+    {kStatusNewerRecord, "a record was written by a newer build"},
     {kStatusUnanswered, "ZooKeeper did not answer"},
 }};
 

@@ -41,6 +41,9 @@ inline constexpr std::uint32_t kStatusTooLarge = 2140025;
 /// The application has reached its limit of variables or blocks.
 inline constexpr std::uint32_t kStatusLimit = 2140027;
 
+/// A newer build has written a record in a format that this build cannot read. This build does not lead.
+inline constexpr std::uint32_t kStatusNewerRecord = 2140031;
+
 /// ZooKeeper did not answer a read. Nothing was written. Clients get kStatusNotLeading instead.
 inline constexpr std::uint32_t kStatusUnanswered = 2140029;
 /// This node no longer leads, or cannot find out whether it does. Clients treat it as a lost connection: they

@@ -4,6 +4,7 @@
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/json_fields.h"
 #include "services/common/zookeeper_io.h"
+#include "services/common/zookeeper_layout.h"
 
 #include <array>
 #include <utility>
@@ -20,7 +21,7 @@ RecordRead Failure(int result, const std::string& path) {
     return RecordRead::kAbsent;
   }
   VYN_LOG_ERROR("Failed to read " << path << ", zookeeper get error: " << zookeeper::ResultText(result));
-  return RecordRead::kFailed;
+  return zookeeper::IsUncertain(result) ? RecordRead::kUnanswered : RecordRead::kFailed;
 }
 
 RecordRead Damaged(const std::string& path, const char* what) {
@@ -28,11 +29,7 @@ RecordRead Damaged(const std::string& path, const char* what) {
   return RecordRead::kDamaged;
 }
 
-bool ReadHeader(const std::string& text, VariableRecord& record) {
-  const auto json = ParseJson(text.substr(0, text.find('\n')));
-  if (!json.is_object()) {
-    return false;
-  }
+bool ReadHeader(const nlohmann::json& json, VariableRecord& record) {
   try {
     const auto state = json.at("state").get<std::string>();
     record.blockNum = json.at("blockNum").get<std::uint32_t>();
@@ -58,7 +55,11 @@ std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_
   for (const auto& [value, text] : kStates) {
     name = value == state ? text : name;
   }
-  const nlohmann::json header{{"state", name}, {"blockNum", blockNum}, {"pieces", pieces}, {"list", list}};
+  const nlohmann::json header{{"state", name},
+                              {"blockNum", blockNum},
+                              {"pieces", pieces},
+                              {"list", list},
+                              {kFormatField, kRecordFormat}};
   return header.dump() + "\n";
 }
 
@@ -76,7 +77,12 @@ RecordRead ReadVariableRecord(const std::string& path, VariableRecord& record) {
   if (const int result = zookeeper::Get(path, text); result != ZOK) {
     return Failure(result, path);
   }
-  if (!ReadHeader(text, record)) {
+  const auto header = ParseJson(text.substr(0, text.find('\n')));
+  if (NumberField(header, kFormatField, 1) > kRecordFormat) {
+    VYN_LOG_ERROR("The record " << path << " was written by a newer build, this one cannot read it");
+    return RecordRead::kNewer;
+  }
+  if (!ReadHeader(header, record)) {
     return Damaged(path, "its first line cannot be read");
   }
   if (record.state == RecordState::kNew) {

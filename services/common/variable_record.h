@@ -42,9 +42,11 @@ std::string RecordBody(const std::string& text);
 
 enum class RecordRead {
   kRead,
-  kAbsent,   ///< there is no such record
-  kDamaged,  ///< its contents are invalid; the log has the reason
-  kFailed,   ///< ZooKeeper failed to read it; the log has the reason
+  kAbsent,      ///< there is no such record
+  kDamaged,     ///< its contents are invalid; the log has the reason
+  kNewer,       ///< a newer build has written it, in a format that this build cannot read
+  kFailed,      ///< ZooKeeper refused to read it; the log has the reason
+  kUnanswered,  ///< ZooKeeper did not answer
 };
 
 /// Reads the record at `path` with all its pieces.

@@ -13,14 +13,29 @@ bool ParseId(const std::string& name, std::uint32_t& id) {
 }
 
 std::string ReclaimEntry::ToText() const {
-  return nlohmann::json{
-      {"app", application}, {"path", variablePath}, {"variable", variableId}, {"owner", owner}}
+  return nlohmann::json{{"app", application},
+                        {"path", variablePath},
+                        {"variable", variableId},
+                        {"owner", owner},
+                        {kFormatField, kRecordFormat}}
       .dump();
+}
+
+bool ReclaimEntry::IsPlausible() const {
+  if (!IsName(application)) {
+    return false;
+  }
+  if (variablePath.empty()) {
+    return true;
+  }
+  const std::string begin = AppPath(application) + "/" + std::to_string(variableId) + ".";
+  return variablePath.size() > begin.size() && variablePath.starts_with(begin) &&
+         variablePath.find('/', begin.size()) == std::string::npos;
 }
 
 bool ReclaimEntry::FromText(const std::string& text, ReclaimEntry& entry) {
   const auto json = ParseJson(text);
-  if (!json.is_object()) {
+  if (!json.is_object() || NumberField(json, kFormatField, 1) > kRecordFormat) {
     return false;
   }
   try {

@@ -12,9 +12,16 @@
 //   /vyn/apps/<application>/<variable id>.<unique>/<list>.<n>  its further pieces; <list> is a <unique> too
 //   /vyn/reclaim/<node id>/<unique>   one entry of that node's reclaim list: JSON, see ReclaimEntry
 //
+// Each JSON of an application, a variable and an entry may have a field {format}; without it the format is 1. A
+// build that finds a format above kRecordFormat cannot read the record. It changes and deletes nothing of it:
+// a leader gives the leadership up, a node keeps the entry.
+//
 // <unique> is the epoch of the writer and a counter, so no two writes use the same one.
 //
 // No shared state: any thread may call any function.
+
+#include "common/util/input_check.h"
+#include "vyn/status.h"
 
 #include <cstdint>
 #include <string>
@@ -28,6 +35,16 @@ inline constexpr const char* kAppsPath = "/vyn/apps";
 inline constexpr const char* kReclaimPath = "/vyn/reclaim";
 inline constexpr const char* kTokenName = "token";
 inline constexpr const char* kRemovedFlag = "removed";
+/// The field of the format, and the highest format that this build can read. It writes this format. Raise it
+/// with each change after which an older build would misunderstand a record.
+inline constexpr const char* kFormatField = "format";
+inline constexpr std::uint32_t kRecordFormat = 1;
+
+/// Whether a text of a message or a record is a valid identifier. A text with a NUL is not:
+/// InputRegularMatching would check only the part before it.
+inline bool IsName(const std::string& name) {
+  return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
+}
 
 /// Parses the id in a znode's name. Other programs can create znodes in the tree as well. Returns: false
 /// unless the name is a decimal number without sign or leading zeros.
@@ -58,8 +75,11 @@ struct ReclaimEntry {
   bool owner = false;
 
   std::string ToText() const;
-  /// Returns: false if `text` is no valid entry.
+  /// Returns: false if this build cannot read the entry: it is no entry, or has a newer format.
   static bool FromText(const std::string& text, ReclaimEntry& entry);
+  /// Whether the entry can be believed: `variablePath` is empty or the path of a record of that variable of
+  /// that application. Other programs can write entries as well.
+  bool IsPlausible() const;
 };
 
 }  // namespace vyn::services

@@ -4,6 +4,7 @@
 #include "common/log/logging.h"
 #include "common/util/clock.h"
 #include "platform/zk_helper/zk_helper.h"
+#include "services/common/service_status.h"
 #include "services/common/zookeeper_io.h"
 
 #include <algorithm>
@@ -20,8 +21,9 @@ using common::MetaNodeRole;
 /// The time between two checks of the leader znode.
 constexpr auto kPeriod = std::chrono::milliseconds(200);
 /// How long this node stays out of the election after it won and could not serve, so that another node can
-/// win.
+/// win. Longer when it cannot read the records of a newer build: it could not serve the next time either.
 constexpr auto kClaimPause = std::chrono::seconds(2);
+constexpr auto kOlderBuildPause = std::chrono::seconds(15);
 
 std::string OwnFollowerPath(const std::string& address) {
   return ClusterZKAdapter::mMetaFollowerPath + "/" + address;
@@ -251,9 +253,10 @@ void MetadataMember::BeginLeading() {
         ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(OwnFollowerPath(mOptions.nodeAddress)));
   }
   auto service = std::make_unique<MetadataService>(mOptions.service, mView);
-  if (Failed(service->Start(Lease()))) {
-    VYN_LOG_ERROR("This node won the election but cannot serve, it gives up the leadership");
-    mNextClaim = common::SteadyNow() + kClaimPause;
+  if (const std::uint32_t status = service->Start(Lease()); Failed(status)) {
+    VYN_LOG_ERROR(
+        "This node won the election but cannot serve, it gives up the leadership: " << StatusText(status));
+    mNextClaim = common::SteadyNow() + (status == kStatusNewerRecord ? kOlderBuildPause : kClaimPause);
     GiveUpClaim();
     return;
   }

@@ -116,7 +116,8 @@ std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
       std::string text;
       ReclaimEntry entry;
       result = zookeeper::Get(list + "/" + names[n], text);
-      if (result == ZOK && ReclaimEntry::FromText(text, entry) && !entry.variablePath.empty()) {
+      if (result == ZOK && ReclaimEntry::FromText(text, entry) && entry.IsPlausible() &&
+          !entry.variablePath.empty()) {
         deletions[{entry.application, entry.variableId}].push_back(list + "/" + names[n]);
       }
       result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // the node has processed it meanwhile
@@ -142,6 +143,10 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
   }
   application.name = name;
   const auto json = ParseJson(text);
+  if (NumberField(json, kFormatField, 1) > kRecordFormat) {
+    VYN_LOG_ERROR("The record " << path << " was written by a newer build, this one cannot read it");
+    return kStatusNewerRecord;
+  }
   application.heartbeat = FlagField(json, "heartbeat");
   if (FlagField(json, kRemovedFlag)) {
     // An earlier leader did not complete the removal.
@@ -186,7 +191,10 @@ std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& var
   VariableRecord record;
   switch (ReadVariableRecord(path, record)) {
     case RecordRead::kFailed:
+    case RecordRead::kUnanswered:
       return kStatusStore;
+    case RecordRead::kNewer:
+      return kStatusNewerRecord;
     case RecordRead::kAbsent:
       if (record.state == RecordState::kReady) {
         VYN_LOG_ERROR("A piece of the record " << path << " is missing, the variable is not served");

@@ -79,11 +79,19 @@ Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::str
   std::lock_guard draining(mDraining);
   std::string text;
   if (const int result = zookeeper::Get(path, text); result != ZOK) {
-    return result == ZNONODE ? Outcome::kDone : Outcome::kUnanswered;
+    return result == ZNONODE                ? Outcome::kDone
+           : zookeeper::IsUncertain(result) ? Outcome::kUnanswered
+                                            : Outcome::kLater;
   }
   ReclaimEntry entry;
   if (!ReclaimEntry::FromText(text, entry)) {
-    VYN_LOG_ERROR("The entry " << path << " is invalid and is deleted: " << text);
+    if (mReportedKept.insert(path).second) {
+      VYN_LOG_ERROR("The entry " << path << " cannot be read by this build and is kept: " << text);
+    }
+    return Outcome::kKept;
+  }
+  if (!entry.IsPlausible()) {
+    VYN_LOG_ERROR("The entry " << path << " names no variable of its application and is deleted: " << text);
     static_cast<void>(zookeeper::Delete(path));
     return Outcome::kDone;
   }
@@ -94,7 +102,7 @@ Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::str
   if (outcome != Outcome::kDone) {
     return outcome;
   }
-  mReportedDamaged.erase(entry.variablePath);
+  mReportedKept.erase(entry.variablePath);
   mNotifiedEntries.erase(path);
   const int deleted = zookeeper::Delete(path);
   return deleted == ZOK || deleted == ZNONODE ? Outcome::kDone : Outcome::kLater;
@@ -124,16 +132,22 @@ Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
     if (result == ZNONODE) {
       return Outcome::kDone;
     }
-    read = result == ZOK ? RecordRead::kDamaged : RecordRead::kFailed;
+    read = result == ZOK                    ? RecordRead::kDamaged
+           : zookeeper::IsUncertain(result) ? RecordRead::kUnanswered
+                                            : RecordRead::kFailed;
   }
-  if (read == RecordRead::kFailed) {
-    return Outcome::kUnanswered;
+  if (read == RecordRead::kUnanswered || read == RecordRead::kFailed) {
+    return read == RecordRead::kUnanswered ? Outcome::kUnanswered : Outcome::kLater;
   }
-  if (read == RecordRead::kDamaged && mFabric.CheckToken(entry.application, "") != -ENOENT) {
-    if (mReportedDamaged.insert(entry.variablePath).second) {
-      VYN_LOG_ERROR("The blocks of " << entry.variablePath
-                                     << " cannot be freed because its record is damaged; they stay "
-                                     << "until application " << entry.application << " ends");
+  if (read != RecordRead::kRead) {
+    // What cannot be read is never deleted: a newer build may have written it. It goes with its application.
+    if (mFabric.CheckToken(entry.application, "") == -ENOENT) {
+      return Outcome::kDone;  // this node has no block of it
+    }
+    if (mReportedKept.insert(entry.variablePath).second) {
+      VYN_LOG_ERROR("The blocks of " << entry.variablePath << " cannot be freed because its record is "
+                                     << (read == RecordRead::kNewer ? "of a newer build" : "damaged")
+                                     << "; they stay until application " << entry.application << " ends");
     }
     return Outcome::kKept;
   }

@@ -2,7 +2,10 @@
 
 // Frees the memory of deleted variables and ended applications. The metadata leader writes them to this
 // node's reclaim list in ZooKeeper. The reclaimer processes the list when the daemon starts, when an
-// application registers, and periodically on a thread of its own. An entry that fails stays in the list.
+// application registers, and periodically on a thread of its own. An entry that fails stays in the list and
+// stops no other. An entry is believed only when it names a variable of its own application. What this build
+// cannot read, entry or record, it does not delete.
+//
 // GiveBack frees further objects on the same thread: those of calls whose replies did not reach the caller.
 //
 // One thread calls Start and Stop; any thread may call the other operations.
@@ -48,7 +51,8 @@ class Reclaimer {
     kLater,  ///< failed; the next Drain retries it
     /// ZooKeeper did not answer. Drain ends; the next one retries this entry and the later ones.
     kUnanswered,
-    /// The record is damaged, so the block ids are unknown. Entry and blocks stay until the application ends.
+    /// This build cannot read the entry, or the record with the block ids. Entry and blocks stay until the
+    /// application ends or a newer build reads them.
     kKept,
   };
 
@@ -64,8 +68,9 @@ class Reclaimer {
   std::mutex mDraining;
   /// The entries of variables in the list for which mForget has been called. Guarded by mDraining.
   std::set<std::string> mNotifiedEntries;
-  /// The damaged records that have been logged, so that each is logged once. Guarded by mDraining.
-  std::set<std::string> mReportedDamaged;
+  /// The records and entries that are kept and have been logged, so that each is logged once. Guarded by
+  /// mDraining.
+  std::set<std::string> mReportedKept;
   std::mutex mMutex;
   /// The application and the object ids of each GiveBack. Guarded by mMutex.
   std::vector<std::pair<std::string, std::vector<std::string>>> mGivenBack;

@@ -17,6 +17,7 @@
 
 #include <array>
 #include <chrono>
+#include <utility>
 
 using vyn::Failed;
 using vyn::common::GenBcVarName;
@@ -70,37 +71,29 @@ unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsi
   return VYN_ERR_BLOCK_ALLOC;
 }
 
-/// What CreateBroadcastBlockBatchRemote has created on the chosen node. The destructor undoes it unless it
-/// was kept.
+/// The blocks that CreateBroadcastBlockBatchRemote has allocated on the chosen node. The destructor frees them
+/// unless they were kept. The namespace stays: it has the blocks of the application's earlier variables, and
+/// those that another thread allocates at this moment.
 class RemoteCreation {
  public:
-  RemoteCreation(const std::string& ns, const std::string& token, unsigned short nodeId)
-      : mNs(ns), mToken(token), mNodeId(nodeId) {}
+  RemoteCreation(const std::string& ns, const std::string& token) : mNs(ns), mToken(token) {}
   ~RemoteCreation() { RollBack(); }
   RemoteCreation(const RemoteCreation&) = delete;
   RemoteCreation& operator=(const RemoteCreation&) = delete;
 
-  /// Frees the blocks and destroys the namespace, as far as they were created. Ignores the results: the
-  /// caller gets the failure that caused this.
+  /// Ignores the result: the caller gets the failure that caused this.
   void RollBack() {
-    if (mHasBlocks) {
+    if (!mIds.empty()) {
       BmFreeForBlockRemotely(mNs, mToken, mIds);
+      mIds.clear();
     }
-    if (mHasNamespace) {
-      BmDestroyNamespace(mNodeId, "", mNs.c_str(), mToken.c_str());
-    }
-    Keep();
   }
-  void Keep() { mHasNamespace = mHasBlocks = false; }
 
-  bool mHasNamespace = false;
-  bool mHasBlocks = false;
   std::vector<std::string> mIds;
 
  private:
   const std::string& mNs;
   const std::string& mToken;
-  const unsigned short mNodeId;
 };
 
 }  // namespace
@@ -157,7 +150,7 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
   std::vector<unsigned long> blockSizes = CopySizes(sizes, blockNum);
   std::string ns = appId;
   const std::string secret = token;
-  RemoteCreation made(ns, secret, nodeId);
+  RemoteCreation made(ns, secret);
   std::string ip;
   short port = 0;
   unsigned int status = vyn::common::SplitIpAndPort(selectedNode, ip, port);
@@ -175,7 +168,6 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
     static_cast<void>(VYN_FAIL(status, "Error to create namespace " << ns << " as " << LastErrorText()));
     return VYN_ERR_BC_NAMESPACE;
   }
-  made.mHasNamespace = true;
   status = AllocBmForBlockRemotely(ns, secret, nodeId, blockSizes, made.mIds);
   if (Failed(status)) {
     made.RollBack();
@@ -183,7 +175,6 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
         VYN_FAIL(status, "Error to allocate BM on " << ip << " remotely for broadcast variable " << name));
     return VYN_ERR_BC_REMOTE_ALLOC;
   }
-  made.mHasBlocks = true;
   if (!g_broadcastCache->InsertVarInfo(name, made.mIds, blockSizes)) {
     made.RollBack();
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to insert block infos for " << name);
@@ -193,9 +184,8 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
     made.RollBack();
     return VYN_FAIL(VYN_ERR_GENERIC, "Failed to generate block for " << name);
   }
-  made.Keep();
   // From here on the blocks stay, and the caller gets their ids, whatever becomes of the record.
-  bmIds.swap(made.mIds);
+  bmIds = std::exchange(made.mIds, {});
   return AddBlockInfosToMeta(blockInfo);
 } catch (...) {
   return vyn::common::StatusOfException(__func__);

@@ -216,7 +216,6 @@ TEST_F(NodeServerTest, AnEarlierApplicationsEndDoesNotHitTheNewOne) {
   EXPECT_EQ(mFabric.Stats().objects, 0U);
   EXPECT_THAT(mRaw->Children("/vyn/reclaim/1"), ElementsAre("5-1"));
   ASSERT_EQ(Create("app", {100}), 0U);
-  mRaw->Create("/vyn/reclaim/1/5-2", "rubbish");
   EXPECT_TRUE(mReclaimer.Drain());
   EXPECT_EQ(mFabric.Stats().objects, 1U);
   EXPECT_TRUE(mRaw->Children("/vyn/reclaim/1").empty());
