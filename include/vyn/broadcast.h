@@ -187,9 +187,9 @@ unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcast
 
 /// Creates the blocks of a variable on a chosen node, from a process outside the fabric. Waits up to 10
 /// seconds for each block while that node's pool is full. When a block cannot be allocated, or there is no
-/// memory for the cache or the record, the call destroys the application's namespace on that node with all
-/// its blocks, also those of earlier variables, which the metadata service still lists. When only the
-/// metadata service fails to record the blocks, they stay: see `bmIds`.
+/// memory for the cache or the record, the call frees the blocks that it has allocated; the application's
+/// namespace stays with the blocks of its earlier variables. When only the metadata service fails to record
+/// the blocks, they stay: see `bmIds`.
 /// \param selectedNode, hostName, nodeId one entry of the lists of GetRemoteNodeInfo; the port must be below
 ///        32768.
 /// \param bmIds receives the blocks' ids for WriteRemoteBlock, also when only the record at the metadata
