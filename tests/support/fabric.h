@@ -6,18 +6,25 @@
 #include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "support/child_process.h"
-#include "support/proxy.h"
 #include "support/temp_dir.h"
-#include "support/test.h"
 
 namespace vyn::test {
+
+/// Options of a node with a link port on loopback.
+fabric::FabricNodeOptions FabricOptions(const std::string& home, const std::string& pool, std::uint16_t node);
+
+/// A directory that knows one node, which runs in this process.
+fabric::NodeDirectory Directory(std::uint16_t known, const fabric::FabricNode& node);
+
+/// Starts a node, for the first time or again.
+void StartAgain(fabric::FabricNode& node, const fabric::FabricNodeOptions& options);
 
 /// A home that every user may enter, and a pool's folder on tmpfs. Its end checks that whatever happened to
 /// the nodes on it, a last one adopts the pool, and that the folder is empty once the namespaces are
 /// destroyed.
 class FabricPlace {
  public:
-  explicit FabricPlace(std::uint16_t nodeId);
+  explicit FabricPlace(std::uint16_t nodeId) : mNodeId(nodeId) { ::chmod(Home().c_str(), 0755); }
   ~FabricPlace();
   FabricPlace(const FabricPlace&) = delete;
   FabricPlace& operator=(const FabricPlace&) = delete;
@@ -25,9 +32,7 @@ class FabricPlace {
   const std::string& Home() const { return mHome.Path(); }
   const std::string& Pool() const { return mPool.Path(); }
   std::uint16_t NodeId() const { return mNodeId; }
-
-  /// Options of a node on this place, with a link port on loopback.
-  fabric::FabricNodeOptions Options() const;
+  fabric::FabricNodeOptions Options() const { return FabricOptions(Home(), Pool(), mNodeId); }
 
  private:
   const TempDir mHome;
@@ -38,55 +43,46 @@ class FabricPlace {
 /// The names in a folder and below, sorted; none when there is no such folder.
 std::vector<std::string> NamesIn(const std::string& folder);
 
-/// A fabric node as a process.
-class FabricHost {
+/// programs/fabric_process. Its requests are the program's commands.
+class FabricProcess : public ChildProcess {
  public:
-  /// \param more of its arguments. \param around a command that takes the node's own behind its last
-  /// argument.
-  explicit FabricHost(const FabricPlace& place, const std::vector<std::string>& more = {},
-                      const std::vector<std::string>& around = {});
+  FabricProcess() : ChildProcess({VYN_TEST_PROGRAM_DIR "/fabric_process"}) {}
+};
+
+/// A node.
+class FabricHost : public FabricProcess {
+ public:
+  explicit FabricHost(const FabricPlace& place);
 
   std::uint16_t Port() const { return mPort; }
-  ChildProcess& Process() { return mProcess; }
   void Knows(std::uint16_t nodeId, std::uint16_t port);
-  /// Capacity, used, objects, namespaces, copies, copyBytes, pulls, connections.
-  std::vector<std::uint64_t> Stats();
 
  private:
-  ChildProcess mProcess;
   std::uint16_t mPort = 0;
 };
 
-/// programs/fabric_client with the built libbmclient.so. Its requests are the program's commands.
-class FabricClient : public ChildProcess {
+/// A client.
+class FabricClient : public FabricProcess {
  public:
   /// \param home of its node, empty outside of all nodes.
   explicit FabricClient(const std::string& home);
-  /// Returns: the id of a new object in the namespace "app" with the token "token".
-  std::string Allocate(std::uint16_t node, std::uint64_t size);
 };
 
-/// A client with a namespace and token, in this process.
-struct Tenant {
-  fabric::FabricClient& client;
+/// An object as a caller names it. A client takes it as it is; Allocate writes the id of a new one into it.
+struct Object {
   std::string ns;
   std::string token;
+  std::string id = std::string(fabric::kIdLength, '-');
+  mutable BmSecContext context{};
 
-  /// Keeps its texts by itself.
-  struct Context : BmSecContext {
-    explicit Context(const Tenant& tenant, const std::string& id = "") : mId(id) {
-      mId.resize(64);
-      *static_cast<BmSecContext*>(this) = {mId.data(), tenant.ns.c_str(), tenant.token.c_str()};
-    }
-    Context(const Context&) = delete;
-    Context& operator=(const Context&) = delete;
-    std::string mId;
-  };
-  /// Returns: the new object's id; the failure's number as text when there is none.
-  std::string Allocate(std::uint16_t node, std::uint64_t size) const;
-  int Write(const std::string& id, std::uint64_t offset, const std::string& bytes) const;
-  /// Returns: the bytes, or the failure's number as text.
-  std::string Read(const std::string& id, std::uint64_t offset, std::uint64_t length) const;
+  operator const BmSecContext*() const {
+    context = {id.c_str(), ns.c_str(), token.c_str()};
+    return &context;
+  }
 };
+
+/// Returns: the bytes, or the failure's number as text.
+std::string ReadObject(fabric::FabricClient& client, const Object& object, std::uint64_t offset,
+                       std::uint64_t length);
 
 }  // namespace vyn::test

@@ -29,28 +29,9 @@ class LinkTls {
   tls::TlsContext::SecurityMap Trust(const std::string& authority = "ca.pem") const {
     return {{"tls.ca.cert.path", mFiles / authority}};
   }
-  std::string File(const std::string& name) const { return mFiles / name; }
 
  private:
   Certificates mFiles;
-};
-
-/// Lines that any thread may add.
-class Lines {
- public:
-  void Add(const std::string& line) {
-    std::lock_guard lock(mMutex);
-    mText += line + "\n";
-  }
-  /// Takes what has come so far.
-  std::string Take() {
-    std::lock_guard lock(mMutex);
-    return std::exchange(mText, "");
-  }
-
- private:
-  std::mutex mMutex;  // guards the text
-  std::string mText;
 };
 
 }  // namespace vyn::test

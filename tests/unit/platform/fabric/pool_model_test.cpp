@@ -1,318 +1,337 @@
 // Two fabric nodes beside a model of their pools: random calls by every way to a node, and after each call
 // the same result, the same contents and the same account.
 
-#include "unit/platform/fabric/pool_model.h"
-
 #include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/protocol/names.h"
+#include "support/commands.h"
 #include "support/fabric.h"
 #include "support/link_tls.h"
-#include "support/temp_dir.h"
-#include "support/test.h"
+#include "support/pattern.h"
+#include "support/random_steps.h"
 
 namespace vyn::fabric {
 namespace {
 
-/// How the client reaches the nodes: both through the broker of node 1; node 2 over a link of its own; both
-/// over links; both over links under TLS.
-enum class Way { kInside, kLinked, kOutside, kSecured };
+using test::Answer;
+using test::Object;
 
-constexpr std::uint64_t kNoise = 16U << 20U;  // more than a transfer has under way before its first answer
+constexpr std::uint64_t kPage = 4096;
+constexpr std::uint64_t kCapacity = 5000 * kPage + 100;
+// More than any object, and than a transfer has under way before its first answer.
+constexpr std::uint64_t kBuffer = 21U << 20U;
 constexpr int kSteps = 600;
 
-std::string Noise() {
-  std::string noise(kNoise, '\0');
-  std::mt19937 numbers(1);
-  std::generate(noise.begin(), noise.end(), [&] { return static_cast<char>(numbers()); });
-  return noise;
+std::uint64_t Pages(std::uint64_t size) {
+  return (std::max<std::uint64_t>(size, 1) + kPage - 1) / kPage * kPage;
+}
+/// The model refuses by throwing the result that the node is to give.
+void Must(bool condition, int refusal) {
+  if (!condition) {
+    throw refusal;
+  }
+}
+void MustFit(std::uint64_t size, std::uint64_t offset, std::uint64_t length) {
+  Must(offset <= size && length <= size - offset, kBmLocalError);
 }
 
-class PoolModelTest : public testing::TestWithParam<Way>, protected PoolModel {
+/// How the client reaches the nodes. Inside: both through the broker of node 1; Linked: node 2 over a link of
+/// its own; Outside: both over links; Secured: both over links under TLS.
+class PoolModelTest : public testing::TestWithParam<std::string> {
  protected:
-  static bool Outside() { return GetParam() == Way::kOutside || GetParam() == Way::kSecured; }
+  struct Item {
+    Object name;
+    std::string bytes;
+  };
+
+  static bool Outside() { return GetParam() == "Outside" || GetParam() == "Secured"; }
   /// Starts a node, for the first time or again, and links the client to it.
   void Start(std::uint16_t node) {
     FabricNodeOptions options = mPlaces[node - 1].Options();
     options.capacity = kCapacity;
     options.sweepSeconds = 3600;
-    options.directory = [this](std::uint16_t nodeId, NodeAddress& address) {
-      address = {"127.0.0.1", mNodes[1].LinkPort()};
-      return nodeId == 2;
-    };
-    if (mTls != nullptr) {
-      mTls->Use(options);
+    options.directory = test::Directory(2, mNodes[1]);
+    if (GetParam() == "Secured") {
+      mTls.Use(options);
     }
-    std::string error;
-    mNodes[node - 1].Stop();
-    ASSERT_TRUE(mNodes[node - 1].Start(options, error)) << error;
-    if (Outside() || (GetParam() == Way::kLinked && node == 2)) {
+    test::StartAgain(mNodes[node - 1], options);
+    if (Outside() || (GetParam() == "Linked" && node == 2)) {
       ASSERT_EQ(mClient.CreateLink(node, "127.0.0.1", mNodes[node - 1].LinkPort()), 0);
-    }
-    if (node == 1) {
-      mPulled.clear();
     }
   }
 
-  void MakeNamespace(std::uint16_t node) {
-    const std::string names[] = {"a", "b", "a", "b", "c", "with space", "", std::string(256, 'n')};
-    const std::string name = names[Pick(std::size(names))];
-    const std::string token = Pick(8) == 0 ? "other" : name == "c" ? "" : "token-" + name;
-    const int right = Right(node, {name, token, ""});
-    const int expected = !IsNamespaceName(name) ? kBmNamespaceInvalid
-                         : node > 2             ? kBmUnconnected
-                         : right == 0           ? kBmNamespaceExists
-                         : right == -ENOENT     ? 0
-                                                : right;
-    mSteps->Note("create namespace", node, name, token);
-    EXPECT_EQ(mClient.CreateNamespace(node, name.c_str(), token.c_str()), expected);
-    if (expected == 0) {
-      mModel[node][name].token = token;
+  // The model.
+
+  void Enter(std::uint16_t node, const Object& caller) {
+    Must(node <= 2, kBmUnconnected);
+    const auto token = mTokens.find({node, caller.ns});
+    Must(token != mTokens.end(), -ENOENT);
+    Must(token->second == caller.token, -EACCES);
+  }
+  std::string& Find(const Object& object) {
+    Enter(OwnerOf(object.id), object);
+    const auto found = mObjects.find(object.id);
+    Must(found != mObjects.end() && found->second.name.ns == object.ns, -ENOENT);
+    return found->second.bytes;
+  }
+  /// Returns: the contents; null where this caller may not find them.
+  const std::string* Look(const Object& object) {
+    try {
+      return &Find(object);
+    } catch (int) {
+      return nullptr;
     }
   }
-  void DestroyNamespace(std::uint16_t node, const Object& object) {
-    mSteps->Note("destroy namespace", node, object.ns);
-    const int expected = Right(node, object);
-    EXPECT_EQ(mClient.DestroyNamespace(node, object.ns.c_str(), object.token.c_str()), expected);
-    if (expected == 0) {
-      mModel[node].erase(object.ns);
-    }
+  void Made(std::uint16_t node, const Object& object, std::uint64_t size) {
+    EXPECT_TRUE(IsObjectId(object.id) && OwnerOf(object.id) == node) << object.id;
+    EXPECT_TRUE(mObjects.emplace(object.id, Item{object, std::string(size, '\0')}).second);
   }
-  void Allocate(std::uint16_t node, const Object& object) {
-    int expected = node > 2 ? kBmUnconnected : Right(node, object);
-    const std::uint64_t size = expected == 0 && Pick(10) == 0 ? Number(kCapacity) : Size();
-    expected = expected == 0 && !HasRoom(node, size) ? kBmNotEnoughCapacity : expected;
-    mSteps->Note("allocate", node, object.ns, size);
-    char id[64] = "";
-    const BmSecContext context{id, object.ns.c_str(), object.token.c_str()};
-    EXPECT_EQ(mClient.Allocate(&context, size, node), expected);
-    if (expected == 0) {
-      Made(node, object.ns, id, std::string(size, '\0'));
-      if (Pick(2) == 0) {  // a move within zeros would not show
-        const std::string some = mNoise.substr(Pick(kPage), size);
-        EXPECT_EQ((test::Tenant{mClient, object.ns, object.token}.Write(id, 0, some)), 0);
-        mModel[node][object.ns].objects[id].replace(0, some.size(), some);
+  std::uint64_t Used(std::uint16_t node) {
+    std::uint64_t used = 0;
+    for (const auto& [id, item] : mObjects) {
+      used += OwnerOf(id) == node ? Pages(item.bytes.size()) : 0;
+    }
+    return used;
+  }
+  /// \param less what is given back for it.
+  bool HasRoom(std::uint16_t node, std::uint64_t size, std::uint64_t less = 0) {
+    return size <= kCapacity && Used(node) - less + Pages(size) <= kCapacity;
+  }
+  /// Compares what a node said with what the model says, which takes the step too.
+  void Same(const std::string& step, int result, const std::function<void()>& model) {
+    mSteps->Note(step);
+    int expected = 0;
+    try {
+      model();
+    } catch (int refusal) {
+      expected = refusal;
+    }
+    EXPECT_EQ(result, expected);
+  }
+
+  // Random arguments. Most calls are right, the others are wrong in one way.
+
+  std::uint64_t Pick(std::uint64_t count) { return mSteps->Wide(count); }
+  std::uint16_t AnyNode() { return static_cast<std::uint16_t>(1 + Pick(2)); }
+  std::uint64_t Number(std::uint64_t size) {
+    return mSteps->Pick<std::uint64_t>({0, 1, size - 1, size, size + 1, Pick(size + 1), 1ULL << 63U, ~0ULL});
+  }
+  std::uint64_t Size() {
+    static const std::vector<std::uint64_t> gSizes = {0,      1,         100,     4095,    4096,     4097,
+                                                      400000, 1U << 20U, 4000000, 5000000, 9U << 20U};
+    return std::min(mSteps->Pick(gSizes), mSteps->Pick(gSizes));
+  }
+  /// An offset and a length, which most often lie within the object.
+  std::pair<std::uint64_t, std::uint64_t> Range(const Object& object, std::uint64_t most = ~0ULL) {
+    const std::string* const bytes = most == 0 ? nullptr : Look(object);
+    const std::uint64_t size = bytes == nullptr ? 0 : std::min<std::uint64_t>(bytes->size(), most);
+    const std::uint64_t offset = Pick(size + 1);
+    return bytes == nullptr || Pick(3) != 0 ? std::pair(offset, Pick(size - offset + 1))
+                                            : std::pair(Number(size), Number(size));
+  }
+  Object Good(const std::string& ns) {
+    std::vector<Object> all;
+    for (const auto& [id, item] : mObjects) {
+      if (ns.empty() || ns == item.name.ns) {
+        all.push_back(item.name);
       }
     }
+    return all.empty() ? Object{"a", "token-a", MakeObjectId(AnyNode())} : mSteps->Pick(all);
   }
-  void Made(std::uint16_t node, const std::string& ns, const std::string& id, const std::string& bytes) {
-    ASSERT_TRUE(IsObjectId(id)) << id;
-    EXPECT_EQ(OwnerOf(id), node);
-    EXPECT_TRUE(mModel[node][ns].objects.emplace(id, bytes).second);
+  Object Any() {
+    const Object good = Good("");
+    const std::string other = good.ns == "a" ? "b" : "a";
+    return Pick(4) != 0 ? good
+                        : mSteps->Pick<Object>({{good.ns, "other", good.id},
+                                                {good.ns, good.token + " ", good.id},
+                                                {"../a", good.token, good.id},
+                                                {other, "token-" + other, good.id},
+                                                {good.ns, good.token, MakeObjectId(AnyNode())},
+                                                {good.ns, "other", MakeObjectId(AnyNode())}});
   }
-  void Free(const Object& object) {
-    std::string* bytes = nullptr;
-    const int expected = Find(object, bytes);
-    mSteps->Note("free", object.ns, object.id);
-    const BmSecContext context = object;
-    EXPECT_EQ(mClient.Free(&context), expected);
-    if (expected == 0) {
-      mModel[OwnerOf(object.id)][object.ns].objects.erase(object.id);
-    }
+
+  // The calls.
+
+  void MakeNamespace(std::uint16_t node) {
+    const auto name =
+        mSteps->Pick<std::string>({"a", "b", "a", "b", "c", "with space", "", std::string(256, 'n')});
+    const std::string token = Pick(8) == 0 ? "other" : name == "c" ? "" : "token-" + name;
+    const int result = mClient.CreateNamespace(node, name.c_str(), token.c_str());
+    Same(Answer("create", node, name, token), result, [&] {
+      Must(IsNamespaceName(name), kBmNamespaceInvalid);
+      Must(node <= 2, kBmUnconnected);
+      const auto [space, made] = mTokens.try_emplace({node, name}, token);
+      Must(made, space->second == token ? kBmNamespaceExists : -EACCES);
+    });
+  }
+  void DestroyNamespace(std::uint16_t node, const Object& object) {
+    const int result = mClient.DestroyNamespace(node, object.ns.c_str(), object.token.c_str());
+    Same(Answer("destroy", node, object.ns), result, [&] {
+      Enter(node, object);
+      mTokens.erase({node, object.ns});
+      std::erase_if(mObjects, [&](const auto& item) {
+        return OwnerOf(item.first) == node && item.second.name.ns == object.ns;
+      });
+    });
+  }
+  void Allocate(std::uint16_t node, Object object) {
+    const std::uint64_t size = node <= 2 && Pick(10) == 0 ? Number(kCapacity) : Size();
+    Same(Answer("allocate", node, object.ns, size), mClient.Allocate(object, size, node), [&] {
+      Must(size <= kMaxObjectSize, kBmNotEnoughCapacity);
+      Enter(node, object);
+      Must(HasRoom(node, size), kBmNotEnoughCapacity);
+      Made(node, object, size);
+      // A move within zeros would not show.
+      const std::string some = mNoise.substr(Pick(kPage), Pick(2) * size);
+      EXPECT_EQ(mClient.Write(object, 0, some.size(), some.data()), 0);
+      Find(object).replace(0, some.size(), some);
+    });
   }
   void FreeBatch(const Object& caller) {
     std::vector<std::string> ids(Pick(8) == 0 ? kMaxIdsPerFrame : 0, MakeObjectId(AnyNode()));
-    for (std::uint64_t count = 1 + Pick(4); count > 0; --count) {
+    for (std::uint64_t more = 1 + Pick(4); more > 0; --more) {
       ids.push_back(Good(Pick(4) == 0 ? "" : caller.ns).id);
     }
-    int expected = Pick(8) == 0 && Right(1, caller) == 0 ? kBmLocalError : 0;
-    std::vector<const char*> pointers(expected != 0 ? 1 : 0, "short");
-    for (const std::uint16_t node : {1, 2}) {
-      for (const std::string& id : ids) {
-        std::string* bytes = nullptr;
-        const int result = OwnerOf(id) == node ? Find({caller.ns, caller.token, id}, bytes) : 0;
-        expected = expected == 0 ? result : expected;
-        if (bytes != nullptr) {
-          mModel[node][caller.ns].objects.erase(id);
-        }
-      }
-    }
+    std::sort(ids.begin(), ids.end());  // by owner, as the client asks
+    std::vector<const char*> pointers;
     for (const std::string& id : ids) {
       pointers.push_back(id.c_str());
     }
-    mSteps->Note("free batch", caller.ns, ids.size(), ids.back());
-    EXPECT_EQ(mClient.FreeBatch(pointers.data(), static_cast<std::uint32_t>(pointers.size()),
-                                caller.ns.c_str(), caller.token.c_str()),
-              expected);
+    const auto count = static_cast<std::uint32_t>(ids.size());
+    const int result =
+        count == 1 ? mClient.Free(Object{caller.ns, caller.token, ids[0]})
+                   : mClient.FreeBatch(pointers.data(), count, caller.ns.c_str(), caller.token.c_str());
+    Same(Answer("free batch", caller.ns, ids.size(), ids.back()), result, [&] {
+      int first = 0;
+      for (const std::string& id : ids) {
+        try {
+          Find({caller.ns, caller.token, id});
+          mObjects.erase(id);
+        } catch (int refusal) {
+          first = first == 0 ? refusal : first;
+        }
+      }
+      Must(first == 0, first);
+    });
   }
   void Expand(const Object& object) {
-    std::string* bytes = nullptr;
-    int expected = Find(object, bytes);
-    std::uint64_t size = 1;
-    if (expected == 0) {
-      size = Pick(2) == 0 ? Number(bytes->size()) : Size();
-      const bool fits = HasRoom(OwnerOf(object.id), size, Pages(bytes->size()));
-      expected = size < bytes->size() ? kBmLocalError : fits ? 0 : kBmNotEnoughCapacity;
-    }
-    mSteps->Note("expand", object.ns, object.id, size);
-    const BmSecContext context = object;
-    EXPECT_EQ(mClient.Expand(&context, size), expected);
-    if (expected == 0) {
-      bytes->resize(size);
-    }
+    const std::string* const old = Look(object);
+    const std::uint64_t size = old != nullptr && Pick(2) == 0 ? Number(old->size()) : Size();
+    Same(Answer("expand", object.ns, object.id, size), mClient.Expand(object, size), [&] {
+      Must(size <= kMaxObjectSize, kBmNotEnoughCapacity);
+      std::string& bytes = Find(object);
+      Must(size >= bytes.size(), kBmLocalError);
+      Must(HasRoom(OwnerOf(object.id), size, Pages(bytes.size())), kBmNotEnoughCapacity);
+      bytes.resize(size);
+    });
   }
   void ReadOrWrite(const Object& object, bool write) {
-    std::string* bytes = nullptr;
-    int expected = Find(object, bytes);
-    std::uint64_t offset = 0;
-    std::uint64_t length = 0;
-    if (expected == 0) {
-      Range(bytes->size(), offset, length);
-      expected = Fits(bytes->size(), offset, length) ? 0 : kBmLocalError;
-    }
-    mSteps->Note(write ? "write" : "read", object.ns, object.id, offset, length);
-    const std::uint64_t room = expected == 0 ? length : write ? kNoise : std::min(length, kNoise);
-    const std::string some = mNoise.substr(Pick(kNoise - room + 1), room);
-    std::string seen = some;
-    const BmSecContext context = object;
-    EXPECT_EQ(write ? mClient.Write(&context, offset, length, some.data())
-                    : mClient.Read(&context, offset, length, seen.data()),
-              expected);
-    if (write && expected == 0) {
-      bytes->replace(offset, length, some);
-    }
-    EXPECT_TRUE(seen == (expected == 0 ? bytes->substr(offset, length) : some));
+    const auto [offset, length] = Range(object);
+    const char* const noise = mNoise.data() + Pick(1U << 20U);
+    std::string seen(std::min(length, kBuffer), 's');
+    std::string expected = seen;
+    const int result = write ? mClient.Write(object, offset, length, noise)
+                             : mClient.Read(object, offset, length, seen.data());
+    Same(Answer(write ? "write" : "read", object.ns, object.id, offset, length), result,
+         [&, at = offset, count = length] {
+           std::string& bytes = Find(object);
+           MustFit(bytes.size(), at, count);
+           write ? bytes.replace(at, count, noise, count) : expected = bytes.substr(at, count);
+         });
+    EXPECT_TRUE(seen == expected);
   }
   void Copy(const Object& source, const Object& destination) {
-    std::string* from = nullptr;
-    std::string* to = nullptr;
-    int expected = Find(source, from);
-    const int other = Find(destination, to);
-    if (expected != 0 && other != 0) {
+    const std::string* const to = Look(destination);
+    if (to == nullptr && Look(source) == nullptr) {
       return;  // which of the two is told depends on the way
     }
-    expected = expected == 0 ? other : expected;
-    std::uint64_t offset = 0;
-    std::uint64_t length = 0;
-    std::uint64_t target = 0;
-    if (expected == 0) {
-      Range(from->size(), offset, length);
-      target = Pick(4) == 0 ? Number(to->size()) : Pick(to->size() - std::min(to->size(), length) + 1);
-      if (from == to && Pick(4) != 0) {  // ranges that overlap
-        length = from->size() - from->size() / 8;
-        offset = Pick(from->size() / 8 + 1);
-        target = Pick(from->size() / 8 + 1);
-      }
-      expected = Fits(from->size(), offset, length) && Fits(to->size(), target, length) ? 0 : kBmLocalError;
-    }
-    mSteps->Note("copy", source.ns, source.id, offset, destination.ns, destination.id, target, length);
-    const BmSecContext contexts[] = {source, destination};
-    EXPECT_EQ(mClient.Copy(&contexts[0], offset, &contexts[1], target, length), expected);
-    if (expected == 0) {
-      to->replace(target, length, std::string(*from, offset, length));
-    }
+    const auto [offset, length] = Range(source, to == nullptr ? 0 : ~0ULL);
+    const std::uint64_t target = to == nullptr ? 0 : Pick(to->size() - std::min(to->size(), length) + 1);
+    const int result = mClient.Copy(source, offset, destination, target, length);
+    Same(Answer("copy", source.id, offset, destination.id, target, length), result,
+         [&, at = offset, count = length] {
+           const std::string bytes = Find(source);
+           std::string& changed = Find(destination);
+           MustFit(bytes.size(), at, count);
+           MustFit(changed.size(), target, count);
+           changed.replace(target, count, bytes, at, count);
+         });
   }
   void SwapIn(const Object& object) {
-    std::string* bytes = nullptr;
-    int expected = Find(object, bytes);
-    BmFileRecord file{-1, 0, mFile.c_str(), Pick(2) == 0 ? "r" : nullptr, 0, 0};
-    std::uint64_t most = kNoise;
-    if (expected == 0) {
-      Range(std::min<std::uint64_t>(bytes->size() + 1, mFileBytes.size()), file.offset, file.length);
-      const auto wrong = Pick(16);
-      most = wrong == 0 ? file.length - 1 : kNoise;
-      file.name = wrong == 1 ? "/no/such/file" : wrong == 2 ? "/" : file.name;
-      file.node = wrong == 3 ? 7 : wrong == 4 ? 1 : -1;
-      const bool good = file.length <= most && (wrong > 4 || wrong == 0 || (wrong == 4 && !Outside()));
-      expected = good && Fits(mFileBytes.size(), file.offset, file.length) && file.length <= bytes->size()
-                     ? 0
-                     : kBmLocalError;
-    }
-    mSteps->Note("swap in", object.ns, object.id, file.node, file.name, file.offset, file.length, most);
+    const auto wrong = Look(object) == nullptr ? 16 : Pick(16);
+    BmFileRecord file{-1, 0, mFile.c_str(), "r", 0, 0};
+    file.node = wrong == 3 ? 7 : wrong == 4 ? 1 : -1;
+    file.name = wrong == 1 ? "/no/such/file" : wrong == 2 ? "/" : file.name;
+    std::tie(file.offset, file.length) = Range(object, mFileBytes.size() / 2);
+
     const BmBlockRecord block{object.id.c_str(), object.ns.c_str(), object.token.c_str()};
-    EXPECT_EQ(mClient.SwapIn(&file, &block, most), expected);
-    if (expected == 0) {
-      bytes->replace(0, file.length, mFileBytes, file.offset, file.length);
-    }
+    const int result = mClient.SwapIn(&file, &block, wrong == 0 ? file.length - 1 : file.length);
+    Same(Answer("swap in", object.ns, object.id, file.node, file.name, file.offset, file.length), result,
+         [&] {
+           std::string& bytes = Find(object);
+           Must(wrong == 0 ? file.length == 0 : wrong > 4 || (wrong == 4 && !Outside()), kBmLocalError);
+           MustFit(mFileBytes.size(), file.offset, file.length);
+           MustFit(bytes.size(), 0, file.length);
+           bytes.replace(0, file.length, mFileBytes, file.offset, file.length);
+         });
   }
-  void Gather(const Object& destination, bool makes) {
-    std::string list(sizeof(BmGatherContext), '\0');
-    std::vector<BmGatherPiece> pieces(Pick(4));
-    std::uint64_t total = 0;
-    int expected = 0;
-    std::string* bytes = nullptr;
-    for (BmGatherPiece& piece : pieces) {
-      const std::string id = Pick(12) == 0 ? MakeObjectId(2) : Good(destination.ns).id;
-      std::strcpy(piece.bmId, id.c_str());
-      piece.offset = piece.length = 0;
-      if (Find({destination.ns, destination.token, id}, bytes) == 0) {
-        Range(std::min<std::uint64_t>(bytes->size(), 1U << 20U) + (Pick(8) == 0 ? 1 : 0), piece.offset,
-              piece.length);
-      }
-      expected = total + piece.length < total ? kBmLocalError : expected;
+  void Gather(Object object, bool makes) {
+    struct {
+      BmGatherContext head;
+      BmGatherPiece pieces[3];
+    } list{};
+    std::vector<Object> sources(Pick(4), object);
+    __extension__ unsigned __int128 total = 0;
+    for (std::size_t index = 0; index < sources.size(); ++index) {
+      BmGatherPiece& piece = list.pieces[index];
+      sources[index].id = Pick(12) == 0 ? MakeObjectId(2) : Good(object.ns).id;
+      std::strcpy(piece.bmId, sources[index].id.c_str());
+      std::tie(piece.offset, piece.length) = Range(sources[index], 1U << 20U);
       total += piece.length;
     }
-    const auto then = [&expected](int next) { expected = expected == 0 ? next : expected; };
-    const auto where = static_cast<std::uint16_t>(!Outside()       ? 1
-                                                  : pieces.empty() ? 0
-                                                                   : OwnerOf(pieces[0].bmId));
-    std::string made;
-    std::string* to = &made;
-    if (makes) {
-      then(!IsNamespaceName(destination.ns) ? -ENOENT : where == 0 ? kBmLocalError : 0);
-      then(total > kMaxObjectSize ? kBmNotEnoughCapacity : Right(where, destination));
-      then(HasRoom(where, total) ? 0 : kBmNotEnoughCapacity);
-    }
-    for (const BmGatherPiece& piece : pieces) {
-      const int found = Find({destination.ns, destination.token, piece.bmId}, bytes);
-      then(found != 0 || Fits(bytes->size(), piece.offset, piece.length) ? found : kBmLocalError);
-    }
-    if (!makes) {
-      const int found = Find(destination, to);
-      then(found != 0 || total <= to->size() ? found : kBmLocalError);
-    }
-    const BmGatherContext head{kGatherPieces, pieces.size() * sizeof(BmGatherPiece)};
-    std::memcpy(list.data(), &head, sizeof(head));
-    list.append(reinterpret_cast<const char*>(pieces.data()), head.size);
-    mSteps->Note("gather", destination.ns, makes ? "new" : destination.id, pieces.size(), "pieces", total);
-    char id[64] = "";
-    const BmSecContext context{makes ? id : destination.id.c_str(), destination.ns.c_str(),
-                               destination.token.c_str()};
-    EXPECT_EQ(mClient.Gather(reinterpret_cast<const BmGatherContext*>(list.data()),
-                             makes ? kGatherNew : kGatherExisting, &context),
-              expected);
-    if (expected != 0) {
-      return;
-    }
-    made.resize(makes ? total : 0);
-    std::uint64_t done = 0;
-    for (const BmGatherPiece& piece : pieces) {
-      Find({destination.ns, destination.token, piece.bmId}, bytes);
-      to->replace(done, piece.length, std::string(*bytes, piece.offset, piece.length));
-      done += piece.length;
-    }
-    if (makes) {
-      Made(where, destination.ns, id, made);
-    }
+    list.head = {kGatherPieces, sources.size() * sizeof(BmGatherPiece)};
+    const std::uint16_t where = !Outside() ? 1 : sources.empty() ? 0 : OwnerOf(sources[0].id);
+    const int result = mClient.Gather(&list.head, makes ? kGatherNew : kGatherExisting, object);
+    Same(Answer("gather", object.ns, makes ? "new" : "", object.id, sources.size()), result, [&] {
+      Must(total <= ~0ULL, kBmLocalError);
+      const auto size = static_cast<std::uint64_t>(total);
+      if (makes) {
+        Must(IsNamespaceName(object.ns), -ENOENT);
+        Must(where != 0, kBmLocalError);
+        Must(size <= kMaxObjectSize, kBmNotEnoughCapacity);
+        Enter(where, object);
+        Must(HasRoom(where, size), kBmNotEnoughCapacity);
+      }
+      for (std::size_t index = 0; index < sources.size(); ++index) {
+        MustFit(Find(sources[index]).size(), list.pieces[index].offset, list.pieces[index].length);
+      }
+      if (makes) {
+        Made(where, object, size);
+      }
+      std::string& to = Find(object);
+      MustFit(to.size(), 0, size);
+      std::uint64_t done = 0;
+      for (std::size_t index = 0; index < sources.size(); done += list.pieces[index++].length) {
+        const std::string piece(Find(sources[index]), list.pieces[index].offset, list.pieces[index].length);
+        to.replace(done, piece.size(), piece);
+      }
+    });
   }
   void Map(const Object& object, bool writable) {
-    std::string* bytes = nullptr;
-    const int found = Find(object, bytes);
-    if (Outside() && found != 0) {
-      return;  // Map outside the fabric asks nobody
-    }
     const bool own = OwnerOf(object.id) == 1;
-    const std::uint64_t pulls = mNodes[0].Stats().pulls;
-    mSteps->Note("map", object.ns, object.id, writable);
     void* address = nullptr;
-    const BmSecContext context = object;
-    const int result = mClient.Map(&context, writable ? 3 : 1, MAP_SHARED, &address);
-    const bool full = found == 0 && !own && !HasRoom(1, bytes->size());  // no room for a copy
-    EXPECT_TRUE(result == (Outside() ? kBmLocalError : found) || (full && result == kBmNotEnoughCapacity))
-        << result;
-    if (result != 0) {
-      return;
-    }
-    if (!own && mNodes[0].Stats().pulls != pulls) {
-      mPulled[object.id] = *bytes;
-    }
-    std::string& seen = own ? *bytes : mPulled[object.id];  // a copy stays as it was pulled
-    EXPECT_EQ(seen.size(), bytes->size());
-    EXPECT_EQ(std::memcmp(address, seen.data(), seen.size()), 0);
-    if (own && writable && !seen.empty()) {
-      const std::uint64_t changed = Pick(seen.size());
-      static_cast<char*>(address)[changed] = seen[changed] = 'w';
-    }
-    EXPECT_EQ(mClient.Unmap(object.id.c_str(), address), 0);
+    const int result = mClient.Map(object, writable ? 3 : 1, MAP_SHARED, &address);
+    Same(Answer("map", object.ns, object.id, writable), result, [&] {
+      Must(!Outside() || !IsNamespaceName(object.ns), kBmLocalError);
+      std::string& bytes = Find(object);
+      Must(own || result == 0 || HasRoom(1, bytes.size()), kBmNotEnoughCapacity);  // no room for a copy
+      ASSERT_NE(address, nullptr);
+      EXPECT_TRUE(bytes == std::string(static_cast<char*>(address), bytes.size()));
+      if (own && writable && !bytes.empty()) {
+        const std::uint64_t changed = Pick(bytes.size());
+        static_cast<char*>(address)[changed] = bytes[changed] = 'w';
+      }
+      EXPECT_EQ(mClient.Unmap(object.id.c_str(), address), 0);
+    });
   }
 
   void Step() {
@@ -320,46 +339,29 @@ class PoolModelTest : public testing::TestWithParam<Way>, protected PoolModel {
     const Object object = Any();
     const std::function<void()> calls[] = {
         [&] { MakeNamespace(node); },
-        [&] { Allocate(node, node > 2 ? Good("") : object); },
-        [&] { Allocate(node, node > 2 ? Good("") : object); },
-        [&] { Allocate(node, node > 2 ? Good("") : object); },
+        [&] { Allocate(node, object); },
+        [&] { Allocate(node, object); },
+        [&] { Allocate(node, object); },
         [&] { Pick(3) == 0 ? DestroyNamespace(AnyNode(), object) : FreeBatch(object); },
-        [&] { Pick(2) == 0 ? Free(object) : Expand(object); },
         [&] { Expand(object); },
-        [&] { ReadOrWrite(object, false); },
-        [&] { ReadOrWrite(object, true); },
-        [&] { Copy(object, Any()); },
-        [&] { Copy(object, object); },
+        [&] { ReadOrWrite(object, Pick(2) == 0); },
+        [&] { Copy(object, Pick(2) == 0 ? object : Any()); },
         [&] { SwapIn(object); },
         [&] { Gather(object, Pick(2) == 0); },
         [&] { Map(object, Pick(2) == 0); },
     };
     calls[Pick(std::size(calls))]();
   }
-  void CompareAccounts(std::uint16_t node) {
-    std::map<std::string, std::uint64_t> expected;
-    std::map<std::string, std::uint64_t> seen;
-    for (const auto& [name, space] : mModel[node]) {
-      expected[name] = space.objects.size();
+  void CompareAccounts() {
+    for (const std::uint16_t node : {1, 2}) {
+      const FabricNodeStats stats = mNodes[node - 1].Stats();
+      EXPECT_EQ(stats.used - stats.copyBytes, Used(node)) << node;
     }
-    for (const NamespaceInfo& info : mNodes[node - 1].Namespaces()) {
-      seen[info.name] = info.objects;
-    }
-    EXPECT_EQ(seen, expected) << "node " << node;
-    const FabricNodeStats stats = mNodes[node - 1].Stats();
-    EXPECT_EQ(stats.used - stats.copyBytes, Used(node)) << "node " << node;
+    EXPECT_EQ(mNodes[0].Stats().objects + mNodes[1].Stats().objects, mObjects.size());
   }
   void CompareContents() {
-    for (auto& [node, spaces] : mModel) {
-      for (auto& [name, space] : spaces) {
-        EXPECT_EQ(mNodes[node - 1].CheckToken(name, space.token), 0);
-        std::vector<ObjectInfo> objects;
-        EXPECT_EQ(mNodes[node - 1].Objects(name, objects), 0);
-        for (const auto& [id, size] : objects) {
-          EXPECT_TRUE((test::Tenant{mClient, name, space.token}.Read(id, 0, size) == space.objects[id]))
-              << id;
-        }
-      }
+    for (const auto& [id, item] : mObjects) {
+      EXPECT_TRUE(test::ReadObject(mClient, item.name, 0, item.bytes.size()) == item.bytes) << id;
     }
   }
 
@@ -367,36 +369,30 @@ class PoolModelTest : public testing::TestWithParam<Way>, protected PoolModel {
   const test::TempDir mFolder;
   const std::string mFileBytes = mNoise.substr(12345, 3000077);
   const std::string mFile = mFolder.Write("file", mFileBytes);
-  std::unique_ptr<test::LinkTls> mTls;
+  const test::LinkTls mTls;
   test::FabricPlace mPlaces[2] = {test::FabricPlace(1), test::FabricPlace(2)};
   FabricNode mNodes[2];
   FabricClient mClient;
-  std::map<std::string, std::string> mPulled;  // node 1's copies by id, as they were pulled
+  std::unique_ptr<test::RandomSteps> mSteps;
+  std::map<std::pair<std::uint16_t, std::string>, std::string> mTokens;  // by node and namespace
+  std::map<std::string, Item> mObjects;                                  // by id
 };
-const std::string PoolModelTest::mNoise = Noise();
+const std::string PoolModelTest::mNoise = test::Pattern(kBuffer + (1U << 20U), 1);
 
-std::string NameOf(const testing::TestParamInfo<Way>& way) {
-  static const char* const gNames[] = {"Inside", "Linked", "Outside", "Secured"};
-  return gNames[static_cast<int>(way.param)];
-}
-INSTANTIATE_TEST_SUITE_P(Ways, PoolModelTest,
-                         testing::Values(Way::kInside, Way::kLinked, Way::kOutside, Way::kSecured), NameOf);
+INSTANTIATE_TEST_SUITE_P(Ways, PoolModelTest, testing::Values("Inside", "Linked", "Outside", "Secured"),
+                         [](const auto& way) { return way.param; });
 
 TEST_P(PoolModelTest, NodesAndModelAgree) {
-  tls::ClientSetting links;
-  if (GetParam() == Way::kSecured) {
-    mTls = std::make_unique<test::LinkTls>();
-    links = {true, mTls->Trust(), nullptr};
-  }
-  ASSERT_EQ(mClient.Initialize(mPlaces[0].Home().c_str(), Outside() ? 1 : 0, links), 0);
+  ASSERT_EQ(mClient.Initialize(mPlaces[0].Home().c_str(), Outside() ? 1 : 0,
+                               {GetParam() == "Secured", mTls.Trust(), nullptr}),
+            0);
   for (const unsigned int seed : test::Seeds(1)) {
     mSteps = std::make_unique<test::RandomSteps>(seed);
     Start(1);
     Start(2);
     for (int step = 1; step <= kSteps && !HasFailure(); ++step) {
       Step();
-      CompareAccounts(1);
-      CompareAccounts(2);
+      CompareAccounts();
       if (step % 50 == 0) {
         const std::uint16_t node = AnyNode();
         mSteps->Note("restart", node);

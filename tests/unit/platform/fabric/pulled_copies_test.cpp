@@ -1,16 +1,10 @@
 // What a node serves of another node's object while its bytes change or arrive damaged.
 
-#include "platform/fabric/client/fabric_client.h"
 #include "support/fabric.h"
 #include "support/proxy.h"
-#include "support/test.h"
-
-#include <optional>
 
 namespace vyn::fabric {
 namespace {
-
-using test::Tenant;
 
 constexpr std::uint64_t kSize = 3 * 4096 + 7;
 
@@ -19,8 +13,7 @@ constexpr std::uint64_t kSize = 3 * 4096 + 7;
 class PulledCopiesTest : public testing::Test {
  protected:
   PulledCopiesTest() {
-    std::string error;
-    EXPECT_TRUE(mNodes[1].Start(mPlaces[1].Options(), error)) << error;
+    test::StartAgain(mNodes[1], mPlaces[1].Options());
     mLink.emplace(mNodes[1].LinkPort());
     FabricNodeOptions options = mPlaces[0].Options();
     options.directory = [this](std::uint16_t nodeId, NodeAddress& address) {
@@ -28,22 +21,24 @@ class PulledCopiesTest : public testing::Test {
       return nodeId == 2;
     };
     options.log = [this](int level, const std::string&) { mWarnings += level == 3 ? 1 : 0; };
-    EXPECT_TRUE(mNodes[0].Start(options, error)) << error;
+    test::StartAgain(mNodes[0], options);
     EXPECT_EQ(mWriter.Initialize(mPlaces[1].Home().c_str(), 0), 0);
     EXPECT_EQ(mReader.Initialize(mPlaces[0].Home().c_str(), 0), 0);
     EXPECT_EQ(mWriter.CreateNamespace(2, "app", "token"), 0);
-    mId = Tenant{mWriter, "app", "token"}.Allocate(2, kSize);
+    EXPECT_EQ(mWriter.Allocate(mObject, kSize, 2), 0);
+  }
+  void Write(std::size_t size, char letter) {
+    EXPECT_EQ(mWriter.Write(mObject, 0, size, std::string(size, letter).data()), 0);
   }
   /// What a process that maps the object on node 1 sees: the letter that each byte has, '*' for several, or
   /// the refusal.
   std::string Seen() {
-    const Tenant::Context context(Tenant{mReader, "app", "token"}, mId);
     void* address = nullptr;
-    if (const int result = mReader.Map(&context, 3, 1, &address); result != 0) {
+    if (const int result = mReader.Map(mObject, 3, 1, &address); result != 0) {
       return std::to_string(result);
     }
     const std::string bytes(static_cast<char*>(address), kSize);
-    EXPECT_EQ(mReader.Unmap(mId.c_str(), address), 0);
+    EXPECT_EQ(mReader.Unmap(mObject.id.c_str(), address), 0);
     return bytes == std::string(kSize, bytes[0]) ? bytes.substr(0, 1) : "*";
   }
   std::uint64_t Pulls() { return mNodes[0].Stats().pulls; }
@@ -53,39 +48,37 @@ class PulledCopiesTest : public testing::Test {
   std::optional<test::ByteProxy> mLink;
   FabricClient mWriter;
   FabricClient mReader;
-  std::string mId;
+  test::Object mObject{"app", "token"};
   std::atomic<int> mWarnings{0};
 };
 
 TEST_F(PulledCopiesTest, EachReaderSeesTheBytesOfItsTime) {
-  const Tenant::Context context(Tenant{mWriter, "app", "token"}, mId);
   void* address = nullptr;
-  ASSERT_EQ(mWriter.Map(&context, 3, 1, &address), 0);
+  ASSERT_EQ(mWriter.Map(mObject, 3, 1, &address), 0);
   std::string seen;
   for (const char letter : {'a', 'b'}) {
     std::memset(address, letter, kSize);
     seen += Seen() + Seen();
   }
   std::memset(address, 'c', kSize);
-  ASSERT_EQ(mWriter.Unmap(mId.c_str(), address), 0);
+  ASSERT_EQ(mWriter.Unmap(mObject.id.c_str(), address), 0);
   seen += Seen() + Seen();
   EXPECT_EQ(seen, "aabbcc");
   EXPECT_EQ(Pulls(), 3U);
   // Through the node, nothing stays mapped.
   for (const char letter : {'d', 'e', 'f'}) {
-    EXPECT_EQ(mWriter.Write(&context, 0, kSize, std::string(kSize, letter).data()), 0);
+    Write(kSize, letter);
     EXPECT_EQ(Seen() + Seen(), std::string(2, letter));
   }
   EXPECT_EQ(Pulls(), 6U);
 }
 
 TEST_F(PulledCopiesTest, DamageOnTheWayIsNeverServed) {
-  const std::string bytes(kSize, 'x');
-  ASSERT_EQ((Tenant{mWriter, "app", "token"}.Write(mId, 0, bytes)), 0);
+  Write(kSize, 'x');
   mLink->Damage(1);
   EXPECT_EQ(Seen(), "x");
   EXPECT_EQ(mWarnings, 1);
-  ASSERT_EQ((Tenant{mWriter, "app", "token"}.Write(mId, 0, bytes)), 0);
+  Write(kSize, 'x');
   EXPECT_EQ(Pulls(), 1U);
   mNodes[0].DropCopies("app");
   mLink->Damage(100);
@@ -96,17 +89,16 @@ TEST_F(PulledCopiesTest, DamageOnTheWayIsNeverServed) {
 }
 
 TEST_F(PulledCopiesTest, DamageOnALinkNeverReachesAReaderOutside) {
-  mId = Tenant{mWriter, "app", "token"}.Allocate(2, 65536);
-  const std::string bytes(65536, 'y');
-  ASSERT_EQ((Tenant{mWriter, "app", "token"}.Write(mId, 0, bytes)), 0);
+  constexpr std::size_t kLarge = 65536;
+  ASSERT_EQ(mWriter.Allocate(mObject, kLarge, 2), 0);
+  Write(kLarge, 'y');
   FabricClient outside;
   ASSERT_EQ(outside.Initialize("", 1), 0);
   ASSERT_EQ(outside.CreateLink(2, "127.0.0.1", mLink->Port()), 0);
-  const Tenant reader{outside, "app", "token"};
   mLink->Damage(1);
-  EXPECT_EQ(reader.Read(mId, 0, bytes.size()), bytes);
+  EXPECT_EQ(test::ReadObject(outside, mObject, 0, kLarge), std::string(kLarge, 'y'));
   mLink->Damage(100);
-  EXPECT_EQ(reader.Read(mId, 0, bytes.size()), std::to_string(-EBADMSG));
+  EXPECT_EQ(test::ReadObject(outside, mObject, 0, kLarge), std::to_string(-EBADMSG));
 }
 
 }  // namespace
