@@ -30,8 +30,12 @@ class Registration {
 
 void Read(const char* app, unsigned int id, unsigned int blocks, const char* path) {
   std::ofstream file(path, std::ios::binary);
-  std::vector<unsigned long> sizes(blocks);  // FetchBroadcastBlockBatch fills one size for each block
-  Check(FetchBroadcastBlockBatch(app, id, sizes.data()), "FetchBroadcastBlockBatch");
+  std::vector<unsigned long> sizes(blocks);
+  unsigned int count = 0;
+  Check(FetchBroadcastBlockBatchInto(app, id, sizes.data(), blocks, &count), "FetchBroadcastBlockBatchInto");
+  if (count != blocks) {
+    throw std::runtime_error("the variable has " + std::to_string(count) + " blocks");
+  }
   unsigned long total = 0;
   for (unsigned int i = 0; i < blocks; ++i) {
     void* address = nullptr;

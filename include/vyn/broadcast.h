@@ -58,7 +58,8 @@
 //     bool registered = false;
 //     RegisterBroadcastApp("app_1", false, "secret", &registered);
 //     unsigned long sizes[2];
-//     FetchBroadcastBlockBatch("app_1", 7, sizes);
+//     unsigned int count = 0;
+//     FetchBroadcastBlockBatchInto("app_1", 7, sizes, 2, &count);  // count is 2 now
 //     for (unsigned int i = 0; i < 2; ++i) {
 //       void* address = nullptr;
 //       ObtainBroadcastBlockAddr("app_1", 7, i, &address);
@@ -210,7 +211,20 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
 /// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the node server
 ///         refused, does not know the variable or did not answer, or when the cache had no memory for the
 ///         variable. In the last case `blockSizes` is filled, and the next fetch asks the node server again.
+///         1, too, when the node server's answer is about another variable, or has not one size for each
+///         block.
 unsigned int FetchBroadcastBlockBatch(const char* appId, unsigned int broadcastId, unsigned long* blockSizes);
+
+/// As FetchBroadcastBlockBatch, for a caller that does not trust the number of blocks that it was told: a
+/// record can say another one, and FetchBroadcastBlockBatch would then write beyond `blockSizes`.
+/// \param room how many sizes `blockSizes` has room for; with 0 it may be null.
+/// \param blockNum receives the number of blocks of the variable, also when it exceeds `room`; 0 after any
+///        other failure.
+/// \return as FetchBroadcastBlockBatch; 2120001, too, when the variable has more than `room` blocks.
+///         `blockSizes` is unchanged then.
+unsigned int FetchBroadcastBlockBatchInto(const char* appId, unsigned int broadcastId,
+                                          unsigned long* blockSizes, unsigned int room,
+                                          unsigned int* blockNum);
 
 // --- heartbeats ------------------------------------------------------------------------------------------
 
@@ -240,7 +254,11 @@ std::uint32_t HeartBeat(const char* appName, unsigned char processType, const ch
 /// \param addr receives the address, or null after a failure. A refused `appId`, and a call before
 ///        initialisation, leave it unchanged. A null `addr` gives 2000057.
 /// \return 0; 2120001 also for a block id that the variable does not have; 2120013 for a variable that this
-///         process has neither created nor fetched; the status of BmMmap when mapping failed.
+///         process has neither created nor fetched, and for a block that is shorter than its record says; the
+///         status of BmMmap when mapping failed. If the block does not exist any more, the call asks the node
+///         server again. When the variable was deleted and created anew, it goes on with the new one, or, if
+///         blocks of the old one were used or the sizes differ, fails and forgets the variable: fetch it
+///         again then.
 std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcastId, unsigned int blockId,
                                        void** addr);
 

@@ -51,6 +51,18 @@ std::uint32_t Normalize(BroadcastBlockInfo& info) {
   return VYN_OK;
 }
 
+/// Adds the sizes. Returns: false when the sum is more than 64 bits can hold.
+bool AddSizes(const std::vector<std::uint64_t>& sizes, std::uint64_t& total) {
+  total = 0;
+  for (const std::uint64_t size : sizes) {
+    if (total + size < total) {
+      return false;
+    }
+    total += size;
+  }
+  return true;
+}
+
 rpc::ServerOptions ServerOptionsOf(const MetadataServiceOptions& options) {
   rpc::ServerOptions server = options.server;
   server.mReport = [](const std::string& line) { VYN_LOG_WARN("Metadata service: " << line); };
@@ -141,6 +153,22 @@ std::vector<cluster::NodeInfo> MetadataService::Select(const std::vector<std::st
   return nodes;
 }
 
+std::uint32_t MetadataService::CheckBlocks(BroadcastBlockInfo& info) {
+  if (const std::uint32_t status = Normalize(info); Failed(status)) {
+    return status;
+  }
+  std::uint64_t total = 0;
+  cluster::NodeInfo node;
+  const bool counted = AddSizes(info.sizes, total);
+  if (!counted || (mView.Find(info.nodeId, node) && node.capacityA != 0 && total > node.capacityA)) {
+    VYN_LOG_ERROR("Refused the blocks of variable " << info.broadcastId << " of " << info.appId
+                                                    << ": the pool of node " << info.nodeId
+                                                    << " cannot hold blocks of these sizes");
+    return kStatusInvalidRequest;
+  }
+  return VYN_OK;
+}
+
 void MetadataService::RegisterOperations() {
   RefuseAll(mServer, kStatusUnknownOperation);
   RegisterVariableOperations();
@@ -210,7 +238,7 @@ void MetadataService::RegisterVariableOperations() {
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_INFO_ADD), "BROADCAST_VAR_INFO_ADD",
       [this](BroadcastBlockInfo& request, const std::string&) {
         return WhenReady([&]() -> std::uint32_t {
-          const std::uint32_t status = Normalize(request);
+          const std::uint32_t status = CheckBlocks(request);
           return Failed(status) ? status : mState.SetBlocks(request);
         });
       });
@@ -218,7 +246,7 @@ void MetadataService::RegisterVariableOperations() {
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_BLOCK_INFO_ADD), "BROADCAST_BLOCK_INFO_ADD",
       [this](BroadcastBlockInfo& request, const std::string&) {
         return WhenReady([&]() -> std::uint32_t {
-          const std::uint32_t status = Normalize(request);
+          const std::uint32_t status = CheckBlocks(request);
           return Failed(status) ? status : mState.AddBlocks(request);
         });
       });

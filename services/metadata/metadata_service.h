@@ -80,6 +80,9 @@ class MetadataService {
   std::uint32_t WhenReady(Work work);
   /// SelectNodes. If the result is empty, reads the view again, because a node may have just started.
   std::vector<cluster::NodeInfo> Select(const std::vector<std::string>& candidates, bool one);
+  /// Checks a block list from outside: its form, and that its node's pool can hold blocks of these sizes.
+  /// Removes the padding of the ids. Returns: 0 or the status for the refusal.
+  std::uint32_t CheckBlocks(tessel::BroadcastBlockInfo& info);
   /// Checks for silent applications. Runs on the thread of mSilenceTask.
   void WatchSilence();
   void EndSilent();

@@ -95,6 +95,13 @@ std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32
   if (Failed(status)) {
     return status;
   }
+  if (response->appId != application || response->broadcastId != id ||
+      response->bmIds.size() != response->sizes.size()) {
+    VYN_LOG_ERROR("The metadata leader was asked for variable "
+                  << id << " of " << application << " and answered with variable " << response->broadcastId
+                  << " of " << response->appId);
+    return VYN_ERR_MESSAGE_DECODE;
+  }
   info.appId = std::move(response->appId);
   info.broadcastId = response->broadcastId;
   info.nodeId = response->nodeId;

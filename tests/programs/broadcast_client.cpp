@@ -86,7 +86,8 @@ int main() {
        {"fetch",
         [](Text app, Id id, unsigned int blocks) {
           gSizes.assign(blocks, 0);
-          return FetchBroadcastBlockBatch(app.c_str(), id, gSizes.data());
+          unsigned int count = 0;
+          return FetchBroadcastBlockBatchInto(app.c_str(), id, gSizes.data(), blocks, &count);
         }},
        {"look", &Look},
        {"again", [](unsigned int seed) { return Answer(0, AllHold(seed)); }},

@@ -71,6 +71,13 @@ int BM_MapSec(BmSecContext* context, int prot, int flags, void** addr) {
   return result;
 }
 
+/// The script's result is the length; without one it is unknown.
+int BM_MappedLength(const char* bmId, const void*, unsigned long* length) {
+  const int result = Take("BM_MappedLength", bmId);
+  *length = static_cast<unsigned long>(result);
+  return result == 0 ? kBmLocalError : 0;
+}
+
 int BM_Unmap(const char* bmId, void* addr) { return Take("BM_Unmap", bmId, addr); }
 
 int BM_QueryResAttri(int zero, BmResourceAttributes* attributes) {

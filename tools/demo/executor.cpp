@@ -43,7 +43,9 @@ int ReadVariable(const Arguments& arguments) {
 
   const double begin = Now();
   std::vector<unsigned long> sizes(arguments.blocks);
-  Require(FetchBroadcastBlockBatch(app, arguments.variable, sizes.data()), "FetchBroadcastBlockBatch");
+  unsigned int count = 0;
+  Require(FetchBroadcastBlockBatchInto(app, arguments.variable, sizes.data(), arguments.blocks, &count),
+          "FetchBroadcastBlockBatchInto");
   std::vector<void*> addresses(arguments.blocks);
   double first = 0;
   volatile char sink = 0;

@@ -297,7 +297,11 @@ void GetVariable(const Settings& settings, const std::string& application, std::
   Require(RegisterBroadcastApp(app, false, settings.token.c_str(), &registered),
           "registering " + application);
   std::vector<unsigned long> sizes(count);
-  Require(FetchBroadcastBlockBatch(app, id, sizes.data()), "fetching the variable");
+  std::uint32_t fetched = 0;
+  Require(FetchBroadcastBlockBatchInto(app, id, sizes.data(), count, &fetched), "fetching the variable");
+  if (fetched != count) {
+    throw CommandError(NameOf(application, id) + " has changed meanwhile");
+  }
   std::uint64_t total = 0;
   for (const unsigned long size : sizes) {
     total += size;

@@ -155,3 +155,7 @@ int BM_GatherSec(const BmGatherContext* context, unsigned char, unsigned int fla
                  void*) {
   return Guarded([&](FabricClient& client) { return client.Gather(context, flags, destination); });
 }
+
+int BM_MappedLength(const char* bmId, const void* addr, unsigned long* length) {
+  return Guarded([&](FabricClient& client) { return client.MappedLength(bmId, addr, length); });
+}

@@ -85,4 +85,8 @@ int BM_SpecificObjSwapInSec(const BmFileRecord* file, const BmBlockRecord* block
 int BM_GatherSec(const BmGatherContext* context, unsigned char kind, unsigned int flags,
                  BmSecContext* destination, void* argument);
 
+/// Tells how many bytes BM_MapSec has mapped at `addr`: the length of the object, at least 1. Added later: a
+/// user that finds another libbmclient.so does without it.
+int BM_MappedLength(const char* bmId, const void* addr, unsigned long* length);
+
 }  // extern "C"

@@ -56,6 +56,8 @@ class FabricClient {
   /// flags 1, shared.
   int Map(const BmSecContext* context, int protection, int flags, void** address);
   int Unmap(const char* id, void* address);
+  /// \param length receives the bytes that Map has mapped at `address`: as many as the object has.
+  int MappedLength(const char* id, const void* address, std::uint64_t* length);
 
   int Read(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, void* buffer);
   int Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, const void* buffer);

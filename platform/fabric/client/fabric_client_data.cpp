@@ -79,6 +79,15 @@ int FabricClient::Unmap(const char* id, void* address) {
   return ParseId(id, text) != 0 || address == nullptr ? kBmLocalError : mMappings.Remove(address, text);
 }
 
+int FabricClient::MappedLength(const char* id, const void* address, std::uint64_t* length) {
+  std::string_view text;
+  if (ParseId(id, text) != 0 || length == nullptr) {
+    return kBmLocalError;
+  }
+  *length = mMappings.LengthOf(address, text);
+  return *length == 0 ? kBmLocalError : 0;
+}
+
 int FabricClient::Locate(const ObjectName& object, bool writable, ObjectLocation& place) {
   NodePtr node;
   bool local = false;

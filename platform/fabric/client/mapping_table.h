@@ -32,6 +32,13 @@ class MappingTable {
     return 0;
   }
 
+  /// Returns: the length of the mapping; 0 when there is none of that object at that address.
+  std::size_t LengthOf(const void* address, std::string_view id) {
+    std::lock_guard lock(mMutex);
+    const auto found = mMappings.find(const_cast<void*>(address));
+    return found == mMappings.end() || found->second.id != id ? 0 : found->second.length;
+  }
+
   /// Forgets the mappings; they stay mapped.
   void Clear() {
     std::lock_guard lock(mMutex);

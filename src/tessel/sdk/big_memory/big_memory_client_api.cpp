@@ -43,6 +43,7 @@ decltype(&BM_ReadSec) BigMemoryClientApi::apiBmRead = nullptr;
 decltype(&BM_WriteSec) BigMemoryClientApi::apiBmWrite = nullptr;
 decltype(&BM_SpecificObjSwapInSec) BigMemoryClientApi::apiBmSpecificObjectSwapIn = nullptr;
 decltype(&BM_GatherSec) BigMemoryClientApi::apiBmGather = nullptr;
+decltype(&BM_MappedLength) BigMemoryClientApi::apiBmMappedLength = nullptr;
 
 std::string BigMemoryClientApi::GetBmClientPath() {
   const Ref<EnvHelper> environment = EnvHelper::GetInstance();
@@ -77,6 +78,7 @@ bool BigMemoryClientApi::Open(std::string& error) {
     error = "Failed to open library <" + path + "> with error <" + LoaderError() + ">";
     return false;
   }
+  apiBmMappedLength = reinterpret_cast<decltype(apiBmMappedLength)>(dlsym(handle, "BM_MappedLength"));
   return Load("BM_Init", apiBmInit, error) && Load("BM_CreateLink", apiBmCreateLink, error) &&
          Load("BM_CreateNSSec", apiBmCreateNs, error) && Load("BM_DestroyNSSec", apiBmDestroyNs, error) &&
          Load("BM_AllocSec", apiBmAlloc, error) && Load("BM_ExpandSec", apiBmExpand, error) &&

@@ -32,6 +32,8 @@ class BigMemoryClientApi {
   static decltype(&BM_WriteSec) apiBmWrite;
   static decltype(&BM_SpecificObjSwapInSec) apiBmSpecificObjectSwapIn;
   static decltype(&BM_GatherSec) apiBmGather;
+  /// Null when the library that was opened does not have it.
+  static decltype(&BM_MappedLength) apiBmMappedLength;
 
   /// Returns: the real path of libbmclient.so in the installation that the environment names; empty after a
   /// failure.

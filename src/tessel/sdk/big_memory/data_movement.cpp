@@ -1,5 +1,6 @@
 // The exported functions that map objects and copy bytes to, from and between them.
 
+#include "common/log/error_info.h"
 #include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
@@ -18,6 +19,13 @@ using vyn::tessel::CallWithCommonRetry;
 using vyn::tessel::IsRemoteError;
 
 namespace {
+
+/// Keeps the library's result in the thread's error record, for callers that need to know why.
+void KeepResult(int result) {
+  if (auto* info = vyn::common::RetrieveErrorInfo(); info != nullptr) {
+    info->mDetail = result;
+  }
+}
 
 /// Returns: the status of a read or a write that ended with `result`. \param verb "read" or "write", for the
 /// message.
@@ -47,7 +55,11 @@ std::uint32_t Transfer(const char* verb, const decltype(BigMemoryClientApi::apiB
   const std::string operation = std::string("Bm ") + verb;
   const int result = CallWithCommonRetry(operation.c_str(),
                                          [&] { return function(&object, offset, length, buffer, flags); });
-  return TransferStatus(verb, result, object.bmId, offset, length);
+  const unsigned int status = TransferStatus(verb, result, object.bmId, offset, length);
+  if (Failed(status)) {
+    KeepResult(result);
+  }
+  return status;
 }
 
 }  // namespace
@@ -61,8 +73,11 @@ std::uint32_t BmMmap(const char* bmId, int prot, int flags, void** addr, const c
   const int result = CallWithCommonRetry(
       "Bm mmap", [&] { return BigMemoryClientApi::apiBmMap(&context, prot, flags, addr); });
   if (result != 0) {
-    return VYN_FAIL(VYN_ERR_BM_CALL, "Failed to map bm id: " << bmId << " with prot: " << prot
-                                                             << " flags: " << flags << " ret is: " << result);
+    static_cast<void>(VYN_FAIL(VYN_ERR_BM_CALL, "Failed to map bm id: " << bmId << " with prot: " << prot
+                                                                        << " flags: " << flags
+                                                                        << " ret is: " << result));
+    KeepResult(result);
+    return VYN_ERR_BM_CALL;
   }
   return VYN_OK;
 } catch (...) {

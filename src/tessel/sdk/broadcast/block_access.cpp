@@ -5,6 +5,8 @@
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
 #include "common/util/text.h"
+#include "tessel/sdk/big_memory/big_memory_client_api.h"
+#include "tessel/sdk/broadcast/block_lookup.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/big_memory.h"
 #include "vyn/broadcast.h"
@@ -21,6 +23,7 @@ using vyn::common::LastErrorText;
 using vyn::tessel::BroadcastVarInfo;
 using vyn::tessel::g_appToken;
 using vyn::tessel::g_broadcastCache;
+using vyn::tessel::RenewIfStale;
 
 namespace {
 
@@ -36,6 +39,40 @@ unsigned int FailBlockId(unsigned int blockId, const std::string& name, const Br
 void* AsPointer(std::uint64_t address) {
   return reinterpret_cast<void*>(
       address);  // NOLINT(performance-no-int-to-ptr): the table keeps addresses as words
+}
+
+/// Refuses a mapping that is shorter than the record says: the caller would read behind its end.
+unsigned int CheckLength(const BroadcastVarInfo& info, unsigned int blockId, void* address) {
+  const auto lengthOf = vyn::common::BigMemoryClientApi::apiBmMappedLength;
+  const char* bmId = info.mBmIds[blockId].c_str();
+  unsigned long length = 0;
+  if (lengthOf == nullptr || blockId >= info.mBlockSizes.size() || lengthOf(bmId, address, &length) != 0 ||
+      length >= info.mBlockSizes[blockId]) {
+    return VYN_OK;
+  }
+  BmUnmap(bmId, address);
+  return VYN_FAIL(VYN_ERR_BC_INTERNAL,
+                  "its record says " << info.mBlockSizes[blockId] << " bytes, its node has " << length);
+}
+
+/// Maps a block unless another thread has done it meanwhile. \param address receives the address.
+unsigned int MapBlock(const char* appId, BroadcastVarInfo& info, unsigned int blockId, void*& address) {
+  std::unique_lock lock(info.mBlockLock);
+  std::uint64_t& mapped = info.mRawAddrs[blockId];
+  if (mapped != 0) {
+    address = AsPointer(mapped);
+    return VYN_OK;
+  }
+  unsigned int status =
+      BmMmap(info.mBmIds[blockId].c_str(), kMapReadWrite, kMapShared, &address, appId, g_appToken.c_str());
+  if (!Failed(status)) {
+    status = CheckLength(info, blockId, address);
+  }
+  if (!Failed(status)) {
+    mapped = reinterpret_cast<std::uint64_t>(address);
+    info.mUsed = true;
+  }
+  return status;
 }
 
 }  // namespace
@@ -60,27 +97,19 @@ std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcast
     *addr = nullptr;
     return FailBlockId(blockId, name, *info);
   }
-  std::uint64_t& mapped = info->mRawAddrs[blockId];
   {
     std::shared_lock lock(info->mBlockLock);
-    if (mapped != 0) {
+    if (const std::uint64_t mapped = info->mRawAddrs[blockId]; mapped != 0) {
       *addr = AsPointer(mapped);
       return VYN_OK;
     }
   }
 
   void* fresh = nullptr;
-  unsigned int status = VYN_OK;
-  {
-    std::unique_lock lock(info->mBlockLock);
-    if (mapped != 0) {
-      *addr = AsPointer(mapped);
-      return VYN_OK;
-    }
-    status =
-        BmMmap(info->mBmIds[blockId].c_str(), kMapReadWrite, kMapShared, &fresh, appId, g_appToken.c_str());
-    if (!Failed(status)) {
-      mapped = reinterpret_cast<std::uint64_t>(fresh);
+  unsigned int status = MapBlock(appId, *info, blockId, fresh);
+  if (Failed(status)) {
+    if (const auto renewed = RenewIfStale(appId, broadcastId, name, info); renewed != nullptr) {
+      status = MapBlock(appId, *renewed, blockId, fresh);
     }
   }
   if (Failed(status)) {
@@ -156,7 +185,12 @@ std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsig
     VYN_LOG_ERROR("Can not found BM for broadcast variable " << name << " block " << blockId);
     return VYN_ERR_GENERIC;
   }
+  {
+    std::unique_lock lock(info->mBlockLock);
+    info->mUsed = true;  // the caller may have read other blocks
+  }
   if (Failed(BmRead(info->mBmIds[blockId].c_str(), 0, info->mBlockSizes[blockId], buffer, 0, appId, token))) {
+    RenewIfStale(appId, broadcastId, name, info);
     VYN_LOG_ERROR("Error to read remote block " << blockId << " as " << LastErrorText());
     return VYN_ERR_BC_REMOTE_BLOCK;
   }

@@ -10,6 +10,7 @@
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/broadcast/block_lookup.h"
 #include "tessel/sdk/broadcast/broadcast_sdk_cache.h"
 #include "tessel/sdk/start_up/sdk_frame.h"
 #include "vyn/big_memory.h"
@@ -122,6 +123,9 @@ unsigned int CreateBroadcastBlockBatch(const char* appId, unsigned int broadcast
   if (Failed(status)) {
     return VYN_FAIL(status, "Failed to batch create blocks for broadcast variable { appId: "
                                 << appId << ", broadcastId: " << broadcastId << " }");
+  }
+  if (!IsAnswerAbout(*blockInfos, appId, broadcastId)) {
+    return VYN_ERR_GENERIC;
   }
   const std::string name = GenBcVarName(appId, broadcastId);
   if (!g_broadcastCache->InsertVarInfo(name, blockInfos->bmIds, request->sizes)) {

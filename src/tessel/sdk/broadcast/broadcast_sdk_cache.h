@@ -15,7 +15,7 @@
 
 namespace vyn::tessel {
 
-/// One variable. Only mRawAddrs changes after the entry was made. The destructor unmaps nothing.
+/// One variable. Only mRawAddrs and mUsed change after the entry was made. The destructor unmaps nothing.
 class BroadcastVarInfo : public common::Referable {
  public:
   ~BroadcastVarInfo() override = default;
@@ -27,7 +27,10 @@ class BroadcastVarInfo : public common::Referable {
   std::vector<std::uint64_t> mRawAddrs;
   /// The size of each block in bytes. Constant after creation.
   std::vector<unsigned long> mBlockSizes;
-  /// Guards mRawAddrs. A thread may hold it during a big-memory call.
+  /// Whether a block was mapped or read. Then no other variable of this number may take the entry's place:
+  /// the caller would mix the blocks of both. Guarded by mBlockLock.
+  bool mUsed = false;
+  /// Guards mRawAddrs and mUsed. A thread may hold it during a big-memory call.
   std::shared_mutex mBlockLock;
 };
 

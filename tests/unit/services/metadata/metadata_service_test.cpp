@@ -113,12 +113,15 @@ TEST_F(MetadataServiceTest, RefusesWhatMakesNoSense) {
   odd->sizes.pop_back();
   const auto shortId = Blocks(1, 2);
   shortId->bmIds[0] = "short";
+  const auto large = Blocks(1, 2);
+  large->sizes = {600, 401};  // the pool has 1000 bytes
+  const auto overflowing = Blocks(1, 2);
+  overflowing->sizes = {~std::uint64_t{0}, 8};
   const std::pair<Ref<BroadcastBlockInfo>, std::uint32_t> lists[] = {
-      {odd, kStatusInvalidRequest},
-      {shortId, kStatusInvalidRequest},
+      {odd, kStatusInvalidRequest},          {large, kStatusInvalidRequest},
+      {overflowing, kStatusInvalidRequest},  {shortId, kStatusInvalidRequest},
       {Blocks(1, 2, 2), kStatusWrongOwner},  // their node would never free them
-      {Blocks(1, 3), kStatusInvalidRequest},
-      {Blocks(2, 2), kStatusUnknownVariable}};
+      {Blocks(1, 3), kStatusInvalidRequest}, {Blocks(2, 2), kStatusUnknownVariable}};
   for (const auto& [info, status] : lists) {
     for (const std::uint16_t code : {BROADCAST_VAR_INFO_ADD, BROADCAST_BLOCK_INFO_ADD}) {
       EXPECT_EQ(Call(code, info.Get()), status) << code;
