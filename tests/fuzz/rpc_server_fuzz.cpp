@@ -5,21 +5,20 @@
 // The first byte is the length of the script, which is what happens and what the socket takes; the rest is
 // what the client says, behind a greeting of its own if the script does not say otherwise.
 
+#include "common/message/heart_beat_message.h"
+#include "common/rpc/rpc_engine.h"
 #include "platform/rpc/server/server_connection.h"
 #include "support/memory_stream.h"
+#include "support/rpc_calls.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
-
-#include <cstdlib>
-#include <deque>
-#include <mutex>
-#include <thread>
 
 namespace {
 
 using namespace vyn::rpc;
+namespace common = vyn::common;
 namespace net = vyn::net;
+using vyn::test::Reply;
 
 constexpr std::uint32_t kEcho = 1;
 constexpr std::uint32_t kHold = 2;
@@ -35,41 +34,35 @@ void Require(bool condition) {
 
 /// What a connection's stream shares with its test.
 struct Script {
-  std::basic_string<std::uint8_t> mSteps;
+  std::string mSteps;
   std::size_t mNext = 0;
   std::string mSaid;  // what the server wrote
 
-  std::uint8_t Next() { return mNext < mSteps.size() ? mSteps[mNext++] : 255; }
+  unsigned int Next() { return mNext < mSteps.size() ? static_cast<unsigned char>(mSteps[mNext++]) : 255; }
 };
 
 /// Its bytes come from memory; what it takes is up to the script.
 class ScriptedStream : public vyn::test::MemoryStream {
  public:
-  ScriptedStream(std::shared_ptr<Script> script, const std::string& bytes)
-      : MemoryStream(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()),
-        mScript(std::move(script)) {}
+  ScriptedStream(std::shared_ptr<Script> script, std::string bytes)
+      : MemoryStream(std::move(bytes)), mScript(std::move(script)) {}
 
   net::IoState Handshake() override {
-    const std::uint8_t step = mScript->Next();
-    if (step == 0) {
-      mError = "refused";
-    }
+    const unsigned int step = mScript->Next();
     return step == 0 ? net::IoState::kFailed : step < 8 ? net::IoState::kWantRead : net::IoState::kDone;
   }
   net::IoResult Write(const iovec* parts, std::size_t count) override {
-    const std::uint8_t step = mScript->Next();
+    const unsigned int step = mScript->Next();
     if (step < 32) {
       return {step == 0 ? net::IoState::kClosed : net::IoState::kWantWrite};
     }
-    std::size_t left = step == 255 ? SIZE_MAX : step * std::size_t{97};
-    std::size_t done = 0;
-    for (std::size_t i = 0; i < count && left > 0; ++i) {
-      const std::size_t taken = std::min(parts[i].iov_len, left);
-      mScript->mSaid.append(static_cast<const char*>(parts[i].iov_base), taken);
-      done += taken;
-      left -= taken;
+    std::string taken;
+    for (std::size_t i = 0; i < count; ++i) {
+      taken.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
     }
-    return {net::IoState::kDone, done};
+    taken.resize(step == 255 ? taken.size() : std::min<std::size_t>(taken.size(), step * 97));
+    mScript->mSaid += taken;
+    return {net::IoState::kDone, taken.size()};
   }
 
  private:
@@ -90,30 +83,16 @@ std::shared_ptr<ServerContext> TakeHeld(bool oldest) {
   return context;
 }
 
-bool Reply(const std::shared_ptr<ServerContext>& context, std::uint32_t id, std::string text) {
-  Message reply{MessageId(id)};
-  reply.Bl().emplace_back(text.data(), text.size(), nullptr);
-  return Server::Reply(context, &reply, nullptr);
-}
-
-void Handle(const std::shared_ptr<ServerContext>& context, const std::shared_ptr<Message>& request) {
-  const auto& parts = request->Bl();
-  switch (request->Id().Value()) {
-    case kEcho:
-      Reply(context, kEcho,
-            parts.empty() ? "" : std::string(static_cast<char*>(parts[0].Addr()), parts[0].Len()));
-      break;
-    case kHold: {
-      std::lock_guard lock(gMutex);
-      gHeld.push_back(context);
-      break;
-    }
-    case kBig:
-      Reply(context, kBig, std::string(kBigSize, 'b'));
-      break;
-    default:
-      throw std::runtime_error("broken");
-  }
+/// Reads a request as the engine does, in memory that ends where the request ends, so that a read beyond it is
+/// seen, and answers with what came.
+void ParseAndEcho(const std::shared_ptr<ServerContext>& context, const std::shared_ptr<Message>& request) {
+  const std::string text = vyn::test::TextOf(*request);
+  std::vector<char> exact(text.begin(), text.end());
+  const auto message = std::make_shared<Message>(MessageId(kEcho));
+  message->Bl().emplace_back(exact.data(), exact.size(), nullptr);
+  const common::Ref<common::BaseMessage> parsed(new common::HeartBeatMessage);
+  common::RpcEngine::ParseRequest(kEcho, nullptr, message, parsed);
+  Reply(context, kEcho, text);
 }
 
 std::shared_ptr<ServerCore> NewCore() {
@@ -123,8 +102,17 @@ std::shared_ptr<ServerCore> NewCore() {
   options.mMaxPendingCalls = 3;
   options.mMaxPendingBytes = 100000;
   auto core = std::make_shared<ServerCore>(nullptr, options);
-  for (const std::uint32_t id : {kEcho, kHold, kThrow, kBig}) {
-    core->Register(MessageId(id), Handle, HandlerKind::kQuick);
+  const std::pair<std::uint32_t, RequestHandler> kHandlers[] = {
+      {kEcho, ParseAndEcho},
+      {kHold,
+       [](const auto& context, const auto&) {
+         std::lock_guard lock(gMutex);
+         gHeld.push_back(context);
+       }},
+      {kThrow, [](const auto&, const auto&) { throw std::runtime_error("broken"); }},
+      {kBig, [](const auto& context, const auto&) { Reply(context, kBig, std::string(kBigSize, 'b')); }}};
+  for (const auto& [id, handler] : kHandlers) {
+    core->Register(MessageId(id), handler, HandlerKind::kQuick);
   }
   Require(core->Start("127.0.0.1", 0).Ok());
   return core;
@@ -132,14 +120,8 @@ std::shared_ptr<ServerCore> NewCore() {
 
 /// Every whole frame that the server said is sound, and the last may be cut off.
 void CheckSaid(const std::string& said) {
-  Greeting greeting;
-  if (said.size() < sizeof(greeting)) {
-    return;
-  }
-  std::memcpy(&greeting, said.data(), sizeof(greeting));
-  Require(CheckGreeting(greeting) == nullptr);
   RpcFrameHeader header;
-  for (std::size_t at = sizeof(greeting); at + sizeof(header) <= said.size();
+  for (std::size_t at = sizeof(Greeting); at + sizeof(header) <= said.size();
        at += sizeof(header) + header.mLength) {
     std::memcpy(&header, said.data() + at, sizeof(header));
     Require(CheckHeader(header, kLongestFrame) == nullptr && (header.mId != kThrow || header.mStatus != kOk));
@@ -155,15 +137,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   const std::size_t length = std::min<std::size_t>(data[0], size - 2);
-  auto script = std::make_shared<Script>();
-  script->mSteps.assign(data + 1, length);
-  // The stream takes the size of its pieces from the first byte.
-  std::string bytes(1, static_cast<char>(data[length + 1]));
+  const std::string input(reinterpret_cast<const char*>(data), size);
+  const auto script = std::make_shared<Script>();
+  script->mSteps = input.substr(1, length);
+  std::string bytes = input.substr(length + 1);
   if (script->Next() % 8 != 0) {
-    const Greeting greeting{.mMaxLength = 1 << 20};
-    bytes.append(reinterpret_cast<const char*>(&greeting), sizeof(greeting));
+    bytes.insert(1, vyn::test::WireGreeting());  // the first byte is the size of the pieces
   }
-  bytes.append(reinterpret_cast<const char*>(data) + length + 2, size - length - 2);
 
   // A pipe in the socket's place: nothing ever happens to it.
   int pipes[2];
@@ -173,23 +153,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                                              std::make_unique<ScriptedStream>(script, bytes));
   connection->Start();
   for (std::size_t turn = 0; turn < 2 * length + 8; ++turn) {
-    switch (turn < length ? data[1 + turn] % 16 : 15) {
+    const unsigned int step = turn < length ? data[1 + turn] : 15;
+    switch (step % 16) {
       case 0:
-        if (const auto context = TakeHeld(true)) {
-          Reply(context, kHold, "late");
+      case 2:
+        if (const auto context = TakeHeld(step % 16 == 0)) {
+          Reply(context, kHold, std::string(step % 16 == 0 ? 4 : kBigSize, 'l'));
         }
         break;
       case 1:
         TakeHeld(false);  // without an answer
         break;
-      case 2:
-        if (const auto context = TakeHeld(false)) {
-          Reply(context, kHold, std::string(kBigSize, 'l'));
-        }
-        break;
       case 3:
-        connection->CheckTimeouts(net::Deadline::Clock::now() +
-                                  std::chrono::milliseconds(data[1 + turn] * 1000));
+        connection->CheckTimeouts(net::Deadline::Clock::now() + std::chrono::seconds(step));
         break;
       case 4:
         connection->OnReady(EPOLLIN | EPOLLRDHUP);

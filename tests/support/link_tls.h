@@ -3,7 +3,6 @@
 // Links under TLS for tests: certificates of a run, options of a node, settings of a client.
 
 #include "platform/fabric/node/fabric_node.h"
-#include "platform/openssl_dl/openssl_dl.h"
 #include "platform/tls/client_setting.h"
 #include "support/certificates.h"
 #include "support/test.h"
@@ -12,12 +11,6 @@ namespace vyn::test {
 
 class LinkTls {
  public:
-  LinkTls() {
-    if (SetOpensslDLopenLibPath("libssl.so.3", "libcrypto.so.3") != OPENSSL_DL_OK) {
-      throw std::runtime_error(OpensslDLGetLastMessage());
-    }
-  }
-
   /// Turns TLS on in a node's options. \param authority what it trusts the other nodes by.
   void Use(fabric::FabricNodeOptions& options, const std::string& certificate = "server",
            const std::string& authority = "ca.pem") const {

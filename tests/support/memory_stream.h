@@ -9,12 +9,8 @@ namespace vyn::test {
 
 class MemoryStream : public net::Stream {
  public:
-  /// The first byte of `data` says how large the pieces are; the rest is what the peer sends before it
-  /// closes.
-  MemoryStream(const std::uint8_t* data, std::size_t size)
-      : mPiece(size > 0 ? data[0] * std::size_t{7} + 1 : 1), mData(data, data + size) {
-    mRead = std::min<std::size_t>(1, size);
-  }
+  /// \param bytes the first says how large the pieces are; the rest is what the peer sends before it closes.
+  explicit MemoryStream(std::string bytes) : mBytes(std::move(bytes)) {}
 
   net::IoState Handshake() override { return net::IoState::kDone; }
   net::IoResult Read(void* data, std::size_t size) override {
@@ -22,25 +18,22 @@ class MemoryStream : public net::Stream {
     if (mWait) {
       return {net::IoState::kWantRead};
     }
-    const std::size_t count = std::min({size, mPiece, mData.size() - mRead});
-    if (count == 0) {
-      return {net::IoState::kClosed};
-    }
-    std::memcpy(data, mData.data() + mRead, count);
+    const std::size_t piece = static_cast<unsigned char>(mBytes[0]) * std::size_t{7} + 1;
+    const std::size_t count = mBytes.copy(static_cast<char*>(data), std::min(size, piece), mRead);
     mRead += count;
-    return {net::IoState::kDone, count, count < size};
+    return {count == 0 ? net::IoState::kClosed : net::IoState::kDone, count, count < size};
   }
-  net::IoResult Write(const iovec* parts, std::size_t /*count*/) override {
-    return {net::IoState::kDone, parts->iov_len};
+  /// Takes a single byte.
+  net::IoResult Write(const iovec* /*parts*/, std::size_t /*count*/) override {
+    return {net::IoState::kDone, 1};
   }
   bool HasBuffered() const override { return false; }
   bool IsStale() override { return false; }
   void Close() override {}
 
  private:
-  std::size_t mPiece;
-  std::basic_string<std::uint8_t> mData;
-  std::size_t mRead = 0;
+  const std::string mBytes;
+  std::size_t mRead = 1;
   bool mWait = false;
 };
 
