@@ -12,9 +12,9 @@
 //   /vyn/apps/<application>/<variable id>.<unique>/<list>.<n>  its further pieces; <list> is a <unique> too
 //   /vyn/reclaim/<node id>/<unique>   one entry of that node's reclaim list: JSON, see ReclaimEntry
 //
-// Each JSON of an application, a variable and an entry may have a field {format}; without it the format is 1. A
-// build that finds a format above kRecordFormat cannot read the record. It changes and deletes nothing of it:
-// a leader gives the leadership up, a node keeps the entry.
+// Each JSON of an application, a variable and an entry may have a field {format}; without it the format is 1.
+// A build that finds a format above kRecordFormat cannot read the record. It changes and deletes nothing of
+// it: a leader gives the leadership up, a node keeps the entry.
 //
 // <unique> is the epoch of the writer and a counter, so no two writes use the same one.
 //

@@ -99,7 +99,8 @@ class MetadataService {
   bool mReady = false;
   bool mStopping = false;
   std::condition_variable mChanged;
-  /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that runs.
+  /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that
+  /// runs.
   std::chrono::steady_clock::time_point mLastCheck;
   common::PeriodicTask mSilenceTask;
 };

@@ -65,7 +65,8 @@ void SessionKeeper::Run() {
       if (following && !mAdapter->SessionHasEnded()) {
         continue;
       }
-      // The watch also reads the leader. Without a leader it fails, but is set: the watcher reads the next one.
+      // The watch also reads the leader. Without a leader it fails, but is set: the watcher reads the next
+      // one.
       following = !Failed(Renew()) && !Failed(ClusterZKAdapter::ZKRegisterWatcher(true));
       if (following) {
         VYN_LOG_INFO("A new ZooKeeper session watches the metadata leader");

@@ -40,13 +40,14 @@ class SdkWorld {
   }
 
   /// The blocks that the node server creates and knows.
-  static std::string Blocks(const std::string& application, std::uint32_t id, std::uint32_t nodeId) {
+  static std::string Blocks(const std::string& application, std::uint32_t id, std::uint32_t nodeId,
+                            char letter = 'a', const std::vector<std::uint64_t>& sizes = {100, 50}) {
     tessel::BroadcastBlockInfo info;
     info.appId = application;
     info.broadcastId = id;
     info.nodeId = nodeId;
-    info.bmIds = {std::string(60, 'a'), std::string(60, 'b')};
-    info.sizes = {100, 50};
+    info.bmIds = {std::string(60, letter), std::string(60, static_cast<char>(letter + 1))};
+    info.sizes = sizes;
     return BytesOf(info);
   }
 

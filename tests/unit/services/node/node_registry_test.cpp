@@ -4,6 +4,7 @@
 
 #include "services/common/service_status.h"
 #include "services/common/variable_record.h"
+#include "services/metadata/metadata_state.h"
 #include "services/node/metadata_client.h"
 #include "services/node/reclaimer.h"
 #include "support/client_test.h"
@@ -185,6 +186,35 @@ TEST_F(NodeRegistryTest, TheReclaimerKeepsWhatItCannotFreeUntilTheApplicationEnd
   EXPECT_TRUE(mRaw->Children("/vyn/reclaim/7").empty());
   EXPECT_EQ(mRaw->Children("/vyn/apps/app").size(), 2U) << "the leader removes them with the application";
   EXPECT_EQ(mFabric.Stats().objects, 0U);
+}
+
+TEST_F(NodeRegistryTest, RecordsOfANewerBuildAndMadeUpEntriesAreLeftAlone) {
+  tessel::BroadcastBlockInfo blocks;
+  blocks.bmIds = {mId};
+  blocks.sizes = {1U << 20U};
+  const std::string newer = R"({"state":"striped","format":2})";
+  const std::pair<const char*, std::string> tree[] = {
+      {"nodes/7", ""},
+      {"apps/app/1.x", RecordHeader(RecordState::kDeleted, 1, 1) + test::BytesOf(blocks)},
+      {"apps/app/2.x", newer},
+      {"apps/other/3.x", RecordHeader(RecordState::kDeleted, 0, 0)},
+      {"reclaim/7/a", R"({"app":"nosuch","path":"no slash","variable":1,"owner":true})"},
+      {"reclaim/7/b", R"({"app":"nosuch","path":"/vyn/nodes","variable":1,"owner":true})"},
+      {"reclaim/7/c", R"({"app":"app","path":"/vyn/apps/other/3.x","variable":3,"owner":true})"},
+      {"reclaim/7/d", ReclaimEntry{"app", "/vyn/apps/app/2.x", 2, true}.ToText()},
+      {"reclaim/7/e", R"({"app":"app","path":"","variable":0,"owner":false,"format":2})"},
+      {"reclaim/7/f", "rubbish"},
+      {"reclaim/7/g", ReclaimEntry{"app", "/vyn/apps/app/1.x", 1, true}.ToText()}};
+  for (const auto& [path, text] : tree) {
+    mRaw->Create(std::string("/vyn/") + path, text);
+  }
+  EXPECT_TRUE(Reclaimer(7, mFabric, {}).Drain());
+  EXPECT_EQ(mFabric.Stats().objects, 0U) << "what stands behind them in the list is freed";
+  EXPECT_THAT(mRaw->Children("/vyn/reclaim/7"), testing::UnorderedElementsAre("d", "e", "f"));
+  EXPECT_TRUE(mRaw->Exists("/vyn/nodes/7") && mRaw->Exists("/vyn/apps/other/3.x"));
+
+  EXPECT_EQ(MetadataState().Load(), kStatusNewerRecord) << "this node does not lead";
+  EXPECT_EQ(mRaw->Get("/vyn/apps/app/2.x"), newer);
 }
 
 TEST(MetadataClient, ALookUpFollowsALeaderWhoseHostHasVanished) {
