@@ -1,10 +1,11 @@
 #include "platform/openssl_dl/openssl_dl.h"
 
+#include "platform/sync/mutex.h"
+
 #include <dlfcn.h>
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace {
@@ -15,10 +16,11 @@ constexpr unsigned int kMajorVersion = 3;
 
 thread_local std::string gLastMessage;
 
-/// Serialises the opening; guards the paths and the table's storage. The table is published by gApi.
-std::mutex gMutex;
-std::string gSslPath;
-std::string gCryptoPath;
+/// Held while the libraries are opened.
+vyn::sync::Mutex gMutex;
+std::string gSslPath VYN_GUARDED_BY(gMutex);
+std::string gCryptoPath VYN_GUARDED_BY(gMutex);
+/// Written once; gApi then publishes it.
 Api gTable{};
 std::atomic<const Api*> gApi{nullptr};
 
@@ -61,7 +63,7 @@ const char* BindAll(void* ssl, void* crypto, Api& api) {
   return nullptr;
 }
 
-int Open(const std::string& sslPath, const std::string& cryptoPath) {
+int Open(const std::string& sslPath, const std::string& cryptoPath) VYN_REQUIRES(gMutex) {
   // libcrypto goes first: libssl then finds it by its name among the loaded libraries and needs no search of
   // its own. Both stay out of the global scope, so that another OpenSSL in the host process is not disturbed.
   Library crypto(dlopen(cryptoPath.c_str(), RTLD_NOW | RTLD_LOCAL));
@@ -110,7 +112,7 @@ int SetOpensslDLopenLibPath(const char* sslPath, const char* cryptoPath) {
   if (sslPath == nullptr || cryptoPath == nullptr || *sslPath == '\0' || *cryptoPath == '\0') {
     return Fail(OPENSSL_DL_BAD_ARGUMENT, "A path of the OpenSSL libraries is empty");
   }
-  std::lock_guard lock(gMutex);
+  vyn::sync::MutexLock lock(gMutex);
   if (gApi.load(std::memory_order_relaxed) == nullptr) {
     return Open(sslPath, cryptoPath);
   }

@@ -1,6 +1,7 @@
 #include "platform/tls/client_setting.h"
 
-#include <mutex>
+#include "platform/sync/mutex.h"
+
 #include <utility>
 
 namespace vyn::tls {
@@ -9,8 +10,8 @@ namespace {
 
 /// Never destroyed: threads may connect while the process ends.
 struct Kept {
-  std::mutex mutex;  // guards the setting
-  ClientSetting setting;
+  sync::Mutex mutex;
+  ClientSetting setting VYN_GUARDED_BY(mutex);
 };
 
 Kept& Get() {
@@ -21,13 +22,15 @@ Kept& Get() {
 }  // namespace
 
 void SetClientSetting(ClientSetting setting) {
-  std::lock_guard lock(Get().mutex);
-  Get().setting = std::move(setting);
+  Kept& kept = Get();
+  sync::MutexLock lock(kept.mutex);
+  kept.setting = std::move(setting);
 }
 
 ClientSetting GetClientSetting() {
-  std::lock_guard lock(Get().mutex);
-  return Get().setting;
+  Kept& kept = Get();
+  sync::MutexLock lock(kept.mutex);
+  return kept.setting;
 }
 
 }  // namespace vyn::tls

@@ -1,12 +1,12 @@
 #include "platform/ulog/ulog.h"
 
+#include "platform/sync/mutex.h"
 #include "platform/ulog/file_sink.h"
 
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <exception>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,14 +36,15 @@ bool IsLevel(int level) { return level >= kTrace && level <= kCritical; }
 
 /// Publishes a logger. Every logger ever made is kept: a thread may still be writing through a replaced one.
 void Publish(std::atomic<ULog*>& place, int level, std::shared_ptr<spdlog::sinks::sink> sink) {
-  static std::mutex keptMutex;  // guards kept
-  static auto& kept = *new std::vector<std::unique_ptr<ULog>>;
+  static sync::Mutex keptMutex;
+  static std::vector<std::unique_ptr<ULog>>& kept VYN_GUARDED_BY(keptMutex) =
+      *new std::vector<std::unique_ptr<ULog>>;
   auto made = std::make_unique<ULog>();
   made->mLogger = std::make_shared<spdlog::logger>("vyn", std::move(sink));
   made->mLogger->set_level(static_cast<spdlog::level::level_enum>(level));
   made->mLevel = level;
   made->mDebugEnabled = level <= kDebug;
-  std::lock_guard lock(keptMutex);
+  sync::MutexLock lock(keptMutex);
   kept.push_back(std::move(made));
   place.store(kept.back().get(), std::memory_order_release);
 }

@@ -1,9 +1,10 @@
 #include "platform/zk_helper/client_lines.h"
 
+#include "platform/sync/mutex.h"
+
 #include <stdio.h>
 #include <zookeeper/zookeeper.h>
 
-#include <mutex>
 #include <string_view>
 
 namespace vyn::utilities::zookeeper {
@@ -12,20 +13,18 @@ namespace {
 
 /// Never destroyed: a client may write until the very end of the process.
 struct Lines {
-  std::mutex mMutex;
-  // Guarded by mMutex.
-  std::string mLatest;
-  std::string mUnfinished;  ///< the begin of a line of the stream
-  FILE* mStream = nullptr;
+  sync::Mutex mMutex;
+  std::string mLatest VYN_GUARDED_BY(mMutex);
+  std::string mUnfinished VYN_GUARDED_BY(mMutex);  ///< the begin of a line of the stream
+  FILE* mStream VYN_GUARDED_BY(mMutex) = nullptr;
 
   static Lines& Get() {
     static auto* lines = new Lines;
     return *lines;
   }
 
-  /// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text. Requires:
-  /// mMutex is held.
-  void Take(std::string_view line) {
+  /// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text.
+  void Take(std::string_view line) VYN_REQUIRES(mMutex) {
     const auto mark = line.find(":ZOO_ERROR@");
     const auto text = mark == std::string_view::npos ? mark : line.find(": ", mark);
     if (text != std::string_view::npos) {
@@ -36,7 +35,7 @@ struct Lines {
 
 ssize_t OnStream(void*, const char* bytes, std::size_t size) {
   Lines& lines = Lines::Get();
-  std::lock_guard lock(lines.mMutex);
+  sync::MutexLock lock(lines.mMutex);
   lines.mUnfinished.append(bytes, size);
   for (auto end = lines.mUnfinished.find('\n'); end != std::string::npos;
        end = lines.mUnfinished.find('\n')) {
@@ -50,13 +49,13 @@ ssize_t OnStream(void*, const char* bytes, std::size_t size) {
 
 void OnClientLine(const char* line) {
   Lines& lines = Lines::Get();
-  std::lock_guard lock(lines.mMutex);
+  sync::MutexLock lock(lines.mMutex);
   lines.Take(line == nullptr ? "" : line);
 }
 
 void CatchClientStream() {
   Lines& lines = Lines::Get();
-  std::lock_guard lock(lines.mMutex);
+  sync::MutexLock lock(lines.mMutex);
   if (lines.mStream == nullptr) {
     lines.mStream = fopencookie(nullptr, "w", {nullptr, &OnStream, nullptr, nullptr});
     if (lines.mStream != nullptr) {
@@ -67,13 +66,13 @@ void CatchClientStream() {
 
 std::string LastClientLine() {
   Lines& lines = Lines::Get();
-  std::lock_guard lock(lines.mMutex);
+  sync::MutexLock lock(lines.mMutex);
   return lines.mLatest;
 }
 
 void ForgetClientLine() {
   Lines& lines = Lines::Get();
-  std::lock_guard lock(lines.mMutex);
+  sync::MutexLock lock(lines.mMutex);
   lines.mLatest.clear();
 }
 

@@ -42,10 +42,11 @@ int Session::Start(MakeClient make, std::chrono::seconds connectTimeout) {
   if (client == nullptr) {
     return ZSYSTEMERROR;
   }
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mClient = client;
-  mChanged.notify_all();
-  mChanged.wait_for(lock, connectTimeout, [this] { return mConnected || mState == State::kGone; });
+  mChanged.NotifyAll();
+  mChanged.WaitFor(lock, connectTimeout,
+                   [this]() VYN_REQUIRES(mMutex) { return mConnected || mState == State::kGone; });
   if (mState == State::kGone) {
     return ZAUTHFAILED;
   }
@@ -57,8 +58,8 @@ int Session::Start(MakeClient make, std::chrono::seconds connectTimeout) {
   return ZOK;
 }
 
-int Session::Await(std::unique_lock<std::mutex>& lock, Request& request) {
-  if (!request.mFinished.wait_for(lock, mCallLimit, [&] { return request.mDone; })) {
+int Session::Await(sync::MutexLock& lock, Request& request) {
+  if (!request.mFinished.WaitFor(lock, mCallLimit, [&] { return request.mDone; })) {
     request.mAbandoned = true;
     return ZOPERATIONTIMEOUT;
   }
@@ -68,7 +69,7 @@ int Session::Await(std::unique_lock<std::mutex>& lock, Request& request) {
 void Session::Expire() {
   mState = State::kGone;
   mEnd = ZINVALIDSTATE;
-  mChanged.notify_all();
+  mChanged.NotifyAll();
 }
 
 void Session::Finish(Request& request, int result) {
@@ -84,13 +85,13 @@ void Session::Finish(Request& request, int result) {
                     : result == ZCLOSING      ? mEnd
                                               : result;
   request.mDone = true;
-  request.mFinished.notify_all();
+  request.mFinished.NotifyAll();
   if (request.mWatch != nullptr && ConnectionWasLost(result)) {
     mUnsetWatches.emplace(request.mWatch, request.mPath);
   } else if (request.mWatch != nullptr && request.mAbandoned) {
     // The late answer has set the watch, but the caller has stopped waiting and does not know that.
     mEvents.push_back({request.mWatch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, request.mPath});
-    mChanged.notify_all();
+    mChanged.NotifyAll();
   }
   mRequests.erase(&request);
 }
@@ -100,7 +101,7 @@ void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void*
     return;
   }
   auto& session = *static_cast<Session*>(context);
-  std::lock_guard lock(session.mMutex);
+  sync::MutexLock lock(session.mMutex);
   if (state == ZOO_CONNECTED_STATE) {
     session.mConnected = true;
     ForgetClientLine();
@@ -111,11 +112,11 @@ void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void*
   } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
     session.Expire();
   }
-  session.mChanged.notify_all();
+  session.mChanged.NotifyAll();
 }
 
 Watch* Session::Intern(watcher_fn watcher, void* context) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   auto& watch = mWatches[{watcher, context}];
   if (watch == nullptr) {
     watch = std::make_unique<Watch>(Watch{this, watcher, context});
@@ -126,33 +127,35 @@ Watch* Session::Intern(watcher_fn watcher, void* context) {
 void Session::OnNodeEvent(zhandle_t*, int type, int state, const char* path, void* context) {
   auto* watch = static_cast<Watch*>(context);
   Session& session = *watch->mSession;
-  std::lock_guard lock(session.mMutex);
+  sync::MutexLock lock(session.mMutex);
   session.mEvents.push_back({watch, type, state, path == nullptr ? "" : path});
-  session.mChanged.notify_all();
+  session.mChanged.NotifyAll();
 }
 
 void Session::RunWatchers() {
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   for (;;) {
-    mChanged.wait(lock, [this] { return mStopWatchers || !mEvents.empty(); });
+    mChanged.Wait(lock, [this]() VYN_REQUIRES(mMutex) { return mStopWatchers || !mEvents.empty(); });
     if (mStopWatchers) {
       return;
     }
     const Event event = std::move(mEvents.front());
     mEvents.pop_front();
-    lock.unlock();
+    lock.Unlock();
     event.watch->mWatcher(mTicket, event.type, event.state, event.path.c_str(), event.watch->mContext);
-    lock.lock();
+    lock.Lock();
   }
 }
 
 void Session::CloseClientWhenGone() {
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   // A session can end before Start has stored its client.
-  mChanged.wait(lock, [this] { return mState == State::kGone && (mClient != nullptr || mClosing); });
-  lock.unlock();
+  mChanged.Wait(lock, [this]() VYN_REQUIRES(mMutex) {
+    return mState == State::kGone && (mClient != nullptr || mClosing);
+  });
+  lock.Unlock();
   const int result = mClient == nullptr ? static_cast<int>(ZOK) : zookeeper_close(mClient);
-  lock.lock();
+  lock.Lock();
   mCloseResult = mEnd == ZCLOSING ? result : static_cast<int>(ZOK);
   // Requests that the client accepted after it had ended all the others.
   while (!mRequests.empty()) {
@@ -163,23 +166,23 @@ void Session::CloseClientWhenGone() {
 
 int Session::CloseClient() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mState = State::kGone;
     mClosing = true;
-    mChanged.notify_all();
+    mChanged.NotifyAll();
   }
   if (mCloser.joinable()) {
     mCloser.join();
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return mCloseResult;
 }
 
 void Session::StopWatchers() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mStopWatchers = true;
-    mChanged.notify_all();
+    mChanged.NotifyAll();
   }
   if (mDispatcher.joinable() && mDispatcher.get_id() != std::this_thread::get_id()) {
     mDispatcher.join();
@@ -187,18 +190,18 @@ void Session::StopWatchers() {
 }
 
 clientid_t Session::ClientId() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   const clientid_t* id = mState == State::kOpen ? zoo_client_id(mClient) : nullptr;
   return id == nullptr ? clientid_t{} : *id;
 }
 
 int Session::Timeout() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return mState == State::kOpen ? zoo_recv_timeout(mClient) : 0;
 }
 
 bool Session::Expired() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   // The client may refuse a call before its expiry event has arrived here. Otherwise only a close ends a
   // session, and mEnd is ZCLOSING then.
   return mState == State::kOpen || (mState == State::kGone && mEnd == ZINVALIDSTATE);

@@ -12,15 +12,15 @@
 // holds no lock while it does; one runs the watchers, so that a watcher that waits never keeps an answer from
 // its caller.
 
+#include "platform/sync/mutex.h"
+
 #include <zookeeper/zookeeper.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -58,7 +58,7 @@ struct Request {
   Watch* mWatch = nullptr;  ///< to be set by this call, with the path of the znode
   std::string mPath;
   // Guarded by the session's mutex until the call is done.
-  std::condition_variable mFinished;
+  sync::Condition mFinished;
   bool mDone = false;
   bool mAbandoned = false;  ///< the caller has stopped waiting
   int mResult = ZOK;
@@ -86,7 +86,7 @@ class Session : public std::enable_shared_from_this<Session> {
   /// the answer.
   template <typename Submit>
   int Call(const std::shared_ptr<Request>& request, Submit submit) {
-    std::unique_lock lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mState != State::kOpen) {
       return ZINVALIDSTATE;
     }
@@ -105,7 +105,7 @@ class Session : public std::enable_shared_from_this<Session> {
   static void Answer(const void* data, int result, Fill fill) {
     auto* request = static_cast<Request*>(const_cast<void*>(data));
     Session& session = *request->mSession;
-    std::lock_guard lock(session.mMutex);
+    sync::MutexLock lock(session.mMutex);
     fill(*request);
     session.Finish(*request, result);
   }
@@ -137,10 +137,9 @@ class Session : public std::enable_shared_from_this<Session> {
   };
 
   static void OnSessionEvent(zhandle_t* client, int type, int state, const char* path, void* session);
-  int Await(std::unique_lock<std::mutex>& lock, Request& request);
-  /// Both require: mMutex is held.
-  void Expire();
-  void Finish(Request& request, int result);
+  int Await(sync::MutexLock& lock, Request& request) VYN_REQUIRES(mMutex);
+  void Expire() VYN_REQUIRES(mMutex);
+  void Finish(Request& request, int result) VYN_REQUIRES(mMutex);
   void CloseClientWhenGone();
   void RunWatchers();
 
@@ -152,20 +151,20 @@ class Session : public std::enable_shared_from_this<Session> {
   std::thread mCloser;
   std::thread mDispatcher;
 
-  /// Guards all below. The client's own locks may be taken inside it.
-  std::mutex mMutex;
-  std::condition_variable mChanged;
-  State mState = State::kConnecting;
-  int mEnd = ZCLOSING;  ///< the result of calls that the end of the session interrupts
-  bool mConnected = false;
-  bool mClosing = false;
-  bool mStopWatchers = false;
-  int mCloseResult = ZOK;
-  std::unordered_map<Request*, std::shared_ptr<Request>> mRequests;
-  std::map<std::pair<watcher_fn, void*>, std::unique_ptr<Watch>> mWatches;
-  std::deque<Event> mEvents;
+  /// The client's own locks may be taken while it is held.
+  sync::Mutex mMutex;
+  sync::Condition mChanged;
+  State mState VYN_GUARDED_BY(mMutex) = State::kConnecting;
+  int mEnd VYN_GUARDED_BY(mMutex) = ZCLOSING;  ///< the result of calls that the end of the session interrupts
+  bool mConnected VYN_GUARDED_BY(mMutex) = false;
+  bool mClosing VYN_GUARDED_BY(mMutex) = false;
+  bool mStopWatchers VYN_GUARDED_BY(mMutex) = false;
+  int mCloseResult VYN_GUARDED_BY(mMutex) = ZOK;
+  std::unordered_map<Request*, std::shared_ptr<Request>> mRequests VYN_GUARDED_BY(mMutex);
+  std::map<std::pair<watcher_fn, void*>, std::unique_ptr<Watch>> mWatches VYN_GUARDED_BY(mMutex);
+  std::deque<Event> mEvents VYN_GUARDED_BY(mMutex);
   /// Watches that could not be set because the connection was lost.
-  std::set<std::pair<Watch*, std::string>> mUnsetWatches;
+  std::set<std::pair<Watch*, std::string>> mUnsetWatches VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::utilities::zookeeper

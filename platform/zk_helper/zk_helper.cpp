@@ -1,5 +1,6 @@
 #include "platform/zk_helper/zk_helper.h"
 
+#include "platform/sync/mutex.h"
 #include "platform/zk_helper/client_lines.h"
 #include "platform/zk_helper/security.h"
 #include "platform/zk_helper/session.h"
@@ -11,10 +12,8 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -36,13 +35,12 @@ constexpr std::chrono::hours kLongestWait{24 * 365 * 100};
 
 /// The sessions by ticket. Never destroyed: the adapter closes its session while statics are being destroyed.
 struct Registry {
-  std::mutex mMutex;
-  // Guarded by mMutex.
-  std::map<zhandle_t*, std::shared_ptr<Session>> mSessions;
-  zhandle_t* mCurrent = nullptr;
-  std::uintptr_t mLastTicket = 0;
-  bool mClientInUse = false;
-  std::condition_variable mClientFree;
+  vyn::sync::Mutex mMutex;
+  std::map<zhandle_t*, std::shared_ptr<Session>> mSessions VYN_GUARDED_BY(mMutex);
+  zhandle_t* mCurrent VYN_GUARDED_BY(mMutex) = nullptr;
+  std::uintptr_t mLastTicket VYN_GUARDED_BY(mMutex) = 0;
+  bool mClientInUse VYN_GUARDED_BY(mMutex) = false;
+  vyn::sync::Condition mClientFree;
 
   static Registry& Get() {
     static auto* registry = new Registry;
@@ -50,15 +48,16 @@ struct Registry {
   }
 
   zhandle_t* NewTicket() {
-    std::lock_guard lock(mMutex);
+    vyn::sync::MutexLock lock(mMutex);
     // Small numbers, which no valid address equals.
     return reinterpret_cast<zhandle_t*>(++mLastTicket);  // NOLINT(performance-no-int-to-ptr)
   }
   /// Waits until the previous session's client is closed: two clients that lose their connection at the same
   /// time write to one buffer of the client library without a lock. Returns: whether a client may be made.
   bool UseClient(std::chrono::seconds limit) {
-    std::unique_lock lock(mMutex);
-    mClientFree.wait_for(lock, limit, [this] { return !mClientInUse || mCurrent != nullptr; });
+    vyn::sync::MutexLock lock(mMutex);
+    mClientFree.WaitFor(lock, limit,
+                        [this]() VYN_REQUIRES(mMutex) { return !mClientInUse || mCurrent != nullptr; });
     if (mClientInUse) {
       return false;
     }
@@ -68,9 +67,9 @@ struct Registry {
   int Close(Session& session) {
     const int result = session.CloseClient();
     {
-      std::lock_guard lock(mMutex);
+      vyn::sync::MutexLock lock(mMutex);
       mClientInUse = false;
-      mClientFree.notify_all();
+      mClientFree.NotifyAll();
     }
     // Last: a watcher may be waiting for a lock, and the thread that holds it may wait for the client to be
     // free.
@@ -78,12 +77,12 @@ struct Registry {
     return result;
   }
   std::shared_ptr<Session> Find(zhandle_t* ticket) {
-    std::lock_guard lock(mMutex);
+    vyn::sync::MutexLock lock(mMutex);
     const auto found = mSessions.find(ticket);
     return found == mSessions.end() ? nullptr : found->second;
   }
   std::shared_ptr<Session> Take(zhandle_t* ticket) {
-    std::lock_guard lock(mMutex);
+    vyn::sync::MutexLock lock(mMutex);
     auto node = mSessions.extract(ticket);
     return node.empty() ? nullptr : std::move(node.mapped());
   }
@@ -242,22 +241,22 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
     registry.Close(*session);
     return Fail(result, servers + cause + (line.empty() ? "" : ": " + line));
   }
-  std::lock_guard lock(registry.mMutex);
+  vyn::sync::MutexLock lock(registry.mMutex);
   registry.mCurrent = ticket;
   registry.mSessions.emplace(ticket, session);
-  registry.mClientFree.notify_all();
+  registry.mClientFree.NotifyAll();
   return ZOK;
 }
 
 zhandle_t* VynGetZkHandle() {
   Registry& registry = Registry::Get();
-  std::lock_guard lock(registry.mMutex);
+  vyn::sync::MutexLock lock(registry.mMutex);
   return registry.mCurrent;
 }
 
 void VynRemoveZkHandle() {
   Registry& registry = Registry::Get();
-  std::lock_guard lock(registry.mMutex);
+  vyn::sync::MutexLock lock(registry.mMutex);
   registry.mCurrent = nullptr;
 }
 

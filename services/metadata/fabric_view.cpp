@@ -39,7 +39,7 @@ void FabricView::Stop() { mTask.Stop(); }
 
 void FabricView::SetServing(bool serving) {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mServing == serving) {
       return;
     }
@@ -49,13 +49,13 @@ void FabricView::SetServing(bool serving) {
 }
 
 std::chrono::nanoseconds FabricView::Pause() const {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return std::max<std::chrono::nanoseconds>(mNextTry - common::SteadyNow(), mServing ? kPeriod : kIdlePeriod);
 }
 
 bool FabricView::RefreshOlderThan(std::chrono::milliseconds age) {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     const auto now = common::SteadyNow();
     if (!mReading && (now - mRead < age || now < mNextTry)) {
       return false;
@@ -67,10 +67,11 @@ bool FabricView::RefreshOlderThan(std::chrono::milliseconds age) {
 bool FabricView::Refresh() {
   const auto begin = common::SteadyNow();
   {
-    std::unique_lock lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mReading) {
       const std::uint64_t before = mReadings;
-      return common::WaitFor(mChanged, lock, kShareLimit, [&] { return mReadings != before; }) &&
+      return common::WaitFor(mChanged, lock, kShareLimit,
+                             [&]() VYN_REQUIRES(mMutex) { return mReadings != before; }) &&
              mLastAnswered;
     }
     mReading = true;
@@ -83,7 +84,7 @@ bool FabricView::Refresh() {
     VYN_LOG_ERROR("The nodes of the fabric could not be read: " << failure.what());
   }
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mReading = false;
     ++mReadings;
     mLastAnswered = answered;
@@ -97,7 +98,7 @@ bool FabricView::Refresh() {
       mNextTry = common::SteadyNow() + kPeriod * (1U << mFailures) / 2;
     }
   }
-  mChanged.notify_all();
+  mChanged.NotifyAll();
   return answered;
 }
 
@@ -150,7 +151,7 @@ bool FabricView::Read(Nodes& nodes) {
 bool FabricView::Find(std::uint32_t nodeId, cluster::NodeInfo& node) {
   for (bool again : {true, false}) {
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       if (const auto found = mNodes.live.find(nodeId); found != mNodes.live.end()) {
         node = found->second;
         return true;
@@ -164,7 +165,7 @@ bool FabricView::Find(std::uint32_t nodeId, cluster::NodeInfo& node) {
 }
 
 std::vector<cluster::NodeInfo> FabricView::Live() const {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   std::vector<cluster::NodeInfo> nodes;
   nodes.reserve(mNodes.live.size());
   for (const auto& [id, node] : mNodes.live) {
@@ -174,7 +175,7 @@ std::vector<cluster::NodeInfo> FabricView::Live() const {
 }
 
 std::map<std::uint32_t, std::string> FabricView::Registered() const {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return mNodes.registered;
 }
 

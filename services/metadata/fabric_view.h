@@ -11,12 +11,11 @@
 #include "cluster/cluster_zkadapter.h"
 #include "common/util/ref.h"
 #include "common/wait/periodic_task.h"
+#include "platform/sync/mutex.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -61,17 +60,19 @@ class FabricView {
   /// The time until the thread reads again.
   std::chrono::nanoseconds Pause() const;
 
-  mutable std::mutex mMutex;
-  // Guarded by mMutex.
-  Nodes mNodes;
-  bool mServing = false;
-  bool mReading = false;
-  std::uint64_t mReadings = 0;                     ///< number of finished calls of Read
-  bool mLastAnswered = false;                      ///< whether the last of them succeeded
-  unsigned int mFailures = 0;                      ///< failures since the last success, at most kMostFailures
-  std::chrono::steady_clock::time_point mRead;     ///< when the Read began that gave mNodes
-  std::chrono::steady_clock::time_point mNextTry;  ///< after a failure: no Read before this time
-  std::condition_variable mChanged;
+  mutable sync::Mutex mMutex;
+  Nodes mNodes VYN_GUARDED_BY(mMutex);
+  bool mServing VYN_GUARDED_BY(mMutex) = false;
+  bool mReading VYN_GUARDED_BY(mMutex) = false;
+  std::uint64_t mReadings VYN_GUARDED_BY(mMutex) = 0;  ///< number of finished calls of Read
+  bool mLastAnswered VYN_GUARDED_BY(mMutex) = false;   ///< whether the last of them succeeded
+  unsigned int mFailures VYN_GUARDED_BY(mMutex) =
+      0;  ///< failures since the last success, at most kMostFailures
+  std::chrono::steady_clock::time_point mRead
+      VYN_GUARDED_BY(mMutex);  ///< when the Read began that gave mNodes
+  std::chrono::steady_clock::time_point mNextTry
+      VYN_GUARDED_BY(mMutex);  ///< after a failure: no Read before this time
+  sync::Condition mChanged;
   common::PeriodicTask mTask;
 };
 

@@ -50,7 +50,7 @@ std::uint32_t MetadataMember::Start() {
   }
   mElectable = nodes.count(mOptions.nodeAddress) != 0;
   {
-    std::unique_lock lock(mRecord->mNodeStatusLock);
+    sync::WriterLock lock(mRecord->mNodeStatusLock);
     mRecord->mNodeStatusMap = nodes;
   }
   if (!mElectable) {
@@ -240,7 +240,7 @@ void MetadataMember::BeginLeading() {
   }
   std::string before;
   {
-    std::unique_lock lock(mRecord->mLeaderLock);
+    sync::WriterLock lock(mRecord->mLeaderLock);
     before = std::exchange(mRecord->mLeaderAddress, mOptions.nodeAddress);
   }
   if (mRecord->mMetaNodeRole.exchange(MetaNodeRole::LEADER) != MetaNodeRole::LEADER) {

@@ -97,10 +97,10 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
   mView.SetServing(true);
   static_cast<void>(mView.Refresh());
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mReady = true;
   }
-  mChanged.notify_all();
+  mChanged.NotifyAll();
   mLastCheck = common::SteadyNow();
   mSilenceTask.Start({"Silent applications could not be ended", kSilencePeriod}, [this] { WatchSilence(); });
   VYN_LOG_INFO("The metadata service serves at " << mOptions.address << ":" << Port());
@@ -109,10 +109,10 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
 
 void MetadataService::Stop() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mStopping = true;
   }
-  mChanged.notify_all();
+  mChanged.NotifyAll();
   mSilenceTask.RequestStop();
   mView.SetServing(false);
   mServer.Stop();
@@ -120,9 +120,9 @@ void MetadataService::Stop() {
 }
 
 std::uint32_t MetadataService::AwaitReady() {
-  std::unique_lock lock(mMutex);
-  const bool decided =
-      common::WaitFor(mChanged, lock, mOptions.readyTimeout, [this] { return mReady || mStopping; });
+  sync::MutexLock lock(mMutex);
+  const bool decided = common::WaitFor(mChanged, lock, mOptions.readyTimeout,
+                                       [this]() VYN_REQUIRES(mMutex) { return mReady || mStopping; });
   // For the client this status is a lost connection: it asks for the leader again and repeats the call.
   return decided && mReady && !mStopping && HasLease() ? VYN_OK : kStatusNotLeading;
 }

@@ -11,15 +11,14 @@
 #include "common/util/clock.h"
 #include "common/wait/periodic_task.h"
 #include "platform/rpc/server/server.h"
+#include "platform/sync/mutex.h"
 #include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_state.h"
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -94,11 +93,12 @@ class MetadataService {
   std::atomic<bool> mLeadershipLost{false};
   std::atomic<std::chrono::steady_clock::time_point> mServeUntil{};
 
-  std::mutex mMutex;
-  // Guarded by mMutex.
-  bool mReady = false;
-  bool mStopping = false;
-  std::condition_variable mChanged;
+  sync::Mutex mMutex;
+  bool mReady VYN_GUARDED_BY(mMutex) = false;
+  bool mStopping VYN_GUARDED_BY(mMutex) = false;
+  sync::Condition mChanged;
+  /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that
+  /// runs.
   /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that
   /// runs.
   std::chrono::steady_clock::time_point mLastCheck;

@@ -40,7 +40,7 @@ std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked,
       application.blocks += variable.blockNum;
     }
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   mApplications = std::move(applications);
   for (auto& [variable, entries] : deletions) {
     mDeleted[variable] = {now, std::move(entries)};
@@ -48,16 +48,12 @@ std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked,
   return VYN_OK;
 }
 
-std::unique_lock<std::mutex> MetadataState::BeginWrite(const std::string& application) {
-  std::unique_lock write(mWriteLocks[std::hash<std::string>()(application) % mWriteLocks.size()]);
-  if (mStore.LeadershipLost()) {
-    write.unlock();
-  }
-  return write;
+sync::Mutex& MetadataState::WriteLock(const std::string& application) {
+  return mWriteLocks[std::hash<std::string>()(application) % mWriteLocks.size()];
 }
 
 bool MetadataState::Find(const std::string& application, std::uint32_t id, Variable& variable) const {
-  std::shared_lock lock(mMutex);
+  sync::ReaderLock lock(mMutex);
   const auto app = mApplications.find(application);
   if (app == mApplications.end()) {
     return false;
@@ -72,7 +68,7 @@ bool MetadataState::Find(const std::string& application, std::uint32_t id, Varia
 
 std::uint32_t MetadataState::EnsureApplication(const std::string& application) {
   {
-    std::shared_lock lock(mMutex);
+    sync::ReaderLock lock(mMutex);
     if (mApplications.count(application) != 0) {
       return VYN_OK;
     }
@@ -80,7 +76,7 @@ std::uint32_t MetadataState::EnsureApplication(const std::string& application) {
   if (const std::uint32_t status = mStore.AddApplication(application); Failed(status)) {
     return status;
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   Application& added = mApplications[application];
   added.name = application;
   added.lastBeat = common::SteadyNow();
@@ -93,8 +89,8 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
     return kStatusTooLarge;
   }
   AwaitForgotten(application, id);
-  const auto write = BeginWrite(application);
-  if (!write) {
+  sync::MutexLock write(WriteLock(application));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   Variable variable;
@@ -112,7 +108,7 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   if (const std::uint32_t status = mStore.AddVariable(application, variable); Failed(status)) {
     return status;
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   Application& owner = mApplications[application];
   owner.variables[id] = std::move(variable);
   owner.blocks += blockNum;
@@ -120,7 +116,7 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
 }
 
 bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockNum) const {
-  std::shared_lock lock(mMutex);
+  sync::ReaderLock lock(mMutex);
   const auto app = mApplications.find(application);
   const std::size_t variables = app == mApplications.end() ? 0 : app->second.variables.size();
   const std::uint64_t blocks = app == mApplications.end() ? 0 : app->second.blocks;
@@ -128,8 +124,8 @@ bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockN
 }
 
 std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id) {
-  const auto write = BeginWrite(application);
-  if (!write) {
+  sync::MutexLock write(WriteLock(application));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   Variable variable;
@@ -141,7 +137,7 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
     return status;
   }
   const auto now = common::SteadyNow();
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   Application& owner = mApplications[application];
   owner.variables.erase(id);
   owner.blocks -= variable.blockNum;
@@ -155,7 +151,7 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
 void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t id) {
   Deleted deleted;
   {
-    std::shared_lock lock(mMutex);
+    sync::ReaderLock lock(mMutex);
     const auto found = mDeleted.find({application, id});
     if (found == mDeleted.end()) {
       return;
@@ -163,7 +159,7 @@ void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t
     deleted = found->second;
   }
   mStore.AwaitForgotten(deleted.entries);
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   const auto found = mDeleted.find({application, id});
   // The entries differ if another variable of this number was deleted meanwhile.
   if (found != mDeleted.end() && found->second.entries == deleted.entries) {
@@ -179,14 +175,14 @@ std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variabl
   if (const std::uint32_t status = mStore.SetBlocks(application, variable); Failed(status)) {
     return status;
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   mApplications[application].variables[variable.id] = std::move(variable);
   return VYN_OK;
 }
 
 std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
-  const auto write = BeginWrite(info.appId);
-  if (!write) {
+  sync::MutexLock write(WriteLock(info.appId));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   Variable variable;
@@ -206,8 +202,8 @@ std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
 }
 
 std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
-  const auto write = BeginWrite(info.appId);
-  if (!write) {
+  sync::MutexLock write(WriteLock(info.appId));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   Variable variable;
@@ -253,7 +249,7 @@ std::uint32_t MetadataState::GetVariable(const std::string& application, std::ui
 
 std::uint32_t MetadataState::GetBlock(const std::string& application, std::uint32_t id, std::uint32_t index,
                                       std::string& bmId) const {
-  std::shared_lock lock(mMutex);
+  sync::ReaderLock lock(mMutex);
   const auto app = mApplications.find(application);
   if (app == mApplications.end()) {
     return kStatusUnknownVariable;
@@ -270,8 +266,8 @@ std::uint32_t MetadataState::GetBlock(const std::string& application, std::uint3
 }
 
 std::uint32_t MetadataState::RemoveApplication(const std::string& application) {
-  const auto write = BeginWrite(application);
-  if (!write) {
+  sync::MutexLock write(WriteLock(application));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   return Remove(application);
@@ -280,12 +276,12 @@ std::uint32_t MetadataState::RemoveApplication(const std::string& application) {
 std::uint32_t MetadataState::Expire(const std::string& application, std::chrono::milliseconds timeout,
                                     bool& removed) {
   removed = false;
-  const auto write = BeginWrite(application);
-  if (!write) {
+  sync::MutexLock write(WriteLock(application));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   {
-    std::shared_lock lock(mMutex);
+    sync::ReaderLock lock(mMutex);
     const auto app = mApplications.find(application);
     if (app == mApplications.end() || !IsSilent(app->second, timeout)) {
       return VYN_OK;
@@ -301,22 +297,22 @@ std::uint32_t MetadataState::Remove(const std::string& application) {
   if (const std::uint32_t status = mStore.RemoveApplication(application); Failed(status)) {
     return status;
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   mApplications.erase(application);
   return VYN_OK;
 }
 
 std::uint32_t MetadataState::HeartBeat(const std::string& application, bool alive) {
   {
-    std::unique_lock lock(mMutex);
+    sync::WriterLock lock(mMutex);
     const auto app = mApplications.find(application);
     if (app != mApplications.end() && app->second.heartbeat) {
       app->second.lastBeat = common::SteadyNow();
       return VYN_OK;
     }
   }
-  const auto write = BeginWrite(application);
-  if (!write) {
+  sync::MutexLock write(WriteLock(application));
+  if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
   }
   if (!alive) {
@@ -333,7 +329,7 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application, bool aliv
   if (const std::uint32_t status = mStore.MarkHeartbeat(application); Failed(status)) {
     return status;
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   Application& beating = mApplications[application];
   beating.heartbeat = true;
   beating.lastBeat = common::SteadyNow();
@@ -342,7 +338,7 @@ std::uint32_t MetadataState::HeartBeat(const std::string& application, bool aliv
 
 std::vector<std::string> MetadataState::Silent(std::chrono::milliseconds timeout) const {
   std::vector<std::string> names;
-  std::shared_lock lock(mMutex);
+  sync::ReaderLock lock(mMutex);
   for (const auto& [name, application] : mApplications) {
     if (IsSilent(application, timeout)) {
       names.push_back(name);
@@ -352,7 +348,7 @@ std::vector<std::string> MetadataState::Silent(std::chrono::milliseconds timeout
 }
 
 void MetadataState::ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration gap) {
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   for (auto& [name, application] : mApplications) {
     application.lastBeat += gap;
   }
@@ -364,7 +360,7 @@ std::uint32_t MetadataState::Known(const std::vector<std::string>& applications,
   for (const std::string& name : applications) {
     bool here = false;
     {
-      std::shared_lock lock(mMutex);
+      sync::ReaderLock lock(mMutex);
       here = mApplications.count(name) != 0;
     }
     if (!here && ++unknown > kMaxUnknown) {

@@ -10,6 +10,7 @@
 // application's write lock during the write to ZooKeeper, so that memory and store agree. A read never waits
 // for a write to ZooKeeper.
 
+#include "platform/sync/mutex.h"
 #include "services/metadata/metadata_store.h"
 #include "services/metadata/variable.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -18,7 +19,6 @@
 #include <chrono>
 #include <map>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -61,33 +61,30 @@ class MetadataState {
   std::uint32_t Known(const std::vector<std::string>& applications, std::vector<std::string>& known);
 
  private:
-  /// Takes the write lock of the application, which it shares with some others. Returns: a lock that owns
-  /// nothing if the leadership is lost.
-  std::unique_lock<std::mutex> BeginWrite(const std::string& application);
+  /// The lock of an application for writing, which it shares with some others.
+  sync::Mutex& WriteLock(const std::string& application);
   std::uint32_t EnsureApplication(const std::string& application);
   /// Copies the variable. Returns: whether it exists.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;
   std::uint32_t WriteBlocks(const std::string& application, Variable variable);
   /// Waits until no node caches an earlier, deleted variable of this number.
   void AwaitForgotten(const std::string& application, std::uint32_t id);
-  /// Requires: the application's write lock is held.
-  std::uint32_t Remove(const std::string& application);
+  std::uint32_t Remove(const std::string& application) VYN_REQUIRES(WriteLock(application));
 
   /// Whether the application's limits allow one more variable with `blockNum` blocks.
   bool HasRoom(const std::string& application, std::uint32_t blockNum) const;
 
   const ApplicationLimits mLimits;
   MetadataStore mStore;
-  std::array<std::mutex, 64> mWriteLocks;
-  /// Guards mApplications and mDeleted.
-  mutable std::shared_mutex mMutex;
-  std::map<std::string, Application> mApplications;
+  std::array<sync::Mutex, 64> mWriteLocks;
+  mutable sync::SharedMutex mMutex;
+  std::map<std::string, Application> mApplications VYN_GUARDED_BY(mMutex);
   /// A deleted variable and its reclaim entries. NewVariable waits for these before it reuses the number.
   struct Deleted {
     std::chrono::steady_clock::time_point when;
     std::vector<std::string> entries;
   };
-  std::map<std::pair<std::string, std::uint32_t>, Deleted> mDeleted;
+  std::map<std::pair<std::string, std::uint32_t>, Deleted> mDeleted VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::services

@@ -6,8 +6,6 @@
 #include "services/common/service_status.h"
 #include "tessel/message/operation_codes.h"
 
-#include <shared_mutex>
-
 namespace vyn::services {
 
 namespace {
@@ -27,7 +25,7 @@ std::string KnownLeader() {
   if (record == nullptr) {
     return {};
   }
-  std::shared_lock lock(record->mLeaderLock);
+  sync::ReaderLock lock(record->mLeaderLock);
   return record->mLeaderAddress;
 }
 
@@ -42,7 +40,7 @@ std::string AwaitLeader(std::chrono::milliseconds limit, const std::function<boo
 
 std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& engine) {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     engine = mEngine;
   }
   if (engine != nullptr) {
@@ -59,7 +57,7 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   if (engine->EnginePool() == nullptr) {
     return Failed(status) ? status : kStatusNoLeader;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (mEngine == nullptr) {
     mEngine = engine;
   }

@@ -7,6 +7,7 @@
 // Any thread may call any operation.
 
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 
@@ -14,7 +15,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 
 namespace vyn::services {
@@ -50,9 +50,8 @@ class MetadataClient {
 
   const MetadataClientLimits mLimits;
   std::atomic<bool> mStopping{false};
-  /// Guards mEngine.
-  std::mutex mMutex;
-  common::Ref<tessel::ShuffleMetaRPCEngine> mEngine;
+  sync::Mutex mMutex;
+  common::Ref<tessel::ShuffleMetaRPCEngine> mEngine VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::services

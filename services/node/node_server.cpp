@@ -169,7 +169,7 @@ class NodeServer::QuotaReservation {
 
   /// Reserves `count` objects. Returns: false if the application would exceed maxObjects.
   bool Reserve(std::uint64_t count) {
-    std::lock_guard lock(mServer.mReservedMutex);
+    sync::MutexLock lock(mServer.mReservedMutex);
     std::uint64_t& reserved = mServer.mReserved[mApplication];
     const bool allowed = mServer.ObjectsOf(mApplication) + reserved + count <= mServer.mOptions.maxObjects;
     mCount = allowed ? count : 0;
@@ -178,7 +178,7 @@ class NodeServer::QuotaReservation {
   }
   /// Releases `count` reserved objects, which the pool counts from now on.
   void Release(std::uint64_t count) {
-    std::lock_guard lock(mServer.mReservedMutex);
+    sync::MutexLock lock(mServer.mReservedMutex);
     mCount -= count;
     const auto reserved = mServer.mReserved.find(mApplication);
     if (reserved != mServer.mReserved.end() && (reserved->second -= count) == 0) {

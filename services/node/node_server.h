@@ -11,6 +11,7 @@
 
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/rpc/server/server.h"
+#include "platform/sync/mutex.h"
 #include "services/common/rpc_handlers.h"
 #include "services/node/variable_cache.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -22,7 +23,6 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -96,9 +96,9 @@ class NodeServer {
   rpc::Server mServer;
 
   std::atomic<bool> mStopping{false};
-  std::mutex mReservedMutex;
-  /// The reserved objects of each application. Guarded by mReservedMutex.
-  std::map<std::string, std::uint64_t> mReserved;
+  sync::Mutex mReservedMutex;
+  /// The reserved objects of each application.
+  std::map<std::string, std::uint64_t> mReserved VYN_GUARDED_BY(mReservedMutex);
 };
 
 }  // namespace vyn::services

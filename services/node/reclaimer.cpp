@@ -36,7 +36,7 @@ void Reclaimer::Stop() {
 
 void Reclaimer::GiveBack(const std::string& application, const std::vector<std::string>& bmIds) {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mGivenBack.emplace_back(application, bmIds);
   }
   mTask.Wake();
@@ -45,7 +45,7 @@ void Reclaimer::GiveBack(const std::string& application, const std::vector<std::
 void Reclaimer::FreeGivenBack() {
   std::vector<std::pair<std::string, std::vector<std::string>>> given;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     given.swap(mGivenBack);
   }
   for (const auto& [application, bmIds] : given) {
@@ -76,7 +76,7 @@ bool Reclaimer::Drain(const std::string& application) {
 }
 
 Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::string& application) {
-  std::lock_guard draining(mDraining);
+  sync::MutexLock draining(mDraining);
   std::string text;
   if (const int result = zookeeper::Get(path, text); result != ZOK) {
     return result == ZNONODE                ? Outcome::kDone

@@ -12,11 +12,11 @@
 
 #include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
+#include "platform/sync/mutex.h"
 #include "services/common/zookeeper_layout.h"
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -58,22 +58,21 @@ class Reclaimer {
 
   void FreeGivenBack();
   Outcome DrainEntry(const std::string& path, const std::string& application);
-  Outcome Handle(const std::string& path, const ReclaimEntry& entry);
-  Outcome FreeVariable(const ReclaimEntry& entry);
+  Outcome Handle(const std::string& path, const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
+  Outcome FreeVariable(const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
 
   const std::uint16_t mNodeId;
   fabric::FabricNode& mFabric;
   const std::function<void(const ReclaimEntry& entry)> mForget;
   /// Held while a thread processes an entry, so that no two threads process the same one.
-  std::mutex mDraining;
-  /// The entries of variables in the list for which mForget has been called. Guarded by mDraining.
-  std::set<std::string> mNotifiedEntries;
-  /// The records and entries that are kept and have been logged, so that each is logged once. Guarded by
-  /// mDraining.
-  std::set<std::string> mReportedKept;
-  std::mutex mMutex;
-  /// The application and the object ids of each GiveBack. Guarded by mMutex.
-  std::vector<std::pair<std::string, std::vector<std::string>>> mGivenBack;
+  sync::Mutex mDraining;
+  /// The entries of variables in the list for which mForget has been called.
+  std::set<std::string> mNotifiedEntries VYN_GUARDED_BY(mDraining);
+  /// The records and entries that are kept and have been logged, so that each is logged once.
+  std::set<std::string> mReportedKept VYN_GUARDED_BY(mDraining);
+  sync::Mutex mMutex;
+  /// The application and the object ids of each GiveBack.
+  std::vector<std::pair<std::string, std::vector<std::string>>> mGivenBack VYN_GUARDED_BY(mMutex);
   common::PeriodicTask mTask;
 };
 

@@ -40,7 +40,7 @@ void VariableCache::Fetch(const std::string& application, std::uint32_t id, cons
   common::Ref<BroadcastBlockInfo> known;
   bool tooMany = false;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (const auto found = mVariables.find(lookUp.first); found != mVariables.end()) {
       known = found->second;
     } else {
@@ -82,7 +82,7 @@ void VariableCache::RunAll(LookUp lookUp) {
 }
 
 bool VariableCache::TakeQueued(LookUp& lookUp) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (mQueued.empty()) {
     --mThreads;
     return false;
@@ -95,7 +95,7 @@ bool VariableCache::TakeQueued(LookUp& lookUp) {
 void VariableCache::RefuseQueued(const LookUp& lookUp, std::uint32_t status) {
   std::vector<Caller> waiting;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     waiting = std::move(mWaiting.extract(lookUp).mapped());
   }
   for (const Caller& caller : waiting) {
@@ -107,7 +107,7 @@ std::uint32_t VariableCache::Run(const LookUp& lookUp) {
   for (;;) {
     std::vector<Caller> before;
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       before.swap(mWaiting.at(lookUp));
     }
     const common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
@@ -115,7 +115,7 @@ std::uint32_t VariableCache::Run(const LookUp& lookUp) {
     std::vector<Caller> since;
     bool again = false;
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       const auto joined = mWaiting.find(lookUp);
       again = MayBeOutdated(status) && !joined->second.empty();
       if (!again) {
@@ -145,7 +145,7 @@ std::uint32_t VariableCache::Ask(const LookUp& lookUp, const common::Ref<Broadca
   }
   try {
     const std::uint32_t status = mAskLeader(application, id, *found);
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (!Failed(status) && mForgets == lookUp.second) {
       mVariables[lookUp.first] = found;
     }
@@ -157,14 +157,14 @@ std::uint32_t VariableCache::Ask(const LookUp& lookUp, const common::Ref<Broadca
 }
 
 std::vector<std::string> VariableCache::Forget(const std::string& application, std::uint32_t id) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   ++mForgets;
   const auto known = mVariables.extract(Key(application, id));
   return known ? known.mapped()->bmIds : std::vector<std::string>();
 }
 
 void VariableCache::Forget(const std::string& application) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   ++mForgets;
   for (auto variable = mVariables.lower_bound(Key(application, 0));
        variable != mVariables.end() && variable->first.first == application;) {
@@ -175,7 +175,7 @@ void VariableCache::Forget(const std::string& application) {
 std::vector<std::string> VariableCache::ForgetAll() {
   std::map<Key, common::Ref<BroadcastBlockInfo>> known;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     ++mForgets;
     known.swap(mVariables);
   }

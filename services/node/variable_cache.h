@@ -10,6 +10,7 @@
 // Any thread may call any operation.
 
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 #include "services/common/rpc_handlers.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 
@@ -17,7 +18,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,17 +67,16 @@ class VariableCache {
 
   const AskLeader mAskLeader;
   const unsigned int mMaxThreads;
-  std::mutex mMutex;
-  // Guarded by mMutex.
-  std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables;
+  sync::Mutex mMutex;
+  std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables VYN_GUARDED_BY(mMutex);
   /// Counts the calls of Forget and ForgetAll. A reply of the leader that was in flight during such a call is
   /// not cached, and callers that came after the call do not get it.
-  std::uint64_t mForgets = 0;
+  std::uint64_t mForgets VYN_GUARDED_BY(mMutex) = 0;
   /// The waiting callers of each look-up, in-flight or queued.
-  std::map<LookUp, std::vector<Caller>> mWaiting;
+  std::map<LookUp, std::vector<Caller>> mWaiting VYN_GUARDED_BY(mMutex);
   /// The number of threads in RunAll.
-  unsigned int mThreads = 0;
-  std::deque<LookUp> mQueued;
+  unsigned int mThreads VYN_GUARDED_BY(mMutex) = 0;
+  std::deque<LookUp> mQueued VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::services

@@ -2,6 +2,7 @@
 // SIGINT.
 
 #include "common/util/clock.h"
+#include "platform/sync/mutex.h"
 #include "services/vynd/daemon.h"
 #include "services/vynd/supervisor.h"
 
@@ -9,10 +10,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdio>
-#include <mutex>
 #include <thread>
 
 namespace {
@@ -26,19 +25,19 @@ constexpr auto kStopLimit = std::chrono::milliseconds(4500);
 
 /// The request of the signal thread to the main thread. Lives as long as the process.
 struct StopRequest {
-  std::mutex mutex;
-  std::condition_variable changed;
-  bool wanted = false;  ///< guarded by mutex
+  vyn::sync::Mutex mutex;
+  vyn::sync::Condition changed;
+  bool wanted VYN_GUARDED_BY(mutex) = false;
 };
 
 void AwaitSignal(StopRequest& request, sigset_t signals) {
   int received = 0;
   sigwait(&signals, &received);
   {
-    std::lock_guard lock(request.mutex);
+    vyn::sync::MutexLock lock(request.mutex);
     request.wanted = true;
   }
-  request.changed.notify_all();
+  request.changed.NotifyAll();
   vyn::common::SleepFor(kStopLimit);
   std::fprintf(stderr, "vynd: the orderly stop took too long, exiting without it\n");
   _exit(kStopTimedOut);
@@ -66,7 +65,7 @@ int main(int argc, char** argv) {
   Daemon daemon(options);
   std::vector<std::string> errors;
   const auto stopping = [] {
-    std::lock_guard lock(request.mutex);
+    vyn::sync::MutexLock lock(request.mutex);
     return request.wanted;
   };
   if (!daemon.Start(errors, stopping)) {
@@ -81,8 +80,8 @@ int main(int argc, char** argv) {
     NotifySupervisor("READY=1");
   }
   {
-    std::unique_lock lock(request.mutex);
-    request.changed.wait(lock, [] { return request.wanted; });
+    vyn::sync::MutexLock lock(request.mutex);
+    request.changed.Wait(lock, []() VYN_REQUIRES(request.mutex) { return request.wanted; });
   }
   NotifySupervisor("STOPPING=1");
   daemon.Stop();

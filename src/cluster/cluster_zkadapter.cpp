@@ -5,6 +5,7 @@
 #include "common/config/env_helper.h"
 #include "common/log/log.h"
 #include "common/util/file_util.h"
+#include "platform/sync/mutex.h"
 
 #include <unistd.h>
 
@@ -19,8 +20,8 @@ std::atomic<zhandle_t*> g_ZKHandler{nullptr};
 
 // mInstance comes last, so it is destroyed first: the adapter's destructor ends the session and uses the
 // others.
-std::mutex ClusterZKAdapter::mInstanceLock;
-std::recursive_mutex ClusterZKAdapter::mZKHandleLock;
+sync::Mutex ClusterZKAdapter::mInstanceLock;
+sync::RecursiveMutex ClusterZKAdapter::mZKHandleLock;
 std::atomic<bool> ClusterZKAdapter::isRunning{true};
 const std::string& ClusterZKAdapter::mMetaPath = *new std::string("/meta");
 const std::string& ClusterZKAdapter::mMetaElectionPath = *new std::string("/meta/election");
@@ -56,7 +57,7 @@ ClusterZKAdapter::ClusterZKAdapter(NodeRole role) : mRole(role) {}
 ClusterZKAdapter::~ClusterZKAdapter() { ClusterZKClose(); }
 
 Ref<ClusterZKAdapter> ClusterZKAdapter::GetInstance(NodeRole role) {
-  std::lock_guard lock(mInstanceLock);
+  sync::MutexLock lock(mInstanceLock);
   if (mInstance == nullptr) {
     mInstance = new (std::nothrow) ClusterZKAdapter(role);
     if (mInstance == nullptr) {
@@ -71,7 +72,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKAdapterInit(int sessionTimeout) {
     VYN_LOG_ERROR("Node role error." << mRole);
     return VYN_ERR_GENERIC;
   }
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   if (g_ZKHandler != nullptr) {
     return VYN_OK;
   }
@@ -146,7 +147,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKMakeDir() const {
       {mMetaElectionPath, "mkdir_election", "Create /meta/election failed, ret: "},
       {mMetaFollowerPath, "create_follower_path", "Create follower_info failed, ret: "},
   };
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   for (const Step& step : steps) {
     const int result =
@@ -161,7 +162,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKMakeDir() const {
 }
 
 std::uint32_t ClusterZKAdapter::ClusterZKCheckAvailable() const {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   const int result = DoDlZooExists(g_ZKHandler, mRootPath.c_str(), -1, nullptr);
   switch (result) {
@@ -201,7 +202,7 @@ bool ClusterZKAdapter::SessionHasEnded() const {
 std::uint32_t ClusterZKAdapter::ClusterZKClose() const {
   zhandle_t* tempHandler = nullptr;
   {
-    std::lock_guard lock(mZKHandleLock);
+    sync::RecursiveMutexLock lock(mZKHandleLock);
     VYN_CHECK_SESSION();
     VynRemoveZkHandle();
     tempHandler = g_ZKHandler.exchange(nullptr);

@@ -17,11 +17,11 @@
 
 #include "cluster/meta_node_info.h"
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -156,11 +156,10 @@ class ClusterZKAdapter : public common::Referable {
   const std::string mNodePath = "/mf/node";
   const std::string mCapacityPath = "/mf/capacity";
 
-  static Ref<ClusterZKAdapter> mInstance;
-  /// Guards the creation of mInstance.
-  static std::mutex mInstanceLock;
+  static Ref<ClusterZKAdapter> mInstance VYN_GUARDED_BY(mInstanceLock);
+  static sync::Mutex mInstanceLock;
   /// Guards the session's handle and every operation that uses it.
-  static std::recursive_mutex mZKHandleLock;
+  static sync::RecursiveMutex mZKHandleLock;
   /// Watchers return at once while this is false. vynd clears it when it shuts down.
   static std::atomic<bool> isRunning;
 

@@ -30,7 +30,7 @@ std::uint32_t ReadLeaderAndStatuses(const std::string& node) {
 std::uint32_t TakeOver(const Ref<MetaNodeInfo>& metaNode) {
   std::string oldLeader;
   {
-    std::shared_lock leaderLock(metaNode->mLeaderLock);
+    sync::ReaderLock leaderLock(metaNode->mLeaderLock);
     oldLeader = metaNode->mLeaderAddress;
   }
   const std::uint32_t marked = ClusterZKAdapter::ZKSetStatus(oldLeader, common::META_NODE_STATUS_BROKEN);
@@ -52,7 +52,7 @@ bool IsOwn(const std::string& path) {
 
 std::uint32_t ClusterZKAdapter::ZKTryBecomeMetaElectionLeader(const Ref<MetaNodeInfo>& metaNode,
                                                               bool& isLeader) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   VYN_CHECK_POINTER(metaNode);
   const std::string node = metaNode->mNodeAddress;
@@ -77,7 +77,7 @@ std::uint32_t ClusterZKAdapter::ZKTryBecomeMetaElectionLeader(const Ref<MetaNode
 }
 
 std::uint32_t ClusterZKAdapter::ZKTryDeleteMetaElectionLeader() {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   const int result = DoDlZooDelete(g_ZKHandler, mMetaLeaderPath.c_str(), -1);
   if (result == ZOK) {
@@ -93,7 +93,7 @@ std::uint32_t ClusterZKAdapter::ZKTryDeleteMetaElectionLeader() {
 }
 
 std::uint32_t ClusterZKAdapter::ZKCreateMetaElectionFollower(const Ref<MetaNodeInfo>& metaNode) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   VYN_CHECK_POINTER(metaNode);
   const std::string path = FollowerPath(metaNode->mNodeAddress);
@@ -110,7 +110,7 @@ std::uint32_t ClusterZKAdapter::ZKCreateMetaElectionFollower(const Ref<MetaNodeI
 }
 
 std::uint32_t ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(const std::string& path) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   if (DoDlZooDelete(g_ZKHandler, path.c_str(), -1) != ZOK) {
     Audit("delete_follower", false);
@@ -120,7 +120,7 @@ std::uint32_t ClusterZKAdapter::ZKTryDeleteMetaElectionFollower(const std::strin
 }
 
 std::uint32_t ClusterZKAdapter::ZKElectionOperate(Ref<MetaNodeInfo>& metaNode) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   VYN_CHECK_POINTER(metaNode);
   bool isLeader = true;
@@ -135,7 +135,7 @@ std::uint32_t ClusterZKAdapter::ZKElectionOperate(Ref<MetaNodeInfo>& metaNode) {
       if (isLeader) {
         role = MetaNodeRole::LEADER;
         VYN_LOG_INFO("Current metadata node changed from LOOKING to LEADER");
-        std::unique_lock leaderLock(metaNode->mLeaderLock);
+        sync::WriterLock leaderLock(metaNode->mLeaderLock);
         metaNode->mLeaderAddress = node;
         return VYN_OK;
       }
@@ -163,7 +163,7 @@ std::uint32_t ClusterZKAdapter::ZKElectionOperate(Ref<MetaNodeInfo>& metaNode) {
 }
 
 std::uint32_t ClusterZKAdapter::ZKWaitAndCreateMetaMutex() {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   const auto begin = common::SteadyNow();
   const auto passed = [begin] {
@@ -200,7 +200,7 @@ std::uint32_t ClusterZKAdapter::ZKWaitAndCreateMetaMutex() {
 }
 
 std::uint32_t ClusterZKAdapter::ZKReleaseMetaMutex() {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   const int result = DoDlZooDelete(g_ZKHandler, mMetaMutexPath.c_str(), -1);
   if (result == ZOK) {

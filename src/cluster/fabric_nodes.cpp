@@ -53,7 +53,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKGetNodeList(std::set<unsigned int>& nod
 }
 
 std::uint32_t ClusterZKAdapter::ClusterZKGetNodeInfo(unsigned int nodeId, NodeInfo& info) const {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   NodeRecord record{0, "127.0.0.1", "hostname"};
   const int result = ReadRecord(mNodePath + "/" + std::to_string(nodeId), kNodeRecordSize, record);
@@ -75,7 +75,7 @@ std::uint32_t ClusterZKAdapter::ClusterZKGetNodeInfo(unsigned int nodeId, NodeIn
 }
 
 std::uint32_t ClusterZKAdapter::ClusterZKGetMemInfo(unsigned int nodeId, NodeInfo& info) const {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   CapacityRecord record;
   if (ReadRecord(mCapacityPath + "/" + std::to_string(nodeId), kCapacityRecordSize, record) != ZOK) {

@@ -27,7 +27,7 @@ std::uint32_t WatchStatus(int result) {
 
 std::uint32_t ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(const Ref<MetaNodeInfo>& metaNode) {
   VYN_CHECK_POINTER(metaNode);
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   char buffer[kLeaderTextLength];
   int length = kLeaderTextLength;
@@ -45,7 +45,7 @@ std::uint32_t ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(const Ref<MetaNodeI
                                    << " bytes: " << leader);
   }
   {
-    std::unique_lock leaderLock(metaNode->mLeaderLock);
+    sync::WriterLock leaderLock(metaNode->mLeaderLock);
     metaNode->mLeaderAddress = leader;
   }
   VYN_LOG_INFO("Get and update leader info from ZK Server to memory, leader ip: " << leader);
@@ -53,7 +53,7 @@ std::uint32_t ClusterZKAdapter::ZKGetAndUpdateMetaLeaderInfo(const Ref<MetaNodeI
 }
 
 std::uint32_t ClusterZKAdapter::ZKRegisterWatcher(bool leaderOnly) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   int result =
       DoDlZooWexists(g_ZKHandler, mMetaLeaderPath.c_str(), MetaNodeLeaderWatchFunc, nullptr, nullptr);
@@ -92,7 +92,7 @@ std::uint32_t ClusterZKAdapter::ZKRegisterWatcher(bool leaderOnly) {
 }
 
 void ClusterZKAdapter::MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   if (!WatcherMayRun()) {
     return;
   }

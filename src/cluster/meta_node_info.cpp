@@ -1,14 +1,16 @@
 #include "cluster/meta_node_info.h"
 
+#include "platform/sync/mutex.h"
+
 #include <new>
 
 namespace vyn::common {
 
 Ref<MetaNodeInfo>& MetaNodeInfo::metaInstance = *new Ref<MetaNodeInfo>;
-std::mutex MetaNodeInfo::mMutex;
+sync::Mutex MetaNodeInfo::mMutex;
 
 Ref<MetaNodeInfo> MetaNodeInfo::GetInstance() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (metaInstance == nullptr) {
     metaInstance = new (std::nothrow) MetaNodeInfo;
   }

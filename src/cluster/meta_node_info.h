@@ -10,12 +10,11 @@
 // one copy or one update only.
 
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
 #include <cstdint>
 #include <map>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -40,24 +39,21 @@ class MetaNodeInfo : public Referable {
   static Ref<MetaNodeInfo> GetInstance();
 
   std::atomic<MetaNodeRole> mMetaNodeRole{MetaNodeRole::LOOKING};
-  /// The leader znode's content as last read. Clients use it unchanged as the leader's address. Guarded by
-  /// mLeaderLock.
-  std::string mLeaderAddress;
+  /// The leader znode's content as last read. Clients use it unchanged as the leader's address.
+  std::string mLeaderAddress VYN_GUARDED_BY(mLeaderLock);
   /// This node's identity: the address at which clients reach it, the name of its follower and status znodes,
   /// and the content of the leader znode when it leads. vynd sets it before its election starts; it is
   /// constant afterwards.
   std::string mNodeAddress;
-  /// Guarded by mNodeStatusLock.
-  std::map<std::string, MetaNodeStatus> mNodeStatusMap;
-  std::shared_mutex mLeaderLock;
-  std::shared_mutex mNodeStatusLock;
+  std::map<std::string, MetaNodeStatus> mNodeStatusMap VYN_GUARDED_BY(mNodeStatusLock);
+  sync::SharedMutex mLeaderLock;
+  sync::SharedMutex mNodeStatusLock;
   /// The names of the configured metadata nodes. Used by vynd only.
   std::vector<std::string> mConfiguredNodes;
 
   /// Never destroyed: a watcher may still call GetInstance while statics are destroyed.
-  static Ref<MetaNodeInfo>& metaInstance;
-  /// Guards the creation of metaInstance.
-  static std::mutex mMutex;
+  static Ref<MetaNodeInfo>& metaInstance VYN_GUARDED_BY(mMutex);
+  static sync::Mutex mMutex;
 };
 
 }  // namespace vyn::common

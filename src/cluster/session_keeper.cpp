@@ -25,14 +25,14 @@ SessionKeeper& SessionKeeper::Get() {
 
 std::uint32_t SessionKeeper::Open(const common::Ref<ClusterZKAdapter>& adapter, int sessionTimeout) {
   VYN_CHECK_POINTER(adapter);
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mAdapter = adapter;
   mSessionTimeout = sessionTimeout;
   return Renew();
 }
 
 std::uint32_t SessionKeeper::Start() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (!mStarted) {
     try {
       std::thread(&SessionKeeper::Run, this).detach();
@@ -61,7 +61,7 @@ void SessionKeeper::Run() {
   for (;;) {
     std::this_thread::sleep_for(pause);
     try {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       if (following && !mAdapter->SessionHasEnded()) {
         continue;
       }

@@ -11,10 +11,10 @@
 // is held while a session is closed and opened. No watcher takes it.
 
 #include "cluster/cluster_zkadapter.h"
+#include "platform/sync/mutex.h"
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 
 namespace vyn::cluster {
 
@@ -37,7 +37,7 @@ class SessionKeeper {
   /// Requires: mMutex.
   std::uint32_t Renew();
 
-  std::mutex mMutex;
+  sync::Mutex mMutex;
   // Guarded by mMutex.
   common::Ref<ClusterZKAdapter> mAdapter;
   int mSessionTimeout = 0;

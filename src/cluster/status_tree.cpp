@@ -18,12 +18,12 @@ constexpr const char* kFirstStatus = "1";
 std::string StatusPath(const std::string& node) { return ClusterZKAdapter::mMetaStatusPath + "/" + node; }
 
 std::map<std::string, MetaNodeStatus> CopyStatusMap(const Ref<MetaNodeInfo>& metaNode) {
-  std::shared_lock lock(metaNode->mNodeStatusLock);
+  sync::ReaderLock lock(metaNode->mNodeStatusLock);
   return metaNode->mNodeStatusMap;
 }
 
 void PutStatus(const Ref<MetaNodeInfo>& metaNode, const std::string& node, MetaNodeStatus status) {
-  std::unique_lock lock(metaNode->mNodeStatusLock);
+  sync::WriterLock lock(metaNode->mNodeStatusLock);
   metaNode->mNodeStatusMap[node] = status;
 }
 
@@ -53,7 +53,7 @@ int ReadStatus(const std::string& path, std::string& text) {
 }  // namespace
 
 std::uint32_t ClusterZKAdapter::ZKCreateStatus(std::map<std::string, MetaNodeStatus>& nodes) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   int result =
       DoDlZooCreate(g_ZKHandler, mMetaStatusPath.c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
@@ -86,7 +86,7 @@ std::uint32_t ClusterZKAdapter::ZKCreateStatus(std::map<std::string, MetaNodeSta
 }
 
 std::uint32_t ClusterZKAdapter::ZKClearAndCreateStatusDynamic(const Ref<MetaNodeInfo>& metaNode) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   VYN_CHECK_POINTER(metaNode);
   int result = DoDlZooDelete(g_ZKHandler, mMetaStatusPath.c_str(), -1);
@@ -113,7 +113,7 @@ std::uint32_t ClusterZKAdapter::ZKClearAndCreateStatusDynamic(const Ref<MetaNode
 }
 
 std::uint32_t ClusterZKAdapter::ZKClearAllStatusNode() {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   Children children;
   const std::uint32_t listed = ZKGetAllStatusNode(children.mNames);
@@ -132,13 +132,13 @@ std::uint32_t ClusterZKAdapter::ZKClearAllStatusNode() {
 }
 
 std::uint32_t ClusterZKAdapter::ZKGetAllStatusNode(String_vector& children) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   return ListStatusNodes(children, "get_status_children");
 }
 
 std::uint32_t ClusterZKAdapter::ZKSetStatus(const std::string& node, MetaNodeStatus status) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   const std::string path = StatusPath(node);
   const std::string text = std::to_string(static_cast<int>(status));
@@ -162,7 +162,7 @@ std::uint32_t ClusterZKAdapter::ZKSetStatus(const std::string& node, MetaNodeSta
 
 std::uint32_t ClusterZKAdapter::ZKGetNodeWithStatusList(
     std::vector<std::pair<std::string, MetaNodeStatus>>& list) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   VYN_CHECK_SESSION();
   Children children;
   const std::uint32_t listed = ListStatusNodes(children.mNames, "get_meta_children");
@@ -194,7 +194,7 @@ std::uint32_t ClusterZKAdapter::ZKGetNodeWithStatusList(
 
 std::uint32_t ClusterZKAdapter::ZKUpdateMemoryInformation(const std::string& node, MetaNodeStatus status,
                                                           bool refreshAll) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   const Ref<MetaNodeInfo> metaNode = MetaNodeInfo::GetInstance();
   const std::uint32_t updated = ZKGetAndUpdateMetaLeaderInfo(metaNode);
   if (Failed(updated)) {
@@ -219,7 +219,7 @@ std::uint32_t ClusterZKAdapter::ZKUpdateMemoryInformation(const std::string& nod
 
 std::uint32_t ClusterZKAdapter::ZKCheckAndMarkFollowerBroken(const Ref<MetaNodeInfo>& metaNode,
                                                              String_vector& followers) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   Children taken;  // freed on every path
   std::swap(taken.mNames, followers);
   VYN_CHECK_SESSION();
@@ -231,7 +231,7 @@ std::uint32_t ClusterZKAdapter::ZKCheckAndMarkFollowerBroken(const Ref<MetaNodeI
   }
   std::string leader;
   {
-    std::shared_lock leaderLock(metaNode->mLeaderLock);
+    sync::ReaderLock leaderLock(metaNode->mLeaderLock);
     leader = metaNode->mLeaderAddress;
   }
   for (const auto& [node, status] : nodes) {

@@ -17,7 +17,7 @@ constexpr int kWatchedStatusLength = 10;
 }  // namespace
 
 void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   if (!WatcherMayRun()) {
     return;
   }
@@ -53,7 +53,7 @@ void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, c
 }
 
 void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
-  std::lock_guard lock(mZKHandleLock);
+  sync::RecursiveMutexLock lock(mZKHandleLock);
   if (!WatcherMayRun()) {
     return;
   }
@@ -93,7 +93,7 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
     // The leader could not be read: there is none, or the connection was lost after the status had been read,
     // and then no event follows. The status itself is known.
     const Ref<MetaNodeInfo> metaNode = MetaNodeInfo::GetInstance();
-    std::unique_lock statusLock(metaNode->mNodeStatusLock);
+    sync::WriterLock statusLock(metaNode->mNodeStatusLock);
     metaNode->mNodeStatusMap[name] = static_cast<MetaNodeStatus>(status);
   }
 }

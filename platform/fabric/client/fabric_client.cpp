@@ -25,7 +25,7 @@ int FabricClient::Initialize(const char* home, int clientFlag, tls::ClientSettin
         PeerRole::kClient, kAnyNode, mTimeouts);
   }
   Close();
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mBroker = std::move(broker);
   mLinkSetting = std::move(links);
   mLinkTls.reset();
@@ -35,7 +35,7 @@ int FabricClient::Initialize(const char* home, int clientFlag, tls::ClientSettin
 void FabricClient::Close() {
   NodePtr broker;
   std::map<std::uint16_t, Link> links;
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   broker.swap(mBroker);
   links.swap(mLinks);
   mLinkSetting = {};  // the object itself may never be destroyed
@@ -50,7 +50,7 @@ int FabricClient::CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t
   const std::string host = ip;
   NodePtr node;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     const auto found = mLinks.find(nodeId);
     if (found != mLinks.end() && found->second.ip == host && found->second.port == port) {
       node = found->second.node;
@@ -71,7 +71,7 @@ int FabricClient::CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t
     return result;
   }
   NodePtr old;  // ends outside the lock
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   Link& link = mLinks[nodeId];
   old = std::exchange(link.node, std::move(node));
   link.ip = host;
@@ -82,7 +82,7 @@ int FabricClient::CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t
 int FabricClient::SecureLinks(LinkSecurity& security) {
   tls::ClientSetting setting;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     setting = mLinkSetting;
     security.tls = mLinkTls;
   }
@@ -98,7 +98,7 @@ int FabricClient::SecureLinks(LinkSecurity& security) {
     }
     return kBmLocalError;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mLinkTls = security.tls;
   return 0;
 }
@@ -106,7 +106,7 @@ int FabricClient::SecureLinks(LinkSecurity& security) {
 int FabricClient::LocalNode(std::uint16_t& nodeId) {
   NodePtr broker;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mKnowsLocal) {
       nodeId = mLocalNode;
       return 0;
@@ -119,7 +119,7 @@ int FabricClient::LocalNode(std::uint16_t& nodeId) {
   if (const int result = broker->Reach(&nodeId); result != 0) {
     return result;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (mBroker == broker) {
     mKnowsLocal = true;
     mLocalNode = nodeId;
@@ -130,7 +130,7 @@ int FabricClient::LocalNode(std::uint16_t& nodeId) {
 int FabricClient::Route(std::uint16_t nodeId, NodePtr& node, bool& local) {
   NodePtr broker;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     const auto found = mLinks.find(nodeId);
     node = found == mLinks.end() ? nullptr : found->second.node;
     broker = mBroker;
@@ -152,7 +152,7 @@ int FabricClient::Route(std::uint16_t nodeId, NodePtr& node, bool& local) {
 int FabricClient::Query(NodeAttributes* attributes) {
   NodePtr broker;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     broker = mBroker;
   }
   return attributes == nullptr || broker == nullptr ? kBmLocalError : broker->Query(*attributes);

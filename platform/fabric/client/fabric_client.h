@@ -14,11 +14,11 @@
 #include "platform/fabric/protocol/protocol.h"
 #include "platform/fabric/protocol/remote_node.h"
 #include "platform/fabric/transport/link.h"
+#include "platform/sync/mutex.h"
 #include "platform/tls/client_setting.h"
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -68,8 +68,9 @@ class FabricClient {
   int SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length);
   int Gather(const BmGatherContext* list, unsigned int flags, const BmSecContext* destination);
 
-  void LockForFork();
-  void UnlockAfterFork(bool child);
+  // Not checked: the mutex, and those of all nodes, stay held between the two calls.
+  void LockForFork() VYN_NO_THREAD_SAFETY_ANALYSIS;
+  void UnlockAfterFork(bool child) VYN_NO_THREAD_SAFETY_ANALYSIS;
 
  private:
   using NodePtr = std::shared_ptr<RemoteNode>;
@@ -86,18 +87,18 @@ class FabricClient {
   int GatherPieces(const std::vector<BmGatherPiece>& pieces, const ObjectName& destination);
 
   const Timeouts mTimeouts;
-  std::mutex mMutex;  // guards all below except mMappings
-  tls::ClientSetting mLinkSetting;
-  std::shared_ptr<tls::TlsContext> mLinkTls;  // made by the first link that needs it
-  NodePtr mBroker;                            // null outside the fabric
-  bool mKnowsLocal = false;
-  std::uint16_t mLocalNode = 0;  // when known
+  sync::Mutex mMutex;
+  tls::ClientSetting mLinkSetting VYN_GUARDED_BY(mMutex);
+  std::shared_ptr<tls::TlsContext> mLinkTls VYN_GUARDED_BY(mMutex);  // made by the first link that needs it
+  NodePtr mBroker VYN_GUARDED_BY(mMutex);                            // null outside the fabric
+  bool mKnowsLocal VYN_GUARDED_BY(mMutex) = false;
+  std::uint16_t mLocalNode VYN_GUARDED_BY(mMutex) = 0;  // when known
   struct Link {
     std::string ip;
     std::uint16_t port;
     NodePtr node;
   };
-  std::map<std::uint16_t, Link> mLinks;
+  std::map<std::uint16_t, Link> mLinks VYN_GUARDED_BY(mMutex);
   MappingTable mMappings;
 };
 

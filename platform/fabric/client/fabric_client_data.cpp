@@ -50,7 +50,7 @@ int FabricClient::Map(const BmSecContext* context, int protection, int flags, vo
   }
   NodePtr broker;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     broker = mBroker;
   }
   if (address == nullptr || broker == nullptr || flags != MAP_SHARED || protection <= PROT_NONE ||

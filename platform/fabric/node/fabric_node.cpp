@@ -9,10 +9,9 @@
 #include "platform/fabric/node/thread_without_signals.h"
 #include "platform/fabric/transport/broker_socket.h"
 #include "platform/fabric/transport/link.h"
+#include "platform/sync/mutex.h"
 
 #include <cerrno>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace vyn::fabric {
@@ -46,10 +45,10 @@ struct FabricNode::Impl {
 
   ~Impl() {
     {
-      std::lock_guard lock(sweepMutex);
+      sync::MutexLock lock(sweepMutex);
       stopping = true;
     }
-    sweepWake.notify_all();
+    sweepWake.NotifyAll();
     copies.Stop();
     if (sweeper.joinable()) {
       sweeper.join();
@@ -81,9 +80,9 @@ struct FabricNode::Impl {
   NodeParts parts;
   net::Descriptor brokerLock;
   std::uint16_t linkPort = 0;
-  std::mutex sweepMutex;  // guards `stopping`
-  std::condition_variable sweepWake;
-  bool stopping = false;
+  sync::Mutex sweepMutex;
+  sync::Condition sweepWake;
+  bool stopping VYN_GUARDED_BY(sweepMutex) = false;
   std::thread sweeper;
   std::unique_ptr<Listener> broker;
   std::unique_ptr<Listener> links;
@@ -166,9 +165,10 @@ bool FabricNode::Impl::Admit(SocketStream& stream, ListenerKind kind, const std:
 }
 
 void FabricNode::Impl::RunSweeps() {
-  std::unique_lock lock(sweepMutex);
-  while (!sweepWake.wait_for(lock, std::chrono::seconds(options.sweepSeconds), [this] { return stopping; })) {
-    lock.unlock();
+  sync::MutexLock lock(sweepMutex);
+  while (!sweepWake.WaitFor(lock, std::chrono::seconds(options.sweepSeconds),
+                            [this]() VYN_REQUIRES(sweepMutex) { return stopping; })) {
+    lock.Unlock();
     try {
       pool.TruncateGrownFiles();
     } catch (const std::exception& failure) {
@@ -179,7 +179,7 @@ void FabricNode::Impl::RunSweeps() {
     } catch (const std::exception& failure) {
       Log(kWarn, std::string("could not look after the pulled copies: ") + failure.what());
     }
-    lock.lock();
+    lock.Lock();
   }
 }
 

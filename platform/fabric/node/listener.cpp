@@ -40,12 +40,12 @@ Listener::~Listener() {
   mStopping = true;
   Wake();
   mThread.join();
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   for (const auto& connection : mConnections) {
     connection->stream.Shutdown();
   }
-  mEmpty.wait(lock, [this] { return mConnections.empty(); });
-  lock.unlock();
+  mEmpty.Wait(lock, [this]() VYN_REQUIRES(mMutex) { return mConnections.empty(); });
+  lock.Unlock();
   JoinFinished();
 }
 
@@ -73,7 +73,7 @@ void Listener::Listen() {
       }
       if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
         {
-          std::lock_guard lock(mMutex);
+          sync::MutexLock lock(mMutex);
           CloseIdlest(nullptr);
         }
         ::poll(&waited[1], 1, kExhaustedMilliseconds);
@@ -90,7 +90,7 @@ void Listener::Admit(net::Descriptor socket) {
   if (mLink) {
     net::SetTcpOptions(socket.Get());
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (CountOpen(&peer) >= mLimits.perPeer
           ? !CloseIdlest(&peer)
           : CountOpen(nullptr) >= mLimits.connections && !CloseIdlest(nullptr)) {
@@ -140,19 +140,19 @@ void Listener::Run(Connection& connection) {
   } catch (const std::exception&) {
     // Out of memory: this connection ends, the node goes on.
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   const auto self = std::find_if(mConnections.begin(), mConnections.end(),
                                  [&](const auto& other) { return other.get() == &connection; });
   connection.stream.Shutdown();
   mFinished.splice(mFinished.end(), mConnections, self);
   Wake();
-  mEmpty.notify_all();
+  mEmpty.NotifyAll();
 }
 
 void Listener::JoinFinished() {
   ConnectionList finished;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     finished.swap(mFinished);
   }
   for (const auto& connection : finished) {
@@ -172,7 +172,7 @@ std::string Listener::PeerOf(int socket) const {
 }
 
 std::size_t Listener::Connections() const {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return mConnections.size();
 }
 

@@ -8,13 +8,12 @@
 // connection was closed connects again.
 
 #include "platform/fabric/transport/socket_stream.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -56,10 +55,10 @@ class Listener {
   void Listen();
   void Admit(net::Descriptor socket);
   void Run(Connection& connection);
-  /// Connections that are not closing, of a peer or, with null, of all. Requires: mMutex is held.
-  std::size_t CountOpen(const std::string* peer) const;
-  /// Requires: mMutex is held. \param peer null for any. Returns: whether one was closed.
-  bool CloseIdlest(const std::string* peer);
+  /// Connections that are not closing, of a peer or, with null, of all.
+  std::size_t CountOpen(const std::string* peer) const VYN_REQUIRES(mMutex);
+  /// \param peer null for any. Returns: whether one was closed.
+  bool CloseIdlest(const std::string* peer) VYN_REQUIRES(mMutex);
   std::string PeerOf(int socket) const;
   void JoinFinished();
   void Wake();
@@ -70,10 +69,11 @@ class Listener {
   const Serve mServe;
   net::Descriptor mWake;  // an eventfd: something changed for the listening thread
   std::atomic<bool> mStopping{false};
-  mutable std::mutex mMutex;  // guards mConnections and mFinished
-  ConnectionList mConnections;
-  ConnectionList mFinished;  // connections that have ended, whose threads are still to be joined
-  std::condition_variable mEmpty;
+  mutable sync::Mutex mMutex;
+  ConnectionList mConnections VYN_GUARDED_BY(mMutex);
+  ConnectionList mFinished
+      VYN_GUARDED_BY(mMutex);  // connections that have ended, whose threads are still to be joined
+  sync::Condition mEmpty;
   std::thread mThread;
 };
 

@@ -14,7 +14,7 @@ std::shared_ptr<RemoteNode> Neighbours::Find(std::uint16_t nodeId) {
   if (mDirectory == nullptr || !mDirectory(nodeId, address)) {
     return nullptr;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   Known& known = mKnown[nodeId];
   if (known.node == nullptr || known.address.host != address.host || known.address.port != address.port) {
     known.address = address;

@@ -5,10 +5,10 @@
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/fabric/protocol/remote_node.h"
 #include "platform/fabric/transport/link.h"
+#include "platform/sync/mutex.h"
 
 #include <map>
 #include <memory>
-#include <mutex>
 
 namespace vyn::fabric {
 
@@ -28,8 +28,8 @@ class Neighbours {
 
   const NodeDirectory mDirectory;
   const LinkSecurity mSecurity;
-  std::mutex mMutex;  // guards mKnown; not held while the directory is called
-  std::map<std::uint16_t, Known> mKnown;
+  sync::Mutex mMutex;  // not held while the directory is called
+  std::map<std::uint16_t, Known> mKnown VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::fabric

@@ -31,7 +31,7 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
   ObjectState state;
   const int ownerResult = owner == nullptr ? kBmUnconnected : owner->State(object, false, state);
   net::Descriptor lastReference;
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (ownerResult != 0) {
     const auto found = mCopies.find(id);
     if (found != mCopies.end() && found->second->ready && found->second->right.Matches(right)) {
@@ -51,14 +51,14 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
       auto copy = std::make_shared<Copy>();
       copy->begun = ++mPullsBegun;
       mCopies.emplace(id, copy);
-      lock.unlock();
+      lock.Unlock();
       int result = -EIO;
       try {
         result = Pull(*owner, object, state, callerWaits);
       } catch (const std::exception&) {
         // Out of memory: the callers that wait for this copy get -EIO.
       }
-      lock.lock();
+      lock.Lock();
       copy->result = result;
       if (result == 0) {
         copy->state = state;
@@ -71,7 +71,7 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
       } else {
         mCopies.erase(id);
       }
-      mChanged.notify_all();
+      mChanged.NotifyAll();
       if (result != 0) {
         return result;
       }
@@ -79,16 +79,16 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
     }
     const CopyPtr copy = found->second;
     if (!copy->ready) {
-      mChanged.wait_for(lock, kProgressInterval / 2);
+      mChanged.WaitFor(lock, kProgressInterval / 2);
       if (copy->result != 0) {
         return copy->result;
       }
       if (!copy->ready) {
-        lock.unlock();
+        lock.Unlock();
         if (!callerWaits()) {
           return kBmUnconnected;
         }
-        lock.lock();
+        lock.Lock();
       }
       continue;
     }
@@ -96,9 +96,9 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
     bool same = copy->begun > pullsBefore;
     if (!same) {
       const ObjectState held = copy->state;
-      lock.unlock();
+      lock.Unlock();
       const int result = Compare(*owner, object, held, state, same);
-      lock.lock();
+      lock.Lock();
       if (result != 0) {
         return result;
       }
@@ -127,7 +127,7 @@ int PulledCopies::StateOfCopy(const ObjectName& object, const std::function<bool
   const std::string id(object.id);
   net::Descriptor file;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     const auto found = mCopies.find(id);
     if (found == mCopies.end() || !found->second->ready ||
         !found->second->right.Matches(RightOf(object.access)) ||
@@ -251,7 +251,7 @@ void PulledCopies::Remove(const std::string& id, net::Descriptor& lastReference)
 
 void PulledCopies::Drop(std::string_view id) {
   net::Descriptor lastReference;
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   const auto found = mCopies.find(std::string(id));
   if (found != mCopies.end() && found->second->ready) {
     Remove(found->first, lastReference);
@@ -261,7 +261,7 @@ void PulledCopies::Drop(std::string_view id) {
 void PulledCopies::DropNamespace(std::string_view ns) {
   std::vector<std::string> ids;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     for (const auto& [id, copy] : mCopies) {
       if (copy->ready && copy->ns == ns) {
         ids.push_back(id);
@@ -276,7 +276,7 @@ void PulledCopies::DropNamespace(std::string_view ns) {
 bool PulledCopies::Reclaim(std::uint64_t bytes) {
   for (std::uint64_t freed = 0; freed < bytes;) {
     net::Descriptor lastReference;
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mBytes < bytes - freed) {
       return false;  // all copies together are too few, so none is dropped
     }
@@ -290,7 +290,7 @@ bool PulledCopies::Reclaim(std::uint64_t bytes) {
 void PulledCopies::Sweep() {
   std::map<std::uint16_t, std::vector<std::string>> byOwner;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     for (const std::string& id : mUses) {
       byOwner[OwnerOf(id)].push_back(id);
     }
@@ -315,7 +315,7 @@ void PulledCopies::Sweep() {
 }
 
 PulledCopies::Totals PulledCopies::Count() const {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return {mUses.size(), mBytes, mPulls};
 }
 

@@ -17,12 +17,11 @@
 
 #include "platform/fabric/node/neighbours.h"
 #include "platform/fabric/node/pool/pool.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -86,8 +85,8 @@ class PulledCopies {
   /// Reads the original into a file. \param checksum of the bytes that arrived.
   int Fetch(RemoteNode& owner, const ObjectName& object, std::uint64_t size, int file,
             const std::function<bool()>& callerWaits, std::uint64_t& checksum);
-  /// Removes a ready copy. Requires: mMutex is held. \param lastReference as in PoolFolder::Remove.
-  void Remove(const std::string& id, net::Descriptor& lastReference);
+  /// Removes a ready copy. \param lastReference as in PoolFolder::Remove.
+  void Remove(const std::string& id, net::Descriptor& lastReference) VYN_REQUIRES(mMutex);
   /// Opens the file of a ready copy. Returns: false when somebody removed it.
   bool OpenCopy(const std::string& id, const Copy& copy, net::Descriptor& file, std::uint64_t& size) const;
 
@@ -95,13 +94,13 @@ class PulledCopies {
   Neighbours& mNeighbours;
   const std::function<void(const std::string&)> mWarn;
   std::atomic<bool> mStopping{false};
-  mutable std::mutex mMutex;  // guards all below
-  std::condition_variable mChanged;
-  std::unordered_map<std::string, CopyPtr> mCopies;
-  std::list<std::string> mUses;  // ids of ready copies, the most recently used first
-  std::uint64_t mBytes = 0;      // quota that the ready copies use
-  std::uint64_t mPulls = 0;      // completed
-  std::uint64_t mPullsBegun = 0;
+  mutable sync::Mutex mMutex;
+  sync::Condition mChanged;
+  std::unordered_map<std::string, CopyPtr> mCopies VYN_GUARDED_BY(mMutex);
+  std::list<std::string> mUses VYN_GUARDED_BY(mMutex);  // ids of ready copies, the most recently used first
+  std::uint64_t mBytes VYN_GUARDED_BY(mMutex) = 0;      // quota that the ready copies use
+  std::uint64_t mPulls VYN_GUARDED_BY(mMutex) = 0;      // completed
+  std::uint64_t mPullsBegun VYN_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vyn::fabric

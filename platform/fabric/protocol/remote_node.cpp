@@ -53,7 +53,7 @@ int RemoteNode::Hello(Channel& channel, net::Deadline deadline) {
   if (!reader.Complete() || dataLength != 0 || (mExpectedNode != kAnyNode && nodeId != mExpectedNode)) {
     return kBmRemoteProtocol;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mNodeId = nodeId;
   return 0;
 }
@@ -61,7 +61,7 @@ int RemoteNode::Hello(Channel& channel, net::Deadline deadline) {
 int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
   for (;;) {
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       if (mIdle.empty()) {
         break;
       }
@@ -86,7 +86,7 @@ int RemoteNode::Acquire(std::unique_ptr<Channel>& channel) {
 int RemoteNode::ResultOfBroken(const Channel& channel, net::IoStatus status) {
   if (channel.mReused && status != net::IoStatus::kFailed) {
     std::vector<std::unique_ptr<Channel>> dropped;  // outside the lock
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     dropped.swap(mIdle);
   }
   return ResultOf(status);
@@ -94,7 +94,7 @@ int RemoteNode::ResultOfBroken(const Channel& channel, net::IoStatus status) {
 
 void RemoteNode::Release(std::unique_ptr<Channel> channel) {
   channel->mIdleSince = std::chrono::steady_clock::now();
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (mIdle.size() < kMaxIdle) {
     mIdle.push_back(std::move(channel));
   }
@@ -125,7 +125,7 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
     }
   }
   if (nodeId != nullptr) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     *nodeId = mNodeId;
   }
   return 0;

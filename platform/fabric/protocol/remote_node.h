@@ -12,10 +12,10 @@
 
 #include "platform/fabric/protocol/access.h"
 #include "platform/fabric/protocol/channel.h"
+#include "platform/sync/mutex.h"
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,9 +52,9 @@ class RemoteNode {
   int Reach(std::uint16_t* nodeId = nullptr);
 
   /// For pthread_atfork: before the fork, and after it in parent and child. The child drops the idle
-  /// connections, which belong to its parent.
-  void LockForFork() { mMutex.lock(); }
-  void UnlockAfterFork(bool child);
+  /// connections, which belong to its parent. Not checked: the mutex stays held between the two calls.
+  void LockForFork() VYN_NO_THREAD_SAFETY_ANALYSIS { mMutex.lock(); }
+  void UnlockAfterFork(bool child) VYN_NO_THREAD_SAFETY_ANALYSIS;
 
   int Query(NodeAttributes& attributes);
   int CreateNamespace(std::uint16_t node, const Access& access);
@@ -116,9 +116,9 @@ class RemoteNode {
   const std::uint32_t mExpectedNode;
   const Timeouts mTimeouts;
 
-  std::mutex mMutex;  // guards mIdle and mNodeId
-  std::vector<std::unique_ptr<Channel>> mIdle;
-  std::uint16_t mNodeId = 0;
+  sync::Mutex mMutex;
+  std::vector<std::unique_ptr<Channel>> mIdle VYN_GUARDED_BY(mMutex);
+  std::uint16_t mNodeId VYN_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vyn::fabric

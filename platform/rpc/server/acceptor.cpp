@@ -21,6 +21,7 @@ constexpr int kAcceptsInTurn = 64;
 
 Outcome Acceptor::Listen(const std::string& address, std::uint16_t& port) {
   const std::uint16_t wanted = port;
+  sync::MutexLock lock(mMutex);
   const net::NetOutcome outcome = net::Listen(address, port, SOMAXCONN, mListener);
   if (outcome.mStatus == net::NetStatus::kBadAddress) {
     return {kInvalidArgument, "\"" + address + "\" is no IP address"};
@@ -31,8 +32,13 @@ Outcome Acceptor::Listen(const std::string& address, std::uint16_t& port) {
   return {};
 }
 
+bool Acceptor::Start() {
+  sync::MutexLock lock(mMutex);
+  return mEvents.Watch(mListener.Get(), shared_from_this());
+}
+
 void Acceptor::Stop() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (mListener) {
     mEvents.Unwatch(mListener.Get());
     mListener.Close();
@@ -42,7 +48,7 @@ void Acceptor::Stop() {
 void Acceptor::Resume() {
   bool accept = false;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     accept = std::exchange(mPaused, false);
   }
   if (accept) {
@@ -54,7 +60,7 @@ void Acceptor::OnReady(std::uint32_t /*events*/) {
   try {
     Accept();
   } catch (const std::bad_alloc&) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mPaused = true;  // the event loop does not report the waiting connections again
     throw;
   }
@@ -67,7 +73,7 @@ void Acceptor::Accept() {
     int error = 0;
     bool pause = false;
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       if (!mListener) {
         return;
       }

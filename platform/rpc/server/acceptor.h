@@ -5,11 +5,11 @@
 #include "platform/net/descriptor.h"
 #include "platform/rpc/server/event_loop.h"
 #include "platform/rpc/wire/outcome.h"
+#include "platform/sync/mutex.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace vyn::rpc {
@@ -26,7 +26,7 @@ class Acceptor : public EventLoop::Watcher, public std::enable_shared_from_this<
   /// Opens the listening socket. \param port 0 for any; receives the port that was bound.
   Outcome Listen(const std::string& address, std::uint16_t& port);
   /// Joins the event loop. Returns: false with errno set.
-  bool Start() { return mEvents.Watch(mListener.Get(), shared_from_this()); }
+  bool Start();
   /// Closes the listening socket.
   void Stop();
   /// Accepts again after a pause, if there was one. To be called about once a second.
@@ -41,10 +41,9 @@ class Acceptor : public EventLoop::Watcher, public std::enable_shared_from_this<
   const Admit mAdmit;
   const Report mReport;
 
-  /// Guards mListener and mPaused.
-  std::mutex mMutex;
-  net::Descriptor mListener;
-  bool mPaused = false;  // for lack of descriptors or memory
+  sync::Mutex mMutex;
+  net::Descriptor mListener VYN_GUARDED_BY(mMutex);
+  bool mPaused VYN_GUARDED_BY(mMutex) = false;  // for lack of descriptors or memory
 };
 
 }  // namespace vyn::rpc

@@ -38,7 +38,7 @@ bool EventLoop::Add(int descriptor, std::uint32_t events) {
 
 bool EventLoop::Watch(int descriptor, std::shared_ptr<Watcher> watcher) {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     const auto index = static_cast<std::size_t>(descriptor);
     if (index >= mWatchers.size()) {
       mWatchers.resize(index + 1);
@@ -55,7 +55,7 @@ bool EventLoop::Watch(int descriptor, std::shared_ptr<Watcher> watcher) {
 void EventLoop::Unwatch(int descriptor) {
   std::shared_ptr<Watcher> watcher;  // outlives the lock
   epoll_ctl(mEpoll.Get(), EPOLL_CTL_DEL, descriptor, nullptr);
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (const auto index = static_cast<std::size_t>(descriptor); index < mWatchers.size()) {
     watcher.swap(mWatchers[index]);
   }
@@ -64,7 +64,7 @@ void EventLoop::Unwatch(int descriptor) {
 /// An event may arrive after its descriptor was closed: it then finds no watcher, or the watcher of a new
 /// descriptor with the same number, which looks and finds nothing.
 std::shared_ptr<EventLoop::Watcher> EventLoop::Find(int descriptor) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return mWatchers[static_cast<std::size_t>(descriptor)];
 }
 
@@ -107,7 +107,7 @@ void EventLoop::Handle(int descriptor, std::uint32_t events) {
 bool EventLoop::RunPosted() {
   std::vector<std::function<void()>> posted;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     posted.swap(mPosted);
   }
   for (const auto& function : posted) {
@@ -118,7 +118,7 @@ bool EventLoop::RunPosted() {
 
 void EventLoop::Post(std::function<void()> function) {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mPosted.push_back(std::move(function));
   }
   Wake();

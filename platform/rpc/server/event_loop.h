@@ -9,6 +9,7 @@
 // Any thread may call anything.
 
 #include "platform/net/descriptor.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
 #include <chrono>
@@ -16,7 +17,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 namespace vyn::rpc {
@@ -78,10 +78,9 @@ class EventLoop {
   std::atomic<Clock::time_point> mNow{Clock::now()};
   std::atomic<bool> mStopped{false};
 
-  /// Guards mWatchers and mPosted.
-  std::mutex mMutex;
-  std::vector<std::shared_ptr<Watcher>> mWatchers;  // by descriptor
-  std::vector<std::function<void()>> mPosted;
+  sync::Mutex mMutex;
+  std::vector<std::shared_ptr<Watcher>> mWatchers VYN_GUARDED_BY(mMutex);  // by descriptor
+  std::vector<std::function<void()>> mPosted VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::rpc

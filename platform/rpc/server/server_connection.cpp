@@ -47,7 +47,7 @@ void ServerConnection::Start() {
   }
   bool good = !mCore->IsStopping();
   if (good) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     good = mPhase == Phase::kClosed || mCore->Events().Watch(mSocket.Get(), shared_from_this());
   }
   if (good) {
@@ -61,7 +61,7 @@ void ServerConnection::OnReady(std::uint32_t events) {
   if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
     bool gone = false;
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       if (mPhase == Phase::kClosed) {
         return;
       }
@@ -82,7 +82,7 @@ void ServerConnection::OnReady(std::uint32_t events) {
 
 void ServerConnection::Pump() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mPumping) {
       mPumpAgain = true;
       return;
@@ -93,7 +93,7 @@ void ServerConnection::Pump() {
     for (int turn = 1; PumpOnce(); ++turn) {
       if (turn == kFramesInTurn) {  // this thread has other events to handle, too
         {
-          std::lock_guard lock(mMutex);
+          sync::MutexLock lock(mMutex);
           mPumping = false;
         }
         PostPump();
@@ -110,7 +110,7 @@ bool ServerConnection::PumpOnce() {
   std::string error;
   Step step;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mPumpAgain = false;
     mReader.OnReadable();
     try {
@@ -130,7 +130,7 @@ bool ServerConnection::PumpOnce() {
   for (int turn = 0; step == Step::kGo; ++turn) {
     RpcFrame frame;
     {
-      std::lock_guard lock(mMutex);
+      sync::MutexLock lock(mMutex);
       if (turn == kFramesInTurn) {
         mPumping = false;
         break;
@@ -149,7 +149,7 @@ bool ServerConnection::PumpOnce() {
     Close(error);
     return false;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mPumping = mPumpAgain;
   return mPumpAgain;
 }
@@ -164,7 +164,7 @@ void ServerConnection::PostPump() {
 
 void ServerConnection::Resume() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mParked = false;
     mLastActivity = mCore->Events().Now();
     if (mFrameBegan != Clock::time_point{}) {
@@ -295,7 +295,7 @@ void ServerConnection::CloseLocked(FinishedOutputs& finished) {
 void ServerConnection::Close(const std::string& reason) {
   FinishedOutputs finished;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mPhase == Phase::kClosed) {
       return;
     }
@@ -308,7 +308,7 @@ void ServerConnection::FinishClose(FinishedOutputs& finished, const std::string&
   CompleteOutputs(finished, kConnectionLost);
   std::size_t arriving = 0;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     arriving = std::exchange(mArriving, 0);
   }
   mCore->ReleaseBytes(arriving);
@@ -326,7 +326,7 @@ void ServerConnection::CheckTimeouts(Clock::time_point now) {
   const ServerOptions& options = mCore->Options();
   const char* reason = nullptr;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mPhase == Phase::kClosed) {
       return;
     }

@@ -11,12 +11,12 @@
 #include "platform/net/stream.h"
 #include "platform/rpc/server/server_core.h"
 #include "platform/rpc/wire/rpc_frame_reader.h"
+#include "platform/sync/mutex.h"
 
 #include <chrono>
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -74,63 +74,62 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     kEnd,   ///< close the connection
   };
 
-  // These require that mMutex is held. `error` receives the reason why the connection ends; it stays empty
+  // `error` receives the reason why the connection ends; it stays empty
   // when the peer has just left.
-  Step StepHandshake(std::string& error);
-  Step StepGreeting(std::string& error);
-  Step NextFrame(RpcFrame& frame, std::string& error);
+  Step StepHandshake(std::string& error) VYN_REQUIRES(mMutex);
+  Step StepGreeting(std::string& error) VYN_REQUIRES(mMutex);
+  Step NextFrame(RpcFrame& frame, std::string& error) VYN_REQUIRES(mMutex);
   /// Writes as much as the socket takes. Returns: kWait when some of it is left.
-  Step Write(std::vector<iovec>& parts, std::size_t& first, std::string& error);
-  Step Flush(FinishedOutputs& finished, std::string& error);
+  Step Write(std::vector<iovec>& parts, std::size_t& first, std::string& error) VYN_REQUIRES(mMutex);
+  Step Flush(FinishedOutputs& finished, std::string& error) VYN_REQUIRES(mMutex);
   /// Appends the rest of `parts`, from `first` on, to mOutput: a header, then the buffers of `message`.
   /// Returns: null, or why that is not possible.
   const char* BufferRemainder(const std::vector<iovec>& parts, std::size_t first, Message* message,
-                              Output& output);
+                              Output& output) VYN_REQUIRES(mMutex);
   const char* BufferReply(std::size_t first, std::int32_t status, Message* message, std::int64_t timeout,
-                          Callback* callback, std::size_t requestLength);
+                          Callback* callback, std::size_t requestLength) VYN_REQUIRES(mMutex);
   /// Fills mParts with a reply and `header` with its length. Returns: kOk; kMessageTooLong for a message that
   /// the peer would refuse, kInvalidArgument for a buffer without an address: the reply then is a header
   /// alone, with kMessageTooLong or kNoAnswer.
-  std::int32_t BuildReply(RpcFrameHeader& header, Message* message);
+  std::int32_t BuildReply(RpcFrameHeader& header, Message* message) VYN_REQUIRES(mMutex);
   /// Counts a call as answered. Returns: whether the connection was paused and may be read from again.
-  bool FinishCall();
+  bool FinishCall() VYN_REQUIRES(mMutex);
   /// The step that follows when a step of the stream ended in `state`.
-  Step StepFor(net::IoState state, std::string& error) const;
+  Step StepFor(net::IoState state, std::string& error) const VYN_REQUIRES(mMutex);
   /// Closes the socket. FinishClose must follow after mMutex is released.
-  void CloseLocked(FinishedOutputs& finished);
+  void CloseLocked(FinishedOutputs& finished) VYN_REQUIRES(mMutex);
 
-  // These require that mMutex is not held.
-  void Pump();
+  void Pump() VYN_EXCLUDES(mMutex);
   /// Returns: whether there may be more to do.
-  bool PumpOnce();
+  bool PumpOnce() VYN_EXCLUDES(mMutex);
   /// Calls the callbacks of `finished` and counts its calls as answered. \param status kOk when all was
   /// written.
-  void CompleteOutputs(FinishedOutputs& finished, std::int32_t status);
+  void CompleteOutputs(FinishedOutputs& finished, std::int32_t status) VYN_EXCLUDES(mMutex);
   /// Completes what CloseLocked has given up, removes the connection from the core and reports `reason`.
-  void FinishClose(FinishedOutputs& finished, const std::string& reason);
+  void FinishClose(FinishedOutputs& finished, const std::string& reason) VYN_EXCLUDES(mMutex);
 
   const std::shared_ptr<ServerCore> mCore;
   const std::string mPeer;
 
-  /// Guards everything below.
-  std::mutex mMutex;
-  net::Descriptor mSocket;  // open unless mPhase is kClosed
-  bool mPumping = false;
-  bool mPumpAgain = false;
-  Phase mPhase = Phase::kHandshake;
-  std::unique_ptr<net::Stream> mStream;
-  RpcFrameReader mReader;
-  Greeting mPeerGreeting;
-  std::size_t mGreetingRead = 0;
-  std::list<Output> mOutput;
-  std::vector<iovec> mParts;  // of the reply being written
-  std::size_t mPending = 0;   // calls without an answer, or whose answer is not written yet
-  std::size_t mArriving = 0;  // bytes counted for a long request that is not complete
-  bool mPaused = false;       // not read from until one of the pending calls is answered
-  bool mParked = false;       // not read from until the server's byte limit admits it
-  net::Deadline::Clock::time_point mLastActivity = net::Deadline::Clock::now();
-  net::Deadline::Clock::time_point mFrameBegan{};
-  net::Deadline::Clock::time_point mLastWritten{};
+  sync::Mutex mMutex;
+  net::Descriptor mSocket VYN_GUARDED_BY(mMutex);  // open unless mPhase is kClosed
+  bool mPumping VYN_GUARDED_BY(mMutex) = false;
+  bool mPumpAgain VYN_GUARDED_BY(mMutex) = false;
+  Phase mPhase VYN_GUARDED_BY(mMutex) = Phase::kHandshake;
+  std::unique_ptr<net::Stream> mStream VYN_GUARDED_BY(mMutex);
+  RpcFrameReader mReader VYN_GUARDED_BY(mMutex);
+  Greeting mPeerGreeting VYN_GUARDED_BY(mMutex);
+  std::size_t mGreetingRead VYN_GUARDED_BY(mMutex) = 0;
+  std::list<Output> mOutput VYN_GUARDED_BY(mMutex);
+  std::vector<iovec> mParts VYN_GUARDED_BY(mMutex);  // of the reply being written
+  std::size_t mPending VYN_GUARDED_BY(mMutex) =
+      0;  // calls without an answer, or whose answer is not written yet
+  std::size_t mArriving VYN_GUARDED_BY(mMutex) = 0;  // bytes counted for a long request that is not complete
+  bool mPaused VYN_GUARDED_BY(mMutex) = false;  // not read from until one of the pending calls is answered
+  bool mParked VYN_GUARDED_BY(mMutex) = false;  // not read from until the server's byte limit admits it
+  net::Deadline::Clock::time_point mLastActivity VYN_GUARDED_BY(mMutex) = net::Deadline::Clock::now();
+  net::Deadline::Clock::time_point mFrameBegan VYN_GUARDED_BY(mMutex){};
+  net::Deadline::Clock::time_point mLastWritten VYN_GUARDED_BY(mMutex){};
 };
 
 }  // namespace vyn::rpc

@@ -103,7 +103,7 @@ std::int32_t ServerConnection::Send(std::uint64_t call, std::uint32_t id, std::s
   bool closed = false;
   bool pump = false;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (mPhase != Phase::kClosed) {
       RpcFrameHeader header;
       header.mCall = call;

@@ -118,9 +118,9 @@ void ServerCore::StopOnce() {
     mAcceptor->Stop();
   }
   {
-    std::unique_lock lock(mMutex);
-    mIdle.wait_for(lock, std::chrono::milliseconds(mOptions.mStopTimeout),
-                   [this] { return mPendingCalls == 0; });
+    sync::MutexLock lock(mMutex);
+    mIdle.WaitFor(lock, std::chrono::milliseconds(mOptions.mStopTimeout),
+                  [this] { return mPendingCalls == 0; });
   }
   for (const auto& connection : AllConnections()) {
     connection->Close("");
@@ -128,7 +128,7 @@ void ServerCore::StopOnce() {
   // Calls that no thread has begun end here, without an answer.
   std::deque<Job> dropped;
   {
-    std::lock_guard lock(mJobsMutex);
+    sync::MutexLock lock(mJobsMutex);
     mDropJobs = true;
     dropped.swap(mJobs);
     mQueued = 0;
@@ -141,7 +141,7 @@ void ServerCore::StopOnce() {
   // Functions that were posted late hold connections, which hold this object. Running them may post again.
   while (mEvents->RunPosted()) {
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mParked.clear();
 }
 
@@ -188,24 +188,24 @@ void ServerCore::Admit(net::Descriptor descriptor, std::string peer) {
 }
 
 void ServerCore::AddConnection(const std::shared_ptr<ServerConnection>& connection) {
-  std::lock_guard lock(mConnectionsMutex);
+  sync::MutexLock lock(mConnectionsMutex);
   mConnections.insert(connection);
 }
 
 void ServerCore::RemoveConnection(const std::shared_ptr<ServerConnection>& connection) {
   {
-    std::lock_guard lock(mConnectionsMutex);
+    sync::MutexLock lock(mConnectionsMutex);
     mConnections.erase(connection);
   }
   if (mAnyParked.load()) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     std::erase(mParked, connection);
   }
   mOpen.fetch_sub(1, std::memory_order_relaxed);
 }
 
 std::vector<std::shared_ptr<ServerConnection>> ServerCore::AllConnections() {
-  std::lock_guard lock(mConnectionsMutex);
+  sync::MutexLock lock(mConnectionsMutex);
   return {mConnections.begin(), mConnections.end()};
 }
 
@@ -220,7 +220,7 @@ bool ServerCore::AdmitOrPark(const std::shared_ptr<ServerConnection>& connection
   if (mPendingBytes.load() < mOptions.mMaxPendingBytes) {
     return true;
   }
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   // We set mAnyParked before we read mPendingBytes again; ReleaseBytes subtracts before it reads mAnyParked.
   // All four are sequentially consistent, so at least one side sees the other's write and no parked
   // connection is forgotten.
@@ -254,8 +254,8 @@ void ServerCore::BeginCall(std::size_t length) {
 void ServerCore::EndCall(std::size_t length) {
   ReleaseBytes(length);
   if (mPendingCalls.fetch_sub(1) == 1 && IsStopping()) {
-    std::lock_guard lock(mMutex);
-    mIdle.notify_all();
+    sync::MutexLock lock(mMutex);
+    mIdle.NotifyAll();
   }
 }
 
@@ -266,7 +266,7 @@ void ServerCore::ReleaseBytes(std::size_t bytes) {
   }
   std::vector<std::shared_ptr<ServerConnection>> resumed;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mAnyParked.store(false);
     resumed.swap(mParked);
   }
@@ -320,7 +320,7 @@ void ServerCore::Dispatch(const std::shared_ptr<ServerConnection>& connection, c
 
 void ServerCore::Queue(Job job) {
   {
-    std::lock_guard lock(mJobsMutex);
+    sync::MutexLock lock(mJobsMutex);
     if (mDropJobs) {
       return;
     }
@@ -337,7 +337,7 @@ void ServerCore::RunDeferred() {
   struct EndJob {
     explicit EndJob(ServerCore& core) : mCore(core) {}
     ~EndJob() {
-      std::lock_guard lock(mCore.mJobsMutex);
+      sync::MutexLock lock(mCore.mJobsMutex);
       --mCore.mBlocking;
     }
     ServerCore& mCore;
@@ -353,7 +353,7 @@ void ServerCore::RunDeferred() {
 bool ServerCore::BeginJob(Job& job) {
   bool wake = false;
   {
-    std::lock_guard lock(mJobsMutex);
+    sync::MutexLock lock(mJobsMutex);
     if (mDropJobs) {
       return false;
     }

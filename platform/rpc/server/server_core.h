@@ -19,11 +19,11 @@
 #include "platform/rpc/server/server.h"
 #include "platform/rpc/wire/frame.h"
 #include "platform/rpc/wire/outcome.h"
+#include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -96,8 +96,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   std::vector<std::shared_ptr<ServerConnection>> AllConnections();
   void CheckTimeouts();
   void StopOnce();
-  /// Requires: mMutex is held.
-  void ReportFull();
+  void ReportFull() VYN_REQUIRES(mMutex);
   void RunDeferred();
   void Queue(Job job);
   /// Counts this thread as one that runs `job`, or the job that has waited longest if `job` is empty.
@@ -116,17 +115,15 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   std::shared_ptr<Acceptor> mAcceptor;
   std::vector<std::thread> mThreads;
 
-  /// Guards mConnections.
-  std::mutex mConnectionsMutex;
-  std::unordered_set<std::shared_ptr<ServerConnection>> mConnections;
+  sync::Mutex mConnectionsMutex;
+  std::unordered_set<std::shared_ptr<ServerConnection>> mConnections VYN_GUARDED_BY(mConnectionsMutex);
 
-  /// Guards mJobs, mBlocking and mDropJobs.
-  std::mutex mJobsMutex;
-  std::deque<Job> mJobs;                // bounded by the limits of the connections
-  unsigned int mBlocking = 0;           // threads that run a job
-  bool mDropJobs = false;               // the server is stopping
-  std::atomic<std::size_t> mQueued{0};  // the size of mJobs; read without the lock
-  static thread_local Job mDeferred;    // to run after the events that the thread is handling
+  sync::Mutex mJobsMutex;
+  std::deque<Job> mJobs VYN_GUARDED_BY(mJobsMutex);       // bounded by the limits of the connections
+  unsigned int mBlocking VYN_GUARDED_BY(mJobsMutex) = 0;  // threads that run a job
+  bool mDropJobs VYN_GUARDED_BY(mJobsMutex) = false;      // the server is stopping
+  std::atomic<std::size_t> mQueued{0};                    // the size of mJobs; read without the lock
+  static thread_local Job mDeferred;  // to run after the events that the thread is handling
 
   std::atomic<bool> mStopping{false};
   std::atomic<std::size_t> mOpen{0};
@@ -135,12 +132,12 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   std::atomic<std::size_t> mWaitingBytes{0};  // of replies that wait
   std::atomic<bool> mAnyParked{false};
 
-  /// Guards mParked and mFullReported. EndCall takes it before it notifies mIdle, so that a Stop that has
+  /// EndCall takes it before it notifies mIdle, so that a Stop that has
   /// just read mPendingCalls does not miss the notification.
-  std::mutex mMutex;
-  std::condition_variable mIdle;
-  std::vector<std::shared_ptr<ServerConnection>> mParked;
-  EventLoop::Clock::time_point mFullReported{};
+  sync::Mutex mMutex;
+  sync::Condition mIdle;
+  std::vector<std::shared_ptr<ServerConnection>> mParked VYN_GUARDED_BY(mMutex);
+  EventLoop::Clock::time_point mFullReported VYN_GUARDED_BY(mMutex){};
   std::once_flag mStopped;
 };
 

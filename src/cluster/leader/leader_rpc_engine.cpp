@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <shared_mutex>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -32,7 +31,7 @@ bool IsRetriable(std::uint32_t status) {
 }  // namespace
 
 std::uint32_t LeaderRPCEngine::LoadDependencies() {
-  std::lock_guard lock(mRefreshMutex);
+  sync::MutexLock lock(mRefreshMutex);
   mConf = common::Configuration::GetInstance();
   VYN_CHECK_POINTER(mConf);
   mMetaNode = common::MetaNodeInfo::GetInstance();
@@ -46,8 +45,8 @@ std::uint32_t LeaderRPCEngine::LoadDependencies() {
 std::uint32_t LeaderRPCEngine::ConnectToLeader() {
   std::string leader;
   {
-    std::lock_guard lock(mRefreshMutex);
-    std::unique_lock leaderLock(mMetaNode->mLeaderLock);
+    sync::MutexLock lock(mRefreshMutex);
+    sync::WriterLock leaderLock(mMetaNode->mLeaderLock);
     leader = mMetaNode->mLeaderAddress;
   }
   const std::uint32_t status = InitializeEnginePool(leader);
@@ -58,7 +57,7 @@ std::uint32_t LeaderRPCEngine::ConnectToLeader() {
 }
 
 std::uint32_t LeaderRPCEngine::InitializeEnginePool(const std::string& ip) {
-  std::unique_lock lock(mRefreshMutex);
+  sync::MutexLock lock(mRefreshMutex);
   SecurityConf securityConf;
   if (const std::uint32_t status = ReadSettings(ip, securityConf); Failed(status)) {
     return status;
@@ -78,7 +77,7 @@ std::uint32_t LeaderRPCEngine::InitializeEnginePool(const std::string& ip) {
   // Recorded only once its pool exists. Otherwise, after a failure above, RefreshMasterNodeInfo would see no
   // difference and leave the pool in use at the old leader.
   mMasterAddress = ip;
-  lock.unlock();
+  lock.Unlock();
   if (const std::uint32_t status = pool->Initialize(); Failed(status)) {
     return mService.connectFailed(status);
   }
@@ -104,14 +103,14 @@ std::uint32_t LeaderRPCEngine::ReadSettings(const std::string& ip, SecurityConf&
 }
 
 std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
-  std::lock_guard lock(mRefreshMutex);
+  sync::MutexLock lock(mRefreshMutex);
   if (mMetaNode == nullptr) {  // LoadDependencies has not run, so there is no pool
     VYN_LOG_ERROR("Unexpected nullptr value mEnginePool");
     return VYN_ERR_NULL_POINTER;
   }
   const auto pool = EnginePool();
   {
-    std::unique_lock leaderLock(mMetaNode->mLeaderLock);
+    sync::WriterLock leaderLock(mMetaNode->mLeaderLock);
     if (mMetaNode->mLeaderAddress == mMasterAddress) {
       return VYN_OK;
     }
@@ -121,7 +120,7 @@ std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
   }
   VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
   {
-    std::lock_guard poolLock(pool->mMutex);
+    sync::MutexLock poolLock(pool->mMutex);
     pool->mIp = mMasterAddress;
     pool->mPort = mPort;
   }
@@ -130,11 +129,11 @@ std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
 }
 
 std::string LeaderRPCEngine::KnownLeader() {
-  std::lock_guard lock(mRefreshMutex);
+  sync::MutexLock lock(mRefreshMutex);
   if (mMetaNode == nullptr) {
     return "";
   }
-  std::shared_lock leaderLock(mMetaNode->mLeaderLock);
+  sync::ReaderLock leaderLock(mMetaNode->mLeaderLock);
   return mMetaNode->mLeaderAddress;
 }
 

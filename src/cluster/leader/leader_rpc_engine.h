@@ -15,12 +15,12 @@
 #include "common/config/configuration.h"
 #include "common/log/logging.h"
 #include "common/rpc/rpc_engine_base.h"
+#include "platform/sync/mutex.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <new>
 #include <string>
 #include <utility>
@@ -51,12 +51,12 @@ common::RPCEnginePool* NewLeaderPool(const common::RPCEngineParam& param, std::u
 /// \param mutex guards `place`. \param name the class's name, for the log. Returns: `made`.
 template <typename Client>
 common::Ref<Client> PublishClient(const common::Ref<Client>& made, common::Ref<Client>& place,
-                                  std::mutex& mutex, const char* name) {
+                                  sync::Mutex& mutex, const char* name) {
   if (made == nullptr) {
     VYN_LOG_ERROR("Failed to new instance for \"" << name << "\"");
     return nullptr;
   }
-  std::lock_guard lock(mutex);
+  sync::MutexLock lock(mutex);
   place = made;
   return made;
 }
@@ -100,20 +100,21 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   std::string KnownLeader();
   /// Sleeps for `pause`, or until KnownLeader is not `leader` any more.
   void PauseFor(std::chrono::milliseconds pause, const std::string& leader);
-  /// Reads the flags, the port and the security settings for the leader `ip`. Requires: mRefreshMutex.
-  std::uint32_t ReadSettings(const std::string& ip, SecurityConf& securityConf);
+  /// Reads the flags, the port and the security settings for the leader `ip`.
+  std::uint32_t ReadSettings(const std::string& ip, SecurityConf& securityConf) VYN_REQUIRES(mRefreshMutex);
 
   const LeaderService& mService;
   const long mTimeout;  ///< milliseconds
   const std::uint16_t mGroupIndex;
-  /// Guards the members below and mParam.
-  std::mutex mRefreshMutex;
-  common::Ref<common::MetaNodeInfo> mMetaNode;
-  std::string mMasterAddress;  ///< the leader's address that the pool was last given
-  common::Ref<common::Configuration> mConf;
-  bool mTlsEnable = true;
-  bool mAuthEnable = true;
-  std::uint16_t mPort = 0;
+  /// Also guards mParam.
+  sync::Mutex mRefreshMutex;
+  common::Ref<common::MetaNodeInfo> mMetaNode VYN_GUARDED_BY(mRefreshMutex);
+  std::string mMasterAddress
+      VYN_GUARDED_BY(mRefreshMutex);  ///< the leader's address that the pool was last given
+  common::Ref<common::Configuration> mConf VYN_GUARDED_BY(mRefreshMutex);
+  bool mTlsEnable VYN_GUARDED_BY(mRefreshMutex) = true;
+  bool mAuthEnable VYN_GUARDED_BY(mRefreshMutex) = true;
+  std::uint16_t mPort VYN_GUARDED_BY(mRefreshMutex) = 0;
 
  protected:
   const bool mIsSdk;

@@ -9,9 +9,9 @@
 
 #include "common/config/configuration.h"
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <map>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -74,10 +74,10 @@ class BaseApiUtil {
   /// Moves the sender of `appName` from the registry into `thread`. Returns: 0; 1 if there is none.
   static unsigned int GetIfExist(const std::string& appName, Ref<HeartBeatThread>& thread);
 
-  /// The senders by application name. Guarded by heartBeatLock. Never destroyed.
-  static std::unordered_map<std::string, Ref<HeartBeatThread>>& g_HeartBeatFlag;
+  /// The senders by application name. Never destroyed.
+  static std::unordered_map<std::string, Ref<HeartBeatThread>>& g_HeartBeatFlag VYN_GUARDED_BY(heartBeatLock);
   /// Never held while a sender starts or stops.
-  static std::mutex heartBeatLock;
+  static sync::Mutex heartBeatLock;
 };
 
 }  // namespace vyn::common

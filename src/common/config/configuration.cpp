@@ -56,6 +56,7 @@ Configuration::Configuration() { LoadDefault(); }
 
 void Configuration::AddStrConf(const std::pair<std::string, std::string>& kv, const Ref<Validator>& validator,
                                unsigned int flags) {
+  sync::MutexLock lock(mLock);
   mStrConf[kv.first] = kv.second;
   mTypeMap[kv.first] = CONF_STRING;
   SetValidator(kv.first, validator, flags);
@@ -63,6 +64,7 @@ void Configuration::AddStrConf(const std::pair<std::string, std::string>& kv, co
 
 void Configuration::AddIntConf(const std::pair<std::string, int>& kv, const Ref<Validator>& validator,
                                unsigned int flags) {
+  sync::MutexLock lock(mLock);
   mIntConf[kv.first] = kv.second;
   mTypeMap[kv.first] = CONF_INT;
   SetValidator(kv.first, validator, flags);
@@ -70,6 +72,7 @@ void Configuration::AddIntConf(const std::pair<std::string, int>& kv, const Ref<
 
 void Configuration::AddLongConf(const std::pair<std::string, long>& kv, const Ref<Validator>& validator,
                                 unsigned int flags) {
+  sync::MutexLock lock(mLock);
   mLongConf[kv.first] = kv.second;
   mTypeMap[kv.first] = CONF_LONG;
   SetValidator(kv.first, validator, flags);
@@ -77,12 +80,14 @@ void Configuration::AddLongConf(const std::pair<std::string, long>& kv, const Re
 
 void Configuration::AddFltConf(const std::pair<std::string, float>& kv, const Ref<Validator>& validator,
                                unsigned int flags) {
+  sync::MutexLock lock(mLock);
   mFloatConf[kv.first] = kv.second;
   mTypeMap[kv.first] = CONF_FLOAT;
   SetValidator(kv.first, validator, flags);
 }
 
 void Configuration::AddBoolConf(const std::pair<std::string, bool>& kv) {
+  sync::MutexLock lock(mLock);
   mBoolConf[kv.first] = kv.second;
   mTypeMap[kv.first] = CONF_BOOL;
 }
@@ -110,52 +115,52 @@ void Configuration::SetValidator(const std::string& key, const Ref<Validator>& v
 }
 
 int Configuration::GetInt(const std::string& key, int defaultValue) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return Find(mIntConf, key, defaultValue);
 }
 
 long Configuration::GetLong(const std::string& key, long defaultValue) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return Find(mLongConf, key, defaultValue);
 }
 
 float Configuration::GetFloat(const std::string& key, float defaultValue) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return Find(mFloatConf, key, defaultValue);
 }
 
 bool Configuration::GetBool(const std::string& key, bool defaultValue) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return Find(mBoolConf, key, defaultValue);
 }
 
 const std::string& Configuration::GetString(const std::string& key, const std::string& defaultValue) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return Find(mStrConf, key, defaultValue);
 }
 
 void Configuration::Set(const std::string& key, int value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   mIntConf[key] = value;
 }
 
 void Configuration::Set(const std::string& key, long value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   mLongConf[key] = value;
 }
 
 void Configuration::Set(const std::string& key, float value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   mFloatConf[key] = value;
 }
 
 void Configuration::Set(const std::string& key, bool value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   mBoolConf[key] = value;
 }
 
 void Configuration::Set(const std::string& key, std::string value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   mStrConf[key] = std::move(value);
 }
 
@@ -169,7 +174,7 @@ bool Configuration::SetWithTypeAutoConvert(const std::string& key, const std::st
 }
 
 bool Configuration::SetFromText(const std::string& key, const std::string& value, std::string& complaint) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   const auto refuse = [&](const std::string& reason) {
     complaint = "<" + key + ">, " + reason;
     return false;
@@ -245,6 +250,7 @@ void Configuration::ValidateOneValueMap(std::vector<std::string>& errors,
 
 void Configuration::ValidateOneType(const std::string& key, const Ref<Validator>& validator,
                                     std::vector<std::string>& errors, ConfValueType& type) {
+  sync::MutexLock lock(mLock);
   switch (type) {
     case CONF_STRING:
       Check(mStrConf, "string", key, validator, errors);
@@ -264,7 +270,7 @@ void Configuration::ValidateOneType(const std::string& key, const Ref<Validator>
 }
 
 void Configuration::Dump() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   std::puts("Configuration Dump:");
   for (const auto& [key, value] : mIntConf) {
     std::printf("i] %s = %d\n", key.c_str(), value);
@@ -284,7 +290,7 @@ void Configuration::Dump() {
 }
 
 std::string Configuration::DumpStr() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   std::ostringstream text;
   text << "Configuration Dump:\n";
   const auto append = [&text](const char* prefix, const auto& values) {

@@ -12,10 +12,10 @@
 
 #include "common/config/validator.h"
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -130,12 +130,13 @@ class Configuration : public Referable {
  private:
   void Declare(const CatalogueGroup& group);
 
-  // mLock guards the five value maps. The other maps do not change after start-up.
-  std::map<std::string, int> mIntConf;
-  std::map<std::string, float> mFloatConf;
-  std::map<std::string, std::string> mStrConf;
-  std::map<std::string, bool> mBoolConf;
-  std::map<std::string, long> mLongConf;
+  std::map<std::string, int> mIntConf VYN_GUARDED_BY(mLock);
+  std::map<std::string, float> mFloatConf VYN_GUARDED_BY(mLock);
+  std::map<std::string, std::string> mStrConf VYN_GUARDED_BY(mLock);
+  std::map<std::string, bool> mBoolConf VYN_GUARDED_BY(mLock);
+  std::map<std::string, long> mLongConf VYN_GUARDED_BY(mLock);
+  // The maps below do not change after start-up.
+
   /// The type of each declared key. It says which value map has the key.
   std::map<std::string, ConfValueType> mTypeMap;
   /// Rules that always run, and those of one feature each.
@@ -144,7 +145,7 @@ class Configuration : public Referable {
   std::map<std::string, Ref<Validator>> mTlsValidators;
   std::map<std::string, Ref<Validator>> mAuthorValidators;
   std::map<std::string, Ref<Validator>> mZkValidators;
-  std::mutex mLock;
+  sync::Mutex mLock;
 };
 
 }  // namespace vyn::common

@@ -69,7 +69,7 @@ bool KVParser::FromFile(const std::string& path) {
     std::cout << "File <" << resolved << "> doesn't exist\n";
     return false;
   }
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   std::string key;
   std::string value;
   for (std::string line; std::getline(input, line);) {
@@ -81,7 +81,7 @@ bool KVParser::FromFile(const std::string& path) {
 }
 
 bool KVParser::SetItem(const std::string& key, const std::string& value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return SetItemLocked(key, value);
 }
 
@@ -105,7 +105,7 @@ bool KVParser::SetItemLocked(const std::string& key, const std::string& value) {
 }
 
 bool KVParser::GetItem(const std::string& key, std::string& value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   const auto known = mItemMap.find(key);
   if (known == mItemMap.end()) {
     return false;
@@ -115,12 +115,12 @@ bool KVParser::GetItem(const std::string& key, std::string& value) {
 }
 
 unsigned int KVParser::Size() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   return static_cast<unsigned int>(mItems.size());
 }
 
 void KVParser::GetI(unsigned int index, std::string& key, std::string& value) {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   if (index < mItems.size()) {
     key = mItems[index]->key;
     value = mItems[index]->value;
@@ -128,7 +128,7 @@ void KVParser::GetI(unsigned int index, std::string& key, std::string& value) {
 }
 
 void KVParser::Dump() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   for (const auto& item : mItems) {
     std::printf("%s = %s\n", item->key.c_str(), item->value.c_str());
   }

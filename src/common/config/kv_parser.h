@@ -11,10 +11,11 @@
 // A key that appears again takes the last value and keeps its first position. Lines without "=" or without a
 // key are skipped. Any thread may call any operation.
 
+#include "platform/sync/mutex.h"
+
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -58,11 +59,11 @@ class KVParser {
   static KVLine ParseLine(std::string line, std::string& key, std::string& value);
 
  private:
-  /// Requires: mLock is held.
-  bool SetItemLocked(const std::string& key, const std::string& value);
-  std::map<std::string, std::uint32_t> mItemMap;  // guarded by mLock
-  std::vector<std::unique_ptr<KvPairs>> mItems;   // guarded by mLock
-  std::mutex mLock;
+  bool SetItemLocked(const std::string& key, const std::string& value) VYN_REQUIRES(mLock);
+
+  std::map<std::string, std::uint32_t> mItemMap VYN_GUARDED_BY(mLock);
+  std::vector<std::unique_ptr<KvPairs>> mItems VYN_GUARDED_BY(mLock);
+  sync::Mutex mLock;
 };
 
 }  // namespace vyn::common

@@ -3,6 +3,7 @@
 #include "common/log/logging.h"
 #include "common/util/system.h"
 #include "platform/secure_memory/secure_memory.h"
+#include "platform/sync/mutex.h"
 
 #include <array>
 #include <cstring>
@@ -20,11 +21,11 @@ constexpr std::size_t kAuditBufferSize = 4096;
 
 std::atomic<unsigned int> Log::gLevel{logging::kInfo};
 std::atomic<bool> Log::mDebugEnabled{false};
-std::mutex Log::gLock;
+sync::Mutex Log::gLock;
 
 unsigned int Log::Initialize(int type, unsigned int level, const std::string& dir, int fileSize,
                              int fileCount) {
-  std::lock_guard lock(gLock);
+  sync::MutexLock lock(gLock);
   gLevel = level;
   const std::string host = VynGetHostname();
   const std::string path = dir + "/vynd." + host + ".log";

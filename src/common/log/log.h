@@ -3,8 +3,9 @@
 // The names of the log levels, the set-up of log files, and the audit line. Any thread may call these
 // functions. The macros that write log lines are in common/log/logging.h.
 
+#include "platform/sync/mutex.h"
+
 #include <atomic>
-#include <mutex>
 #include <string>
 
 namespace vyn::common {
@@ -30,7 +31,7 @@ class Log {
 
  private:
   /// Serialises Initialize.
-  static std::mutex gLock;
+  static sync::Mutex gLock;
 };
 
 /// Writes the audit line "[subject][operation][target][result]", cut to 4095 characters. When the four texts

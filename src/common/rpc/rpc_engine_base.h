@@ -9,9 +9,9 @@
 #include "common/message/base_message.h"
 #include "common/rpc/rpc_engine_pool.h"
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -44,18 +44,18 @@ class RPCEngineBase : public Referable {
 
   /// Returns: the pool in use; null until the derived client has made one.
   Ref<RPCEnginePool> EnginePool() const {
-    std::lock_guard lock(mPoolMutex);
+    sync::MutexLock lock(mPoolMutex);
     return mEnginePool;
   }
   /// Replaces the pool in use by `pool`. The old pool is destroyed when its last call has ended.
   void SetEnginePool(Ref<RPCEnginePool> pool) {
-    std::lock_guard lock(mPoolMutex);
+    sync::MutexLock lock(mPoolMutex);
     std::swap(mEnginePool, pool);
   }
 
-  /// Guarded by mPoolMutex, which no thread holds while a pool is destroyed.
-  Ref<RPCEnginePool> mEnginePool;
-  mutable std::mutex mPoolMutex;
+  Ref<RPCEnginePool> mEnginePool VYN_GUARDED_BY(mPoolMutex);
+  /// Not held while a pool is destroyed.
+  mutable sync::Mutex mPoolMutex;
   Ref<RPCEngineParam> mParam;
   /// The `poolSize` of the pool.
   std::uint16_t mConnectionCount = 1;

@@ -39,7 +39,7 @@ unsigned int RPCEnginePool::Initialize() {
     return result;
   }
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mEngines.reserve(mPoolSize);
   }
   return FillPool();
@@ -61,7 +61,7 @@ unsigned int RPCEnginePool::GetRpcEngine(Ref<RpcEngine>& engine) {
   {
     // Declared before the lock, so that connections to an old peer are closed after its release.
     std::vector<Ref<RpcEngine>> old;
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     if (!mEngines.empty()) {
       if (IsPeer(*mEngines.back(), mIp, mPort)) {
         engine = std::move(mEngines.back());
@@ -81,7 +81,7 @@ void RPCEnginePool::ReturnRpcEngine(const Ref<RpcEngine>& engine) {
   // Declared before the lock, as above. All idle engines must have the same peer: on the stack, engines of an
   // old peer could stay open below the new ones for ever.
   std::vector<Ref<RpcEngine>> old;
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (!IsPeer(*engine, mIp, mPort)) {
     return;
   }
@@ -100,7 +100,7 @@ unsigned int RPCEnginePool::ConnectEngine(Ref<RpcEngine>& engine,
   std::string ip;
   std::uint16_t port = 0;
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     ip = mIp;
     port = mPort;
   }

@@ -10,10 +10,10 @@
 #include "common/config/configuration.h"
 #include "common/rpc/rpc_engine.h"
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -45,12 +45,11 @@ class RPCEnginePool : public Referable {
   /// Fills the security settings from mConfig. Requires: mConfig is set. An existing entry keeps its value.
   void GetSecurityConf();
 
-  std::string mIp;      ///< guarded by mMutex
-  std::uint16_t mPort;  ///< guarded by mMutex
-  /// Guards mIp, mPort and mEngines.
-  std::mutex mMutex;
-  /// The idle engines, used as a stack. Guarded by mMutex.
-  std::vector<Ref<RpcEngine>> mEngines;
+  std::string mIp VYN_GUARDED_BY(mMutex);
+  std::uint16_t mPort VYN_GUARDED_BY(mMutex);
+  sync::Mutex mMutex;
+  /// The idle engines, used as a stack.
+  std::vector<Ref<RpcEngine>> mEngines VYN_GUARDED_BY(mMutex);
   std::int64_t mTimeout;  ///< milliseconds
   bool mClientIdentity;
   std::uint16_t mPoolSize;

@@ -6,6 +6,8 @@
 //
 // Threads: any.
 
+#include "platform/sync/mutex.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -32,16 +34,16 @@ class Clock {
 /// Clock::SleepFor of the clock in use.
 inline void SleepFor(std::chrono::nanoseconds duration) { Clock::Get().SleepFor(duration); }
 /// Clock::WaitFor of the clock in use.
-inline void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-                    std::chrono::nanoseconds duration) {
-  Clock::Get().WaitFor(condition, lock, duration);
+inline void WaitFor(sync::Condition& condition, sync::MutexLock& lock, std::chrono::nanoseconds duration) {
+  Clock::Get().WaitFor(condition.Standard(), lock.Standard(), duration);
 }
 /// Clock::Now of the clock in use.
 inline std::chrono::steady_clock::time_point SteadyNow() { return Clock::Get().Now(); }
-/// Waits with the clock in use until `done()` returns true, at most `limit`. Returns: done().
+/// Waits with the clock in use until `done()` returns true, at most `limit`. Returns: done(). Not checked:
+/// clang does not know that `lock` holds the mutex that `done` requires.
 template <typename Done>
-bool WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
-             std::chrono::nanoseconds limit, Done done) {
+bool WaitFor(sync::Condition& condition, sync::MutexLock& lock, std::chrono::nanoseconds limit,
+             Done done) VYN_NO_THREAD_SAFETY_ANALYSIS {
   const auto end = SteadyNow() + limit;
   while (!done()) {
     const auto now = SteadyNow();

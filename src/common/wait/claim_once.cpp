@@ -5,9 +5,11 @@
 namespace vyn::common {
 
 ClaimOnce::Result ClaimOnce::Take(std::chrono::nanoseconds limit, std::uint32_t* failure) {
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   const std::uint64_t before = mFailures;
-  const auto ended = [&] { return mState != State::kClaimed || (failure != nullptr && mFailures != before); };
+  const auto ended = [&]() VYN_REQUIRES(mMutex) {
+    return mState != State::kClaimed || (failure != nullptr && mFailures != before);
+  };
   if (!WaitFor(mChanged, lock, limit, ended)) {
     return Result::kTimedOut;
   }
@@ -24,23 +26,23 @@ ClaimOnce::Result ClaimOnce::Take(std::chrono::nanoseconds limit, std::uint32_t*
 
 void ClaimOnce::Change(State state) {
   mState.store(state, std::memory_order_release);
-  mChanged.notify_all();
+  mChanged.NotifyAll();
 }
 
 void ClaimOnce::Succeed() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   Change(State::kUp);
 }
 
 void ClaimOnce::Fail(std::uint32_t status) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   ++mFailures;
   mLastFailure = status;
   Change(State::kDown);
 }
 
 bool ClaimOnce::TakeDown() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   if (mState != State::kUp) {
     return false;
   }
@@ -49,7 +51,7 @@ bool ClaimOnce::TakeDown() {
 }
 
 void ClaimOnce::Free() {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   Change(State::kDown);
 }
 

@@ -8,11 +8,11 @@
 //
 // Any thread may call any operation. A wait uses the clock of common/util/clock.h.
 
+#include "platform/sync/mutex.h"
+
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 namespace vyn::common {
 
@@ -46,15 +46,14 @@ class ClaimOnce {
  private:
   enum class State : std::uint8_t { kDown, kClaimed, kUp };
 
-  void Change(State state);
+  void Change(State state) VYN_REQUIRES(mMutex);
 
-  std::mutex mMutex;
-  std::condition_variable mChanged;
+  sync::Mutex mMutex;
+  sync::Condition mChanged;
   /// Written under mMutex.
   std::atomic<State> mState{State::kDown};
-  // Guarded by mMutex.
-  std::uint64_t mFailures = 0;
-  std::uint32_t mLastFailure = 0;
+  std::uint64_t mFailures VYN_GUARDED_BY(mMutex) = 0;
+  std::uint32_t mLastFailure VYN_GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vyn::common

@@ -11,35 +11,38 @@ PeriodicTask::~PeriodicTask() { Stop(); }
 
 void PeriodicTask::Start(const Options& options, std::function<void()> round) {
   Stop();
-  mPeriod = options.period;
-  mWoken = options.atOnce;
-  mStopping = false;
+  {
+    sync::MutexLock lock(mMutex);
+    mPeriod = options.period;
+    mWoken = options.atOnce;
+    mStopping = false;
+  }
   mThread = std::thread([this, failure = options.failure, round = std::move(round)] { Run(failure, round); });
 }
 
 void PeriodicTask::Wake() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mWoken = true;
   }
-  mWake.notify_all();
+  mWake.NotifyAll();
 }
 
 void PeriodicTask::SetPeriod(std::chrono::nanoseconds period) {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   mPeriod = period;
 }
 
 void PeriodicTask::RequestStop() {
   {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mStopping = true;
   }
-  mWake.notify_all();
+  mWake.NotifyAll();
 }
 
 bool PeriodicTask::Stopping() const {
-  std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   return mStopping;
 }
 
@@ -53,20 +56,20 @@ bool PeriodicTask::Stop() {
 }
 
 void PeriodicTask::Run(const char* failure, const std::function<void()>& round) {
-  std::unique_lock lock(mMutex);
+  sync::MutexLock lock(mMutex);
   for (;;) {
-    WaitFor(mWake, lock, mPeriod, [this] { return mWoken || mStopping; });
+    WaitFor(mWake, lock, mPeriod, [this]() VYN_REQUIRES(mMutex) { return mWoken || mStopping; });
     if (mStopping) {
       return;
     }
     mWoken = false;
-    lock.unlock();
+    lock.Unlock();
     try {
       round();
     } catch (...) {  // probably bad_alloc; the next round may succeed
       static_cast<void>(StatusOfException(failure));
     }
-    lock.lock();
+    lock.Lock();
   }
 }
 

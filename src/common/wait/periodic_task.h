@@ -5,10 +5,10 @@
 // Any thread may call any operation; only one thread at a time may call Start or Stop. No lock is held during
 // a round (one call of the function), so the function may call Wake, SetPeriod, RequestStop and Stopping.
 
+#include "platform/sync/mutex.h"
+
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 namespace vyn::common {
@@ -44,12 +44,11 @@ class PeriodicTask {
  private:
   void Run(const char* failure, const std::function<void()>& round);
 
-  mutable std::mutex mMutex;
-  // Guarded by mMutex.
-  std::chrono::nanoseconds mPeriod{};
-  bool mWoken = false;
-  bool mStopping = false;
-  std::condition_variable mWake;
+  mutable sync::Mutex mMutex;
+  std::chrono::nanoseconds mPeriod VYN_GUARDED_BY(mMutex){};
+  bool mWoken VYN_GUARDED_BY(mMutex) = false;
+  bool mStopping VYN_GUARDED_BY(mMutex) = false;
+  sync::Condition mWake;
   std::thread mThread;
 };
 

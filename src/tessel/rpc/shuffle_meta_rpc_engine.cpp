@@ -5,6 +5,7 @@
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
 #include "common/rpc/client_forms.h"
+#include "platform/sync/mutex.h"
 #include "tessel/rpc/meta_rpc_engine_pool.h"
 
 #include <new>
@@ -15,7 +16,7 @@ Ref<ShuffleMetaRPCEngine>& ShuffleMetaRPCEngine::gShuffleMetaRPCEngine = *new Re
 
 namespace {
 
-std::mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
+sync::Mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
 
 constexpr cluster::LeaderService kMetadataService{
     .name = "shuffle meta service",
@@ -44,7 +45,7 @@ Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::CreateInstance(long timeout, boo
 }
 
 Ref<ShuffleMetaRPCEngine> ShuffleMetaRPCEngine::GetInstance() {
-  std::lock_guard lock(gInstanceMutex);
+  sync::MutexLock lock(gInstanceMutex);
   return gShuffleMetaRPCEngine;
 }
 
@@ -61,7 +62,7 @@ std::uint32_t ShuffleMetaRPCEngine::Initialize() {
 
 std::uint32_t ShuffleMetaRPCEngine::ShuffleMetaLeaderInfoGet() {
   {
-    std::lock_guard lock(mServerEngineMutex);
+    sync::MutexLock lock(mServerEngineMutex);
     if (mServerEngine == nullptr) {
       return VYN_OK;
     }
@@ -76,7 +77,7 @@ std::uint32_t ShuffleMetaRPCEngine::ShuffleMetaLeaderInfoGet() {
     return VYN_ERR_SERVER_CLIENT;
   }
   {
-    std::lock_guard lock(mServerEngineMutex);
+    sync::MutexLock lock(mServerEngineMutex);
     mServerEngine = server;
   }
   if (const std::uint32_t status = server->GetMetaLeaderInfo(request, response); Failed(status)) {
@@ -86,7 +87,7 @@ std::uint32_t ShuffleMetaRPCEngine::ShuffleMetaLeaderInfoGet() {
   const auto metaNode = common::MetaNodeInfo::GetInstance();
   VYN_CHECK_POINTER(metaNode);
   {
-    std::unique_lock lock(metaNode->mLeaderLock);
+    sync::WriterLock lock(metaNode->mLeaderLock);
     metaNode->mLeaderAddress = response->metaLeaderInfo;
   }
   VYN_LOG_INFO("Get meta leader ip from shuffle server success, ip port: " << response->metaLeaderInfo);

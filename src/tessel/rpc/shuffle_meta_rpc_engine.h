@@ -14,6 +14,7 @@
 // fills them on success.
 
 #include "cluster/leader/leader_rpc_engine.h"
+#include "platform/sync/mutex.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/shuffle/bag_messages.h"
@@ -25,7 +26,6 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -132,8 +132,8 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   std::uint32_t Call(short opcode, const Ref<common::BaseMessage>& request,
                      const Ref<common::BaseMessage>& response, const char* failure);
 
-  std::mutex mServerEngineMutex;
-  Ref<ShuffleServerRPCEngine> mServerEngine;  ///< guarded by mServerEngineMutex; null in a driver
+  sync::Mutex mServerEngineMutex;
+  Ref<ShuffleServerRPCEngine> mServerEngine VYN_GUARDED_BY(mServerEngineMutex);  ///< null in a driver
 };
 
 }  // namespace vyn::tessel

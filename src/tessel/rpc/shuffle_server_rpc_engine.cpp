@@ -5,9 +5,9 @@
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
 #include "common/util/system.h"
+#include "platform/sync/mutex.h"
 #include "tessel/rpc/server_rpc_engine_pool.h"
 
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -30,10 +30,9 @@ std::uint64_t ShuffleServerRPCEngine::maxBlobSize = 20971520;
 
 namespace {
 
-std::mutex gInstanceMutex;  ///< guards gShuffleServerRPCEngine
+sync::Mutex gInstanceMutex;  ///< guards gShuffleServerRPCEngine
 
-/// Requires: gInstanceMutex.
-Ref<ShuffleServerRPCEngine> MakeInstance() {
+Ref<ShuffleServerRPCEngine> MakeInstance() VYN_REQUIRES(gInstanceMutex) {
   Ref<ShuffleServerRPCEngine> made(new (std::nothrow) ShuffleServerRPCEngine);
   if (made == nullptr) {
     VYN_LOG_ERROR("Failed to new instance for \"ShuffleServerRPCEngine\"");
@@ -46,7 +45,7 @@ Ref<ShuffleServerRPCEngine> MakeInstance() {
 }  // namespace
 
 Ref<ShuffleServerRPCEngine> ShuffleServerRPCEngine::CreateInstance() {
-  std::lock_guard lock(gInstanceMutex);
+  sync::MutexLock lock(gInstanceMutex);
   return MakeInstance();
 }
 
@@ -55,7 +54,7 @@ Ref<ShuffleServerRPCEngine> ShuffleServerRPCEngine::GetInstance(bool isSdk) {
     VYN_LOG_ERROR("Failed to get shuffle rpc cli, request sdk: " << isSdk << ", but really sdk:" << mIsSdk);
     return nullptr;
   }
-  std::lock_guard lock(gInstanceMutex);
+  sync::MutexLock lock(gInstanceMutex);
   return gShuffleServerRPCEngine != nullptr ? gShuffleServerRPCEngine : MakeInstance();
 }
 

@@ -3,9 +3,9 @@
 #include "tuning/rpc/tuning_rpc_engine.h"
 
 #include "common/log/logging.h"
+#include "platform/sync/mutex.h"
 #include "tuning/rpc/tuning_rpc_engine_pool.h"
 
-#include <mutex>
 #include <new>
 
 namespace vyn::tuning {
@@ -14,7 +14,7 @@ Ref<TuningRpcEngine>& TuningRpcEngine::mTuningRpcEngine = *new Ref<TuningRpcEngi
 
 namespace {
 
-std::mutex gInstanceMutex;  ///< guards mTuningRpcEngine
+sync::Mutex gInstanceMutex;  ///< guards mTuningRpcEngine
 
 constexpr cluster::LeaderService kTuningService{
     .name = "meta service",
@@ -40,7 +40,7 @@ Ref<TuningRpcEngine> TuningRpcEngine::CreateInstance(long timeout, bool isSdk, u
 }
 
 Ref<TuningRpcEngine> TuningRpcEngine::GetInstance() {
-  std::lock_guard lock(gInstanceMutex);
+  sync::MutexLock lock(gInstanceMutex);
   return mTuningRpcEngine;
 }
 

@@ -3,11 +3,11 @@
 // The pool's quota of bytes: how many may be used, and how many are. Threads: any.
 
 #include "platform/fabric/protocol/protocol.h"
+#include "platform/sync/mutex.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <utility>
 
 namespace vyn::fabric {
@@ -50,25 +50,25 @@ class Capacity {
     }
   }
   void Release(std::uint64_t bytes) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mUsed -= bytes;
   }
   /// Counts what a start finds in the pool, even beyond the limit.
   void Adopt(std::uint64_t bytes) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     mUsed += bytes;
   }
 
   std::uint64_t Limit() const { return mLimit; }
   std::uint64_t Used() const {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     return mUsed;
   }
 
  private:
   /// Returns: 0 when reserved, otherwise how many bytes are missing.
   std::uint64_t TryReserve(std::uint64_t bytes) {
-    std::lock_guard lock(mMutex);
+    sync::MutexLock lock(mMutex);
     const std::uint64_t left = mLimit - std::min(mLimit, mUsed);
     if (bytes > left) {
       return bytes - left;
@@ -78,9 +78,9 @@ class Capacity {
   }
 
   const std::uint64_t mLimit;
-  Reclaimer mReclaim;         // set before the first reservation
-  mutable std::mutex mMutex;  // guards mUsed
-  std::uint64_t mUsed = 0;
+  Reclaimer mReclaim;  // set before the first reservation
+  mutable sync::Mutex mMutex;
+  std::uint64_t mUsed VYN_GUARDED_BY(mMutex) = 0;
 };
 
 /// A reservation of quota for a file that is being made; released at its end unless it was committed.

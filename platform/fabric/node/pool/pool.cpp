@@ -122,7 +122,7 @@ bool Pool::SizeOf(const Namespace& space, const std::string& id, const Warn& war
 }
 
 void Pool::Close() {
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   mNamespaces.clear();
   mFolder.Close();
 }
@@ -131,7 +131,7 @@ int Pool::CreateNamespace(std::string_view name, std::string_view token) {
   if (!IsNamespaceName(name) || token.size() > kMaxTokenLength) {
     return kBmNamespaceInvalid;
   }
-  std::unique_lock lock(mMutex);
+  sync::WriterLock lock(mMutex);
   if (const auto found = mNamespaces.find(name); found != mNamespaces.end()) {
     return found->second->token.Matches(token) ? kBmNamespaceExists : -EACCES;
   }
@@ -150,8 +150,8 @@ int Pool::DestroyNamespace(const NamespacePtr& space, const std::function<void()
   std::string gone;
   std::uint64_t charged = 0;
   {
-    std::unique_lock lock(mMutex);
-    std::lock_guard guard(space->mutex);
+    sync::WriterLock lock(mMutex);
+    sync::MutexLock guard(space->mutex);
     if (space->destroyed) {
       return -ENOENT;
     }
@@ -170,7 +170,7 @@ int Pool::DestroyNamespace(const NamespacePtr& space, const std::function<void()
 }
 
 NamespacePtr Pool::Find(std::string_view name) const {
-  std::shared_lock lock(mMutex);
+  sync::ReaderLock lock(mMutex);
   const auto found = mNamespaces.find(name);
   return found == mNamespaces.end() ? nullptr : found->second;
 }
@@ -227,7 +227,7 @@ void Pool::TruncateGrownFiles() {
         continue;
       }
       // While Expand works on a file, the file is larger than its object.
-      std::lock_guard one(space->expanding);
+      sync::MutexLock one(space->expanding);
       net::Descriptor file;
       std::uint64_t size = 0;
       if (OpenObject(space, info.id, true, file, size) == 0 && ::fstat(file.Get(), &state) == 0 &&
@@ -257,7 +257,7 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
   }
   bool gone = false;
   failure = RetryAfterReclaim(0, [&] {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     if (space->destroyed) {
       gone = true;
       return 0;
@@ -287,7 +287,7 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   if (size > Capacity::kMaxSize) {
     return kBmNotEnoughCapacity;
   }
-  std::lock_guard one(space->expanding);
+  sync::MutexLock one(space->expanding);
   net::Descriptor file;
   std::uint64_t old = 0;
   if (const int result = OpenObject(space, id, true, file, old); result != 0) {
@@ -307,7 +307,7 @@ int Pool::Expand(const NamespacePtr& space, std::string_view id, std::uint64_t s
   }
   bool gone = false;
   failure = RetryAfterReclaim(0, [&] {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     const auto found = space->sizes.find(std::string(id));
     if (found == space->sizes.end()) {
       gone = true;  // freed meanwhile
@@ -334,7 +334,7 @@ int Pool::Free(const NamespacePtr& space, std::string_view id) {
   net::Descriptor lastReference;  // closed after the lock: the last close frees the pages
   std::uint64_t charge = 0;
   {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     const auto found = space->sizes.find(std::string(id));
     if (found == space->sizes.end()) {
       return -ENOENT;
@@ -352,7 +352,7 @@ int Pool::Free(const NamespacePtr& space, std::string_view id) {
 }
 
 int Pool::Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& size) const {
-  std::lock_guard lock(space->mutex);
+  sync::MutexLock lock(space->mutex);
   const auto found = space->sizes.find(std::string(id));
   if (found == space->sizes.end()) {
     return -ENOENT;
@@ -387,7 +387,7 @@ int Pool::State(const NamespacePtr& space, std::string_view id, const Between& b
   }
   const std::string key(id);
   if (!state.beingWritten) {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     const auto known = space->checksums.find(key);
     if (known != space->checksums.end() && known->second.stamp == state.stamp) {
       state.checksum = known->second.checksum;
@@ -397,7 +397,7 @@ int Pool::State(const NamespacePtr& space, std::string_view id, const Between& b
   if (!ChecksumOf(file.Get(), state.size, between, state.checksum)) {
     return -EIO;
   }
-  std::lock_guard lock(space->mutex);
+  sync::MutexLock lock(space->mutex);
   if (!state.beingWritten && space->sizes.count(key) > 0) {
     space->checksums.insert_or_assign(key, Namespace::Known{state.stamp, state.checksum});
   }
@@ -407,7 +407,7 @@ int Pool::State(const NamespacePtr& space, std::string_view id, const Between& b
 std::vector<bool> Pool::Exist(const std::vector<std::string>& ids) const {
   std::vector<bool> exist(ids.size());
   for (const NamespacePtr& space : All()) {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     for (std::size_t index = 0; index < ids.size(); ++index) {
       exist[index] = exist[index] || space->sizes.count(ids[index]) > 0;
     }
@@ -417,7 +417,7 @@ std::vector<bool> Pool::Exist(const std::vector<std::string>& ids) const {
 
 std::vector<NamespacePtr> Pool::All() const {
   std::vector<NamespacePtr> all;
-  std::shared_lock lock(mMutex);
+  sync::ReaderLock lock(mMutex);
   for (const auto& [name, space] : mNamespaces) {
     all.push_back(space);
   }
@@ -427,7 +427,7 @@ std::vector<NamespacePtr> Pool::All() const {
 std::vector<NamespaceInfo> Pool::Namespaces() const {
   std::vector<NamespaceInfo> infos;
   for (const NamespacePtr& space : All()) {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     infos.push_back({space->name, space->sizes.size(), space->charged});
   }
   return infos;
@@ -435,7 +435,7 @@ std::vector<NamespaceInfo> Pool::Namespaces() const {
 
 std::vector<ObjectInfo> Pool::Objects(const NamespacePtr& space) {
   std::vector<ObjectInfo> infos;
-  std::lock_guard lock(space->mutex);
+  sync::MutexLock lock(space->mutex);
   for (const auto& [id, size] : space->sizes) {
     infos.push_back({id, size});
   }
@@ -445,7 +445,7 @@ std::vector<ObjectInfo> Pool::Objects(const NamespacePtr& space) {
 std::uint64_t Pool::ObjectCount() const {
   std::uint64_t count = 0;
   for (const NamespacePtr& space : All()) {
-    std::lock_guard lock(space->mutex);
+    sync::MutexLock lock(space->mutex);
     count += space->sizes.size();
   }
   return count;

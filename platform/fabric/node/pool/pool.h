@@ -12,12 +12,11 @@
 #include "platform/fabric/node/pool/capacity.h"
 #include "platform/fabric/node/pool/pool_folder.h"
 #include "platform/fabric/protocol/remote_node.h"
+#include "platform/sync/mutex.h"
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -30,18 +29,20 @@ struct Namespace {
   const std::string name;
   const TokenHash token;
 
-  std::mutex mutex;  // guards destroyed, sizes, checksums and charged
-  bool destroyed = false;
-  std::unordered_map<std::string, std::uint64_t> sizes;  // of the objects, in bytes, by id
+  sync::Mutex mutex;
+  bool destroyed VYN_GUARDED_BY(mutex) = false;
+  /// Of the objects, in bytes, by id.
+  std::unordered_map<std::string, std::uint64_t> sizes VYN_GUARDED_BY(mutex);
   struct Known {
     std::uint64_t stamp;
     std::uint64_t checksum;
   };
-  std::unordered_map<std::string, Known> checksums;  // of objects that nobody wrote since the stamp
-  std::uint64_t charged = 0;                         // bytes of quota that the objects use
+  /// Of objects that nobody wrote since the stamp.
+  std::unordered_map<std::string, Known> checksums VYN_GUARDED_BY(mutex);
+  std::uint64_t charged VYN_GUARDED_BY(mutex) = 0;  // bytes of quota that the objects use
   /// Held while an object of this namespace is made larger, so that one call at a time does that. Taken
   /// before `mutex`.
-  std::mutex expanding;
+  sync::Mutex expanding;
 
   Namespace(std::string theName, const TokenHash& theToken) : name(std::move(theName)), token(theToken) {}
 };
@@ -116,8 +117,8 @@ class Pool {
   const std::uint16_t mNodeId;
   Capacity mCapacity;
   PoolFolder mFolder;
-  mutable std::shared_mutex mMutex;  // guards mNamespaces; taken before a namespace's mutex
-  std::map<std::string, NamespacePtr, std::less<>> mNamespaces;
+  mutable sync::SharedMutex mMutex;  // taken before a namespace's mutex
+  std::map<std::string, NamespacePtr, std::less<>> mNamespaces VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::fabric

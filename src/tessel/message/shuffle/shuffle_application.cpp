@@ -17,7 +17,7 @@ void ShuffleInfo::AddNewShuffleBlob(unsigned int partitionId, Ref<ShuffleBlob>& 
     VYN_LOG_ERROR("Unexpected nullptr value blob");
     return;
   }
-  const std::lock_guard lock(mMutex);
+  sync::MutexLock lock(mMutex);
   const auto place = mPartitions.find(partitionId);
   Ref<PartitionInfo> partition = place == mPartitions.end() ? nullptr : place->second;
   const bool fresh = partition == nullptr;
@@ -30,7 +30,7 @@ void ShuffleInfo::AddNewShuffleBlob(unsigned int partitionId, Ref<ShuffleBlob>& 
     partition->partitionId = partitionId;
   }
   {
-    const std::lock_guard partitionLock(partition->mMutex);
+    sync::MutexLock partitionLock(partition->mMutex);
     partition->mBlobs.push_back(blob);
   }
   if (fresh) {

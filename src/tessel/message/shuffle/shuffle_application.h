@@ -5,12 +5,11 @@
 // blob may be in several containers. An engine process uses ShuffleBlob alone.
 
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 #include "tessel/message/shuffle/shuffle_blob.h"
 
 #include <cstdint>
-#include <mutex>
 #include <set>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -20,8 +19,8 @@ namespace vyn::tessel {
 class PartitionInfo : public common::Referable {
  public:
   std::uint32_t partitionId = 0;
-  std::mutex mMutex;                             ///< guards mBlobs
-  std::vector<common::Ref<ShuffleBlob>> mBlobs;  ///< in the order of arrival
+  sync::Mutex mMutex;
+  std::vector<common::Ref<ShuffleBlob>> mBlobs VYN_GUARDED_BY(mMutex);  ///< in the order of arrival
 
   /// Always null, as are NULL_INSTANCE and NULL_APPLICATION below.
   static common::Ref<PartitionInfo> NULL_PARTITION_INFO;
@@ -34,8 +33,9 @@ class ShuffleInfo : public common::Referable {
   void AddNewShuffleBlob(unsigned int partitionId, common::Ref<ShuffleBlob>& blob);
 
   std::uint32_t shuffleId = 0;
-  std::mutex mMutex;  ///< guards mPartitions; taken before the mutex of a partition
-  std::unordered_map<unsigned int, common::Ref<PartitionInfo>> mPartitions;       ///< by partitionId
+  sync::Mutex mMutex;  ///< taken before the mutex of a partition
+  std::unordered_map<unsigned int, common::Ref<PartitionInfo>> mPartitions
+      VYN_GUARDED_BY(mMutex);                                                     ///< by partitionId
   std::unordered_map<unsigned int, common::Ref<common::Referable>> mOpaqueTable;  ///< the service's own
 
   static common::Ref<ShuffleInfo> NULL_INSTANCE;
@@ -46,7 +46,7 @@ class ApplicationInfo : public common::Referable {
  public:
   std::string mAppId;
   std::unordered_map<unsigned int, common::Ref<ShuffleInfo>> mShuffles;
-  std::shared_mutex mLock;
+  sync::SharedMutex mLock;
   std::unordered_map<std::uint64_t, common::Ref<ShuffleBlob>> mBlobs;
   std::unordered_map<unsigned int, std::set<unsigned int>> mOpaqueSets;
 

@@ -5,11 +5,11 @@
 // on which threads.
 
 #include "common/message/base_message.h"
+#include "platform/sync/mutex.h"
 
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -60,7 +60,7 @@ class ShuffleBlob : public common::BaseMessage {
   std::array<std::uint64_t, 8> mOpaqueWords{};
   std::array<bool, 4> mOpaqueFlags{};
   std::int64_t mOpaqueSigned = -1;
-  std::shared_mutex mOpaqueLock;  ///< the service decides what it guards
+  sync::SharedMutex mOpaqueLock;  ///< the service decides what it guards
   std::array<std::uint64_t, 4> mOpaqueMoreWords{};
   std::unordered_map<std::uint32_t, std::vector<std::uint64_t>> mOpaqueTable;
 

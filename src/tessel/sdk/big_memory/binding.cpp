@@ -4,13 +4,13 @@
 #include "common/log/logging.h"
 #include "common/util/input_check.h"
 #include "common/wait/claim_once.h"
+#include "platform/sync/mutex.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 #include "tessel/sdk/big_memory/link_security.h"
 #include "vyn/big_memory.h"
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 using vyn::Failed;
@@ -25,9 +25,9 @@ constexpr auto kClaimLimit = std::chrono::minutes(1);
 
 // Home and flag of the last successful BmInitialize. Never destroyed: a thread may still be inside a call
 // while the process exits.
-std::mutex g_savedMutex;  // guards g_vynHome and g_clientFlag
-std::string& g_vynHome = *new std::string;
-std::int32_t g_clientFlag = 0;
+vyn::sync::Mutex g_savedMutex;
+std::string& g_vynHome VYN_GUARDED_BY(g_savedMutex) = *new std::string;
+std::int32_t g_clientFlag VYN_GUARDED_BY(g_savedMutex) = 0;
 
 // Up while the library is initialised. IsUp makes the pointers of BigMemoryClientApi visible. Never
 // destroyed, as above.
@@ -43,7 +43,7 @@ unsigned int InitializeLibrary(const char* home, int clientFlag) {
   if (BigMemoryClientApi::apiBmInit(home, clientFlag) != 0) {
     return VYN_FAIL(VYN_ERR_BM_UNAVAILABLE, "Call BM_Init failed");
   }
-  std::lock_guard lock(g_savedMutex);
+  vyn::sync::MutexLock lock(g_savedMutex);
   g_vynHome = home;
   g_clientFlag = clientFlag;
   return VYN_OK;
@@ -62,7 +62,7 @@ unsigned int BmLazyInitialize() {
   std::string home;
   std::int32_t clientFlag = 0;
   {
-    std::lock_guard lock(g_savedMutex);
+    vyn::sync::MutexLock lock(g_savedMutex);
     home = g_vynHome;
     clientFlag = g_clientFlag;
   }

@@ -12,8 +12,6 @@
 #include "vyn/broadcast.h"
 
 #include <cstdint>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 
 using vyn::Failed;
@@ -57,7 +55,7 @@ unsigned int CheckLength(const BroadcastVarInfo& info, unsigned int blockId, voi
 
 /// Maps a block unless another thread has done it meanwhile. \param address receives the address.
 unsigned int MapBlock(const char* appId, BroadcastVarInfo& info, unsigned int blockId, void*& address) {
-  std::unique_lock lock(info.mBlockLock);
+  vyn::sync::WriterLock lock(info.mBlockLock);
   std::uint64_t& mapped = info.mRawAddrs[blockId];
   if (mapped != 0) {
     address = AsPointer(mapped);
@@ -98,7 +96,7 @@ std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcast
     return FailBlockId(blockId, name, *info);
   }
   {
-    std::shared_lock lock(info->mBlockLock);
+    vyn::sync::ReaderLock lock(info->mBlockLock);
     if (const std::uint64_t mapped = info->mRawAddrs[blockId]; mapped != 0) {
       *addr = AsPointer(mapped);
       return VYN_OK;
@@ -145,10 +143,10 @@ std::uint32_t ReleaseBroadcastBlockAddr(const char* appId, unsigned int broadcas
   }
   unsigned int status = VYN_OK;
   {
-    std::unique_lock lock(info->mBlockLock);
+    vyn::sync::WriterLock lock(info->mBlockLock);
     std::uint64_t& mapped = info->mRawAddrs[blockId];
     if (mapped == 0) {
-      lock.unlock();
+      lock.Unlock();
       VYN_LOG_DEBUG("Release don't exist raw address of block id: " << blockId);
       return VYN_OK;
     }
@@ -186,7 +184,7 @@ std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsig
     return VYN_ERR_GENERIC;
   }
   {
-    std::unique_lock lock(info->mBlockLock);
+    vyn::sync::WriterLock lock(info->mBlockLock);
     info->mUsed = true;  // the caller may have read other blocks
   }
   if (Failed(BmRead(info->mBmIds[blockId].c_str(), 0, info->mBlockSizes[blockId], buffer, 0, appId, token))) {

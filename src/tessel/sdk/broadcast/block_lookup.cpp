@@ -5,7 +5,6 @@
 #include "tessel/sdk/start_up/sdk_frame.h"
 
 #include <cerrno>
-#include <shared_mutex>
 
 namespace vyn::tessel {
 
@@ -65,7 +64,7 @@ common::Ref<BroadcastVarInfo> RenewIfStale(const char* appId, unsigned int broad
   if (!Failed(AskForBlocks(appId, broadcastId, present)) && present->bmIds != known->mBmIds) {
     bool used = false;
     {
-      std::shared_lock lock(known->mBlockLock);
+      sync::ReaderLock lock(known->mBlockLock);
       used = known->mUsed;
     }
     VYN_LOG_WARN("Broadcast variable " << name << " was deleted and created anew, its old blocks are gone");

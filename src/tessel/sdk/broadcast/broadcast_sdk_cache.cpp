@@ -2,7 +2,6 @@
 
 #include "common/log/logging.h"
 
-#include <mutex>
 #include <new>
 
 namespace vyn::tessel {
@@ -10,7 +9,7 @@ namespace vyn::tessel {
 using common::Ref;
 
 Ref<BroadcastVarInfo> BroadcastSdkCache::GetVarInfo(const std::string& name) {
-  std::shared_lock lock(mTableLock);
+  sync::ReaderLock lock(mTableLock);
   const auto found = mVarTable.find(name);
   return found == mVarTable.end() ? Ref<BroadcastVarInfo>() : found->second;
 }
@@ -31,7 +30,7 @@ Ref<BroadcastVarInfo> BroadcastSdkCache::GenerateVarInfo(const std::vector<std::
 
 bool BroadcastSdkCache::InsertVarInfo(const std::string& name, const std::vector<std::string>& bmIds,
                                       const std::vector<unsigned long>& blockSizes) {
-  std::unique_lock lock(mTableLock);
+  sync::WriterLock lock(mTableLock);
   const auto info = GenerateVarInfo(bmIds, blockSizes);
   if (info == nullptr) {
     VYN_LOG_ERROR("Failed to generate var info.");
@@ -47,17 +46,17 @@ bool BroadcastSdkCache::InsertVarInfo(const std::string& name, const std::vector
 }
 
 void BroadcastSdkCache::RemoveVarInfo(const std::string& name) {
-  std::unique_lock lock(mTableLock);
+  sync::WriterLock lock(mTableLock);
   mVarTable.erase(name);
 }
 
 void BroadcastSdkCache::RemoveAppInfo(const std::string& appName) {
-  std::unique_lock lock(mTableLock);
+  sync::WriterLock lock(mTableLock);
   std::erase_if(mVarTable, [&](const auto& entry) { return entry.first.starts_with(appName); });
 }
 
 void BroadcastSdkCache::CleanTable() {
-  std::unique_lock lock(mTableLock);
+  sync::WriterLock lock(mTableLock);
   mVarTable.clear();
 }
 

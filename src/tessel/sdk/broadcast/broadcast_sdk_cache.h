@@ -6,9 +6,9 @@
 // Any thread may call any operation. No thread holds mTableLock and the mBlockLock of an entry at once.
 
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <cstdint>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -23,15 +23,14 @@ class BroadcastVarInfo : public common::Referable {
   /// The object id of each block. Constant after creation.
   std::vector<std::string> mBmIds;
   /// The address of each block in this process; 0 for one that is not mapped. Has as many elements as mBmIds.
-  /// Guarded by mBlockLock.
-  std::vector<std::uint64_t> mRawAddrs;
+  std::vector<std::uint64_t> mRawAddrs VYN_GUARDED_BY(mBlockLock);
   /// The size of each block in bytes. Constant after creation.
   std::vector<unsigned long> mBlockSizes;
   /// Whether a block was mapped or read. Then no other variable of this number may take the entry's place:
-  /// the caller would mix the blocks of both. Guarded by mBlockLock.
-  bool mUsed = false;
-  /// Guards mRawAddrs and mUsed. A thread may hold it during a big-memory call.
-  std::shared_mutex mBlockLock;
+  /// the caller would mix the blocks of both.
+  bool mUsed VYN_GUARDED_BY(mBlockLock) = false;
+  /// A thread may hold it during a big-memory call.
+  sync::SharedMutex mBlockLock;
 };
 
 class BroadcastSdkCache : public common::Referable {
@@ -59,9 +58,8 @@ class BroadcastSdkCache : public common::Referable {
   void CleanTable();
 
  private:
-  /// Guarded by mTableLock.
-  std::unordered_map<std::string, common::Ref<BroadcastVarInfo>> mVarTable;
-  std::shared_mutex mTableLock;
+  std::unordered_map<std::string, common::Ref<BroadcastVarInfo>> mVarTable VYN_GUARDED_BY(mTableLock);
+  sync::SharedMutex mTableLock;
 };
 
 }  // namespace vyn::tessel

@@ -3,6 +3,7 @@
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
+#include "platform/sync/mutex.h"
 #include "tessel/sdk/heart_beat/heart_beat_thread.h"
 
 #include <unistd.h>
@@ -15,7 +16,7 @@ namespace vyn::common {
 // Never destroyed: a sender that hangs in a call may still use it while the process exits.
 std::unordered_map<std::string, Ref<HeartBeatThread>>& BaseApiUtil::g_HeartBeatFlag =
     *new std::unordered_map<std::string, Ref<HeartBeatThread>>;
-std::mutex BaseApiUtil::heartBeatLock;
+sync::Mutex BaseApiUtil::heartBeatLock;
 
 namespace {
 
@@ -30,7 +31,7 @@ struct SenderShutdown {
       return;  // a forked child has the registry but not its threads
     }
     std::chrono::milliseconds patience{1000};
-    std::lock_guard lock(BaseApiUtil::heartBeatLock);
+    sync::MutexLock lock(BaseApiUtil::heartBeatLock);
     for (const auto& [name, sender] : BaseApiUtil::g_HeartBeatFlag) {
       sender->RequestStop();
     }
@@ -71,12 +72,12 @@ unsigned int BaseApiUtil::StopHeartBeat(const std::string& appName, unsigned cha
 }
 
 unsigned int BaseApiUtil::PutIfAbsent(const std::string& appName, const Ref<HeartBeatThread>& thread) {
-  std::lock_guard lock(heartBeatLock);
+  sync::MutexLock lock(heartBeatLock);
   return g_HeartBeatFlag.emplace(appName, thread).second ? VYN_OK : VYN_ERR_GENERIC;
 }
 
 unsigned int BaseApiUtil::GetIfExist(const std::string& appName, Ref<HeartBeatThread>& thread) {
-  std::lock_guard lock(heartBeatLock);
+  sync::MutexLock lock(heartBeatLock);
   const auto found = g_HeartBeatFlag.find(appName);
   if (found == g_HeartBeatFlag.end()) {
     return VYN_ERR_GENERIC;

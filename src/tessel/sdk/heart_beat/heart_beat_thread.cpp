@@ -30,12 +30,12 @@ HeartBeatThread::HeartBeatThread(std::string appName, unsigned char processType,
       mContent(std::move(content)) {}
 
 HeartBeatThread::~HeartBeatThread() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   EndThread();
 }
 
 unsigned int HeartBeatThread::Start() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   if (mRunning) {
     return VYN_OK;
   }
@@ -59,7 +59,7 @@ unsigned int HeartBeatThread::Start() {
 }
 
 unsigned int HeartBeatThread::Stop() {
-  std::lock_guard lock(mLock);
+  sync::MutexLock lock(mLock);
   if (!mRunning) {
     return VYN_OK;
   }
@@ -69,7 +69,6 @@ unsigned int HeartBeatThread::Stop() {
   return VYN_OK;
 }
 
-// Requires: mLock.
 void HeartBeatThread::EndThread() {
   mRunning = false;
   if (mHbThread == nullptr) {
@@ -78,13 +77,12 @@ void HeartBeatThread::EndThread() {
   {
     // The thread holds the lock except while it waits. So it is waiting now, or it will read mRunning before
     // it waits.
-    std::lock_guard lock(mCondLock);
-    mCond.notify_all();
+    sync::MutexLock lock(mCondLock);
+    mCond.NotifyAll();
   }
   JoinThread();
 }
 
-// Requires: mLock, and that the thread has been told to stop.
 void HeartBeatThread::JoinThread() {
   mHbThread->join();
   delete mHbThread;
@@ -92,7 +90,7 @@ void HeartBeatThread::JoinThread() {
 }
 
 void HeartBeatThread::Task() {
-  std::unique_lock lock(mCondLock);
+  sync::MutexLock lock(mCondLock);
   while (mRunning) {
     try {
       Send(true);
@@ -125,13 +123,16 @@ unsigned int HeartBeatThread::Send(bool isAlive) {
 
 void HeartBeatThread::RequestStop() {
   mRunning = false;
-  mCond.notify_all();
+  mCond.NotifyAll();
 }
 
 void HeartBeatThread::JoinWithin(std::chrono::milliseconds& patience) {
   constexpr std::chrono::milliseconds kPause{1};
-  std::unique_lock lock(mLock, std::try_to_lock);
-  if (!lock.owns_lock() || mHbThread == nullptr) {
+  if (!mLock.try_lock()) {
+    return;
+  }
+  sync::MutexLock lock(mLock, std::adopt_lock);
+  if (mHbThread == nullptr) {
     return;
   }
   while (!mEnded && patience > kPause) {
@@ -139,7 +140,7 @@ void HeartBeatThread::JoinWithin(std::chrono::milliseconds& patience) {
     patience -= kPause;
     // Notify again: without mCondLock, which a hanging call may hold, a notification can come just before the
     // wait.
-    mCond.notify_all();
+    mCond.NotifyAll();
   }
   if (mEnded) {
     JoinThread();

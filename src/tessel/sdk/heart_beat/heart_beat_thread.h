@@ -6,11 +6,10 @@
 // thread sends one every 2 seconds. A failed heartbeat is logged, and the sender continues.
 
 #include "common/util/ref.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -51,18 +50,19 @@ class HeartBeatThread : public Referable {
   std::string mContent;
 
  private:
-  void EndThread();
-  void JoinThread();
+  void EndThread() VYN_REQUIRES(mLock);
+  /// Requires: the thread has been told to stop.
+  void JoinThread() VYN_REQUIRES(mLock);
 
-  std::thread* mHbThread = nullptr;  ///< guarded by mLock
+  std::thread* mHbThread VYN_GUARDED_BY(mLock) = nullptr;
   /// Written under mLock, except by RequestStop, which takes no lock.
   std::atomic<bool> mRunning{false};
   std::atomic<bool> mEnded{false};  ///< the thread sets it last
   /// Held by Start and Stop from start to end, also during their heartbeat. Taken before mCondLock.
-  std::mutex mLock;
+  sync::Mutex mLock;
   /// The mutex of mCond. The thread holds it whenever it does not wait, also during a heartbeat.
-  std::mutex mCondLock;
-  std::condition_variable mCond;  ///< wakes the thread before its period ends
+  sync::Mutex mCondLock;
+  sync::Condition mCond;  ///< wakes the thread before its period ends
 };
 
 }  // namespace vyn::common

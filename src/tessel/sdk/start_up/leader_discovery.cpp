@@ -14,9 +14,6 @@
 #include "tessel/sdk/broadcast/base_api_broadcast.h"
 #include "tessel/sdk/start_up/sdk_frame.h"
 
-#include <mutex>
-#include <shared_mutex>
-
 using vyn::Failed;
 using vyn::cluster::ClusterZKAdapter;
 using vyn::cluster::SessionKeeper;
@@ -114,7 +111,7 @@ unsigned int BroadcastMetaLeaderInfoGet() try {
   }
   VYN_CHECK_POINTER(g_metaNode_broadcast);
   {
-    std::unique_lock lock(g_metaNode_broadcast->mLeaderLock);
+    vyn::sync::WriterLock lock(g_metaNode_broadcast->mLeaderLock);
     g_metaNode_broadcast->mLeaderAddress = response->metaLeaderInfo;
   }
   VYN_LOG_DEBUG("Broadcast get meta leader ip from shuffle server success");
