@@ -64,8 +64,8 @@ const char* BindAll(void* ssl, void* crypto, Api& api) {
 }
 
 int Open(const std::string& sslPath, const std::string& cryptoPath) VYN_REQUIRES(gMutex) {
-  // libcrypto goes first: libssl then finds it by its name among the loaded libraries and needs no search of
-  // its own. Both stay out of the global scope, so that another OpenSSL in the host process is not disturbed.
+  // libcrypto first: the loader then finds it by its name for libssl and searches no folders. RTLD_LOCAL
+  // keeps both apart from another OpenSSL in the host process.
   Library crypto(dlopen(cryptoPath.c_str(), RTLD_NOW | RTLD_LOCAL));
   if (!crypto) {
     return Fail(OPENSSL_DL_CANNOT_OPEN, "Cannot open the library " + cryptoPath + ": " + LoaderText());
@@ -92,8 +92,8 @@ int Open(const std::string& sslPath, const std::string& cryptoPath) VYN_REQUIRES
     return Fail(OPENSSL_DL_MISSING_FUNCTION,
                 sslPath + " and " + cryptoPath + " lack the function " + std::string(missing));
   }
-  // The libraries stay open, and threads of the host may be in a call while its process ends: nothing is to
-  // be taken from under them then.
+  // The libraries stay open, and a thread of the host may be in a call while the process ends: OpenSSL must
+  // not free its state at exit.
   api.OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
   gSslPath = sslPath;
   gCryptoPath = cryptoPath;

@@ -1,10 +1,9 @@
 #pragma once
 
-// Opens the two libraries of OpenSSL that the configuration names, and hands out their functions.
+// Opens the two libraries of OpenSSL that the configuration names, and gives a table of their functions.
 //
-// No binary of the system is linked with OpenSSL: the TLS layer calls it only through the table that Get()
-// returns. One pair of libraries a process; once opened they stay open. All functions may be called from any
-// thread.
+// No program or library of ours is linked with OpenSSL: platform/tls calls it only through this table. A
+// process opens one pair of libraries, which then stay open. All functions may be called from any thread.
 
 #include "platform/openssl_dl/openssl_functions.h"
 
@@ -21,7 +20,7 @@
 
 namespace vyn::openssl_dl {
 
-/// The functions, each under its own name: api->SSL_new(context). None is null.
+/// The functions, each under its own name: api->SSL_new(context). No member is null.
 struct Api {
 #define VYN_OPENSSL_MEMBER(FUNCTION) decltype(&::FUNCTION) FUNCTION;
   VYN_OPENSSL_CRYPTO_FUNCTIONS(VYN_OPENSSL_MEMBER)
@@ -36,20 +35,20 @@ const Api* Get();
 
 extern "C" {
 
-/// Answers of SetOpensslDLopenLibPath.
+/// Results of SetOpensslDLopenLibPath.
 enum OpensslDLResult : int {
   OPENSSL_DL_OK = 1,
   OPENSSL_DL_BAD_ARGUMENT = 2,      ///< a path is null or empty
   OPENSSL_DL_CANNOT_OPEN = 3,       ///< the dynamic loader refused a library
   OPENSSL_DL_WRONG_VERSION = 4,     ///< not OpenSSL 3
   OPENSSL_DL_MISSING_FUNCTION = 5,  ///< a library lacks a function of the table
-  OPENSSL_DL_MISMATCH = 6,          ///< libssl runs on another libcrypto than the one named
+  OPENSSL_DL_MISMATCH = 6,          ///< libssl uses another libcrypto than the given one
   OPENSSL_DL_OTHER_PATHS = 7,       ///< this process has opened other libraries already
 };
 
-/// Opens both libraries and fills the table. With the same two paths as before it does nothing and answers 1.
-/// Returns: OPENSSL_DL_OK, which is 1, or another OpensslDLResult; then nothing has changed and
-/// OpensslDLGetLastMessage() tells what was wrong.
+/// Opens both libraries and fills the table. Called again with the same paths, does nothing and returns 1.
+/// Returns: OPENSSL_DL_OK, which is 1, or another OpensslDLResult; then nothing has changed, and
+/// OpensslDLGetLastMessage() has the reason.
 int SetOpensslDLopenLibPath(const char* sslPath, const char* cryptoPath);
 
 /// Returns: this thread's last failure in this library, or the empty text. Valid until the thread's next

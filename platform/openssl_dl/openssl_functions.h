@@ -1,11 +1,11 @@
 #pragma once
 
-// Every function that the TLS layer may call. The list holds functions only: what a header offers as a macro
-// is reached through the function behind it (SSL_set_tlsext_host_name through SSL_ctrl, OPENSSL_free through
-// CRYPTO_free, sk_X509_num through OPENSSL_sk_num). A new call needs one line here; the types come from the
+// Every function that platform/tls may call. The list has functions only. For a macro of OpenSSL it has the
+// function that the macro calls: SSL_ctrl for SSL_set_tlsext_host_name, CRYPTO_free for OPENSSL_free,
+// OPENSSL_sk_num for sk_X509_num. A call of another function needs a line here. The types come from the
 // OpenSSL headers.
 //
-// Use: define a macro of one argument and hand it to the list.
+// Use: define a macro of one argument and pass it to the list.
 
 /// From libcrypto.
 #define VYN_OPENSSL_CRYPTO_FUNCTIONS(X) \

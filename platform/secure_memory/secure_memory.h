@@ -1,7 +1,7 @@
 #pragma once
 
-// Bounds-checked memory operations: the room of the destination is always given, and an operation that does
-// not fit does nothing but say so.
+// Bounds-checked memory operations. The caller gives the size of the destination; an operation that does not
+// fit copies nothing and returns an error. Threads: any; there is no state.
 
 #include <cstddef>
 
@@ -10,7 +10,7 @@ extern "C" {
 /// Result of an operation that refused its arguments; 0 is success.
 enum SecureMemoryResult : int {
   SECURE_OK = 0,
-  SECURE_NULL = 22,   ///< a null pointer (EINVAL)
+  SECURE_NULL = 22,   ///< a pointer is null (EINVAL)
   SECURE_RANGE = 34,  ///< the destination is too small (ERANGE)
 };
 

@@ -1,7 +1,8 @@
 #pragma once
 
-// How this process secures the connections that libraries make which it opens at run time. The set-up of the
-// process fills this before it opens them; their functions have no argument for it. Threads: any.
+// The TLS setting for connections that are made by libraries which this process opens at run time. The
+// functions of those libraries have no argument for it, so the process sets it before it opens them. Threads:
+// any.
 
 #include "platform/tls/tls_context.h"
 
@@ -11,11 +12,11 @@
 namespace vyn::tls {
 
 struct ClientSetting {
-  /// Whether every such connection is under TLS. Off until it is set.
+  /// Whether every such connection uses TLS.
   bool enabled = false;
   /// The entries of TlsContext::ForClient.
   TlsContext::SecurityMap security;
-  /// Receives the reason when a connection was refused; may be null. Called by any thread.
+  /// Called with the reason when a connection was refused, by any thread; may be null.
   std::function<void(const std::string& text)> report;
 };
 

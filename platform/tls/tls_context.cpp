@@ -14,8 +14,8 @@ std::string Entry(const TlsContext::SecurityMap& conf, const char* key) {
   return entry == conf.end() ? std::string() : entry->second;
 }
 
-/// Gives OpenSSL the password of a private key; without one the key is refused and nobody is asked at a
-/// terminal.
+/// Gives OpenSSL the password of a private key. Without a password OpenSSL refuses the key and does not
+/// prompt at a terminal.
 int GivePassword(char* buffer, int size, int /*writing*/, void* password) {
   const auto* text = static_cast<const std::string*>(password);
   if (text == nullptr || size < 0 || text->size() > static_cast<std::size_t>(size)) {
@@ -45,7 +45,7 @@ std::shared_ptr<TlsContext> TlsContext::New(bool server, std::string& error) {
   made->mContext = api->SSL_CTX_new(server ? api->TLS_server_method() : api->TLS_client_method());
   if (made->mContext == nullptr ||
       api->SSL_CTX_ctrl(made->mContext, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_3_VERSION, nullptr) != 1) {
-    error = "cannot set TLS 1.3 up: " + TlsErrorText(api);
+    error = "cannot set up TLS 1.3: " + TlsErrorText(api);
     return nullptr;
   }
   api->SSL_CTX_ctrl(made->mContext, SSL_CTRL_MODE,
@@ -140,7 +140,7 @@ bool TlsContext::LoadIdentity(const SecurityMap& conf, std::string& error) {
   }
   mApi->SSL_CTX_set_default_passwd_cb_userdata(mContext, nullptr);
   mApi->OPENSSL_cleanse(password.data(), password.size());
-  // One ticket is what a client of ours keeps.
+  // A client of ours keeps one ticket.
   mApi->SSL_CTX_set_num_tickets(mContext, 1);
   return error.empty();
 }

@@ -1,11 +1,12 @@
 #pragma once
 
-// What TLS needs to know before a connection: the trust of a client, or the identity of a server. TLS 1.3
-// only, through the libraries that platform/openssl_dl has opened.
+// What the streams of one side share: the certificate authorities of a client, or certificate and key of a
+// server. TLS 1.3 only, through the libraries that platform/openssl_dl has opened.
 //
-// Several threads may use a context at once, each its own streams of it. A client's context also keeps the
+// Several threads may use a context at once, each with streams of its own. A client's context also keeps the
 // session of the stream that was closed last (Stream::Close), so that the next handshake needs no
-// certificates; only one thread at a time may close streams of a client's context.
+// certificates. So Stream::Close of a client must not run while another thread opens or closes a stream of
+// the same context.
 
 #include "platform/net/stream.h"
 
@@ -24,21 +25,21 @@ namespace vyn::tls {
 
 class TlsContext : public std::enable_shared_from_this<TlsContext> {
  public:
-  /// Settings by name, as the process set-up makes them out of the configuration.
+  /// The settings by name; the start-up of the process makes them from the configuration.
   using SecurityMap = std::map<std::string, const std::string>;
 
-  /// Takes "tls.ca.cert.path", and if they are there "tls.crl.path" and "tls.peer.name", the name or address
-  /// that the peer's certificate must have. Returns: null with `error` filled.
+  /// Reads "tls.ca.cert.path" and, if present, "tls.crl.path" and "tls.peer.name", the name or address that
+  /// the peer's certificate must have. Returns: the context, or null with the reason in `error`.
   static std::shared_ptr<TlsContext> ForClient(const SecurityMap& conf, std::string& error);
-  /// Takes "tls.cert.path", "tls.key.path", "tls.key.encrypted" ("true" or not), "tls.key.pass.path".
-  /// Returns: null with `error` filled.
+  /// Reads "tls.cert.path", "tls.key.path", "tls.key.encrypted" ("true" or not) and "tls.key.pass.path".
+  /// Returns: the context, or null with the reason in `error`.
   static std::shared_ptr<TlsContext> ForServer(const SecurityMap& conf, std::string& error);
 
   ~TlsContext();
   TlsContext(const TlsContext&) = delete;
   TlsContext& operator=(const TlsContext&) = delete;
 
-  /// A stream of this side over a connected socket. Null without memory.
+  /// Returns: a stream over a connected socket; null without memory.
   std::unique_ptr<net::Stream> NewStream(int descriptor);
 
  private:
@@ -57,7 +58,7 @@ class TlsContext : public std::enable_shared_from_this<TlsContext> {
   std::string mPeerName;
 };
 
-/// Returns: what OpenSSL's oldest recorded error of this thread says.
+/// Returns: the text of the oldest error in OpenSSL's error queue of this thread.
 std::string TlsErrorText(const openssl_dl::Api* api);
 
 }  // namespace vyn::tls

@@ -21,8 +21,8 @@ int DescriptorOf(BIO* bio) {
   return static_cast<int>(reinterpret_cast<std::intptr_t>(openssl_dl::Get()->BIO_get_data(bio)));
 }
 
-// OpenSSL's own socket BIO writes without MSG_NOSIGNAL; a library must not let its host die of a closed
-// connection.
+// A BIO of our own: OpenSSL's socket BIO writes without MSG_NOSIGNAL, so a write to a closed connection would
+// end the host process by SIGPIPE.
 
 int Finish(BIO* bio, ssize_t result, int retryFlag) {
   const openssl_dl::Api* api = openssl_dl::Get();
@@ -39,7 +39,7 @@ int WriteSocket(BIO* bio, const char* data, int size) {
 }
 
 int ReadSocket(BIO* bio, char* data, int size) {
-  errno = 0;  // a plain end of the connection sets none: what stood there is of something else
+  errno = 0;  // the end of the connection does not set errno, and an older value would stay
   return Finish(bio, recv(DescriptorOf(bio), data, static_cast<std::size_t>(size), 0), BIO_FLAGS_READ);
 }
 
@@ -70,7 +70,7 @@ class TlsStream : public net::Stream {
 
   ~TlsStream() override {
     if (mSsl != nullptr) {
-      // Freed without this mark, the session could not be taken up again.
+      // Without this mark SSL_free would make the session unusable for a later handshake.
       mApi->SSL_set_shutdown(mSsl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
       mApi->SSL_free(mSsl);
     }
@@ -144,7 +144,7 @@ class TlsStream : public net::Stream {
   bool HasBuffered() const override { return mApi->SSL_has_pending(mSsl) == 1; }
 
   bool IsStale() override {
-    // Bytes may be waiting that say nothing to the caller, such as a new ticket; reading takes them in.
+    // Bytes that are not data of the peer, such as a new ticket, may be waiting; SSL_read consumes them.
     char byte;
     return Read(&byte, 1).mState != net::IoState::kWantRead;
   }
@@ -209,7 +209,7 @@ class TlsStream : public net::Stream {
   const openssl_dl::Api* const mApi;
   SSL* mSsl = nullptr;
   std::unique_ptr<char[]> mRecord;
-  bool mBroken = false;  // nothing may be sent any more
+  bool mBroken = false;  // nothing more may be sent
 };
 
 std::unique_ptr<net::Stream> TlsContext::NewStream(int descriptor) {

@@ -18,7 +18,7 @@ namespace {
 constexpr std::chrono::seconds kReopenInterval{1};
 constexpr mode_t kPrivateMode = 0600;
 
-/// Makes a missing file with the private mode before anything is written, and narrows one that is there.
+/// Makes a missing file with the private mode before anything is written; an existing one gets that mode.
 void MakePrivate(const std::string& path) {
   namespace os = spdlog::details::os;
   os::create_dir(os::dir_name(path));
@@ -33,8 +33,8 @@ void MakePrivate(const std::string& path) {
   }
 }
 
-/// spdlog's rotating file, left alone once it has thrown: after a failed rotation it holds no open file and
-/// would write through a null pointer.
+/// Writes through spdlog's rotating file sink, and destroys it once it has thrown: after a failed rotation it
+/// has no open file and would write through a null pointer.
 class FileSink : public spdlog::sinks::base_sink<std::mutex> {
  public:
   explicit FileSink(const FileSinkOptions& options) : mOptions(options) { Open(); }
@@ -52,7 +52,7 @@ class FileSink : public spdlog::sinks::base_sink<std::mutex> {
       throw;
     }
   }
-  void flush_() override {}  // every line is flushed as it comes
+  void flush_() override {}  // sink_it_ flushes each line
 
  private:
   void Open() {
@@ -77,7 +77,7 @@ class FileSink : public spdlog::sinks::base_sink<std::mutex> {
   }
 
   const FileSinkOptions mOptions;
-  // Guarded by the base class's mutex, which is held by all the functions above.
+  // Guarded by the mutex of spdlog's base class, which holds it when it calls the functions above.
   std::unique_ptr<spdlog::sinks::rotating_file_sink_st> mFile;
   std::chrono::steady_clock::time_point mReopenAt{};
 };

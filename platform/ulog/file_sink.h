@@ -17,9 +17,9 @@ struct FileSinkOptions {
   bool isPrivate;       ///< mode 0600, whatever the umask and an older file say
 };
 
-/// Throws spdlog::spdlog_ex, with the reason, when the file cannot be opened. Later failures lose lines:
-/// log() throws, which a spdlog::logger takes as a complaint, and the file is opened anew at most once a
-/// second.
+/// Throws spdlog::spdlog_ex, with the reason, when the file cannot be opened. A line that cannot be written
+/// later is lost: log() throws, and the spdlog::logger reports it on standard error. The sink tries to open
+/// the file again, at most once a second. Threads: any.
 std::shared_ptr<spdlog::sinks::sink> MakeFileSink(const FileSinkOptions& options);
 
 }  // namespace vyn::utilities::log

@@ -6,10 +6,10 @@
 // is silent. All functions may be called from any thread, ULOG_Init and ULOG_AuditInit also while other
 // threads log.
 //
-// Every line is handed to the operating system at once, so that nothing is lost when the process ends,
-// however it ends, and a reader of the file sees a line when it is written. A line that cannot be written (a
-// full disk) is lost with a complaint on standard error, at most one a second; the process goes on, and the
-// file is opened anew until it works.
+// Each line is written to the file at once: no line is lost when the process ends or is killed, and a reader
+// of the file sees each line immediately. A line that cannot be written, for example on a full disk, is lost.
+// The logger reports that on standard error, at most once a second, and tries once a second to open the file
+// again.
 //
 // A line is "<date> <time with microseconds> <level> [<process id>:<thread id>] <text>".
 
@@ -32,8 +32,8 @@ class ULog {
   /// Whether debug lines are written. Set when the level given to ULOG_Init is debug or trace.
   bool mDebugEnabled = false;
 
-  /// Null until ULOG_Init has succeeded. What it has once pointed at is never deleted or changed: a thread
-  /// may log through it until the very end of the process.
+  /// Null until ULOG_Init has succeeded. An object that it has pointed to is never deleted or changed: a
+  /// thread may use it until the end of the process.
   static std::atomic<ULog*> gLogger;
 };
 
@@ -47,12 +47,12 @@ enum ULogType : int {
   ULOG_TYPE_STDERR = 2,  ///< standard error
 };
 
-/// Sets the process logger up, or replaces it.
+/// Makes the process logger, or replaces it.
 /// \param type a ULogType. \param level 0 to 5.
 /// \param path, fileSize, fileCount only read for ULOG_TYPE_FILE: the file, whose missing folders are made;
 /// the MiB at which it rotates; how many older files are kept ("x.log" becomes "x.1.log", and so on). Both
-/// numbers at least 1. \return 0 on success; otherwise ULOG_GetLastErrorMessage() tells what was wrong and
-/// the old logger stays.
+/// numbers at least 1. \return 0 on success; otherwise ULOG_GetLastErrorMessage() has the reason, and the old
+/// logger stays.
 int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount);
 
 /// Opens the audit log, a rotating file of mode 0600, or replaces it. Arguments and result as in ULOG_Init.

@@ -34,14 +34,12 @@ class SessionKeeper {
  private:
   SessionKeeper() = default;
   void Run();
-  /// Requires: mMutex.
-  std::uint32_t Renew();
+  std::uint32_t Renew() VYN_REQUIRES(mMutex);
 
   sync::Mutex mMutex;
-  // Guarded by mMutex.
-  common::Ref<ClusterZKAdapter> mAdapter;
-  int mSessionTimeout = 0;
-  bool mStarted = false;
+  common::Ref<ClusterZKAdapter> mAdapter VYN_GUARDED_BY(mMutex);
+  int mSessionTimeout VYN_GUARDED_BY(mMutex) = 0;
+  bool mStarted VYN_GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace vyn::cluster

@@ -56,39 +56,34 @@ Configuration::Configuration() { LoadDefault(); }
 
 void Configuration::AddStrConf(const std::pair<std::string, std::string>& kv, const Ref<Validator>& validator,
                                unsigned int flags) {
-  sync::MutexLock lock(mLock);
-  mStrConf[kv.first] = kv.second;
+  Set(kv.first, kv.second);
   mTypeMap[kv.first] = CONF_STRING;
   SetValidator(kv.first, validator, flags);
 }
 
 void Configuration::AddIntConf(const std::pair<std::string, int>& kv, const Ref<Validator>& validator,
                                unsigned int flags) {
-  sync::MutexLock lock(mLock);
-  mIntConf[kv.first] = kv.second;
+  Set(kv.first, kv.second);
   mTypeMap[kv.first] = CONF_INT;
   SetValidator(kv.first, validator, flags);
 }
 
 void Configuration::AddLongConf(const std::pair<std::string, long>& kv, const Ref<Validator>& validator,
                                 unsigned int flags) {
-  sync::MutexLock lock(mLock);
-  mLongConf[kv.first] = kv.second;
+  Set(kv.first, kv.second);
   mTypeMap[kv.first] = CONF_LONG;
   SetValidator(kv.first, validator, flags);
 }
 
 void Configuration::AddFltConf(const std::pair<std::string, float>& kv, const Ref<Validator>& validator,
                                unsigned int flags) {
-  sync::MutexLock lock(mLock);
-  mFloatConf[kv.first] = kv.second;
+  Set(kv.first, kv.second);
   mTypeMap[kv.first] = CONF_FLOAT;
   SetValidator(kv.first, validator, flags);
 }
 
 void Configuration::AddBoolConf(const std::pair<std::string, bool>& kv) {
-  sync::MutexLock lock(mLock);
-  mBoolConf[kv.first] = kv.second;
+  Set(kv.first, kv.second);
   mTypeMap[kv.first] = CONF_BOOL;
 }
 

@@ -13,12 +13,52 @@ namespace vyn::tessel {
 using common::BaseMessage;
 using common::IsIdentifier;
 
+/// A call with a request about one application.
+struct ApplicationCall {
+  short opcode;
+  const char* request;  ///< its name in the log
+  const char* refusal;  ///< the error text for an invalid application
+  const char* failure;  ///< the beginning of the text for a failed call
+};
+
 namespace {
 
 /// For one attempt to send a heartbeat.
 constexpr std::chrono::seconds kHeartBeatLimit{10};
 
+constexpr ApplicationCall kBroadcastVarNew{
+    BROADCAST_VAR_NEW, "var", "Application Id does not compliance with specifications in broadcast var new",
+    "Rpc failed to send create broadcast var as "};
+constexpr ApplicationCall kBroadcastVarRemove{
+    BROADCAST_VAR_REMOVE, "var",
+    "Broadcast variable appId does not compliance with specifications in remove action",
+    "Rpc failed to send remove broadcast var as "};
+constexpr ApplicationCall kBroadcastVarGet{
+    BROADCAST_VAR_GET, "var",
+    "Broadcast variable appId does not compliance with specifications in get action",
+    "Rpc failed to send get broadcast variable info as "};
+constexpr ApplicationCall kBroadcastVarInfoAdd{
+    BROADCAST_VAR_INFO_ADD, "info",
+    "Broadcast variable appId does not compliance with specifications in remove action",
+    "Rpc failed to send var info add message as "};
+constexpr ApplicationCall kBroadcastBlockInfoAdd{
+    BROADCAST_BLOCK_INFO_ADD, "info",
+    "Broadcast variable appId does not compliance with specifications in remove action",
+    "Rpc failed to send block info add message as "};
+constexpr ApplicationCall kBroadcastBlockInfoGet{
+    BROADCAST_BLOCK_INFO_GET, "request",
+    "Application Id does not compliance with specifications in broadcast block info fetch",
+    "Rpc failed to send block info fetch message as "};
+
 }  // namespace
+
+template <typename Request>
+std::uint32_t ShuffleMetaRPCEngine::Call(const ApplicationCall& call, const Ref<Request>& request,
+                                         const Ref<BaseMessage>& response) {
+  VYN_CHECK_POINTER_NAMED(request, call.request);
+  VYN_FAIL_IF(!IsIdentifier(request->appId), VYN_ERR_INVALID_PARAM, call.refusal);
+  return Call(call.opcode, request, response, call.failure);
+}
 
 std::uint32_t ShuffleMetaRPCEngine::HeartBeat(const std::string& appName, unsigned char processType,
                                               const std::string& processName, const std::string& content,
@@ -51,50 +91,29 @@ std::uint32_t ShuffleMetaRPCEngine::AppRemove(const std::string& appId) {
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarNew(const Ref<BroadcastVar>& var) {
-  VYN_CHECK_POINTER(var);
-  VYN_FAIL_IF(!IsIdentifier(var->appId), VYN_ERR_INVALID_PARAM,
-              "Application Id does not compliance with specifications in broadcast var new");
-  return Call(BROADCAST_VAR_NEW, var, BaseMessage::gNullPtr, "Rpc failed to send create broadcast var as ");
+  return Call(kBroadcastVarNew, var, BaseMessage::gNullPtr);
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarRemove(const Ref<BroadcastVar>& var) {
-  VYN_CHECK_POINTER(var);
-  VYN_FAIL_IF(!IsIdentifier(var->appId), VYN_ERR_INVALID_PARAM,
-              "Broadcast variable appId does not compliance with specifications in remove action");
-  return Call(BROADCAST_VAR_REMOVE, var, BaseMessage::gNullPtr,
-              "Rpc failed to send remove broadcast var as ");
+  return Call(kBroadcastVarRemove, var, BaseMessage::gNullPtr);
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarInfoGet(const Ref<BroadcastVar>& var,
                                                         Ref<BroadcastBlockInfo>& info) {
-  VYN_CHECK_POINTER(var);
-  VYN_FAIL_IF(!IsIdentifier(var->appId), VYN_ERR_INVALID_PARAM,
-              "Broadcast variable appId does not compliance with specifications in get action");
-  return Call(BROADCAST_VAR_GET, var, info, "Rpc failed to send get broadcast variable info as ");
+  return Call(kBroadcastVarGet, var, info);
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastVarInfoAdd(const Ref<BroadcastBlockInfo>& info) {
-  VYN_CHECK_POINTER(info);
-  VYN_FAIL_IF(!IsIdentifier(info->appId), VYN_ERR_INVALID_PARAM,
-              "Broadcast variable appId does not compliance with specifications in remove action");
-  return Call(BROADCAST_VAR_INFO_ADD, info, BaseMessage::gNullPtr,
-              "Rpc failed to send var info add message as ");
+  return Call(kBroadcastVarInfoAdd, info, BaseMessage::gNullPtr);
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastBlockInfoAdd(const Ref<BroadcastBlockInfo>& info) {
-  VYN_CHECK_POINTER(info);
-  VYN_FAIL_IF(!IsIdentifier(info->appId), VYN_ERR_INVALID_PARAM,
-              "Broadcast variable appId does not compliance with specifications in remove action");
-  return Call(BROADCAST_BLOCK_INFO_ADD, info, BaseMessage::gNullPtr,
-              "Rpc failed to send block info add message as ");
+  return Call(kBroadcastBlockInfoAdd, info, BaseMessage::gNullPtr);
 }
 
 std::uint32_t ShuffleMetaRPCEngine::BroadcastBlockInfoFetch(const Ref<BlockInfoRequest>& request,
                                                             Ref<BlockBmInfo>& info) {
-  VYN_CHECK_POINTER(request);
-  VYN_FAIL_IF(!IsIdentifier(request->appId), VYN_ERR_INVALID_PARAM,
-              "Application Id does not compliance with specifications in broadcast block info fetch");
-  return Call(BROADCAST_BLOCK_INFO_GET, request, info, "Rpc failed to send block info fetch message as ");
+  return Call(kBroadcastBlockInfoGet, request, info);
 }
 
 }  // namespace vyn::tessel

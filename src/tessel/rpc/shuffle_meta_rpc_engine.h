@@ -32,6 +32,8 @@
 
 namespace vyn::tessel {
 
+struct ApplicationCall;
+
 class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
  public:
   ShuffleMetaRPCEngine(long timeout, bool isSdk, const Ref<ShuffleServerRPCEngine>& serverEngine);
@@ -131,6 +133,10 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   /// 2060009.
   std::uint32_t Call(short opcode, const Ref<common::BaseMessage>& request,
                      const Ref<common::BaseMessage>& response, const char* failure);
+  /// The same for a request about one application, after a check of the request.
+  template <typename Request>
+  std::uint32_t Call(const ApplicationCall& call, const Ref<Request>& request,
+                     const Ref<common::BaseMessage>& response);
 
   sync::Mutex mServerEngineMutex;
   Ref<ShuffleServerRPCEngine> mServerEngine VYN_GUARDED_BY(mServerEngineMutex);  ///< null in a driver

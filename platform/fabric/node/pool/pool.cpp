@@ -52,7 +52,9 @@ bool Pool::Adopt(const std::string& name, const Warn& warn, std::string& error) 
     warn("a folder without a readable token, left alone: " + folder);
     return true;
   }
-  auto space = std::make_shared<Namespace>(name, token);
+  const auto space = std::make_shared<Namespace>(name, token);
+  sync::WriterLock lock(mMutex);
+  sync::MutexLock guard(space->mutex);
   std::error_code failure;
   for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
     const std::string id = entry.path().filename();
@@ -86,7 +88,7 @@ bool Pool::Adopt(const std::string& name, const Warn& warn, std::string& error) 
     return false;
   }
   mCapacity.Adopt(space->charged);
-  mNamespaces.emplace(name, std::move(space));
+  mNamespaces.emplace(name, space);
   return true;
 }
 

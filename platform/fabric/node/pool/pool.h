@@ -104,7 +104,8 @@ class Pool {
  private:
   bool Adopt(const std::string& name, const Warn& warn, std::string& error);
   /// The size of an object that is adopted. Returns: false when the file cannot be an object of this pool.
-  bool SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size);
+  bool SizeOf(const Namespace& space, const std::string& id, const Warn& warn, std::uint64_t& size)
+      VYN_REQUIRES(space.mutex);
   /// Drops pulled copies until the file system has room for an object of `bytes`. A copy that some process
   /// maps frees no room, so that all may be dropped in vain. Returns: false when all copies together are too
   /// few.

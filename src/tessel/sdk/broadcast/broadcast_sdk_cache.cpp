@@ -17,11 +17,7 @@ Ref<BroadcastVarInfo> BroadcastSdkCache::GetVarInfo(const std::string& name) {
 Ref<BroadcastVarInfo> BroadcastSdkCache::GenerateVarInfo(const std::vector<std::string>& bmIds,
                                                          const std::vector<unsigned long>& blockSizes) {
   try {
-    Ref<BroadcastVarInfo> info(new BroadcastVarInfo);
-    info->mBmIds = bmIds;
-    info->mBlockSizes = blockSizes;
-    info->mRawAddrs.assign(bmIds.size(), 0);
-    return info;
+    return Ref<BroadcastVarInfo>(new BroadcastVarInfo(bmIds, blockSizes));
   } catch (const std::bad_alloc&) {
     VYN_LOG_ERROR("New BroadcastVarInfoPtr failed, return null");
     return nullptr;

@@ -18,6 +18,10 @@ namespace vyn::tessel {
 /// One variable. Only mRawAddrs and mUsed change after the entry was made. The destructor unmaps nothing.
 class BroadcastVarInfo : public common::Referable {
  public:
+  BroadcastVarInfo() = default;
+  /// No block is mapped.
+  BroadcastVarInfo(const std::vector<std::string>& bmIds, const std::vector<unsigned long>& blockSizes)
+      : mBmIds(bmIds), mRawAddrs(bmIds.size(), 0), mBlockSizes(blockSizes) {}
   ~BroadcastVarInfo() override = default;
 
   /// The object id of each block. Constant after creation.
