@@ -1,11 +1,11 @@
 #pragma once
 
 // Mutexes, guards and a condition variable that clang checks: `clang++ -Wthread-safety` reports a member that
-// is used without the mutex named by its VYN_GUARDED_BY, and a function that is called without the mutex named
-// by its VYN_REQUIRES. For other compilers the macros are empty.
+// is used without the mutex of its VYN_GUARDED_BY, and a call of a function without the mutex of its
+// VYN_REQUIRES. For other compilers the macros are empty.
 //
-// Each mutex is the one of the standard library, so std::unique_lock and the like take it, too; clang does not
-// follow those.
+// The mutexes are those of the standard library. std::unique_lock and the like take them, too, but clang does
+// not follow those. Any thread may call any operation of a mutex or a Condition; a guard belongs to a thread.
 
 #include <chrono>
 #include <condition_variable>
@@ -34,7 +34,7 @@
 /// Of a function: the caller holds the mutex, and no longer holds it afterwards.
 #define VYN_RELEASES(...) VYN_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define VYN_RELEASES_SHARED(...) VYN_THREAD_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
-/// Of a function: the mutex is held if it returns true. Arguments: true, and the mutex if it is not the object.
+/// Of a function: the mutex is held if it returns true.
 #define VYN_TRY_ACQUIRES(...) VYN_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define VYN_TRY_ACQUIRES_SHARED(...) VYN_THREAD_ATTRIBUTE(try_acquire_shared_capability(__VA_ARGS__))
 /// Of a function: clang does not check its body. A comment says why.
@@ -49,8 +49,8 @@ class VYN_CAPABILITY("mutex") Mutex : public std::mutex {
   bool try_lock() VYN_TRY_ACQUIRES(true) { return std::mutex::try_lock(); }
 };
 
-/// A thread may take it several times. Clang does not know that: a function that takes it and needs it held
-/// already has no VYN_REQUIRES.
+/// A thread may take it several times. Clang does not know that, so a function that takes it has no
+/// VYN_REQUIRES for it.
 class VYN_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
  public:
   void lock() VYN_ACQUIRES() { std::recursive_mutex::lock(); }
@@ -132,14 +132,12 @@ class VYN_SCOPED_CAPABILITY ReaderLock {
 /// returns. `done` is called with the mutex held; write VYN_REQUIRES(mutex) behind its parameters.
 class Condition {
  public:
-  using Time = std::chrono::steady_clock::time_point;
-
   void NotifyOne() noexcept { mCondition.notify_one(); }
   void NotifyAll() noexcept { mCondition.notify_all(); }
   /// Waits until it is notified; may return earlier without cause.
   void Wait(MutexLock& lock) { mCondition.wait(lock.Standard()); }
-  /// Waits until done() returns true. The body is not checked: clang does not know that `lock` holds the mutex
-  /// that `done` requires.
+  /// Waits until done() returns true. Not checked, here and below: clang does not know that `lock` holds the
+  /// mutex that `done` requires.
   template <typename Done>
   void Wait(MutexLock& lock, Done done) VYN_NO_THREAD_SAFETY_ANALYSIS {
     mCondition.wait(lock.Standard(), done);
@@ -148,12 +146,7 @@ class Condition {
   void WaitFor(MutexLock& lock, std::chrono::nanoseconds limit) {
     mCondition.wait_for(lock.Standard(), limit);
   }
-  /// The same, at most until `end`. Returns: done().
-  template <typename Done>
-  bool WaitUntil(MutexLock& lock, Time end, Done done) VYN_NO_THREAD_SAFETY_ANALYSIS {
-    return mCondition.wait_until(lock.Standard(), end, done);
-  }
-  /// The same, at most `limit`. Returns: done().
+  /// Waits until done() returns true, at most `limit`. Returns: done().
   template <typename Done>
   bool WaitFor(MutexLock& lock, std::chrono::nanoseconds limit, Done done) VYN_NO_THREAD_SAFETY_ANALYSIS {
     return mCondition.wait_for(lock.Standard(), limit, done);
