@@ -99,8 +99,6 @@ class MetadataService {
   sync::Condition mChanged;
   /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that
   /// runs.
-  /// The time of the last WatchSilence that had the lease. Only the thread of mSilenceTask uses it once that
-  /// runs.
   std::chrono::steady_clock::time_point mLastCheck;
   common::PeriodicTask mSilenceTask;
 };
