@@ -3,7 +3,6 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-#include "support/test.h"
 
 namespace vyn::test {
 namespace {
@@ -11,62 +10,50 @@ namespace {
 class DemoTest : public testing::Test {
  protected:
   void SetUp() override {
-    const char* wish = std::getenv("VYN_DEMO_BYTES");
-    const std::uintmax_t size = wish != nullptr ? std::strtoull(wish, nullptr, 10) : 1000001;
+    const std::uintmax_t size = mWish != nullptr ? std::strtoull(mWish, nullptr, 10) : 1000001;
     if (std::filesystem::space("/dev/shm").available < size + size / 2) {
       GTEST_SKIP() << "no room for " << size << " bytes";
     }
     // Random bytes in every block, and holes between them that cost the disk nothing.
-    std::ofstream file(mFolder / "file", std::ios::binary);
-    std::mt19937 random(static_cast<unsigned int>(getpid()));
+    std::ifstream random("/dev/urandom", std::ios::binary);
+    std::ofstream file(mFile, std::ios::binary);
+    std::string bytes(256U << 10U, '\0');
     for (std::uintmax_t offset = 0; offset < size; offset += 4U << 20U) {
-      std::string bytes(std::min<std::uintmax_t>(256U << 10U, size - offset), '\0');
-      for (char& byte : bytes) {
-        byte = static_cast<char>(random());
-      }
-      file.seekp(static_cast<std::streamoff>(offset));
-      file << bytes;
+      random.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+      file.seekp(static_cast<std::streamoff>(offset)) << bytes;
     }
     file.close();
-    std::filesystem::resize_file(mFolder / "file", size);
-    mFile = mFolder / "file" + (wish != nullptr ? "" : " --block-size 64K");
+    std::filesystem::resize_file(mFile, size);
   }
-  /// The demo's temporary folder is below the test's own, so that what it started can be found by it.
-  std::string Command(const std::string& arguments) {
-    return "env --default-signal=INT TMPDIR=" + mFolder.Path() +
-           " python3 " VYN_SOURCE_DIR "/tools/demo/demo.py --stage " VYN_STAGE_DIR " " + mFile + " " +
-           arguments;
-  }
-  /// \param output begins with the demo's process id, which its pools and namespaces carry in their names.
-  void ExpectNothingLeft(const std::string& output) {
-    EXPECT_EQ(RunCommand("pgrep -f " + mFolder.Path() + "/[v]yn-demo-").output, "");
-    const std::string pid = output.substr(0, output.find('\n'));
-    const std::string traces =
-        "/dev/shm/vyn-demo-" + pid + "-* /run/netns/vyn" + pid + "[sh]* " + mFolder.Path() + "/vyn-demo-*";
-    EXPECT_EQ(RunCommand("ls -d " + traces + " 2>/dev/null").output, "");
-  }
-  /// Runs the demo in a shell that tells its number first.
-  void ExpectEqual(const std::string& arguments, std::size_t executors) {
-    const CommandResult run = RunCommand("echo $$; exec " + Command(arguments));
-    EXPECT_EQ(run.status, 0) << run.output;
-    std::size_t equal = 0;
-    for (std::size_t at = 0; (at = run.output.find(" equal\n", at)) != std::string::npos; ++at) {
-      ++equal;
-    }
-    EXPECT_EQ(equal, executors) << run.output;
-    EXPECT_EQ(run.output.find("DIFFERENT"), std::string::npos) << run.output;
-    ExpectNothingLeft(run.output);
+  /// Runs the demo, with its temporary folder below the test's own, so that what it starts can be found by it.
+  /// \param equal executors that read it all. \param meanwhile a shell command; $pid is the demo.
+  void Run(const std::string& arguments, int code, std::ptrdiff_t equal, const std::string& meanwhile = "") {
+    const CommandResult run =
+        RunCommand("env --default-signal=INT TMPDIR=" + mFolder.Path() +
+                   " python3 " VYN_SOURCE_DIR "/tools/demo/demo.py --stage " VYN_STAGE_DIR " " + mFile +
+                   (mWish != nullptr ? " " : " --block-size 64K ") + arguments + " & pid=$!; echo $pid; " +
+                   meanwhile + "wait $pid");
+    EXPECT_EQ(run.status, code) << run.output;
+    const std::regex word(" equal\n");
+    const std::sregex_iterator found(run.output.begin(), run.output.end(), word);
+    EXPECT_EQ(std::distance(found, {}), equal) << run.output;
+    // Its pools and network namespaces carry its process id in their names.
+    const std::string pid = run.output.substr(0, run.output.find('\n'));
+    ExpectCommands("! ", {{"pgrep -f " + mFolder.Path() + "/[v]yn-demo-"},
+                          {"ls -d /dev/shm/vyn-demo-" + pid + "-* /run/netns/vyn" + pid + "[sh]* " +
+                           mFolder.Path() + "/vyn-demo-* 2>/dev/null | grep ."}});
   }
 
-  TempDir mFolder;
-  std::string mFile;  ///< what it broadcasts
+  const TempDir mFolder;
+  const std::string mFile = mFolder / "file";
+  const char* const mWish = std::getenv("VYN_DEMO_BYTES");
 };
 
-TEST_F(DemoTest, FewExecutorsReadTheFile) { ExpectEqual("--executors 4", 4); }
+TEST_F(DemoTest, FewExecutorsReadTheFile) { Run("--executors 4", 0, 4); }
 
 TEST_F(DemoTest, ManyExecutorsReadTheFileOverTls) {
-  const std::size_t many = std::getenv("VYN_DEMO_BYTES") != nullptr ? 16 : 5;
-  ExpectEqual("--tls --executors " + std::to_string(many), many);
+  const int many = mWish != nullptr ? 16 : 5;
+  Run("--tls --executors " + std::to_string(many), 0, many);
 }
 
 TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
@@ -74,18 +61,13 @@ TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
   if (RunCommand("ip netns add " + name + " && ip netns delete " + name).status != 0) {
     GTEST_SKIP() << "network namespaces cannot be made here";
   }
-  ExpectEqual("--outside --tls", 2);
+  Run("--outside --tls", 0, 2);
 }
 
 TEST_F(DemoTest, AnInterruptLeavesNothing) {
-  const std::string output =
-      RunCommand(Command("--executors 2") + " & pid=$!; echo $pid; for i in $(seq 600); do pgrep -f " +
-                 mFolder.Path() +
-                 "/[v]yn-demo-.*/home-1 >/dev/null && break; sleep 0.1; done; kill -INT $pid; wait $pid; "
-                 "echo code $?")
-          .output;
-  EXPECT_NE(output.find("code 130"), std::string::npos) << output;
-  ExpectNothingLeft(output);
+  Run("--executors 2", 130, 0,
+      "for i in $(seq 600); do pgrep -f " + mFolder.Path() +
+          "/[v]yn-demo-.*/home-1 >/dev/null && break; sleep 0.1; done; kill -INT $pid; ");
 }
 
 }  // namespace

@@ -1,39 +1,179 @@
-// Harm to a whole cluster under load: daemons and servers are killed and frozen while drivers write and
-// executors read.
+// Harm to a whole cluster under load: daemons and servers are killed and frozen while a driver on each node
+// makes, fills and deletes variables and an executor on the next node reads them. Calls may fail meanwhile.
+// What must not happen: a variable that was acknowledged and is lost, bytes that differ, a call without an
+// end, a client that dies, memory that does not come back.
 
-#include "integration/broadcast_load.h"
-#include "support/test.h"
+#include "support/random_steps.h"
+#include "support/vynd_process.h"
 
 namespace vyn::test {
 namespace {
 
+using Client = std::unique_ptr<BroadcastClient>;
+
+/// So many variables does a driver keep, so that the pool does not fill.
+constexpr std::size_t kMostLive = 40;
+/// Connections to the other daemons that one keeps for a while, with a thread each.
+constexpr std::size_t kIdleConnections = 16;
+
+/// One node, its driver, and the executor on the next node.
+struct Worker {
+  std::string Variable(std::uint32_t id) const { return " " + application + " " + std::to_string(id) + " "; }
+  void Write(BroadcastClient& driver) {
+    const std::uint32_t id = ++lastId;
+    if (driver.Do("write" + Variable(id) + "2 30000 " + std::to_string(id % 251)) == "0") {
+      live.push_back(id);
+      ++acknowledged;
+    }
+  }
+  std::string Read(BroadcastClient& executor, std::uint32_t id) const {
+    return executor.Do("read" + Variable(id) + "2 " + std::to_string(id % 251));
+  }
+  void ReadOne(BroadcastClient& executor) {
+    if (!live.empty()) {
+      // Its node may be down at the moment: a failure is allowed, other bytes are not.
+      const std::string answer = Read(executor, live[random() % live.size()]);
+      read += answer == "0" ? 1 : 0;
+      EXPECT_NE(answer, "other bytes") << application;
+    }
+  }
+  void DeleteOne(BroadcastClient& driver) {
+    if (live.size() > kMostLive) {
+      std::swap(live[random() % live.size()], live.back());
+      const std::uint32_t id = live.back();
+      live.pop_back();
+      driver.Do("delete" + Variable(id));
+    }
+  }
+
+  std::unique_ptr<VyndNode> node;
+  std::string application;
+  std::mt19937 random;
+  std::uint32_t lastId = 0;
+  std::vector<std::uint32_t> live;           ///< acknowledged, and no deletion tried
+  std::atomic<std::size_t> acknowledged{0};  ///< variables whose every block was filled
+  std::size_t read = 0;                      ///< variables under load whose every byte was right
+  std::jthread thread;
+};
+
 class HarmTest : public testing::Test {
  protected:
   void SetUp() override {
-    for (int id = 1; id <= 3; ++id) {
-      mNodes.push_back(std::make_unique<VyndNode>(id, "127.0.0." + std::to_string(id), mUrl,
-                                                  mMetadataPort.Number(), "127.0.0.1,127.0.0.2,127.0.0.3"));
-      mNodes.back()->Start("256M");
+    for (std::size_t i = 0; i < 3; ++i) {
+      const std::string id = std::to_string(i + 1);
+      mWorkers[i].node = std::make_unique<VyndNode>(i + 1, "127.0.0." + id, mUrl, mMetadataPort.Number(),
+                                                    "127.0.0.1,127.0.0.2,127.0.0.3");
+      mWorkers[i].node->Start("256M");
+      mWorkers[i].application = "load_" + id;
+      mWorkers[i].random.seed(mSeed + static_cast<unsigned int>(i));
     }
-    mLoad = std::make_unique<BroadcastLoad>(
-        std::vector<VyndNode*>{mNodes[0].get(), mNodes[1].get(), mNodes[2].get()});
+    for (const Worker& worker : mWorkers) {
+      mDescriptors = std::max(mDescriptors, worker.node->Descriptors());
+      mThreads = std::max(mThreads, worker.node->Threads());
+    }
+    for (std::size_t i = 0; i < 3; ++i) {
+      mWorkers[i].thread = std::jthread([this, i] { Run(mWorkers[i], *mWorkers[(i + 1) % 3].node); });
+    }
     Progress();
   }
-  /// All is well again: nothing acknowledged is lost, and all memory comes back.
-  void TearDown() override {
-    mLoad->Finish();
-    EXPECT_GT(mLoad->mRead, 0U);
-    std::cout << mLoad->mAcknowledged << " variables acknowledged, " << mLoad->mRead << " read under load, "
-              << mLoad->mKilled << " clients killed in a call\n";
-    for (const auto& node : mNodes) {
-      node->Process().Signal(SIGTERM);
-      EXPECT_EQ(node->Process().Wait(), 0);
+  /// Waits until every driver has had eight more variables acknowledged.
+  void Progress() {
+    for (const Worker& worker : mWorkers) {
+      const std::size_t wanted = worker.acknowledged + 8;
+      EXPECT_TRUE(WaitUntil([&] { return worker.acknowledged >= wanted; })) << worker.application;
     }
   }
-  void Progress() { EXPECT_TRUE(mLoad->Progress(8)); }
+  void Run(Worker& worker, const VyndNode& next) {
+    Client driver;
+    Client executor;
+    try {
+      while (!mStop) {
+        driver = driver != nullptr ? std::move(driver) : Join(worker, *worker.node, true);
+        executor = executor != nullptr ? std::move(executor) : Join(worker, next, false);
+        // Processes of the engine come and go, too: some end between two calls, some are killed in one.
+        const unsigned int fate = worker.random() % 60;
+        Client& victim = fate % 2 == 0 ? driver : executor;
+        std::jthread killer;
+        if (fate < 2) {
+          killer = std::jthread([&victim, after = worker.random() % 20000] {
+            std::this_thread::sleep_for(std::chrono::microseconds(after));
+            victim->Process().Signal(SIGKILL);
+          });
+        }
+        try {
+          worker.Write(*driver);
+          worker.ReadOne(*executor);
+          worker.DeleteOne(*driver);
+        } catch (const std::runtime_error&) {
+          if (fate >= 2) {
+            throw;
+          }
+        }
+        killer = {};
+        if (fate < 4) {
+          victim.reset();
+        }
+      }
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << worker.application << ": " << error.what();
+    }
+  }
+  /// Returns: a client on the node whose application is registered.
+  static Client Join(const Worker& worker, const VyndNode& node, bool driver) {
+    std::string last;
+    Client client;
+    const auto joined = [&] {
+      try {
+        client = std::make_unique<BroadcastClient>(node, driver);
+        last = client->Do("register " + worker.application + (driver ? " 1 secret" : " 0 secret"));
+      } catch (const std::runtime_error& error) {
+        last = error.what();
+      }
+      return last == "0";
+    };
+    if (!WaitUntil(joined, std::chrono::seconds(240))) {
+      throw std::runtime_error("cannot join: " + last);
+    }
+    return client;
+  }
 
-  /// Returns: the address of the leader, once there is one.
-  std::string Leader() {
+  /// All is well again: nothing acknowledged is lost, and all memory comes back.
+  void TearDown() override {
+    mStop = true;
+    for (Worker& worker : mWorkers) {
+      worker.thread = {};
+    }
+    for (const Worker& worker : mWorkers) {
+      EXPECT_GT(worker.read, 0U);
+      for (const Worker& place : mWorkers) {
+        const auto executor = Join(worker, *place.node, false);
+        for (const std::uint32_t id : worker.live) {
+          std::string last;
+          EXPECT_TRUE(WaitUntil([&] { return (last = worker.Read(*executor, id)) == "0"; }))
+              << worker.application << ": variable " << id << " was acknowledged, and now " << last;
+        }
+      }
+      const auto driver = Join(worker, *worker.node, true);
+      EXPECT_TRUE(WaitUntil([&] { return driver->Do("complete " + worker.application) == "0"; }));
+    }
+    for (const Worker& worker : mWorkers) {
+      VyndNode& node = *worker.node;
+      const auto calm = [&] {
+        return node.PoolEntries().empty() && node.Descriptors() <= mDescriptors + kIdleConnections &&
+               node.Threads() <= mThreads + kIdleConnections;
+      };
+      EXPECT_TRUE(WaitUntil(calm)) << node.PoolEntries().size() << " files, " << node.Descriptors()
+                                   << " descriptors, " << node.Threads() << " threads; at first "
+                                   << mDescriptors << " and " << mThreads;
+    }
+    for (const Worker& worker : mWorkers) {
+      worker.node->Process().Signal(SIGTERM);
+      EXPECT_EQ(worker.node->Process().Wait(), 0);
+    }
+  }
+
+  /// Returns: the number of the node that leads, once there is one.
+  std::size_t Leader() {
     std::string leader;
     EXPECT_TRUE(WaitUntil([&] {
       try {
@@ -43,9 +183,8 @@ class HarmTest : public testing::Test {
       }
       return leader.rfind("127.0.0.", 0) == 0;
     }));
-    return leader;
+    return static_cast<std::size_t>(leader.back() - '1');
   }
-  VyndNode& LeadingNode() { return *mNodes.at(static_cast<std::size_t>(Leader().back() - '1')); }
   void KillEnsembleLeader(const std::function<void()>& meanwhile) {
     EXPECT_TRUE(WaitUntil([this] { return mEnsemble.HasLeader(); }));
     ZookeeperServer& server = mEnsemble.Leader();
@@ -55,28 +194,25 @@ class HarmTest : public testing::Test {
     mEnsemble.WaitUntilComplete();
   }
 
+  const unsigned int mSeed = Seeds(1)[0];
+  const testing::ScopedTrace mTrace{__FILE__, __LINE__, "VYN_SEED=" + std::to_string(mSeed)};
   ZookeeperEnsemble mEnsemble;
   const std::string mUrl = mEnsemble.NewRoot();
   const ReservedPort mMetadataPort;
-  std::vector<std::unique_ptr<VyndNode>> mNodes;
-  std::unique_ptr<BroadcastLoad> mLoad;
+  // Of the daemon that has most, the leader, before the load.
+  std::size_t mDescriptors = 0, mThreads = 0;
+  std::atomic<bool> mStop{false};
+  std::array<Worker, 3> mWorkers;
 };
 
-TEST_F(HarmTest, TheLeaderIsKilledThenTheEnsemblesLeaderThenASessionExpires) {
-  VyndNode& killed = LeadingNode();
-  killed.Process().Kill();
-  killed.Start("256M");  // it waits for the old session's end, and serves its blocks again
-  Progress();
-  KillEnsembleLeader([this] { Progress(); });
-  Progress();
-
-  const std::string old = Leader();
-  VyndNode& frozen = LeadingNode();
-  const std::string registration = "/mf/node/" + old.substr(old.size() - 1);
+TEST_F(HarmTest, AFrozenLeadersSessionExpires) {
+  const std::size_t old = Leader();
+  const ChildProcess& frozen = mWorkers.at(old).node->Process();
+  const std::string registration = "/mf/node/" + std::to_string(old + 1);
   const std::int64_t session = RawZookeeper(mUrl).Owner(registration);
-  frozen.Process().Signal(SIGSTOP);
+  frozen.Signal(SIGSTOP);
   EXPECT_TRUE(WaitUntil([&] { return Leader() != old; }));
-  frozen.Process().Signal(SIGCONT);
+  frozen.Signal(SIGCONT);
   // It notices, connects again, and announces itself anew.
   EXPECT_TRUE(WaitUntil([&] {
     RawZookeeper tree(mUrl);
@@ -89,14 +225,14 @@ TEST_F(HarmTest, TheLeaderIsKilledThenTheEnsemblesLeaderThenASessionExpires) {
 TEST_F(HarmTest, RandomKills) {
   const char* wish = std::getenv("VYN_HARM_SECONDS");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(wish ? std::atoi(wish) : 20);
-  std::mt19937 random(std::random_device{}());
+  std::mt19937 random(mSeed);
   const auto rest = [&](unsigned int most) {
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % most));
   };
-  int kills = 0;
-  for (; std::chrono::steady_clock::now() < end; ++kills) {
-    VyndNode& node = random() % 3 == 0 ? LeadingNode() : *mNodes[random() % mNodes.size()];
+  while (std::chrono::steady_clock::now() < end) {
+    VyndNode& node = *mWorkers.at(random() % 3 == 0 ? Leader() : random() % 3).node;
     const unsigned int harm = random() % 4;
+    std::cout << "harm " << harm << " to " << node.Home() << std::endl;
     if (harm < 2) {
       node.Process().Kill();
       rest(1000);
@@ -110,8 +246,6 @@ TEST_F(HarmTest, RandomKills) {
     }
     rest(2000);
   }
-  std::cout << kills << " times harm was done\n";
-  EXPECT_GT(kills, 0);
   Progress();
 }
 

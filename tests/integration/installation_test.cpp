@@ -2,57 +2,32 @@
 
 #include "support/command.h"
 #include "support/temp_dir.h"
-#include "support/test.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
-class InstallationTest : public testing::Test {
- protected:
-  InstallationTest() {
-    fs::copy(VYN_STAGE_DIR "/home", mHome, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
-    mDir.Write(
-        "main.cpp",
-        "#include <vyn/broadcast.h>\n"
-        "int main() { VynBroadcastVersion(); return BroadcastGetLastErrorMessage() == nullptr ? 0 : 1; }\n");
-  }
-
-  void ExpectOutput(const std::string& command, const std::string& text) {
-    const auto result = vyn::test::RunCommand("cd '" + mDir.Path() + "' && " + command);
-    EXPECT_EQ(result.status, 0) << result.output;
-    EXPECT_NE(result.output.find(text), std::string::npos) << result.output;
-  }
-
-  vyn::test::TempDir mDir;
-  const std::string mHome = mDir / "moved home";
-};
-
-TEST_F(InstallationTest, HoldsWhatAHomeNeedsAndServesPkgConfig) {
-  const std::string library = mHome + "/tessel/24.0.0/" VYN_BINARY_TYPE "/lib";
-  for (const std::string& path : {mHome + "/conf/vyn.conf", mHome + "/logs", library + "/libvyn_broadcast.so",
-                                  library + "/common/libulog.so", mHome + "/include/vyn/status.h"}) {
-    EXPECT_TRUE(fs::exists(path)) << path;
-  }
-  fs::rename(mHome, mDir / "home");  // pkg-config quotes no blanks
-  ExpectOutput(
-      VYN_CXX_COMPILER
-      " " VYN_SANITIZE_FLAGS
-      " -std=c++17 main.cpp $(PKG_CONFIG_PATH=home/lib/pkgconfig pkg-config --cflags --libs vyn_broadcast)"
-      " -o main && ./main",
-      "\nSoftWare Name: vyn_broadcast\n");
-}
-
-TEST_F(InstallationTest, ServesCMakeWithWhichItsExamplesAreBuilt) {
-  ExpectOutput(
-      "cmake -G Ninja -S '" + mHome +
-          "/share/vyn/examples/file_broadcast' -B build"
-          " -DCMAKE_PREFIX_PATH='" +
-          mHome +
-          "' -DCMAKE_CXX_COMPILER=" VYN_CXX_COMPILER " -DCMAKE_CXX_FLAGS='" VYN_SANITIZE_FLAGS
-          " -Wall -Wextra -Wshadow -pedantic -Werror' && cmake --build build && build/publish_file || "
-          "build/read_file || true",
-      "usage: read_file");
+TEST(InstallationTest, HoldsWhatAHomeNeedsAndServesPkgConfigAndCMake) {
+  const vyn::test::TempDir folder;
+  folder.Write(
+      "main.cpp",
+      "#include <vyn/broadcast.h>\n"
+      "int main() { VynBroadcastVersion(); return BroadcastGetLastErrorMessage() == nullptr ? 0 : 1; }\n");
+  vyn::test::ExpectCommands(
+      "cd " + folder.Path() + " && export CXX='" VYN_CXX_COMPILER "' CXXFLAGS='" VYN_SANITIZE_FLAGS "' && ",
+      {{"cp -a " VYN_STAGE_DIR
+        "/home . && cd home && ls conf/vyn.conf logs include/vyn/status.h tessel/24.0.0/"
+        "*/lib/libvyn_broadcast.so tessel/24.0.0/*/lib/common/libulog.so"},
+       {"$CXX $CXXFLAGS -std=c++17 main.cpp -o main "
+        "$(PKG_CONFIG_PATH=home/lib/pkgconfig pkg-config --cflags --libs vyn_broadcast)"},
+       {"./main | tail -n 1 | grep -xE 'SoftWare Build Id: [0-9a-f]{40}'"},
+       {"./main",
+        0,
+        {"Component Name: Orvane-vyn-bigdata-spark\nComponent version: 2.0.0\n"
+         "Component AppendInfo: _aarch64\nSoftWare Name: vyn_broadcast\n"}},
+       {"mv home 'moved home' && cmake -G Ninja -S 'moved home/share/vyn/examples/file_broadcast' -B build "
+        "-DCMAKE_PREFIX_PATH=\"$PWD/moved home\" "
+        "-DCMAKE_CXX_FLAGS=\"$CXXFLAGS -Wall -Wextra -Wshadow -pedantic -Werror\" "
+        "&& cmake --build build"},
+       {"build/publish_file || build/read_file || true", 0, {"usage: read_file"}}});
 }
 
 }  // namespace

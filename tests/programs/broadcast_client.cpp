@@ -2,95 +2,82 @@
 // one line that begins with "= " and the status; the log goes to standard error. Contents are the pattern of
 // a seed, which differs from block to block.
 //
-//   init HOME FLAG | register APP DRIVER TOKEN -> status registered | complete APP | beat APP
-//   create APP ID BLOCKS | fill APP ID BLOCKS SIZE SEED | fetch APP ID BLOCKS | delete APP ID
-//   look APP ID BLOCKS SEED   -> status 1 when the mapped bytes are the pattern's; they stay mapped
-//   again SEED                -> 0 1 when what is mapped still has the pattern
+//   init HOME FLAG | register APP DRIVER TOKEN | complete APP | beat APP | delete APP ID
+//   write APP ID BLOCKS SIZE SEED   makes the variable and its blocks and fills them
+//   read APP ID BLOCKS SEED         fetches and maps the blocks, which stay mapped, and compares the bytes
+//   again SEED                      compares what is mapped once more; "other bytes" when it differs
 
 #include "support/commands.h"
 #include "support/pattern.h"
-#include "support/test.h"
 #include "vyn/broadcast.h"
-#include "vyn/status.h"
 
 namespace {
 
-using vyn::Failed;
-using vyn::test::Answer;
 using Text = std::string;
 using Id = unsigned int;
 
-struct Mapped {
-  void* address;
-  unsigned long size;
-};
+std::vector<std::string_view> gMapped;
 
-std::vector<unsigned long> gSizes;
-std::vector<Mapped> gMapped;
-
-unsigned int SeedOf(unsigned int block, unsigned int seed) { return seed + block * 11; }
-
-std::uint32_t Fill(Text app, Id id, unsigned int count, unsigned long size, unsigned int seed) {
-  const std::vector<unsigned long> sizes(count, size);
-  std::uint32_t status = CreateBroadcastBlockBatch(app.c_str(), id, sizes.data(), count);
-  for (unsigned int i = 0; i < count && !Failed(status); ++i) {
+/// Maps every block of a variable in turn. Returns: 0, or the first failure.
+std::uint32_t Map(const Text& app, Id id, std::size_t count,
+                  const std::function<void(unsigned, void*)>& use) {
+  std::uint32_t status = 0;
+  for (unsigned int block = 0; block < count && status == 0; ++block) {
     void* address = nullptr;
-    status = ObtainBroadcastBlockAddr(app.c_str(), id, i, &address);
-    if (!Failed(status)) {
-      vyn::test::FillPattern(address, size, SeedOf(i, seed));
-      status = ReleaseBroadcastBlockAddr(app.c_str(), id, i, address);
+    status = ObtainBroadcastBlockAddr(app.c_str(), id, block, &address);
+    if (status == 0) {
+      use(block, address);
     }
   }
   return status;
 }
 
-int AllHold(unsigned int seed) {
-  for (unsigned int i = 0; i < gMapped.size(); ++i) {
-    if (!vyn::test::HoldsPattern(gMapped[i].address, gMapped[i].size, SeedOf(i, seed))) {
-      return 0;
-    }
-  }
-  return gMapped.empty() ? 0 : 1;
+std::uint32_t Write(Text app, Id id, unsigned int count, unsigned long size, unsigned int seed) {
+  const std::vector<unsigned long> sizes(count, size);
+  std::uint32_t status = CreateBroadcastVar(app.c_str(), id, count);
+  status = status != 0 ? status : CreateBroadcastBlockBatch(app.c_str(), id, sizes.data(), count);
+  return status != 0 ? status : Map(app, id, count, [&](unsigned int block, void* address) {
+    vyn::test::FillPattern(address, size, seed + block * 11);
+    ReleaseBroadcastBlockAddr(app.c_str(), id, block, address);
+  });
 }
 
-Text Look(Text app, Id id, unsigned int count, unsigned int seed) {
-  std::uint32_t status = 0;
-  gMapped.clear();
-  for (unsigned int i = 0; i < count && !Failed(status); ++i) {
-    void* address = nullptr;
-    status = ObtainBroadcastBlockAddr(app.c_str(), id, i, &address);
-    if (!Failed(status)) {
-      gMapped.push_back({address, gSizes.at(i)});
-    }
+Text Again(unsigned int seed) {
+  bool same = !gMapped.empty();
+  for (std::size_t i = 0; i < gMapped.size(); ++i) {
+    same = same && vyn::test::HoldsPattern(gMapped[i].data(), gMapped[i].size(),
+                                           static_cast<unsigned int>(seed + i * 11));
   }
-  return Answer(status, Failed(status) ? 0 : AllHold(seed));
+  return same ? "0" : "other bytes";
+}
+
+Text Read(Text app, Id id, unsigned int count, unsigned int seed) {
+  std::vector<unsigned long> sizes(count);
+  gMapped.clear();
+  unsigned int blocks = 0;
+  std::uint32_t status = FetchBroadcastBlockBatchInto(app.c_str(), id, sizes.data(), count, &blocks);
+  status = status != 0 ? status : Map(app, id, count, [&](unsigned int block, void* address) {
+    gMapped.emplace_back(static_cast<const char*>(address), sizes[block]);
+  });
+  return status != 0 ? std::to_string(status) : Again(seed);
 }
 
 }  // namespace
 
 int main() {
+  bool registered = false;
   vyn::test::ServeCommands(
       {{"init",
         [](Text home, unsigned short flag) {
           return BroadcastInitialize(home.c_str(), "24.0.0", VYN_BINARY_TYPE, flag);
         }},
        {"register",
-        [](Text app, int driver, Text token) {
-          bool registered = false;
-          const auto status = RegisterBroadcastApp(app.c_str(), driver == 1, token.c_str(), &registered);
-          return Answer(status, registered);
+        [&](Text app, int driver, Text token) {
+          return RegisterBroadcastApp(app.c_str(), driver == 1, token.c_str(), &registered);
         }},
-       {"create",
-        [](Text app, Id id, unsigned blocks) { return CreateBroadcastVar(app.c_str(), id, blocks); }},
-       {"fill", &Fill},
-       {"fetch",
-        [](Text app, Id id, unsigned int blocks) {
-          gSizes.assign(blocks, 0);
-          unsigned int count = 0;
-          return FetchBroadcastBlockBatchInto(app.c_str(), id, gSizes.data(), blocks, &count);
-        }},
-       {"look", &Look},
-       {"again", [](unsigned int seed) { return Answer(0, AllHold(seed)); }},
+       {"write", &Write},
+       {"read", &Read},
+       {"again", &Again},
        {"delete", [](Text app, Id id) { return DeleteBroadcastVar(app.c_str(), id); }},
        {"complete", [](Text app) { return MarkBroadcastApplicationCompleted(app.c_str()); }},
        {"beat", [](Text app) { return HeartBeat(app.c_str(), 0, "driver", "", true); }}},

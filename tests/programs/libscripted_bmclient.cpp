@@ -1,115 +1,85 @@
 // A libbmclient.so that does what a test's script says.
 
 #include "platform/fabric/client/bm_functions.h"
-#include "tests/support/bm_script.h"
-
-#include <atomic>
-#include <cstring>
+#include "support/bm_script.h"
 
 using vyn::test::Joined;
 
 namespace {
 
 std::atomic<vyn::test::BmScript*> gScript{nullptr};
-std::atomic<std::uintptr_t> gMappings{0};
+
+// An argument as text.
+template <typename Argument>
+const Argument& Shown(const Argument& argument) {
+  return argument;
+}
+std::string Shown(BmSecContext* context) { return Joined(context->bmId, context->ns, context->token); }
+unsigned int Shown(BmNodeSelector* selector) { return selector->nodeId; }
+const char* Shown(void**) { return ""; }
+const char* Shown(BmResourceAttributes*) { return ""; }
 
 template <typename... Arguments>
-int Take(const char* function, const Arguments&... arguments) {
-  auto* script = gScript.load();
-  return script == nullptr ? 0 : script->Take(function, Joined(arguments...));
+void Give(const Arguments&...) {}
+
+/// The new object's id.
+void Give(BmSecContext* context, unsigned long, unsigned int, BmNodeSelector*) {
+  std::memset(const_cast<char*>(context->bmId), 'n', kBmIdLength);
 }
 
-std::string Shown(const BmSecContext* context) { return Joined(context->bmId, context->ns, context->token); }
+/// Every mapping has an address of its own, which nobody may touch.
+void Give(BmSecContext*, int, int, void** address) {
+  static std::atomic<std::uintptr_t> mappings{0};
+  *address = reinterpret_cast<void*>(++mappings * 4096);
+}
+
+void Give(int, BmResourceAttributes* attributes) { attributes->nodeId = 77; }
+
+template <typename... Arguments>
+int Take(const char* function, Arguments... arguments) {
+  auto* script = gScript.load();
+  const int result = script == nullptr ? 0 : script->Take(function, Joined(Shown(arguments)...));
+  if (result == 0) {
+    Give(arguments...);
+  }
+  return result;
+}
 
 }  // namespace
 
 extern "C" void ScriptedBmUse(vyn::test::BmScript* script) { gScript = script; }
 
-int BM_Init(const char* home, int clientFlag) { return Take("BM_Init", home, clientFlag); }
+using Int = unsigned int;
+using Long = unsigned long;
+using Short = unsigned short;
+using Text = const char*;
+using Object = BmSecContext*;
 
-int BM_CreateLink(unsigned short nodeId, const char* hostName, const char* ip, unsigned short port,
-                  unsigned int flags) {
-  return Take("BM_CreateLink", nodeId, hostName, ip, port, flags);
-}
-
-int BM_CreateNSSec(unsigned short nodeId, const char* text, const char* ns, unsigned int flags,
-                   const char* token) {
-  return Take("BM_CreateNSSec", nodeId, text, ns, flags, token);
-}
-
-int BM_DestroyNSSec(unsigned int nodeId, const char* text, const char* ns, const char* token) {
-  return Take("BM_DestroyNSSec", nodeId, text, ns, token);
-}
-
-int BM_AllocSec(BmSecContext* context, unsigned long size, unsigned int flags, BmNodeSelector* selector) {
-  const int result = Take("BM_AllocSec", context->ns, context->token, size, flags, selector->nodeId);
-  if (result == 0) {
-    std::memset(const_cast<char*>(context->bmId), 'n', kBmIdLength);
-  }
-  return result;
-}
-
-int BM_ExpandSec(BmSecContext* context, unsigned long size, unsigned int flags) {
-  return Take("BM_ExpandSec", Shown(context), size, flags);
-}
-
-int BM_FreeSec(BmSecContext* context, unsigned int flags) {
-  return Take("BM_FreeSec", Shown(context), flags);
-}
-
-int BM_BatchFreeSec(const char** bmIds, unsigned int count, unsigned int flags, const char* ns,
-                    const char* token) {
-  return Take("BM_BatchFreeSec", bmIds, count, flags, ns, token);
-}
-
-/// Every mapping has an address of its own, which nobody may touch.
-int BM_MapSec(BmSecContext* context, int prot, int flags, void** addr) {
-  const int result = Take("BM_MapSec", Shown(context), prot, flags);
-  if (result == 0) {
-    *addr = reinterpret_cast<void*>(++gMappings * 4096);
-  }
-  return result;
-}
-
+#define FUNCTION(NAME, PARAMETERS, ...) \
+  int NAME PARAMETERS { return Take(#NAME, __VA_ARGS__); }
+FUNCTION(BM_Init, (Text home, int flag), home, flag)
+FUNCTION(BM_CreateLink, (Short node, Text host, Text ip, Short port, Int flags), node, host, ip, port, flags)
+FUNCTION(BM_CreateNSSec, (Short node, Text text, Text ns, Int flags, Text token), node, text, ns, flags,
+         token)
+FUNCTION(BM_DestroyNSSec, (Int node, Text text, Text ns, Text token), node, text, ns, token)
+FUNCTION(BM_AllocSec, (Object id, Long size, Int flags, BmNodeSelector* node), id, size, flags, node)
+FUNCTION(BM_ExpandSec, (Object id, Long size, Int flags), id, size, flags)
+FUNCTION(BM_FreeSec, (Object id, Int flags), id, flags)
+FUNCTION(BM_BatchFreeSec, (const char** ids, Int n, Int flags, Text ns, Text token), ids, n, flags, ns, token)
+FUNCTION(BM_MapSec, (Object id, int protection, int flags, void** address), id, protection, flags, address)
 /// The script's result is the length; without one it is unknown.
-int BM_MappedLength(const char* bmId, const void*, unsigned long* length) {
-  const int result = Take("BM_MappedLength", bmId);
-  *length = static_cast<unsigned long>(result);
-  return result == 0 ? kBmLocalError : 0;
+int BM_MappedLength(Text id, const void*, Long* length) {
+  *length = static_cast<Long>(Take("BM_MappedLength", id));
+  return *length == 0 ? kBmLocalError : 0;
 }
-
-int BM_Unmap(const char* bmId, void* addr) { return Take("BM_Unmap", bmId, addr); }
-
-int BM_QueryResAttri(int zero, BmResourceAttributes* attributes) {
-  const int result = Take("BM_QueryResAttri", zero);
-  if (result == 0) {
-    std::memset(attributes, 0xff, sizeof(*attributes));
-    attributes->nodeId = 77;
-  }
-  return result;
-}
-
-int BM_CopySec(BmSecContext* source, unsigned long srcOffset, BmSecContext* destination,
-               unsigned long dstOffset, unsigned long length, unsigned int one) {
-  return Take("BM_CopySec", Shown(source), srcOffset, Shown(destination), dstOffset, length, one);
-}
-
-int BM_ReadSec(BmSecContext* context, unsigned long offset, unsigned long length, void* buffer,
-               unsigned int flags) {
-  return Take("BM_ReadSec", Shown(context), offset, length, buffer, flags);
-}
-
-int BM_WriteSec(BmSecContext* context, unsigned long offset, unsigned long length, void* buffer,
-                unsigned int flags) {
-  return Take("BM_WriteSec", Shown(context), offset, length, buffer, flags);
-}
-
-int BM_SpecificObjSwapInSec(const BmFileRecord* file, const BmBlockRecord* block, unsigned int flags,
-                            void* argument, unsigned long length) {
-  return Take("BM_SpecificObjSwapInSec", file, block, flags, argument, length);
-}
-
-int BM_GatherSec(const BmGatherContext* context, unsigned char kind, unsigned int flags,
-                 BmSecContext* destination, void* argument) {
-  return Take("BM_GatherSec", context, static_cast<int>(kind), flags, Shown(destination), argument);
-}
+FUNCTION(BM_Unmap, (Text id, void* address), id, address)
+FUNCTION(BM_QueryResAttri, (int zero, BmResourceAttributes* attributes), zero, attributes)
+FUNCTION(BM_CopySec, (Object id, Long at, Object to, Long toAt, Long n, Int one), id, at, to, toAt, n, one)
+FUNCTION(BM_ReadSec, (Object id, Long at, Long n, void* into, Int flags), id, at, n, into, flags)
+FUNCTION(BM_WriteSec, (Object id, Long at, Long n, void* from, Int flags), id, at, n, from, flags)
+FUNCTION(BM_SpecificObjSwapInSec,
+         (const BmFileRecord* file, const BmBlockRecord* block, Int flags, void* argument, Long n), file,
+         block, flags, argument, n)
+FUNCTION(BM_GatherSec,
+         (const BmGatherContext* context, unsigned char kind, Int flags, Object to, void* argument), context,
+         int{kind}, flags, to, argument)

@@ -26,4 +26,25 @@ inline CommandResult RunCommand(const std::string& command) {
   return result;
 }
 
+/// A command and what is expected of it.
+struct CommandRow {
+  std::string command;
+  int status = 0;
+  std::vector<std::string> parts = {};  ///< of the output; with "!" in front not in it
+};
+
+/// Runs the commands. \param before stands in front of each.
+inline void ExpectCommands(const std::string& before, const std::vector<CommandRow>& rows) {
+  for (const CommandRow& row : rows) {
+    const CommandResult run = RunCommand(before + row.command);
+    const auto holds = [&](const std::string& part) {
+      const bool absent = part[0] == '!';
+      return (run.output.find(part.substr(absent ? 1 : 0)) == std::string::npos) == absent;
+    };
+    EXPECT_TRUE(run.status == row.status && std::all_of(row.parts.begin(), row.parts.end(), holds))
+        << row.command << ": " << run.status << "\n"
+        << run.output;
+  }
+}
+
 }  // namespace vyn::test

@@ -8,11 +8,9 @@
 namespace vyn::test {
 
 /// A missing word is an empty text or a zero; "-" stands for the empty text.
-template <typename Type>
-void ReadWord(std::istream& words, Type& value) {
-  value = Type();
+void ReadWord(std::istream& words, auto& value) {
   words >> value;
-  if constexpr (std::is_same_v<Type, std::string>) {
+  if constexpr (std::is_same_v<decltype(value), std::string&>) {
     value = value == "-" ? "" : value;
   }
 }

@@ -7,29 +7,21 @@
 
 namespace vyn::test {
 
-inline char PatternAt(std::size_t position, unsigned int seed) {
-  return static_cast<char>(position * 31 + (position >> 12U) * 7 + seed);
-}
-
-inline void FillPattern(void* bytes, std::size_t size, unsigned int seed) {
-  for (std::size_t position = 0; position < size; ++position) {
-    static_cast<char*>(bytes)[position] = PatternAt(position, seed);
-  }
-}
-
-inline bool HoldsPattern(const void* bytes, std::size_t size, unsigned int seed) {
-  std::size_t position = 0;
-  while (position < size && static_cast<const char*>(bytes)[position] == PatternAt(position, seed)) {
-    ++position;
-  }
-  return position == size;
-}
-
 /// Returns: `size` bytes of the pattern.
 inline std::string Pattern(std::size_t size, unsigned int seed) {
   std::string bytes(size, '\0');
-  FillPattern(bytes.data(), size, seed);
+  for (std::size_t position = 0; position < size; ++position) {
+    bytes[position] = static_cast<char>(position * 31 + (position >> 12U) * 7 + seed);
+  }
   return bytes;
+}
+
+inline void FillPattern(void* bytes, std::size_t size, unsigned int seed) {
+  std::memcpy(bytes, Pattern(size, seed).data(), size);
+}
+
+inline bool HoldsPattern(const void* bytes, std::size_t size, unsigned int seed) {
+  return std::memcmp(bytes, Pattern(size, seed).data(), size) == 0;
 }
 
 }  // namespace vyn::test

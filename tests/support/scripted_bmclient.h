@@ -4,33 +4,45 @@
 // at a time; its end closes the library. The folder is removed when the process ends.
 
 #include "support/bm_script.h"
-#include "support/test.h"
+#include "support/installation.h"
+#include "vyn/big_memory.h"
 
 namespace vyn::test {
 
 class ScriptedBmClient {
  public:
-  /// \param install whether the library is there from the beginning.
-  explicit ScriptedBmClient(bool install = true);
-  ~ScriptedBmClient();
-  ScriptedBmClient(const ScriptedBmClient&) = delete;
-  ScriptedBmClient& operator=(const ScriptedBmClient&) = delete;
+  ScriptedBmClient() { Install(); }
+  ~ScriptedBmClient() {
+    BmUninitialize();
+    Remove();
+  }
 
   /// Where the binding looks for the library.
-  static std::string Path();
+  static std::string Path() { return Installation::Get() / Installation::kBmClient; }
+  static std::string Bytes() { return ReadFile(VYN_TEST_PROGRAM_DIR "/libscripted_bmclient.so"); }
   /// Puts a fresh copy of the library there, driven by `script`.
-  void Install();
-  /// The same without the symbol `lacking`, and without a script.
-  void InstallLacking(const std::string& lacking);
-  void InstallBytes(const std::string& bytes);
-  void Remove();
+  void Install() {
+    Install(Bytes());
+    mHandle = dlopen(Path().c_str(), RTLD_NOW);
+    reinterpret_cast<void (*)(BmScript*)>(dlsym(mHandle, "ScriptedBmUse"))(&script);
+  }
+  /// Puts a file with these bytes there, which no script drives.
+  void Install(const std::string& bytes) {
+    Remove();  // a new file, never the one that may be mapped
+    Installation::Get().Write(Installation::kBmClient, bytes);
+  }
+  void Remove() {
+    if (mHandle != nullptr) {  // the loader knows a library that is open by its path
+      dlclose(std::exchange(mHandle, nullptr));
+    }
+    std::filesystem::remove(Path());
+  }
 
   BmScript script;
 
  private:
-  void LetGo();
-  void* mHandle =
-      nullptr;  // keeps the library, and with it the pointer to the script, across a close by the binding
+  /// Keeps the library, and with it the pointer to the script, across a close by the binding.
+  void* mHandle = nullptr;
 };
 
 }  // namespace vyn::test

@@ -5,14 +5,15 @@
 // ZooKeeper with a leader. Objects of the SDK are the process's, so each test case has a process of its own.
 
 #include "cluster/cluster_zkadapter.h"
+#include "support/captured_log.h"
 #include "support/scripted_bmclient.h"
 #include "support/scripted_service.h"
-#include "support/temp_dir.h"
-#include "support/test.h"
 #include "support/zookeeper_server.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
+#include "tessel/sdk/broadcast/base_api_broadcast.h"
+#include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/broadcast.h"
 
 namespace vyn::test {
@@ -20,18 +21,18 @@ namespace vyn::test {
 class SdkWorld {
  public:
   SdkWorld() {
-    mHome = ScriptedBmClient::Path();
-    mHome.resize(mHome.find("/tessel/"));
     std::filesystem::create_directories(mHome + "/tessel/24.0.0/" VYN_BINARY_TYPE "/lib/common");
-    tessel::MetaLeaderInformation leader("127.0.0.1");
-    server.Answer(ShuffleServer::META_LEADER_INFO, {0, BytesOf(leader)});
+    AnswerLeader();
     AnswerMfNode(true, 5);
     tessel::NodeIdResponse registered;
     registered.nodeId = 9;
-    registered.isMfNode = true;
     server.Answer(ShuffleServer::APP_REGISTER, {0, BytesOf(registered)});
   }
 
+  void AnswerLeader() {
+    tessel::MetaLeaderInformation leader("127.0.0.1");
+    server.Answer(ShuffleServer::META_LEADER_INFO, {0, BytesOf(leader)});
+  }
   void AnswerMfNode(bool isMfNode, std::uint32_t nodeId) {
     tessel::NodeIdResponse answer;
     answer.isMfNode = isMfNode;
@@ -40,30 +41,29 @@ class SdkWorld {
   }
 
   /// The blocks that the node server creates and knows.
-  static std::string Blocks(const std::string& application, std::uint32_t id, std::uint32_t nodeId,
-                            char letter = 'a', const std::vector<std::uint64_t>& sizes = {100, 50}) {
+  static std::string Blocks(const std::string& application = "app", std::uint32_t id = 7,
+                            std::uint32_t node = 9, char letter = 'a',
+                            const std::vector<std::uint64_t>& sizes = {100, 50}) {
     tessel::BroadcastBlockInfo info;
     info.appId = application;
     info.broadcastId = id;
-    info.nodeId = nodeId;
+    info.nodeId = node;
     info.bmIds = {std::string(60, letter), std::string(60, static_cast<char>(letter + 1))};
     info.sizes = sizes;
     return BytesOf(info);
   }
 
-  /// \param zookeeper empty when the test needs none. \param more further lines.
-  void WriteConf(const std::string& zookeeper = "", const std::string& more = "") const {
-    std::filesystem::create_directories(mHome + "/conf");
-    std::ofstream(mHome + "/conf/vyn.conf")
-        << "vyn.log.level=ERROR\nvyn.tessel.rpc.enableTLS=false\nvyn.tessel.rpc.enableAuthentication=false\n"
-        << "vyn.zookeeper.security.enable=false\nvyn.zookeeper.connect.timeout=2\n"
-        << "vyn.tessel.rpc.transport.protocol=tcp\nvyn.tessel.rpc.openssl.path=libssl.so.3\n"
-        << "vyn.tessel.rpc.crypto.path=libcrypto.so.3\n"
-        << "vyn.tessel.rpc.shuffle_server.port=" << server.Port() << "\n"
-        << "vyn.tessel.rpc.shuffle_meta.port=" << meta.Port() << "\n"
-        << "vyn.tessel.rpc.shuffle_meta.timeout=5000\n"
-        << "vyn.zookeeper.server.url=" << (zookeeper.empty() ? "127.0.0.1:1" : zookeeper) << "\n"
-        << more;
+  /// \param zookeeper its address. \param more further lines.
+  void WriteConf(const std::string& zookeeper = "127.0.0.1:1", const std::string& more = "") const {
+    Installation::Get().Write(
+        "conf/vyn.conf",
+        "vyn.log.level=ERROR\nvyn.tessel.rpc.enableTLS=false\nvyn.tessel.rpc.enableAuthentication=false\n"
+        "vyn.zookeeper.security.enable=false\nvyn.zookeeper.connect.timeout=2\n"
+        "vyn.tessel.rpc.transport.protocol=tcp\nvyn.tessel.rpc.openssl.path=libssl.so.3\n"
+        "vyn.tessel.rpc.crypto.path=libcrypto.so.3\nvyn.tessel.rpc.shuffle_meta.timeout=5000\n"
+        "vyn.tessel.rpc.shuffle_server.port=" +
+            std::to_string(server.Port()) + "\nvyn.tessel.rpc.shuffle_meta.port=" +
+            std::to_string(meta.Port()) + "\nvyn.zookeeper.server.url=" + zookeeper + "\n" + more);
   }
 
   std::uint32_t Initialize(unsigned int flag) const {
@@ -77,18 +77,21 @@ class SdkWorld {
   ScriptedService meta;
 
  private:
-  std::string mHome;
+  const std::string mHome = Installation::Get().Path();
 };
 
-/// ZooKeeper with the leader of a metadata service.
-struct DriverGround {
-  DriverGround() : url(zookeeper.NewRoot()), raw(url) {
-    raw.Create("/meta/election/leader_info", "127.0.0.1");
+/// A driver that is ready, with a ZooKeeper that names the leader.
+struct DriverWorld : SdkWorld {
+  /// \param more lines of its configuration.
+  explicit DriverWorld(bool onNode = true, const std::string& more = "") {
+    RawZookeeper(url).Create("/meta/election/leader_info", "127.0.0.1");
+    AnswerMfNode(onNode, 5);
+    WriteConf(url, more);
+    EXPECT_EQ(Initialize(0), 0U);
   }
 
   ZookeeperServer zookeeper;
-  std::string url;
-  RawZookeeper raw;
+  const std::string url = zookeeper.NewRoot();
 };
 
 }  // namespace vyn::test

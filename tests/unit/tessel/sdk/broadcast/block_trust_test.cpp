@@ -44,7 +44,7 @@ TEST_F(BlockTrustTest, WhatDoesNotFitIsRefused) {
   EXPECT_THAT(mSizes, testing::ElementsAre(1, 2, 3));
   EXPECT_EQ(Fetch(), 0U);
   EXPECT_THAT(mSizes, testing::ElementsAre(100, 50, 3));
-  mScript.ExpectResults("BM_MappedLength", {99, 100});
+  mScript.Expect("BM_MappedLength", {99, 100});
   EXPECT_EQ(Obtain(0), 2120013U) << "the block is shorter than its record says";
   EXPECT_EQ(mScript.Calls("BM_Unmap").size(), 1U);
   EXPECT_EQ(Obtain(0), 0U);
@@ -52,7 +52,7 @@ TEST_F(BlockTrustTest, WhatDoesNotFitIsRefused) {
 
 TEST_F(BlockTrustTest, BlocksThatAreGoneAreAskedForAgain) {
   ASSERT_EQ(Fetch(), 0U);
-  mScript.ExpectResults("BM_MapSec", {-2, -2, 0, -2});
+  mScript.Expect("BM_MapSec", {-2, -2, 0, -2});
   EXPECT_EQ(Obtain(0), 2080007U) << "the node server knows no other blocks yet";
   ServerSays(SdkWorld::Blocks("app", 7, 1, 'c'));
   EXPECT_EQ(Obtain(0), 0U) << "with the blocks of the new variable";

@@ -1,12 +1,7 @@
-// The exported functions when the n-th allocation of a call fails, for each n in turn: the status, and what is
+// The exported functions with texts that are none, and when the n-th allocation of a call fails, for each n in turn: the status, and what is
 // taken back.
 
-#include "support/captured_log.h"
 #include "support/sdk_world.h"
-#include "support/test.h"
-#include "tessel/sdk/broadcast/base_api_broadcast.h"
-#include "tessel/sdk/start_up/sdk_state.h"
-#include "vyn/big_memory.h"
 #include "vyn/status.h"
 
 namespace {
@@ -41,24 +36,21 @@ using namespace tessel;
 
 constexpr unsigned long kSizes[] = {100, 50};
 
-/// A driver on a node of the fabric that is ready and registered.
+/// A driver on a node of the fabric, registered.
 class OutOfMemoryTest : public testing::Test {
  protected:
   OutOfMemoryTest() {
-    mWorld.WriteConf(mGround.url);
-    EXPECT_EQ(mWorld.Initialize(0), 0U);
     bool registered = false;
     EXPECT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
     for (const auto opcode :
          {ShuffleServer::BROADCAST_BLOCK_BATCH_CREATE, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH}) {
-      mWorld.server.Answer(opcode, {0, SdkWorld::Blocks("app", 7, 9)});
+      mWorld.server.Answer(opcode, {0, SdkWorld::Blocks()});
     }
     BroadcastRemoteNodeRsp nodes;
     mWorld.meta.Answer(ShuffleMeta::BROADCAST_REMOTE_NODE_GET, {0, BytesOf(nodes)});
-    mLog = std::make_unique<CapturedLog>(5);  // a line that cannot be written is no failure
   }
   /// Makes `call` again and again, each time failing one allocation further on, until none is left to fail.
-  /// `check` gets the status; an exception would end the test. Returns: how many failed.
+  /// `check` gets the status; an exception would end the test. Returns: how many were checked.
   static int FailEach(Form form, const std::function<std::uint32_t()>& call,
                       const std::function<void(std::uint32_t status)>& check, int limit = 1000) {
     for (int n = 0; n < limit; ++n) {
@@ -80,63 +72,71 @@ class OutOfMemoryTest : public testing::Test {
     return limit;
   }
 
-  DriverGround mGround;
-  SdkWorld mWorld;
-  std::unique_ptr<CapturedLog> mLog;
+  DriverWorld mWorld;
+  const CapturedLog mLog{5};  // a line that cannot be written is no failure
 };
 
-TEST_F(OutOfMemoryTest, AMissingMessageEndsTheCall) {
-  std::vector<std::string> texts;
+TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageEndsIt) {
+  std::vector<std::string> list;
   std::vector<unsigned short> nodeIds;
   unsigned long sizes[2];
-  bool registered = false;
-  struct Row {
-    int messages;
-    std::function<std::uint32_t()> call;
-  };
-  for (const Row& row : std::vector<Row>{
-           {1, [] { return CreateBroadcastVar("app", 7, 2); }},
-           {1, [] { return DeleteBroadcastVar("app", 7); }},
-           {2, [] { return CreateBroadcastBlockBatch("app", 7, kSizes, 2); }},
-           {2, [&] { return g_broadcastCache->CleanTable(), FetchBroadcastBlockBatch("app", 7, sizes); }},
-           {2, [&] { return GetRemoteNodeInfo("app", texts, texts, nodeIds, texts, true); }},
-           {1, [&] { return RegisterBroadcastApp("new", true, "t", &registered); }},
-           {2, &CheckMfNode}}) {
-    mWorld.server.Clear();
-    mWorld.meta.Clear();
-    const auto check = [&](std::uint32_t status) {
-      EXPECT_EQ(status, 2000057U);
-      EXPECT_EQ(mWorld.server.Requests().size() + mWorld.meta.Requests().size(), 0U);
-    };
-    EXPECT_GE(FailEach(Form::kNothrow, row.call, check), row.messages);
-    FailEach(Form::kThrowing, row.call, [](std::uint32_t status) { EXPECT_TRUE(Failed(status)); });
-  }
-}
-
-TEST_F(OutOfMemoryTest, NoExceptionLeavesAnExportedFunction) {
   char data[8] = {};
   void* address = nullptr;
   bool registered = false;
   const std::string id(60, 'a');
-  const char* process = "a process with a name that is long";
-  EXPECT_EQ(CreateBroadcastBlockBatch("app", 7, kSizes, 2), 0U);
+  const char* process = "a_process_with_a_name_that_is_long";
+  using Text = const char*;
+  const auto remote = [&](Text app, Text token) {
+    return CreateBroadcastBlockBatchRemote(app, token, 5, kSizes, 2, "10.9.8.7:1", "h", 3, list);
+  };
+  struct Row {
+    std::function<std::uint32_t(Text)> call;  ///< takes one text that it checks
+    int messages = 0;                         ///< that it makes
+    std::uint32_t refused = 2120001;
+  };
   int failures = 0;
-  for (const std::function<std::uint32_t()>& call : std::vector<std::function<std::uint32_t()>>{
-           [&] { return RegisterBroadcastApp("new", true, process, &registered); },
-           [] { return UnRegisterBroadcastApp("new"); },
-           [] { return MarkBroadcastApplicationCompleted("new"); },
-           [&] { return ObtainBroadcastBlockAddr("app", 7, 0, &address); },
-           [&] { return ReleaseBroadcastBlockAddr("app", 7, 0, data); },
-           [&] { return ReadRemoteBlock("app", 7, 0, data, "tok"); },
-           [&] { return WriteRemoteBlock("app", id.c_str(), data, 8, "tok"); },
-           [&] { return HeartBeat("app", 2, process, "", true); },
-           [&] { return HeartBeat("app", 2, process, "", false); },
-           [] { return BmCreateLink(1, "host", "10.0.0.1", 1, 0); },
-           [] { return BmCreateNamespace(1, "", "app", 0, "tok"); },
-           [&] { return BmCopy(id.c_str(), 0, id.c_str(), 0, 1, "app", "tok"); }}) {
+  for (const Row& row : std::vector<Row>{
+           {[](Text app) { return CreateBroadcastVar(app, 7, 2); }, 1},
+           {[](Text app) { return DeleteBroadcastVar(app, 7); }, 1},
+           {[](Text app) { return CreateBroadcastBlockBatch(app, 7, kSizes, 2); }, 2},
+           {[&](Text app) {
+              g_broadcastCache->RemoveVarInfo("app-7");
+              return FetchBroadcastBlockBatch(app, 7, sizes);
+            },
+            2},
+           {[&](Text app) { return GetRemoteNodeInfo(app, list, list, nodeIds, list, true); }, 2},
+           {[&](Text token) { return RegisterBroadcastApp("new", true, token, &registered); }, 1},
+           {[&](Text app) { return RegisterBroadcastApp(app, true, process, &registered); }},
+           {[&](Text app) { return ObtainBroadcastBlockAddr(app, 7, 0, &address); }},
+           {[&](Text app) { return ReleaseBroadcastBlockAddr(app, 7, 0, data); }},
+           {[&](Text app) { return ReadRemoteBlock(app, 7, 0, data, "tok"); }},
+           {[&](Text token) { return ReadRemoteBlock("app", 7, 0, data, token); }},
+           {[&](Text app) { return WriteRemoteBlock(app, id.c_str(), data, 8, "tok"); }},
+           {[&](Text app) { return remote(app, "tok"); }},
+           {[&](Text token) { return remote("app", token); }},
+           {[](Text app) { return UnRegisterBroadcastApp(app); }},
+           {[](Text app) { return MarkBroadcastApplicationCompleted(app); }},
+           {[&](Text app) { return HeartBeat(app, 2, process, "", true); }, 0, 2080001},
+           {[&](Text name) { return HeartBeat("app", 2, name, "", false); }, 0, 2080001},
+           {[&](Text content) { return HeartBeat("app", 2, process, content, false); }, 0, 2080001},
+           {[](Text ip) { return BmCreateLink(1, "host", ip, 1, 0); }, 0, 2080001},
+           {[](Text ns) { return BmCreateNamespace(1, "", ns, 0, "tok"); }, 0, 2080001},
+           {[&](Text ns) { return BmCopy(id.c_str(), 0, id.c_str(), 0, 1, ns, "tok"); }, 0, 2080001}}) {
+    EXPECT_EQ(row.call(nullptr), row.refused);
+    EXPECT_EQ(row.call("a b"), row.refused);
+    mWorld.server.Clear();
+    mWorld.meta.Clear();
+    const auto call = [&] { return row.call("app"); };
+    const auto check = [&](std::uint32_t status) {
+      const bool asked = !mWorld.server.Requests().empty() || !mWorld.meta.Requests().empty();
+      EXPECT_TRUE(row.messages == 0 || (status == 2000057 && !asked));
+    };
+    EXPECT_GE(FailEach(Form::kNothrow, call, check), row.messages);
     FailEach(Form::kThrowing, call, [&](std::uint32_t status) { failures += status == 2000057 ? 1 : 0; });
   }
-  EXPECT_GT(failures, 10);
+  EXPECT_GE(FailEach(Form::kNothrow, &CheckMfNode, [](std::uint32_t status) { EXPECT_EQ(status, 2000057U); }),
+            2);
+  EXPECT_GT(failures, 20);
 }
 
 TEST_F(OutOfMemoryTest, TheRemoteFormTakesBackWhatItMade) {
@@ -144,15 +144,14 @@ TEST_F(OutOfMemoryTest, TheRemoteFormTakesBackWhatItMade) {
   std::vector<std::string> ids;
   std::string order;
   const auto create = [&] {
-    // From the moment when the blocks are there.
-    const int goWell = std::exchange(gGoWell, -1);
+    const int goWell = std::exchange(gGoWell, -1);  // from the moment when the blocks are there
     ids.clear();
     order.clear();
     g_broadcastCache->CleanTable();
     script.Clear();
-    script.Expect("BM_AllocSec", {{}, {0, 0, [goWell] { gGoWell = goWell; }}});
-    script.Expect("BM_BatchFreeSec", {{-5, 0, [&] { order += "free "; }}});  // nobody looks at these results
-    script.Expect("BM_DestroyNSSec", {{-5, 0, [&] { order += "destroy "; }}});
+    script.Expect("BM_AllocSec", {0, {0, [goWell] { gGoWell = goWell; }}});
+    script.Expect("BM_BatchFreeSec", {{-5, [&] { order += "free "; }}});  // nobody looks at these results
+    script.Expect("BM_DestroyNSSec", {{-5, [&] { order += "destroy "; }}});
     return CreateBroadcastBlockBatchRemote("app", "tok", 7, kSizes, 2, "10.9.8.7:3899", "host", 3, ids);
   };
   for (const Form form : {Form::kThrowing, Form::kNothrow}) {
@@ -167,19 +166,14 @@ TEST_F(OutOfMemoryTest, TheRemoteFormTakesBackWhatItMade) {
 }
 
 TEST_F(OutOfMemoryTest, AStartThatFailsFreesTheClaim) {
-  const auto start = [this] {
-    BroadcastUninitialize();
-    return mWorld.Initialize(0);
-  };
+  const auto start = [this] { return BroadcastUninitialize(), mWorld.Initialize(0); };
   for (const auto& [form, limit] : {std::pair{Form::kThrowing, 30}, std::pair{Form::kNothrow, 1000}}) {
     int failures = 0;
-    FailEach(
-        form, start,
-        [&](std::uint32_t status) {
-          failures += status != 0 ? 1 : 0;
-          EXPECT_EQ(g_initClaim.load(), Failed(status) ? 0 : 1);
-        },
-        limit);
+    const auto check = [&](std::uint32_t status) {
+      failures += status != 0 ? 1 : 0;
+      EXPECT_EQ(g_initClaim.load(), Failed(status) ? 0 : 1);
+    };
+    FailEach(form, start, check, limit);
     EXPECT_GT(failures, 1);
   }
   EXPECT_EQ(start(), 0U);

@@ -2,22 +2,19 @@
 
 #include "platform/zk_helper/zk_helper.h"
 #include "support/sdk_world.h"
-#include "support/wait_until.h"
 
 namespace vyn::test {
 namespace {
 
 TEST(SessionEndTest, TheDriverFollowsTheNextLeaderAndCanStartAfresh) {
-  SdkWorld world;
-  DriverGround ground;
-  world.WriteConf(ground.url, "vyn.zookeeper.session.timeout=3000\n");  // a client notices at its next ping
-  ASSERT_EQ(world.Initialize(0), 0U);
+  DriverWorld world(true, "vyn.zookeeper.session.timeout=3000\n");  // a client notices at its next ping
+  RawZookeeper raw(world.url);
   ASSERT_EQ(HeartBeat("app", 0, "driver", "", true), 0U);
   ScriptedService next("127.0.0.2", world.meta.Port());
   const auto expireAndLead = [&](const char* leader) {
-    ExpireSession(ground.zookeeper.Port(), DoDlZooClientId(VynGetZkHandle()));
-    ground.raw.Delete("/meta/election/leader_info");
-    ground.raw.Create("/meta/election/leader_info", leader);
+    ExpireSession(world.zookeeper.Port(), DoDlZooClientId(VynGetZkHandle()));
+    raw.Delete("/meta/election/leader_info");
+    raw.Create("/meta/election/leader_info", leader);
   };
   const auto beatsReach = [](const ScriptedService& leader) {
     const auto before = leader.Count(ShuffleMeta::HEART_BEAT);
