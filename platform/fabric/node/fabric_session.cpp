@@ -3,6 +3,7 @@
 #include "platform/fabric/protocol/names.h"
 
 #include <cerrno>
+#include <map>
 
 namespace vyn::fabric {
 
@@ -24,39 +25,25 @@ bool FabricSession::Handle(ServerCall& call, Reader& arguments) {
   if (!mGreeted) {
     return call.Operation() == FabricOperation::kHello && Hello(call, arguments);
   }
-  switch (call.Operation()) {
-    case FabricOperation::kHello:
-      return false;
-    case FabricOperation::kQuery:
-      return Query(call, arguments);
-    case FabricOperation::kCreateNamespace:
-      return CreateNamespace(call, arguments);
-    case FabricOperation::kDestroyNamespace:
-      return DestroyNamespace(call, arguments);
-    case FabricOperation::kAllocate:
-      return Allocate(call, arguments);
-    case FabricOperation::kExpand:
-      return Expand(call, arguments);
-    case FabricOperation::kFree:
-      return Free(call, arguments);
-    case FabricOperation::kFreeBatch:
-      return FreeBatch(call, arguments);
-    case FabricOperation::kOpen:
-      return Open(call, arguments);
-    case FabricOperation::kStat:
-      return Stat(call, arguments);
-    case FabricOperation::kRead:
-      return Read(call, arguments);
-    case FabricOperation::kWrite:
-      return Write(call, arguments);
-    case FabricOperation::kCopy:
-      return Copy(call, arguments);
-    case FabricOperation::kExist:
-      return Exist(call, arguments);
-    case FabricOperation::kState:
-      return State(call, arguments);
-  }
-  return false;
+  using Handler = bool (FabricSession::*)(ServerCall&, Reader&);
+  static const std::map<FabricOperation, Handler> kHandlers = {
+      {FabricOperation::kQuery, &FabricSession::Query},
+      {FabricOperation::kCreateNamespace, &FabricSession::CreateNamespace},
+      {FabricOperation::kDestroyNamespace, &FabricSession::DestroyNamespace},
+      {FabricOperation::kAllocate, &FabricSession::Allocate},
+      {FabricOperation::kExpand, &FabricSession::Expand},
+      {FabricOperation::kFree, &FabricSession::Free},
+      {FabricOperation::kFreeBatch, &FabricSession::FreeBatch},
+      {FabricOperation::kOpen, &FabricSession::Open},
+      {FabricOperation::kStat, &FabricSession::Stat},
+      {FabricOperation::kRead, &FabricSession::Read},
+      {FabricOperation::kWrite, &FabricSession::Write},
+      {FabricOperation::kCopy, &FabricSession::Copy},
+      {FabricOperation::kExist, &FabricSession::Exist},
+      {FabricOperation::kState, &FabricSession::State},
+  };
+  const auto handler = kHandlers.find(call.Operation());
+  return handler != kHandlers.end() && (this->*handler->second)(call, arguments);
 }
 
 int FabricSession::Route(std::uint16_t owner, NodePtr& other) const {

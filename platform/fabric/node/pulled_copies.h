@@ -75,8 +75,8 @@ class PulledCopies {
   };
   using CopyPtr = std::shared_ptr<Copy>;
 
-  /// Whether the copy has the original's bytes. \param state of the original; receives the checksum when it is
-  /// needed. Returns: 0, or as Open when the owner could not be asked.
+  /// Whether the copy has the original's bytes. \param state of the original; receives the checksum when it
+  /// is needed. Returns: 0, or as Open when the owner could not be asked.
   int Compare(RemoteNode& owner, const ObjectName& object, const ObjectState& copy, ObjectState& state,
               bool& same);
   /// \param state of the original before the pull; receives what the copy holds.

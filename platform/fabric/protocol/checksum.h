@@ -1,7 +1,7 @@
 #pragma once
 
-// The checksum of an object's contents, by which a copy is compared with its original: XXH3, 64 bits. It finds
-// damage; it is no proof against forgery. Threads: one object is used by one thread.
+// The checksum of an object's contents, by which a copy is compared with its original: XXH3, 64 bits. It
+// finds damage; it is no proof against forgery. Threads: one object is used by one thread.
 
 #define XXH_INLINE_ALL
 #include <xxhash.h>

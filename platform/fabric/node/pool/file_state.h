@@ -8,8 +8,8 @@
 
 namespace vyn::fabric {
 
-/// Whether any process has the file open for writing, or mapped from such a descriptor. The kernel tells it by
-/// refusing a read lease. Also true when the kernel gives no leases (/proc/sys/fs/leases-enable is 0).
+/// Whether any process has the file open for writing, or mapped from such a descriptor. The kernel then
+/// refuses a read lease. Also true when the kernel gives no leases (/proc/sys/fs/leases-enable is 0).
 /// \param file open for reading only. This process owns the file.
 bool IsOpenForWriting(int file);
 
