@@ -186,7 +186,6 @@ class HarmTest : public testing::Test {
     return static_cast<std::size_t>(leader.back() - '1');
   }
   void KillEnsembleLeader(const std::function<void()>& meanwhile) {
-    EXPECT_TRUE(WaitUntil([this] { return mEnsemble.HasLeader(); }));
     ZookeeperServer& server = mEnsemble.Leader();
     server.Kill();
     meanwhile();

@@ -4,11 +4,6 @@
 
 #include "support/wait_until.h"
 
-#include <zookeeper/zookeeper.h>
-
-#include <algorithm>
-#include <stdexcept>
-
 namespace vyn::test {
 
 namespace {
@@ -19,13 +14,16 @@ void Require(int result, const std::string& what) {
   }
 }
 
+zhandle_t* Connect(const std::string& url, const clientid_t* session) {
+  zoo_set_debug_level(static_cast<ZooLogLevel>(0));
+  return zookeeper_init2(url.c_str(), nullptr, 30000, session, nullptr, ZOO_NO_LOG_CLIENTENV,
+                         [](const char*) {});
+}
+
 }  // namespace
 
-RawZookeeper::RawZookeeper(const std::string& url) {
-  zoo_set_debug_level(static_cast<ZooLogLevel>(0));
-  mHandle = zookeeper_init2(url.c_str(), nullptr, 30000, nullptr, nullptr, ZOO_NO_LOG_CLIENTENV,
-                            [](const char*) {});
-  if (mHandle == nullptr || !WaitUntil([this] { return zoo_state(mHandle) == ZOO_CONNECTED_STATE; })) {
+RawZookeeper::RawZookeeper(const std::string& url) : mHandle(Connect(url, nullptr)) {
+  if (!WaitUntil([this] { return zoo_state(mHandle) == ZOO_CONNECTED_STATE; })) {
     zookeeper_close(mHandle);
     throw std::runtime_error("no connection with " + url);
   }
@@ -34,10 +32,8 @@ RawZookeeper::RawZookeeper(const std::string& url) {
 RawZookeeper::~RawZookeeper() { zookeeper_close(mHandle); }
 
 void RawZookeeper::Create(const std::string& path, const std::optional<std::string>& value, int flags) {
-  for (auto slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-    const int made =
-        zoo_create(mHandle, path.substr(0, slash).c_str(), nullptr, -1, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
-    Require(made == ZNODEEXISTS ? static_cast<int>(ZOK) : made, path);
+  if (const auto parent = path.substr(0, path.rfind('/')); !parent.empty() && !Exists(parent)) {
+    Create(parent);
   }
   Require(zoo_create(mHandle, path.c_str(), value ? value->data() : nullptr,
                      value ? static_cast<int>(value->size()) : -1, &ZOO_OPEN_ACL_UNSAFE, flags, nullptr, 0),
@@ -49,12 +45,6 @@ void RawZookeeper::Set(const std::string& path, const std::string& value) {
 }
 
 void RawZookeeper::Delete(const std::string& path) { Require(zoo_delete(mHandle, path.c_str(), -1), path); }
-
-bool RawZookeeper::Exists(const std::string& path) const {
-  const int result = zoo_exists(mHandle, path.c_str(), 0, nullptr);
-  Require(result == ZNONODE ? static_cast<int>(ZOK) : result, path);
-  return result == ZOK;
-}
 
 std::int64_t RawZookeeper::Owner(const std::string& path) const {
   Stat stat{};
@@ -80,6 +70,20 @@ std::vector<std::string> RawZookeeper::Children(const std::string& path) const {
   deallocate_String_vector(&names);
   std::sort(children.begin(), children.end());
   return children;
+}
+
+void ExpireSession(const std::string& url, const clientid_t& id) {
+  // The session's own client may take it back before this one has closed it. So do it until it has gone.
+  const auto gone = [&] {
+    zhandle_t* thief = Connect(url, &id);
+    while (zoo_state(thief) != ZOO_CONNECTED_STATE && zoo_state(thief) != ZOO_EXPIRED_SESSION_STATE) {
+      std::this_thread::yield();
+    }
+    const bool expired = zoo_state(thief) == ZOO_EXPIRED_SESSION_STATE;
+    zookeeper_close(thief);
+    return expired;
+  };
+  Require(WaitUntil(gone) ? ZOK : ZOPERATIONTIMEOUT, "the session does not let itself be closed");
 }
 
 }  // namespace vyn::test

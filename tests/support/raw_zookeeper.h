@@ -4,12 +4,12 @@
 // shared library with a copy of the C client of its own: two clients of one copy write the server's address
 // for their complaints into the same buffer, without a lock.
 
+#include <zookeeper/zookeeper.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
-
-struct _zhandle;
 
 namespace vyn::test {
 
@@ -25,7 +25,7 @@ class RawZookeeper {
   void Create(const std::string& path, const std::optional<std::string>& value = std::nullopt, int flags = 0);
   void Set(const std::string& path, const std::string& value);
   void Delete(const std::string& path);
-  bool Exists(const std::string& path) const;
+  bool Exists(const std::string& path) const { return Get(path) != "(none)"; }
   /// Returns: the session that owns the znode, 0 when it is persistent.
   std::int64_t Owner(const std::string& path) const;
   /// Returns: the value; "(none)" when there is no such znode, "(null)" when it has none.
@@ -33,7 +33,11 @@ class RawZookeeper {
   std::vector<std::string> Children(const std::string& path) const;
 
  private:
-  _zhandle* mHandle = nullptr;
+  zhandle_t* mHandle = nullptr;
 };
+
+/// Makes a session expire, whatever its own client does. That client notices when it has waited for an answer
+/// for two thirds of the time-out.
+void ExpireSession(const std::string& url, const clientid_t& id);
 
 }  // namespace vyn::test

@@ -4,12 +4,11 @@
 // program.
 
 #include "support/child_process.h"
+#include "support/raw_socket.h"
 #include "support/raw_zookeeper.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 #include "support/wait_until.h"
-
-#include <zookeeper/zookeeper.h>
 
 namespace vyn::test {
 
@@ -19,14 +18,11 @@ class ReservedPort {
  public:
   /// \param first of the ports to choose from at random, to `last`; without them the system gives one.
   explicit ReservedPort(int first = 0, int last = 0);
-  ~ReservedPort();
-  ReservedPort(const ReservedPort&) = delete;
-  ReservedPort& operator=(const ReservedPort&) = delete;
   int Number() const { return mNumber; }
 
  private:
-  int mSocket;
-  int mNumber;
+  RawSocket mSocket;  ///< bound but not listening
+  int mNumber = 0;
 };
 
 /// One server. Its members throw std::runtime_error when the server does not do what they ask for.
@@ -34,14 +30,16 @@ class ZookeeperServer {
  public:
   /// Starts a standalone server and waits until it serves.
   /// \param longestSession the longest session time-out that a client is granted, in milliseconds.
-  explicit ZookeeperServer(int longestSession = 60000);
+  explicit ZookeeperServer(int longestSession = 60000) : ZookeeperServer(longestSession, 0, "") {
+    WaitUntilServing();
+  }
   /// \param ensemble lines of the configuration that make it a member; it is started but not waited for.
-  ZookeeperServer(int id, const std::string& ensemble, int longestSession = 60000);
+  ZookeeperServer(int longestSession, int id, const std::string& ensemble);
 
   int Port() const { return mPort.Number(); }
-  std::string Address() const { return "127.0.0.1:" + std::to_string(mPort.Number()); }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(Port()); }
   /// Returns: a connection string with a new, empty root of its own.
-  std::string NewRoot();
+  std::string NewRoot() const;
   /// Starts it, or starts it again with its data.
   void Start();
   void WaitUntilServing() const;
@@ -65,18 +63,14 @@ class ZookeeperEnsemble {
   /// Starts all and waits until they have a leader and two followers.
   ZookeeperEnsemble();
 
-  std::string NewRoot();
-  bool HasLeader() const;
-  /// Returns: the server that leads.
+  std::string NewRoot() const;
+  /// Waits until one leads. Returns: it.
   ZookeeperServer& Leader();
-  void WaitUntilComplete();
+  void WaitUntilComplete() const;
 
  private:
-  std::vector<std::unique_ptr<ReservedPort>> mPorts;
+  ReservedPort mPorts[6];
   std::vector<std::unique_ptr<ZookeeperServer>> mServers;
 };
-
-/// Makes a session of the server at `port` expire: takes it over and closes it.
-void ExpireSession(int port, const clientid_t& session);
 
 }  // namespace vyn::test

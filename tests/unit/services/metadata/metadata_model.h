@@ -2,7 +2,6 @@
 
 // What a metadata leader answers and keeps, in memory alone: the other side of the model test.
 
-#include "common/util/clock.h"
 #include "services/common/service_status.h"
 #include "services/metadata/metadata_state.h"
 #include "support/test.h"
@@ -15,146 +14,84 @@ struct Model {
     std::uint32_t blockNum = 0, node = 0;
     bool ready = false;
     std::vector<std::string> bmIds;
-    std::vector<std::uint64_t> sizes;
   };
-  struct Application {
-    bool heartbeat = false;
-    std::chrono::steady_clock::time_point lastBeat;
-    std::map<std::uint32_t, Variable> variables;
-  };
-
   explicit Model(ApplicationLimits limits) : mLimits(limits) {}
 
-  Variable* Find(const std::string& app, std::uint32_t id) {
-    const auto application = mApplications.find(app);
-    return application == mApplications.end() || !application->second.variables.contains(id)
-               ? nullptr
-               : &application->second.variables[id];
+  const Variable* Find(const std::string& app, std::uint32_t id) const {
+    const auto variable = mVariables.find({app, id});
+    return variable == mVariables.end() ? nullptr : &variable->second;
   }
   std::uint32_t Written() {
     mWrote = true;
     return 0;
   }
   std::uint32_t NewVariable(const std::string& app, std::uint32_t id, std::uint32_t blocks) {
-    if (const Variable* variable = Find(app, id); blocks > MetadataStore::kMaxBlocks || variable != nullptr) {
-      return blocks > MetadataStore::kMaxBlocks ? kStatusTooLarge
-             : variable->blockNum == blocks     ? 0
-                                                : kStatusVariableExists;
+    if (blocks > MetadataStore::kMaxBlocks) {
+      return kStatusTooLarge;
+    }
+    if (const Variable* variable = Find(app, id)) {
+      return variable->blockNum == blocks ? 0 : kStatusVariableExists;
     }
     std::uint64_t sum = blocks;
     std::size_t count = 0;
-    if (const auto application = mApplications.find(app); application != mApplications.end()) {
-      for (const auto& [number, variable] : application->second.variables) {
-        sum += variable.blockNum;
-        ++count;
-      }
+    for (const auto& [key, variable] : mVariables) {
+      sum += key.first == app ? variable.blockNum : 0;
+      count += key.first == app ? 1 : 0;
     }
     if (sum > mLimits.blocks || count == mLimits.variables) {
       return kStatusLimit;
     }
-    mApplications[app].variables[id].blockNum = blocks;
+    mApplications.insert(app);
+    mVariables[{app, id}].blockNum = blocks;
     return Written();
   }
   std::uint32_t SetBlocks(const tessel::BroadcastBlockInfo& info) {
-    Variable* variable = Find(info.appId, info.broadcastId);
+    const Variable* variable = Find(info.appId, info.broadcastId);
     if (variable == nullptr || variable->blockNum != info.bmIds.size()) {
       return variable == nullptr ? kStatusUnknownVariable : kStatusInvalidRequest;
     }
     if (variable->ready) {
-      return variable->bmIds == info.bmIds && variable->sizes == info.sizes ? 0 : kStatusVariableExists;
+      return variable->bmIds == info.bmIds ? 0 : kStatusVariableExists;
     }
-    *variable = {variable->blockNum, info.nodeId, true, info.bmIds, info.sizes};
+    mVariables[{info.appId, info.broadcastId}] = {variable->blockNum, info.nodeId, true, info.bmIds};
     return Written();
   }
   std::uint32_t AddBlocks(const tessel::BroadcastBlockInfo& info) {
-    Variable* variable = Find(info.appId, info.broadcastId);
+    const Variable* variable = Find(info.appId, info.broadcastId);
     if (variable == nullptr) {
       return kStatusUnknownVariable;
     }
-    Variable changed{variable->blockNum, info.nodeId, true, variable->bmIds, variable->sizes};
+    Variable changed{variable->blockNum, info.nodeId, true, variable->bmIds};
     const std::set<std::string> known(changed.bmIds.begin(), changed.bmIds.end());
-    for (std::size_t i = 0; i < info.bmIds.size(); ++i) {
-      if (!known.contains(info.bmIds[i])) {
-        changed.bmIds.push_back(info.bmIds[i]);
-        changed.sizes.push_back(info.sizes[i]);
-      }
-    }
+    std::copy_if(info.bmIds.begin(), info.bmIds.end(), std::back_inserter(changed.bmIds),
+                 [&](const std::string& bmId) { return !known.contains(bmId); });
     if ((variable->ready && variable->node != info.nodeId) || info.bmIds.size() > variable->blockNum ||
         changed.bmIds.size() > variable->blockNum) {
       return kStatusInvalidRequest;
     }
-    *variable = changed;
+    mVariables[{info.appId, info.broadcastId}] = changed;
     return Written();
   }
   std::uint32_t RemoveVariable(const std::string& app, std::uint32_t id) {
-    if (const Variable* variable = Find(app, id)) {
-      for (std::uint32_t node = 1; node <= 2 && variable->ready; ++node) {
-        mEntries.insert({node, app, id, node == variable->node});
-      }
-      mApplications[app].variables.erase(id);
-      return Written();
+    const auto variable = mVariables.extract({app, id});
+    if (!variable) {
+      return 0;
     }
-    return 0;
+    for (std::uint32_t node = 1; node <= 2 && variable.mapped().ready; ++node) {
+      mEntries.insert({node, app, id, node == variable.mapped().node});
+    }
+    return Written();
   }
   std::uint32_t RemoveApplication(const std::string& app) {
     mApplications.erase(app);
+    std::erase_if(mVariables, [&](const auto& variable) { return variable.first.first == app; });
     mEntries.insert({{1, app, 0, false}, {2, app, 0, false}});
     return Written();
   }
-  std::uint32_t Expire(const std::string& app, std::chrono::milliseconds timeout, bool& removed) {
-    const auto silent = Silent(timeout);
-    removed = std::find(silent.begin(), silent.end(), app) != silent.end();
-    return removed ? RemoveApplication(app) : 0;
-  }
-  std::uint32_t HeartBeat(const std::string& app, bool alive) {
-    const auto application = mApplications.find(app);
-    if (application != mApplications.end() && (alive || application->second.heartbeat)) {
-      mWrote = !std::exchange(application->second.heartbeat, true);
-      application->second.lastBeat = common::SteadyNow();
-    }
-    return 0;
-  }
-  void ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration gap) {
-    for (auto& [name, application] : mApplications) {
-      application.lastBeat += gap;
-    }
-  }
-  std::uint32_t GetVariable(const std::string& app, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
-    const Variable* variable = Find(app, id);
-    if (variable == nullptr || !variable->ready || variable->bmIds.size() != variable->blockNum) {
-      return variable == nullptr ? kStatusUnknownVariable : kStatusNotReady;
-    }
-    info.nodeId = variable->node;
-    info.bmIds = variable->bmIds;
-    info.sizes = variable->sizes;
-    return 0;
-  }
-  std::uint32_t GetBlock(const std::string& app, std::uint32_t id, std::uint32_t index, std::string& bmId) {
-    const Variable* variable = Find(app, id);
-    if (variable == nullptr || index >= variable->bmIds.size()) {
-      return variable == nullptr || index >= variable->blockNum ? kStatusUnknownVariable : kStatusNotReady;
-    }
-    bmId = variable->bmIds[index];
-    return 0;
-  }
-  std::uint32_t Known(const std::vector<std::string>& names, std::vector<std::string>& known) {
-    std::copy_if(names.begin(), names.end(), std::back_inserter(known),
-                 [&](const std::string& name) { return mApplications.contains(name); });
-    return 0;
-  }
-  std::vector<std::string> Silent(std::chrono::milliseconds timeout) {
-    std::vector<std::string> names;
-    for (const auto& [name, application] : mApplications) {
-      if (application.heartbeat && common::SteadyNow() - application.lastBeat > timeout) {
-        names.push_back(name);
-      }
-    }
-    return names;
-  }
-
   const ApplicationLimits mLimits;
   bool mWrote = false;
-  std::map<std::string, Application> mApplications;
+  std::set<std::string> mApplications;
+  std::map<std::pair<std::string, std::uint32_t>, Variable> mVariables;
   /// What the nodes are told: node, application, variable, whether the node holds the blocks.
   std::multiset<std::tuple<std::uint32_t, std::string, std::uint32_t, bool>> mEntries;
 };

@@ -2,34 +2,31 @@
 
 #include "services/node/node_registry.h"
 
+#include "cluster/node_records.h"
 #include "services/common/service_status.h"
 #include "services/common/variable_record.h"
+#include "services/common/zookeeper_io.h"
 #include "services/metadata/metadata_state.h"
 #include "services/node/metadata_client.h"
 #include "services/node/reclaimer.h"
 #include "support/client_test.h"
 #include "support/cluster_test.h"
 #include "support/fabric.h"
-#include "support/raw_socket.h"
+#include "support/service_client.h"
 #include "tessel/message/operation_codes.h"
 
 namespace vyn::services {
 namespace {
 
 using namespace std::chrono_literals;
-using std::string_literals::operator""s;
 
 constexpr const char* kNode = "/mf/node/7";
 constexpr const char* kCapacity = "/mf/capacity/7";
 constexpr const char* kKnown = "/vyn/nodes/7";
 
-/// The record of a node with link port 0x1234, as written by hand.
+/// The record of a node.
 std::string NodeBytes(const std::string& ip, const std::string& host, std::uint32_t port = 0x1234) {
-  std::string bytes = test::Wire(0U, port) + ip;
-  bytes.resize(24);
-  bytes += host;
-  bytes.resize(88);
-  return bytes;
+  return cluster::NodeRecord{port, ip, host}.Encode();
 }
 
 /// A node with one object of 1 MiB in a pool of 8.
@@ -37,22 +34,15 @@ class NodeRegistryTest : public test::ClusterTest {
  protected:
   void SetUp() override {
     ClusterTest::SetUp();
-    Connect();
-    std::string error;
     fabric::FabricNodeOptions options = mPlace.Options();
     options.capacity = 8U << 20U;
-    ASSERT_TRUE(mFabric.Start(options, error)) << error;
+    ASSERT_TRUE(mFabric.Start(options, mError)) << mError;
     ASSERT_EQ(mFabric.CreateNamespace("app", "t"), 0);
     ASSERT_EQ(mFabric.Allocate("app", 1U << 20U, mId), 0);
   }
   void TearDown() override {
     mFabric.Stop();
     ClusterTest::TearDown();
-  }
-  static NodeIdentity Identity() {
-    NodeIdentity identity{7, "10.0.0.1", "host-7", 0x1234};
-    identity.claimLimit = 500ms;
-    return identity;
   }
 
   test::FabricPlace mPlace{7};
@@ -62,29 +52,20 @@ class NodeRegistryTest : public test::ClusterTest {
 };
 
 TEST_F(NodeRegistryTest, PublishesBothRecordsAndTakesThemAway) {
-  NodeRegistry registry(Identity(), mFabric);
+  NodeRegistry registry({7, "10.0.0.1", "host-7", 0x1234}, mFabric);
   ASSERT_TRUE(registry.Claim(mError)) << mError;
-  EXPECT_TRUE(mRaw->Get(kNode) == NodeBytes("10.0.0.1", "host-7"));
   EXPECT_FALSE(mRaw->Exists(kCapacity)) << "a node that does not serve yet is not chosen";
   ASSERT_TRUE(registry.Start(mError)) << mError;
-  const std::string capacity = mRaw->Get(kCapacity);
-  EXPECT_EQ(capacity.substr(0, 16), test::Wire(std::uint64_t{8U << 20U}, std::uint64_t{7U << 20U}));
-  std::uint64_t time = 0;
-  ASSERT_EQ(capacity.copy(reinterpret_cast<char*>(&time), sizeof(time), 16), 8U);
-  EXPECT_NEAR(static_cast<double>(time), static_cast<double>(::time(nullptr)), 600);
-  EXPECT_EQ(mRaw->Get(kKnown), R"({"host":"host-7","ip":"10.0.0.1"})");
-  EXPECT_TRUE(mRaw->Exists("/vyn/reclaim/7"));
-
-  // A new session: they are made again, by it.
   const std::int64_t session = mRaw->Owner(kNode);
   EXPECT_TRUE(session != 0 && session == mRaw->Owner(kCapacity));
-  ASSERT_EQ(mAdapter->ClusterZKClose(), 0U);
-  ASSERT_EQ(mAdapter->ClusterZKAdapterInit(30000), 0U);
+  Connect(mUrl);  // a new session: they are made again, by it
   EXPECT_TRUE(test::WaitUntil([&] { return mRaw->Exists(kCapacity) && mRaw->Owner(kCapacity) != session; }));
-  EXPECT_TRUE(mRaw->Get(kNode) == NodeBytes("10.0.0.1", "host-7"));
+  EXPECT_EQ(mRaw->Get(kCapacity).substr(0, 16),
+            test::Wire(std::uint64_t{8U << 20U}, std::uint64_t{7U << 20U}));
+  EXPECT_EQ(mRaw->Get(kNode), NodeBytes("10.0.0.1", "host-7"));
   registry.Stop();
   EXPECT_FALSE(mRaw->Exists(kNode) || mRaw->Exists(kCapacity));
-  EXPECT_TRUE(mRaw->Exists(kKnown));
+  EXPECT_TRUE(mRaw->Exists(kKnown) && mRaw->Exists("/vyn/reclaim/7"));
 }
 
 TEST_F(NodeRegistryTest, RefusesAnIdThatIsAnotherNodes) {
@@ -93,68 +74,43 @@ TEST_F(NodeRegistryTest, RefusesAnIdThatIsAnotherNodes) {
     std::string present;  ///< at /mf/node/7, of another session; empty: nothing
     std::string known;    ///< at /vyn/nodes/7; empty: nothing
     bool takeOver;
-    bool objects;         ///< the pool has one
     std::string refusal;  ///< a part of it; empty: claimed
   };
   const std::string own = R"({"host":"h","ip":"10.0.0.1"})";
   const std::string other = R"({"host":"h","ip":"10.0.0.9"})";
   for (const Case& c :
-       {Case{"has moved with its pool", "", other, false, true, ""},
-        Case{"first start", "", "", false, false, ""},
-        Case{"after a crash", NodeBytes("10.0.0.1", "host-7"), own, false, false, ""},
-        Case{"after a crash, with another name", NodeBytes("10.0.0.1", "old"), own, false, false, ""},
-        Case{"runs elsewhere", NodeBytes("10.0.0.9", "host-7"), "", false, false, "10.0.0.9"},
-        Case{"runs elsewhere, whatever is said", NodeBytes("10.0.0.9", "host-7"), "", true, false,
-             "10.0.0.9"},
-        Case{"runs here by another port", NodeBytes("10.0.0.1", "host-7", 4661), own, false, false, "4661"},
-        Case{"no record at all", "x", own, false, false, "belongs"},
-        Case{"is down elsewhere", "", other, false, false, "--take-over"},
-        Case{"is taken over", "", other, true, false, ""}, Case{"damaged", "", "{", false, false, ""}}) {
+       {Case{"has moved with its pool", "", other, false, ""},  // which has objects in the first case only
+        Case{"after a crash, with another name", NodeBytes("10.0.0.1", "old"), own, false, ""},
+        Case{"runs elsewhere, whatever is said", NodeBytes("10.0.0.9", "host-7"), "", true, "10.0.0.9"},
+        Case{"runs here by another port", NodeBytes("10.0.0.1", "host-7", 4661), own, false, "4661"},
+        Case{"no record at all", "x", own, false, "belongs"},
+        Case{"is down elsewhere", "", other, false, "--take-over"},
+        Case{"is taken over", "", other, true, ""}, Case{"damaged", "", "{", false, ""}}) {
     SCOPED_TRACE(c.what);
-    mFabric.DestroyNamespace(c.objects ? "none" : "app");
     mRaw->Create("/vyn/reclaim/7/entry", "kept");
     for (const auto& [path, text, flags] :
          {std::tuple(kNode, c.present, int{ZOO_EPHEMERAL}), std::tuple(kKnown, c.known, 0)}) {
-      mRaw->Create(std::string(path) + "0", "");
       if (!text.empty()) {
         mRaw->Create(path, text, flags);
       }
     }
-    NodeIdentity identity = Identity();
+    NodeIdentity identity{7, "10.0.0.1", "host-7", 0x1234};
+    identity.claimLimit = 500ms;
     identity.takeOver = c.takeOver;
-    {
-      NodeRegistry registry(identity, mFabric);
-      std::string error;
-      EXPECT_EQ(registry.Claim(error), c.refusal.empty()) << error;
-      EXPECT_NE(error.find(c.refusal), std::string::npos) << error;
-    }
-    const auto expected = [&](const std::string& before) { return before.empty() ? "(none)" : before; };
-    EXPECT_EQ(mRaw->Get(kNode), c.refusal.empty() ? NodeBytes("10.0.0.1", "host-7") : expected(c.present));
-    EXPECT_EQ(mRaw->Get(kKnown),
-              c.refusal.empty() ? R"({"host":"host-7","ip":"10.0.0.1"})"s : expected(c.known));
+    std::string error;
+    EXPECT_EQ(NodeRegistry(identity, mFabric).Claim(error), c.refusal.empty()) << error;
+    EXPECT_NE(error.find(c.refusal), std::string::npos) << error;
+    const auto expected = [&](const std::string& before, const std::string& claimed) {
+      return c.refusal.empty() ? claimed : before.empty() ? "(none)" : before;
+    };
+    EXPECT_EQ(mRaw->Get(kNode), expected(c.present, NodeBytes("10.0.0.1", "host-7")));
+    EXPECT_EQ(mRaw->Get(kKnown), expected(c.known, R"({"host":"host-7","ip":"10.0.0.1"})"));
     EXPECT_EQ(mRaw->Get("/vyn/reclaim/7/entry"), "kept");
-    for (const std::string& path :
-         {kNode + ""s, kNode + "0"s, kKnown + ""s, kKnown + "0"s, "/vyn/reclaim/7/entry"s}) {
-      if (mRaw->Exists(path)) {
-        mRaw->Delete(path);
-      }
+    for (const char* path : {"/mf/node", "/vyn/nodes", "/vyn/reclaim"}) {
+      EXPECT_EQ(zookeeper::DeleteTree(path), ZOK);
     }
+    mFabric.DestroyNamespace("app");
   }
-}
-
-TEST_F(NodeRegistryTest, WaitsForTheEndOfAnEarlierSession) {
-  auto earlier = std::make_unique<test::RawZookeeper>(mUrl);
-  earlier->Create(kNode, NodeBytes("10.0.0.1", "host-7", 4661), ZOO_EPHEMERAL);
-  NodeIdentity identity = Identity();
-  identity.claimLimit = 10h;
-  NodeRegistry registry(identity, mFabric);
-  EXPECT_FALSE(registry.Claim(mError, [] { return true; })) << "the daemon is told to end";
-  std::jthread end([&] {
-    std::this_thread::sleep_for(300ms);
-    earlier.reset();
-  });
-  EXPECT_TRUE(registry.Claim(mError)) << mError;
-  EXPECT_TRUE(mRaw->Get(kNode) == NodeBytes("10.0.0.1", "host-7"));
 }
 
 TEST_F(NodeRegistryTest, TheReclaimerKeepsWhatItCannotFreeUntilTheApplicationEnds) {
@@ -217,41 +173,29 @@ TEST_F(NodeRegistryTest, RecordsOfANewerBuildAndMadeUpEntriesAreLeftAlone) {
   EXPECT_EQ(mRaw->Get("/vyn/apps/app/2.x"), newer);
 }
 
-TEST(MetadataClient, ALookUpFollowsALeaderWhoseHostHasVanished) {
+TEST(MetadataClient, ALookUpFollowsALeaderWhoseHostHasVanishedAndEnds) {
   const test::TwinServices hosts;
   test::PlainConfiguration()->Set("vyn.tessel.rpc.shuffle_meta.port", int{hosts.first->Port()});
   hosts.first->Answer(BROADCAST_VAR_GET, {0, "", test::ScriptedService::Reply::kSilence});
-  tessel::BroadcastBlockInfo variable;
-  variable.appId = "app";
-  variable.broadcastId = 7;
-  variable.bmIds = {std::string(60, 'b')};
-  variable.sizes = {5};
-  hosts.second->Answer(BROADCAST_VAR_GET, {0, test::BytesOf(variable)});
+  const auto variable = test::Make<tessel::BroadcastBlockInfo>(
+      "app", 7U, 5U, std::vector{std::string(60, 'b')}, std::vector<std::uint64_t>{5});
+  hosts.second->Answer(BROADCAST_VAR_GET, {0, test::BytesOf(*variable)});
+  tessel::BroadcastBlockInfo found;
+  MetadataClient brief({200ms, 200ms, 1500ms});
+  tessel::SetLeader("");
+  EXPECT_EQ(brief.LookUp("app", 7, found), kStatusNoLeader);
   tessel::SetLeader("127.0.0.1");
+  EXPECT_TRUE(Failed(brief.LookUp("app", 7, found)));
+  hosts.first->Clear();
   std::jthread election([&] {
     EXPECT_TRUE(hosts.first->WaitFor(1));
     tessel::SetLeader("127.0.0.2");
   });
   MetadataClient client({.call = 1000ms});
-  tessel::BroadcastBlockInfo found;
   EXPECT_EQ(client.LookUp("app", 7, found), 0U);
-  EXPECT_EQ(found.bmIds, variable.bmIds);
+  EXPECT_EQ(found.nodeId, 5U);
   hosts.second->Answer(BROADCAST_VAR_GET, {kStatusUnknownVariable, ""});
   EXPECT_EQ(client.LookUp("app", 8, found), kStatusUnknownVariable) << "the leader's own word, at once";
-}
-
-TEST(MetadataClient, ALookUpThatNobodyAnswersEnds) {
-  const test::RawListener silent;
-  test::PlainConfiguration()->Set("vyn.tessel.rpc.shuffle_meta.port", int{silent.Port()});
-  MetadataClient client({200ms, 200ms, 1500ms});
-  tessel::BroadcastBlockInfo found;
-  tessel::SetLeader("");
-  EXPECT_EQ(client.LookUp("app", 7, found), kStatusNoLeader);
-  tessel::SetLeader("127.0.0.1");
-  EXPECT_TRUE(Failed(client.LookUp("app", 7, found)));
-  MetadataClient ending({200ms, 200ms, std::chrono::hours(1)});
-  ending.Stop();
-  EXPECT_TRUE(Failed(ending.LookUp("app", 7, found)));
 }
 
 }  // namespace

@@ -12,7 +12,7 @@ TEST(SessionEndTest, TheDriverFollowsTheNextLeaderAndCanStartAfresh) {
   ASSERT_EQ(HeartBeat("app", 0, "driver", "", true), 0U);
   ScriptedService next("127.0.0.2", world.meta.Port());
   const auto expireAndLead = [&](const char* leader) {
-    ExpireSession(world.zookeeper.Port(), DoDlZooClientId(VynGetZkHandle()));
+    ExpireSession(world.zookeeper.Address(), DoDlZooClientId(VynGetZkHandle()));
     raw.Delete("/meta/election/leader_info");
     raw.Create("/meta/election/leader_info", leader);
   };
