@@ -4,6 +4,7 @@
 
 #include <vyn/broadcast.h>
 #include <vyn/status.h>
+#include <vyn/variable.h>
 
 #include <exception>
 #include <iostream>
@@ -40,10 +41,26 @@ class Sdk {
   Sdk& operator=(const Sdk&) = delete;
 };
 
+/// A handle of a variable, closed in the destructor. A variable that is not published by then is abandoned.
+class Variable {
+ public:
+  Variable() = default;
+  ~Variable() { VynVariableClose(mHandle); }
+  Variable(const Variable&) = delete;
+  Variable& operator=(const Variable&) = delete;
+
+  VynVariable** Place() { return &mHandle; }
+  VynVariable* Get() const { return mHandle; }
+  void* Data() const { return VynVariableData(mHandle); }
+
+ private:
+  VynVariable* mHandle = nullptr;
+};
+
 /// Checks the number of arguments, calls `run` and prints its exception. Returns: the exit code of the
 /// program.
 inline int RunProgram(int argc, char** argv, const char* usage, void (*run)(char** arguments)) {
-  if (argc != 7) {
+  if (argc != 6) {
     std::cerr << "usage: " << usage << "\n";
     return 2;
   }

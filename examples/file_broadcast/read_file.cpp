@@ -1,16 +1,14 @@
-// An executor that maps the blocks of publish_file's variable and writes their contents to a file.
+// A program that opens publish_file's variable and writes its contents to a file.
 //
-//   read_file HOME APP TOKEN ID BLOCKS FILE
+//   read_file HOME APP TOKEN ID FILE
 //
-// BLOCKS is the number that publish_file printed. An engine's executor would work on the mapped pages instead
-// of copying them. Each of its tasks may obtain a block; the first one maps it. All processes of the node
-// share the pages.
+// An engine's executor would work on the range instead of copying it. All processes of the node share its
+// pages. Each task may open the variable; the first one maps it.
 
 #include "common.h"
 
 #include <fstream>
 #include <iostream>
-#include <vector>
 
 namespace {
 
@@ -28,39 +26,22 @@ class Registration {
   const char* mApp;
 };
 
-void Read(const char* app, unsigned int id, unsigned int blocks, const char* path) {
-  std::ofstream file(path, std::ios::binary);
-  std::vector<unsigned long> sizes(blocks);
-  unsigned int count = 0;
-  Check(FetchBroadcastBlockBatchInto(app, id, sizes.data(), blocks, &count), "FetchBroadcastBlockBatchInto");
-  if (count != blocks) {
-    throw std::runtime_error("the variable has " + std::to_string(count) + " blocks");
-  }
-  unsigned long total = 0;
-  for (unsigned int i = 0; i < blocks; ++i) {
-    void* address = nullptr;
-    Check(ObtainBroadcastBlockAddr(app, id, i, &address), "ObtainBroadcastBlockAddr");
-    file.write(static_cast<const char*>(address), static_cast<std::streamsize>(sizes[i]));
-    total += sizes[i];
-    // An engine releases a block when its last task has finished with it. Here that is now.
-    Check(ReleaseBroadcastBlockAddr(app, id, i, address), "ReleaseBroadcastBlockAddr");
-  }
-  if (!file.flush()) {
-    throw std::runtime_error(std::string(path) + " cannot be written");
-  }
-  std::cout << "read " << total << " bytes" << std::endl;
-}
-
 void Run(char** arguments) {
   const Sdk sdk(arguments[1], 1);
   const char* app = arguments[2];
   const Registration registration(app, arguments[3]);
-  Read(app, static_cast<unsigned int>(std::stoul(arguments[4])),
-       static_cast<unsigned int>(std::stoul(arguments[5])), arguments[6]);
+  Variable variable;
+  Check(VynVariableOpen(app, static_cast<std::uint32_t>(std::stoul(arguments[4])), variable.Place()),
+        "VynVariableOpen");
+  const std::uint64_t size = VynVariableSize(variable.Get());
+  std::ofstream file(arguments[5], std::ios::binary);
+  file.write(static_cast<const char*>(variable.Data()), static_cast<std::streamsize>(size));
+  if (!file.flush()) {
+    throw std::runtime_error(std::string(arguments[5]) + " cannot be written");
+  }
+  std::cout << "read " << size << " bytes" << std::endl;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  return RunProgram(argc, argv, "read_file HOME APP TOKEN ID BLOCKS FILE", Run);
-}
+int main(int argc, char** argv) { return RunProgram(argc, argv, "read_file HOME APP TOKEN ID FILE", Run); }

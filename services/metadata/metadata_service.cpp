@@ -224,7 +224,8 @@ void MetadataService::RegisterVariableOperations() {
           if (!IsName(request.appId)) {
             return kStatusInvalidRequest;
           }
-          const std::uint32_t status = mState.RemoveVariable(request.appId, request.broadcastId);
+          const std::uint32_t status =
+              mState.RemoveVariable(request.appId, request.broadcastId, request.blockNum == kOnlyUnpublished);
           Audit(peer, "remove_variable", request.appId + "/" + std::to_string(request.broadcastId), status);
           return status;
         });

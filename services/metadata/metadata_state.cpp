@@ -123,7 +123,8 @@ bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockN
   return variables < mLimits.variables && blocks + blockNum <= mLimits.blocks;
 }
 
-std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id) {
+std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id,
+                                            bool onlyUnpublished) {
   sync::MutexLock write(WriteLock(application));
   if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
@@ -131,6 +132,9 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
   Variable variable;
   if (!Find(application, id, variable)) {
     return VYN_OK;  // deleted before
+  }
+  if (onlyUnpublished && variable.ready && variable.bmIds.size() == variable.blockNum) {
+    return kStatusVariableExists;
   }
   std::vector<std::string> entries;
   if (const std::uint32_t status = mStore.RemoveVariable(application, variable, entries); Failed(status)) {

@@ -34,7 +34,9 @@ class MetadataState {
                      std::chrono::milliseconds extra = {});
 
   std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum);
-  std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id);
+  /// \param onlyUnpublished refuses, with kStatusVariableExists, a variable that has all its blocks.
+  std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id,
+                               bool onlyUnpublished = false);
   /// Sets the whole list of blocks.
   std::uint32_t SetBlocks(const tessel::BroadcastBlockInfo& info);
   /// Appends blocks to the known ones.

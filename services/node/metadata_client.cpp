@@ -65,16 +65,34 @@ std::uint32_t MetadataClient::Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& 
   return VYN_OK;
 }
 
-std::uint32_t MetadataClient::Ask(const common::Ref<tessel::BroadcastVar>& request,
-                                  const common::Ref<tessel::BroadcastBlockInfo>& response) {
+std::uint32_t MetadataClient::Ask(short operation, const common::Ref<common::BaseMessage>& request,
+                                  const common::Ref<common::BaseMessage>& response) {
   common::Ref<tessel::ShuffleMetaRPCEngine> engine;
   std::uint32_t status = Engine(engine);
   if (!Failed(status)) {
     status = engine->RefreshMasterNodeInfo(true);
   }
   return Failed(status) ? status
-                        : engine->SendCall(static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GET),
-                                           request, response, mLimits.call.count());
+                        : engine->SendCall(static_cast<std::uint16_t>(operation), request, response,
+                                           mLimits.call.count());
+}
+
+std::uint32_t MetadataClient::FindBlock(const std::string& application, std::uint32_t id,
+                                        std::uint32_t index) {
+  const common::Ref<tessel::BlockInfoRequest> request(new tessel::BlockInfoRequest());
+  request->appId = application;
+  request->broadcastId = id;
+  request->blockIndex = index;
+  const common::Ref<tessel::BlockBmInfo> response(new tessel::BlockBmInfo());
+  return Ask(ShuffleMeta::BROADCAST_BLOCK_INFO_GET, request, response);
+}
+
+std::uint32_t MetadataClient::RemoveUnpublished(const std::string& application, std::uint32_t id) {
+  const common::Ref<tessel::BroadcastVar> request(new tessel::BroadcastVar());
+  request->appId = application;
+  request->broadcastId = id;
+  request->blockNum = tessel::kOnlyUnpublished;
+  return Ask(ShuffleMeta::BROADCAST_VAR_REMOVE, request, common::BaseMessage::gNullPtr);
 }
 
 std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32_t id,
@@ -88,7 +106,7 @@ std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32
   auto retry = common::Retry::For(mLimits.lookUp, kRetryPause);
   std::uint32_t status = VYN_OK;
   do {
-    status = Ask(request, response);
+    status = Ask(ShuffleMeta::BROADCAST_VAR_GET, request, response);
   } while (IsTransient(status) && !mStopping.load(std::memory_order_relaxed) && retry.Again());
   if (Failed(status)) {
     return status;

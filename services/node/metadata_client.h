@@ -39,14 +39,19 @@ class MetadataClient {
   /// Returns: 0; kStatusNoLeader when this process knows no leader; otherwise the leader's status or a
   /// transport failure, see RPCEngineBase::SendCall.
   std::uint32_t LookUp(const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info);
+  /// Whether the record of a variable has the block. Returns: 0, kStatusNotReady, another failure. One try.
+  std::uint32_t FindBlock(const std::string& application, std::uint32_t id, std::uint32_t index);
+  /// Removes a variable that has no complete block list. One try. Returns: 0, also when there is none;
+  /// kStatusVariableExists when it has one; another failure.
+  std::uint32_t RemoveUnpublished(const std::string& application, std::uint32_t id);
   /// Ends the retries: a look-up returns after its current call.
   void Stop() { mStopping.store(true, std::memory_order_relaxed); }
 
  private:
   /// Fills `engine` with the client that all look-ups share; creates it if necessary.
   std::uint32_t Engine(common::Ref<tessel::ShuffleMetaRPCEngine>& engine);
-  std::uint32_t Ask(const common::Ref<tessel::BroadcastVar>& request,
-                    const common::Ref<tessel::BroadcastBlockInfo>& response);
+  std::uint32_t Ask(short operation, const common::Ref<common::BaseMessage>& request,
+                    const common::Ref<common::BaseMessage>& response);
 
   const MetadataClientLimits mLimits;
   std::atomic<bool> mStopping{false};

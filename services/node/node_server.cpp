@@ -268,6 +268,9 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
     quota.Release(1);
     response.bmIds.push_back(std::move(bmId));
   }
+  if (mOptions.created) {
+    mOptions.created(request.appId, request.broadcastId, response.bmIds);
+  }
   return VYN_OK;
 }
 

@@ -99,6 +99,8 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   node.lookUp = [this](const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
     return mMetadataClient.LookUp(application, id, info);
   };
+  node.created = [this](const std::string& application, std::uint32_t id,
+                        const std::vector<std::string>& bmIds) { mUnpublished.Add(application, id, bmIds); };
   mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
   // Start the fabric after mMember and mReclaimer exist: its callbacks use both.
   if (!StartFabric(error) || !ConnectZooKeeper(error)) {
@@ -127,6 +129,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
     return fail();
   }
   mReclaimer->Start();
+  mUnpublished.Start();
   // A node is ready when its clients can find the metadata service. In a new cluster this node may be up
   // before any node that can lead, so a missing leader is only a warning.
   if (AwaitLeader(kLeaderLimit, [&] { return !stopping(); }).empty()) {
@@ -157,6 +160,7 @@ void Daemon::Stop() {
   if (mReclaimer != nullptr) {
     mReclaimer->Stop();
   }
+  mUnpublished.Stop();
   mFabric.Stop();
   if (VynGetZkHandle() != nullptr) {
     const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);

@@ -12,6 +12,7 @@
 #include "services/node/node_registry.h"
 #include "services/node/node_server.h"
 #include "services/node/reclaimer.h"
+#include "services/node/unpublished_variables.h"
 #include "services/vynd/home_lock.h"
 #include "services/vynd/options.h"
 
@@ -54,6 +55,7 @@ class Daemon {
   fabric::FabricNode mFabric;
   MetadataClient mMetadataClient;
   std::unique_ptr<MetadataMember> mMember;
+  UnpublishedVariables mUnpublished{mFabric, mMetadataClient};
   std::unique_ptr<NodeServer> mNodeServer;
   std::unique_ptr<Reclaimer> mReclaimer;
   /// Whether NodeRegistry::Claim has succeeded. Until then the fabric refuses new namespaces.

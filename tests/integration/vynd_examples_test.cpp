@@ -20,22 +20,22 @@ void ExpectBroadcast(int nodeId, const std::string& where) {
   node.Start();
   const std::string missing = folder / "none";
   ExpectCommands("timeout 300 " VYN_EXAMPLE_DIR "/publish_file " + node.Home() + " app_1 secret 7 ",
-                 {{missing + " 100000", 1, {missing + " cannot be read"}}});
+                 {{missing, 1, {missing + " cannot be read"}}});
   EXPECT_FALSE(tree.Exists("/vyn/apps/app_1"));
 
   ChildProcess publisher(
-      {VYN_EXAMPLE_DIR "/publish_file", node.Home(), "app_1", "secret", "7", file, "100000"});
+      {VYN_EXAMPLE_DIR "/publish_file", node.Home(), "app_1", "secret", "7", file});
   std::string line;
   while (line.rfind("published", 0) != 0) {
     line = publisher.Receive(std::chrono::seconds(120));
   }
-  EXPECT_EQ(line, "published 4 blocks on " + where);
-  const std::string out = " 7 4 " + folder / "out";
+  EXPECT_EQ(line, "published " + file + " on " + where);
+  const std::string out = " 7 " + folder / "out";
   const CommandRow reads = {
       "secret" + out + " && cmp " + file + " " + folder / "out", 0, {"read 300001 bytes"}};
   ExpectCommands("timeout 300 " VYN_EXAMPLE_DIR "/read_file " + node.Home() + " app_1 ",
                  {reads, reads, {"guessed" + out, 1, {"RegisterBroadcastApp failed with 1: "}}});
-  EXPECT_EQ(node.Objects(), 4U);
+  EXPECT_EQ(node.Objects(), 1U);
   EXPECT_EQ(publisher.Wait(std::chrono::seconds(120)), 0);
   EXPECT_TRUE(WaitUntil([&] { return node.Objects() == 0; }));
   EXPECT_FALSE(tree.Exists("/vyn/apps/app_1")) << "it has ended its application";

@@ -6,10 +6,14 @@
 //   write APP ID BLOCKS SIZE SEED   makes the variable and its blocks and fills them
 //   read APP ID BLOCKS SEED         fetches and maps the blocks, which stay mapped, and compares the bytes
 //   again SEED                      compares what is mapped once more; "other bytes" when it differs
+//   make APP ID SIZE SEED | publish | close | drop APP ID    of vyn/variable.h; make fills the variable
+//   open APP ID SEED | still SEED   the same as read and again
+//   words                           the text of the last failure
 
 #include "support/commands.h"
 #include "support/pattern.h"
 #include "vyn/broadcast.h"
+#include "vyn/variable.h"
 
 namespace {
 
@@ -62,6 +66,29 @@ Text Read(Text app, Id id, unsigned int count, unsigned int seed) {
   return status != 0 ? std::to_string(status) : Again(seed);
 }
 
+VynVariable* gVariable = nullptr;  // of the last make or open
+
+std::uint32_t Make(Text app, Id id, unsigned long size, unsigned int seed) {
+  const std::uint32_t status = VynVariableCreate(app.c_str(), id, size, &gVariable);
+  if (status == 0) {
+    vyn::test::FillPattern(VynVariableData(gVariable), size, seed);
+  }
+  return status;
+}
+
+Text Still(unsigned int seed) {
+  return vyn::test::HoldsPattern(VynVariableData(gVariable), VynVariableSize(gVariable), seed)
+             ? "0"
+             : "other bytes";
+}
+
+Text Open(Text app, Id id, unsigned int seed) {
+  VynVariable* opened = nullptr;
+  const std::uint32_t status = VynVariableOpen(app.c_str(), id, &opened);
+  gVariable = opened == nullptr ? gVariable : opened;
+  return status != 0 ? std::to_string(status) : Still(seed);
+}
+
 }  // namespace
 
 int main() {
@@ -80,6 +107,13 @@ int main() {
        {"again", &Again},
        {"delete", [](Text app, Id id) { return DeleteBroadcastVar(app.c_str(), id); }},
        {"complete", [](Text app) { return MarkBroadcastApplicationCompleted(app.c_str()); }},
+       {"make", &Make},
+       {"publish", [] { return VynVariablePublish(gVariable); }},
+       {"open", &Open},
+       {"still", &Still},
+       {"close", [] { return VynVariableClose(std::exchange(gVariable, nullptr)), 0; }},
+       {"drop", [](Text app, Id id) { return VynVariableDelete(app.c_str(), id); }},
+       {"words", [] { return Text(BroadcastGetLastErrorMessage()); }},
        {"beat", [](Text app) { return HeartBeat(app.c_str(), 0, "driver", "", true); }}},
       "= ");
   return 0;

@@ -27,6 +27,7 @@ TEST(ExportsTest, WhatTheHeadersDeclareLeavesTheLibraries) {
   Names wanted = DeclaredIn("src/tessel/sdk/broadcast/base_api_broadcast.h");
   wanted.merge(DeclaredIn("include/vyn/broadcast.h"));
   wanted.merge(DeclaredIn("include/vyn/big_memory.h"));
+  wanted.merge(DeclaredIn("include/vyn/variable.h"));
   EXPECT_EQ(ExportedBy("libvyn_broadcast.so"), wanted);
   EXPECT_EQ(ExportedBy("mf/libbmclient.so"), DeclaredIn("platform/fabric/client/bm_functions.h"));
 }

@@ -180,9 +180,8 @@ class Demo:
         options = self.options
         ready = []
         for i, (home, namespace) in enumerate(executors):
-            blocks = -(-self.file_size // options.block_size)
             ready.append(self.start(f"executor-{i}",
-                                    [self.program("vyn-demo-executor"), "--home", home, "--blocks", str(blocks)],
+                                    [self.program("vyn-demo-executor"), "--home", home],
                                     namespace))
         for executor in ready:
             executor.event("ready")

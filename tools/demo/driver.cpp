@@ -4,6 +4,7 @@
 
 #include "tools/demo/support.h"
 #include "vyn/broadcast.h"
+#include "vyn/variable.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -19,49 +20,6 @@ namespace {
 
 using namespace vyn::demo;
 
-/// Creates the blocks in the pool of this node and reads the file into the mapped pages.
-void Fill(const Arguments& arguments, const MappedFile& file, const std::vector<unsigned long>& sizes) {
-  const auto count = static_cast<unsigned int>(sizes.size());
-  const char* app = arguments.application.c_str();
-  Require(CreateBroadcastBlockBatch(app, arguments.variable, sizes.data(), count),
-          "CreateBroadcastBlockBatch");
-  const char* data = file.Data();
-  for (unsigned int i = 0; i < count; ++i) {
-    void* address = nullptr;
-    Require(ObtainBroadcastBlockAddr(app, arguments.variable, i, &address), "ObtainBroadcastBlockAddr");
-    std::memcpy(address, data, sizes[i]);
-    data += sizes[i];
-    Require(ReleaseBroadcastBlockAddr(app, arguments.variable, i, address), "ReleaseBroadcastBlockAddr");
-  }
-}
-
-/// Creates the blocks on a node that the metadata service proposes and copies the file there over its link.
-std::string Send(const Arguments& arguments, const MappedFile& file,
-                 const std::vector<unsigned long>& sizes) {
-  const char* app = arguments.application.c_str();
-  std::vector<std::string> candidates;
-  std::vector<std::string> nodes;
-  std::vector<std::string> hosts;
-  std::vector<std::string> ids;
-  std::vector<unsigned short> nodeIds;
-  Require(GetRemoteNodeInfo(app, candidates, nodes, nodeIds, hosts, true), "GetRemoteNodeInfo");
-  if (nodes.empty()) {
-    std::cerr << "no node of the fabric is alive\n";
-    std::exit(1);
-  }
-  Require(CreateBroadcastBlockBatchRemote(app, arguments.token.c_str(), arguments.variable, sizes.data(),
-                                          static_cast<unsigned int>(sizes.size()), nodes[0].c_str(),
-                                          hosts[0].c_str(), nodeIds[0], ids),
-          "CreateBroadcastBlockBatchRemote");
-  const char* data = file.Data();
-  for (std::size_t i = 0; i < sizes.size(); ++i) {
-    Require(WriteRemoteBlock(app, ids[i].c_str(), data, sizes[i], arguments.token.c_str()),
-            "WriteRemoteBlock");
-    data += sizes[i];
-  }
-  return nodes[0];
-}
-
 int Broadcast(const Arguments& arguments) {
   const char* app = arguments.application.c_str();
   Require(
@@ -70,23 +28,20 @@ int Broadcast(const Arguments& arguments) {
   bool registered = false;
   Require(RegisterBroadcastApp(app, true, arguments.token.c_str(), &registered), "RegisterBroadcastApp");
   const MappedFile file(arguments.file);
-  const auto sizes = BlockSizes(file.Size(), arguments.blockSize);
   const double begin = Now();
-  Require(CreateBroadcastVar(app, arguments.variable, static_cast<unsigned int>(sizes.size())),
-          "CreateBroadcastVar");
-  std::string node = "this node";
-  if (registered) {
-    Fill(arguments, file, sizes);
-  } else {
-    node = Send(arguments, file, sizes);
-  }
+  VynVariable* variable = nullptr;
+  const VynVariableOptions options{sizeof(VynVariableOptions), arguments.blockSize};
+  Require(VynVariableCreateWith(app, arguments.variable, file.Size(), &options, &variable),
+          "VynVariableCreateWith");
+  std::memcpy(VynVariableData(variable), file.Data(), file.Size());
+  Require(VynVariablePublish(variable), "VynVariablePublish");
   const double end = Now();
-  std::cout << nlohmann::json{{"event", "published"},   {"begin", begin},       {"end", end},
-                              {"blocks", sizes.size()}, {"bytes", file.Size()}, {"placed", node}}
-                   .dump()
-            << std::endl;
+  VynVariableClose(variable);
+  std::cout
+      << nlohmann::json{{"event", "published"}, {"begin", begin}, {"end", end}, {"bytes", file.Size()}}.dump()
+      << std::endl;
   AwaitLine();
-  Require(DeleteBroadcastVar(app, arguments.variable), "DeleteBroadcastVar");
+  Require(VynVariableDelete(app, arguments.variable), "VynVariableDelete");
   if (registered) {
     Require(UnRegisterBroadcastApp(app), "UnRegisterBroadcastApp");
   }

@@ -1,8 +1,9 @@
-// The demo's executor. It maps every block of the variable and computes the SHA-256 of the contents. For the
+// The demo's executor. It opens the variable and computes the SHA-256 of the contents. For the
 // comparison it instead receives the file over a socket into private memory.
 
 #include "tools/demo/support.h"
 #include "vyn/broadcast.h"
+#include "vyn/variable.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -42,36 +43,20 @@ int ReadVariable(const Arguments& arguments) {
   AwaitLine();
 
   const double begin = Now();
-  std::vector<unsigned long> sizes(arguments.blocks);
-  unsigned int count = 0;
-  Require(FetchBroadcastBlockBatchInto(app, arguments.variable, sizes.data(), arguments.blocks, &count),
-          "FetchBroadcastBlockBatchInto");
-  std::vector<void*> addresses(arguments.blocks);
-  double first = 0;
-  volatile char sink = 0;
-  for (unsigned int i = 0; i < arguments.blocks; ++i) {
-    Require(ObtainBroadcastBlockAddr(app, arguments.variable, i, &addresses[i]), "ObtainBroadcastBlockAddr");
-    if (i == 0) {
-      sink = *static_cast<const char*>(addresses[0]);
-      first = Now();
-    }
-  }
-  if (arguments.blocks != 0) {
-    sink = static_cast<const char*>(addresses.back())[sizes.back() - 1];
-  }
+  VynVariable* variable = nullptr;
+  Require(VynVariableOpen(app, arguments.variable, &variable), "VynVariableOpen");
+  const auto* data = static_cast<const char*>(VynVariableData(variable));
+  const std::uint64_t size = VynVariableSize(variable);
+  volatile char sink = data[0];
+  const double first = Now();
+  sink = data[size - 1];
   static_cast<void>(sink);
   const double last = Now();
   Sha256 sum;
-  std::uint64_t bytes = 0;
-  for (unsigned int i = 0; i < arguments.blocks; ++i) {
-    sum.Add(addresses[i], sizes[i]);
-    bytes += sizes[i];
-  }
-  Report(begin, first, last, bytes, sum.Finish());
+  sum.Add(data, size);
+  Report(begin, first, last, size, sum.Finish());
   AwaitLine();
-  for (unsigned int i = 0; i < arguments.blocks; ++i) {
-    Require(ReleaseBroadcastBlockAddr(app, arguments.variable, i, addresses[i]), "ReleaseBroadcastBlockAddr");
-  }
+  VynVariableClose(variable);
   BroadcastUninitialize();
   return 0;
 }

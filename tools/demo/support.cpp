@@ -35,7 +35,6 @@ bool ReadArguments(const char* name, int argc, char** argv, Arguments& arguments
   app.add_option("--variable", arguments.variable)->capture_default_str();
   app.add_option("--file", arguments.file, "what the driver broadcasts");
   app.add_option("--block-size", arguments.blockSize, "bytes of a block")->capture_default_str();
-  app.add_option("--blocks", arguments.blocks, "how many blocks the executor reads");
   app.add_option("--socket", arguments.socket, "read from ip:port instead of the fabric");
   app.add_option("--listen", arguments.listen, "address for the receivers")->capture_default_str();
   app.add_option("--receivers", arguments.receivers, "send the file to so many over a socket instead");
@@ -119,14 +118,6 @@ MappedFile::~MappedFile() {
   if (mData != nullptr) {
     munmap(const_cast<char*>(mData), mSize);
   }
-}
-
-std::vector<unsigned long> BlockSizes(std::uint64_t size, std::uint64_t blockSize) {
-  std::vector<unsigned long> sizes;
-  for (std::uint64_t offset = 0; offset < size; offset += blockSize) {
-    sizes.push_back(std::min(blockSize, size - offset));
-  }
-  return sizes;
 }
 
 void Require(std::uint32_t status, const std::string& what) {

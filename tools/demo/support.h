@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 namespace vyn::demo {
 
@@ -25,7 +24,6 @@ struct Arguments {
   unsigned int variable = 1;
   std::string file;  ///< driver: the file to broadcast
   std::uint64_t blockSize = 4 << 20;
-  unsigned int blocks = 0;           ///< executor: the number of blocks
   std::string socket;                ///< executor: "ip:port" to receive the file from, instead of the fabric
   std::string listen = "127.0.0.1";  ///< driver: the address to listen at for receivers
   unsigned int receivers = 0;        ///< driver: if not 0, send the file to so many receivers over sockets
@@ -72,9 +70,6 @@ class MappedFile {
   const char* mData = nullptr;
   std::uint64_t mSize = 0;
 };
-
-/// Returns: the sizes of the blocks for `size` bytes. All but the last are `blockSize`.
-std::vector<unsigned long> BlockSizes(std::uint64_t size, std::uint64_t blockSize);
 
 /// Ends the process with a message if `status` is a failure.
 void Require(std::uint32_t status, const std::string& what);

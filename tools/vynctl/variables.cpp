@@ -1,14 +1,9 @@
-#include "platform/zk_helper/zk_helper.h"
-#include "services/common/variable_record.h"
-#include "services/common/zookeeper_io.h"
-#include "services/common/zookeeper_layout.h"
 #include "tools/vynctl/commands.h"
 #include "tools/vynctl/interruption.h"
 #include "vyn/broadcast.h"
-#include "vyn/status.h"
+#include "vyn/variable.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,14 +13,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <vector>
 
 namespace vyn::tools {
 
 namespace {
 
 using nlohmann::json;
+
+/// The bytes that a get writes between two steps of its progress bar.
+constexpr std::uint64_t kPiece = std::uint64_t{4} << 20U;
 
 /// A file open for reading.
 class Input {
@@ -44,7 +40,7 @@ class Input {
   int mValue;
 };
 
-/// Fills a mapped block from the file.
+/// Fills a part of the range from the file.
 void ReadInto(int descriptor, char* target, std::uint64_t size, std::uint64_t offset,
               const std::string& file) {
   while (size > 0) {
@@ -78,73 +74,28 @@ void WriteAll(int descriptor, const char* data, std::uint64_t size) {
   }
 }
 
-std::string NameOf(const std::string& application, std::uint32_t id) {
-  return "variable " + std::to_string(id) + " of application " + application;
-}
-
-/// What ZooKeeper's record says about a variable.
-struct Found {
-  bool ready;  ///< whether its blocks are known
-  std::uint32_t blockNum;
-};
-
-/// Returns: nothing when there is no such variable.
-std::optional<Found> FindVariable(const std::string& application, std::uint32_t id) {
-  std::vector<std::string> names;
-  const int result = services::zookeeper::Children(services::AppPath(application), names);
-  if (result != ZOK && result != ZNONODE) {
-    throw CommandError("cannot read the variables of " + application + ": " +
-                       services::zookeeper::ResultText(result));
-  }
-  const std::string prefix = std::to_string(id) + ".";
-  for (const std::string& name : names) {
-    services::VariableRecord record;
-    if (name.rfind(prefix, 0) == 0 &&
-        services::ReadVariableRecord(services::AppPath(application) + "/" + name, record) ==
-            services::RecordRead::kRead &&
-        record.state != services::RecordState::kDeleted) {
-      return Found{record.state == services::RecordState::kReady, record.blockNum};
-    }
-  }
-  return std::nullopt;
-}
-
-/// Removes the variable of a failed put in its destructor, so that nobody reads incomplete contents.
-class Undo {
+/// A handle of vyn/variable.h. What is not published when it ends is abandoned.
+class Variable {
  public:
-  Undo(const std::string& application, std::uint32_t id) : mApplication(application), mId(id) {}
-  ~Undo() {
-    if (mDone || IsOfAnother()) {
-      return;
-    }
-    if (Failed(DeleteBroadcastVar(mApplication.c_str(), mId))) {
-      std::fprintf(stderr, "vynctl: %s is incomplete and could not be removed\n",
-                   NameOf(mApplication, mId).c_str());
-    }
-  }
-  Undo(const Undo&) = delete;
-  Undo& operator=(const Undo&) = delete;
-  /// Call it once the record holds the blocks of this command.
-  void Recorded() { mRecorded = true; }
-  /// Call it once the variable is complete. The destructor then keeps it.
-  void Done() { mDone = true; }
+  Variable() = default;
+  ~Variable() { VynVariableClose(mHandle); }
+  Variable(const Variable&) = delete;
+  Variable& operator=(const Variable&) = delete;
+  VynVariable** Place() { return &mHandle; }
+  VynVariable* Get() const { return mHandle; }
+  char* Data() const { return static_cast<char*>(VynVariableData(mHandle)); }
 
  private:
-  /// Whether the record holds the blocks of another put, which has completed the variable meanwhile.
-  bool IsOfAnother() const {
-    try {
-      const auto found = mRecorded ? std::nullopt : FindVariable(mApplication, mId);
-      return found && found->ready;
-    } catch (const std::exception&) {
-      return false;
-    }
-  }
-
-  const std::string mApplication;
-  const std::uint32_t mId;
-  bool mRecorded = false;
-  bool mDone = false;
+  VynVariable* mHandle = nullptr;
 };
+
+void StartWith(const Settings& settings, const std::string& application) {
+  LoadConfiguration(settings);
+  StartSdk(settings, true);
+  bool onNode = false;
+  Require(RegisterBroadcastApp(application.c_str(), true, settings.token.c_str(), &onNode),
+          "registering " + application);
+}
 
 /// The destination of a get: standard output, or a file that gets its name only when it is complete.
 class Output {
@@ -220,63 +171,26 @@ void PutVariable(const Settings& settings, const std::string& application, std::
     throw CommandError(file + " is no file with contents");
   }
   const auto total = static_cast<std::uint64_t>(status.st_size);
-  std::vector<unsigned long> sizes;
-  for (std::uint64_t offset = 0; offset < total; offset += blockSize) {
-    sizes.push_back(std::min(blockSize, total - offset));
-  }
-  const auto count = static_cast<unsigned int>(sizes.size());
-  const char* app = application.c_str();
-  LoadConfiguration(settings);
-  StartSdk(settings, true);
-  bool registered = false;
-  Require(RegisterBroadcastApp(app, true, settings.token.c_str(), &registered), "registering " + application);
-  // The metadata service lets a repeated creation with the same number of blocks succeed. For an existing
-  // variable that would leave a second set of blocks in the pool.
-  if (FindVariable(application, id)) {
-    throw CommandError("there is " + NameOf(application, id) + " already");
-  }
+  StartWith(settings, application);
   DeferSignals();
-  Require(CreateBroadcastVar(app, id, count), "creating the variable");
-  Undo undo(application, id);
-  Progress progress("put", total);
-  std::uint64_t offset = 0;
-  if (registered) {
-    Require(CreateBroadcastBlockBatch(app, id, sizes.data(), count), "creating the blocks");
-    undo.Recorded();
-    for (unsigned int i = 0; i < count; ++i) {
+  const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+  const std::uint64_t piece = (std::min(blockSize, total) + page - 1) / page * page;
+  const VynVariableOptions options{sizeof(VynVariableOptions), piece};
+  Variable variable;
+  Require(VynVariableCreateWith(application.c_str(), id, total, &options, variable.Place()),
+          "creating the variable");
+  {
+    Progress progress("put", total);
+    for (std::uint64_t offset = 0; offset < total; offset += piece) {
       CheckInterrupted();
-      void* address = nullptr;
-      Require(ObtainBroadcastBlockAddr(app, id, i, &address), "mapping a block");
-      ReadInto(input.Get(), static_cast<char*>(address), sizes[i], offset, file);
-      Require(ReleaseBroadcastBlockAddr(app, id, i, address), "releasing a block");
-      offset += sizes[i];
-      progress.Add(sizes[i]);
-    }
-  } else {
-    std::vector<std::string> candidates;
-    std::vector<std::string> nodes;
-    std::vector<std::string> hosts;
-    std::vector<std::string> ids;
-    std::vector<unsigned short> nodeIds;
-    Require(GetRemoteNodeInfo(app, candidates, nodes, nodeIds, hosts, true), "choosing a node");
-    if (nodes.empty()) {
-      throw CommandError("no node of the fabric is alive");
-    }
-    Require(CreateBroadcastBlockBatchRemote(app, settings.token.c_str(), id, sizes.data(), count,
-                                            nodes[0].c_str(), hosts[0].c_str(), nodeIds[0], ids),
-            "creating the blocks on " + nodes[0]);
-    undo.Recorded();
-    std::vector<char> buffer(std::min(blockSize, total));
-    for (unsigned int i = 0; i < count; ++i) {
-      CheckInterrupted();
-      ReadInto(input.Get(), buffer.data(), sizes[i], offset, file);
-      Require(WriteRemoteBlock(app, ids[i].c_str(), buffer.data(), sizes[i], settings.token.c_str()),
-              "writing a block");
-      offset += sizes[i];
-      progress.Add(sizes[i]);
+      const std::uint64_t size = std::min(piece, total - offset);
+      ReadInto(input.Get(), variable.Data() + offset, size, offset, file);
+      Require(VynVariableFlush(variable.Get(), offset, size), "writing a block");
+      progress.Add(size);
     }
   }
-  undo.Done();
+  Require(VynVariablePublish(variable.Get()), "publishing the variable");
+  const std::uint64_t count = (total + piece - 1) / piece;
   Print(settings, {{"application", application}, {"variable", id}, {"blocks", count}, {"bytes", total}},
         "variable " + std::to_string(id) + " of " + application + ": " + std::to_string(total) +
             " bytes in " + std::to_string(count) + " blocks");
@@ -284,39 +198,18 @@ void PutVariable(const Settings& settings, const std::string& application, std::
 
 void GetVariable(const Settings& settings, const std::string& application, std::uint32_t id,
                  const std::string& file) {
-  LoadConfiguration(settings);
-  ConnectZooKeeper();
-  const auto found = FindVariable(application, id);
-  if (!found || !found->ready) {
-    throw CommandError("there is no " + NameOf(application, id));
-  }
-  const std::uint32_t count = found->blockNum;
-  StartSdk(settings, false);
-  const char* app = application.c_str();
-  bool registered = false;
-  Require(RegisterBroadcastApp(app, false, settings.token.c_str(), &registered),
-          "registering " + application);
-  std::vector<unsigned long> sizes(count);
-  std::uint32_t fetched = 0;
-  Require(FetchBroadcastBlockBatchInto(app, id, sizes.data(), count, &fetched), "fetching the variable");
-  if (fetched != count) {
-    throw CommandError(NameOf(application, id) + " has changed meanwhile");
-  }
-  std::uint64_t total = 0;
-  for (const unsigned long size : sizes) {
-    total += size;
-  }
+  StartWith(settings, application);
+  Variable variable;
+  Require(VynVariableOpen(application.c_str(), id, variable.Place()), "opening the variable");
+  const std::uint64_t total = VynVariableSize(variable.Get());
   DeferSignals();
   Output output(file);
   {
     Progress progress("get", total);
-    for (std::uint32_t i = 0; i < count; ++i) {
-      CheckInterrupted();
-      void* address = nullptr;
-      Require(ObtainBroadcastBlockAddr(app, id, i, &address), "mapping a block");
-      WriteAll(output.Descriptor(), static_cast<const char*>(address), sizes[i]);
-      Require(ReleaseBroadcastBlockAddr(app, id, i, address), "releasing a block");
-      progress.Add(sizes[i]);
+    for (std::uint64_t offset = 0; offset < total; offset += kPiece) {
+      const std::uint64_t size = std::min(kPiece, total - offset);
+      WriteAll(output.Descriptor(), variable.Data() + offset, size);
+      progress.Add(size);
     }
   }
   output.Finish();
@@ -329,12 +222,7 @@ void GetVariable(const Settings& settings, const std::string& application, std::
 void RemoveVariable(const Settings& settings, const std::string& application, std::uint32_t id) {
   LoadConfiguration(settings);
   StartSdk(settings, true);
-  const bool found = FindVariable(application, id).has_value();
-  // Delete even if nothing was found: the metadata service also removes a record that vynctl cannot read.
-  Require(DeleteBroadcastVar(application.c_str(), id), "removing the variable");
-  if (!found) {
-    throw CommandError("there is no " + NameOf(application, id));
-  }
+  Require(VynVariableDelete(application.c_str(), id), "removing the variable");
   Print(settings, {{"application", application}, {"removed", id}},
         "variable " + std::to_string(id) + " of " + application + " removed");
 }

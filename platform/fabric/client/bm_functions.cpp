@@ -159,3 +159,13 @@ int BM_GatherSec(const BmGatherContext* context, unsigned char, unsigned int fla
 int BM_MappedLength(const char* bmId, const void* addr, unsigned long* length) {
   return Guarded([&](FabricClient& client) { return client.MappedLength(bmId, addr, length); });
 }
+
+int BM_MapAtSec(BmSecContext* context, int prot, void* address, unsigned long length) {
+  return Guarded([&](FabricClient& client) { return client.MapAt(context, prot, address, length); });
+}
+
+int BM_QueryNode(unsigned short nodeId, BmResourceAttributes* attributes) {
+  return Guarded([&](FabricClient& client) {
+    return client.QueryNode(nodeId, reinterpret_cast<vyn::fabric::NodeAttributes*>(attributes));
+  });
+}

@@ -1,6 +1,7 @@
 #pragma once
 
-// The 16 functions that libbmclient.so exports and that its user resolves by name at run time.
+// The functions that libbmclient.so exports and that its user resolves by name at run time. The last three
+// were added later: a user that finds another libbmclient.so does without them.
 //
 // All return 0 on success, otherwise one of the results below or a negative errno. Any thread may call any of
 // them after BM_Init. Functions that end in Sec act within a namespace and present its token. Nothing passed
@@ -85,8 +86,14 @@ int BM_SpecificObjSwapInSec(const BmFileRecord* file, const BmBlockRecord* block
 int BM_GatherSec(const BmGatherContext* context, unsigned char kind, unsigned int flags,
                  BmSecContext* destination, void* argument);
 
-/// Tells how many bytes BM_MapSec has mapped at `addr`: the length of the object, at least 1. Added later: a
-/// user that finds another libbmclient.so does without it.
+/// Tells how many bytes BM_MapSec has mapped at `addr`: the length of the object, at least 1.
 int BM_MappedLength(const char* bmId, const void* addr, unsigned long* length);
+/// Maps an object of exactly `length` bytes over the pages at `address`, which the caller has reserved. The
+/// caller ends the mapping with munmap; BM_Unmap does not know it. \param prot 1 read, 3 read and write.
+/// Returns also: -ERANGE for an object of another length; -EACCES, too, for a copy of another node's object
+/// that is wanted writable.
+int BM_MapAtSec(BmSecContext* context, int prot, void* address, unsigned long length);
+/// Asks a node for its state. \param nodeId this machine's node, or one that BM_CreateLink has linked.
+int BM_QueryNode(unsigned short nodeId, BmResourceAttributes* attributes);
 
 }  // extern "C"

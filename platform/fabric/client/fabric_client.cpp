@@ -158,6 +158,13 @@ int FabricClient::Query(NodeAttributes* attributes) {
   return attributes == nullptr || broker == nullptr ? kBmLocalError : broker->Query(*attributes);
 }
 
+int FabricClient::QueryNode(std::uint16_t nodeId, NodeAttributes* attributes) {
+  NodePtr node;
+  bool local = false;
+  const int result = attributes == nullptr ? kBmLocalError : Route(nodeId, node, local);
+  return result != 0 ? result : node->Query(*attributes);
+}
+
 int FabricClient::CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token) {
   Access access;
   const int refused = ParseAccess(ns, token, access);

@@ -43,6 +43,7 @@ class FabricClient {
   /// that is none, and when a file that TLS needs cannot be read.
   int CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port);
   int Query(NodeAttributes* attributes);
+  int QueryNode(std::uint16_t nodeId, NodeAttributes* attributes);
   int CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token);
   int DestroyNamespace(std::uint32_t nodeId, const char* ns, const char* token);
 
@@ -58,6 +59,8 @@ class FabricClient {
   int Unmap(const char* id, void* address);
   /// \param length receives the bytes that Map has mapped at `address`: as many as the object has.
   int MappedLength(const char* id, const void* address, std::uint64_t* length);
+  /// Maps an object of `length` bytes over reserved pages. Unmap does not find it.
+  int MapAt(const BmSecContext* context, int protection, void* address, std::uint64_t length);
 
   int Read(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, void* buffer);
   int Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length, const void* buffer);
@@ -81,6 +84,9 @@ class FabricClient {
   int SecureLinks(LinkSecurity& security);
   /// The id of this machine's node.
   int LocalNode(std::uint16_t& nodeId);
+  /// Gets the file of an object from the broker. \param writable as of RemoteNode::Open.
+  int OpenFile(const BmSecContext* context, ObjectName& object, bool& writable, net::Descriptor& file,
+               std::uint64_t& size);
   int Locate(const ObjectName& object, bool writable, ObjectLocation& place);
   int AllocateAt(std::uint16_t nodeId, const Access& access, std::uint64_t size, std::string& id);
   int FreeObject(const ObjectName& object);

@@ -22,6 +22,8 @@ constexpr std::uint64_t kCheckedLength = 64U << 10U;
 /// node, which a plain read or write reports as kBmRemoteFailed.
 int Transferred(int result, int remoteError) { return result == kBmRemoteFailed ? remoteError : result; }
 
+bool IsProtection(int protection) { return protection > PROT_NONE && protection <= (PROT_READ | PROT_WRITE); }
+
 int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, std::uint64_t& total) {
   if (list == nullptr || list->type != kGatherPieces || list->size % sizeof(BmGatherPiece) != 0) {
     return kBmLocalError;
@@ -43,8 +45,8 @@ int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, s
 
 }  // namespace
 
-int FabricClient::Map(const BmSecContext* context, int protection, int flags, void** address) {
-  ObjectName object;
+int FabricClient::OpenFile(const BmSecContext* context, ObjectName& object, bool& writable,
+                           net::Descriptor& file, std::uint64_t& size) {
   if (const int result = ParseObjectName(context, object); result != 0) {
     return result;
   }
@@ -53,14 +55,18 @@ int FabricClient::Map(const BmSecContext* context, int protection, int flags, vo
     sync::MutexLock lock(mMutex);
     broker = mBroker;
   }
-  if (address == nullptr || broker == nullptr || flags != MAP_SHARED || protection <= PROT_NONE ||
-      protection > (PROT_READ | PROT_WRITE)) {
+  return broker == nullptr ? kBmLocalError : broker->Open(object, writable, file, size);
+}
+
+int FabricClient::Map(const BmSecContext* context, int protection, int flags, void** address) {
+  if (address == nullptr || flags != MAP_SHARED || !IsProtection(protection)) {
     return kBmLocalError;
   }
+  ObjectName object;
   bool writable = (protection & PROT_WRITE) != 0;
   net::Descriptor file;
   std::uint64_t size = 0;
-  if (const int result = broker->Open(object, writable, file, size); result != 0) {
+  if (const int result = OpenFile(context, object, writable, file, size); result != 0) {
     return result;
   }
   // An empty object gets an address, too: mmap refuses a length of 0.
@@ -72,6 +78,29 @@ int FabricClient::Map(const BmSecContext* context, int protection, int flags, vo
   mMappings.Add(mapped, object.id, length);
   *address = mapped;
   return 0;
+}
+
+int FabricClient::MapAt(const BmSecContext* context, int protection, void* address, std::uint64_t length) {
+  if (address == nullptr || !IsProtection(protection)) {
+    return kBmLocalError;
+  }
+  ObjectName object;
+  const bool wanted = (protection & PROT_WRITE) != 0;
+  bool writable = wanted;
+  net::Descriptor file;
+  std::uint64_t size = 0;
+  if (const int result = OpenFile(context, object, writable, file, size); result != 0) {
+    return result;
+  }
+  if (size != length || length == 0) {
+    return -ERANGE;
+  }
+  if (wanted && !writable) {
+    return -EACCES;
+  }
+  return ::mmap(address, length, protection, MAP_SHARED | MAP_FIXED, file.Get(), 0) == MAP_FAILED
+             ? kBmLocalError
+             : 0;
 }
 
 int FabricClient::Unmap(const char* id, void* address) {

@@ -266,6 +266,16 @@ int FabricNode::FreeBatch(const std::string& ns, const std::vector<std::string>&
   return result;
 }
 
+int FabricNode::IsBeingWritten(const std::string& ns, const std::string& id, bool& writing,
+                               std::uint64_t& stamp) const {
+  const NamespacePtr space = mImpl->pool.Find(ns);
+  ObjectState state;
+  const int result = space == nullptr ? -ENOENT : mImpl->pool.State(space, id, nullptr, state);
+  writing = result == 0 && state.beingWritten;
+  stamp = state.stamp;
+  return Local(result);
+}
+
 void FabricNode::DropCopies(const std::vector<std::string>& ids) {
   for (const std::string& id : ids) {
     mImpl->copies.Drop(id);

@@ -148,6 +148,11 @@ class FabricNode {
   /// Frees every one that exists. Returns: 0, or -ENOENT when one did not.
   int FreeBatch(const std::string& ns, const std::vector<std::string>& ids);
 
+  /// \param writing receives whether a process of this machine has the object open or mapped for writing.
+  /// \param stamp receives a number that changes whenever a process opens the object for writing.
+  /// Returns: 0, -ENOENT, kBmLocalError.
+  int IsBeingWritten(const std::string& ns, const std::string& id, bool& writing, std::uint64_t& stamp) const;
+
   /// Drops this node's copies of other nodes' objects. That process knows that the originals are gone, also
   /// when their owner has not freed them yet.
   void DropCopies(const std::vector<std::string>& ids);

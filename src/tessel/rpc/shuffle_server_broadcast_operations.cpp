@@ -3,6 +3,7 @@
 #include "common/rpc/client_forms.h"
 #include "tessel/message/operation_codes.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
+#include "vyn/variable.h"
 
 #include <new>
 
@@ -29,8 +30,11 @@ std::uint32_t ShuffleServerRPCEngine::AppRegister(const std::string& appId, bool
                                                   Ref<NodeIdResponse>& response, const std::string& token) {
   const auto request = MakeRegisterRequest(appId, token, flag);
   VYN_CHECK_POINTER(request);
-  VYN_FAIL_IF(Failed(SendCall(APP_REGISTER, request, response, 0)), VYN_ERR_GENERIC,
-              "error to register app " << appId);
+  const std::uint32_t status = SendCall(APP_REGISTER, request, response, 0);
+  if (status == VYN_VARIABLE_WRONG_TOKEN) {  // for the caller, whose message ends with the recorded text
+    static_cast<void>(VYN_FAIL(VYN_ERR_GENERIC, " wrong token for application " << appId));
+  }
+  VYN_FAIL_IF(Failed(status), VYN_ERR_GENERIC, "error to register app " << appId);
   return VYN_OK;
 }
 

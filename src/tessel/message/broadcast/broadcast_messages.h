@@ -31,6 +31,9 @@ class BroadcastVar : public common::Message<TBroadcastVar> {
   VYN_MESSAGE_FIELDS(appId, broadcastId, blockNum, varFlag)
 };
 
+/// BroadcastVar::blockNum of a removal that is refused when the variable has its blocks.
+inline constexpr std::uint32_t kOnlyUnpublished = 0xFFFFFFFF;
+
 /// One variable as a list entry of the metadata service.
 class BroadcastVarEntry : public common::Message<TBroadcastVarEntry> {
  public:

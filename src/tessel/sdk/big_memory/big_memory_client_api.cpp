@@ -44,6 +44,8 @@ decltype(&BM_WriteSec) BigMemoryClientApi::apiBmWrite = nullptr;
 decltype(&BM_SpecificObjSwapInSec) BigMemoryClientApi::apiBmSpecificObjectSwapIn = nullptr;
 decltype(&BM_GatherSec) BigMemoryClientApi::apiBmGather = nullptr;
 decltype(&BM_MappedLength) BigMemoryClientApi::apiBmMappedLength = nullptr;
+decltype(&BM_MapAtSec) BigMemoryClientApi::apiBmMapAt = nullptr;
+decltype(&BM_QueryNode) BigMemoryClientApi::apiBmQueryNode = nullptr;
 
 std::string BigMemoryClientApi::GetBmClientPath() {
   const Ref<EnvHelper> environment = EnvHelper::GetInstance();
@@ -79,6 +81,8 @@ bool BigMemoryClientApi::Open(std::string& error) {
     return false;
   }
   apiBmMappedLength = reinterpret_cast<decltype(apiBmMappedLength)>(dlsym(handle, "BM_MappedLength"));
+  apiBmMapAt = reinterpret_cast<decltype(apiBmMapAt)>(dlsym(handle, "BM_MapAtSec"));
+  apiBmQueryNode = reinterpret_cast<decltype(apiBmQueryNode)>(dlsym(handle, "BM_QueryNode"));
   return Load("BM_Init", apiBmInit, error) && Load("BM_CreateLink", apiBmCreateLink, error) &&
          Load("BM_CreateNSSec", apiBmCreateNs, error) && Load("BM_DestroyNSSec", apiBmDestroyNs, error) &&
          Load("BM_AllocSec", apiBmAlloc, error) && Load("BM_ExpandSec", apiBmExpand, error) &&

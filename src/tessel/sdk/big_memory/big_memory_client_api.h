@@ -32,8 +32,10 @@ class BigMemoryClientApi {
   static decltype(&BM_WriteSec) apiBmWrite;
   static decltype(&BM_SpecificObjSwapInSec) apiBmSpecificObjectSwapIn;
   static decltype(&BM_GatherSec) apiBmGather;
-  /// Null when the library that was opened does not have it.
+  // Null when the library that was opened does not have them.
   static decltype(&BM_MappedLength) apiBmMappedLength;
+  static decltype(&BM_MapAtSec) apiBmMapAt;
+  static decltype(&BM_QueryNode) apiBmQueryNode;
 
   /// Returns: the real path of libbmclient.so in the installation that the environment names; empty after a
   /// failure.
@@ -43,7 +45,7 @@ class BigMemoryClientApi {
   /// of that name.
   static void* LoadFunction(const char* name, std::string& error);
 
-  /// Opens the library and sets all pointers. Returns: whether it found all functions. After a failure
+  /// Opens the library and sets all pointers. Returns: whether it found all required functions. After a failure
   /// `error` has the reason, or is empty when the library's file was not found; call Close then.
   static bool Open(std::string& error);
 

@@ -1,0 +1,18 @@
+#pragma once
+
+// The tokens of the applications that this process has registered, for the functions of vyn/variable.h. Any
+// thread may call any function.
+
+#include <optional>
+#include <string>
+
+namespace vyn::tessel {
+
+void KeepToken(const std::string& application, const std::string& token);
+/// Keeps the token that is there.
+void KeepTokenIfAbsent(const std::string& application, const std::string& token);
+void ForgetToken(const std::string& application);
+/// Returns: nothing for an application that is not registered in this process.
+std::optional<std::string> TokenOf(const std::string& application);
+
+}  // namespace vyn::tessel

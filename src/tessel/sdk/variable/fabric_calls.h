@@ -1,0 +1,34 @@
+#pragma once
+
+// The calls of libbmclient.so that the functions of vyn/variable.h make. They return the library's own
+// results, which tell the causes of a failure apart. Each initialises the library at first use; kBmLocalError
+// when that fails. Any thread may call any function.
+
+#include "platform/fabric/client/bm_functions.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vyn::tessel {
+
+/// The right to an application's objects.
+struct FabricAccess {
+  std::string application;
+  std::string token;
+};
+
+int LinkNode(std::uint16_t nodeId, const std::string& ip, std::uint16_t port);
+/// Returns 0 for a namespace that exists.
+int MakeNamespace(std::uint16_t nodeId, const FabricAccess& access);
+int AllocateBlock(std::uint16_t nodeId, const FabricAccess& access, std::uint64_t size, std::string& id);
+int FreeBlocks(const FabricAccess& access, const std::vector<std::string>& ids);
+/// Maps a block over reserved pages.
+int MapBlockAt(const FabricAccess& access, const std::string& id, bool writable, void* address,
+               std::uint64_t length);
+int ReadBlock(const FabricAccess& access, const std::string& id, void* buffer, std::uint64_t length);
+int WriteBlock(const FabricAccess& access, const std::string& id, const void* data, std::uint64_t length);
+/// \param nodeId this node, or one that is linked.
+int FreeBytes(std::uint32_t nodeId, std::uint64_t& bytes);
+
+}  // namespace vyn::tessel

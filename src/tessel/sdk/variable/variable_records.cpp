@@ -1,0 +1,143 @@
+#include "tessel/sdk/variable/variable_records.h"
+
+#include "common/rpc/network.h"
+#include "platform/fabric/client/bm_functions.h"
+#include "tessel/message/broadcast/broadcast_messages.h"
+#include "tessel/message/operation_codes.h"
+#include "tessel/rpc/shuffle_meta_rpc_engine.h"
+#include "tessel/rpc/shuffle_server_rpc_engine.h"
+#include "vyn/status.h"
+#include "vyn/variable.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace vyn::tessel {
+
+namespace {
+
+using common::BaseMessage;
+using common::Ref;
+
+std::uint32_t AskLeader(short operation, const Ref<BaseMessage>& request, const Ref<BaseMessage>& response) {
+  const auto engine = ShuffleMetaRPCEngine::GetInstance();
+  return engine == nullptr ? VYN_ERR_BC_META_CLIENT : engine->SendAndWaitReply(operation, request, response);
+}
+
+std::uint32_t AskNode(std::uint16_t operation, const Ref<BaseMessage>& request,
+                      const Ref<BaseMessage>& response, std::int64_t timeout) {
+  const auto engine = ShuffleServerRPCEngine::GetInstance(true);
+  return engine == nullptr ? VYN_ERR_BC_SERVER_CLIENT
+                           : engine->SendCall(operation, request, response, timeout);
+}
+
+Ref<BroadcastVar> RequestFor(const VariableKey& key) {
+  Ref<BroadcastVar> request(new BroadcastVar);
+  request->appId = key.application;
+  request->broadcastId = key.id;
+  return request;
+}
+
+/// Takes the blocks of an answer. Returns: 0, or VYN_ERR_MESSAGE_DECODE for an answer that is not about this
+/// variable, or whose lists do not fit.
+std::uint32_t Take(const VariableKey& key, BroadcastBlockInfo& answer, VariableBlocks& blocks) {
+  bool fits = answer.appId == key.application && answer.broadcastId == key.id && !answer.bmIds.empty() &&
+              answer.bmIds.size() == answer.sizes.size();
+  for (const std::string& id : answer.bmIds) {
+    fits = fits && id.size() == kBmIdLength;
+  }
+  if (!fits) {
+    return VYN_ERR_MESSAGE_DECODE;
+  }
+  blocks.ids = std::move(answer.bmIds);
+  blocks.sizes = std::move(answer.sizes);
+  blocks.nodeId = answer.nodeId;
+  return blocks.Total() == 0 ? VYN_ERR_MESSAGE_DECODE : VYN_OK;
+}
+
+}  // namespace
+
+std::uint64_t VariableBlocks::Total() const {
+  std::uint64_t total = 0;
+  for (const std::uint64_t size : sizes) {
+    if (total + size < total) {
+      return 0;
+    }
+    total += size;
+  }
+  return total;
+}
+
+std::uint32_t LookUpAtLeader(const VariableKey& key, VariableBlocks& blocks) {
+  const Ref<BroadcastBlockInfo> answer(new BroadcastBlockInfo);
+  const std::uint32_t status = AskLeader(ShuffleMeta::BROADCAST_VAR_GET, RequestFor(key), answer);
+  return Failed(status) ? status : Take(key, *answer, blocks);
+}
+
+std::uint32_t LookUpAtNode(const VariableKey& key, VariableBlocks& blocks) {
+  const Ref<BroadcastBlockInfo> answer(new BroadcastBlockInfo);
+  const std::uint32_t status = AskNode(ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, RequestFor(key), answer,
+                                       ShuffleServerRPCEngine::mBroadcastVarFetchTimeout);
+  return Failed(status) ? status : Take(key, *answer, blocks);
+}
+
+std::uint32_t MakeRecord(const VariableKey& key, std::uint32_t blockNum) {
+  const auto request = RequestFor(key);
+  request->blockNum = blockNum;
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_NEW, request, BaseMessage::gNullPtr);
+}
+
+std::uint32_t CompleteRecord(const VariableKey& key, const VariableBlocks& blocks) {
+  const Ref<BroadcastBlockInfo> request(new BroadcastBlockInfo);
+  request->appId = key.application;
+  request->broadcastId = key.id;
+  request->bmIds = blocks.ids;
+  request->sizes = blocks.sizes;
+  request->nodeId = blocks.nodeId;
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_INFO_ADD, request, BaseMessage::gNullPtr);
+}
+
+std::uint32_t RemoveRecord(const VariableKey& key, bool onlyUnpublished) {
+  const auto request = RequestFor(key);
+  request->blockNum = onlyUnpublished ? kOnlyUnpublished : 0;
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_REMOVE, request, BaseMessage::gNullPtr);
+}
+
+std::uint32_t AllocateAtNode(const VariableKey& key, VariableBlocks& blocks) {
+  const Ref<BroadcastBlockBatch> request(new BroadcastBlockBatch);
+  request->appId = key.application;
+  request->broadcastId = key.id;
+  request->sizes = blocks.sizes;
+  const Ref<BroadcastBlockInfo> answer(new BroadcastBlockInfo);
+  const std::uint32_t status = AskNode(ShuffleServer::BROADCAST_BLOCK_BATCH_CREATE, request, answer,
+                                       ShuffleServerRPCEngine::mBroadcastVarCreateTimeout);
+  if (Failed(status)) {
+    return status;
+  }
+  return answer->sizes == blocks.sizes ? Take(key, *answer, blocks) : VYN_ERR_MESSAGE_DECODE;
+}
+
+std::uint32_t ListNodes(const VariableKey& key, bool best, std::vector<NodePlace>& nodes) {
+  const Ref<BroadcastRemoteNodeReq> request(new BroadcastRemoteNodeReq);
+  request->appId = key.application;
+  request->selectFlag = best;
+  const Ref<BroadcastRemoteNodeRsp> answer(new BroadcastRemoteNodeRsp);
+  if (const std::uint32_t status = AskLeader(ShuffleMeta::BROADCAST_REMOTE_NODE_GET, request, answer);
+      Failed(status)) {
+    return status;
+  }
+  for (std::size_t i = 0; i < std::min(answer->selectedNodes.size(), answer->nodeIds.size()); ++i) {
+    NodePlace place;
+    short port = 0;
+    if (const std::uint32_t status = common::SplitIpAndPort(answer->selectedNodes[i], place.ip, port);
+        Failed(status)) {
+      return status;
+    }
+    place.nodeId = answer->nodeIds[i];
+    place.port = static_cast<std::uint16_t>(port);
+    nodes.push_back(std::move(place));
+  }
+  return VYN_OK;
+}
+
+}  // namespace vyn::tessel

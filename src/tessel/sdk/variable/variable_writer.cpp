@@ -1,0 +1,243 @@
+#include "tessel/sdk/variable/variable_writer.h"
+
+#include "common/log/error_info.h"
+#include "common/log/exceptions.h"
+#include "common/log/logging.h"
+#include "tessel/sdk/start_up/sdk_state.h"
+#include "vyn/status.h"
+#include "vyn/variable.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace vyn::tessel {
+
+namespace {
+
+constexpr std::uint64_t kDefaultBlockSize = std::uint64_t{4} << 20U;
+/// The default size grows so that there are no more blocks than this.
+constexpr std::uint64_t kDefaultBlocks = 4096;
+constexpr std::uint64_t kMaxBlocks = 500000;
+/// The leader's refusal of a block list whose length is not that of the record.
+constexpr std::uint32_t kOtherBlockNumber = 2140003;
+
+std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) {
+  return value / unit * unit + (value % unit == 0 ? 0 : unit);
+}
+
+std::uint64_t BlockSizeFor(std::uint64_t size, std::uint64_t wanted) {
+  if (wanted == 0) {
+    return RoundUp(std::max(kDefaultBlockSize, size / kDefaultBlocks), kDefaultBlockSize);
+  }
+  const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  return RoundUp(std::min(wanted, size), page);
+}
+
+}  // namespace
+
+VariableWriter::~VariableWriter() {
+  try {
+    Abandon();
+  } catch (...) {
+    static_cast<void>(common::StatusOfException(__func__));
+  }
+}
+
+std::uint32_t VariableWriter::Create(std::uint64_t size, std::uint64_t blockSize) {
+  mHere = g_mfClientFlag == 0;
+  mBlockSize = BlockSizeFor(size, blockSize);
+  const std::uint64_t count = (size - 1) / mBlockSize + 1;
+  if (count > kMaxBlocks) {
+    return VYN_FAIL(VYN_VARIABLE_LIMIT, mKey.Text() << " would have " << count << " blocks, more than "
+                                                    << kMaxBlocks << "; choose a larger block size");
+  }
+  mBlocks.sizes.assign(count, mBlockSize);
+  mBlocks.sizes.back() = size - (count - 1) * mBlockSize;
+  if (!mRange.Take(size, !mHere)) {
+    return VYN_FAIL(VYN_VARIABLE_NO_MEMORY, "no addresses for the " << size << " bytes of " << mKey.Text());
+  }
+  if (const std::uint32_t status = Claim(); Failed(status)) {
+    return status;
+  }
+  if (!mHere) {
+    mSending.assign(count, Sending::kNot);
+    return AllocateThere();
+  }
+  const std::uint32_t status = AllocateHere();
+  return Failed(status) ? status : MapBlocks(true);
+}
+
+std::uint32_t VariableWriter::Claim() {
+  VariableBlocks others;
+  std::uint32_t status = LookUpAtLeader(mKey, others);
+  if (!Failed(status)) {
+    return FailService(mKey, Service::kMetadata, VYN_VARIABLE_EXISTS);
+  }
+  if (status == VYN_VARIABLE_NOT_PUBLISHED) {
+    return VYN_FAIL(VYN_VARIABLE_EXISTS, mKey.Text() << " exists already: a writer has created it and not "
+                                                     << "published it yet");
+  }
+  if (status == VYN_VARIABLE_UNKNOWN) {
+    status = MakeRecord(mKey, static_cast<std::uint32_t>(mBlocks.sizes.size()));
+  }
+  if (Failed(status)) {
+    return FailService(mKey, Service::kMetadata, status);
+  }
+  mState = State::kClaimed;
+  return VYN_OK;
+}
+
+std::uint32_t VariableWriter::AllocateHere() {
+  const std::uint32_t status = AllocateAtNode(mKey, mBlocks);
+  if (status == VYN_VARIABLE_POOL_FULL) {
+    return FailPoolFull(mKey, g_mfNodeId, mBlocks.Total());
+  }
+  return Failed(status) ? FailService(mKey, Service::kNodeServer, status) : VYN_OK;
+}
+
+std::uint32_t VariableWriter::AllocateThere() {
+  std::vector<NodePlace> nodes;
+  if (const std::uint32_t status = ListNodes(mKey, true, nodes); Failed(status)) {
+    return FailService(mKey, Service::kMetadata, status);
+  }
+  if (nodes.empty()) {
+    return VYN_FAIL(VYN_VARIABLE_NO_SERVICE, mKey.Text() << ": no node of the fabric is alive");
+  }
+  const NodePlace& node = nodes.front();
+  mBlocks.nodeId = node.nodeId;
+  int result = LinkNode(node.nodeId, node.ip, node.port);
+  result = result == 0 ? MakeNamespace(node.nodeId, mAccess) : result;
+  for (std::size_t i = 0; result == 0 && i < mBlocks.sizes.size(); ++i) {
+    std::string id;
+    result = AllocateBlock(node.nodeId, mAccess, mBlocks.sizes[i], id);
+    if (result == 0) {
+      mBlocks.ids.push_back(std::move(id));
+    }
+  }
+  if (result == kBmNotEnoughCapacity) {
+    static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
+    mBlocks.ids.clear();
+    return FailPoolFull(mKey, node.nodeId, mBlocks.Total());
+  }
+  return result == 0 ? VYN_OK : FailFabric(mKey, "allocating its blocks", node.nodeId, result);
+}
+
+std::uint32_t VariableWriter::MapBlocks(bool writable) {
+  for (std::size_t i = 0; i < mBlocks.ids.size(); ++i) {
+    const int result =
+        MapBlockAt(mAccess, mBlocks.ids[i], writable, Data() + i * mBlockSize, mBlocks.sizes[i]);
+    if (result != 0) {
+      return FailFabric(mKey, "mapping block " + std::to_string(i), mBlocks.nodeId, result);
+    }
+  }
+  return VYN_OK;
+}
+
+std::uint32_t VariableWriter::SendBlock(std::size_t index) {
+  const int result =
+      WriteBlock(mAccess, mBlocks.ids[index], Data() + index * mBlockSize, mBlocks.sizes[index]);
+  if (result != 0) {
+    return FailFabric(mKey, "writing block " + std::to_string(index), mBlocks.nodeId, result);
+  }
+  mSending[index] = Sending::kSent;
+  return VYN_OK;
+}
+
+std::uint32_t VariableWriter::Flush(std::uint64_t offset, std::uint64_t length) {
+  const std::uint64_t end = offset + length;
+  std::uint64_t begin = 0;
+  for (std::size_t i = 0; i < mSending.size(); begin += mBlocks.sizes[i], ++i) {
+    if (mSending[i] != Sending::kNot || begin < offset || begin + mBlocks.sizes[i] > end) {
+      continue;
+    }
+    if (const std::uint32_t status = SendBlock(i); Failed(status)) {
+      return status;
+    }
+    mRange.Discard(begin, mBlocks.sizes[i]);
+    mSending[i] = Sending::kSentAndDiscarded;
+  }
+  return VYN_OK;
+}
+
+std::uint32_t VariableWriter::Publish() {
+  if (mState == State::kPublished) {
+    return VYN_OK;
+  }
+  Seal();
+  for (std::size_t i = 0; i < mSending.size(); ++i) {
+    if (mSending[i] != Sending::kNot) {
+      continue;
+    }
+    if (const std::uint32_t status = SendBlock(i); Failed(status)) {
+      return status;
+    }
+  }
+  return Commit();
+}
+
+void VariableWriter::Seal() {
+  if (mHere) {
+    mRange.MakeReadOnly(0, mBlocks.Total());
+    return;
+  }
+  std::uint64_t begin = 0;
+  for (std::size_t i = 0; i < mSending.size(); begin += mBlocks.sizes[i], ++i) {
+    if (mSending[i] != Sending::kSentAndDiscarded) {
+      mRange.MakeReadOnly(begin, mBlocks.sizes[i]);
+    }
+  }
+}
+
+std::uint32_t VariableWriter::Commit() {
+  mState = State::kUncertain;
+  const std::uint32_t status = CompleteRecord(mKey, mBlocks);
+  if (status == VYN_VARIABLE_UNKNOWN) {
+    mState = State::kNothing;
+    return VYN_FAIL(status, mKey.Text() << " was deleted before it was published");
+  }
+  if (status == VYN_VARIABLE_EXISTS || status == kOtherBlockNumber) {
+    mState = State::kNothing;
+    return VYN_FAIL(VYN_VARIABLE_EXISTS, mKey.Text() << " is another writer's: it was deleted and created "
+                                                     << "anew, or two created it at the same time");
+  }
+  if (Failed(status)) {
+    return FailService(mKey, Service::kMetadata, status);
+  }
+  mState = State::kPublished;
+  // The writable mappings end, which tells the node that the bytes are final.
+  if (mHere && Failed(MapBlocks(false))) {
+    VYN_LOG_WARN(mKey.Text() << " stays mapped for writing, though it is published");
+  }
+  return VYN_OK;
+}
+
+void VariableWriter::Abandon() {
+  if (mState == State::kPublished) {
+    return;
+  }
+  mRange = AddressRange();
+  const bool uncertain = mState == State::kUncertain;
+  bool mine = mState == State::kNothing;  // whether nobody else can know the blocks
+  if (!mine) {
+    VariableBlocks present;
+    std::uint32_t status = VYN_VARIABLE_NOT_PUBLISHED;
+    if (uncertain) {
+      status = LookUpAtLeader(mKey, present);
+    }
+    if (status == VYN_VARIABLE_NOT_PUBLISHED) {
+      mine = !Failed(RemoveRecord(mKey, true)) || !uncertain;
+    } else if (!Failed(status) && present.ids == mBlocks.ids) {
+      static_cast<void>(RemoveRecord(mKey));  // which frees the blocks, too
+    } else {
+      // Without an answer of the leader nobody knows whether readers find the blocks. So they stay.
+      mine = !Failed(status) || status == VYN_VARIABLE_UNKNOWN;
+    }
+  }
+  if (mine && !mBlocks.ids.empty()) {
+    static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
+  }
+  mState = State::kNothing;
+}
+
+}  // namespace vyn::tessel

@@ -1,0 +1,196 @@
+// vyn/variable.h with real daemons, a real ZooKeeper and processes that are stopped and killed.
+
+#include "support/command.h"
+#include "support/pattern.h"
+#include "support/vynd_process.h"
+
+namespace vyn::test {
+namespace {
+
+std::string Host(int id) { return "127.0.0." + std::to_string(id); }
+
+/// Two nodes. No address of this machine is a node's unless `base` is 1, so a driver takes itself to be outside
+/// the fabric; an executor is on the node of its home.
+class VariableTest : public testing::Test {
+ protected:
+  explicit VariableTest(int base = 2) : mBase(base) {
+    mFirst.Start();
+    mSecond.Start();
+  }
+  std::unique_ptr<BroadcastClient> Client(const std::string& where, const std::string& app = "app") {
+    auto client =
+        std::make_unique<BroadcastClient>(where == "second" ? mSecond : mFirst, where == "outside");
+    EXPECT_EQ(client->Do("register " + app + " 1 secret"), "0");
+    return client;
+  }
+  std::vector<std::string> Vynctl(const VyndNode& node, const std::string& command) const {
+    return {"sh", "-c",
+            "exec " VYN_STAGE_DIR "/bin/vynctl --home " + node.Home() + " --token secret " + command};
+  }
+  /// A get through each node. Returns: the bytes, or what vynctl said.
+  std::set<std::string> GetAll(const std::string& variable) const {
+    std::set<std::string> found;
+    for (const VyndNode* node : {&mFirst, &mSecond}) {
+      const std::string command = Vynctl(*node, "get app " + variable).back();
+      found.insert(RunCommand(command).output);
+    }
+    return found;
+  }
+  /// Starts a put, and stops it before it has published but after it has got blocks.
+  std::unique_ptr<ChildProcess> StoppedPut(const std::string& variable, const std::string& file) const {
+    auto put = std::make_unique<ChildProcess>(
+        Vynctl(mFirst, "put app " + variable + " " + file + " --block-size 4K"));
+    const std::string maps = "/proc/" + std::to_string(put->Pid()) + "/maps";
+    EXPECT_TRUE(WaitUntil([&] {
+      return mBase == 1 ? ReadFile(maps).find(mFirst.Pool()) != std::string::npos : Objects() > 0;
+    }));
+    put->Signal(SIGSTOP);
+    return put;
+  }
+  void ExpectPausedPutHidden() const {
+    const auto put = StoppedPut("1", mFile);
+    EXPECT_THAT(GetAll("1"), testing::ElementsAre(
+                                 testing::HasSubstr("variable 1 of application app is not published yet")));
+    put->Signal(SIGCONT);
+    EXPECT_EQ(put->Wait(), 0);
+    EXPECT_TRUE(GetAll("1") == std::set<std::string>{ReadFile(mFile)});
+    EXPECT_EQ(RunCommand(Vynctl(mSecond, "rm app 1").back()).status, 0);
+    EXPECT_TRUE(WaitUntil([&] { return Objects() == 0; }));
+  }
+  std::size_t Objects() const { return mFirst.Objects() + mSecond.Objects(); }
+  static void Expect(BroadcastClient& client, const std::string& command, const std::string& answer,
+                     const std::string& words = "") {
+    EXPECT_EQ(client.Do(command), answer) << command << ": " << client.Do("words");
+    if (!words.empty()) {
+      EXPECT_THAT(client.Do("words"), testing::HasSubstr(words)) << command;
+    }
+  }
+
+  const TempDir mFolder;
+  const std::string mFile = mFolder.Write("in", Pattern(20000001, 3));
+  ZookeeperServer mZookeeper{5000};
+  const std::string mUrl = mZookeeper.NewRoot();
+  const ReservedPort mPort;
+  const int mBase;
+  const std::string mHosts = Host(mBase) + "," + Host(mBase + 1);
+  VyndNode mFirst{mBase, Host(mBase), mUrl, mPort.Number(), mHosts};
+  VyndNode mSecond{mBase + 1, Host(mBase + 1), mUrl, mPort.Number(), mHosts};
+};
+
+/// vynctl is a driver: here it is on the node of its home.
+class VariableOnNodesTest : public VariableTest {
+ protected:
+  VariableOnNodesTest() : VariableTest(1) {}
+};
+
+TEST_F(VariableTest, EachCallerGetsTheBytesOrItsOwnAnswer) {
+  for (const std::string where : {"first", "second", "outside"}) {
+    SCOPED_TRACE("written " + where);
+    const auto writer = Client(where);
+    std::map<std::string, std::unique_ptr<BroadcastClient>> readers;
+    for (const char* reader : {"first", "second", "outside"}) {
+      readers[reader] = Client(reader);
+    }
+    const auto all = [&](const std::string& command, const std::string& answer,
+                         const std::string& words = "") {
+      for (const auto& [name, reader] : readers) {
+        SCOPED_TRACE("read " + name);
+        Expect(*reader, command, answer, words);
+      }
+    };
+    all("open app 1 5", "2140011", "no such variable: there is no variable 1 of application app");
+    Expect(*writer, "make app 1 5000001 5", "0");
+    all("open app 1 5", "2140015", "variable 1 of application app is not published yet");
+    all("make app 1 9 5", "2140013", "variable 1 of application app exists already: a writer has created");
+    writer->Process().Signal(SIGSTOP);
+    all("open app 1 5", "2140015");
+    writer->Process().Signal(SIGCONT);
+    Expect(*writer, "publish", "0");
+    Expect(*writer, "still 5", "0");
+    Expect(*writer, "publish", "0");
+    Expect(*writer, "close", "0");
+    all("open app 1 5", "0");
+    all("make app 1 9 5", "2140013", "variable 1 of application app exists already");
+    all("open other 1 5", "2140005", "application other is not registered in this process");
+    const auto other = Client("second", "other");
+    Expect(*other, "open other 1 5", "2140011", "variable 1 of application other");
+    all("open app 1 5", "0");
+
+    // A freed number. Who has the old bytes keeps them.
+    Expect(*writer, "drop app 1", "0");
+    Expect(*writer, "drop app 1", "2140011", "no such variable");
+    all("still 5", "0");
+    Expect(*writer, "make app 1 70000 6", "0");
+    all("still 5", "0");
+    Expect(*writer, "publish", "0");
+    all("open app 1 6", "0");
+
+    Expect(*writer, "make app 2 90000000 6", "2100041", "free on node ");
+    Expect(*writer, "words", writer->Do("words"),
+           "pool full: variable 2 of application app needs 85.8 MiB, ");
+    Expect(*writer, "make app 2 0 6", "2120001", "at least 1 byte");
+    Expect(*writer, "make app 2 9000000 6", "0");
+    Expect(*writer, "close", "0");
+    all("open app 2 6", "2140011");
+    Expect(*writer, "drop app 1", "0");
+    EXPECT_TRUE(WaitUntil([&] { return Objects() == 0; }));
+  }
+}
+
+TEST_F(VariableTest, AKilledWriterLeavesNothing) {
+  for (const std::string where : {"first", "second"}) {
+    SCOPED_TRACE("written " + where);
+    const auto reader = Client("first");
+    const auto dead = Client(where);
+    const auto late = Client(where);
+    Expect(*late, "make app 2 5000001 5", "0");
+    Expect(*late, "publish", "0");
+    Expect(*dead, "make app 1 5000001 5", "0");
+    Expect(*reader, "open app 1 5", "2140015");
+    dead->Process().Kill();
+    late->Process().Kill();
+    EXPECT_TRUE(WaitUntil([&] { return Objects() == 2; }));
+    Expect(*reader, "open app 1 5", "2140011");
+    Expect(*reader, "open app 2 5", "0");
+    Expect(*reader, "drop app 2", "0");
+    EXPECT_TRUE(WaitUntil([&] { return Objects() == 0; }));
+  }
+}
+
+TEST_F(VariableTest, APausedPutFromOutsideShowsNothing) { ExpectPausedPutHidden(); }
+
+TEST_F(VariableOnNodesTest, APausedPutShowsNothingAndAKilledOneLeavesNothing) {
+  ExpectPausedPutHidden();
+  StoppedPut("2", mFile)->Kill();
+  EXPECT_TRUE(WaitUntil([&] { return Objects() == 0; }));
+  EXPECT_THAT(GetAll("2"),
+              testing::ElementsAre(testing::HasSubstr("there is no variable 2 of application app")));
+}
+
+TEST_F(VariableTest, TheGivenFunctionsAndTheseMeet) {
+  const auto first = Client("first");
+  const auto second = Client("second");
+  Expect(*first, "make app 1 5000 3", "0");
+  Expect(*second, "read app 1 1 3", "1");
+  Expect(*first, "publish", "0");
+  Expect(*second, "read app 1 1 3", "0");
+  Expect(*first, "write app 2 1 5000 4", "0");
+  Expect(*second, "open app 2 4", "0");
+  Expect(*Client("outside"), "open app 2 4", "0");
+}
+
+TEST_F(VariableTest, AWrongTokenIsCalledSo) {
+  const auto writer = Client("first");
+  Expect(*writer, "make app 1 5000 3", "0");
+  Expect(*writer, "publish", "0");
+  BroadcastClient here(mFirst, false);
+  Expect(here, "register app 1 guessed", "1", "wrong token for application app");
+  BroadcastClient outside(mFirst, true);
+  Expect(outside, "register app 1 guessed", "0");
+  Expect(outside, "make app 2 5000 3", "2140007", "wrong token for application app");
+  Expect(outside, "open app 1 3", "2140007", "wrong token for application app");
+  Expect(*writer, "open app 2 3", "2140011");
+}
+
+}  // namespace
+}  // namespace vyn::test
