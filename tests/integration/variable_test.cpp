@@ -18,8 +18,7 @@ class VariableTest : public testing::Test {
     mSecond.Start();
   }
   std::unique_ptr<BroadcastClient> Client(const std::string& where, const std::string& app = "app") {
-    auto client =
-        std::make_unique<BroadcastClient>(where == "second" ? mSecond : mFirst, where == "outside");
+    auto client = std::make_unique<BroadcastClient>(where == "second" ? mSecond : mFirst, where == "outside");
     EXPECT_EQ(client->Do("register " + app + " 1 secret"), "0");
     return client;
   }

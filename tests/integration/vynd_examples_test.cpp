@@ -23,8 +23,7 @@ void ExpectBroadcast(int nodeId, const std::string& where) {
                  {{missing, 1, {missing + " cannot be read"}}});
   EXPECT_FALSE(tree.Exists("/vyn/apps/app_1"));
 
-  ChildProcess publisher(
-      {VYN_EXAMPLE_DIR "/publish_file", node.Home(), "app_1", "secret", "7", file});
+  ChildProcess publisher({VYN_EXAMPLE_DIR "/publish_file", node.Home(), "app_1", "secret", "7", file});
   std::string line;
   while (line.rfind("published", 0) != 0) {
     line = publisher.Receive(std::chrono::seconds(120));

@@ -10,7 +10,8 @@ namespace {
 
 // Never destroyed: a thread may still be inside a call while the process exits.
 sync::Mutex& gTokensMutex = *new sync::Mutex;
-std::map<std::string, std::string>& gTokens VYN_GUARDED_BY(gTokensMutex) = *new std::map<std::string, std::string>;
+std::map<std::string, std::string>& gTokens VYN_GUARDED_BY(gTokensMutex) =
+    *new std::map<std::string, std::string>;
 
 }  // namespace
 

@@ -40,7 +40,8 @@ namespace {
 // Never destroyed: a thread may still be inside a call while the process exits.
 vyn::sync::Mutex& gHandlesMutex = *new vyn::sync::Mutex;  // also guards the users of all handles
 /// The variables that this process has open, so that a second open finds the first.
-std::map<VariableKey, VynVariable*>& gReaders VYN_GUARDED_BY(gHandlesMutex) = *new std::map<VariableKey, VynVariable*>;
+std::map<VariableKey, VynVariable*>& gReaders VYN_GUARDED_BY(gHandlesMutex) =
+    *new std::map<VariableKey, VynVariable*>;
 
 /// Checks the name, and that the SDK has been started.
 std::uint32_t CheckName(const char* appId) {
