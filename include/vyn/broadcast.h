@@ -116,28 +116,36 @@ unsigned int BroadcastUninitialize();
 
 // --- applications ----------------------------------------------------------------------------------------
 //
-// An application id is 1 to 1024 letters, digits, "_" and "-". A process has one token, that of the
-// application that it registered last. So run the registration functions one at a time, and not during a call
-// of a function on blocks.
+// An application id is 1 to 1024 letters, digits, "_" and "-".
+//
+// Tokens. A process may register several applications. The functions of vyn/variable.h use the token of the
+// variable's own application. The functions of this header on blocks that take no `token` use one token for
+// all applications: that of the last RegisterBroadcastApp that asked the node server. So a process that uses
+// these functions registers one application, or gives all its applications the same token.
+//
+// Threads. Run the registration functions one at a time, and not during a call of a function on blocks.
 
 /// Registers the application with the node server. For an application that this process has registered
-/// already, it makes no call, returns 0 and ignores the token.
+/// already, it makes no call, returns 0 and ignores the token; after UnRegisterBroadcastApp it keeps the
+/// token for vyn/variable.h.
 /// \param flag passed to the node server. \param token the application's secret; may be empty, not null.
-/// \param registered receives false on a node outside the fabric, where the call does nothing, otherwise
-///        true.
+/// \param registered receives false in a process outside the fabric, where the call only keeps the token for
+///        vyn/variable.h, otherwise true.
 /// \return 0; 2120001 for a refused argument; 2120009 without a client of the node server; 2000057 without
 ///         memory; 1 when the node server refused or did not answer.
 unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* token, bool* registered);
 
-/// Unregisters the application from the node server and clears this process's token, also after a failure.
-/// This process treats the application as registered until MarkBroadcastApplicationCompleted.
+/// Unregisters the application from the node server, with the token that the functions of this header share.
+/// Also after a failure it clears that token, whichever application it was of, and forgets this application's
+/// token for vyn/variable.h. RegisterBroadcastApp treats the application as registered until
+/// MarkBroadcastApplicationCompleted.
 /// \return 0; 2120001; 2080009 without a client of the node server; 2000057 without memory; 1 when the
 ///         node server refused or did not answer.
 unsigned int UnRegisterBroadcastApp(const char* appId);
 
 /// Ends the application. The metadata service removes it and has all its memory freed on every node. This
 /// process removes its variables from the cache, and also those of every application whose id begins with
-/// `appId`. Needs no registration.
+/// `appId`. It forgets the application's token for vyn/variable.h. Needs no registration.
 /// \return 0; 2120001; 2120011 without a client of the metadata service; 2000057 before initialisation;
 ///         2120013 when the service refused or did not answer. Then this process has changed nothing, and the
 ///         call can be repeated.
@@ -172,8 +180,9 @@ unsigned int DeleteBroadcastVar(const char* appId, unsigned int broadcastId);
 
 // --- creating and fetching blocks ------------------------------------------------------------------------
 
-// These functions have no commit. A reader that maps a block before its creator has filled it sees what is
-// there, with status 0. What it saw is never kept: the next reader sees the bytes of its own time.
+// The functions of this header have no commit; those of vyn/variable.h have one. A reader that maps a block
+// before its creator has filled it sees what is there, with status 0. What it saw is never kept: the next
+// reader sees the bytes of its own time.
 
 /// Creates the blocks of a variable on this node, which must belong to the fabric. Call it once for each
 /// variable.

@@ -5,8 +5,8 @@
  * Broadcast variables with a commit, through libvyn_broadcast.so. Plain C: this header is C99 and C++17.
  *
  * A writer creates a variable, fills it, and publishes it. Until then nobody else can read it. A reader opens
- * a published variable and gets all its bytes as one contiguous read-only range. The functions are the same on
- * a node of the memory fabric and outside the fabric; on a node no byte is copied in the caller's process.
+ * a published variable and gets all its bytes as one contiguous read-only range. The functions are the same
+ * on a node of the memory fabric and outside the fabric; on a node no byte is copied in the caller's process.
  *
  * Before the first call: BroadcastInitialize and RegisterBroadcastApp of vyn/broadcast.h, also outside the
  * fabric, where the registration only tells this process the token. A process may register several
@@ -22,9 +22,9 @@
  * Statuses. 0 is success; a failure is odd. BroadcastGetLastErrorMessage of vyn/broadcast.h returns the text
  * of the calling thread's last failure, which names the variable and the cause. No function throws.
  *
- * Users of a handle. VynVariableCreate and VynVariableOpen give a handle with one user. VynVariableRetain adds
- * a user, VynVariableClose takes one away, and the last Close ends the mapping. VynVariableOpen of a variable
- * that this process has open already gives the same handle with one more user.
+ * Users of a handle. VynVariableCreate and VynVariableOpen give a handle with one user. VynVariableRetain
+ * adds a user, VynVariableClose takes one away, and the last Close ends the mapping. VynVariableOpen of a
+ * variable that this process has open already gives the same handle with one more user.
  *
  * Threads. Any thread may call any function, and threads may share a handle. Each must be a user of it.
  * VynVariablePublish, VynVariableFlush and the last VynVariableClose of a handle must not run while another
@@ -38,10 +38,10 @@
  * grows, so that there are at most 4096 blocks. Blocks of one variable are on one node.
  *
  * A writer that dies. On a node, its blocks are freed and its number is free again a few seconds after the
- * process has ended, also when it was killed. If the node's vynd is restarted between VynVariableCreate and the
- * writer's death, the blocks stay until the application ends, and the number until VynVariableDelete. The same
- * holds for a writer outside the fabric that is killed before it has published: nobody sees the bytes, but
- * readers are told VYN_VARIABLE_NOT_PUBLISHED. While a writer is only stopped (SIGSTOP, a debugger), the
+ * process has ended, also when it was killed. If the node's vynd is restarted between VynVariableCreate and
+ * the writer's death, the blocks stay until the application ends, and the number until VynVariableDelete. The
+ * same holds for a writer outside the fabric that is killed before it has published: nobody sees the bytes,
+ * but readers are told VYN_VARIABLE_NOT_PUBLISHED. While a writer is only stopped (SIGSTOP, a debugger), the
  * variable stays unpublished, and the writer can go on.
  */
 
@@ -58,7 +58,8 @@ typedef struct VynVariable VynVariable;
 enum {
   /** An argument was refused: a null pointer, an application id or a size that cannot be one. */
   VYN_VARIABLE_INVALID = 2120001,
-  /** BroadcastInitialize or RegisterBroadcastApp is missing in this process or, for an executor, at its node. */
+  /** BroadcastInitialize or RegisterBroadcastApp is missing in this process or, for an executor, at its
+      node. */
   VYN_VARIABLE_NOT_REGISTERED = 2140005,
   /** The token differs from the one that the application's first registration fixed. */
   VYN_VARIABLE_WRONG_TOKEN = 2140007,
@@ -96,9 +97,9 @@ typedef struct VynVariableInfo {
 
 /**
  * Creates a variable and gives a writable range of exactly `size` bytes, which begin as zeros. The blocks are
- * allocated, so that a later VynVariablePublish cannot fail for want of room. The number is taken from now on.
- * On a node the range is shared memory of the node's pool. Outside the fabric it is private memory of this
- * process, and a node is chosen for the blocks.
+ * allocated, so that a later VynVariablePublish cannot fail for want of room. The number is taken from now
+ * on. On a node the range is shared memory of the node's pool. Outside the fabric it is private memory of
+ * this process, and a node is chosen for the blocks.
  * \param appId the application; it must be registered in this process.
  * \param id the variable's number, unique in the application.
  * \param size bytes, at least 1. A variable of 0 bytes is refused.
@@ -123,18 +124,19 @@ void* VynVariableData(VynVariable* variable);
 uint64_t VynVariableSize(const VynVariable* variable);
 
 /**
- * Says that the bytes of a part of the range are final. Outside the fabric it sends the blocks that lie wholly
- * in this part and releases their pages, so that a large variable needs little memory. Call it for parts of
- * whole blocks, in any order. Afterwards this process must neither write nor read the part: outside the fabric
- * an access ends the process with a segmentation fault, also after VynVariablePublish. On a node it does
- * nothing. It is never needed.
+ * Says that the bytes of a part of the range are final. Outside the fabric it sends the blocks that lie
+ * wholly in this part and releases their pages, so that a large variable needs little memory. Call it for
+ * parts of whole blocks, in any order. Afterwards this process must neither write nor read the part: outside
+ * the fabric an access ends the process with a segmentation fault, also after VynVariablePublish. On a node
+ * it does nothing. It is never needed.
  * \return 0; VYN_VARIABLE_INVALID for a part beyond the range or a variable that is not being written; _LOST.
  */
 uint32_t VynVariableFlush(VynVariable* variable, uint64_t offset, uint64_t length);
 
 /**
  * Makes the variable visible: from now on every process can open it. The range becomes read-only first.
- * Outside the fabric it sends the bytes to the chosen node. A variable that is published already is a success.
+ * Outside the fabric it sends the bytes to the chosen node. A variable that is published already is a
+ * success.
  * \return 0; VYN_VARIABLE_UNKNOWN when somebody has deleted the variable meanwhile; _EXISTS when another
  *         writer has published this number meanwhile; _LOST, _NO_SERVICE. After _LOST or _NO_SERVICE the call
  *         can be repeated; only VynVariableClose is left after the others. After _NO_SERVICE it is unknown
@@ -144,8 +146,8 @@ uint32_t VynVariablePublish(VynVariable* variable);
 
 /**
  * Opens a published variable as one read-only range. On a node each block is mapped at its place; a block of
- * another node is pulled into this node's pool first, once for all processes. Outside the fabric the bytes are
- * read into private memory. That is also done for a variable of CreateBroadcastBlockBatch with a block,
+ * another node is pulled into this node's pool first, once for all processes. Outside the fabric the bytes
+ * are read into private memory. That is also done for a variable of CreateBroadcastBlockBatch with a block,
  * besides the last, that is no whole number of pages, because it cannot be mapped at its place.
  * \param out receives the handle; null after a failure. VynVariableClose ends it.
  * \return 0 or VYN_VARIABLE_INVALID, _NOT_REGISTERED, _WRONG_TOKEN, _UNKNOWN, _NOT_PUBLISHED, _POOL_FULL when
@@ -158,15 +160,15 @@ void VynVariableRetain(VynVariable* variable);
 
 /**
  * Takes one user away. The last one ends the mapping; the handle must not be used afterwards. A variable that
- * is not published is abandoned: its blocks are freed and its number is free again. What is published stays. A
- * null handle is ignored.
+ * is not published is abandoned: its blocks are freed and its number is free again. What is published stays.
+ * A null handle is ignored.
  */
 void VynVariableClose(VynVariable* variable);
 
 /**
- * Deletes a variable, published or not. Who has it open goes on reading the same bytes until
- * VynVariableClose; the memory is free when the last of them has closed it. Who comes later gets
- * VYN_VARIABLE_UNKNOWN. The writer of an unpublished variable cannot publish it any more.
+ * Deletes a variable, published or not. Processes that have it open keep reading the same bytes until
+ * VynVariableClose; the memory is free when the last of them has closed it. A later VynVariableOpen fails
+ * with VYN_VARIABLE_UNKNOWN. The writer of an unpublished variable cannot publish it any more.
  * \return 0 or VYN_VARIABLE_INVALID, _NOT_REGISTERED before BroadcastInitialize, _UNKNOWN, _NO_SERVICE.
  */
 uint32_t VynVariableDelete(const char* appId, uint32_t id);
