@@ -76,10 +76,10 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string("vynctl ") + VYN_PROJECT_VERSION);
   app.require_subcommand(1);
   app.add_option("--home", settings.home, "the installation (default: VYN_HOME)");
-  auto* token =
-      app.add_option("--token", settings.token,
-                     "the application's token, for put and get; every user of this machine can see it "
-                     "in the list of processes (default: VYN_TOKEN)");
+  auto* token = app.add_option(
+      "--token", settings.token,
+      "the application's token, for put, get and verify; every user of this machine can see it "
+      "in the list of processes (default: VYN_TOKEN)");
   app.add_option("--token-file", tokenFile, "a file whose first line is the token")->excludes(token);
   app.parse_complete_callback([&] {
     if (!tokenFile.empty()) {
