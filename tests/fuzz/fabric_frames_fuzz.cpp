@@ -101,10 +101,9 @@ std::string WithGoodHeaders(std::string_view input) {
   add(1, Writer().Put(kProtocolVersion).Put<std::uint16_t>(1).Put(kAnyNode).Bytes(), 0);
   while (input.size() >= 5) {
     Reader lengths(input.substr(1, 4));
-    const std::uint8_t operation = static_cast<std::uint8_t>(input[0]);
     const std::string_view head = input.substr(5, lengths.Get<std::uint16_t>());
+    add(static_cast<std::uint8_t>(input[0]), head, lengths.Get<std::uint16_t>());
     input.remove_prefix(5 + head.size());
-    add(operation, head, lengths.Get<std::uint16_t>());
   }
   return bytes;
 }

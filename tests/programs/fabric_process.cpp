@@ -10,7 +10,6 @@
 //   look NUMBER LENGTH SEED  1 when the mapped bytes are the pattern's
 //   write NS TOKEN OBJECT OFFSET LENGTH SEED | read NS TOKEN OBJECT OFFSET LENGTH SEED -> 1 when they are
 //   user ID                  becomes that user
-//   reach PATH               errno of opening it for reading
 //   protect NUMBER           errno of making the mapping writable
 
 #include "support/commands.h"
@@ -113,7 +112,7 @@ int main() {
                                            mount("pool", folder.c_str(), "tmpfs", 0, options.c_str()) == 0));
        }},
       {"user", [](uid_t user) { return ErrorOf(setgid(user) == 0 && setuid(user) == 0); }},
-      {"reach", [](Text path) { return ErrorOf(open(path.c_str(), O_RDONLY | O_CLOEXEC) >= 0); }},
+
       {"protect",
        [&](Size number) {
          return ErrorOf(mprotect(mappings.at(number).second, 1, PROT_READ | PROT_WRITE) == 0);
