@@ -1,5 +1,6 @@
 #include "services/node/node_server.h"
 
+#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 #include "platform/fabric/protocol/protocol.h"
 #include "services/node/metadata_client.h"
@@ -257,21 +258,27 @@ std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBl
   response.nodeId = mOptions.nodeId;
   response.sizes = request.sizes;
   response.bmIds.reserve(request.sizes.size());
-  for (const std::uint64_t size : request.sizes) {
-    std::string bmId;
-    const int result = mFabric.Allocate(request.appId, size, bmId);
-    if (result != 0) {
-      // The caller gets all blocks or none, so free those that were allocated.
-      mFabric.FreeBatch(request.appId, response.bmIds);
-      return StatusOf(result);
+  std::uint32_t status = VYN_OK;
+  try {
+    for (std::size_t i = 0; !Failed(status) && i < request.sizes.size(); ++i) {
+      std::string bmId;
+      status = StatusOf(mFabric.Allocate(request.appId, request.sizes[i], bmId));
+      if (!Failed(status)) {
+        quota.Release(1);
+        response.bmIds.push_back(std::move(bmId));
+      }
     }
-    quota.Release(1);
-    response.bmIds.push_back(std::move(bmId));
+    if (!Failed(status) && mOptions.created) {
+      mOptions.created(request.appId, request.broadcastId, response.bmIds);
+    }
+  } catch (...) {  // probably bad_alloc, for which the status is 2000057
+    status = common::StatusOfException("CreateBlocks");
   }
-  if (mOptions.created) {
-    mOptions.created(request.appId, request.broadcastId, response.bmIds);
+  if (Failed(status)) {
+    // The caller gets all blocks or none, so free those that were allocated.
+    mFabric.FreeBatch(request.appId, response.bmIds);
   }
-  return VYN_OK;
+  return status;
 }
 
 void NodeServer::TakeBack(const char* operation, const std::string& application,
