@@ -108,7 +108,7 @@ int Open(const std::string& sslPath, const std::string& cryptoPath) VYN_REQUIRES
 
 const Api* vyn::openssl_dl::Get() { return gApi.load(std::memory_order_acquire); }
 
-int SetOpensslDLopenLibPath(const char* sslPath, const char* cryptoPath) {
+int SetOpensslDLopenLibPath(const char* sslPath, const char* cryptoPath) try {
   if (sslPath == nullptr || cryptoPath == nullptr || *sslPath == '\0' || *cryptoPath == '\0') {
     return Fail(OPENSSL_DL_BAD_ARGUMENT, "A path of the OpenSSL libraries is empty");
   }
@@ -122,6 +122,9 @@ int SetOpensslDLopenLibPath(const char* sslPath, const char* cryptoPath) {
                                             " cannot replace them");
   }
   return OPENSSL_DL_OK;
+} catch (...) {                // probably bad_alloc
+  gLastMessage = "no memory";  // short enough to need no allocation
+  return OPENSSL_DL_CANNOT_OPEN;
 }
 
 const char* OpensslDLGetLastMessage() { return gLastMessage.c_str(); }

@@ -7,6 +7,7 @@
 #include <spdlog/spdlog.h>
 
 #include <exception>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,6 +30,11 @@ constexpr unsigned int kBitsOfMebibyte = 20;
 
 int Refuse(std::string message) {
   gLastError = std::move(message);
+  return 1;
+}
+
+int RefuseWithoutMemory() {
+  gLastError = "no memory";  // short enough to need no allocation
   return 1;
 }
 
@@ -118,6 +124,8 @@ int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount
                     ", it must be 1 (file) or 2 (standard error)");
     }
     return 0;
+  } catch (const std::bad_alloc&) {
+    return RefuseWithoutMemory();
   } catch (const std::exception& failure) {
     return Refuse(failure.what());
   }
@@ -127,17 +135,23 @@ int ULOG_AuditInit(const char* path, int fileSize, int fileCount) {
   try {
     Publish(gAuditLogger, kTrace, OpenFile(path, fileSize, fileCount, true));
     return 0;
+  } catch (const std::bad_alloc&) {
+    return RefuseWithoutMemory();
   } catch (const std::exception& failure) {
     return Refuse(failure.what());
   }
 }
 
-int ULOG_LogMessage(int level, const char* prefix, const char* message) {
+int ULOG_LogMessage(int level, const char* prefix, const char* message) try {
   return Write(ULog::gLogger, level, prefix, message);
+} catch (...) {
+  return RefuseWithoutMemory();
 }
 
-int ULOG_AuditLogMessage(int level, const char* prefix, const char* message) {
+int ULOG_AuditLogMessage(int level, const char* prefix, const char* message) try {
   return Write(gAuditLogger, level, prefix, message == nullptr ? nullptr : InOneLine(message).c_str());
+} catch (...) {
+  return RefuseWithoutMemory();
 }
 
 const char* ULOG_GetLastErrorMessage() { return gLastError.c_str(); }
