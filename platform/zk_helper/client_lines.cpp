@@ -33,7 +33,7 @@ struct Lines {
   }
 };
 
-ssize_t OnStream(void*, const char* bytes, std::size_t size) {
+ssize_t OnStream(void*, const char* bytes, std::size_t size) try {
   Lines& lines = Lines::Get();
   sync::MutexLock lock(lines.mMutex);
   lines.mUnfinished.append(bytes, size);
@@ -43,14 +43,18 @@ ssize_t OnStream(void*, const char* bytes, std::size_t size) {
     lines.mUnfinished.erase(0, end + 1);
   }
   return static_cast<ssize_t>(size);
+} catch (...) {  // the client must get no exception; the line is lost
+  return static_cast<ssize_t>(size);
 }
 
 }  // namespace
 
-void OnClientLine(const char* line) {
+void OnClientLine(const char* line) try {
   Lines& lines = Lines::Get();
   sync::MutexLock lock(lines.mMutex);
   lines.Take(line == nullptr ? "" : line);
+} catch (...) {
+  static_cast<void>(line);  // lost: the client must get no exception
 }
 
 void CatchClientStream() {

@@ -3,6 +3,7 @@
 #include "platform/zk_helper/client_lines.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace vyn::utilities::zookeeper {
@@ -12,6 +13,12 @@ namespace {
 /// The client gives a call up after two thirds of the session's time-out. This longer limit applies if it
 /// does not.
 constexpr std::chrono::milliseconds kLeastCallLimit{10000};
+
+/// On standard error, because this library has no log. The client and its threads must get no exception.
+void ReportLostEvent() {
+  static_cast<void>(
+      std::fputs("zk_helper: a ZooKeeper event is lost, probably for lack of memory\n", stderr));
+}
 
 bool ConnectionWasLost(int result) { return result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT; }
 
@@ -73,12 +80,10 @@ void Session::Expire() {
 }
 
 void Session::Finish(Request& request, int result) {
-  if (result == ZSESSIONEXPIRED && mState == State::kOpen) {
-    // The server has ended the session; the client would learn that at its next connection only.
+  // The server has ended the session; the client would learn that at its next connection only.
+  const bool expired = result == ZSESSIONEXPIRED && mState == State::kOpen;
+  if (expired) {
     Expire();
-    for (const auto& [key, watch] : mWatches) {
-      mEvents.push_back({watch.get(), ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE, ""});
-    }
   }
   // A session that has ended has one result, whether a call met the end before or after we noticed it.
   request.mResult = result == ZSESSIONEXPIRED ? static_cast<int>(ZINVALIDSTATE)
@@ -86,6 +91,20 @@ void Session::Finish(Request& request, int result) {
                                               : result;
   request.mDone = true;
   request.mFinished.NotifyAll();
+  try {
+    TellWatchers(request, result, expired);
+  } catch (...) {
+    ReportLostEvent();
+  }
+  mRequests.erase(&request);
+}
+
+void Session::TellWatchers(const Request& request, int result, bool expired) {
+  if (expired) {
+    for (const auto& [key, watch] : mWatches) {
+      mEvents.push_back({watch.get(), ZOO_SESSION_EVENT, ZOO_EXPIRED_SESSION_STATE, ""});
+    }
+  }
   if (request.mWatch != nullptr && ConnectionWasLost(result)) {
     mUnsetWatches.emplace(request.mWatch, request.mPath);
   } else if (request.mWatch != nullptr && request.mAbandoned) {
@@ -93,7 +112,6 @@ void Session::Finish(Request& request, int result) {
     mEvents.push_back({request.mWatch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, request.mPath});
     mChanged.NotifyAll();
   }
-  mRequests.erase(&request);
 }
 
 void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void* context) {
@@ -105,10 +123,14 @@ void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void*
   if (state == ZOO_CONNECTED_STATE) {
     session.mConnected = true;
     ForgetClientLine();
-    for (const auto& [watch, path] : session.mUnsetWatches) {
-      session.mEvents.push_back({watch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, path});
+    try {
+      for (const auto& [watch, path] : session.mUnsetWatches) {
+        session.mEvents.push_back({watch, ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE, path});
+      }
+      session.mUnsetWatches.clear();
+    } catch (...) {  // the next connection tries again
+      ReportLostEvent();
     }
-    session.mUnsetWatches.clear();
   } else if (state == ZOO_EXPIRED_SESSION_STATE || state == ZOO_AUTH_FAILED_STATE) {
     session.Expire();
   }
@@ -117,18 +139,20 @@ void Session::OnSessionEvent(zhandle_t*, int type, int state, const char*, void*
 
 Watch* Session::Intern(watcher_fn watcher, void* context) {
   sync::MutexLock lock(mMutex);
-  auto& watch = mWatches[{watcher, context}];
-  if (watch == nullptr) {
-    watch = std::make_unique<Watch>(Watch{this, watcher, context});
-  }
-  return watch.get();
+  // Made first: without memory for it the map must not keep a null.
+  auto watch = std::make_unique<Watch>(Watch{this, watcher, context});
+  return mWatches.try_emplace({watcher, context}, std::move(watch)).first->second.get();
 }
 
 void Session::OnNodeEvent(zhandle_t*, int type, int state, const char* path, void* context) {
   auto* watch = static_cast<Watch*>(context);
   Session& session = *watch->mSession;
   sync::MutexLock lock(session.mMutex);
-  session.mEvents.push_back({watch, type, state, path == nullptr ? "" : path});
+  try {
+    session.mEvents.push_back({watch, type, state, path == nullptr ? "" : path});
+  } catch (...) {
+    ReportLostEvent();
+  }
   session.mChanged.NotifyAll();
 }
 
@@ -142,7 +166,11 @@ void Session::RunWatchers() {
     const Event event = std::move(mEvents.front());
     mEvents.pop_front();
     lock.Unlock();
-    event.watch->mWatcher(mTicket, event.type, event.state, event.path.c_str(), event.watch->mContext);
+    try {
+      event.watch->mWatcher(mTicket, event.type, event.state, event.path.c_str(), event.watch->mContext);
+    } catch (...) {
+      ReportLostEvent();
+    }
     lock.Lock();
   }
 }

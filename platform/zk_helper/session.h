@@ -79,7 +79,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
   /// Makes the client and waits until the session is connected.
   /// Returns: ZOK; ZSYSTEMERROR with errno when there is no client; ZAUTHFAILED; ZOPERATIONTIMEOUT. After a
-  /// failure, also a thrown std::system_error, only CloseClient and StopWatchers may be called.
+  /// failure, also after an exception, only CloseClient and StopWatchers may be called.
   int Start(MakeClient make, std::chrono::seconds connectTimeout);
 
   /// Submits a call with `submit(client)`, which must give the request to the client as data, and waits for
@@ -100,13 +100,18 @@ class Session : public std::enable_shared_from_this<Session> {
     return Await(lock, *request);
   }
 
-  /// Makes `answer` of a callback the request's and wakes the caller. For completions.
+  /// Makes `answer` of a callback the request's and wakes the caller. For completions. When `fill` throws, the
+  /// call fails with ZSYSTEMERROR.
   template <typename Fill>
   static void Answer(const void* data, int result, Fill fill) {
     auto* request = static_cast<Request*>(const_cast<void*>(data));
     Session& session = *request->mSession;
     sync::MutexLock lock(session.mMutex);
-    fill(*request);
+    try {
+      fill(*request);
+    } catch (...) {  // no memory for the answer
+      result = ZSYSTEMERROR;
+    }
     session.Finish(*request, result);
   }
 
@@ -140,6 +145,8 @@ class Session : public std::enable_shared_from_this<Session> {
   int Await(sync::MutexLock& lock, Request& request) VYN_REQUIRES(mMutex);
   void Expire() VYN_REQUIRES(mMutex);
   void Finish(Request& request, int result) VYN_REQUIRES(mMutex);
+  /// Queues what watchers must be told about a finished call. \param expired whether it ended the session.
+  void TellWatchers(const Request& request, int result, bool expired) VYN_REQUIRES(mMutex);
   void CloseClientWhenGone();
   void RunWatchers();
 

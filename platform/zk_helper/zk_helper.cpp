@@ -14,6 +14,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -93,17 +94,34 @@ int Fail(int result, std::string message) {
   return result;
 }
 
+/// Runs `body`. Returns: its result, or `failure` when it throws. No exception may leave an exported function.
+template <typename Body>
+int Guarded(Body body, int failure = ZSYSTEMERROR) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    gLastMessage = "no memory";  // short enough to need no allocation
+  } catch (...) {
+    gLastMessage = "internal error";
+  }
+  return failure;
+}
+
 /// Records the text of a failed result. Returns: `result`.
 int Note(int result) {
   if (result == ZOK) {
     return result;
   }
-  std::string message = zerror(result);
-  if (result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT) {
-    const std::string line = LastClientLine();
-    message += line.empty() ? "" : ": " + line;
-  }
-  return Fail(result, std::move(message));
+  return Guarded(
+      [result] {
+        std::string message = zerror(result);
+        if (result == ZCONNECTIONLOSS || result == ZOPERATIONTIMEOUT) {
+          const std::string line = LastClientLine();
+          message += line.empty() ? "" : ": " + line;
+        }
+        return Fail(result, std::move(message));
+      },
+      result);
 }
 
 /// Makes one call on the session of `handle`. A watcher is set by this call when one is given.
@@ -196,32 +214,40 @@ void Give(Request& request, String_vector* children) {
   }
 }
 
-}  // namespace
-
-const char* VynZookeeperGetLastMessage() { return gLastMessage.c_str(); }
-
-int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecurity* security,
-                     const VynZookeeperKeys* keys, const char* libraryDirectory) {
-  if (url == nullptr || *url == '\0' || sessionTimeout <= 0 || keys == nullptr || keys->connectTimeout < 0) {
-    return Fail(ZBADARGUMENTS, "the servers, the session time-out or the connect time-out are not given");
+/// Closes a session that has not become the current one.
+struct CloseUnlessKept {
+  explicit CloseUnlessKept(Session& session) : mSession(session) {}
+  ~CloseUnlessKept() {
+    if (!mKept) {
+      Registry::Get().Close(mSession);
+    }
   }
+  CloseUnlessKept(const CloseUnlessKept&) = delete;
+  CloseUnlessKept& operator=(const CloseUnlessKept&) = delete;
+
+  Session& mSession;
+  bool mKept = false;
+};
+
+int Connect(const char* url, int sessionTimeout, const VynZookeeperSecurity* security,
+            const VynZookeeperKeys& keys, const char* libraryDirectory) {
   MakeClient make;
   std::string cause;
-  const int choice = ChooseClient(url, sessionTimeout, security, *keys, libraryDirectory, make, cause);
+  const int choice = ChooseClient(url, sessionTimeout, security, keys, libraryDirectory, make, cause);
   if (choice != ZOK) {
     return Fail(choice, cause);
   }
   Registry& registry = Registry::Get();
-  const auto wait = std::min<std::chrono::seconds>(std::chrono::seconds(keys->connectTimeout), kLongestWait);
+  const auto wait = std::min<std::chrono::seconds>(std::chrono::seconds(keys.connectTimeout), kLongestWait);
   const auto end = std::chrono::steady_clock::now() + wait;
+  zhandle_t* ticket = registry.NewTicket();
+  const auto session = std::make_shared<Session>(ticket);
   if (!registry.UseClient(wait)) {
     return Fail(ZINVALIDSTATE, VynGetZkHandle() == nullptr ? "the connection before is not closed"
                                                            : "there is a connection already");
   }
+  CloseUnlessKept guard(*session);
   ForgetClientLine();
-  zhandle_t* ticket = registry.NewTicket();
-  const auto session = std::make_shared<Session>(ticket);
-  const std::string servers = "the servers \"" + std::string(url) + "\" ";
   int result = ZSYSTEMERROR;
   try {
     const auto left = std::chrono::ceil<std::chrono::seconds>(end - std::chrono::steady_clock::now());
@@ -234,18 +260,34 @@ int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecu
   } else if (result == ZAUTHFAILED) {
     cause = "refuse the authentication";
   } else {
-    cause = "gave no session within " + std::to_string(keys->connectTimeout) + " s";
+    cause = "gave no session within " + std::to_string(keys.connectTimeout) + " s";
   }
   if (result != ZOK) {
     const std::string line = LastClientLine();
-    registry.Close(*session);
-    return Fail(result, servers + cause + (line.empty() ? "" : ": " + line));
+    return Fail(result,
+                "the servers \"" + std::string(url) + "\" " + cause + (line.empty() ? "" : ": " + line));
   }
   vyn::sync::MutexLock lock(registry.mMutex);
-  registry.mCurrent = ticket;
   registry.mSessions.emplace(ticket, session);
+  registry.mCurrent = ticket;
   registry.mClientFree.NotifyAll();
+  guard.mKept = true;
   return ZOK;
+}
+
+}  // namespace
+
+const char* VynZookeeperGetLastMessage() { return gLastMessage.c_str(); }
+
+int VynZookeeperInit(const char* url, int sessionTimeout, const VynZookeeperSecurity* security,
+                     const VynZookeeperKeys* keys, const char* libraryDirectory) {
+  return Guarded([&] {
+    if (url == nullptr || *url == '\0' || sessionTimeout <= 0 || keys == nullptr ||
+        keys->connectTimeout < 0) {
+      return Fail(ZBADARGUMENTS, "the servers, the session time-out or the connect time-out are not given");
+    }
+    return Connect(url, sessionTimeout, security, *keys, libraryDirectory);
+  });
 }
 
 zhandle_t* VynGetZkHandle() {
@@ -262,129 +304,151 @@ void VynRemoveZkHandle() {
 
 int DoDlZooCreate(zhandle_t* handle, const char* path, const char* value, int valueLength,
                   const ACL_vector* acl, int flags, char* pathBuffer, int pathBufferLength) {
-  const auto request = std::make_shared<Request>();
-  const int result = Run(handle, request, [&](zhandle_t* client) {
-    return zoo_acreate(client, path, value, valueLength, acl, flags, &OnText, request.get());
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    const int result = Run(handle, request, [&](zhandle_t* client) {
+      return zoo_acreate(client, path, value, valueLength, acl, flags, &OnText, request.get());
+    });
+    if (result == ZOK && pathBuffer != nullptr && pathBufferLength > 0) {
+      int length = pathBufferLength - 1;
+      request->CopyValue(pathBuffer, &length);
+      pathBuffer[length] = '\0';
+    }
+    return result;
   });
-  if (result == ZOK && pathBuffer != nullptr && pathBufferLength > 0) {
-    int length = pathBufferLength - 1;
-    request->CopyValue(pathBuffer, &length);
-    pathBuffer[length] = '\0';
-  }
-  return result;
 }
 
 int DoDlZooDelete(zhandle_t* handle, const char* path, int version) {
-  const auto request = std::make_shared<Request>();
-  return Run(handle, request,
-             [&](zhandle_t* client) { return zoo_adelete(client, path, version, &OnVoid, request.get()); });
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    return Run(handle, request,
+               [&](zhandle_t* client) { return zoo_adelete(client, path, version, &OnVoid, request.get()); });
+  });
 }
 
 int DoDlZooExists(zhandle_t* handle, const char* path, int watch, Stat* stat) {
-  const auto request = std::make_shared<Request>();
-  const int result = Run(handle, request, [&](zhandle_t* client) {
-    return zoo_aexists(client, path, watch, &OnStat, request.get());
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    const int result = Run(handle, request, [&](zhandle_t* client) {
+      return zoo_aexists(client, path, watch, &OnStat, request.get());
+    });
+    if (result == ZOK) {
+      Give(*request, stat);
+    }
+    return result;
   });
-  if (result == ZOK) {
-    Give(*request, stat);
-  }
-  return result;
 }
 
 int DoDlZooGet(zhandle_t* handle, const char* path, int watch, char* buffer, int* length, Stat* stat) {
-  if (length == nullptr) {
-    return Note(ZBADARGUMENTS);
-  }
-  const auto request = std::make_shared<Request>();
-  const int result = Run(handle, request, [&](zhandle_t* client) {
-    return zoo_aget(client, path, watch, &OnData, request.get());
+  return Guarded([&] {
+    if (length == nullptr) {
+      return Note(ZBADARGUMENTS);
+    }
+    const auto request = std::make_shared<Request>();
+    const int result = Run(handle, request, [&](zhandle_t* client) {
+      return zoo_aget(client, path, watch, &OnData, request.get());
+    });
+    if (result == ZOK) {
+      request->CopyValue(buffer, length);
+      Give(*request, stat);
+    }
+    return result;
   });
-  if (result == ZOK) {
-    request->CopyValue(buffer, length);
-    Give(*request, stat);
-  }
-  return result;
 }
 
 int DoDlZooSet(zhandle_t* handle, const char* path, const char* buffer, int length, int version) {
-  const auto request = std::make_shared<Request>();
-  return Run(handle, request, [&](zhandle_t* client) {
-    return zoo_aset(client, path, buffer, length, version, &OnStat, request.get());
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    return Run(handle, request, [&](zhandle_t* client) {
+      return zoo_aset(client, path, buffer, length, version, &OnStat, request.get());
+    });
   });
 }
 
 int DoDlZooMulti(zhandle_t* handle, int count, const zoo_op_t* operations) {
-  if (count <= 0 || operations == nullptr) {
-    return Note(ZBADARGUMENTS);
-  }
-  const auto request = std::make_shared<Request>();
-  // The client writes the results also when the caller has stopped waiting: they live with the request.
-  request->mResults.resize(static_cast<std::size_t>(count));
-  return Run(handle, request, [&](zhandle_t* client) {
-    return zoo_amulti(client, count, operations, request->mResults.data(), &OnVoid, request.get());
+  return Guarded([&] {
+    if (count <= 0 || operations == nullptr) {
+      return Note(ZBADARGUMENTS);
+    }
+    const auto request = std::make_shared<Request>();
+    // The client writes the results also when the caller has stopped waiting: they live with the request.
+    request->mResults.resize(static_cast<std::size_t>(count));
+    return Run(handle, request, [&](zhandle_t* client) {
+      return zoo_amulti(client, count, operations, request->mResults.data(), &OnVoid, request.get());
+    });
   });
 }
 
 int DoDlZooGetChildren(zhandle_t* handle, const char* path, int watch, String_vector* children) {
-  const auto request = std::make_shared<Request>();
-  const int result = Run(handle, request, [&](zhandle_t* client) {
-    return zoo_aget_children(client, path, watch, &OnNames, request.get());
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    const int result = Run(handle, request, [&](zhandle_t* client) {
+      return zoo_aget_children(client, path, watch, &OnNames, request.get());
+    });
+    if (result == ZOK) {
+      Give(*request, children);
+    }
+    return result;
   });
-  if (result == ZOK) {
-    Give(*request, children);
-  }
-  return result;
 }
 
 int DoDlZooWexists(zhandle_t* handle, const char* path, watcher_fn watcher, void* context, Stat* stat) {
-  const auto request = std::make_shared<Request>();
-  const int result = RunWithWatch(
-      handle, path, watcher, context, request, [&](zhandle_t* client, watcher_fn function, void* watch) {
-        return zoo_awexists(client, path, function, watch, &OnStat, request.get());
-      });
-  if (result == ZOK) {
-    Give(*request, stat);
-  }
-  return result;
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    const int result = RunWithWatch(
+        handle, path, watcher, context, request, [&](zhandle_t* client, watcher_fn function, void* watch) {
+          return zoo_awexists(client, path, function, watch, &OnStat, request.get());
+        });
+    if (result == ZOK) {
+      Give(*request, stat);
+    }
+    return result;
+  });
 }
 
 int DoDlZooWget(zhandle_t* handle, const char* path, watcher_fn watcher, void* context, char* buffer,
                 int* length, Stat* stat) {
-  if (length == nullptr) {
-    return Note(ZBADARGUMENTS);
-  }
-  const auto request = std::make_shared<Request>();
-  const int result = RunWithWatch(handle, path, watcher, context, request,
-                                  [&](zhandle_t* client, watcher_fn function, void* watch) {
-                                    return zoo_awget(client, path, function, watch, &OnData, request.get());
-                                  });
-  if (result == ZOK) {
-    request->CopyValue(buffer, length);
-    Give(*request, stat);
-  }
-  return result;
+  return Guarded([&] {
+    if (length == nullptr) {
+      return Note(ZBADARGUMENTS);
+    }
+    const auto request = std::make_shared<Request>();
+    const int result = RunWithWatch(handle, path, watcher, context, request,
+                                    [&](zhandle_t* client, watcher_fn function, void* watch) {
+                                      return zoo_awget(client, path, function, watch, &OnData, request.get());
+                                    });
+    if (result == ZOK) {
+      request->CopyValue(buffer, length);
+      Give(*request, stat);
+    }
+    return result;
+  });
 }
 
 int DoDlZooWgetChildren(zhandle_t* handle, const char* path, watcher_fn watcher, void* context,
                         String_vector* children) {
-  const auto request = std::make_shared<Request>();
-  const int result = RunWithWatch(
-      handle, path, watcher, context, request, [&](zhandle_t* client, watcher_fn function, void* watch) {
-        return zoo_awget_children(client, path, function, watch, &OnNames, request.get());
-      });
-  if (result == ZOK) {
-    Give(*request, children);
-  }
-  return result;
+  return Guarded([&] {
+    const auto request = std::make_shared<Request>();
+    const int result = RunWithWatch(
+        handle, path, watcher, context, request, [&](zhandle_t* client, watcher_fn function, void* watch) {
+          return zoo_awget_children(client, path, function, watch, &OnNames, request.get());
+        });
+    if (result == ZOK) {
+      Give(*request, children);
+    }
+    return result;
+  });
 }
 
 int DoDlZookeeperClose(zhandle_t* handle) {
-  Registry& registry = Registry::Get();
-  const auto session = registry.Take(handle);
-  if (session == nullptr) {
-    return Fail(ZINVALIDSTATE, "there is no session of this handle");
-  }
-  return Note(registry.Close(*session));
+  return Guarded([&] {
+    Registry& registry = Registry::Get();
+    const auto session = registry.Take(handle);
+    if (session == nullptr) {
+      return Fail(ZINVALIDSTATE, "there is no session of this handle");
+    }
+    return Note(registry.Close(*session));
+  });
 }
 
 void DoDlZooSetDebugLevel(int level) { zoo_set_debug_level(static_cast<ZooLogLevel>(level)); }

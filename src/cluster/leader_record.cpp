@@ -2,6 +2,7 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
+#include "common/log/exceptions.h"
 
 namespace vyn::cluster {
 
@@ -91,7 +92,7 @@ std::uint32_t ClusterZKAdapter::ZKRegisterWatcher(bool leaderOnly) {
   return VYN_OK;
 }
 
-void ClusterZKAdapter::MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
+void ClusterZKAdapter::MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) try {
   sync::RecursiveMutexLock lock(mZKHandleLock);
   if (!WatcherMayRun()) {
     return;
@@ -109,6 +110,8 @@ void ClusterZKAdapter::MetaNodeLeaderWatchFunc(zhandle_t* zh, int type, int, con
   if (standing == ZOK || again == ZOK) {
     ZKGetAndUpdateMetaLeaderInfo(MetaNodeInfo::GetInstance());
   }
+} catch (...) {
+  static_cast<void>(common::StatusOfException(__func__));
 }
 
 }  // namespace vyn::cluster

@@ -6,6 +6,7 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "cluster/zk_session.h"
+#include "common/log/exceptions.h"
 
 namespace vyn::cluster {
 
@@ -16,7 +17,7 @@ constexpr int kWatchedStatusLength = 10;
 
 }  // namespace
 
-void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
+void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) try {
   sync::RecursiveMutexLock lock(mZKHandleLock);
   if (!WatcherMayRun()) {
     return;
@@ -50,9 +51,11 @@ void ClusterZKAdapter::MetaNodeFollowerWatchFunc(zhandle_t* zh, int type, int, c
     }
   }
   ZKCheckAndMarkFollowerBroken(metaNode, children.mNames);
+} catch (...) {
+  static_cast<void>(common::StatusOfException(__func__));
 }
 
-void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) {
+void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, const char* path, void*) try {
   sync::RecursiveMutexLock lock(mZKHandleLock);
   if (!WatcherMayRun()) {
     return;
@@ -96,6 +99,8 @@ void ClusterZKAdapter::MetaNodeStatusWatchFunc(zhandle_t* zh, int type, int, con
     sync::WriterLock statusLock(metaNode->mNodeStatusLock);
     metaNode->mNodeStatusMap[name] = static_cast<MetaNodeStatus>(status);
   }
+} catch (...) {
+  static_cast<void>(common::StatusOfException(__func__));
 }
 
 }  // namespace vyn::cluster

@@ -104,6 +104,8 @@ TEST_F(ZkHelperTest, AWatcherMaySetItselfMakeCallsAndClose) {
   RawZookeeper raw(mUrl);
   raw.Create("/node", "1");
   ASSERT_EQ(DoDlZooWexists(handle, "/node", &Follower::Watch, &follower, nullptr), ZOK);
+  const watcher_fn thrower = [](zhandle_t*, int, int, const char*, void*) { throw std::bad_alloc(); };
+  ASSERT_EQ(DoDlZooWexists(handle, "/node", thrower, nullptr, nullptr), ZOK);
   for (int time = 0; time < 2; ++time) {  // set twice, told once
     ASSERT_EQ(DoDlZooWexists(handle, "/node", &Count, &told, nullptr), ZOK);
   }
