@@ -52,7 +52,7 @@ class NodeServerTest : public ClusterTest {
     options.server.mWorkerThreads = workers;
     options.maxObjects = 4;
     options.created = [](const auto&, std::uint32_t, const auto& bmIds) {
-      return bmIds.size() == 2 ? throw std::bad_alloc() : void();
+      return bmIds.size() == 4 ? throw std::bad_alloc() : void();
     };
     options.lookUp = [this](const std::string&, std::uint32_t id, BroadcastBlockInfo& info) {
       const int number = ++mLookUps;
@@ -174,7 +174,7 @@ TEST_F(NodeServerTest, ABatchIsCreatedWholeAndWithinTheLimitOrNotAtAll) {
         std::tuple("app", Sizes{1, 0}, kStatusInvalidRequest),
         std::tuple("app", Sizes{4096, 9 * 4096, 4096}, VYN_ERR_OUT_OF_POOL_MEMORY),
         std::tuple("app", Sizes{1, ~std::uint64_t{0}}, VYN_ERR_OUT_OF_POOL_MEMORY),
-        std::tuple("app", Sizes{1, 1}, VYN_ERR_NULL_POINTER),  // what follows the allocation throws
+        std::tuple("app", Sizes(4, 1), VYN_ERR_NULL_POINTER),  // what follows the allocation throws
         std::tuple("app", Sizes(5, 1), kStatusLimit)}) {
     EXPECT_EQ(Create(app, sizes), status) << app << testing::PrintToString(sizes);
     EXPECT_EQ(mFabric.Stats().used, 0U);
