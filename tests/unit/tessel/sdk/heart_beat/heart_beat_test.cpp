@@ -60,6 +60,7 @@ TEST_F(HeartBeatTest, ASenderBeatsTwiceAtOnceThenInItsPeriodAndSaysFarewell) {
   EXPECT_THAT(clock.Waits(), testing::Each(std::chrono::seconds(2)));
   EXPECT_EQ(Switch(false, "app"), 2080011U);
   EXPECT_EQ(Switch(true, "app"), 0U) << "the name is free again";
+  EXPECT_EQ(Switch(false, "app"), 0U);
 }
 
 TEST_F(HeartBeatTest, TheTypeChoosesTheService) {
@@ -79,8 +80,8 @@ TEST_F(HeartBeatTest, ManyApplicationsStartAndStopAtOnceWhileTheClientIsReplaced
     for (int i = 0; i < 8; ++i) {
       applications.emplace_back([name = "app" + std::to_string(i)] {
         for (int round = 0; round < 5; ++round) {
-          EXPECT_EQ(Switch(true, name.c_str()), 0U);
-          EXPECT_EQ(Switch(false, name.c_str()), 0U);
+          EXPECT_EQ(BaseApiUtil::StartHeartBeat(name, 0, "driver", "content"), 0U);
+          EXPECT_EQ(BaseApiUtil::StopHeartBeat(name, 0, "driver", "content"), 0U);
         }
       });
     }
