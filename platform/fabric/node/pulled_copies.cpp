@@ -174,6 +174,7 @@ int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, ObjectState&
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
+  int changes = 3;
   for (int tries = 2;;) {
     std::uint64_t checksum = 0;
     int result = Fetch(owner, object, size, file.Get(), callerWaits, checksum);
@@ -187,7 +188,11 @@ int PulledCopies::Pull(RemoteNode& owner, const ObjectName& object, ObjectState&
     if (state.checksum == checksum && state.size == size) {
       break;
     }
-    if (state.beingWritten || before.beingWritten || state.stamp != before.stamp) {
+    const bool changing = state.beingWritten || before.beingWritten || state.stamp != before.stamp;
+    if (changing && --changes > 0) {
+      continue;  // the bytes may have changed during the pull, and may not do so again
+    }
+    if (changing) {
       // The caller came while the bytes changed. The next caller compares them again.
       state.size = size;
       state.checksum = checksum;
