@@ -1,18 +1,16 @@
 #include "platform/zk_helper/zk_helper.h"
 
-#include "platform/sync/mutex.h"
 #include "platform/zk_helper/client_lines.h"
 #include "platform/zk_helper/security.h"
 #include "platform/zk_helper/session.h"
+#include "platform/zk_helper/session_registry.h"
 
 #include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <map>
 #include <memory>
 #include <new>
 #include <string>
@@ -24,6 +22,7 @@ using vyn::utilities::zookeeper::ChooseClient;
 using vyn::utilities::zookeeper::ForgetClientLine;
 using vyn::utilities::zookeeper::LastClientLine;
 using vyn::utilities::zookeeper::MakeClient;
+using vyn::utilities::zookeeper::Registry;
 using vyn::utilities::zookeeper::Request;
 using vyn::utilities::zookeeper::Session;
 
@@ -33,61 +32,6 @@ thread_local std::string gLastMessage;
 
 /// Later than a century counts as no limit, and does not overflow the clock.
 constexpr std::chrono::hours kLongestWait{24 * 365 * 100};
-
-/// The sessions by ticket. Never destroyed: the adapter closes its session while statics are being destroyed.
-struct Registry {
-  vyn::sync::Mutex mMutex;
-  std::map<zhandle_t*, std::shared_ptr<Session>> mSessions VYN_GUARDED_BY(mMutex);
-  zhandle_t* mCurrent VYN_GUARDED_BY(mMutex) = nullptr;
-  std::uintptr_t mLastTicket VYN_GUARDED_BY(mMutex) = 0;
-  bool mClientInUse VYN_GUARDED_BY(mMutex) = false;
-  vyn::sync::Condition mClientFree;
-
-  static Registry& Get() {
-    static auto* registry = new Registry;
-    return *registry;
-  }
-
-  zhandle_t* NewTicket() {
-    vyn::sync::MutexLock lock(mMutex);
-    // Small numbers, which no valid address equals.
-    return reinterpret_cast<zhandle_t*>(++mLastTicket);  // NOLINT(performance-no-int-to-ptr)
-  }
-  /// Waits until the previous session's client is closed: two clients that lose their connection at the same
-  /// time write to one buffer of the client library without a lock. Returns: whether a client may be made.
-  bool UseClient(std::chrono::seconds limit) {
-    vyn::sync::MutexLock lock(mMutex);
-    mClientFree.WaitFor(lock, limit,
-                        [this]() VYN_REQUIRES(mMutex) { return !mClientInUse || mCurrent != nullptr; });
-    if (mClientInUse) {
-      return false;
-    }
-    mClientInUse = true;
-    return true;
-  }
-  int Close(Session& session) {
-    const int result = session.CloseClient();
-    {
-      vyn::sync::MutexLock lock(mMutex);
-      mClientInUse = false;
-      mClientFree.NotifyAll();
-    }
-    // Last: a watcher may be waiting for a lock, and the thread that holds it may wait for the client to be
-    // free.
-    session.StopWatchers();
-    return result;
-  }
-  std::shared_ptr<Session> Find(zhandle_t* ticket) {
-    vyn::sync::MutexLock lock(mMutex);
-    const auto found = mSessions.find(ticket);
-    return found == mSessions.end() ? nullptr : found->second;
-  }
-  std::shared_ptr<Session> Take(zhandle_t* ticket) {
-    vyn::sync::MutexLock lock(mMutex);
-    auto node = mSessions.extract(ticket);
-    return node.empty() ? nullptr : std::move(node.mapped());
-  }
-};
 
 int Fail(int result, std::string message) {
   gLastMessage = std::move(message) + " (" + std::to_string(result) + ")";
