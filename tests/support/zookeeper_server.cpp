@@ -45,7 +45,7 @@ void ZookeeperServer::Start() {
   mProcess = ChildProcess({"sh", "-c", "exec \"$@\" >" + mFolder / "server.log" + " 2>&1", "sh", "java",
                            "-Xmx128m", "-XX:+UseSerialGC", "-XX:TieredStopAtLevel=1", "-Xshare:auto",
                            "-Dzookeeper.admin.enableServer=false", "-Dzookeeper.forceSync=no",
-                           "-Dzookeeper.digest.enabled=false", "-cp",
+                           "-Dzookeeper.digest.enabled=false", "-Dzookeeper.preAllocSize=1024", "-cp",
                            "/usr/share/java/zookeeper.jar:/usr/share/java/slf4j-simple.jar",
                            "org.apache.zookeeper.server.quorum.QuorumPeerMain", mFolder / "zoo.cfg"});
 }

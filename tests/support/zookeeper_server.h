@@ -52,7 +52,7 @@ class ZookeeperServer {
 
  private:
   const bool mAlone;
-  TempDir mFolder;
+  TempDir mFolder{"/dev/shm"};  // a slow disk would stall the server for longer than a session lives
   ReservedPort mPort;
   ChildProcess mProcess;
 };

@@ -7,12 +7,14 @@ namespace vyn::test {
 namespace {
 
 TEST(SessionEndTest, TheDriverFollowsTheNextLeaderAndCanStartAfresh) {
-  DriverWorld world(true, "vyn.zookeeper.session.timeout=3000\n");  // a client notices at its next ping
+  DriverWorld world(true, "vyn.zookeeper.session.timeout=9000\n");  // a client notices at its next ping
   RawZookeeper raw(world.url);
   ASSERT_EQ(HeartBeat("app", 0, "driver", "", true), 0U);
   ScriptedService next("127.0.0.2", world.meta.Port());
   const auto expireAndLead = [&](const char* leader) {
-    ExpireSession(world.zookeeper.Address(), DoDlZooClientId(VynGetZkHandle()));
+    clientid_t id{};
+    ASSERT_TRUE(WaitUntil([&] { return (id = DoDlZooClientId(VynGetZkHandle())).client_id != 0; }));
+    ExpireSession(world.zookeeper.Address(), id);
     raw.Delete("/meta/election/leader_info");
     raw.Create("/meta/election/leader_info", leader);
   };
