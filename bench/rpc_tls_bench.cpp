@@ -3,8 +3,8 @@
 // sockets.
 
 #include "platform/openssl_dl/openssl_dl.h"
-#include "support/certificates.h"
 #include "support/latency.h"
+#include "support/net/certificates.h"
 #include "support/rpc_bench.h"
 
 #include <netinet/in.h>

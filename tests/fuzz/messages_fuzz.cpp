@@ -1,7 +1,7 @@
 // Bytes of a stranger to every message class: the first byte picks the class, the rest is the input. Whatever
 // is accepted must serialise, and must read back equal.
 
-#include "support/all_messages.h"
+#include "support/rpc/all_messages.h"
 
 #include <cstdlib>
 

@@ -8,8 +8,8 @@
 #include "common/message/heart_beat_message.h"
 #include "common/rpc/rpc_engine.h"
 #include "platform/rpc/server/server_connection.h"
-#include "support/memory_stream.h"
-#include "support/rpc_calls.h"
+#include "support/net/memory_stream.h"
+#include "support/rpc/rpc_calls.h"
 
 #include <sys/epoll.h>
 

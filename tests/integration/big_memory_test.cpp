@@ -3,9 +3,9 @@
 
 #include "vyn/big_memory.h"
 
-#include "support/fabric.h"
-#include "support/installation.h"
+#include "support/fabric/fabric.h"
 #include "support/pattern.h"
+#include "support/process/installation.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/broadcast.h"
 

@@ -1,7 +1,7 @@
 // The demo itself: it tells that every executor read what the driver wrote, and leaves nothing behind. The
 // file has VYN_DEMO_BYTES (1000001). With a gigabyte the pages are those that 4 and 16 processes share.
 
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 
 namespace vyn::test {

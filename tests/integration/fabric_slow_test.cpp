@@ -1,7 +1,7 @@
 // What takes the fabric's own time-outs to see.
 
-#include "support/fabric.h"
-#include "support/raw_socket.h"
+#include "support/fabric/fabric.h"
+#include "support/net/raw_socket.h"
 
 namespace vyn::test {
 

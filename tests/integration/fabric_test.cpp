@@ -1,10 +1,10 @@
 // The fabric between real processes, as tests/data/fabric.txt describes it: nodes and clients that are killed,
 // stopped, restarted, and of other users.
 
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 
-#include "support/commands.h"
-#include "support/proxy.h"
+#include "support/net/proxy.h"
+#include "support/process/commands.h"
 #include "support/wait_until.h"
 
 #include <ranges>

@@ -3,8 +3,8 @@
 // What must not happen: a variable that was acknowledged and is lost, bytes that differ, a call without an
 // end, a client that dies, memory that does not come back.
 
+#include "support/process/vynd_process.h"
 #include "support/random_steps.h"
-#include "support/vynd_process.h"
 
 namespace vyn::test {
 namespace {

@@ -1,6 +1,6 @@
 // The installed tree, moved elsewhere, serves a program that knows nothing of the build.
 
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 
 namespace {

@@ -2,10 +2,10 @@
 // for VYN_RPC_LOAD_SECONDS (2). The server stops while peers still connect.
 
 #include "common/rpc/rpc_engine.h"
-#include "support/bytes_message.h"
-#include "support/certificates.h"
+#include "support/net/certificates.h"
 #include "support/random_steps.h"
-#include "support/rpc_calls.h"
+#include "support/rpc/bytes_message.h"
+#include "support/rpc/rpc_calls.h"
 #include "support/test.h"
 #include "support/wait_until.h"
 

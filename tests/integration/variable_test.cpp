@@ -1,8 +1,8 @@
 // vyn/variable.h with real daemons, a real ZooKeeper and processes that are stopped and killed.
 
-#include "support/command.h"
 #include "support/pattern.h"
-#include "support/vynd_process.h"
+#include "support/process/command.h"
+#include "support/process/vynd_process.h"
 
 namespace vyn::test {
 namespace {

@@ -1,6 +1,6 @@
 // Runs the program itself.
 
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 
 namespace vyn::test {

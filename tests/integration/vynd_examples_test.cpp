@@ -1,8 +1,8 @@
 // The example programs with a real daemon and a real ZooKeeper.
 
-#include "support/command.h"
 #include "support/pattern.h"
-#include "support/vynd_process.h"
+#include "support/process/command.h"
+#include "support/process/vynd_process.h"
 
 namespace vyn::test {
 namespace {

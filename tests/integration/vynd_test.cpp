@@ -1,9 +1,9 @@
 // Real daemons, drivers and executors on loopback addresses, with a real ZooKeeper.
 
-#include "support/command.h"
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 #include "support/pattern.h"
-#include "support/vynd_process.h"
+#include "support/process/command.h"
+#include "support/process/vynd_process.h"
 
 namespace vyn::test {
 namespace {

@@ -10,8 +10,8 @@
 //   open APP ID SEED | still SEED   the same as read and again
 //   words                           the text of the last failure
 
-#include "support/commands.h"
 #include "support/pattern.h"
+#include "support/process/commands.h"
 #include "vyn/broadcast.h"
 #include "vyn/variable.h"
 

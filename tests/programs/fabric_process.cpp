@@ -12,9 +12,9 @@
 //   user ID                  becomes that user
 //   protect NUMBER           errno of making the mapping writable
 
-#include "support/commands.h"
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 #include "support/pattern.h"
+#include "support/process/commands.h"
 
 #include <sys/mount.h>
 

@@ -1,7 +1,7 @@
 // A libbmclient.so that does what a test's script says.
 
 #include "platform/fabric/client/bm_functions.h"
-#include "support/bm_script.h"
+#include "support/client/bm_script.h"
 
 using vyn::test::Joined;
 

@@ -1,6 +1,6 @@
 // What leaves the library.
 
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 

@@ -1,6 +1,6 @@
 // The connection side of the clients: how they follow the leader, what they retry, how they begin.
 
-#include "support/client_test.h"
+#include "support/client/client_test.h"
 #include "support/fake_clock.h"
 #include "support/test.h"
 #include "support/wait_until.h"

@@ -1,9 +1,9 @@
 // Every operation of the three clients: what it sends, what it takes from the answer, how it fails and what it
 // refuses.
 
-#include "support/all_messages.h"
-#include "support/client_test.h"
+#include "support/client/client_test.h"
 #include "support/random_steps.h"
+#include "support/rpc/all_messages.h"
 #include "support/test.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"

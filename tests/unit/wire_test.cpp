@@ -9,8 +9,8 @@
 #include "schema/node_generated.h"
 #include "schema/stage_generated.h"
 #include "schema/tuning_generated.h"
-#include "support/all_messages.h"
 #include "support/random_steps.h"
+#include "support/rpc/all_messages.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 

@@ -1,7 +1,7 @@
 #include "cluster/cluster_zkadapter.h"
-#include "support/cluster_test.h"
 #include "support/fake_clock.h"
-#include "support/zookeeper_calls.h"
+#include "support/zookeeper/cluster_test.h"
+#include "support/zookeeper/zookeeper_calls.h"
 
 namespace vyn::test {
 namespace {

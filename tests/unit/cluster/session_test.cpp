@@ -2,8 +2,8 @@
 // fabric's nodes.
 
 #include "cluster/cluster_zkadapter.h"
-#include "support/cluster_test.h"
-#include "support/zookeeper_calls.h"
+#include "support/zookeeper/cluster_test.h"
+#include "support/zookeeper/zookeeper_calls.h"
 
 namespace vyn::test {
 namespace {

@@ -2,9 +2,9 @@
 // texts and status znodes are read and made.
 
 #include "cluster/cluster_zkadapter.h"
-#include "support/cluster_test.h"
 #include "support/random_steps.h"
-#include "support/zookeeper_calls.h"
+#include "support/zookeeper/cluster_test.h"
+#include "support/zookeeper/zookeeper_calls.h"
 
 namespace vyn::test {
 namespace {

@@ -2,10 +2,10 @@
 
 #include "common/log/time_counter.h"
 #include "common/rpc/rpc_engine_base.h"
-#include "support/bytes_message.h"
-#include "support/peers.h"
-#include "support/rpc_calls.h"
-#include "support/scripted_service.h"
+#include "support/client/scripted_service.h"
+#include "support/net/peers.h"
+#include "support/rpc/bytes_message.h"
+#include "support/rpc/rpc_calls.h"
 #include "support/test.h"
 #include "support/wait_until.h"
 

@@ -1,6 +1,6 @@
 // Every public header is plain C++17 and needs nothing in front of it; variable.h is C99, too.
 
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 

@@ -1,6 +1,6 @@
 // The check of the floors must see what it is there for.
 
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 

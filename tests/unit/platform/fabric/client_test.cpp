@@ -1,7 +1,7 @@
 // What pool_model_test.cpp does not try of the fabric's client: mappings, links, forks, bad arguments.
 
 #include "platform/fabric/protocol/names.h"
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 #include "support/wait_until.h"
 
 namespace vyn::fabric {

@@ -3,8 +3,8 @@
 #include "platform/fabric/protocol/codec.h"
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/broker_socket.h"
-#include "support/fabric.h"
-#include "support/peers.h"
+#include "support/fabric/fabric.h"
+#include "support/net/peers.h"
 #include "support/wait_until.h"
 
 namespace vyn::fabric {

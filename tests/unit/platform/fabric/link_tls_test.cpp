@@ -1,8 +1,8 @@
 // What links add to the trust that rpc/tls_test.cpp tries: TLS on one side only, and a node's own trust.
 
-#include "support/link_tls.h"
+#include "support/fabric/link_tls.h"
 
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 
 namespace vyn::fabric {
 namespace {

@@ -1,6 +1,6 @@
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/fabric/protocol/names.h"
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 #include "support/wait_until.h"
 
 namespace vyn::fabric {

@@ -3,10 +3,10 @@
 
 #include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/protocol/names.h"
-#include "support/commands.h"
-#include "support/fabric.h"
-#include "support/link_tls.h"
+#include "support/fabric/fabric.h"
+#include "support/fabric/link_tls.h"
 #include "support/pattern.h"
+#include "support/process/commands.h"
 #include "support/random_steps.h"
 
 namespace vyn::fabric {

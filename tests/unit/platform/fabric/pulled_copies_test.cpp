@@ -1,7 +1,7 @@
 // What a node serves of another node's object while its bytes change or arrive damaged.
 
-#include "support/fabric.h"
-#include "support/proxy.h"
+#include "support/fabric/fabric.h"
+#include "support/net/proxy.h"
 
 namespace vyn::fabric {
 namespace {

@@ -1,8 +1,8 @@
 #include "platform/fabric/protocol/remote_node.h"
 
 #include "platform/fabric/transport/link.h"
-#include "support/fabric.h"
-#include "support/peers.h"
+#include "support/fabric/fabric.h"
+#include "support/net/peers.h"
 
 namespace vyn::fabric {
 namespace {

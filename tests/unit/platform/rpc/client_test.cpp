@@ -1,9 +1,9 @@
 #include "platform/rpc/client/client.h"
 
 #include "platform/net/blocking_stream.h"
-#include "support/memory_stream.h"
-#include "support/peers.h"
-#include "support/rpc_calls.h"
+#include "support/net/memory_stream.h"
+#include "support/net/peers.h"
+#include "support/rpc/rpc_calls.h"
 #include "support/test.h"
 
 namespace vyn::rpc {

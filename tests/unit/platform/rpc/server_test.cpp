@@ -1,9 +1,9 @@
 #include "platform/rpc/server/server.h"
 
 #include "platform/rpc/wire/frame.h"
+#include "support/net/peers.h"
 #include "support/pattern.h"
-#include "support/peers.h"
-#include "support/rpc_calls.h"
+#include "support/rpc/rpc_calls.h"
 #include "support/test.h"
 #include "support/wait_until.h"
 

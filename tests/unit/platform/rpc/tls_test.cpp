@@ -1,7 +1,7 @@
-#include "support/certificates.h"
-#include "support/peers.h"
-#include "support/proxy.h"
-#include "support/rpc_calls.h"
+#include "support/net/certificates.h"
+#include "support/net/peers.h"
+#include "support/net/proxy.h"
+#include "support/rpc/rpc_calls.h"
 #include "support/test.h"
 #include "support/wait_until.h"
 

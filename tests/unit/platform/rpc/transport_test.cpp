@@ -1,7 +1,7 @@
 #include "platform/net/dialer.h"
 #include "platform/rpc/client/transport_setting.h"
-#include "support/command.h"
-#include "support/rpc_calls.h"
+#include "support/process/command.h"
+#include "support/rpc/rpc_calls.h"
 #include "support/test.h"
 
 namespace vyn::rpc {

@@ -3,7 +3,7 @@
 #include "platform/zk_helper/zk_helper.h"
 
 #include "support/test.h"
-#include "support/zookeeper_server.h"
+#include "support/zookeeper/zookeeper_server.h"
 
 namespace vyn::test {
 namespace {

@@ -7,9 +7,9 @@
 #include "services/common/service_status.h"
 #include "services/metadata/metadata_member.h"
 #include "services/metadata/node_selection.h"
-#include "support/cluster_test.h"
-#include "support/proxy.h"
-#include "support/service_client.h"
+#include "support/net/proxy.h"
+#include "support/rpc/service_client.h"
+#include "support/zookeeper/cluster_test.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
 

@@ -5,10 +5,10 @@
 #include "services/common/variable_record.h"
 #include "services/common/zookeeper_io.h"
 #include "services/metadata/metadata_state.h"
-#include "support/cluster_test.h"
 #include "support/fake_clock.h"
 #include "support/random_steps.h"
-#include "support/zookeeper_calls.h"
+#include "support/zookeeper/cluster_test.h"
+#include "support/zookeeper/zookeeper_calls.h"
 #include "unit/services/metadata/metadata_model.h"
 
 namespace vyn::services {

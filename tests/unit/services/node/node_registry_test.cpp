@@ -9,10 +9,10 @@
 #include "services/metadata/metadata_state.h"
 #include "services/node/metadata_client.h"
 #include "services/node/reclaimer.h"
-#include "support/client_test.h"
-#include "support/cluster_test.h"
-#include "support/fabric.h"
-#include "support/service_client.h"
+#include "support/client/client_test.h"
+#include "support/fabric/fabric.h"
+#include "support/rpc/service_client.h"
+#include "support/zookeeper/cluster_test.h"
 #include "tessel/message/operation_codes.h"
 
 namespace vyn::services {

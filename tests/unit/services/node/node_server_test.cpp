@@ -3,9 +3,9 @@
 #include "services/common/service_status.h"
 #include "services/node/reclaimer.h"
 #include "services/node/token_registry.h"
-#include "support/cluster_test.h"
-#include "support/fabric.h"
-#include "support/service_client.h"
+#include "support/fabric/fabric.h"
+#include "support/rpc/service_client.h"
+#include "support/zookeeper/cluster_test.h"
 #include "tessel/message/operation_codes.h"
 
 #include <latch>

@@ -1,8 +1,8 @@
 // Bringing the library up and down: home and flag, the security of links, failures, and many threads at once.
 
 #include "platform/tls/client_setting.h"
+#include "support/client/scripted_bmclient.h"
 #include "support/fake_clock.h"
-#include "support/scripted_bmclient.h"
 #include "support/wait_until.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 

@@ -2,8 +2,8 @@
 // again, and what they refuse.
 
 #include "support/captured_log.h"
+#include "support/client/scripted_bmclient.h"
 #include "support/fake_clock.h"
-#include "support/scripted_bmclient.h"
 #include "vyn/status.h"
 
 using std::chrono::seconds;

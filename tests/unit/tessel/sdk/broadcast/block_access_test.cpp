@@ -1,7 +1,7 @@
 // Access to blocks by the exported calls: the table of variables, mapping and release, whole reads and writes.
 
+#include "support/client/scripted_bmclient.h"
 #include "support/fake_clock.h"
-#include "support/scripted_bmclient.h"
 #include "support/wait_until.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/broadcast.h"

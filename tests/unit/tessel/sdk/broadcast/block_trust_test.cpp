@@ -1,6 +1,6 @@
 // What an executor does with an answer, a record or a block that is not what it takes it for.
 
-#include "support/sdk_world.h"
+#include "support/client/sdk_world.h"
 
 namespace vyn::test {
 namespace {

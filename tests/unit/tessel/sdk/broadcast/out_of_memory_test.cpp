@@ -1,7 +1,7 @@
 // The exported functions with texts that are none, and when the n-th allocation of a call fails, for each n in turn: the status, and what is
 // taken back.
 
-#include "support/sdk_world.h"
+#include "support/client/sdk_world.h"
 #include "vyn/status.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // A variable's whole life in each role: the steps fail first and then succeed.
 
 #include "common/util/system.h"
+#include "support/client/sdk_world.h"
 #include "support/fake_clock.h"
-#include "support/sdk_world.h"
 
 namespace vyn::test {
 namespace {

@@ -2,9 +2,9 @@
 
 #include "common/api/base_api_util.h"
 #include "common/message/heart_beat_message.h"
+#include "support/client/sdk_world.h"
 #include "support/fake_clock.h"
-#include "support/sdk_world.h"
-#include "support/vynd_process.h"
+#include "support/process/vynd_process.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"
 

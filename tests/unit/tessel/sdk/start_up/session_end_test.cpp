@@ -1,7 +1,7 @@
 // A driver whose ZooKeeper session ends.
 
 #include "platform/zk_helper/zk_helper.h"
-#include "support/sdk_world.h"
+#include "support/client/sdk_world.h"
 
 namespace vyn::test {
 namespace {

@@ -2,8 +2,8 @@
 
 #include "platform/ulog/ulog.h"
 #include "platform/zk_helper/zk_helper.h"
+#include "support/client/sdk_world.h"
 #include "support/fake_clock.h"
-#include "support/sdk_world.h"
 
 namespace {
 

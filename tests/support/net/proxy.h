@@ -3,7 +3,7 @@
 // Stands between clients and a loopback port: passes bytes on, keeps a copy, and can hold them back or end
 // connections.
 
-#include "support/raw_socket.h"
+#include "support/net/raw_socket.h"
 #include "support/wait_until.h"
 
 namespace vyn::test {

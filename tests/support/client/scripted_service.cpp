@@ -1,4 +1,4 @@
-#include "support/scripted_service.h"
+#include "support/client/scripted_service.h"
 
 #include "support/test.h"
 #include "support/wait_until.h"

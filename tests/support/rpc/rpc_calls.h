@@ -4,7 +4,7 @@
 
 #include "platform/rpc/client/client.h"
 #include "platform/rpc/server/server.h"
-#include "support/raw_socket.h"
+#include "support/net/raw_socket.h"
 #include "support/test.h"
 
 namespace vyn::test {

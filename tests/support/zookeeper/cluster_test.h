@@ -10,7 +10,7 @@
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
-#include "support/zookeeper_server.h"
+#include "support/zookeeper/zookeeper_server.h"
 
 namespace vyn::test {
 

@@ -5,7 +5,7 @@
 
 #include "platform/fabric/client/fabric_client.h"
 #include "platform/fabric/node/fabric_node.h"
-#include "support/child_process.h"
+#include "support/process/child_process.h"
 #include "support/temp_dir.h"
 
 namespace vyn::test {

@@ -3,8 +3,8 @@
 // An installation whose libbmclient.so is the scripted one, as this process's VYN_HOME. One ScriptedBmClient
 // at a time; its end closes the library. The folder is removed when the process ends.
 
-#include "support/bm_script.h"
-#include "support/installation.h"
+#include "support/client/bm_script.h"
+#include "support/process/installation.h"
 #include "vyn/big_memory.h"
 
 namespace vyn::test {

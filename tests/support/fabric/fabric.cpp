@@ -1,4 +1,4 @@
-#include "support/fabric.h"
+#include "support/fabric/fabric.h"
 
 namespace vyn::test {
 

@@ -2,8 +2,8 @@
 
 // Real daemons, and drivers and executors as processes of their own, for tests of the whole.
 
-#include "support/fabric.h"
-#include "support/zookeeper_server.h"
+#include "support/fabric/fabric.h"
+#include "support/zookeeper/zookeeper_server.h"
 
 namespace vyn::test {
 

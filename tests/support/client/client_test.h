@@ -6,7 +6,7 @@
 #include "cluster/meta_node_info.h"
 #include "common/config/configuration.h"
 #include "support/captured_log.h"
-#include "support/scripted_service.h"
+#include "support/client/scripted_service.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"

@@ -6,9 +6,9 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "support/captured_log.h"
-#include "support/scripted_bmclient.h"
-#include "support/scripted_service.h"
-#include "support/zookeeper_server.h"
+#include "support/client/scripted_bmclient.h"
+#include "support/client/scripted_service.h"
+#include "support/zookeeper/zookeeper_server.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"

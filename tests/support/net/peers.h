@@ -2,7 +2,7 @@
 
 // The scripted peers of tests/data/peers.txt, which says what its columns mean, and a server for a script.
 
-#include "support/raw_socket.h"
+#include "support/net/raw_socket.h"
 #include "support/test.h"
 
 namespace vyn::test {

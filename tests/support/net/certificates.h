@@ -3,7 +3,7 @@
 // A certificate authority of its own for a test, made with the openssl program.
 
 #include "platform/openssl_dl/openssl_dl.h"
-#include "support/command.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 

@@ -1,6 +1,6 @@
 #define THREADED  // the synchronous calls
 
-#include "support/raw_zookeeper.h"
+#include "support/zookeeper/raw_zookeeper.h"
 
 #include "support/wait_until.h"
 

@@ -4,7 +4,7 @@
 
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/tls/client_setting.h"
-#include "support/certificates.h"
+#include "support/net/certificates.h"
 #include "support/test.h"
 
 namespace vyn::test {

@@ -1,4 +1,4 @@
-#include "support/zookeeper_server.h"
+#include "support/zookeeper/zookeeper_server.h"
 
 namespace vyn::test {
 

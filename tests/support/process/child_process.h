@@ -3,7 +3,7 @@
 // A child process whose standard input and output this process reads and writes. It dies with its parent, and
 // with this object.
 
-#include "support/raw_socket.h"
+#include "support/net/raw_socket.h"
 #include "support/wait_until.h"
 
 namespace vyn::test {

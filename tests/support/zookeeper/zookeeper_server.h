@@ -3,12 +3,12 @@
 // Real ZooKeeper servers on free loopback ports, with their data in temporary folders. They die with the test
 // program.
 
-#include "support/child_process.h"
-#include "support/raw_socket.h"
-#include "support/raw_zookeeper.h"
+#include "support/net/raw_socket.h"
+#include "support/process/child_process.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 #include "support/wait_until.h"
+#include "support/zookeeper/raw_zookeeper.h"
 
 namespace vyn::test {
 
