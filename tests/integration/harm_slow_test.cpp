@@ -185,13 +185,6 @@ class HarmTest : public testing::Test {
     }));
     return static_cast<std::size_t>(leader.back() - '1');
   }
-  void KillEnsembleLeader(const std::function<void()>& meanwhile) {
-    ZookeeperServer& server = mEnsemble.Leader();
-    server.Kill();
-    meanwhile();
-    server.Start();
-    mEnsemble.WaitUntilComplete();
-  }
 
   const unsigned int mSeed = Seeds(1)[0];
   const testing::ScopedTrace mTrace{__FILE__, __LINE__, "VYN_SEED=" + std::to_string(mSeed)};
@@ -203,22 +196,6 @@ class HarmTest : public testing::Test {
   std::atomic<bool> mStop{false};
   std::array<Worker, 3> mWorkers;
 };
-
-TEST_F(HarmTest, AFrozenLeadersSessionExpires) {
-  const std::size_t old = Leader();
-  const ChildProcess& frozen = mWorkers.at(old).node->Process();
-  const std::string registration = "/mf/node/" + std::to_string(old + 1);
-  const std::int64_t session = RawZookeeper(mUrl).Owner(registration);
-  frozen.Signal(SIGSTOP);
-  EXPECT_TRUE(WaitUntil([&] { return Leader() != old; }));
-  frozen.Signal(SIGCONT);
-  // It notices, connects again, and announces itself anew.
-  EXPECT_TRUE(WaitUntil([&] {
-    RawZookeeper tree(mUrl);
-    return tree.Exists(registration) && tree.Owner(registration) != session;
-  }));
-  Progress();
-}
 
 /// VYN_HARM_SECONDS (20) sets how long it goes on.
 TEST_F(HarmTest, RandomKills) {
@@ -241,7 +218,11 @@ TEST_F(HarmTest, RandomKills) {
       rest(3000);
       node.Process().Signal(SIGCONT);
     } else {
-      KillEnsembleLeader([&] { rest(1000); });
+      ZookeeperServer& server = mEnsemble.Leader();
+      server.Kill();
+      rest(1000);
+      server.Start();
+      mEnsemble.WaitUntilComplete();
     }
     rest(2000);
   }

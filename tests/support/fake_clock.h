@@ -13,19 +13,14 @@ class FakeClock : public common::Clock {
   using Duration = std::chrono::nanoseconds;
 
   /// \param onSleep runs in every sleep.
-  explicit FakeClock(std::function<void()> onSleep = [] {}) : mOnSleep(std::move(onSleep)) {
-    common::Clock::Replace(this);
-  }
+  FakeClock() { common::Clock::Replace(this); }
   ~FakeClock() override { common::Clock::Replace(nullptr); }
 
   std::chrono::steady_clock::time_point Now() override { return Copy(mNow); }
   void SleepFor(Duration duration) override {
-    {
-      std::lock_guard lock(mMutex);
-      mSleeps.push_back(duration);
-      mNow += duration;
-    }
-    mOnSleep();
+    std::lock_guard lock(mMutex);
+    mSleeps.push_back(duration);
+    mNow += duration;
   }
   void WaitFor(std::condition_variable& condition, std::unique_lock<std::mutex>& lock,
                Duration duration) override {
@@ -75,7 +70,6 @@ class FakeClock : public common::Clock {
     return member;
   }
 
-  const std::function<void()> mOnSleep;
   std::mutex mMutex;  ///< guards what follows
   std::chrono::steady_clock::time_point mNow = std::chrono::steady_clock::now();
   std::vector<Duration> mSleeps;

@@ -8,13 +8,6 @@
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "tuning/rpc/tuning_rpc_engine.h"
 
-/// The allocation of this thread that fails, counted from 1 among those that may fail.
-thread_local int gFailingAllocation = 0;
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return gFailingAllocation != 0 && --gFailingAllocation == 0 ? nullptr : ::operator new(size);
-}
-
 namespace vyn::test {
 namespace {
 
@@ -94,15 +87,6 @@ class OperationsTest : public testing::Test {
     EXPECT_EQ(mService.Requests()[0].opcode, opcode);
     EXPECT_EQ(mService.Requests()[0].body, BytesOf(*request));
     EXPECT_TRUE(taken());
-
-    for (int allocation = 1;; ++allocation) {
-      gFailingAllocation = allocation;
-      const std::uint32_t status = run({0, answer});
-      if (std::exchange(gFailingAllocation, 0) != 0) {
-        break;  // there is no such allocation
-      }
-      EXPECT_TRUE(Failed(status)) << "without memory for allocation " << allocation;
-    }
 
     failure.status = failure.status != 0 ? failure.status : mFailure.status;
     failure.timeout = failure.timeout != 0 ? failure.timeout : mFailure.timeout;

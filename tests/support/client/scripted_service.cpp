@@ -38,7 +38,7 @@ void ScriptedService::Take(const std::shared_ptr<rpc::ServerContext>& context, c
   {
     std::lock_guard lock(mMutex);
     const unsigned int opcode = message.Id().Value();
-    mRequests.push_back({opcode, frame.substr(2), std::chrono::steady_clock::now()});
+    mRequests.push_back({opcode, frame.substr(2)});
     if (const auto script = mScripts.find(opcode); script != mScripts.end()) {
       reply = script->second(mRequests.back());
     }

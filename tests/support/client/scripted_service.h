@@ -15,7 +15,6 @@ class ScriptedService {
   struct Request {
     unsigned int opcode;
     std::string body;  ///< behind the version
-    std::chrono::steady_clock::time_point arrival;
   };
   struct Reply {
     std::uint32_t result = 0;

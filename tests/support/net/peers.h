@@ -83,7 +83,6 @@ class ScriptedServer {
     mThread = std::thread([this, connections, script = std::move(script)] {
       for (int i = 0; i < connections; ++i) {
         RawSocket socket = mListener.Accept();
-        ++mAccepted;
         script(socket, i);
       }
     });
@@ -91,12 +90,9 @@ class ScriptedServer {
   ~ScriptedServer() { mThread.join(); }
 
   std::uint16_t Port() const { return mListener.Port(); }
-  int Accepted() const { return mAccepted; }
-  RawListener& Listener() { return mListener; }
 
  private:
   RawListener mListener;
-  std::atomic<int> mAccepted{0};
   std::thread mThread;
 };
 

@@ -9,23 +9,15 @@ namespace vyn::test {
 
 using Words = std::vector<std::string>;
 
-/// Starts a program. \param prefix words in front of its command line.
-inline ChildProcess StartBehind(Words prefix, const Words& command) {
-  prefix.insert(prefix.end(), command.begin(), command.end());
-  return ChildProcess(prefix);
-}
-
 /// A node of a cluster: its home, its configuration and pool, and its daemon when that runs. The end of the
 /// object ends the daemon and removes the pool.
 class VyndNode {
  public:
   /// \param metadataPort the one port at which the leader of the cluster listens. \param nodeList who may
   ///        lead.
-  /// \param prefix words in front of the command lines of the daemon and of the node's clients: another user,
-  /// a network namespace.
   VyndNode(int nodeId, const std::string& address, const std::string& zookeeper, int metadataPort,
-           const std::string& nodeList, Words prefix = {})
-      : mId(std::to_string(nodeId)), mAddress(address), mPrefix(std::move(prefix)) {
+           const std::string& nodeList)
+      : mId(std::to_string(nodeId)), mAddress(address) {
     mFolder.Write(
         "home/conf/vyn.conf",
         "vyn.log.level=INFO\nvyn.zookeeper.session.timeout=10000\nvyn.zookeeper.security.enable=false\n"
@@ -43,7 +35,6 @@ class VyndNode {
 
   const std::string& Home() const { return mHome; }
   const std::string& Pool() const { return mPool.Path(); }
-  const Words& Prefix() const { return mPrefix; }
   /// The command line of the daemon.
   std::string Command(const std::string& poolSize = "64M", int applicationTimeout = 60) const {
     return VYN_STAGE_DIR "/bin/vynd --home " + mHome + " --node-id " + mId + " --address " + mAddress +
@@ -52,7 +43,7 @@ class VyndNode {
   }
   /// Starts it and waits until it is ready; throws std::runtime_error with what it said when it is not.
   void Start(const std::string& poolSize = "64M", int applicationTimeout = 60) {
-    mProcess = StartBehind(mPrefix, {"sh", "-c", "exec " + Command(poolSize, applicationTimeout)});
+    mProcess = ChildProcess({"sh", "-c", "exec " + Command(poolSize, applicationTimeout)});
     try {
       while (mProcess.Receive(std::chrono::seconds(120)) != "READY") {
       }
@@ -93,7 +84,6 @@ class VyndNode {
   TempDir mFolder;
   const std::string mId;
   const std::string mAddress;
-  const Words mPrefix;
   const std::string mHome = mFolder / "home";
   const TempDir mPool{"/dev/shm"};
   ReservedPort mServerPort;
@@ -105,9 +95,8 @@ class VyndNode {
 class BroadcastClient {
  public:
   /// Initialises it as a driver or an executor of the home; throws when that fails.
-  BroadcastClient(const VyndNode& node, bool driver) : BroadcastClient(node.Home(), driver, node.Prefix()) {}
-  BroadcastClient(const std::string& home, bool driver, const Words& prefix = {})
-      : mProcess(StartBehind(prefix, {VYN_TEST_PROGRAM_DIR "/broadcast_client"})) {
+  BroadcastClient(const VyndNode& node, bool driver) : BroadcastClient(node.Home(), driver) {}
+  BroadcastClient(const std::string& home, bool driver) {
     if (const std::string answer = Do("init " + home + (driver ? " 0" : " 1")); answer != "0") {
       throw std::runtime_error("the client cannot be initialised: " + answer);
     }
@@ -124,7 +113,7 @@ class BroadcastClient {
   ChildProcess& Process() { return mProcess; }
 
  private:
-  ChildProcess mProcess;
+  ChildProcess mProcess{{VYN_TEST_PROGRAM_DIR "/broadcast_client"}};
 };
 
 }  // namespace vyn::test

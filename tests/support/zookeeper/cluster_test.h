@@ -8,8 +8,7 @@
 #include "common/config/configuration.h"
 #include "platform/ulog/ulog.h"
 #include "support/captured_log.h"
-#include "support/temp_dir.h"
-#include "support/test.h"
+#include "support/process/installation.h"
 #include "support/zookeeper/zookeeper_server.h"
 
 namespace vyn::test {
@@ -24,11 +23,9 @@ class ClusterTest : public testing::Test {
   static void TearDownTestSuite() { gServer.reset(); }
 
   ClusterTest() {
-    gHome.Write("tessel/24.0.0/" VYN_BINARY_TYPE "/lib/common/empty", "");
-    setenv("VYN_HOME", gHome.Path().c_str(), 1);
-    setenv("VYN_VERSION", "24.0.0", 1);
-    setenv("VYN_BINARY_TYPE", VYN_BINARY_TYPE, 1);
-    common::Configuration::InitInstance(gHome.Write(
+    const Installation& home = Installation::Get();
+    home.Write("tessel/24.0.0/" VYN_BINARY_TYPE "/lib/common/empty", "");
+    common::Configuration::InitInstance(home.Write(
         "conf/vyn.conf", "vyn.zookeeper.security.enable=false\nvyn.zookeeper.connect.timeout=60\n"));
     ULOG_AuditInit((mFolder / "audit.log").c_str(), 1, 1);
   }
@@ -59,7 +56,6 @@ class ClusterTest : public testing::Test {
     std::shared_lock lock(mMeta->mNodeStatusLock);
     return mMeta->mNodeStatusMap;
   }
-  static inline const TempDir gHome{"/tmp"};
   static inline std::unique_ptr<ZookeeperServer> gServer;
   TempDir mFolder;
   CapturedLog mLog;

@@ -1,10 +1,9 @@
-// The watches and what they keep in memory: random changes of the tree against a model of both, and by hand how
-// texts and status znodes are read and made.
+// The watches and what they keep in memory: random changes of the tree against a model of both, and by hand what
+// a lost connection hides.
 
 #include "cluster/cluster_zkadapter.h"
 #include "support/random_steps.h"
 #include "support/zookeeper/cluster_test.h"
-#include "support/zookeeper/zookeeper_calls.h"
 
 namespace vyn::test {
 namespace {
@@ -165,38 +164,6 @@ TEST_F(TreeTest, WhatALostConnectionHidIsActedUponAfterwards) {
   EXPECT_TRUE(WaitUntil([&] { return mRaw->Get(kStatuses + "gone") == "3"; }));
   EXPECT_TRUE(WaitUntil([&] { return StatusMap()["here"] == kAlive; }));
   EXPECT_EQ(mRaw->Get(kStatuses + "here"), "2");
-}
-
-TEST_F(TreeTest, AConnectionThatIsLostBetweenTheReadsOfAWatcherHidesNothing) {
-  Statuses nodes = {{"gone", kInit}, {"here", kInit}};
-  ASSERT_EQ(mAdapter->ZKCreateStatus(nodes), 0U);
-  mRaw->Create(kLeader, "leader");
-  mMeta->mNodeStatusMap = {{"gone", kAlive}, {"here", kInit}};
-  SetStatus("here", kAlive);
-  int reads = 0;
-  const ZookeeperCalls calls([&](const ZookeeperCall& call) {
-    return call.path == kLeader && ++reads <= 2 ? int{ZCONNECTIONLOSS} : call.make();
-  });
-  ClusterZKAdapter::MetaNodeStatusWatchFunc(cluster::g_ZKHandler, ZOO_CHANGED_EVENT, 0, "/meta/status/here",
-                                            nullptr);
-  EXPECT_EQ(StatusMap()["here"], kAlive);
-  ClusterZKAdapter::MetaNodeFollowerWatchFunc(cluster::g_ZKHandler, ZOO_CHILD_EVENT, 0, "", nullptr);
-  EXPECT_EQ(mRaw->Get(kStatuses + "gone"), "3");
-}
-
-TEST_F(TreeTest, TheLeadersTextIsTakenByItsLengthAndNotOnceTheDaemonStops) {
-  mMeta->mLeaderAddress = "old";
-  EXPECT_EQ(mAdapter->ZKUpdateMemoryInformation("a", kAlive, false), 1U) << "there must be a leader";
-  EXPECT_TRUE(LeaderAddress() == "old" && StatusMap().empty());
-  mRaw->Create(kLeader, std::string(33, 'a'));
-  EXPECT_EQ(mAdapter->ZKUpdateMemoryInformation("a", kNone, false), 0U);
-  EXPECT_EQ(LeaderAddress(), std::string(30, 'a'));
-  mRaw->Set(kLeader, "first");
-  for (const bool runs : {false, true}) {
-    ClusterZKAdapter::isRunning = runs;
-    ClusterZKAdapter::MetaNodeLeaderWatchFunc(cluster::g_ZKHandler, ZOO_CREATED_EVENT, 0, "", nullptr);
-    EXPECT_EQ(LeaderAddress(), runs ? "first" : std::string(30, 'a'));
-  }
 }
 
 }  // namespace

@@ -1,43 +1,14 @@
-// What the entry points share: environment, configuration file, TLS libraries, place of the installation,
-// security maps.
+// What the entry points share: the place of the installation, security maps.
 
 #include "common/api/base_api_util.h"
 #include "common/config/configuration_catalogue.h"
 #include "common/util/system.h"
-#include "platform/openssl_dl/openssl_dl.h"
-#include "support/temp_dir.h"
 #include "support/test.h"
 
 namespace vyn::common {
 namespace {
 
 using SecurityMap = std::map<std::string, const std::string>;
-
-TEST(ApiTest, AMissingFileAndARefusedFileAreToldApart) {
-  const test::TempDir home;
-  Ref<Configuration> conf;
-  EXPECT_EQ(BaseApiUtil::ConfigInit(home.Path(), conf), 2000059U);
-  home.Write("conf/vyn.conf", "vyn.unknown=1\n");
-  EXPECT_EQ(BaseApiUtil::ConfigInit(home.Path(), conf), 1U);
-  EXPECT_TRUE(conf == nullptr);
-  home.Write("conf/vyn.conf", "vyn.zookeeper.server.url=x\n");
-  EXPECT_EQ(BaseApiUtil::ConfigInit(home.Path(), conf), 0U);
-  EXPECT_TRUE(conf != nullptr && conf == Configuration::GetInstance());
-}
-
-TEST(ApiTest, TlsLibraries) {
-  const Ref<Configuration> conf(new Configuration);
-  conf->Set("vyn.tessel.rpc.crypto.path", "libcrypto.so.3");
-  for (const std::string& ssl :
-       {std::string(), std::string(4096, 'x'), std::string("/nowhere/libssl.so.3")}) {
-    conf->Set("vyn.tessel.rpc.openssl.path", ssl);
-    EXPECT_EQ(BaseApiUtil::SetOpensslDLPath(conf), 1U) << ssl;
-    EXPECT_EQ(openssl_dl::Get(), nullptr);
-  }
-  conf->Set("vyn.tessel.rpc.openssl.path", "libssl.so.3");
-  EXPECT_EQ(BaseApiUtil::SetOpensslDLPath(conf), 0U);
-  EXPECT_NE(openssl_dl::Get(), nullptr);
-}
 
 TEST(ApiTest, TheInstallationIsFoundFromTheLibrary) {
   setenv("VYN_HOME", "kept", 1);

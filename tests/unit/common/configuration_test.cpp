@@ -190,16 +190,6 @@ TEST(ConfigurationFileTest, RandomLinesAreReadAsTheExpressionReadsThem) {
   }
 }
 
-TEST(ConfigurationFileTest, MarkersOfAValue) {
-  setenv("VYN_HOME", "/opt/data", 1);
-  setenv("VYN_BINARY_TYPE", "linux", 1);
-  unsetenv("VYN_VERSION");
-  std::string key;
-  std::string value;
-  KVParser::ParseLine("k=lost${VYN_HOME}/${VYN_BINARY_TYPE}/${VYN_VERSION}${VYN_HOME}", key, value);
-  EXPECT_EQ(value, "/opt/data/linux/${VYN_VERSION}${VYN_HOME}");
-}
-
 TEST(ConfigurationFileTest, AFileThatCannotBeReadOrTakenIsNoStore) {
   const test::TempDir dir;
   ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);

@@ -3,7 +3,6 @@
 #include "common/rpc/network.h"
 
 #include "common/rpc/rpc_setter.h"
-#include "support/temp_dir.h"
 #include "support/test.h"
 
 namespace vyn::common {
@@ -28,20 +27,6 @@ TEST(NetworkTest, Subnets) {
        {"10.0.0.1", "10.0.0.1/", "/24", "10.0.0/24", "host/24", "10.0.0.1/0", "10.0.0.1/024", "10.0.0.1/33",
         "10.0.0.1/+8", "10.0.0.1/2a", "10.0.0.1/24/8", "::1/64"}) {
     EXPECT_THAT(read(std::string(bad) + ",127.0.0.1/8"), ElementsAre("127.0.0.0")) << bad;
-  }
-}
-
-TEST(NetworkTest, SplitsAddressAndPort) {
-  const std::pair<unsigned int, Texts> rows[] = {
-      {0, {"h:32767", "h:1"}}, {2000013, {"h:32768", "h:0", "h:-1"}}, {2000039, {"h", "h:", "h:1:2"}}};
-  for (const auto& [status, texts] : rows) {
-    for (const std::string& text : texts) {
-      std::string ip;
-      short port = -1;
-      EXPECT_EQ(SplitIpAndPort(text, ip, port), status) << text;
-      EXPECT_EQ(port, status == 0 ? std::stoi(text.substr(2)) : -1) << text;
-      EXPECT_EQ(ip, text == "h" ? "" : "h");
-    }
   }
 }
 
@@ -99,17 +84,6 @@ TEST_F(RpcSetterTest, TheFilterFindsRealInterfaces) {
   for (const std::string& filter :
        {std::string("203.0.113.7/32"), std::string("127.5.0.1/24"), blanks + " " + kFilter}) {
     EXPECT_EQ(Resolved({{"ipfilter", filter}}), "") << filter;
-  }
-}
-
-TEST_F(RpcSetterTest, RdmaDevicesAreMatchedByTheirInterfaces) {
-  const test::TempDir tree;
-  tree.Write("rdma0/device/net/" + kLoopback, "");
-  tree.Write("rdma1/device/net/other", "");
-  tree.Write("rdma2/ports", "");  // has no interfaces at all
-  for (const auto& [path, devices] : {std::pair{"/", "rdma0:1"}, {"/gone/", ""}}) {
-    EXPECT_EQ(Resolved({{"protocol", "rc"}, {"ipfilter", kFilter}, {"devices.path", tree.Path() + path}}),
-              devices);
   }
 }
 

@@ -164,24 +164,6 @@ struct Client : RPCEngineBase {
   Ref<Pool> mPool;
 };
 
-TEST(RpcEnginePoolTest, EachCallHasItsEngineAndTheLastOneBackGoesOutFirst) {
-  const ScriptedService server;
-  Pool pool(server.Port(), 4);
-  EXPECT_EQ(pool.Fill(), 0U);
-  EXPECT_EQ(pool.mEngines.size(), 1U) << "one engine whatever the size";
-  Ref<RpcEngine> engines[3];
-  for (auto& engine : engines) {
-    EXPECT_EQ(pool.GetRpcEngine(engine), 0U);
-  }
-  pool.ReturnRpcEngine(engines[0]);
-  pool.ReturnRpcEngine(engines[1]);
-  pool.ReturnRpcEngine(nullptr);
-  EXPECT_THAT(pool.mEngines, ElementsAre(engines[0], engines[1]));
-  EXPECT_EQ(pool.GetRpcEngine(engines[2]), 0U);
-  EXPECT_TRUE(engines[2] == engines[1]);
-  EXPECT_EQ(pool.mMade, 3);
-}
-
 TEST(RpcEnginePoolTest, AMovedPeerIsFollowed) {
   const ScriptedService oldServer;
   const ScriptedService newServer;
@@ -228,22 +210,6 @@ TEST(RpcEnginePoolTest, ACallThatFailsHandsItsEngineBack) {
   EXPECT_EQ(nobody.Call(), 2020019U);
   EXPECT_EQ(nobody.mPool->mEngines.size(), 0U);
   EXPECT_EQ(RPCEngineBase().SendCall(kId, kNothing, kNothing, 0), 2000057U);
-}
-
-TEST(RpcEnginePoolTest, ItsSecuritySettingsComeFromTheConfiguration) {
-  const ScriptedService server;
-  const auto conf = Configuration::gInstance = new Configuration;
-  conf->Set("vyn.tessel.rpc.enableTLS", false);
-  conf->Set("vyn.tessel.rpc.enableAuthentication", false);
-  for (const std::string side : {"client", "server"}) {
-    conf->Set("vyn.tessel.rpc.auth.kerb." + side + ".keytab", side);
-    Pool made(server.Port(), 1);
-    made.mTlsEnable = made.mAuthEnable = true;
-    made.mClientIdentity = side == "client";
-    EXPECT_EQ(made.Initialize(), 0U);
-    EXPECT_FALSE(made.mTlsEnable || made.mAuthEnable);
-    EXPECT_EQ(made.mSecurityConf.at("auth.kerb.keytab"), side);
-  }
 }
 
 }  // namespace

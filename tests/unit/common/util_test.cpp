@@ -1,9 +1,8 @@
-// Texts, checks of input, files, references and the environment.
+// Texts, checks of input, files and the environment.
 
 #include "common/config/env_helper.h"
 #include "common/util/file_util.h"
 #include "common/util/input_check.h"
-#include "common/util/ref.h"
 #include "common/util/text.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
@@ -18,16 +17,12 @@ using Texts = std::vector<std::string>;
 TEST(TextTest, Pieces) {
   const auto split = [](const std::string& text) {
     Texts items;
-    std::set<std::string> set;
     SplitStr(text, "||", items);
-    SplitStr(text, "||", set);
-    EXPECT_EQ(set, std::set(items.begin(), items.end()));
     return items;
   };
   EXPECT_EQ(split("||rc||||rc_v||"), (Texts{"", "rc", "", "rc_v"}));
   EXPECT_EQ(split(""), Texts{});
   EXPECT_EQ(SplitString(" a , ,b\t,", ','), (Texts{"a", "", "b\t"})) << "blanks only are trimmed";
-  EXPECT_EQ(GetStrPostfix("a/b/c", '/'), std::pair(std::string("a/b"), std::string("c")));
   EXPECT_EQ(
       (Texts{GetStrPrefix("a/b/c", '/', 2), GetStrPrefix("a/b", '/', 0), ParseStr("a:b:c", ':', 0, 2),
              ParseStr("a:b:c", ':', 1, 0), ParseStr("a:b:c", ':', 3, 1), GenBcVarName("app_1", UINT_MAX),
@@ -74,9 +69,6 @@ class FilesTest : public testing::Test {
 };
 
 TEST_F(FilesTest, PathsAreResolvedAndFoldersMade) {
-  const std::string longest(4095, 'a');
-  EXPECT_TRUE(FileUtil::IsPathValidWhiteList(longest) && FileUtil::IsPathValid("/a.b"));
-  EXPECT_FALSE(FileUtil::IsPathValidWhiteList("/a.b") || FileUtil::IsPathValid(longest + "a"));
   fs::create_directory_symlink(mDir.Path(), mDir / "link");
   std::string out = "old";
   EXPECT_EQ(FileUtil::RealPath("", out) + FileUtil::RealPath(mDir / "missing", out), 2U);
@@ -145,27 +137,6 @@ TEST_F(FilesTest, TheLogFolderLiesInTheHome) {
   EXPECT_EQ(fs::status(home + "/logs").permissions(), fs::perms::owner_all);
   EXPECT_TRUE(fs::exists(mDir / "outside")) << "the user's own folder";
   EXPECT_FALSE(fs::exists(mDir / "new")) << "made by the check, and removed";
-}
-
-struct Thing : Referable {
-  ~Thing() override { ++gDeleted; }
-  Ref<Thing> mNext;
-  static inline int gDeleted = 0;
-};
-
-TEST(RefTest, CountsEveryHolderAndDeletesAtTheLast) {
-  Ref<Thing> first(new Thing);
-  {
-    const Ref<Referable> second = first;
-    EXPECT_EQ(first->RefCount(), 2);
-  }
-  Ref<Thing> moved = std::move(first);
-  EXPECT_EQ(moved->RefCount(), 1);
-  moved->mNext = new Thing;
-  moved.Set(moved->mNext.Get());
-  EXPECT_EQ(Thing::gDeleted, 1) << "an object that lives only through the old one survives";
-  moved.Set(nullptr);
-  EXPECT_EQ(Thing::gDeleted, 2);
 }
 
 }  // namespace

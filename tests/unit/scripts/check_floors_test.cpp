@@ -30,9 +30,7 @@ TEST(CheckFloorsTest, FindsWhatIsPlantedInASoundTree) {
       {"src/tessel/rpc/bad.h", "#include \"tessel/sdk/x.h\"\n", "sdk/x.h, which it must not know"},
       {low, "#include \"common/util/a.h\"\n",
        "circle: src/common/util/a.h -> " + low + " -> src/common/util/a.h"},
-      {"src/common/util/bad.h", "#include \"b.h\"\n", "includes b.h, which is no path"},
       {"src/tessel/rpc/bad.cpp", lower + "void Low::Call() {\n}\n", "defines Low::Call, which " + low},
-      {"src/tessel/rpc/bad.cpp", lower + "int Free(int a) { return a; }\n", "defines Free, which " + low},
       {"elsewhere/bad.h", "", "elsewhere/bad.h: stands on no floor"}};
   for (const auto& [file, text, complaint] : cases) {
     dir.Write(file, text);

@@ -136,28 +136,6 @@ TEST(RpcClient, ARequestThatLeavesTooSlowlyEndsAtItsDeadline) {
   EXPECT_EQ(stream.Write(&bytes, 1, net::Deadline(50)), net::IoStatus::kTimeout);
 }
 
-TEST(RpcClient, AConnectionClosedBetweenCallsCostsNothing) {
-  ScriptedServer server(3, [&](RawSocket& socket, int connection) {
-    const std::uint64_t call = Greet(socket, 1);
-    socket.Send(WireFrame(kCallId, std::to_string(connection), call));
-  });
-  Client client("127.0.0.1", server.Port(), {});
-  for (const char* expected : {"0", "1", "2"}) {
-    EXPECT_EQ(Call(client, "a"), expected);
-    std::this_thread::sleep_for(milliseconds(50));  // lets the end of the connection arrive
-  }
-}
-
-TEST(RpcClient, ReconnectLimit) {
-  ScriptedServer server(3, [](RawSocket&, int) {});  // each connection ends at once
-  Client client("127.0.0.1", server.Port(), {});
-  client.SetMaxReconnectTimes(3);
-  client.SetMaxReconnectTimes(129);  // above the ceiling: not taken
-  client.SetMaxReconnectTimes(-1);
-  EXPECT_EQ(Call(client, "a"), "-19");
-  EXPECT_FALSE(server.Listener().HasCaller(50));
-}
-
 TEST(RpcClient, RequestsThatAreNotSent) {
   RawListener listener;
   // Not a word leaves with flags that cannot be honoured.

@@ -34,26 +34,6 @@ class ULogTest : public testing::Test {
   const test::TempDir mDir;
 };
 
-TEST_F(ULogTest, RefusesWrongArgumentsAndKeepsTheOldLogger) {
-  ASSERT_NE(ULOG_LogMessage(4, "", "early"), 0);
-  ASSERT_EQ(ULOG_Init(2, 2, nullptr, 0, 0), 0);
-  const ULog* logger = ULog::gLogger;
-  const std::string file = In("x.log");
-  using Row = std::tuple<int, int, const char*, int, int>;
-  for (const auto& [type, level, path, size, count] :
-       {Row{0, 2, file.c_str(), 1, 1}, Row{3, 2, file.c_str(), 1, 1}, Row{1, -1, file.c_str(), 1, 1},
-        Row{2, 6, nullptr, 0, 0}, Row{1, 2, nullptr, 1, 1}, Row{1, 2, "", 1, 1},
-        Row{1, 2, file.c_str(), 0, 1}, Row{1, 2, file.c_str(), 1, -5},
-        Row{1, 2, mDir.Path().c_str(), 1, 1}}) {
-    EXPECT_NE(ULOG_Init(type, level, path, size, count), 0) << ULOG_GetLastErrorMessage();
-    EXPECT_TRUE(type != 1 || level != 2 || ULOG_AuditInit(path, size, count) != 0);
-  }
-  EXPECT_EQ(ULog::gLogger, logger);
-  EXPECT_FALSE(std::filesystem::exists(file));
-  EXPECT_TRUE(ULOG_LogMessage(6, "", "x") != 0 && ULOG_LogMessage(2, nullptr, "x") != 0 &&
-              ULOG_LogMessage(2, "", nullptr) != 0 && ULOG_AuditLogMessage(2, "", "no audit log yet") != 0);
-}
-
 TEST_F(ULogTest, ALineOfTheLevelHasTimeLevelProcessAndThread) {
   const std::string path = In("new/x.log");  // the missing folder is made
   ASSERT_EQ(ULOG_Init(1, 1, path.c_str(), 1, 1), 0) << ULOG_GetLastErrorMessage();

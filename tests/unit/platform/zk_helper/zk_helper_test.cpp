@@ -61,19 +61,6 @@ TEST_F(ZkHelperTest, ValuesAreCutToTheRoomAndNullHasLengthMinusOne) {
   EXPECT_STREQ(path, "/made");
 }
 
-TEST_F(ZkHelperTest, ThereIsOneConnection) {
-  const ReservedPort nobody;
-  mKeys.connectTimeout = 1;
-  EXPECT_EQ(Init("127.0.0.1:" + std::to_string(nobody.Number())), ZOPERATIONTIMEOUT);
-  EXPECT_THAT(VynZookeeperGetLastMessage(), testing::HasSubstr("Connection refused"));
-  mKeys.connectTimeout = 60;
-  zhandle_t* handle = Open();
-  EXPECT_EQ(Init(mUrl), ZINVALIDSTATE);
-  EXPECT_EQ(VynGetZkHandle(), handle);
-  EXPECT_EQ(Close(), ZOK);
-  EXPECT_NE(Open(), handle) << "a handle is never used again";
-}
-
 TEST_F(ZkHelperTest, WhatCannotBeSecuredIsNotConnected) {
   // The client of this machine has neither TLS nor SASL.
   for (const auto& [strategy, result] :

@@ -1,9 +1,8 @@
-// Bringing the library up and down: home and flag, the security of links, failures, and many threads at once.
+// Bringing the library up and down: home and flag, the security of links, failures.
 
 #include "platform/tls/client_setting.h"
 #include "support/client/scripted_bmclient.h"
 #include "support/fake_clock.h"
-#include "support/wait_until.h"
 #include "tessel/sdk/big_memory/big_memory_client_api.h"
 
 using vyn::common::BigMemoryClientApi;
@@ -84,24 +83,6 @@ TEST(BmBinding, AStartThatFailsClosesTheLibraryAndTheNextOneSucceeds) {
     EXPECT_EQ(BmInitialize("/home", 0), 0U);
     EXPECT_EQ(BmUninitialize(), 0U);
   }
-}
-
-TEST(BmBinding, OfManyThreadsOneTakesThePlaceOfTheFirstThatFailed) {
-  constexpr std::size_t kThreads = 16;
-  ScriptedBmClient library;
-  FakeClock clock;
-  const auto all = [&] { return clock.Waiters() == kThreads - 1; };
-  library.script.Expect("BM_Init", {{-1, [&] { EXPECT_TRUE(vyn::test::WaitUntil(all)); }}});
-  std::vector<std::future<std::uint32_t>> calls;
-  for (std::size_t i = 0; i < kThreads; ++i) {
-    calls.push_back(std::async(std::launch::async, &Link));  // brings the library up when it is not
-  }
-  std::map<std::uint32_t, std::size_t> statuses;
-  for (auto& call : calls) {
-    ++statuses[call.get()];
-  }
-  EXPECT_THAT(statuses, testing::ElementsAre(std::pair(0, kThreads - 1), std::pair(2100021, 1)));
-  EXPECT_EQ(library.script.Calls("BM_Init").size(), 2U);
 }
 
 }  // namespace

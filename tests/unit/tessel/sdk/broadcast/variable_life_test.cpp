@@ -2,7 +2,6 @@
 
 #include "common/util/system.h"
 #include "support/client/sdk_world.h"
-#include "support/fake_clock.h"
 
 namespace vyn::test {
 namespace {
@@ -187,18 +186,6 @@ TEST_F(OutsideDriver, WhatFailsBeforeTheRecordIsTakenBack) {
     EXPECT_FALSE(Known("app-7"));
   }
   EXPECT_TRUE(mWorld.meta.Requests().empty());
-}
-
-TEST_F(OutsideDriver, AFullPoolIsWaitedForAThousandTimesABlock) {
-  FakeClock clock;
-  std::vector<BmScript::Answer> full(999, -79999);
-  full.emplace_back(0);  // the first block has its room at last, the second one never
-  full.insert(full.end(), 1000, -79999);
-  mScript.Expect("BM_AllocSec", full);
-  EXPECT_EQ(Create(), 2120027U);
-  EXPECT_EQ(mScript.Calls("BM_AllocSec").size(), 2000U);
-  const std::vector<std::chrono::nanoseconds> sleeps(2 * 999, std::chrono::milliseconds(10));
-  EXPECT_EQ(clock.Sleeps(), sleeps) << "nobody sleeps after the last attempt";
 }
 
 }  // namespace

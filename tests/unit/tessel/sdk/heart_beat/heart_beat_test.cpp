@@ -6,7 +6,6 @@
 #include "support/fake_clock.h"
 #include "support/process/vynd_process.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
-#include "tuning/rpc/tuning_rpc_engine.h"
 
 namespace vyn::test {
 namespace {
@@ -16,14 +15,12 @@ using common::HeartBeatMessage;
 using Reply = ScriptedService::Reply;
 
 constexpr unsigned int kMetaHeartBeat = 21;
-constexpr unsigned int kTuningHeartBeat = 2;
 
 /// An executor.
 class HeartBeatTest : public testing::Test {
  protected:
   HeartBeatTest() {
-    mWorld.WriteConf("127.0.0.1:1", "vyn.tessel.rpc.shuffle_meta.timeout=500\nvyn.tuning.rpc.server.port=" +
-                                        std::to_string(mService.Port()));
+    mWorld.WriteConf("127.0.0.1:1", "vyn.tessel.rpc.shuffle_meta.timeout=500\n");
     EXPECT_EQ(mWorld.Initialize(1), 0U);
   }
   std::string Beats() const {  // "+" for a beat, "-" for a farewell
@@ -63,17 +60,6 @@ TEST_F(HeartBeatTest, ASenderBeatsTwiceAtOnceThenInItsPeriodAndSaysFarewell) {
   EXPECT_EQ(Switch(false, "app"), 0U);
 }
 
-TEST_F(HeartBeatTest, TheTypeChoosesTheService) {
-  ASSERT_EQ(tuning::TuningRpcEngine::CreateInstance(500, true, 0)->Initialize(), 0U);
-  for (const unsigned char type : {1, 2}) {
-    EXPECT_EQ(Switch(true, "app", type), 0U);
-    EXPECT_TRUE(mService.WaitFor(2));
-    EXPECT_EQ(Switch(false, "app"), 0U);
-  }
-  EXPECT_EQ(mService.Requests().size(), 3U) << "there is no service of type 2";
-  EXPECT_EQ(mService.Count(kTuningHeartBeat), 3U);
-}
-
 TEST_F(HeartBeatTest, ManyApplicationsStartAndStopAtOnceWhileTheClientIsReplaced) {
   {
     std::vector<std::jthread> applications;
@@ -89,12 +75,6 @@ TEST_F(HeartBeatTest, ManyApplicationsStartAndStopAtOnceWhileTheClientIsReplaced
       EXPECT_EQ(tessel::ShuffleMetaRPCEngine::CreateInstance(10000, true, nullptr)->Initialize(), 0U);
     }
   }
-  EXPECT_TRUE(BaseApiUtil::g_HeartBeatFlag.empty());
-}
-
-TEST_F(HeartBeatTest, WithoutAClientNothingStarts) {
-  tessel::ShuffleMetaRPCEngine::gShuffleMetaRPCEngine = nullptr;
-  EXPECT_EQ(Switch(true, "app"), 1U);
   EXPECT_TRUE(BaseApiUtil::g_HeartBeatFlag.empty());
 }
 
