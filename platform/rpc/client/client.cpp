@@ -35,6 +35,8 @@ void Client::SetMaxReconnectTimes(int times) {
   }
 }
 
+void Client::Abandon() { mConnection->Abandon(); }
+
 bool Client::Connect() { return ReportOutcome(mConnection->Connect(), nullptr, nullptr); }
 
 bool Client::SyncCall(ClientContext* context, Message* request, Message* response, Callback* callback) {

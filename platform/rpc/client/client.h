@@ -13,7 +13,7 @@
 // names; peers on this host are reached without it), UCX_TCP_PORT_RANGE ("40000-61000": bounds the local
 // port) and UCX_TCP_KEEPINTVL ("60s").
 //
-// One thread uses a client at a time.
+// One thread uses a client at a time. Any thread may call Abandon at the same time.
 
 #include "platform/rpc/server/context.h"
 #include "platform/rpc/wire/message.h"
@@ -52,6 +52,9 @@ class Client {
   /// empty. \param callback may be null; is called before this returns. Returns: true when the reply is
   /// there. On false `context->mStatus` is set and mLastErrorMessage has the details.
   virtual bool SyncCall(ClientContext* context, Message* request, Message* response, Callback* callback);
+
+  /// Ends the call under way, and fails all later ones, with kConnectionLost.
+  void Abandon();
 
  protected:
   std::unique_ptr<ClientConnection> mConnection;

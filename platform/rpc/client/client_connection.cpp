@@ -119,8 +119,16 @@ Outcome ClientConnection::Open(const net::Deadline& deadline) {
 }
 
 Outcome ClientConnection::Establish(const net::Deadline& deadline) {
-  if (net::NetOutcome dialed = net::Dial(mIp, mPort, mSetting, deadline, mSocket); !dialed.Ok()) {
+  net::Descriptor socket;
+  if (net::NetOutcome dialed = net::Dial(mIp, mPort, mSetting, deadline, socket); !dialed.Ok()) {
     return {StatusOf(dialed.mStatus), std::move(dialed.mText)};
+  }
+  {
+    sync::MutexLock lock(mSocketMutex);
+    if (mAbandoned) {
+      return {kConnectionLost, "the client has turned to another server"};
+    }
+    mSocket = std::move(socket);
   }
   auto stream =
       mTls != nullptr ? mTls->NewStream(mSocket.Get()) : std::make_unique<net::PlainStream>(mSocket.Get());
@@ -241,7 +249,16 @@ void ClientConnection::Close() {
     mStream.reset();
   }
   mReader.reset();
+  sync::MutexLock lock(mSocketMutex);
   mSocket.Close();
+}
+
+void ClientConnection::Abandon() {
+  sync::MutexLock lock(mSocketMutex);
+  mAbandoned = true;
+  if (mSocket) {
+    ::shutdown(mSocket.Get(), SHUT_RDWR);
+  }
 }
 
 Outcome ClientConnection::WithPeerName(Outcome outcome) const {

@@ -3,7 +3,7 @@
 // The connection of a client: the socket, the stream over it, and the rules for connecting again after a
 // failure.
 //
-// One thread uses a connection at a time.
+// One thread uses a connection at a time. Any thread may call Abandon at the same time.
 
 #include "platform/net/blocking_stream.h"
 #include "platform/net/deadline.h"
@@ -12,6 +12,7 @@
 #include "platform/rpc/wire/message.h"
 #include "platform/rpc/wire/outcome.h"
 #include "platform/rpc/wire/rpc_frame_reader.h"
+#include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
 #include <cstdint>
@@ -41,6 +42,9 @@ class ClientConnection {
   Outcome Reconnect(const net::Deadline& deadline);
   /// One call; connects first if there is no live connection.
   Outcome Call(const Message& request, Message& response, const net::Deadline& deadline);
+  /// Ends the call under way, and fails all later ones, with kConnectionLost. Does not end the wait for the
+  /// peer's host to accept a connection.
+  void Abandon();
 
  private:
   Outcome Open(const net::Deadline& deadline);
@@ -64,7 +68,10 @@ class ClientConnection {
   std::shared_ptr<tls::TlsContext> mTls;
 
   // The open connection; mStream is null when there is none.
+  /// Only the connection's thread changes the socket, so that it reads it without the lock.
   net::Descriptor mSocket;
+  sync::Mutex mSocketMutex;  ///< held to change the socket, and by Abandon
+  bool mAbandoned VYN_GUARDED_BY(mSocketMutex) = false;
   std::unique_ptr<net::BlockingStream> mStream;
   net::Deadline::Clock::time_point mLastCallBegan{};
   std::optional<RpcFrameReader> mReader;

@@ -124,6 +124,7 @@ std::uint32_t LeaderRPCEngine::RefreshMasterNodeInfo(bool) {
     pool->mIp = mMasterAddress;
     pool->mPort = mPort;
   }
+  pool->AbandonOldPeers();
   VYN_LOG_INFO("Shuffle metadata LEADER ip changed to " << mMasterAddress << " port changed to " << mPort);
   return VYN_OK;
 }

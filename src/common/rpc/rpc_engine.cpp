@@ -90,8 +90,14 @@ unsigned int RpcEngine::Initialize(std::string& ip, short port, long timeout, bo
   mTimeout = timeout < 1 ? -1 : timeout;
   const auto peerPort = static_cast<unsigned short>(port);
   try {
-    mClient = std::make_unique<rpc::SecuredClient>(ip, peerPort, mClientOptions, tlsEnable, authEnable);
+    auto client = std::make_unique<rpc::SecuredClient>(ip, peerPort, mClientOptions, tlsEnable, authEnable);
+    sync::MutexLock lock(mClientMutex);
+    mClient = std::move(client);
+    if (mAbandoned) {
+      mClient->Abandon();
+    }
   } catch (const std::bad_alloc&) {
+    sync::MutexLock lock(mClientMutex);
     mClient.reset();
     VYN_LOG_ERROR("Failed to create rpc client.");
     return VYN_ERR_GENERIC;
@@ -117,6 +123,14 @@ unsigned int RpcEngine::Reconnect(long timeout) {
   ClientContext context;
   context.mTimeout = timeout;
   return mClient->ReconnectAndAuth(&context, true) ? VYN_OK : VYN_ERR_RPC_TRANSPORT_B;
+}
+
+void RpcEngine::Abandon() {
+  sync::MutexLock lock(mClientMutex);
+  mAbandoned = true;
+  if (mClient != nullptr) {
+    mClient->Abandon();
+  }
 }
 
 unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, const Ref<BaseMessage>& request,

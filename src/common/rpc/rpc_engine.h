@@ -8,14 +8,15 @@
 //
 // All numbers in the byte order of the host. The message id is the low 10 bits of the operation code.
 //
-// An engine is not thread-safe: a pool gives it to one thread for one call (rpc_engine_pool.h). After a
-// failed call it can be used again and reconnects if necessary. Any thread may call the static functions,
+// An engine is not thread-safe, except for Abandon: a pool gives it to one thread for one call
+// (rpc_engine_pool.h). After a failed call it can be used again and reconnects if necessary. Any thread may call the static functions,
 // which are the server's side.
 
 #include "common/message/base_message.h"
 #include "common/util/ref.h"
 #include "platform/rpc/client/client.h"
 #include "platform/rpc/server/server.h"
+#include "platform/sync/mutex.h"
 
 #include <atomic>
 #include <cstdint>
@@ -38,6 +39,10 @@ class RpcEngine : public Referable {
                           std::map<std::string, const std::string>& securityConf);
   /// Connects again. Requires: Initialize has made a client. Returns: 0 or 2020021.
   unsigned int Reconnect(long timeout);
+
+  /// Ends the call or the connect under way, and fails all later ones, with 2020019.
+  void Abandon();
+  bool Abandoned() const { return mAbandoned.load(); }
 
   /// One call. \param response may hold null: then only the result word is read. \param timeout milliseconds;
   /// -1 is no limit, 0 and less than -1 mean mTimeout. Returns: 0, the server's odd result word, or the
@@ -85,6 +90,10 @@ class RpcEngine : public Referable {
   static thread_local int mTimeSer;
   static thread_local int mTimeCall;
   static thread_local int mTimeDes;
+
+ private:
+  sync::Mutex mClientMutex;  ///< held while mClient is set or replaced, and by Abandon
+  std::atomic<bool> mAbandoned{false};
 };
 
 }  // namespace vyn::common

@@ -4,6 +4,7 @@
 #include "common/util/system.h"
 
 #include <new>
+#include <utility>
 
 namespace vyn::common {
 
@@ -66,12 +67,22 @@ unsigned int RPCEnginePool::GetRpcEngine(Ref<RpcEngine>& engine) {
       if (IsPeer(*mEngines.back(), mIp, mPort)) {
         engine = std::move(mEngines.back());
         mEngines.pop_back();
+        mInUse.push_back({engine, mIp, mPort});
         return VYN_OK;
       }
       old.swap(mEngines);
     }
   }
-  return NewRPCEngine(engine);
+  const unsigned int status = NewRPCEngine(engine);
+  if (Failed(status)) {
+    sync::MutexLock lock(mMutex);
+    Forget(engine);
+  }
+  return status;
+}
+
+void RPCEnginePool::Forget(const Ref<RpcEngine>& engine) {
+  std::erase_if(mInUse, [&](const InUse& used) { return used.mEngine == engine; });
 }
 
 void RPCEnginePool::ReturnRpcEngine(const Ref<RpcEngine>& engine) {
@@ -82,13 +93,29 @@ void RPCEnginePool::ReturnRpcEngine(const Ref<RpcEngine>& engine) {
   // old peer could stay open below the new ones for ever.
   std::vector<Ref<RpcEngine>> old;
   sync::MutexLock lock(mMutex);
-  if (!IsPeer(*engine, mIp, mPort)) {
+  Forget(engine);
+  if (engine->Abandoned() || !IsPeer(*engine, mIp, mPort)) {
     return;
   }
   if (!mEngines.empty() && !IsPeer(*mEngines.back(), mIp, mPort)) {
     old.swap(mEngines);
   }
   mEngines.push_back(engine);
+}
+
+void RPCEnginePool::AbandonOldPeers() {
+  std::vector<Ref<RpcEngine>> old;
+  {
+    sync::MutexLock lock(mMutex);
+    for (const InUse& used : mInUse) {
+      if (used.mPort != mPort || used.mIp != mIp) {
+        old.push_back(used.mEngine);
+      }
+    }
+  }
+  for (const auto& engine : old) {
+    engine->Abandon();
+  }
 }
 
 unsigned int RPCEnginePool::ConnectEngine(Ref<RpcEngine>& engine,
@@ -103,6 +130,7 @@ unsigned int RPCEnginePool::ConnectEngine(Ref<RpcEngine>& engine,
     sync::MutexLock lock(mMutex);
     ip = mIp;
     port = mPort;
+    mInUse.push_back({engine, ip, port});
   }
   return engine->Initialize(ip, static_cast<short>(port), timeout, mTlsEnable, mAuthEnable, mSecurityConf);
 }

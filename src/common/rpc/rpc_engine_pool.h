@@ -42,6 +42,9 @@ class RPCEnginePool : public Referable {
   unsigned int GetRpcEngine(Ref<RpcEngine>& engine);
   /// Takes an engine back. Closes one whose peer is no longer the pool's.
   void ReturnRpcEngine(const Ref<RpcEngine>& engine);
+  /// Ends the calls under way to peers other than the present one with 2020019. A client calls this after it
+  /// has changed the address: an old peer that stands still would keep each call for its whole time-out.
+  void AbandonOldPeers();
   /// Fills the security settings from mConfig. Requires: mConfig is set. An existing entry keeps its value.
   void GetSecurityConf();
 
@@ -67,6 +70,17 @@ class RPCEnginePool : public Referable {
   /// The body of every Initialize: takes an engine and returns it, mPoolSize times. Stops at the first
   /// failure.
   unsigned int FillPool();
+
+ private:
+  /// An engine that connects or is handed out. Its own mIp and mPort belong to the thread that uses it.
+  struct InUse {
+    Ref<RpcEngine> mEngine;
+    std::string mIp;
+    std::uint16_t mPort;
+  };
+  void Forget(const Ref<RpcEngine>& engine) VYN_REQUIRES(mMutex);
+
+  std::vector<InUse> mInUse VYN_GUARDED_BY(mMutex);
 };
 
 }  // namespace vyn::common

@@ -190,6 +190,26 @@ TEST(RpcEnginePoolTest, AMovedPeerIsFollowed) {
   EXPECT_THAT(client.mPool->mEngines, ElementsAre(high)) << "those of the old peer go";
 }
 
+TEST(RpcEnginePoolTest, CallsToAPeerThatStandsStillEndWhenThePeerHasMoved) {
+  ScriptedService silent;
+  silent.Answer(kId, {0, "", ScriptedService::Reply::kSilence});
+  const RawListener frozen;  // the kernel connects, and nobody sends a greeting
+  const ScriptedService next;
+  const std::map<std::uint16_t, std::function<bool()>> isAsked{
+      {silent.Port(), [&] { return !silent.Requests().empty(); }},
+      {frozen.Port(), [&] { return frozen.HasCaller(5); }}};
+  for (const auto& [port, asked] : isAsked) {
+    Client client(port);
+    auto waiting = std::async(std::launch::async, [&] { return client.Call(); });
+    ASSERT_TRUE(test::WaitUntil(asked));
+    client.mPool->mPort = next.Port();
+    client.mPool->AbandonOldPeers();
+    EXPECT_EQ(waiting.get(), 2020019U);
+    EXPECT_EQ(client.Call(), 0U);
+    EXPECT_EQ(client.mPool->mEngines.size(), 1U);
+  }
+}
+
 TEST(RpcEnginePoolTest, ACallThatFailsHandsItsEngineBack) {
   ScriptedService server;
   Client client(server.Port());
