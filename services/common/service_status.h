@@ -44,6 +44,12 @@ inline constexpr std::uint32_t kStatusLimit = 2140027;
 /// A newer build has written a record in a format that this build cannot read. This build does not lead.
 inline constexpr std::uint32_t kStatusNewerRecord = 2140031;
 
+/// The node that is to have the blocks of a record does not have all of them, or has them in other sizes.
+inline constexpr std::uint32_t kStatusBlocksDiffer = 2140033;
+/// The leader could not ask the node whether it has the blocks of a record. Nothing was written; the call may
+/// be repeated.
+inline constexpr std::uint32_t kStatusNodeUnreachable = 2140035;
+
 /// ZooKeeper did not answer a read. Nothing was written. Clients get kStatusNotLeading instead.
 inline constexpr std::uint32_t kStatusUnanswered = 2140029;
 /// This node no longer leads, or cannot find out whether it does. Clients treat it as a lost connection: they

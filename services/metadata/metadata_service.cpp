@@ -5,6 +5,7 @@
 #include "common/message/heart_beat_message.h"
 #include "common/util/clock.h"
 #include "platform/fabric/protocol/names.h"
+#include "platform/fabric/protocol/protocol.h"
 #include "services/common/rpc_handlers.h"
 #include "services/metadata/node_selection.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
@@ -14,6 +15,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
 namespace vyn::services {
@@ -165,6 +168,36 @@ std::uint32_t MetadataService::CheckBlocks(BroadcastBlockInfo& info) {
                                                     << ": the pool of node " << info.nodeId
                                                     << " cannot hold blocks of these sizes");
     return kStatusInvalidRequest;
+  }
+  return mOptions.sizesAtNode != nullptr && !info.bmIds.empty() ? CompareWithNode(info) : VYN_OK;
+}
+
+std::uint32_t MetadataService::CompareWithNode(const BroadcastBlockInfo& info) {
+  std::string unused;
+  if (mState.GetBlock(info.appId, info.broadcastId, 0, unused) == kStatusUnknownVariable) {
+    return kStatusUnknownVariable;  // without a question to the node
+  }
+  const std::string name = "variable " + std::to_string(info.broadcastId) + " of " + info.appId;
+  std::vector<std::uint64_t> sizes;
+  const auto nodeId = static_cast<std::uint16_t>(info.nodeId);
+  if (const int result = mOptions.sizesAtNode(nodeId, info.appId, info.bmIds, sizes); result != 0) {
+    VYN_LOG_WARN("Refused the blocks of " << name << ": node " << nodeId
+                                          << " did not tell which blocks it has, result " << result);
+    return kStatusNodeUnreachable;
+  }
+  if (const auto [wanted, found] = std::mismatch(info.sizes.begin(), info.sizes.end(), sizes.begin());
+      wanted != info.sizes.end()) {
+    const auto index = static_cast<std::size_t>(wanted - info.sizes.begin());
+    VYN_LOG_ERROR("Refused the blocks of "
+                  << name << ": block " << index << " (" << info.bmIds[index] << ") has "
+                  << (*found == fabric::kNoObject ? "gone from" : std::to_string(*found) + " bytes at")
+                  << " node " << nodeId << ", the list says " << *wanted << " bytes");
+    return kStatusBlocksDiffer;
+  }
+  if (std::unordered_set<std::string_view>(info.bmIds.begin(), info.bmIds.end()).size() !=
+      info.bmIds.size()) {
+    VYN_LOG_ERROR("Refused the blocks of " << name << ": the list has a block twice");
+    return kStatusBlocksDiffer;
   }
   return VYN_OK;
 }

@@ -18,6 +18,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,6 +38,11 @@ struct MetadataServiceOptions {
   std::chrono::milliseconds findLeaderTime{60000};
   /// How long a request waits until a new leader has read the records.
   std::chrono::milliseconds readyTimeout{30000};
+  /// Asks a node for the sizes of blocks: FabricNode::Sizes. The leader compares them with each block list
+  /// before it writes the list. Null: nobody is asked.
+  std::function<int(std::uint16_t nodeId, const std::string& application,
+                    const std::vector<std::string>& bmIds, std::vector<std::uint64_t>& sizes)>
+      sizesAtNode;
   ApplicationLimits limits;
   /// TLS and limits of the server. The service replaces mReport.
   rpc::ServerOptions server;
@@ -79,9 +85,10 @@ class MetadataService {
   std::uint32_t WhenReady(Work work);
   /// SelectNodes. If the result is empty, reads the view again, because a node may have just started.
   std::vector<cluster::NodeInfo> Select(const std::vector<std::string>& candidates, bool one);
-  /// Checks a block list from outside: its form, and that its node's pool can hold blocks of these sizes.
-  /// Removes the padding of the ids. Returns: 0 or the status for the refusal.
+  /// Checks a block list from outside: its form, and that its node has these blocks in these sizes. Removes
+  /// the padding of the ids. Returns: 0 or the status for the refusal.
   std::uint32_t CheckBlocks(tessel::BroadcastBlockInfo& info);
+  std::uint32_t CompareWithNode(const tessel::BroadcastBlockInfo& info);
   /// Checks for silent applications. Runs on the thread of mSilenceTask.
   void WatchSilence();
   void EndSilent();

@@ -73,6 +73,9 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   member.service.address = mOptions.address;
   member.service.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_meta.port", 3892));
   member.service.applicationTimeout = mOptions.applicationTimeout;
+  member.service.sizesAtNode =
+      [this](std::uint16_t nodeId, const std::string& application, const std::vector<std::string>& bmIds,
+             std::vector<std::uint64_t>& sizes) { return mFabric.Sizes(nodeId, application, bmIds, sizes); };
   member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
   member.service.server = ServerSettings();
   member.onNewSession = [this] { mNodeServer->ForgetAll(); };

@@ -276,6 +276,16 @@ int FabricNode::IsBeingWritten(const std::string& ns, const std::string& id, boo
   return Local(result);
 }
 
+int FabricNode::Sizes(std::uint16_t nodeId, const std::string& ns, const std::vector<std::string>& ids,
+                      std::vector<std::uint64_t>& sizes) const {
+  if (nodeId == mImpl->options.nodeId) {
+    sizes = mImpl->pool.Sizes(ns, ids);
+    return 0;
+  }
+  const auto other = mImpl->neighbours.Find(nodeId);
+  return other == nullptr ? kBmUnconnected : other->Sizes(ns, ids, sizes);
+}
+
 void FabricNode::DropCopies(const std::vector<std::string>& ids) {
   for (const std::string& id : ids) {
     mImpl->copies.Drop(id);

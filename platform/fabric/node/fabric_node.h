@@ -153,6 +153,12 @@ class FabricNode {
   /// Returns: 0, -ENOENT, kBmLocalError.
   int IsBeingWritten(const std::string& ns, const std::string& id, bool& writing, std::uint64_t& stamp) const;
 
+  /// Asks a node, this one or another, for the sizes of objects in one namespace. May block for some seconds.
+  /// \param sizes receives one entry an id, kNoObject (protocol.h) for an object that the node does not have.
+  /// Returns: 0; kBmUnconnected, kBmRemoteProtocol when the other node did not answer.
+  int Sizes(std::uint16_t nodeId, const std::string& ns, const std::vector<std::string>& ids,
+            std::vector<std::uint64_t>& sizes) const;
+
   /// Drops this node's copies of other nodes' objects. That process knows that the originals are gone, also
   /// when their owner has not freed them yet.
   void DropCopies(const std::vector<std::string>& ids);

@@ -41,6 +41,7 @@ bool FabricSession::Handle(ServerCall& call, Reader& arguments) {
       {FabricOperation::kCopy, &FabricSession::Copy},
       {FabricOperation::kExist, &FabricSession::Exist},
       {FabricOperation::kState, &FabricSession::State},
+      {FabricOperation::kSizes, &FabricSession::Sizes},
   };
   const auto handler = kHandlers.find(call.Operation());
   return handler != kHandlers.end() && (this->*handler->second)(call, arguments);
@@ -317,19 +318,36 @@ bool FabricSession::State(ServerCall& call, Reader& arguments) {
   return call.Answer(result, result == 0 ? AnswerOf(state) : std::string());
 }
 
-bool FabricSession::Exist(ServerCall& call, Reader& arguments) {
+bool FabricSession::ReadIds(Reader& arguments, std::vector<std::string>& ids) const {
   const auto count = arguments.Get<std::uint16_t>();
-  std::vector<std::string> ids;
   for (std::uint32_t index = 0; index < count && count <= kMaxIdsPerFrame; ++index) {
     const std::string_view id = arguments.Text();
     ids.emplace_back(IsObjectId(id) ? id : "");  // a text that is no id names no object
   }
-  if (!arguments.Complete() || mKind != ListenerKind::kLink) {
+  return arguments.Complete() && mKind == ListenerKind::kLink;
+}
+
+bool FabricSession::Exist(ServerCall& call, Reader& arguments) {
+  std::vector<std::string> ids;
+  if (!ReadIds(arguments, ids)) {
     return false;
   }
   Writer answer;
   for (const bool exists : mParts.pool.Exist(ids)) {
     answer.Put(static_cast<std::uint8_t>(exists));
+  }
+  return call.Answer(0, answer.Bytes());
+}
+
+bool FabricSession::Sizes(ServerCall& call, Reader& arguments) {
+  const std::string_view ns = arguments.Text();
+  std::vector<std::string> ids;
+  if (!ReadIds(arguments, ids)) {
+    return false;
+  }
+  Writer answer;
+  for (const std::uint64_t size : mParts.pool.Sizes(ns, ids)) {
+    answer.Put(size);
   }
   return call.Answer(0, answer.Bytes());
 }

@@ -66,6 +66,7 @@ class FabricSession {
   bool Copy(ServerCall& call, Reader& arguments);
   bool Exist(ServerCall& call, Reader& arguments);
   bool State(ServerCall& call, Reader& arguments);
+  bool Sizes(ServerCall& call, Reader& arguments);
 
   /// Carries a request out where it belongs. \param owner the node of the object or namespace. \param remote
   /// called with the proxy when that is another node. \param local called when it is this node. Returns: the
@@ -89,6 +90,8 @@ class FabricSession {
     return result != 0 ? result : act(space);
   }
 
+  /// Reads the ids of a question that only a link may ask. Returns: whether the question is valid.
+  bool ReadIds(Reader& arguments, std::vector<std::string>& ids) const;
   /// Returns: 0 with `other` null when `owner` is this node; 0 with `other` when it is another one; otherwise
   /// the result for the caller.
   int Route(std::uint16_t owner, NodePtr& other) const;

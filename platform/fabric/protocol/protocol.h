@@ -84,6 +84,8 @@ inline constexpr std::uint32_t kMaxDataLength = 1U << 20U;
 inline constexpr std::uint32_t kMaxIdsPerFrame = 1024;
 /// No object can be larger, whatever a node's limit.
 inline constexpr std::uint64_t kMaxObjectSize = std::uint64_t{1} << 62U;
+/// Stands for the size of an object that is not there.
+inline constexpr std::uint64_t kNoObject = ~std::uint64_t{0};
 /// The most requests that a client has in flight on one connection.
 inline constexpr std::uint32_t kPipelineDepth = 8;
 
@@ -153,6 +155,10 @@ enum class FabricOperation : std::uint16_t {
   /// secured, text id, u8 1 to have the checksum -> u64 size, u64 stamp, u8 1 while a process may write, u64
   /// checksum (0 unless it was asked for): an ObjectState (remote_node.h).
   kState = 15,
+  /// Link only. text ns, u16 count (at most kMaxIdsPerFrame), that many texts: ids -> `count` times u64: the
+  /// bytes of the object, or kNoObject when the namespace has none of this id. The metadata leader asks this
+  /// about the blocks of a record. Needs no token, for the reason given at kExist.
+  kSizes = 16,
 };
 
 // --- Time
@@ -172,6 +178,8 @@ inline constexpr std::chrono::milliseconds kMaxReserveTime{60000};
 inline constexpr std::chrono::milliseconds kFrameTimeout{10000};
 /// A node at work sends an interim answer this often.
 inline constexpr std::chrono::milliseconds kProgressInterval{2000};
+/// For all answers of one question about the sizes of many objects (kSizes).
+inline constexpr std::chrono::milliseconds kSizesTimeout{8000};
 /// For an answer, however many interim answers come before it.
 inline constexpr std::chrono::milliseconds kLongestAnswer{3600 * 1000};
 

@@ -306,6 +306,37 @@ int RemoteNode::Exist(const std::vector<std::string>& ids, std::vector<bool>& ex
   return reader.Complete() ? 0 : kBmRemoteProtocol;
 }
 
+int RemoteNode::Sizes(std::string_view ns, const std::vector<std::string>& ids,
+                      std::vector<std::uint64_t>& sizes) {
+  const net::Deadline limit = net::Deadline::After(kSizesTimeout);
+  sizes.clear();
+  while (sizes.size() < ids.size()) {
+    const std::size_t begin = sizes.size();
+    const std::size_t count = std::min<std::size_t>(kMaxIdsPerFrame, ids.size() - begin);
+    Writer head;
+    head.Text(ns).Put(static_cast<std::uint16_t>(count));
+    for (std::size_t index = 0; index < count; ++index) {
+      head.Text(ids[begin + index]);
+    }
+    std::string answer;
+    int result = kBmUnconnected;
+    for (int tries = 2; tries > 0 && result == kBmUnconnected && !limit.IsOver(); --tries) {
+      result = Call(FabricOperation::kSizes, head.Bytes(), answer);
+    }
+    if (result != 0) {
+      return result;
+    }
+    Reader reader(answer);
+    for (std::size_t index = 0; index < count; ++index) {
+      sizes.push_back(reader.Get<std::uint64_t>());
+    }
+    if (!reader.Complete()) {
+      return kBmRemoteProtocol;
+    }
+  }
+  return 0;
+}
+
 int RemoteNode::Transfer(FabricOperation operation, const ObjectName& object, std::uint64_t offset,
                          std::uint64_t length, std::uint64_t beyond, const Sink* sink, const Source* source) {
   std::unique_ptr<Channel> channel;

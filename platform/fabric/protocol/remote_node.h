@@ -80,6 +80,10 @@ class RemoteNode {
   /// \param exist receives one entry an id. Requires: at most kMaxIdsPerFrame ids.
   int Exist(const std::vector<std::string>& ids, std::vector<bool>& exist);
 
+  /// \param sizes receives one entry an id, kNoObject for an object that the namespace does not have. Asks
+  /// again when a kept connection has broken; starts no request after kSizesTimeout.
+  int Sizes(std::string_view ns, const std::vector<std::string>& ids, std::vector<std::uint64_t>& sizes);
+
   /// Reads `length` bytes from the channel; `position` counts from the beginning of the transfer. Any other
   /// status than kOk ends the transfer.
   using Sink = std::function<net::IoStatus(Channel& channel, std::uint64_t position, std::uint32_t length)>;

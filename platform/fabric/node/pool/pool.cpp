@@ -363,6 +363,18 @@ int Pool::Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& si
   return 0;
 }
 
+std::vector<std::uint64_t> Pool::Sizes(std::string_view ns, const std::vector<std::string>& ids) const {
+  std::vector<std::uint64_t> sizes(ids.size(), kNoObject);
+  if (const NamespacePtr space = Find(ns); space != nullptr) {
+    sync::MutexLock lock(space->mutex);
+    for (std::size_t index = 0; index < ids.size(); ++index) {
+      const auto found = space->sizes.find(ids[index]);
+      sizes[index] = found == space->sizes.end() ? kNoObject : found->second;
+    }
+  }
+  return sizes;
+}
+
 int Pool::OpenObject(const NamespacePtr& space, std::string_view id, bool writable, net::Descriptor& file,
                      std::uint64_t& size) const {
   if (const int result = Stat(space, id, size); result != 0) {

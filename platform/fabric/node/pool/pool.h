@@ -83,6 +83,8 @@ class Pool {
   int Expand(const NamespacePtr& space, std::string_view id, std::uint64_t size);
   int Free(const NamespacePtr& space, std::string_view id);
   int Stat(const NamespacePtr& space, std::string_view id, std::uint64_t& size) const;
+  /// For each object its size, or kNoObject when the namespace does not have it.
+  std::vector<std::uint64_t> Sizes(std::string_view ns, const std::vector<std::string>& ids) const;
   /// Called after every block of a file that is read; false ends the reading.
   using Between = std::function<bool()>;
   /// \param between null: the checksum is not computed. Returns also -EIO, when the file cannot be read.

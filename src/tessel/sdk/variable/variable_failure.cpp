@@ -13,6 +13,10 @@ namespace vyn::tessel {
 
 namespace {
 
+/// The leader's refusals of a block list: the node has other blocks, or could not be asked.
+constexpr std::uint32_t kBlocksDiffer = 2140033;
+constexpr std::uint32_t kNodeUnreachable = 2140035;
+
 std::string ByteText(std::uint64_t bytes) {
   constexpr std::array<const char*, 5> kUnits{"B", "KiB", "MiB", "GiB", "TiB"};
   auto value = static_cast<double>(bytes);
@@ -46,6 +50,12 @@ std::uint32_t FailService(const VariableKey& key, Service service, std::uint32_t
     case VYN_VARIABLE_LIMIT:
       return VYN_FAIL(status, "application " << key.application << " has reached its limit of variables or "
                                              << "blocks");
+    case kBlocksDiffer:
+      return VYN_FAIL(VYN_VARIABLE_LOST, key.Text() << ": its node no longer has all its blocks");
+    case kNodeUnreachable:
+      return VYN_FAIL(VYN_VARIABLE_LOST, key.Text()
+                                             << ": the leader of the metadata service cannot reach the "
+                                             << "node that has its blocks");
     default:
       return VYN_FAIL(VYN_VARIABLE_NO_SERVICE,
                       key.Text() << ": "

@@ -4,9 +4,11 @@
 
 #include "cluster/node_records.h"
 #include "common/message/heart_beat_message.h"
+#include "platform/fabric/protocol/names.h"
 #include "services/common/service_status.h"
 #include "services/metadata/metadata_member.h"
 #include "services/metadata/node_selection.h"
+#include "support/fabric/fabric.h"
 #include "support/net/proxy.h"
 #include "support/rpc/service_client.h"
 #include "support/zookeeper/cluster_test.h"
@@ -31,6 +33,13 @@ class MetadataServiceTest : public ClusterTest {
     MetadataServiceOptions options;
     options.address = "127.0.0.1";
     options.applicationTimeout = std::chrono::seconds(1);
+    StartAgain(mOwner, mPlaces[0].Options());
+    fabric::FabricNodeOptions asking = mPlaces[1].Options();
+    asking.directory = Directory(1, mOwner);
+    StartAgain(mLeader, asking);
+    options.sizesAtNode = [this](auto node, const auto& app, const auto& ids, auto& sizes) {
+      return mLeader.Sizes(node, app, ids, sizes);
+    };
     mService = std::make_unique<MetadataService>(options, mView);
     ASSERT_EQ(mService->Start(std::chrono::hours(1)), 0U);
     mClient.emplace(mService->Port());
@@ -57,6 +66,15 @@ class MetadataServiceTest : public ClusterTest {
     return mClient->Send<BroadcastVar>(BROADCAST_VAR_GET, mGot.Get(), app, 1U);
   }
 
+  std::string Block(const std::string& app, std::uint64_t size) {
+    std::string id;
+    mOwner.CreateNamespace(app, "t");
+    EXPECT_EQ(mOwner.Allocate(app, size, id), 0);
+    return id;
+  }
+
+  const FabricPlace mPlaces[2]{FabricPlace(1), FabricPlace(9)};
+  fabric::FabricNode mOwner, mLeader;  ///< the leader asks over a link
   FabricView mView;
   std::unique_ptr<MetadataService> mService;
   std::optional<ServiceClient> mClient;
@@ -74,8 +92,9 @@ TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEndAndWhatIsRefused) {
   EXPECT_EQ(New("app", 2), 0U);
   EXPECT_EQ(Fetch("app"), kStatusNotReady);
   using Ids = std::vector<std::string>;
-  const std::string own = "b0001" + std::string(54, 'b');
-  const Ids ids{own + "1", own + "2"};
+  const Ids ids{Block("app", 7), Block("app", 8)};
+  const std::string foreign = Block("other", 8);
+  const std::string gone = fabric::MakeObjectId(1), unknown = fabric::MakeObjectId(2);
   using Sizes = std::vector<std::uint64_t>;
   for (const auto& [id, node, bmIds, sizes, status] :
        {std::tuple(1U, 1U, ids, Sizes{7}, kStatusInvalidRequest),
@@ -83,14 +102,27 @@ TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEndAndWhatIsRefused) {
         std::tuple(1U, 1U, ids, Sizes{600, 401}, kStatusInvalidRequest),  // the pool has 1000 bytes
         std::tuple(1U, 1U, ids, Sizes{~std::uint64_t{0}, 8}, kStatusInvalidRequest),
         std::tuple(1U, 2U, ids, Sizes{7, 7}, kStatusWrongOwner),  // their node would never free them
-        std::tuple(1U, 1U, Ids{ids[0], ids[1], own + "3"}, Sizes{7, 7, 7}, kStatusInvalidRequest),
-        std::tuple(2U, 1U, ids, Sizes{7, 7}, kStatusUnknownVariable),
+        std::tuple(1U, 1U, Ids{ids[0], ids[1], Block("app", 7)}, Sizes{7, 8, 7}, kStatusInvalidRequest),
+        std::tuple(2U, 1U, ids, Sizes{7, 8}, kStatusUnknownVariable),
+        // What the node has decides.
+        std::tuple(1U, 1U, ids, Sizes{7, 9}, kStatusBlocksDiffer),
+        std::tuple(1U, 1U, ids, Sizes{6, 8}, kStatusBlocksDiffer),
+        std::tuple(1U, 1U, Ids{ids[0], ids[0]}, Sizes{7, 7}, kStatusBlocksDiffer),
+        std::tuple(1U, 1U, Ids{ids[0], gone}, Sizes{7, 8}, kStatusBlocksDiffer),
+        std::tuple(1U, 1U, Ids{ids[0], foreign}, Sizes{7, 8}, kStatusBlocksDiffer),
+        std::tuple(1U, 2U, Ids{unknown}, Sizes{7}, kStatusNodeUnreachable),
         // As a driver outside the fabric sends it.
-        std::tuple(1U, 1U, Ids{ids[0] + std::string(4, '\0'), ids[1]}, Sizes{7, 7}, std::uint32_t{VYN_OK})}) {
+        std::tuple(1U, 1U, Ids{ids[0] + std::string(4, '\0'), ids[1]}, Sizes{7, 8}, std::uint32_t{VYN_OK})}) {
     for (const std::uint16_t code : {BROADCAST_VAR_INFO_ADD, BROADCAST_BLOCK_INFO_ADD}) {
+      EXPECT_EQ(Fetch("app"), code == BROADCAST_BLOCK_INFO_ADD && status == 0 ? 0 : kStatusNotReady);
       EXPECT_EQ(mClient->Send<BroadcastBlockInfo>(code, nullptr, "app", id, node, bmIds, sizes), status);
     }
   }
+  Ids many;  // more than one frame of the question
+  std::generate_n(std::back_inserter(many), 1025, [this] { return Block("app", 7); });
+  Sizes sizes;
+  EXPECT_EQ(mLeader.Sizes(1, "app", many, sizes), 0);
+  EXPECT_EQ(sizes, Sizes(1025, 7));
   ASSERT_EQ(Fetch("app"), 0U);
   EXPECT_TRUE(mGot->bmIds == ids && mGot->nodeId == 1U);
   Ref<BlockBmInfo> block(new BlockBmInfo());
