@@ -38,11 +38,11 @@
  * grows, so that there are at most 4096 blocks. Blocks of one variable are on one node.
  *
  * A writer that dies. On a node, its blocks are freed and its number is free again a few seconds after the
- * process has ended, also when it was killed. If the node's vynd is restarted between VynVariableCreate and
- * the writer's death, the blocks stay until the application ends, and the number until VynVariableDelete. The
- * same holds for a writer outside the fabric that is killed before it has published: nobody sees the bytes,
- * but readers are told VYN_VARIABLE_NOT_PUBLISHED. While a writer is only stopped (SIGSTOP, a debugger), the
- * variable stays unpublished, and the writer can go on.
+ * process has ended, also when it was killed, and also when the node's vynd was restarted meanwhile. A writer
+ * outside the fabric that is killed before it has published leaves its blocks until the application ends, and
+ * its number until VynVariableDelete: nobody sees the bytes, but readers are told
+ * VYN_VARIABLE_NOT_PUBLISHED. While a writer is only stopped (SIGSTOP, a debugger), the variable stays
+ * unpublished, and the writer can go on.
  */
 
 #include <stdint.h>

@@ -41,7 +41,8 @@ struct NodeServerOptions {
   /// Lets another thread free objects of the pool. Must not block: the RPC server's threads call it.
   std::function<void(const std::string& application, const std::vector<std::string>& bmIds)> giveBack;
   VariableCache::AskLeader lookUp;
-  /// Called with each batch of blocks that was allocated for a variable; may be null. Must not block.
+  /// Called with each batch of blocks that was allocated for a variable; may be null. May write a file, but
+  /// must not wait for another process.
   std::function<void(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds)>
       created;
 };

@@ -2,7 +2,10 @@
 
 #include "common/log/logging.h"
 #include "common/util/clock.h"
+#include "platform/zk_helper/zk_helper.h"
 #include "services/common/service_status.h"
+#include "services/common/zookeeper_io.h"
+#include "services/common/zookeeper_layout.h"
 
 #include <iterator>
 #include <utility>
@@ -19,16 +22,18 @@ constexpr auto kUnopenedLimit = std::chrono::minutes(5);
 
 }  // namespace
 
-void UnpublishedVariables::Start() {
+void UnpublishedVariables::Start(const std::string& folder) {
+  mBatches = mJournal.Open(folder);
   mTask.Start({"The unpublished variables of this node could not be looked at", kPeriod},
               [this] { LookAtAll(); });
 }
 
 void UnpublishedVariables::Add(const std::string& application, std::uint32_t id,
                                const std::vector<std::string>& bmIds) {
-  Batch batch{application, id, bmIds, common::SteadyNow(), 0};
+  BlockBatch batch{application, id, bmIds, 0, "", false, common::SteadyNow()};
   bool writing = false;
   static_cast<void>(mFabric.IsBeingWritten(application, bmIds.front(), writing, batch.stamp));
+  mJournal.Save(batch);
   sync::MutexLock lock(mMutex);
   mNew.push_back(std::move(batch));
 }
@@ -40,30 +45,36 @@ void UnpublishedVariables::LookAtAll() {
                     std::make_move_iterator(mNew.end()));
     mNew.clear();
   }
-  std::erase_if(mBatches, [this](const Batch& batch) { return !mTask.Stopping() && Settle(batch); });
+  for (std::size_t i = 0; i < mBatches.size() && !mTask.Stopping();) {
+    if (!Settle(mBatches[i])) {
+      ++i;
+      continue;
+    }
+    mJournal.Remove(mBatches[i]);
+    std::swap(mBatches[i], mBatches.back());
+    mBatches.pop_back();
+  }
 }
 
-bool UnpublishedVariables::Settle(const Batch& batch) {
+bool UnpublishedVariables::Settle(BlockBatch& batch) {
   bool writing = false;
   std::uint64_t stamp = 0;
   if (mFabric.IsBeingWritten(batch.application, batch.bmIds.front(), writing, stamp) != 0) {
     return true;  // freed meanwhile
   }
   if (writing || (stamp == batch.stamp && common::SteadyNow() - batch.begin < kUnopenedLimit)) {
+    SeekClaim(batch);
     return false;
   }
   tessel::BroadcastBlockInfo info;
-  std::uint32_t status = mMetadata.LookUp(batch.application, batch.id, info);
+  const std::uint32_t status = mMetadata.LookUp(batch.application, batch.id, info);
   if (!Failed(status) && info.bmIds == batch.bmIds) {
     return true;
   }
   if (status == kStatusNotReady) {
     // Drivers that record their blocks one by one have a record that is not complete and not abandoned.
-    if (!Failed(mMetadata.FindBlock(batch.application, batch.id, 0))) {
+    if (!Failed(mMetadata.FindBlock(batch.application, batch.id, 0)) || !RemoveRecord(batch)) {
       return false;
-    }
-    if (Failed(mMetadata.RemoveUnpublished(batch.application, batch.id))) {
-      return false;  // also when it was published since the look-up
     }
   } else if (Failed(status) && status != kStatusUnknownVariable) {
     return false;  // the leader did not say
@@ -73,6 +84,33 @@ bool UnpublishedVariables::Settle(const Batch& batch) {
                                          << " blocks");
   mFabric.FreeBatch(batch.application, batch.bmIds);
   return true;
+}
+
+void UnpublishedVariables::SeekClaim(BlockBatch& batch) const {
+  std::vector<std::string> names;
+  const std::string application = AppPath(batch.application);
+  if (batch.claimSought || zookeeper::Children(application, names) != ZOK) {
+    return;
+  }
+  batch.claimSought = true;
+  const std::string prefix = std::to_string(batch.id) + ".";
+  for (const std::string& name : names) {
+    if (name.rfind(prefix, 0) == 0) {
+      // A leader that failed may have left two records of one number. Then nobody knows whose they are.
+      batch.claim = batch.claim.empty() ? application + "/" + name : "";
+    }
+  }
+  mJournal.Save(batch);
+}
+
+bool UnpublishedVariables::RemoveRecord(BlockBatch& batch) {
+  SeekClaim(batch);
+  const int found = batch.claim.empty() ? ZNONODE : zookeeper::Exists(batch.claim);
+  if (!batch.claimSought || (found != ZOK && found != ZNONODE)) {
+    return false;  // ZooKeeper did not say
+  }
+  // The status is a failure, too, when the variable was published since the look-up.
+  return found == ZNONODE || !Failed(mMetadata.RemoveUnpublished(batch.application, batch.id));
 }
 
 }  // namespace vyn::services

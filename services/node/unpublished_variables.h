@@ -3,17 +3,20 @@
 // Frees the blocks of variables whose writer ended before it published them, and removes their records, so
 // that their numbers are free again. It knows every batch of blocks that this daemon has allocated for a
 // variable until the metadata leader says that the variable has these blocks. A writer has ended when no
-// process has the first block open for writing any more. A restart of the daemon forgets the batches; their
-// blocks then stay until the application ends.
+// process has the first block open for writing any more: the kernel tells that, also after a restart of the
+// daemon. The batches are in a BatchJournal, so that a restarted daemon goes on with them.
+//
+// A record is removed only if it is the one that the dead writer made (BlockBatch::claim). Another writer may
+// have the number meanwhile, and may be filling its variable at another node.
 //
 // One thread calls Start and Stop; any thread may call Add.
 
 #include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/sync/mutex.h"
+#include "services/node/batch_journal.h"
 #include "services/node/metadata_client.h"
 
-#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -30,29 +33,28 @@ class UnpublishedVariables {
   UnpublishedVariables(const UnpublishedVariables&) = delete;
   UnpublishedVariables& operator=(const UnpublishedVariables&) = delete;
 
-  void Start();
+  /// \param folder of the journal.
+  void Start(const std::string& folder);
   void Stop() { mTask.Stop(); }
   /// Requires: `bmIds` is not empty.
   void Add(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds);
 
  private:
-  struct Batch {
-    std::string application;
-    std::uint32_t id;
-    std::vector<std::string> bmIds;
-    std::chrono::steady_clock::time_point begin;
-    std::uint64_t stamp;  ///< of the first block before anybody could write it
-  };
-
   void LookAtAll();
   /// Returns: whether nothing is left to do for the batch.
-  bool Settle(const Batch& batch);
+  bool Settle(BlockBatch& batch);
+  /// Fills in the claim of a batch whose writer has just made it. Does nothing when it was sought before.
+  void SeekClaim(BlockBatch& batch) const;
+  /// Removes the record of a writer that has ended, unless it is another writer's. Returns: whether this is
+  /// decided.
+  bool RemoveRecord(BlockBatch& batch);
 
   fabric::FabricNode& mFabric;
   MetadataClient& mMetadata;
+  BatchJournal mJournal;
   sync::Mutex mMutex;
-  std::vector<Batch> mNew VYN_GUARDED_BY(mMutex);
-  std::vector<Batch> mBatches;  ///< used by the thread of mTask
+  std::vector<BlockBatch> mNew VYN_GUARDED_BY(mMutex);
+  std::vector<BlockBatch> mBatches;  ///< used by the thread of mTask
   common::PeriodicTask mTask;
 };
 

@@ -128,11 +128,11 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
     error = "the metadata member cannot start, see the log for the reason";
     return fail();
   }
+  mUnpublished.Start(mHome + "/run/unpublished");  // before a client can create a batch
   if (!mNodeServer->Start(error)) {
     return fail();
   }
   mReclaimer->Start();
-  mUnpublished.Start();
   // A node is ready when its clients can find the metadata service. In a new cluster this node may be up
   // before any node that can lead, so a missing leader is only a warning.
   if (AwaitLeader(kLeaderLimit, [&] { return !stopping(); }).empty()) {

@@ -108,6 +108,37 @@ TEST_F(VariableTest, AKilledWriterLeavesNothing) {
   }
 }
 
+TEST_F(VariableTest, ARestartedNodeTellsTheDeadWritersFromTheLiving) {
+  const auto first = Client("first");
+  std::vector<std::unique_ptr<BroadcastClient>> writers;  // of the variables 1, 2, 3
+  for (const char* make : {"make app 1 5000001 5", "make app 2 5000001 6", "make app 3 5000001 7"}) {
+    writers.push_back(Client("second"));
+    Expect(*writers.back(), make, "0");
+  }
+  const std::string folder = mSecond.Home() + "/run/unpublished/";
+  EXPECT_TRUE(WaitUntil([&] {  // the node knows whose records these are
+    const auto names = NamesIn(folder);
+    return std::count_if(names.begin(), names.end(), [&](const std::string& name) {
+             return ReadFile(folder + name).find("/vyn/apps/app/") != std::string::npos;
+           }) == 3;
+  }));
+  std::ofstream(folder + "damaged") << R"({"application":"app","id":2,"blocks":["b"]})";
+  mSecond.Process().Kill();
+  writers[0]->Process().Kill();
+  writers[2]->Process().Kill();
+  Expect(*first, "drop app 3", "0");
+  Expect(*first, "make app 3 5000001 8", "0");  // another writer has the number now
+  mSecond.Start();
+  EXPECT_TRUE(WaitUntil([&] { return mSecond.Objects() == 2; }));
+  Expect(*Client("first"), "open app 1 5", "2140011");
+  Expect(*writers[1], "publish", "0");
+  Expect(*first, "publish", "0");
+  const auto reader = Client("second");
+  Expect(*reader, "open app 2 6", "0");
+  Expect(*reader, "open app 3 8", "0");
+  EXPECT_TRUE(WaitUntil([&] { return NamesIn(folder).empty(); }));
+}
+
 TEST_F(VariableTest, TheGivenFunctionsAndTheseMeet) {
   const auto first = Client("first");
   const auto second = Client("second");
