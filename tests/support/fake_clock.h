@@ -12,7 +12,6 @@ class FakeClock : public common::Clock {
  public:
   using Duration = std::chrono::nanoseconds;
 
-  /// \param onSleep runs in every sleep.
   FakeClock() { common::Clock::Replace(this); }
   ~FakeClock() override { common::Clock::Replace(nullptr); }
 
