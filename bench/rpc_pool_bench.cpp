@@ -53,7 +53,7 @@ double Run(Latency& times, const std::function<void(int thread)>& call) {
 int main() {
   EchoServer server;
   RPCEngineBase client;
-  client.SetEnginePool(vyn::common::Ref<RPCEnginePool>(new Pool(server.Port())));
+  client.SetEnginePool(vyn::common::Ref<RPCEnginePool>(new Pool(server.Port())), nullptr);
   std::vector<std::unique_ptr<BareEcho>> bare;
   for (int thread = 0; thread < kThreads; ++thread) {
     bare.push_back(std::make_unique<BareEcho>(kBytes + kRequestOverhead, kBytes + kReplyOverhead));

@@ -227,7 +227,7 @@ void MetadataService::RegisterOperations() {
             return kStatusTooLarge;
           }
           std::erase_if(request.appIds, [](const std::string& name) { return !IsName(name); });
-          return mState.Known(request.appIds, response.appIds);
+          return mState.FilterKnown(request.appIds, response.appIds);
         });
       });
   ServeWithoutReply<HeartBeatMessage>(

@@ -358,8 +358,8 @@ void MetadataState::ExtendHeartbeatDeadlines(std::chrono::steady_clock::duration
   }
 }
 
-std::uint32_t MetadataState::Known(const std::vector<std::string>& applications,
-                                   std::vector<std::string>& known) {
+std::uint32_t MetadataState::FilterKnown(const std::vector<std::string>& applications,
+                                         std::vector<std::string>& known) {
   std::size_t unknown = 0;
   for (const std::string& name : applications) {
     bool here = false;

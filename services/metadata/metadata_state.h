@@ -4,7 +4,7 @@
 // MetadataStore first and then to memory.
 //
 // A client may repeat a write whose reply was lost; the repetition succeeds as well. Every operation returns
-// 0 or a status of services/common/service_status.h. After kStatusNotLeading the leadership is over.
+// 0 or a status of tessel/message/service_status.h. After kStatusNotLeading the leadership is over.
 //
 // After Load any thread may call any operation. Writes of one application run one at a time. Each holds the
 // application's write lock during the write to ZooKeeper, so that memory and store agree. A read never waits
@@ -60,7 +60,7 @@ class MetadataState {
   std::vector<std::string> Silent(std::chrono::milliseconds timeout) const;
   /// \param known receives those of `applications` that exist in memory or are registered at a node.
   /// ZooKeeper is asked for at most kMaxUnknown of them.
-  std::uint32_t Known(const std::vector<std::string>& applications, std::vector<std::string>& known);
+  std::uint32_t FilterKnown(const std::vector<std::string>& applications, std::vector<std::string>& known);
 
  private:
   /// The lock of an application for writing, which it shares with some others.

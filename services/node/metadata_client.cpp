@@ -6,6 +6,8 @@
 #include "services/common/service_status.h"
 #include "tessel/message/operation_codes.h"
 
+#include <array>
+
 namespace vyn::services {
 
 namespace {
@@ -72,9 +74,11 @@ std::uint32_t MetadataClient::Ask(short operation, const common::Ref<common::Bas
   if (!Failed(status)) {
     status = engine->RefreshMasterNodeInfo(true);
   }
+  // A look-up that finds nothing is no fault.
+  constexpr std::array<std::uint32_t, 2> kNotThere{kStatusUnknownVariable, kStatusNotReady};
   return Failed(status) ? status
                         : engine->SendCall(static_cast<std::uint16_t>(operation), request, response,
-                                           mLimits.call.count());
+                                           mLimits.call.count(), kNotThere);
 }
 
 std::uint32_t MetadataClient::FindBlock(const std::string& application, std::uint32_t id,

@@ -12,8 +12,8 @@ using common::MetaNodeRole;
 
 namespace {
 
-/// Attempts in a row that ZooKeeper did not answer. Guarded by mZKHandleLock.
-std::int32_t gLeaderTimeouts = 0;
+/// Attempts in a row that ZooKeeper did not answer.
+std::int32_t gLeaderTimeouts VYN_GUARDED_BY(ClusterZKAdapter::mZKHandleLock) = 0;
 
 constexpr std::chrono::seconds kMutexWait{300};
 constexpr std::chrono::seconds kMutexPause{5};

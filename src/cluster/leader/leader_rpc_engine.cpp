@@ -68,12 +68,13 @@ std::uint32_t LeaderRPCEngine::InitializeEnginePool(const std::string& ip) {
     thread << " tid<" << std::this_thread::get_id() << ">.";
   }
   VYN_LOG_INFO("Try to initialize rpc client to server: " << ip << ":" << mPort << thread.str());
-  mParam = new (std::nothrow) common::RPCEngineParam(mTimeout, ip, mPort, mTlsEnable, mAuthEnable);
-  VYN_CHECK_POINTER(mParam);
+  const common::Ref<common::RPCEngineParam> param(
+      new (std::nothrow) common::RPCEngineParam(mTimeout, ip, mPort, mTlsEnable, mAuthEnable));
+  VYN_CHECK_POINTER_NAMED(param, "mParam");
   const common::Ref<common::RPCEnginePool> pool(
-      mService.newPool(*mParam, mConnectionCount, mGroupIndex, std::move(securityConf)));
+      mService.newPool(*param, mConnectionCount, mGroupIndex, std::move(securityConf)));
   VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
-  SetEnginePool(pool);
+  SetEnginePool(pool, param);
   // Recorded only once its pool exists. Otherwise, after a failure above, RefreshMasterNodeInfo would see no
   // difference and leave the pool in use at the old leader.
   mMasterAddress = ip;
@@ -149,7 +150,8 @@ void LeaderRPCEngine::PauseFor(std::chrono::milliseconds pause, const std::strin
 std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,
                                              const common::Ref<common::BaseMessage>& response,
                                              const std::function<void(std::uint32_t)>& afterFailure,
-                                             std::chrono::milliseconds limit) {
+                                             std::chrono::milliseconds limit,
+                                             common::ExpectedRefusals expected) {
   const bool limited = limit.count() != 0 && (mTimeout <= 0 || mTimeout > limit.count());
   const long timeout = limited ? limit.count() : mTimeout;
   unsigned int failures = 0;
@@ -161,8 +163,8 @@ std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<com
       VYN_LOG_ERROR("Refresh Master Node Info Fail, error code:" << hr);
       return hr;
     }
-    hr = SendCall(static_cast<unsigned short>(opcode), request, response, timeout);
-    if (!Failed(hr)) {
+    hr = SendCall(static_cast<unsigned short>(opcode), request, response, timeout, expected);
+    if (!Failed(hr) || common::Expects(expected, hr)) {
       return hr;
     }
     VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "

@@ -89,11 +89,12 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   /// Calls RefreshMasterNodeInfo before each attempt.
   /// \param response may hold null. \param afterFailure called after each failed attempt and its pause, with
   /// the attempt's status; may be empty. \param limit for each attempt, if the client's time-out is longer; 0
-  /// is no such limit. Returns: the status of the last attempt.
+  /// is no such limit. \param expected after such a refusal nothing is repeated, and `afterFailure` is not
+  /// called. Returns: the status of the last attempt.
   std::uint32_t SendWithRetry(short opcode, const common::Ref<common::BaseMessage>& request,
                               const common::Ref<common::BaseMessage>& response,
                               const std::function<void(std::uint32_t)>& afterFailure,
-                              std::chrono::milliseconds limit = {});
+                              std::chrono::milliseconds limit = {}, common::ExpectedRefusals expected = {});
 
  private:
   /// Returns: the leader's address that MetaNodeInfo has; empty before LoadDependencies.
@@ -106,7 +107,6 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   const LeaderService& mService;
   const long mTimeout;  ///< milliseconds
   const std::uint16_t mGroupIndex;
-  /// Also guards mParam.
   sync::Mutex mRefreshMutex;
   common::Ref<common::MetaNodeInfo> mMetaNode VYN_GUARDED_BY(mRefreshMutex);
   std::string mMasterAddress

@@ -134,7 +134,8 @@ void RpcEngine::Abandon() {
 }
 
 unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, const Ref<BaseMessage>& request,
-                                    const Ref<BaseMessage>& response, long timeout) {
+                                    const Ref<BaseMessage>& response, long timeout,
+                                    ExpectedRefusals expected) {
   VYN_CHECK_POINTER(mClient);
   VYN_CHECK_POINTER(request);
   // When this fails, SerializedData is null, and the assertion below ends the call.
@@ -153,7 +154,7 @@ unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, const Ref<BaseMessage
     LogCallError(opcode, context.mStatus, context.mTimeout);
     return ToStatus(context.mStatus);
   }
-  if (const unsigned int result = CheckResult(opcode, responseMessage.Bl()); Failed(result)) {
+  if (const unsigned int result = CheckResult(opcode, responseMessage.Bl(), expected); Failed(result)) {
     return result;
   }
   if (response == nullptr) {
@@ -189,7 +190,8 @@ unsigned int RpcEngine::SyncRpcCall(unsigned short opcode, char* data, unsigned 
   return CheckResult(opcode, response.Bl());
 }
 
-unsigned int RpcEngine::CheckResult(unsigned short opcode, std::vector<rpc::Buffer>& buffers) {
+unsigned int RpcEngine::CheckResult(unsigned short opcode, std::vector<rpc::Buffer>& buffers,
+                                    ExpectedRefusals expected) {
   if (buffers.size() != 1) {
     VYN_LOG_ERROR("Sync rpc call return size != 1. "
                   << " opcode: " << opcode);
@@ -206,7 +208,11 @@ unsigned int RpcEngine::CheckResult(unsigned short opcode, std::vector<rpc::Buff
   if (!Failed(word)) {
     return VYN_OK;
   }
-  VYN_LOG_ERROR("Error code is " << word << " opcode: " << opcode);
+  if (Expects(expected, word)) {
+    VYN_LOG_DEBUG("Refused as expected with " << word << ", opcode: " << opcode);
+  } else {
+    VYN_LOG_ERROR("Error code is " << word << " opcode: " << opcode);
+  }
   return word;
 }
 

@@ -18,14 +18,24 @@
 #include "platform/rpc/server/server.h"
 #include "platform/sync/mutex.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
 namespace vyn::common {
+
+/// Statuses with which the caller of a call expects the server to refuse it: answers that the caller handles,
+/// and no fault. Such a refusal is logged at debug level only.
+using ExpectedRefusals = std::span<const std::uint32_t>;
+
+inline bool Expects(ExpectedRefusals expected, std::uint32_t status) {
+  return std::find(expected.begin(), expected.end(), status) != expected.end();
+}
 
 class RpcEngine : public Referable {
  public:
@@ -48,12 +58,13 @@ class RpcEngine : public Referable {
   /// -1 is no limit, 0 and less than -1 mean mTimeout. Returns: 0, the server's odd result word, or the
   /// status of what failed on the way.
   unsigned int SyncRpcCall(unsigned short opcode, const Ref<BaseMessage>& request,
-                           const Ref<BaseMessage>& response, long timeout);
+                           const Ref<BaseMessage>& response, long timeout, ExpectedRefusals expected = {});
   /// The same with serialised bytes and without a response body.
   unsigned int SyncRpcCall(unsigned short opcode, char* data, unsigned int size, long timeout);
 
   /// Reads the result word. Returns: 0 when it is even, the word when it is odd, 1 when there is none.
-  static unsigned int CheckResult(unsigned short opcode, std::vector<rpc::Buffer>& buffers);
+  static unsigned int CheckResult(unsigned short opcode, std::vector<rpc::Buffer>& buffers,
+                                  ExpectedRefusals expected = {});
 
   /// Server's side: checks the version of a request and finds the bytes after it. `data` points into
   /// `message`. Returns: 0; 2000005 for a request of another shape; 2020009 for a higher version.

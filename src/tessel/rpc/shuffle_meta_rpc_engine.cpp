@@ -96,13 +96,14 @@ std::uint32_t ShuffleMetaRPCEngine::ShuffleMetaLeaderInfoGet() {
 
 std::uint32_t ShuffleMetaRPCEngine::SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
                                                      const Ref<common::BaseMessage>& response,
-                                                     std::chrono::milliseconds limit) {
+                                                     std::chrono::milliseconds limit,
+                                                     common::ExpectedRefusals expected) {
   const auto askForLeader = [this](std::uint32_t hr) {
     if (Failed(ShuffleMetaLeaderInfoGet())) {
       VYN_LOG_ERROR("Failed to get meta leader information, hr is: " << hr);
     }
   };
-  return SendWithRetry(opcode, request, response, askForLeader, limit);
+  return SendWithRetry(opcode, request, response, askForLeader, limit, expected);
 }
 
 std::uint32_t ShuffleMetaRPCEngine::Call(short opcode, const Ref<common::BaseMessage>& request,

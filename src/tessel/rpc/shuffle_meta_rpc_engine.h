@@ -55,10 +55,12 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   /// no client of the node server. Returns: 0; 2080009 when that client no longer exists; 1 when the node
   /// server did not answer.
   std::uint32_t ShuffleMetaLeaderInfoGet();
-  /// One operation with the retry policy. \param response may hold null. \param limit see SendWithRetry.
+  /// One operation with the retry policy. \param response may hold null. \param limit, expected see
+  /// SendWithRetry.
   std::uint32_t SendAndWaitReply(short opcode, const Ref<common::BaseMessage>& request,
                                  const Ref<common::BaseMessage>& response,
-                                 std::chrono::milliseconds limit = {});
+                                 std::chrono::milliseconds limit = {},
+                                 common::ExpectedRefusals expected = {});
   /// Adds the security settings for the leader on host `metaHostname` to `conf`. An existing entry keeps its
   /// value.
   void GetSecurityConf(std::map<std::string, const std::string>& conf, const std::string& metaHostname);

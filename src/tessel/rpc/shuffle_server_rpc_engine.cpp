@@ -76,13 +76,13 @@ std::uint32_t ShuffleServerRPCEngine::Initialize(int connectionCount, bool isSdk
   mPoolMode = true;
 
   const auto port = static_cast<std::uint16_t>(mShuffleServerPort);
-  mParam =
-      new (std::nothrow) common::RPCEngineParam(mRpcTimeout, mShuffleServerIp, port, mTlsEnable, mAuthEnable);
-  VYN_CHECK_POINTER(mParam);
+  const Ref<common::RPCEngineParam> param(new (std::nothrow) common::RPCEngineParam(
+      mRpcTimeout, mShuffleServerIp, port, mTlsEnable, mAuthEnable));
+  VYN_CHECK_POINTER_NAMED(param, "mParam");
   const Ref<common::RPCEnginePool> pool(
-      new (std::nothrow) ServerRPCEnginePool(*mParam, isSdk, mConnectionCount, std::move(conf)));
+      new (std::nothrow) ServerRPCEnginePool(*param, isSdk, mConnectionCount, std::move(conf)));
   VYN_CHECK_POINTER_NAMED(pool, "mEnginePool");
-  SetEnginePool(pool);
+  SetEnginePool(pool, param);
   const std::uint32_t status = pool->Initialize();
   if (Failed(status)) {
     VYN_LOG_ERROR("shuffle server rpc client init error");

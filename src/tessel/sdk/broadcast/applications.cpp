@@ -25,11 +25,11 @@ unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* toke
   if (g_mfClientFlag != 0) {
     *registered = false;
     VYN_LOG_WARN("This is not a MF node and do not support register application operation.");
-    KeepToken(appId, token);
+    SetToken(appId, token);
     return VYN_OK;
   }
   if (g_registeredApps.find(appId) != g_registeredApps.end()) {
-    KeepTokenIfAbsent(appId, token);
+    AddToken(appId, token);
     return VYN_OK;
   }
   if (g_shuffleServerRPCEngine == nullptr) {  // in a driver, at the first registration
@@ -53,7 +53,7 @@ unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* toke
   }
   g_mfNodeId = response->nodeId;
   g_registeredApps.insert(appId);
-  KeepToken(appId, token);
+  SetToken(appId, token);
   VYN_LOG_INFO("[Broadcast] The successfully registered AppName is " << appId);
   return VYN_OK;
 } catch (...) {
@@ -64,7 +64,7 @@ unsigned int UnRegisterBroadcastApp(const char* appId) try {
   VYN_CHECK_TEXT(appId, false);
   const unsigned int status = BroadcastUnregisterApp(appId);
   g_appToken.clear();
-  ForgetToken(appId);
+  RemoveToken(appId);
   if (Failed(status)) {
     return VYN_FAIL(status,
                     "Using AppName " << appId << " to unregister application error!" << LastErrorText());
@@ -102,7 +102,7 @@ unsigned int MarkBroadcastApplicationCompleted(const char* appId) try {
   }
   g_broadcastCache->RemoveAppInfo(appId);
   g_registeredApps.erase(appId);
-  ForgetToken(appId);
+  RemoveToken(appId);
   VYN_LOG_INFO("Success to mark completed status of application: " << appId);
   return VYN_OK;
 } catch (...) {

@@ -26,9 +26,9 @@ class AddressRange {
     return *this;
   }
 
-  /// Takes `size` addresses. \param usable whether they are private writable memory; otherwise an access
+  /// Reserves `size` addresses. \param usable whether they are private writable memory; otherwise an access
   /// ends the process until something is mapped over them. Returns: false without addresses or memory.
-  bool Take(std::uint64_t size, bool usable) {
+  bool Reserve(std::uint64_t size, bool usable) {
     void* begin = ::mmap(nullptr, size, usable ? PROT_READ | PROT_WRITE : PROT_NONE,
                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (begin == MAP_FAILED) {

@@ -15,22 +15,22 @@ std::map<std::string, std::string>& gTokens VYN_GUARDED_BY(gTokensMutex) =
 
 }  // namespace
 
-void KeepToken(const std::string& application, const std::string& token) {
+void SetToken(const std::string& application, const std::string& token) {
   sync::MutexLock lock(gTokensMutex);
   gTokens.insert_or_assign(application, token);
 }
 
-void KeepTokenIfAbsent(const std::string& application, const std::string& token) {
+void AddToken(const std::string& application, const std::string& token) {
   sync::MutexLock lock(gTokensMutex);
   gTokens.emplace(application, token);
 }
 
-void ForgetToken(const std::string& application) {
+void RemoveToken(const std::string& application) {
   sync::MutexLock lock(gTokensMutex);
   gTokens.erase(application);
 }
 
-std::optional<std::string> TokenOf(const std::string& application) {
+std::optional<std::string> FindToken(const std::string& application) {
   sync::MutexLock lock(gTokensMutex);
   const auto found = gTokens.find(application);
   return found == gTokens.end() ? std::nullopt : std::optional(found->second);

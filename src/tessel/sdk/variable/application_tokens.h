@@ -8,11 +8,11 @@
 
 namespace vyn::tessel {
 
-void KeepToken(const std::string& application, const std::string& token);
+void SetToken(const std::string& application, const std::string& token);
 /// Keeps the token that is there.
-void KeepTokenIfAbsent(const std::string& application, const std::string& token);
-void ForgetToken(const std::string& application);
+void AddToken(const std::string& application, const std::string& token);
+void RemoveToken(const std::string& application);
 /// Returns: nothing for an application that is not registered in this process.
-std::optional<std::string> TokenOf(const std::string& application);
+std::optional<std::string> FindToken(const std::string& application);
 
 }  // namespace vyn::tessel

@@ -20,12 +20,18 @@
 using vyn::Failed;
 using namespace vyn::tessel;
 
+namespace {
+
+// Never destroyed: a thread may still be inside a call while the process exits.
+vyn::sync::Mutex& gHandlesMutex = *new vyn::sync::Mutex;
+
+}  // namespace
+
 /// A handle.
 struct VynVariable {
   VariableKey key;
   std::uint64_t size = 0;
-  /// Guarded by gHandlesMutex.
-  unsigned int users = 1;
+  unsigned int users VYN_GUARDED_BY(gHandlesMutex) = 1;
   /// Held by Flush and Publish, which change the writer.
   vyn::sync::Mutex writing;
   /// Null for a reader.
@@ -37,9 +43,7 @@ struct VynVariable {
 
 namespace {
 
-// Never destroyed: a thread may still be inside a call while the process exits.
-vyn::sync::Mutex& gHandlesMutex = *new vyn::sync::Mutex;  // also guards the users of all handles
-/// The variables that this process has open, so that a second open finds the first.
+/// The variables that this process has open, so that a second open finds the first. Never destroyed.
 std::map<VariableKey, VynVariable*>& gReaders VYN_GUARDED_BY(gHandlesMutex) =
     *new std::map<VariableKey, VynVariable*>;
 
@@ -61,7 +65,7 @@ std::uint32_t CheckAccess(const char* appId, VynVariable** out, FabricAccess& ac
   if (const std::uint32_t status = CheckName(appId); Failed(status)) {
     return status;
   }
-  const auto token = TokenOf(appId);
+  const auto token = FindToken(appId);
   if (!token.has_value()) {
     return VYN_FAIL(VYN_VARIABLE_NOT_REGISTERED,
                     "application " << appId << " is not registered in this process");
@@ -71,7 +75,7 @@ std::uint32_t CheckAccess(const char* appId, VynVariable** out, FabricAccess& ac
 }
 
 /// Returns: the reader of these blocks with one more user; null when there is none.
-VynVariable* Share(const VariableKey& key, const VariableBlocks& blocks) VYN_REQUIRES(gHandlesMutex) {
+VynVariable* ShareReader(const VariableKey& key, const VariableBlocks& blocks) VYN_REQUIRES(gHandlesMutex) {
   const auto found = gReaders.find(key);
   if (found == gReaders.end() || found->second->blocks.ids != blocks.ids) {
     return nullptr;
@@ -163,17 +167,17 @@ std::uint32_t VynVariableOpen(const char* appId, std::uint32_t id, VynVariable**
   }
   {
     vyn::sync::MutexLock lock(gHandlesMutex);
-    *out = Share(made->key, made->blocks);
+    *out = ShareReader(made->key, made->blocks);
   }
   if (*out != nullptr) {
     return VYN_OK;
   }
-  if (const std::uint32_t status = BringIn(made->key, access, made->blocks, made->range); Failed(status)) {
+  if (const std::uint32_t status = LoadBlocks(made->key, access, made->blocks, made->range); Failed(status)) {
     return status;
   }
   made->size = made->blocks.Total();
   vyn::sync::MutexLock lock(gHandlesMutex);
-  *out = Share(made->key, made->blocks);  // another thread may have opened it meanwhile
+  *out = ShareReader(made->key, made->blocks);  // another thread may have opened it meanwhile
   if (*out == nullptr) {
     gReaders.insert_or_assign(made->key, made.get());
     *out = made.release();

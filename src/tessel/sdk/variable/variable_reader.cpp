@@ -30,22 +30,22 @@ bool CanBeMapped(const VariableBlocks& blocks) {
 
 /// Links this process to the node, unless it is linked.
 std::uint32_t LinkOwner(const VariableKey& key, std::uint32_t nodeId) {
-  std::vector<NodePlace> nodes;
+  std::vector<NodeEndpoint> nodes;
   if (const std::uint32_t status = ListNodes(key, false, nodes); Failed(status)) {
     return FailService(key, Service::kMetadata, status);
   }
   const auto owner = std::find_if(nodes.begin(), nodes.end(),
-                                  [nodeId](const NodePlace& place) { return place.nodeId == nodeId; });
+                                  [nodeId](const NodeEndpoint& place) { return place.nodeId == nodeId; });
   const int result = owner == nodes.end() ? kBmUnconnected : LinkNode(owner->nodeId, owner->ip, owner->port);
   return result == 0 ? VYN_OK : FailFabric(key, "reading its blocks", nodeId, result);
 }
 
 /// \param missing set when a block is gone.
-std::uint32_t BringInOnce(const VariableKey& key, const FabricAccess& access, const VariableBlocks& blocks,
-                          AddressRange& range, bool& missing) {
+std::uint32_t LoadBlocksOnce(const VariableKey& key, const FabricAccess& access, const VariableBlocks& blocks,
+                             AddressRange& range, bool& missing) {
   missing = false;
   const bool mapped = g_mfClientFlag == 0 && CanBeMapped(blocks);
-  if (!range.Take(blocks.Total(), !mapped)) {
+  if (!range.Reserve(blocks.Total(), !mapped)) {
     return VYN_FAIL(VYN_VARIABLE_NO_MEMORY,
                     "no addresses for the " << blocks.Total() << " bytes of " << key.Text());
   }
@@ -85,10 +85,10 @@ std::uint32_t FindPublished(const VariableKey& key, VariableBlocks& blocks) {
                         : VYN_OK;
 }
 
-std::uint32_t BringIn(const VariableKey& key, const FabricAccess& access, VariableBlocks& blocks,
-                      AddressRange& range) {
+std::uint32_t LoadBlocks(const VariableKey& key, const FabricAccess& access, VariableBlocks& blocks,
+                         AddressRange& range) {
   bool missing = false;
-  std::uint32_t status = BringInOnce(key, access, blocks, range, missing);
+  std::uint32_t status = LoadBlocksOnce(key, access, blocks, range, missing);
   if (!missing) {
     return status;
   }
@@ -98,7 +98,7 @@ std::uint32_t BringIn(const VariableKey& key, const FabricAccess& access, Variab
   }
   if (present.ids != blocks.ids) {
     blocks = std::move(present);
-    status = BringInOnce(key, access, blocks, range, missing);
+    status = LoadBlocksOnce(key, access, blocks, range, missing);
   }
   return status;
 }

@@ -15,7 +15,7 @@ std::uint32_t FindPublished(const VariableKey& key, VariableBlocks& blocks);
 
 /// Maps or reads the blocks into `range`. When a block is gone, asks the leader whether the variable was made
 /// anew, and goes on with the new blocks, which it puts into `blocks`. Records a failure.
-std::uint32_t BringIn(const VariableKey& key, const FabricAccess& access, VariableBlocks& blocks,
-                      AddressRange& range);
+std::uint32_t LoadBlocks(const VariableKey& key, const FabricAccess& access, VariableBlocks& blocks,
+                         AddressRange& range);
 
 }  // namespace vyn::tessel

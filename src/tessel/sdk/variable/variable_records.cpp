@@ -10,6 +10,7 @@
 #include "vyn/variable.h"
 
 #include <algorithm>
+#include <array>
 #include <utility>
 
 namespace vyn::tessel {
@@ -19,16 +20,22 @@ namespace {
 using common::BaseMessage;
 using common::Ref;
 
-std::uint32_t AskLeader(short operation, const Ref<BaseMessage>& request, const Ref<BaseMessage>& response) {
+/// Answers to a look-up that are no fault.
+constexpr std::array<std::uint32_t, 2> kNotThere{VYN_VARIABLE_UNKNOWN, VYN_VARIABLE_NOT_PUBLISHED};
+
+std::uint32_t AskLeader(short operation, const Ref<BaseMessage>& request, const Ref<BaseMessage>& response,
+                        common::ExpectedRefusals expected = {}) {
   const auto engine = ShuffleMetaRPCEngine::GetInstance();
-  return engine == nullptr ? VYN_ERR_BC_META_CLIENT : engine->SendAndWaitReply(operation, request, response);
+  return engine == nullptr ? VYN_ERR_BC_META_CLIENT
+                           : engine->SendAndWaitReply(operation, request, response, {}, expected);
 }
 
 std::uint32_t AskNode(std::uint16_t operation, const Ref<BaseMessage>& request,
-                      const Ref<BaseMessage>& response, std::int64_t timeout) {
+                      const Ref<BaseMessage>& response, std::int64_t timeout,
+                      common::ExpectedRefusals expected = {}) {
   const auto engine = ShuffleServerRPCEngine::GetInstance(true);
   return engine == nullptr ? VYN_ERR_BC_SERVER_CLIENT
-                           : engine->SendCall(operation, request, response, timeout);
+                           : engine->SendCall(operation, request, response, timeout, expected);
 }
 
 Ref<BroadcastVar> RequestFor(const VariableKey& key) {
@@ -38,9 +45,9 @@ Ref<BroadcastVar> RequestFor(const VariableKey& key) {
   return request;
 }
 
-/// Takes the blocks of an answer. Returns: 0, or VYN_ERR_MESSAGE_DECODE for an answer that is not about this
-/// variable, or whose lists do not fit.
-std::uint32_t Take(const VariableKey& key, BroadcastBlockInfo& answer, VariableBlocks& blocks) {
+/// Reads the blocks out of an answer. Returns: 0, or VYN_ERR_MESSAGE_DECODE for an answer that is not about
+/// this variable, or whose lists do not fit.
+std::uint32_t ReadBlocks(const VariableKey& key, BroadcastBlockInfo& answer, VariableBlocks& blocks) {
   bool fits = answer.appId == key.application && answer.broadcastId == key.id && !answer.bmIds.empty() &&
               answer.bmIds.size() == answer.sizes.size();
   for (const std::string& id : answer.bmIds) {
@@ -70,15 +77,15 @@ std::uint64_t VariableBlocks::Total() const {
 
 std::uint32_t LookUpAtLeader(const VariableKey& key, VariableBlocks& blocks) {
   const Ref<BroadcastBlockInfo> answer(new BroadcastBlockInfo);
-  const std::uint32_t status = AskLeader(ShuffleMeta::BROADCAST_VAR_GET, RequestFor(key), answer);
-  return Failed(status) ? status : Take(key, *answer, blocks);
+  const std::uint32_t status = AskLeader(ShuffleMeta::BROADCAST_VAR_GET, RequestFor(key), answer, kNotThere);
+  return Failed(status) ? status : ReadBlocks(key, *answer, blocks);
 }
 
 std::uint32_t LookUpAtNode(const VariableKey& key, VariableBlocks& blocks) {
   const Ref<BroadcastBlockInfo> answer(new BroadcastBlockInfo);
   const std::uint32_t status = AskNode(ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, RequestFor(key), answer,
-                                       ShuffleServerRPCEngine::mBroadcastVarFetchTimeout);
-  return Failed(status) ? status : Take(key, *answer, blocks);
+                                       ShuffleServerRPCEngine::mBroadcastVarFetchTimeout, kNotThere);
+  return Failed(status) ? status : ReadBlocks(key, *answer, blocks);
 }
 
 std::uint32_t MakeRecord(const VariableKey& key, std::uint32_t blockNum) {
@@ -114,10 +121,10 @@ std::uint32_t AllocateAtNode(const VariableKey& key, VariableBlocks& blocks) {
   if (Failed(status)) {
     return status;
   }
-  return answer->sizes == blocks.sizes ? Take(key, *answer, blocks) : VYN_ERR_MESSAGE_DECODE;
+  return answer->sizes == blocks.sizes ? ReadBlocks(key, *answer, blocks) : VYN_ERR_MESSAGE_DECODE;
 }
 
-std::uint32_t ListNodes(const VariableKey& key, bool best, std::vector<NodePlace>& nodes) {
+std::uint32_t ListNodes(const VariableKey& key, bool best, std::vector<NodeEndpoint>& nodes) {
   const Ref<BroadcastRemoteNodeReq> request(new BroadcastRemoteNodeReq);
   request->appId = key.application;
   request->selectFlag = best;
@@ -127,7 +134,7 @@ std::uint32_t ListNodes(const VariableKey& key, bool best, std::vector<NodePlace
     return status;
   }
   for (std::size_t i = 0; i < std::min(answer->selectedNodes.size(), answer->nodeIds.size()); ++i) {
-    NodePlace place;
+    NodeEndpoint place;
     short port = 0;
     if (const std::uint32_t status = common::SplitIpAndPort(answer->selectedNodes[i], place.ip, port);
         Failed(status)) {

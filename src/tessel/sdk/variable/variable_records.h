@@ -37,12 +37,12 @@ std::uint32_t RemoveRecord(const VariableKey& key, bool onlyUnpublished = false)
 std::uint32_t AllocateAtNode(const VariableKey& key, VariableBlocks& blocks);
 
 /// Where a live node of the fabric can be linked.
-struct NodePlace {
+struct NodeEndpoint {
   std::uint16_t nodeId = 0;
   std::string ip;
   std::uint16_t port = 0;
 };
 /// Asks the metadata leader for the node with most room, or for all live nodes.
-std::uint32_t ListNodes(const VariableKey& key, bool best, std::vector<NodePlace>& nodes);
+std::uint32_t ListNodes(const VariableKey& key, bool best, std::vector<NodeEndpoint>& nodes);
 
 }  // namespace vyn::tessel

@@ -3,6 +3,7 @@
 #include "common/log/error_info.h"
 #include "common/log/exceptions.h"
 #include "common/log/logging.h"
+#include "tessel/message/service_status.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/status.h"
 #include "vyn/variable.h"
@@ -19,8 +20,6 @@ constexpr std::uint64_t kDefaultBlockSize = std::uint64_t{4} << 20U;
 /// The default size grows so that there are no more blocks than this.
 constexpr std::uint64_t kDefaultBlocks = 4096;
 constexpr std::uint64_t kMaxBlocks = 500000;
-/// The leader's refusal of a block list whose length is not that of the record.
-constexpr std::uint32_t kOtherBlockNumber = 2140003;
 
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) {
   return value / unit * unit + (value % unit == 0 ? 0 : unit);
@@ -45,7 +44,7 @@ VariableWriter::~VariableWriter() {
 }
 
 std::uint32_t VariableWriter::Create(std::uint64_t size, std::uint64_t blockSize) {
-  mHere = g_mfClientFlag == 0;
+  mOnNode = g_mfClientFlag == 0;
   mBlockSize = BlockSizeFor(size, blockSize);
   const std::uint64_t count = (size - 1) / mBlockSize + 1;
   if (count > kMaxBlocks) {
@@ -54,17 +53,17 @@ std::uint32_t VariableWriter::Create(std::uint64_t size, std::uint64_t blockSize
   }
   mBlocks.sizes.assign(count, mBlockSize);
   mBlocks.sizes.back() = size - (count - 1) * mBlockSize;
-  if (!mRange.Take(size, !mHere)) {
+  if (!mRange.Reserve(size, !mOnNode)) {
     return VYN_FAIL(VYN_VARIABLE_NO_MEMORY, "no addresses for the " << size << " bytes of " << mKey.Text());
   }
   if (const std::uint32_t status = Claim(); Failed(status)) {
     return status;
   }
-  if (!mHere) {
-    mSending.assign(count, Sending::kNot);
-    return AllocateThere();
+  if (!mOnNode) {
+    mSending.assign(count, Sending::kUnsent);
+    return AllocateRemotely();
   }
-  const std::uint32_t status = AllocateHere();
+  const std::uint32_t status = AllocateLocally();
   return Failed(status) ? status : MapBlocks(true);
 }
 
@@ -88,7 +87,7 @@ std::uint32_t VariableWriter::Claim() {
   return VYN_OK;
 }
 
-std::uint32_t VariableWriter::AllocateHere() {
+std::uint32_t VariableWriter::AllocateLocally() {
   const std::uint32_t status = AllocateAtNode(mKey, mBlocks);
   if (status == VYN_VARIABLE_POOL_FULL) {
     return FailPoolFull(mKey, g_mfNodeId, mBlocks.Total());
@@ -96,15 +95,15 @@ std::uint32_t VariableWriter::AllocateHere() {
   return Failed(status) ? FailService(mKey, Service::kNodeServer, status) : VYN_OK;
 }
 
-std::uint32_t VariableWriter::AllocateThere() {
-  std::vector<NodePlace> nodes;
+std::uint32_t VariableWriter::AllocateRemotely() {
+  std::vector<NodeEndpoint> nodes;
   if (const std::uint32_t status = ListNodes(mKey, true, nodes); Failed(status)) {
     return FailService(mKey, Service::kMetadata, status);
   }
   if (nodes.empty()) {
     return VYN_FAIL(VYN_VARIABLE_NO_SERVICE, mKey.Text() << ": no node of the fabric is alive");
   }
-  const NodePlace& node = nodes.front();
+  const NodeEndpoint& node = nodes.front();
   mBlocks.nodeId = node.nodeId;
   int result = LinkNode(node.nodeId, node.ip, node.port);
   result = result == 0 ? MakeNamespace(node.nodeId, mAccess) : result;
@@ -148,7 +147,7 @@ std::uint32_t VariableWriter::Flush(std::uint64_t offset, std::uint64_t length) 
   const std::uint64_t end = offset + length;
   std::uint64_t begin = 0;
   for (std::size_t i = 0; i < mSending.size(); begin += mBlocks.sizes[i], ++i) {
-    if (mSending[i] != Sending::kNot || begin < offset || begin + mBlocks.sizes[i] > end) {
+    if (mSending[i] != Sending::kUnsent || begin < offset || begin + mBlocks.sizes[i] > end) {
       continue;
     }
     if (const std::uint32_t status = SendBlock(i); Failed(status)) {
@@ -164,9 +163,9 @@ std::uint32_t VariableWriter::Publish() {
   if (mState == State::kPublished) {
     return VYN_OK;
   }
-  Seal();
+  MakeReadOnly();
   for (std::size_t i = 0; i < mSending.size(); ++i) {
-    if (mSending[i] != Sending::kNot) {
+    if (mSending[i] != Sending::kUnsent) {
       continue;
     }
     if (const std::uint32_t status = SendBlock(i); Failed(status)) {
@@ -176,8 +175,8 @@ std::uint32_t VariableWriter::Publish() {
   return Commit();
 }
 
-void VariableWriter::Seal() {
-  if (mHere) {
+void VariableWriter::MakeReadOnly() {
+  if (mOnNode) {
     mRange.MakeReadOnly(0, mBlocks.Total());
     return;
   }
@@ -196,7 +195,8 @@ std::uint32_t VariableWriter::Commit() {
     mState = State::kNothing;
     return VYN_FAIL(status, mKey.Text() << " was deleted before it was published");
   }
-  if (status == VYN_VARIABLE_EXISTS || status == kOtherBlockNumber) {
+  // The leader refuses a list of blocks as invalid when its length is not that of the record.
+  if (status == VYN_VARIABLE_EXISTS || status == service_status::kStatusInvalidRequest) {
     mState = State::kNothing;
     return VYN_FAIL(VYN_VARIABLE_EXISTS, mKey.Text() << " is another writer's: it was deleted and created "
                                                      << "anew, or two created it at the same time");
@@ -206,7 +206,7 @@ std::uint32_t VariableWriter::Commit() {
   }
   mState = State::kPublished;
   // The writable mappings end, which tells the node that the bytes are final.
-  if (mHere && Failed(MapBlocks(false))) {
+  if (mOnNode && Failed(MapBlocks(false))) {
     VYN_LOG_WARN(mKey.Text() << " stays mapped for writing, though it is published");
   }
   return VYN_OK;

@@ -35,14 +35,14 @@ class VariableWriter {
   };
 
   /// What became of a block's bytes in this process's private memory; only outside the fabric.
-  enum class Sending : std::uint8_t { kNot, kSent, kSentAndDiscarded };
+  enum class Sending : std::uint8_t { kUnsent, kSent, kSentAndDiscarded };
 
   std::uint32_t Claim();
-  std::uint32_t AllocateHere();
-  std::uint32_t AllocateThere();
+  std::uint32_t AllocateLocally();
+  std::uint32_t AllocateRemotely();
   std::uint32_t MapBlocks(bool writable);
   std::uint32_t SendBlock(std::size_t index);
-  void Seal();
+  void MakeReadOnly();
   std::uint32_t Commit();
   void Abandon();
 
@@ -52,7 +52,7 @@ class VariableWriter {
   std::uint64_t mBlockSize = 0;  ///< of all blocks but the last
   AddressRange mRange;
   /// Whether the blocks are in the pool of this machine.
-  bool mHere = false;
+  bool mOnNode = false;
   std::vector<Sending> mSending;  ///< of each block; empty when the blocks are here
   State mState = State::kNothing;
 };

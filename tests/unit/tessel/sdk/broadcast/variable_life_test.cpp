@@ -2,6 +2,7 @@
 
 #include "common/util/system.h"
 #include "support/client/sdk_world.h"
+#include "vyn/variable.h"
 
 namespace vyn::test {
 namespace {
@@ -29,6 +30,14 @@ std::string Make(
 }
 
 bool Known(const char* name) { return g_broadcastCache->GetVarInfo(name) != nullptr; }
+
+TEST(VariableLifeTest, ALookUpThatFindsNothingIsLoggedOnlyAsTheCallersFailure) {
+  DriverWorld world;
+  world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {2140011, ""});
+  const CapturedLog log;
+  EXPECT_EQ(VynVariableStat("app", 7, nullptr), 2140011U);
+  EXPECT_EQ(Joined(log.Texts(3).size(), log.Texts(4).size()), "0|1");
+}
 
 TEST(VariableLifeTest, ADriverOnANodeOfTheFabric) {
   DriverWorld world;
