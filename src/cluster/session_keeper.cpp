@@ -1,18 +1,14 @@
 #include "cluster/session_keeper.h"
 
-#include "common/log/exceptions.h"
 #include "common/log/logging.h"
 
 #include <algorithm>
 #include <system_error>
-#include <thread>
 
 namespace vyn::cluster {
 
 namespace {
 
-/// The time between two checks. A check reads the memory of the ZooKeeper client and sends nothing.
-constexpr std::chrono::milliseconds kPeriod{500};
 /// The longest pause between two attempts to open a session.
 constexpr std::chrono::milliseconds kLongestPause{5000};
 
@@ -35,7 +31,7 @@ std::uint32_t SessionKeeper::Start() {
   sync::MutexLock lock(mMutex);
   if (!mStarted) {
     try {
-      std::thread(&SessionKeeper::Run, this).detach();
+      mTask.Start({"SessionKeeper", kPeriod}, [this] { Check(); });
     } catch (const std::system_error& failure) {
       VYN_LOG_ERROR("The ZooKeeper session cannot be watched: " << failure.what());
       return VYN_ERR_NULL_POINTER;
@@ -53,29 +49,21 @@ std::uint32_t SessionKeeper::Renew() {
   return mAdapter->ClusterZKAdapterInit(mSessionTimeout);
 }
 
-void SessionKeeper::Run() {
-  // The waits use the real time and not the clock of common/util/clock.h: this thread outlives every clock
-  // that replaces it.
-  bool following = true;
-  std::chrono::milliseconds pause = kPeriod;
-  for (;;) {
-    std::this_thread::sleep_for(pause);
-    try {
-      sync::MutexLock lock(mMutex);
-      if (following && !mAdapter->SessionHasEnded()) {
-        continue;
-      }
-      // The watch also reads the leader. Without a leader it fails, but is set: the watcher reads the next
-      // one.
-      following = !Failed(Renew()) && !Failed(ClusterZKAdapter::ZKRegisterWatcher(true));
-      if (following) {
-        VYN_LOG_INFO("A new ZooKeeper session watches the metadata leader");
-      }
-    } catch (...) {  // probably bad_alloc; the next attempt may succeed
-      following = false;
-      static_cast<void>(common::StatusOfException("SessionKeeper"));
-    }
-    pause = following ? kPeriod : std::min(2 * pause, kLongestPause);
+void SessionKeeper::Check() {
+  sync::MutexLock lock(mMutex);
+  if (mFollowing && !mAdapter->SessionHasEnded()) {
+    return;
+  }
+  // Set before the attempt, which may throw.
+  mFollowing = false;
+  mPause = std::min(2 * mPause, kLongestPause);
+  mTask.SetPeriod(mPause);
+  // The watch also reads the leader. Without a leader it fails, but is set: the watcher reads the next one.
+  mFollowing = !Failed(Renew()) && !Failed(ClusterZKAdapter::ZKRegisterWatcher(true));
+  if (mFollowing) {
+    mPause = kPeriod;
+    mTask.SetPeriod(mPause);
+    VYN_LOG_INFO("A new ZooKeeper session watches the metadata leader");
   }
 }
 

@@ -11,6 +11,7 @@
 // is held while a session is closed and opened. No watcher takes it.
 
 #include "cluster/cluster_zkadapter.h"
+#include "common/wait/periodic_task.h"
 #include "platform/sync/mutex.h"
 
 #include <chrono>
@@ -32,14 +33,21 @@ class SessionKeeper {
   std::uint32_t Start();
 
  private:
+  /// The time between two checks. A check reads the memory of the ZooKeeper client and sends nothing.
+  static constexpr std::chrono::milliseconds kPeriod{500};
+
   SessionKeeper() = default;
-  void Run();
+  /// One round of mTask.
+  void Check();
   std::uint32_t Renew() VYN_REQUIRES(mMutex);
 
   sync::Mutex mMutex;
   common::Ref<ClusterZKAdapter> mAdapter VYN_GUARDED_BY(mMutex);
   int mSessionTimeout VYN_GUARDED_BY(mMutex) = 0;
   bool mStarted VYN_GUARDED_BY(mMutex) = false;
+  bool mFollowing VYN_GUARDED_BY(mMutex) = true;                      ///< false after a failed attempt
+  std::chrono::milliseconds mPause VYN_GUARDED_BY(mMutex) = kPeriod;  ///< the present period of mTask
+  common::PeriodicTask mTask;
 };
 
 }  // namespace vyn::cluster
