@@ -8,6 +8,7 @@
 
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -41,21 +42,11 @@ class Sdk {
   Sdk& operator=(const Sdk&) = delete;
 };
 
-/// A handle of a variable, closed in the destructor. A variable that is not published by then is abandoned.
-class Variable {
- public:
-  Variable() = default;
-  ~Variable() { VynVariableClose(mHandle); }
-  Variable(const Variable&) = delete;
-  Variable& operator=(const Variable&) = delete;
-
-  VynVariable** Place() { return &mHandle; }
-  VynVariable* Get() const { return mHandle; }
-  void* Data() const { return VynVariableData(mHandle); }
-
- private:
-  VynVariable* mHandle = nullptr;
+struct CloseVariable {
+  void operator()(VynVariable* variable) const { VynVariableClose(variable); }
 };
+/// A handle of a variable, closed in the destructor. A variable that is not published by then is abandoned.
+using Variable = std::unique_ptr<VynVariable, CloseVariable>;
 
 /// Checks the number of arguments, calls `run` and prints its exception. Returns: the exit code of the
 /// program.

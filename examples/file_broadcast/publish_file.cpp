@@ -47,12 +47,13 @@ void Publish(const char* app, std::uint32_t id, const std::string& path) {
   }
   const auto size = static_cast<std::uint64_t>(file.tellg());
   file.seekg(0);
-  Variable variable;
-  Check(VynVariableCreate(app, id, size, variable.Place()), "VynVariableCreate");
-  if (!file.read(static_cast<char*>(variable.Data()), static_cast<std::streamsize>(size))) {
+  VynVariable* made = nullptr;
+  Check(VynVariableCreate(app, id, size, &made), "VynVariableCreate");
+  const Variable variable(made);
+  if (!file.read(static_cast<char*>(VynVariableData(variable.get())), static_cast<std::streamsize>(size))) {
     throw std::runtime_error("the file has become shorter");
   }
-  Check(VynVariablePublish(variable.Get()), "VynVariablePublish");
+  Check(VynVariablePublish(variable.get()), "VynVariablePublish");
 }
 
 void Run(char** arguments) {

@@ -30,12 +30,13 @@ void Run(char** arguments) {
   const Sdk sdk(arguments[1], 1);
   const char* app = arguments[2];
   const Registration registration(app, arguments[3]);
-  Variable variable;
-  Check(VynVariableOpen(app, static_cast<std::uint32_t>(std::stoul(arguments[4])), variable.Place()),
+  VynVariable* opened = nullptr;
+  Check(VynVariableOpen(app, static_cast<std::uint32_t>(std::stoul(arguments[4])), &opened),
         "VynVariableOpen");
-  const std::uint64_t size = VynVariableSize(variable.Get());
+  const Variable variable(opened);
+  const std::uint64_t size = VynVariableSize(variable.get());
   std::ofstream file(arguments[5], std::ios::binary);
-  file.write(static_cast<const char*>(variable.Data()), static_cast<std::streamsize>(size));
+  file.write(static_cast<const char*>(VynVariableData(variable.get())), static_cast<std::streamsize>(size));
   if (!file.flush()) {
     throw std::runtime_error(std::string(arguments[5]) + " cannot be written");
   }

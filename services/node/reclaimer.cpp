@@ -66,49 +66,49 @@ bool Reclaimer::Drain(const std::string& application) {
       return false;
     }
     FreeGivenBack();
-    const Outcome outcome = DrainEntry(list + "/" + name, application);
-    if (outcome == Outcome::kUnanswered) {
+    const EntryResult outcome = DrainEntry(list + "/" + name, application);
+    if (outcome == EntryResult::kUnanswered) {
       return false;  // ZooKeeper would hardly answer for the next entry, and each attempt takes a time-out
     }
-    done = done && outcome != Outcome::kLater;
+    done = done && outcome != EntryResult::kLater;
   }
   return done;
 }
 
-Reclaimer::Outcome Reclaimer::DrainEntry(const std::string& path, const std::string& application) {
+Reclaimer::EntryResult Reclaimer::DrainEntry(const std::string& path, const std::string& application) {
   sync::MutexLock draining(mDraining);
   std::string text;
   if (const int result = zookeeper::Get(path, text); result != ZOK) {
-    return result == ZNONODE                ? Outcome::kDone
-           : zookeeper::IsUncertain(result) ? Outcome::kUnanswered
-                                            : Outcome::kLater;
+    return result == ZNONODE                ? EntryResult::kDone
+           : zookeeper::IsUncertain(result) ? EntryResult::kUnanswered
+                                            : EntryResult::kLater;
   }
   ReclaimEntry entry;
   if (!ReclaimEntry::FromText(text, entry)) {
     if (mReportedKept.insert(path).second) {
       VYN_LOG_ERROR("The entry " << path << " cannot be read by this build and is kept: " << text);
     }
-    return Outcome::kKept;
+    return EntryResult::kKept;
   }
   if (!entry.IsPlausible()) {
     VYN_LOG_ERROR("The entry " << path << " names no variable of its application and is deleted: " << text);
     static_cast<void>(zookeeper::Delete(path));
-    return Outcome::kDone;
+    return EntryResult::kDone;
   }
   if (!application.empty() && entry.application != application) {
-    return Outcome::kDone;
+    return EntryResult::kDone;
   }
-  const Outcome outcome = Handle(path, entry);
-  if (outcome != Outcome::kDone) {
+  const EntryResult outcome = Handle(path, entry);
+  if (outcome != EntryResult::kDone) {
     return outcome;
   }
   mReportedKept.erase(entry.variablePath);
   mNotifiedEntries.erase(path);
   const int deleted = zookeeper::Delete(path);
-  return deleted == ZOK || deleted == ZNONODE ? Outcome::kDone : Outcome::kLater;
+  return deleted == ZOK || deleted == ZNONODE ? EntryResult::kDone : EntryResult::kLater;
 }
 
-Reclaimer::Outcome Reclaimer::Handle(const std::string& path, const ReclaimEntry& entry) {
+Reclaimer::EntryResult Reclaimer::Handle(const std::string& path, const ReclaimEntry& entry) {
   // Call mForget once for an entry of a variable: the entry may stay for long, and a new variable may
   // meanwhile use the number. A second call would drop the new one from the cache.
   if (mForget && (entry.variablePath.empty() || mNotifiedEntries.insert(path).second)) {
@@ -118,41 +118,41 @@ Reclaimer::Outcome Reclaimer::Handle(const std::string& path, const ReclaimEntry
     const int result = mFabric.DestroyNamespace(entry.application);
     VYN_LOG_INFO("Application " << entry.application << " has ended; destroying its namespace gave "
                                 << result);
-    return result == 0 || result == -ENOENT ? Outcome::kDone : Outcome::kLater;
+    return result == 0 || result == -ENOENT ? EntryResult::kDone : EntryResult::kLater;
   }
-  return entry.owner ? FreeVariable(entry) : Outcome::kDone;
+  return entry.owner ? FreeVariable(entry) : EntryResult::kDone;
 }
 
-Reclaimer::Outcome Reclaimer::FreeVariable(const ReclaimEntry& entry) {
+Reclaimer::EntryResult Reclaimer::FreeVariable(const ReclaimEntry& entry) {
   VariableRecord record;
   RecordRead read = ReadVariableRecord(entry.variablePath, record);
   if (read == RecordRead::kAbsent) {
     // Either the record was deleted before, or a piece of its block list is missing.
     const int result = zookeeper::Exists(entry.variablePath);
     if (result == ZNONODE) {
-      return Outcome::kDone;
+      return EntryResult::kDone;
     }
     read = result == ZOK                    ? RecordRead::kDamaged
            : zookeeper::IsUncertain(result) ? RecordRead::kUnanswered
                                             : RecordRead::kFailed;
   }
   if (read == RecordRead::kUnanswered || read == RecordRead::kFailed) {
-    return read == RecordRead::kUnanswered ? Outcome::kUnanswered : Outcome::kLater;
+    return read == RecordRead::kUnanswered ? EntryResult::kUnanswered : EntryResult::kLater;
   }
   if (read != RecordRead::kRead) {
     // What cannot be read is never deleted: a newer build may have written it. It goes with its application.
     if (mFabric.CheckToken(entry.application, "") == -ENOENT) {
-      return Outcome::kDone;  // this node has no block of it
+      return EntryResult::kDone;  // this node has no block of it
     }
     if (mReportedKept.insert(entry.variablePath).second) {
       VYN_LOG_ERROR("The blocks of " << entry.variablePath << " cannot be freed because its record is "
                                      << (read == RecordRead::kNewer ? "of a newer build" : "damaged")
                                      << "; they stay until application " << entry.application << " ends");
     }
-    return Outcome::kKept;
+    return EntryResult::kKept;
   }
   mFabric.FreeBatch(entry.application, record.blocks.bmIds);  // ignores objects that do not exist any more
-  return zookeeper::DeleteTree(entry.variablePath) == ZOK ? Outcome::kDone : Outcome::kLater;
+  return zookeeper::DeleteTree(entry.variablePath) == ZOK ? EntryResult::kDone : EntryResult::kLater;
 }
 
 }  // namespace vyn::services

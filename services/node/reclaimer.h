@@ -42,11 +42,11 @@ class Reclaimer {
   /// Lets the reclaimer's thread free the objects. Does not block.
   void GiveBack(const std::string& application, const std::vector<std::string>& bmIds);
   /// Processes the reclaim list now. \param application only its entries; empty for all. Returns: true if no
-  /// entry is left except those that Outcome::kKept describes.
+  /// entry is left except those that EntryResult::kKept describes.
   bool Drain(const std::string& application = "");
 
  private:
-  enum class Outcome {
+  enum class EntryResult {
     kDone,
     kLater,  ///< failed; the next Drain retries it
     /// ZooKeeper did not answer. Drain ends; the next one retries this entry and the later ones.
@@ -57,9 +57,9 @@ class Reclaimer {
   };
 
   void FreeGivenBack();
-  Outcome DrainEntry(const std::string& path, const std::string& application);
-  Outcome Handle(const std::string& path, const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
-  Outcome FreeVariable(const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
+  EntryResult DrainEntry(const std::string& path, const std::string& application);
+  EntryResult Handle(const std::string& path, const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
+  EntryResult FreeVariable(const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
 
   const std::uint16_t mNodeId;
   fabric::FabricNode& mFabric;

@@ -24,8 +24,8 @@ constexpr auto kUnopenedLimit = std::chrono::minutes(5);
 
 void UnpublishedVariables::Start(const std::string& folder) {
   mBatches = mJournal.Open(folder);
-  mTask.Start({"The unpublished variables of this node could not be looked at", kPeriod},
-              [this] { LookAtAll(); });
+  mTask.Start({"The unpublished variables of this node could not be checked", kPeriod},
+              [this] { CheckAll(); });
 }
 
 void UnpublishedVariables::Add(const std::string& application, std::uint32_t id,
@@ -38,7 +38,7 @@ void UnpublishedVariables::Add(const std::string& application, std::uint32_t id,
   mNew.push_back(std::move(batch));
 }
 
-void UnpublishedVariables::LookAtAll() {
+void UnpublishedVariables::CheckAll() {
   {
     sync::MutexLock lock(mMutex);
     mBatches.insert(mBatches.end(), std::make_move_iterator(mNew.begin()),
@@ -46,7 +46,7 @@ void UnpublishedVariables::LookAtAll() {
     mNew.clear();
   }
   for (std::size_t i = 0; i < mBatches.size() && !mTask.Stopping();) {
-    if (!Settle(mBatches[i])) {
+    if (!ReclaimIfAbandoned(mBatches[i])) {
       ++i;
       continue;
     }
@@ -56,7 +56,7 @@ void UnpublishedVariables::LookAtAll() {
   }
 }
 
-bool UnpublishedVariables::Settle(BlockBatch& batch) {
+bool UnpublishedVariables::ReclaimIfAbandoned(BlockBatch& batch) {
   bool writing = false;
   std::uint64_t stamp = 0;
   if (mFabric.IsBeingWritten(batch.application, batch.bmIds.front(), writing, stamp) != 0) {

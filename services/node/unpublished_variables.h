@@ -40,9 +40,10 @@ class UnpublishedVariables {
   void Add(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds);
 
  private:
-  void LookAtAll();
-  /// Returns: whether nothing is left to do for the batch.
-  bool Settle(BlockBatch& batch);
+  void CheckAll();
+  /// Frees the batch if its writer has ended without publishing it. Returns: false for a batch that must be
+  /// checked again.
+  bool ReclaimIfAbandoned(BlockBatch& batch);
   /// Fills in the claim of a batch whose writer has just made it. Does nothing when it was sought before.
   void SeekClaim(BlockBatch& batch) const;
   /// Removes the record of a writer that has ended, unless it is another writer's. Returns: whether this is

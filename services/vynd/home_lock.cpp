@@ -11,12 +11,6 @@
 
 namespace vyn::services {
 
-HomeLock::~HomeLock() {
-  if (mDescriptor >= 0) {
-    close(mDescriptor);
-  }
-}
-
 bool HomeLock::Take(const std::string& home, std::string& error) {
   const std::string folder = home + "/run";
   const std::string path = folder + "/vynd.lock";
@@ -24,15 +18,15 @@ bool HomeLock::Take(const std::string& home, std::string& error) {
     error = "cannot make " + folder + ": " + std::strerror(errno);
     return false;
   }
-  mDescriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-  if (mDescriptor < 0) {
+  mDescriptor.Reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+  if (!mDescriptor) {
     error = "cannot open " + path + ": " + std::strerror(errno);
     return false;
   }
-  if (flock(mDescriptor, LOCK_EX | LOCK_NB) != 0) {
+  if (flock(mDescriptor.Get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) {
       std::array<char, 32> holder{};
-      const ssize_t length = pread(mDescriptor, holder.data(), holder.size() - 1, 0);
+      const ssize_t length = pread(mDescriptor.Get(), holder.data(), holder.size() - 1, 0);
       error = "a vynd runs on " + home + " already";
       if (length > 0) {
         error += ", process " + std::string(holder.data(), std::strcspn(holder.data(), "\n"));
@@ -40,13 +34,12 @@ bool HomeLock::Take(const std::string& home, std::string& error) {
     } else {
       error = "cannot lock " + path + ": " + std::strerror(errno);
     }
-    close(mDescriptor);
-    mDescriptor = -1;
+    mDescriptor.Close();
     return false;
   }
   const std::string pid = std::to_string(getpid()) + "\n";
-  if (ftruncate(mDescriptor, 0) != 0 ||
-      pwrite(mDescriptor, pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
+  if (ftruncate(mDescriptor.Get(), 0) != 0 ||
+      pwrite(mDescriptor.Get(), pid.data(), pid.size(), 0) != static_cast<ssize_t>(pid.size())) {
     error = "cannot write " + path + ": " + std::strerror(errno);
     return false;
   }

@@ -5,22 +5,19 @@
 //
 // One thread uses an object.
 
+#include "platform/net/descriptor.h"
+
 #include <string>
 
 namespace vyn::services {
 
 class HomeLock {
  public:
-  HomeLock() = default;
-  ~HomeLock();
-  HomeLock(const HomeLock&) = delete;
-  HomeLock& operator=(const HomeLock&) = delete;
-
   /// Takes the lock and writes this process's id into the file. Returns: false with the reason in `error`.
   bool Take(const std::string& home, std::string& error);
 
  private:
-  int mDescriptor = -1;
+  net::Descriptor mDescriptor;
 };
 
 }  // namespace vyn::services

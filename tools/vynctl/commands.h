@@ -3,7 +3,7 @@
 // The commands of vynctl. Each prints its result on standard output, as a table or, with Settings::json, as
 // one JSON object. It throws CommandError on failure. Only the main thread calls them.
 
-#include "tools/vynctl/session.h"
+#include "tools/vynctl/cluster_access.h"
 
 #include <cstdint>
 #include <string>

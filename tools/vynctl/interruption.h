@@ -5,7 +5,7 @@
 //
 // The thread that runs the command calls both functions.
 
-#include "tools/vynctl/session.h"
+#include "tools/vynctl/cluster_access.h"
 
 namespace vyn::tools {
 

@@ -1,3 +1,4 @@
+#include "platform/net/descriptor.h"
 #include "tools/vynctl/commands.h"
 #include "tools/vynctl/interruption.h"
 #include "vyn/broadcast.h"
@@ -12,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 namespace vyn::tools {
@@ -23,22 +25,14 @@ using nlohmann::json;
 /// The bytes that a get writes between two steps of its progress bar.
 constexpr std::uint64_t kPiece = std::uint64_t{4} << 20U;
 
-/// A file open for reading.
-class Input {
- public:
-  explicit Input(const std::string& path) : mValue(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (mValue < 0) {
-      throw CommandError(path + ": " + std::strerror(errno));
-    }
+/// Opens a file. Throws CommandError.
+net::Descriptor Open(const std::string& path, int flags) {
+  net::Descriptor file(open(path.c_str(), flags | O_CLOEXEC));
+  if (!file) {
+    throw CommandError(path + ": " + std::strerror(errno));
   }
-  ~Input() { close(mValue); }
-  Input(const Input&) = delete;
-  Input& operator=(const Input&) = delete;
-  int Get() const { return mValue; }
-
- private:
-  int mValue;
-};
+  return file;
+}
 
 /// Fills a part of the range from the file.
 void ReadInto(int descriptor, char* target, std::uint64_t size, std::uint64_t offset,
@@ -74,20 +68,13 @@ void WriteAll(int descriptor, const char* data, std::uint64_t size) {
   }
 }
 
-/// A handle of vyn/variable.h. What is not published when it ends is abandoned.
-class Variable {
- public:
-  Variable() = default;
-  ~Variable() { VynVariableClose(mHandle); }
-  Variable(const Variable&) = delete;
-  Variable& operator=(const Variable&) = delete;
-  VynVariable** Place() { return &mHandle; }
-  VynVariable* Get() const { return mHandle; }
-  char* Data() const { return static_cast<char*>(VynVariableData(mHandle)); }
-
- private:
-  VynVariable* mHandle = nullptr;
+struct CloseVariable {
+  void operator()(VynVariable* variable) const { VynVariableClose(variable); }
 };
+/// A handle of vyn/variable.h. What is not published when it ends is abandoned.
+using Variable = std::unique_ptr<VynVariable, CloseVariable>;
+
+char* Data(const Variable& variable) { return static_cast<char*>(VynVariableData(variable.get())); }
 
 void StartWith(const Settings& settings, const std::string& application) {
   LoadConfiguration(settings);
@@ -100,56 +87,48 @@ void StartWith(const Settings& settings, const std::string& application) {
 /// The destination of a get: standard output, or a file that gets its name only when it is complete.
 class Output {
  public:
-  explicit Output(const std::string& file) : mFile(file) {
+  explicit Output(const std::string& file) : mName(file) {
     if (file.empty()) {
-      mDescriptor = STDOUT_FILENO;
       return;
     }
     struct stat status {};
     // Write directly into a pipe or a device: a rename would replace it by a regular file.
     if (stat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-      mDescriptor = open(file.c_str(), O_WRONLY | O_CLOEXEC);
-      if (mDescriptor < 0) {
-        throw CommandError(file + ": " + std::strerror(errno));
-      }
+      mFile = Open(file, O_WRONLY);
       return;
     }
     mTemporary = file + ".XXXXXX";
-    mDescriptor = mkostemp(mTemporary.data(), O_CLOEXEC);
-    if (mDescriptor < 0) {
+    mFile.Reset(mkostemp(mTemporary.data(), O_CLOEXEC));
+    if (!mFile) {
       throw CommandError(mTemporary + ": " + std::strerror(errno));
     }
     const mode_t mask = umask(0);
     umask(mask);
-    fchmod(mDescriptor, status.st_mode != 0 ? status.st_mode & 0777U : 0666U & ~mask);
+    fchmod(mFile.Get(), status.st_mode != 0 ? status.st_mode & 0777U : 0666U & ~mask);
   }
   ~Output() {
-    if (mDescriptor >= 0 && mDescriptor != STDOUT_FILENO) {
-      close(mDescriptor);
-    }
     if (!mTemporary.empty()) {
       unlink(mTemporary.c_str());
     }
   }
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
-  int Descriptor() const { return mDescriptor; }
+  int Descriptor() const { return mName.empty() ? STDOUT_FILENO : mFile.Get(); }
   void Finish() {
-    if (mFile.empty()) {
+    if (mName.empty()) {
       return;
     }
-    const bool closed = close(mDescriptor) == 0;
-    mDescriptor = -1;
-    if (!closed || (!mTemporary.empty() && rename(mTemporary.c_str(), mFile.c_str()) != 0)) {
-      throw CommandError(mFile + ": " + std::strerror(errno));
+    const bool closed = close(mFile.Release()) == 0;  // a file system may report a failed write only now
+    if (!closed || (!mTemporary.empty() && rename(mTemporary.c_str(), mName.c_str()) != 0)) {
+      throw CommandError(mName + ": " + std::strerror(errno));
     }
     mTemporary.clear();
   }
 
  private:
-  const std::string mFile;
+  const std::string mName;
   std::string mTemporary;
-  int mDescriptor = -1;
+  net::Descriptor mFile;
 };
 
 /// Prints the result of the command: `answer` with Settings::json, otherwise `text`.
@@ -165,7 +144,7 @@ void Print(const Settings& settings, const json& answer, const std::string& text
 
 void PutVariable(const Settings& settings, const std::string& application, std::uint32_t id,
                  const std::string& file, std::uint64_t blockSize) {
-  const Input input(file);
+  const net::Descriptor input = Open(file, O_RDONLY);
   struct stat status {};
   if (fstat(input.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0) {
     throw CommandError(file + " is no file with contents");
@@ -176,20 +155,20 @@ void PutVariable(const Settings& settings, const std::string& application, std::
   const auto page = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
   const std::uint64_t piece = (std::min(blockSize, total) + page - 1) / page * page;
   const VynVariableOptions options{sizeof(VynVariableOptions), piece};
-  Variable variable;
-  Require(VynVariableCreateWith(application.c_str(), id, total, &options, variable.Place()),
-          "creating the variable");
+  VynVariable* made = nullptr;
+  Require(VynVariableCreateWith(application.c_str(), id, total, &options, &made), "creating the variable");
+  const Variable variable(made);
   {
     Progress progress("put", total);
     for (std::uint64_t offset = 0; offset < total; offset += piece) {
       CheckInterrupted();
       const std::uint64_t size = std::min(piece, total - offset);
-      ReadInto(input.Get(), variable.Data() + offset, size, offset, file);
-      Require(VynVariableFlush(variable.Get(), offset, size), "writing a block");
+      ReadInto(input.Get(), Data(variable) + offset, size, offset, file);
+      Require(VynVariableFlush(variable.get(), offset, size), "writing a block");
       progress.Add(size);
     }
   }
-  Require(VynVariablePublish(variable.Get()), "publishing the variable");
+  Require(VynVariablePublish(variable.get()), "publishing the variable");
   const std::uint64_t count = (total + piece - 1) / piece;
   Print(settings, {{"application", application}, {"variable", id}, {"blocks", count}, {"bytes", total}},
         "variable " + std::to_string(id) + " of " + application + ": " + std::to_string(total) +
@@ -199,16 +178,17 @@ void PutVariable(const Settings& settings, const std::string& application, std::
 void GetVariable(const Settings& settings, const std::string& application, std::uint32_t id,
                  const std::string& file) {
   StartWith(settings, application);
-  Variable variable;
-  Require(VynVariableOpen(application.c_str(), id, variable.Place()), "opening the variable");
-  const std::uint64_t total = VynVariableSize(variable.Get());
+  VynVariable* opened = nullptr;
+  Require(VynVariableOpen(application.c_str(), id, &opened), "opening the variable");
+  const Variable variable(opened);
+  const std::uint64_t total = VynVariableSize(variable.get());
   DeferSignals();
   Output output(file);
   {
     Progress progress("get", total);
     for (std::uint64_t offset = 0; offset < total; offset += kPiece) {
       const std::uint64_t size = std::min(kPiece, total - offset);
-      WriteAll(output.Descriptor(), variable.Data() + offset, size);
+      WriteAll(output.Descriptor(), Data(variable) + offset, size);
       progress.Add(size);
     }
   }

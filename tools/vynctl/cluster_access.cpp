@@ -1,4 +1,4 @@
-#include "tools/vynctl/session.h"
+#include "tools/vynctl/cluster_access.h"
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/api/base_api_util.h"
