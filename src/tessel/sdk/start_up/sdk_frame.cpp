@@ -6,7 +6,7 @@
 namespace vyn::tessel {
 
 bool RefreshMetaClient() {
-  g_ShuffleMetaRPCEngine = ShuffleMetaRPCEngine::gShuffleMetaRPCEngine;
+  g_ShuffleMetaRPCEngine = ShuffleMetaRPCEngine::GetInstance();
   return g_ShuffleMetaRPCEngine != nullptr;
 }
 
