@@ -2,6 +2,7 @@
 
 #include "common/log/error_info.h"
 #include "common/log/logging.h"
+#include "tessel/message/service_status.h"
 #include "tessel/sdk/variable/fabric_calls.h"
 #include "vyn/variable.h"
 
@@ -12,10 +13,6 @@
 namespace vyn::tessel {
 
 namespace {
-
-/// The leader's refusals of a block list: the node has other blocks, or could not be asked.
-constexpr std::uint32_t kBlocksDiffer = 2140033;
-constexpr std::uint32_t kNodeUnreachable = 2140035;
 
 std::string ByteText(std::uint64_t bytes) {
   constexpr std::array<const char*, 5> kUnits{"B", "KiB", "MiB", "GiB", "TiB"};
@@ -50,9 +47,9 @@ std::uint32_t FailService(const VariableKey& key, Service service, std::uint32_t
     case VYN_VARIABLE_LIMIT:
       return VYN_FAIL(status, "application " << key.application << " has reached its limit of variables or "
                                              << "blocks");
-    case kBlocksDiffer:
+    case service_status::kStatusBlocksDiffer:
       return VYN_FAIL(VYN_VARIABLE_LOST, key.Text() << ": its node no longer has all its blocks");
-    case kNodeUnreachable:
+    case service_status::kStatusNodeUnreachable:
       return VYN_FAIL(VYN_VARIABLE_LOST, key.Text()
                                              << ": the leader of the metadata service cannot reach the "
                                              << "node that has its blocks");
