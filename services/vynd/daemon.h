@@ -12,7 +12,7 @@
 #include "services/node/node_registry.h"
 #include "services/node/node_server.h"
 #include "services/node/reclaimer.h"
-#include "services/node/unpublished_variables.h"
+#include "services/node/unpublished/unpublished_variables.h"
 #include "services/vynd/home_lock.h"
 #include "services/vynd/options.h"
 

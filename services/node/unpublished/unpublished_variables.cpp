@@ -1,4 +1,4 @@
-#include "services/node/unpublished_variables.h"
+#include "services/node/unpublished/unpublished_variables.h"
 
 #include "common/log/logging.h"
 #include "common/util/clock.h"

@@ -1,4 +1,4 @@
-#include "services/node/batch_journal.h"
+#include "services/node/unpublished/batch_journal.h"
 
 #include "common/log/logging.h"
 #include "common/util/clock.h"
