@@ -14,8 +14,8 @@
 #include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/sync/mutex.h"
-#include "services/node/unpublished/batch_journal.h"
 #include "services/node/metadata_client.h"
+#include "services/node/unpublished/batch_journal.h"
 
 #include <cstdint>
 #include <string>
