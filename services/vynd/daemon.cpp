@@ -7,12 +7,14 @@
 #include "common/log/logging.h"
 #include "common/rpc/rpc_setter.h"
 #include "common/util/file_util.h"
+#include "common/wait/retry.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/rpc_handlers.h"
 #include "services/config_check/config_check.h"
 #include "services/node/token_registry.h"
 
 #include <cerrno>
+#include <chrono>
 #include <latch>
 #include <memory>
 #include <thread>
@@ -75,7 +77,15 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   member.service.applicationTimeout = mOptions.applicationTimeout;
   member.service.sizesAtNode =
       [this](std::uint16_t nodeId, const std::string& application, const std::vector<std::string>& bmIds,
-             std::vector<std::uint64_t>& sizes) { return mFabric.Sizes(nodeId, application, bmIds, sizes); };
+             std::vector<std::uint64_t>& sizes) {
+        // The view of a leader learns of a node that has just started within a second.
+        common::Retry retry = common::Retry::Times(4, std::chrono::milliseconds(500));
+        int result = 0;
+        do {
+          result = mFabric.Sizes(nodeId, application, bmIds, sizes);
+        } while (result == fabric::kBmUnconnected && retry.Again());
+        return result;
+      };
   member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
   member.service.server = ServerSettings();
   member.onNewSession = [this] { mNodeServer->ForgetAll(); };
