@@ -21,8 +21,6 @@ namespace {
 
 using namespace tessel;  // the messages
 
-/// The most blocks of one request.
-constexpr std::size_t kMaxBlocks = 500000;
 /// How long a request for the leader's address waits while no leader is known.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
 /// The largest blob, in bytes; the client has the same limit.

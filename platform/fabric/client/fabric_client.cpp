@@ -239,7 +239,7 @@ int FabricClient::FreeBatch(const char* const* ids, std::uint32_t count, const c
   std::map<std::uint16_t, std::vector<std::string_view>> byOwner;
   for (std::uint32_t index = 0; ids != nullptr && index < count; ++index) {
     std::string_view id;
-    if (ParseId(ids[index], id) != 0) {
+    if (ParseObjectId(ids[index], id) != 0) {
       first = kBmLocalError;
     } else {
       byOwner[OwnerOf(id)].push_back(id);

@@ -35,7 +35,7 @@ int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, s
   total = 0;
   for (const BmGatherPiece& piece : pieces) {
     std::string_view id;
-    if (piece.bmId[kIdLength] != '\0' || ParseId(piece.bmId, id) != 0 || total + piece.length < total) {
+    if (piece.bmId[kIdLength] != '\0' || ParseObjectId(piece.bmId, id) != 0 || total + piece.length < total) {
       return kBmLocalError;
     }
     total += piece.length;
@@ -105,12 +105,12 @@ int FabricClient::MapAt(const BmSecContext* context, int protection, void* addre
 
 int FabricClient::Unmap(const char* id, void* address) {
   std::string_view text;
-  return ParseId(id, text) != 0 || address == nullptr ? kBmLocalError : mMappings.Remove(address, text);
+  return ParseObjectId(id, text) != 0 || address == nullptr ? kBmLocalError : mMappings.Remove(address, text);
 }
 
 int FabricClient::MappedLength(const char* id, const void* address, std::uint64_t* length) {
   std::string_view text;
-  if (ParseId(id, text) != 0 || length == nullptr) {
+  if (ParseObjectId(id, text) != 0 || length == nullptr) {
     return kBmLocalError;
   }
   *length = mMappings.LengthOf(address, text);
