@@ -2,7 +2,8 @@
 
 #include "common/log/exceptions.h"
 #include "common/log/logging.h"
-#include "platform/fabric/protocol/protocol.h"
+#include "platform/fabric/protocol/names.h"
+#include "platform/fabric/protocol/results.h"
 #include "services/node/metadata_client.h"
 #include "services/node/token_registry.h"
 #include "tessel/message/operation_codes.h"

@@ -4,9 +4,9 @@
 // argument never reaches a node. The result is what a node would have answered, or kBmLocalError for a
 // request that could not even be sent. Threads: no state, any thread.
 
+#include "platform/fabric/client/bm_functions.h"
 #include "platform/fabric/protocol/access.h"
 #include "platform/fabric/protocol/names.h"
-#include "platform/fabric/protocol/protocol.h"
 
 #include <cerrno>
 #include <cstring>
