@@ -4,8 +4,8 @@
 // each of TLS and SASL may be missing. The client is loaded with this library, before the security settings
 // are known; the loader prefers a client in this library's folder. Threads: any.
 
-#include "platform/zk_helper/zk_helper.h"
 #include "platform/zk_helper/session.h"
+#include "platform/zk_helper/zk_helper.h"
 
 #include <string>
 

@@ -2,8 +2,8 @@
 
 #include "platform/zk_helper/client_lines.h"
 #include "platform/zk_helper/security.h"
-#include "platform/zk_helper/session_registry.h"
 #include "platform/zk_helper/session.h"
+#include "platform/zk_helper/session_registry.h"
 
 #include <stdlib.h>
 #include <string.h>

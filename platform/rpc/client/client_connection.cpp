@@ -174,7 +174,7 @@ RpcOutcome ClientConnection::Establish(const net::Deadline& deadline) {
 }
 
 RpcOutcome ClientConnection::SendAndReceive(const Message& request, std::uint32_t length, Message& response,
-                                         const net::Deadline& deadline) {
+                                            const net::Deadline& deadline) {
   RpcFrameHeader header;
   header.mLength = length;
   header.mCall = ++mLastCall;
@@ -191,7 +191,7 @@ RpcOutcome ClientConnection::SendAndReceive(const Message& request, std::uint32_
 }
 
 RpcOutcome ClientConnection::ReceiveReply(const RpcFrameHeader& sent, Message& response,
-                                       const net::Deadline& deadline) {
+                                          const net::Deadline& deadline) {
   RpcFrame frame;
   // The reply cannot have arrived yet, so we wait first. Whatever the last read found no longer counts then.
   mReader->OnReadable();

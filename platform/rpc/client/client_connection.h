@@ -10,8 +10,8 @@
 #include "platform/net/descriptor.h"
 #include "platform/rpc/client/transport_setting.h"
 #include "platform/rpc/wire/message.h"
-#include "platform/rpc/wire/rpc_outcome.h"
 #include "platform/rpc/wire/rpc_frame_reader.h"
+#include "platform/rpc/wire/rpc_outcome.h"
 #include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
@@ -50,7 +50,7 @@ class ClientConnection {
   RpcOutcome Open(const net::Deadline& deadline);
   RpcOutcome Establish(const net::Deadline& deadline);
   RpcOutcome SendAndReceive(const Message& request, std::uint32_t length, Message& response,
-                         const net::Deadline& deadline);
+                            const net::Deadline& deadline);
   RpcOutcome ReceiveReply(const RpcFrameHeader& sent, Message& response, const net::Deadline& deadline);
   /// The outcome of a wait of the stream.
   RpcOutcome OutcomeOf(net::IoStatus status);
