@@ -1,6 +1,8 @@
 #pragma once
 
 // How setting up a socket ended: a status and, when it failed, the text for an operator.
+//
+// Threads: a value, used by one thread at a time.
 
 #include <string>
 

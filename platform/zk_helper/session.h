@@ -57,7 +57,8 @@ struct Request {
   Session* mSession = nullptr;
   Watch* mWatch = nullptr;  ///< to be set by this call, with the path of the znode
   std::string mPath;
-  // Guarded by the session's mutex until the call is done.
+  // Read and written under the session's mutex until the call is done, afterwards by its caller. Clang cannot
+  // check that: the mutex is a member of another object.
   sync::Condition mFinished;
   bool mDone = false;
   bool mAbandoned = false;  ///< the caller has stopped waiting

@@ -7,7 +7,8 @@
 // Beyond them:
 //
 // - A handle is a ticket, not a pointer into the client: it names one session for the life of the process and
-//   is never used again for another. Any call on a handle that is unknown or closed gives ZINVALIDSTATE.
+//   is never used again for another. A call on a handle that is unknown or closed gives ZINVALIDSTATE, or
+//   zeros where it gives no result (DoDlZooClientId, DoDlZooRecvTimeout).
 // - No call hangs on a session that has gone. A thread that belongs to the session and holds no lock closes
 //   the client as soon as the session has expired; every call then under way, and every later one, gives
 //   ZINVALIDSTATE. The handle stays valid as a ticket until DoDlZookeeperClose.
@@ -15,7 +16,8 @@
 //   needs. So a watcher may call every function of this header, and wait for any lock.
 // - A watch that could not be set because the connection was lost is not forgotten: once the session is
 //   connected again its watcher gets a session event (ZOO_SESSION_EVENT, ZOO_CONNECTED_STATE) with the path
-//   that was asked for. Every other session event has an empty path.
+//   that was asked for. It gets the same event when the watch was set after the call had timed out. Every
+//   other session event has an empty path.
 //
 // All functions may be called from any thread. None but DoDlZookeeperClose waits for a watcher.
 

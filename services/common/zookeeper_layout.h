@@ -49,6 +49,10 @@ inline bool IsName(const std::string& name) {
 /// Parses the id in a znode's name. Other programs can create znodes in the tree as well. Returns: false
 /// unless the name is a decimal number without sign or leading zeros.
 bool ParseId(const std::string& name, std::uint32_t& id);
+/// Parses the variable's id in the name of its record. Returns: false if the record is no variable's.
+inline bool ParseVariableId(const std::string& name, std::uint32_t& id) {
+  return ParseId(name.substr(0, name.find('.')), id);
+}
 
 inline std::string NodePath(std::uint32_t nodeId) {
   return std::string(kNodesPath) + "/" + std::to_string(nodeId);

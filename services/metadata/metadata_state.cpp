@@ -85,7 +85,7 @@ std::uint32_t MetadataState::EnsureApplication(const std::string& application) {
 
 std::uint32_t MetadataState::NewVariable(const std::string& application, std::uint32_t id,
                                          std::uint32_t blockNum) {
-  if (blockNum > MetadataStore::kMaxBlocks) {
+  if (blockNum > tessel::kMaxBlocks) {
     return kStatusTooLarge;
   }
   AwaitForgotten(application, id);
@@ -172,7 +172,7 @@ void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t
 }
 
 std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variable variable) {
-  if (variable.bmIds.size() > MetadataStore::kMaxBlocks) {
+  if (variable.bmIds.size() > tessel::kMaxBlocks) {
     return kStatusTooLarge;
   }
   variable.ready = true;

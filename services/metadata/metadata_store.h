@@ -33,8 +33,6 @@ class MetadataStore {
   /// Another leader has taken over, or ZooKeeper did not answer a write. In the second case memory and
   /// ZooKeeper may differ, and only a new Open can read the truth.
   static constexpr std::uint32_t kStatusLeadershipLost = kStatusNotLeading;
-  /// The most blocks of a variable. Their list fits into one frame of a reply.
-  static constexpr std::uint32_t kMaxBlocks = 500000;
 
   /// Deleted variables, by application and number. The value holds the paths of the reclaim entries.
   using Deletions = std::map<std::pair<std::string, std::uint32_t>, std::vector<std::string>>;

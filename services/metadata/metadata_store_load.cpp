@@ -11,7 +11,6 @@
 #include "services/metadata/metadata_store.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <thread>
 #include <utility>
 
@@ -160,13 +159,16 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
     Variable variable;
     bool deleted = false;
     variable.path = path + "/" + child;
+    if (!ParseVariableId(child, variable.id)) {
+      VYN_LOG_WARN("The record " << variable.path << " is no variable's, it is not served");
+      continue;
+    }
     if (const std::uint32_t status = LoadVariable(variable.path, variable, deleted); Failed(status)) {
       return status;
     }
     if (deleted) {
       continue;
     }
-    variable.id = static_cast<std::uint32_t>(std::strtoul(child.c_str(), nullptr, 10));
     const auto [kept, added] = application.variables.try_emplace(variable.id, std::move(variable));
     if (!added) {
       if (const std::uint32_t status = RemoveDuplicate(name, kept->second, variable); Failed(status)) {

@@ -2,7 +2,8 @@
 
 #include "common/log/exceptions.h"
 #include "common/log/logging.h"
-#include "platform/fabric/protocol/protocol.h"
+#include "platform/fabric/protocol/names.h"
+#include "platform/fabric/protocol/results.h"
 #include "services/node/metadata_client.h"
 #include "services/node/token_registry.h"
 #include "tessel/message/operation_codes.h"
@@ -21,8 +22,6 @@ namespace {
 
 using namespace tessel;  // the messages
 
-/// The most blocks of one request.
-constexpr std::size_t kMaxBlocks = 500000;
 /// How long a request for the leader's address waits while no leader is known.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
 /// The largest blob, in bytes; the client has the same limit.

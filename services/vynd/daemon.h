@@ -1,7 +1,7 @@
 #pragma once
 
 // The whole of vynd: starts the fabric node, the ZooKeeper session, the node registry, the metadata member,
-// the node server and the reclaimer in this order, and stops them.
+// the node server, the reclaimer and the watch over unpublished variables in this order, and stops them.
 //
 // One thread calls Start and Stop. The parts have threads of their own. Their callbacks use mClaimed and
 // parts that Start creates before the part that calls them starts.

@@ -49,7 +49,7 @@ json Variables(const std::string& application) {
   for (const std::string& name : Children(services::AppPath(application))) {
     services::VariableRecord record;
     std::uint32_t id = 0;
-    if (!services::ParseId(name.substr(0, name.find('.')), id) ||
+    if (!services::ParseVariableId(name, id) ||
         services::ReadVariableRecord(services::AppPath(application) + "/" + name, record) !=
             services::RecordRead::kRead ||
         record.state == services::RecordState::kDeleted) {

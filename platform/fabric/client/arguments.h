@@ -4,9 +4,9 @@
 // argument never reaches a node. The result is what a node would have answered, or kBmLocalError for a
 // request that could not even be sent. Threads: no state, any thread.
 
+#include "platform/fabric/client/bm_functions.h"
 #include "platform/fabric/protocol/access.h"
 #include "platform/fabric/protocol/names.h"
-#include "platform/fabric/protocol/protocol.h"
 
 #include <cerrno>
 #include <cstring>
@@ -25,13 +25,13 @@ inline int ParseAccess(const char* ns, const char* token, Access& access) {
   return access.token.size() <= kMaxTokenLength ? 0 : -EACCES;
 }
 
-inline int ParseId(const char* text, std::string_view& id) {
+inline int ParseObjectId(const char* text, std::string_view& id) {
   id = text == nullptr ? std::string_view() : std::string_view(text, ::strnlen(text, kIdLength + 1));
   return IsObjectId(id) ? 0 : kBmLocalError;
 }
 
 inline int ParseObjectName(const BmSecContext* context, ObjectName& object) {
-  if (context == nullptr || ParseId(context->bmId, object.id) != 0) {
+  if (context == nullptr || ParseObjectId(context->bmId, object.id) != 0) {
     return kBmLocalError;
   }
   return ParseAccess(context->ns, context->token, object.access);

@@ -15,6 +15,8 @@ namespace {
 
 using vyn::fabric::FabricClient;
 
+static_assert(sizeof(vyn::fabric::NodeAttributes) == sizeof(BmResourceAttributes));
+
 /// The process's client. It is never destroyed, and its memory is part of the library: threads may be in a
 /// call while the process ends.
 alignas(FabricClient) char gStorage[sizeof(FabricClient)];

@@ -3,28 +3,18 @@
 // The functions that libbmclient.so exports and that its user resolves by name at run time. The last three
 // were added later: a user that finds another libbmclient.so does without them.
 //
-// All return 0 on success, otherwise one of the results below or a negative errno. Any thread may call any of
-// them after BM_Init. Functions that end in Sec act within a namespace and present its token. Nothing passed
-// in is kept beyond the call.
+// All return 0 on success, otherwise one of the results of results.h or a negative errno. Any thread may call
+// any of them after BM_Init. Functions that end in Sec act within a namespace and present its token. Nothing
+// passed in is kept beyond the call.
 
+#include "platform/fabric/protocol/names.h"
+#include "platform/fabric/protocol/results.h"
 #include "vyn/big_memory.h"
 
 #include <cstdint>
 
-// Results besides negative errno values.
-inline constexpr int kBmUnconnected = -195;            ///< the library's connection is not up
-inline constexpr int kBmNotEnoughCapacity = -79999;    ///< the pool is full
-inline constexpr int kBmNamespaceExists = -79995;      ///< the namespace is there already
-inline constexpr int kBmNamespaceInvalid = 22;         ///< the namespace parameter is invalid
-inline constexpr int kBmRemoteErrorA = -190;           ///< failed on the remote side
-inline constexpr int kBmRemoteErrorB = -191;           ///< failed on the remote side
-inline constexpr int kBmRemoteErrorC = -194;           ///< failed on the remote side
-inline constexpr int kBmLocalError = -193;             ///< failed on this side
-inline constexpr int kBmRemoteSwapInError = -79988;    ///< swap-in failed on the remote side
-inline constexpr int kBmRemoteTransferError = -79989;  ///< gather or swap-in failed on the remote side
-
 /// Characters of an object's id, without the final NUL.
-inline constexpr unsigned long kBmIdLength = 60;
+inline constexpr unsigned long kBmIdLength = vyn::fabric::kIdLength;
 
 /// Names an object and proves the right to it.
 struct BmSecContext {

@@ -159,10 +159,10 @@ int FabricClient::Query(NodeAttributes* attributes) {
 }
 
 int FabricClient::QueryNode(std::uint16_t nodeId, NodeAttributes* attributes) {
-  NodePtr node;
-  bool local = false;
-  const int result = attributes == nullptr ? kBmLocalError : Route(nodeId, node, local);
-  return result != 0 ? result : node->Query(*attributes);
+  if (attributes == nullptr) {
+    return kBmLocalError;
+  }
+  return CallNode(nodeId, [&](RemoteNode& node) { return node.Query(*attributes); });
 }
 
 int FabricClient::CreateNamespace(std::uint16_t nodeId, const char* ns, const char* token) {
@@ -171,37 +171,36 @@ int FabricClient::CreateNamespace(std::uint16_t nodeId, const char* ns, const ch
   if (refused != 0) {
     return refused == kBmLocalError ? refused : kBmNamespaceInvalid;
   }
-  NodePtr node;
-  bool local = false;
-  const int result = Route(nodeId, node, local);
-  return result != 0 ? result : node->CreateNamespace(nodeId, access);
+  return CallNode(nodeId, [&](RemoteNode& node) { return node.CreateNamespace(nodeId, access); });
 }
 
 int FabricClient::DestroyNamespace(std::uint32_t nodeId, const char* ns, const char* token) {
+  if (nodeId > UINT16_MAX) {
+    return kBmLocalError;
+  }
   Access access;
-  int result = nodeId > UINT16_MAX ? kBmLocalError : ParseAccess(ns, token, access);
-  NodePtr node;
-  bool local = false;
+  if (const int refused = ParseAccess(ns, token, access); refused != 0) {
+    return refused;
+  }
   const auto id = static_cast<std::uint16_t>(nodeId);
-  result = result == 0 ? Route(id, node, local) : result;
-  return result != 0 ? result : node->DestroyNamespace(id, access);
+  return CallNode(id, [&](RemoteNode& node) { return node.DestroyNamespace(id, access); });
 }
 
 int FabricClient::AllocateAt(std::uint16_t nodeId, const Access& access, std::uint64_t size,
                              std::string& id) {
-  NodePtr node;
-  bool local = false;
-  const int result = Route(nodeId, node, local);
-  return result != 0 ? result : node->Allocate(nodeId, access, size, id);
+  return CallNode(nodeId, [&](RemoteNode& node) { return node.Allocate(nodeId, access, size, id); });
 }
 
 int FabricClient::Allocate(const BmSecContext* context, std::uint64_t size, std::uint16_t nodeId) {
+  if (context == nullptr || context->bmId == nullptr) {
+    return kBmLocalError;
+  }
   Access access;
+  if (const int refused = ParseAccess(context->ns, context->token, access); refused != 0) {
+    return refused;
+  }
   std::string id;
-  int result = context == nullptr || context->bmId == nullptr
-                   ? kBmLocalError
-                   : ParseAccess(context->ns, context->token, access);
-  result = result == 0 ? AllocateAt(nodeId, access, size, id) : result;
+  const int result = AllocateAt(nodeId, access, size, id);
   if (result == 0) {
     std::memcpy(const_cast<char*>(context->bmId), id.c_str(), id.size() + 1);
   }
@@ -210,24 +209,20 @@ int FabricClient::Allocate(const BmSecContext* context, std::uint64_t size, std:
 
 int FabricClient::Expand(const BmSecContext* context, std::uint64_t size) {
   ObjectName object;
-  NodePtr node;
-  bool local = false;
-  int result = ParseObjectName(context, object);
-  result = result == 0 ? Route(OwnerOf(object.id), node, local) : result;
-  return result != 0 ? result : node->Expand(object, size);
+  if (const int refused = ParseObjectName(context, object); refused != 0) {
+    return refused;
+  }
+  return CallNode(OwnerOf(object.id), [&](RemoteNode& node) { return node.Expand(object, size); });
 }
 
 int FabricClient::FreeObject(const ObjectName& object) {
-  NodePtr node;
-  bool local = false;
-  const int result = Route(OwnerOf(object.id), node, local);
-  return result != 0 ? result : node->Free(object);
+  return CallNode(OwnerOf(object.id), [&](RemoteNode& node) { return node.Free(object); });
 }
 
 int FabricClient::Free(const BmSecContext* context) {
   ObjectName object;
-  const int result = ParseObjectName(context, object);
-  return result != 0 ? result : FreeObject(object);
+  const int refused = ParseObjectName(context, object);
+  return refused != 0 ? refused : FreeObject(object);
 }
 
 int FabricClient::FreeBatch(const char* const* ids, std::uint32_t count, const char* ns, const char* token) {
@@ -239,18 +234,16 @@ int FabricClient::FreeBatch(const char* const* ids, std::uint32_t count, const c
   std::map<std::uint16_t, std::vector<std::string_view>> byOwner;
   for (std::uint32_t index = 0; ids != nullptr && index < count; ++index) {
     std::string_view id;
-    if (ParseId(ids[index], id) != 0) {
+    if (ParseObjectId(ids[index], id) != 0) {
       first = kBmLocalError;
     } else {
       byOwner[OwnerOf(id)].push_back(id);
     }
   }
   for (const auto& [owner, some] : byOwner) {
-    NodePtr node;
-    bool local = false;
-    int result = Route(owner, node, local);
-    result = result == 0 ? node->FreeBatch(access, some) : result;
-    first = first == 0 ? result : first;
+    const auto& owned = some;  // not every compiler lets a lambda refer to `some`
+    const int result = CallNode(owner, [&](RemoteNode& node) { return node.FreeBatch(access, owned); });
+    first = first != 0 ? first : result;
   }
   return first;
 }

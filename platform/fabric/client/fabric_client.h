@@ -7,8 +7,9 @@
 // fabric (any other flag) all requests go over the links. A call that needs a connection makes it.
 //
 // Threads: any thread may call anything; no lock is held while a node is called. A forked child makes
-// connections of its own and inherits the mappings made before the fork. Results are those of protocol.h.
+// connections of its own and inherits the mappings made before the fork. Results are those of results.h.
 
+#include "platform/fabric/client/bm_functions.h"
 #include "platform/fabric/client/mapping_table.h"
 #include "platform/fabric/client/object_location.h"
 #include "platform/fabric/protocol/protocol.h"
@@ -23,6 +24,10 @@
 #include <vector>
 
 namespace vyn::fabric {
+
+/// The flags of a gather: into an object that exists, or into a new one.
+inline constexpr unsigned int kGatherExisting = 0x80;
+inline constexpr unsigned int kGatherNew = 0x100;
 
 class FabricClient {
  public:
@@ -69,6 +74,12 @@ class FabricClient {
   /// Fills the beginning of the object from a file that this process may read. \param length the object's
   /// size as the caller knows it; the part of the file must not be longer.
   int SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length);
+  /// Writes the pieces of a list of the type kBmGatherPieces one after the other into the destination. All
+  /// pieces are looked at before the first byte is moved: one that is refused leaves the destination alone. An
+  /// existing destination must have room for all of them. For a new one an object of exactly their length is
+  /// allocated, on the node of this machine or, in a process outside the fabric, on the node of the first
+  /// piece. Its id is written to the destination's `bmId`, a buffer of at least 61 bytes. A gather that fails
+  /// frees it again.
   int Gather(const BmGatherContext* list, unsigned int flags, const BmSecContext* destination);
 
   // Not checked: the mutex, and those of all nodes, stay held between the two calls.
@@ -80,6 +91,15 @@ class FabricClient {
 
   /// The proxy to call for objects of `nodeId`. \param local whether that is this machine's own node.
   int Route(std::uint16_t nodeId, NodePtr& node, bool& local);
+  /// Calls `call` with the proxy to call for objects of `nodeId`. Returns: the call's result, or why there is
+  /// no proxy.
+  template <typename Call>
+  int CallNode(std::uint16_t nodeId, const Call& call) {
+    NodePtr node;
+    bool local = false;
+    const int result = Route(nodeId, node, local);
+    return result != 0 ? result : call(*node);
+  }
   /// Fills in how links are secured. Returns: kBmLocalError when a file that TLS needs cannot be read.
   int SecureLinks(LinkSecurity& security);
   /// The id of this machine's node.
@@ -88,6 +108,11 @@ class FabricClient {
   int OpenFile(const BmSecContext* context, ObjectName& object, bool& writable, net::Descriptor& file,
                std::uint64_t& size);
   int Locate(const ObjectName& object, bool writable, ObjectLocation& place);
+  /// The same of an object that a caller names. `place` refers to the texts of `object`.
+  int Locate(const BmSecContext* context, bool writable, ObjectName& object, ObjectLocation& place);
+  /// Locates an object in which the range must lie.
+  int LocateRange(const ObjectName& object, std::uint64_t offset, std::uint64_t length, bool writable,
+                  ObjectLocation& place);
   int AllocateAt(std::uint16_t nodeId, const Access& access, std::uint64_t size, std::string& id);
   int FreeObject(const ObjectName& object);
   int GatherPieces(const std::vector<BmGatherPiece>& pieces, const ObjectName& destination);

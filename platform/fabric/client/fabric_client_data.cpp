@@ -25,7 +25,7 @@ int Transferred(int result, int remoteError) { return result == kBmRemoteFailed 
 bool IsProtection(int protection) { return protection > PROT_NONE && protection <= (PROT_READ | PROT_WRITE); }
 
 int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, std::uint64_t& total) {
-  if (list == nullptr || list->type != kGatherPieces || list->size % sizeof(BmGatherPiece) != 0) {
+  if (list == nullptr || list->type != kBmGatherPieces || list->size % sizeof(BmGatherPiece) != 0) {
     return kBmLocalError;
   }
   pieces.resize(list->size / sizeof(BmGatherPiece));
@@ -35,7 +35,7 @@ int GetPieces(const BmGatherContext* list, std::vector<BmGatherPiece>& pieces, s
   total = 0;
   for (const BmGatherPiece& piece : pieces) {
     std::string_view id;
-    if (piece.bmId[kIdLength] != '\0' || ParseId(piece.bmId, id) != 0 || total + piece.length < total) {
+    if (piece.bmId[kIdLength] != '\0' || ParseObjectId(piece.bmId, id) != 0 || total + piece.length < total) {
       return kBmLocalError;
     }
     total += piece.length;
@@ -105,12 +105,12 @@ int FabricClient::MapAt(const BmSecContext* context, int protection, void* addre
 
 int FabricClient::Unmap(const char* id, void* address) {
   std::string_view text;
-  return ParseId(id, text) != 0 || address == nullptr ? kBmLocalError : mMappings.Remove(address, text);
+  return ParseObjectId(id, text) != 0 || address == nullptr ? kBmLocalError : mMappings.Remove(address, text);
 }
 
 int FabricClient::MappedLength(const char* id, const void* address, std::uint64_t* length) {
   std::string_view text;
-  if (ParseId(id, text) != 0 || length == nullptr) {
+  if (ParseObjectId(id, text) != 0 || length == nullptr) {
     return kBmLocalError;
   }
   *length = mMappings.LengthOf(address, text);
@@ -136,13 +136,26 @@ int FabricClient::Locate(const ObjectName& object, bool writable, ObjectLocation
   return 0;
 }
 
+int FabricClient::Locate(const BmSecContext* context, bool writable, ObjectName& object,
+                         ObjectLocation& place) {
+  const int refused = ParseObjectName(context, object);
+  return refused != 0 ? refused : Locate(object, writable, place);
+}
+
+int FabricClient::LocateRange(const ObjectName& object, std::uint64_t offset, std::uint64_t length,
+                              bool writable, ObjectLocation& place) {
+  const int result = Locate(object, writable, place);
+  return result != 0 ? result : place.CheckRange(offset, length);
+}
+
 int FabricClient::Read(const BmSecContext* context, std::uint64_t offset, std::uint64_t length,
                        void* buffer) {
+  if (buffer == nullptr && length > 0) {
+    return kBmLocalError;
+  }
   ObjectName object;
   ObjectLocation place;
-  int result = buffer == nullptr && length > 0 ? kBmLocalError : ParseObjectName(context, object);
-  result = result == 0 ? Locate(object, false, place) : result;
-  if (result != 0) {
+  if (const int result = Locate(context, false, object, place); result != 0) {
     return result;
   }
   return offset == 0 && length >= kCheckedLength ? place.ReadChecked(length, buffer)
@@ -151,10 +164,12 @@ int FabricClient::Read(const BmSecContext* context, std::uint64_t offset, std::u
 
 int FabricClient::Write(const BmSecContext* context, std::uint64_t offset, std::uint64_t length,
                         const void* buffer) {
+  if (buffer == nullptr && length > 0) {
+    return kBmLocalError;
+  }
   ObjectName object;
   ObjectLocation place;
-  int result = buffer == nullptr && length > 0 ? kBmLocalError : ParseObjectName(context, object);
-  result = result == 0 ? Locate(object, true, place) : result;
+  const int result = Locate(context, true, object, place);
   return result != 0 ? result : place.Write(offset, length, buffer);
 }
 
@@ -162,16 +177,22 @@ int FabricClient::Copy(const BmSecContext* source, std::uint64_t sourceOffset,
                        const BmSecContext* destination, std::uint64_t destinationOffset,
                        std::uint64_t length) {
   ObjectName from;
+  if (const int refused = ParseObjectName(source, from); refused != 0) {
+    return refused;
+  }
   ObjectName to;
   ObjectLocation fromLocation;
   ObjectLocation toLocation;
-  int result = ParseObjectName(source, from);
-  result = result == 0 ? ParseObjectName(destination, to) : result;
-  result = result == 0 ? Locate(from, false, fromLocation) : result;
-  result = result == 0 ? Locate(to, true, toLocation) : result;
-  return result != 0
-             ? result
-             : ObjectLocation::Copy(fromLocation, sourceOffset, toLocation, destinationOffset, length);
+  if (const int refused = ParseObjectName(destination, to); refused != 0) {
+    return refused;
+  }
+  if (const int result = Locate(from, false, fromLocation); result != 0) {
+    return result;
+  }
+  if (const int result = Locate(to, true, toLocation); result != 0) {
+    return result;
+  }
+  return ObjectLocation::Copy(fromLocation, sourceOffset, toLocation, destinationOffset, length);
 }
 
 int FabricClient::SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length) {
@@ -204,7 +225,9 @@ int FabricClient::SwapIn(const BmFileRecord* file, const BmBlockRecord* block, s
   }
   ObjectLocation place;
   int result = Locate(object, true, place);
-  result = result == 0 ? place.Fill(opened.Get(), file->offset, file->length) : result;
+  if (result == 0) {
+    result = place.Fill(opened.Get(), file->offset, file->length);
+  }
   return Transferred(result, kBmRemoteSwapInError);
 }
 
@@ -216,31 +239,30 @@ int FabricClient::Gather(const BmGatherContext* list, unsigned int flags, const 
   }
   ObjectName object;
   if (flags == kGatherExisting) {
-    const int result = ParseObjectName(destination, object);
-    return result != 0 ? result : Transferred(GatherPieces(pieces, object), kBmRemoteTransferError);
+    const int refused = ParseObjectName(destination, object);
+    return refused != 0 ? refused : Transferred(GatherPieces(pieces, object), kBmRemoteTransferError);
   }
   if (flags != kGatherNew || destination == nullptr || destination->bmId == nullptr) {
     return kBmLocalError;
   }
+  if (const int refused = ParseAccess(destination->ns, destination->token, object.access); refused != 0) {
+    return refused;
+  }
   std::uint16_t where = 0;
-  int result = ParseAccess(destination->ns, destination->token, object.access);
-  const int local = result == 0 ? LocalNode(where) : 0;
-  if (local == kBmLocalError) {  // outside the fabric
+  if (const int unknown = LocalNode(where); unknown == kBmLocalError) {  // outside the fabric
     if (pieces.empty()) {
       return kBmLocalError;
     }
     where = OwnerOf(pieces.front().bmId);
-  } else {
-    result = result == 0 ? local : result;
+  } else if (unknown != 0) {
+    return unknown;
   }
   std::string id;
-  result = result == 0 ? AllocateAt(where, object.access, total, id) : result;
-  if (result != 0) {
+  if (const int result = AllocateAt(where, object.access, total, id); result != 0) {
     return result;
   }
   object.id = id;
-  result = GatherPieces(pieces, object);
-  if (result != 0) {
+  if (const int result = GatherPieces(pieces, object); result != 0) {
     FreeObject(object);
     return Transferred(result, kBmRemoteTransferError);
   }
@@ -249,29 +271,35 @@ int FabricClient::Gather(const BmGatherContext* list, unsigned int flags, const 
 }
 
 int FabricClient::GatherPieces(const std::vector<BmGatherPiece>& pieces, const ObjectName& destination) {
+  const auto nameOf = [&destination](const BmGatherPiece& piece) {
+    return ObjectName{destination.access, {piece.bmId, kIdLength}};
+  };
   // All pieces are checked before the first is copied: a refused gather has changed nothing.
   std::uint64_t total = 0;
   for (const BmGatherPiece& piece : pieces) {
     ObjectLocation from;
-    int wrong = Locate({destination.access, {piece.bmId, kIdLength}}, false, from);
-    wrong = wrong == 0 ? from.CheckRange(piece.offset, piece.length) : wrong;
-    if (wrong != 0) {
-      return wrong;
+    if (const int result = LocateRange(nameOf(piece), piece.offset, piece.length, false, from); result != 0) {
+      return result;
     }
     total += piece.length;
   }
   ObjectLocation to;
-  int result = Locate(destination, true, to);
-  result = result == 0 ? to.CheckRange(0, total) : result;
+  if (const int result = LocateRange(destination, 0, total, true, to); result != 0) {
+    return result;
+  }
   std::uint64_t offset = 0;
-  for (std::size_t index = 0; result == 0 && index < pieces.size(); ++index) {
-    const BmGatherPiece& piece = pieces[index];
+  for (const BmGatherPiece& piece : pieces) {
     ObjectLocation from;
-    result = Locate({destination.access, {piece.bmId, kIdLength}}, false, from);
-    result = result == 0 ? ObjectLocation::Copy(from, piece.offset, to, offset, piece.length) : result;
+    int result = Locate(nameOf(piece), false, from);
+    if (result == 0) {
+      result = ObjectLocation::Copy(from, piece.offset, to, offset, piece.length);
+    }
+    if (result != 0) {
+      return result;
+    }
     offset += piece.length;
   }
-  return result;
+  return 0;
 }
 
 }  // namespace vyn::fabric

@@ -3,7 +3,7 @@
 // The mappings that the library made in this process: BM_Unmap names an object and an address, and munmap
 // needs the length. Threads: any.
 
-#include "platform/fabric/protocol/protocol.h"
+#include "platform/fabric/protocol/results.h"
 #include "platform/sync/mutex.h"
 
 #include <sys/mman.h>

@@ -43,7 +43,9 @@ int ObjectLocation::ReadChecked(std::uint64_t length, void* buffer) {
     };
     ObjectState state;
     int result = mNode->Read(mName, 0, length, sink);
-    result = result == 0 ? mNode->State(mName, true, state) : result;
+    if (result == 0) {
+      result = mNode->State(mName, true, state);
+    }
     if (result != 0 || state.size != length || state.beingWritten || state.checksum == arrived.Value()) {
       return result;
     }

@@ -172,12 +172,12 @@ void FabricNode::Impl::RunSweeps() {
     try {
       pool.TruncateGrownFiles();
     } catch (const std::exception& failure) {
-      Log(kWarn, std::string("could not cut back what was grown: ") + failure.what());
+      Log(kWarn, std::string("grown files could not be truncated: ") + failure.what());
     }
     try {
       copies.Sweep();
     } catch (const std::exception& failure) {
-      Log(kWarn, std::string("could not look after the pulled copies: ") + failure.what());
+      Log(kWarn, std::string("the pulled copies could not be checked: ") + failure.what());
     }
     lock.Lock();
   }
@@ -258,12 +258,15 @@ int FabricNode::Free(const std::string& ns, const std::string& id) {
 
 int FabricNode::FreeBatch(const std::string& ns, const std::vector<std::string>& ids) {
   const NamespacePtr space = mImpl->pool.Find(ns);
-  int result = space == nullptr ? -ENOENT : 0;
-  for (const std::string& id : ids) {
-    const int freed = space == nullptr ? -ENOENT : mImpl->pool.Free(space, id);
-    result = result == 0 ? freed : result;
+  if (space == nullptr) {
+    return -ENOENT;
   }
-  return result;
+  int first = 0;
+  for (const std::string& id : ids) {
+    const int result = mImpl->pool.Free(space, id);
+    first = first != 0 ? first : result;
+  }
+  return first;
 }
 
 int FabricNode::IsBeingWritten(const std::string& ns, const std::string& id, bool& writing,

@@ -18,7 +18,7 @@
 // start truncate a larger file to the allocated size; after the object was freed nobody does, and the file
 // keeps its pages until the last process closes it. A shorter file harms only its own namespace.
 //
-// Results are those of platform/fabric/protocol/protocol.h. Any thread may call any function between Start
+// Results are those of platform/fabric/protocol/results.h. Any thread may call any function between Start
 // and Stop. Start and Stop themselves are called by one thread.
 
 #include <cstdint>

@@ -242,13 +242,13 @@ bool FabricSession::FreeBatch(ServerCall& call, Reader& arguments) {
       },
       [&] {
         return InNamespace(access, [&](const NamespacePtr& space) {
-          int result = 0;
+          int first = 0;
           for (const std::string_view id : ids) {
-            const int freed = mParts.pool.Free(space, id);
-            result = result == 0 ? freed : result;
+            const int result = mParts.pool.Free(space, id);
+            first = first != 0 ? first : result;
             call.SendProgress();
           }
-          return result;
+          return first;
         });
       }));
 }

@@ -6,6 +6,9 @@
 // When the limit of connections is reached, in all or for one peer, the connection that has been idle longest
 // is closed in favour of the new one; when none is idle, the new one is closed at once. A client whose
 // connection was closed connects again.
+//
+// Threads: any thread may call Connections; one makes and ends the object. `Serve` runs on the connections'
+// threads, several at once.
 
 #include "platform/fabric/transport/socket_stream.h"
 #include "platform/sync/mutex.h"
@@ -47,7 +50,9 @@ class Listener {
     SocketStream stream;
     const std::string peer;
     std::atomic<std::int64_t> idleSince{0};  // of the steady clock; 0 while a request is in progress
-    bool closing = false;                    // guarded by mMutex
+    /// Read and written under the listener's mMutex. Clang cannot check that: the mutex is a member of
+    /// another object.
+    bool closing = false;
     std::thread thread;
   };
   using ConnectionList = std::list<std::unique_ptr<Connection>>;

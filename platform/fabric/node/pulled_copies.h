@@ -10,8 +10,9 @@
 // the owner accepted last. A copy is dropped when the owner has freed the original (found at a use, by Drop,
 // or by Sweep), when its room is needed, and when the node stops.
 //
-// Each pull compares the checksum of the bytes that arrived with the owner's, and is repeated once when they
-// differ. A second difference is an error, unless the object is being written: then nothing can be told.
+// Each pull compares the checksum of the bytes that arrived with the owner's. When they differ though nobody
+// has written the object meanwhile, it is repeated once; a second difference is an error. While somebody
+// writes, it is repeated twice; then the bytes that arrived are served, and the next caller compares again.
 //
 // Threads: any. No lock is held while another node is called.
 
@@ -64,6 +65,7 @@ class PulledCopies {
   Totals Count() const;
 
  private:
+  /// Read and written under mMutex. Clang cannot check that: the mutex is a member of another object.
   struct Copy {
     bool ready = false;       // otherwise it is being pulled
     int result = 0;           // of the pull, when it has ended
@@ -88,7 +90,8 @@ class PulledCopies {
   /// Removes a ready copy. \param lastReference as in PoolFolder::Remove.
   void Remove(const std::string& id, net::Descriptor& lastReference) VYN_REQUIRES(mMutex);
   /// Opens the file of a ready copy. Returns: false when somebody removed it.
-  bool OpenCopy(const std::string& id, const Copy& copy, net::Descriptor& file, std::uint64_t& size) const;
+  bool OpenCopy(const std::string& id, const Copy& copy, net::Descriptor& file, std::uint64_t& size) const
+      VYN_REQUIRES(mMutex);
 
   Pool& mPool;
   Neighbours& mNeighbours;

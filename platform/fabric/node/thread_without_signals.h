@@ -1,7 +1,8 @@
 #pragma once
 
-// Threads of the node run in a process that belongs to its user: they must not receive the process's signals.
-// With SIGPIPE blocked, a write to a closed connection is an error.
+// The node runs in a process of somebody else, who handles that process's signals: the node's threads block
+// them. With SIGPIPE blocked, a write to a closed connection fails with EPIPE and does not end the process.
+// Any thread may call the function.
 
 #include <csignal>
 #include <thread>
@@ -9,7 +10,7 @@
 
 namespace vyn::fabric {
 
-/// A thread with all signals blocked, as are those that it starts.
+/// Starts a thread with all signals blocked. The threads that it starts inherit that.
 template <typename Function>
 std::thread ThreadWithoutSignals(Function&& function) {
   sigset_t all;

@@ -1,7 +1,7 @@
 #pragma once
 
 // The right to a namespace and the name of an object, and how a frame's arguments hold them. The texts are
-// views.
+// views: what they refer to must outlive them. Threads: no state, any thread.
 
 #include "platform/fabric/protocol/codec.h"
 

@@ -1,7 +1,5 @@
 #include "platform/fabric/protocol/names.h"
 
-#include "platform/fabric/protocol/protocol.h"
-
 #include <sys/random.h>
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #pragma once
 
-// The protocol between a client of the memory fabric and a fabric node, and the names and records that both
-// sides and their users share.
+// The protocol between a client of the memory fabric and a fabric node: places, frames, operations, time
+// limits. results.h has the results, names.h the names.
 //
 // A node listens at two places; both speak the frames below.
 //
@@ -9,9 +9,10 @@
 //            has mode 0755 and the socket 0666: every user of the machine may connect, and what a caller may
 //            reach is decided by the namespace and the token of each request. The broker hands out file
 //            descriptors, and forwards what concerns another node's objects.
-//   Link     A TCP port, for processes outside the fabric and for other nodes. Serves only the node's own
-//            objects: a link forwards nothing. Plain or under TLS 1.3, as the node is set; a peer that speaks
-//            the other way has a hello's answer with kBmRemoteProtocol, in a plain frame, and is closed.
+//   Link     A TCP port, for processes outside the fabric and for other nodes. A link forwards nothing: it
+//            serves the node's own objects, and tells the state of the node's copies (kState). Plain or under
+//            TLS 1.3, as the node is set; a peer that speaks the other way has a hello's answer with
+//            kBmRemoteProtocol, in a plain frame, and is closed.
 //
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
 // the request's operation and sequence number. A client has at most kPipelineDepth requests in flight on a
@@ -26,11 +27,11 @@
 // over after the arguments are an error.
 //
 // What a caller can find out. The token is compared before anything else is looked up: a caller without the
-// right token learns that a namespace exists (-EACCES instead of -ENOENT), and never whether an object does.
-// An object is looked up only within the namespace named. The contents of another tenant's objects cannot be
-// reached without that tenant's token, even with their ids.
+// right token learns that a namespace exists (-EACCES instead of -ENOENT), and not whether an object does. An
+// object is looked up only within the namespace named. kExist alone takes no token and no namespace. The
+// contents of another tenant's objects cannot be reached without that tenant's token, even with their ids.
 
-#include "platform/fabric/client/bm_functions.h"
+#include "platform/fabric/protocol/results.h"
 
 #include <bit>
 #include <chrono>
@@ -41,37 +42,11 @@ namespace vyn::fabric {
 
 static_assert(std::endian::native == std::endian::little, "frames are written as they stand in memory");
 
-// --- Results
-//
-// A result is 0, a negative errno, or one of bm_functions.h. Those that a node gives:
-//   -EACCES                    wrong token
-//   -ENOENT                    no such namespace, or no such object in it
-//   kBmNamespaceInvalid        the text cannot name a namespace (1 to 255 letters, digits, "_", "-")
-//   kBmNamespaceExists         the namespace exists, with this very token
-//   kBmNotEnoughCapacity       neither the node's limit nor its file system has room
-//   kBmLocalError              a range beyond the object, an argument that makes no sense, a failure on this
-//                              machine
-//   kBmUnconnected             a node that is needed cannot be reached, or did not answer in time
-//   -EBADMSG                   an object arrived from its owner twice with other bytes than the owner's
-//                              checksum tells
-//   kBmRemoteFailed            the remote node failed in its own work
-//   kBmRemoteProtocol          the remote side answered what no fabric node answers, or is another node than
-//                              the one called; a link could not be secured: one side without TLS, a
-//                              certificate that is not trusted
-inline constexpr int kBmRemoteFailed = kBmRemoteErrorA;
-inline constexpr int kBmRemoteProtocol = kBmRemoteErrorC;
-
-// --- Texts
+// --- Places
 
 /// The broker's folder below the home, and the socket in it.
 inline constexpr const char* kBrokerFolder = "run";
 inline constexpr const char* kBrokerSocket = "bm_broker.sock";
-
-inline constexpr std::size_t kMaxNamespaceLength = 255;
-inline constexpr std::size_t kMaxTokenLength = 4096;
-/// An object's id: 'b', four hexadecimal digits of the owner's node id, 55 random characters of
-/// [A-Za-z0-9_-].
-inline constexpr std::size_t kIdLength = kBmIdLength;
 
 // --- Frames
 
@@ -94,7 +69,7 @@ inline constexpr std::uint16_t kFrameProgress = 1;
 
 struct FabricFrameHeader {
   std::uint32_t magic;       ///< kFrameMagic
-  std::uint16_t operation;   ///< an Operation
+  std::uint16_t operation;   ///< a FabricOperation
   std::uint16_t flags;       ///< 0 or kFrameProgress
   std::uint32_t sequence;    ///< counts the requests of a connection; an answer repeats it
   std::int32_t result;       ///< of an answer; 0 in a request
@@ -183,24 +158,10 @@ inline constexpr std::chrono::milliseconds kSizesTimeout{8000};
 /// For an answer, however many interim answers come before it.
 inline constexpr std::chrono::milliseconds kLongestAnswer{3600 * 1000};
 
-// --- Records of libbmclient.so that its callers fill
+// --- Records
 
-/// BmGatherContext::type of a gather list: BmGatherPiece records. `kind` and the pass-through argument of
-/// BM_GatherSec are not used.
-///
-/// All pieces are looked at before the first byte is moved: one that is refused leaves the destination alone.
-/// An existing destination (0x80) must have room for all of them. For a new one (0x100) an object of exactly
-/// their length is allocated - on the node of this machine, or, in a process outside the fabric, on the node
-/// of the first piece - and its id is written to the destination context's `bmId`, a buffer of at least 61
-/// bytes; a gather that fails frees it again.
-inline constexpr std::uint64_t kGatherPieces = kBmGatherPieces;
-using ::BmGatherPiece;
-
-/// BM_GatherSec's flags.
-inline constexpr unsigned int kGatherExisting = 0x80;
-inline constexpr unsigned int kGatherNew = 0x100;
-
-/// BM_QueryResAttri's record as this library fills it. All but the node id are the state at the moment.
+/// The answer of kQuery, in the layout of BM_QueryResAttri's record. All but the node id are the state at the
+/// moment.
 struct NodeAttributes {
   std::uint32_t nodeId;
   std::uint32_t reserved;
@@ -208,6 +169,6 @@ struct NodeAttributes {
   std::uint64_t used;      ///< bytes, pulled copies included
   std::uint64_t objects;   ///< without pulled copies
 };
-static_assert(sizeof(NodeAttributes) == 32 && sizeof(NodeAttributes) == sizeof(BmResourceAttributes));
+static_assert(sizeof(NodeAttributes) == 32);
 
 }  // namespace vyn::fabric

@@ -1,6 +1,7 @@
 #include "platform/fabric/protocol/remote_node.h"
 
 #include "platform/fabric/protocol/access.h"
+#include "platform/fabric/protocol/names.h"
 
 #include <algorithm>
 

@@ -7,7 +7,7 @@
 // flight has a connection of its own, and no lock is held while it waits. Every wait has a deadline
 // (protocol.h, "Time").
 //
-// Results are those of protocol.h. kBmUnconnected means that no connection could be made, or that it was lost
+// Results are those of results.h. kBmUnconnected means that no connection could be made, or that it was lost
 // or silent for too long before the answer; it is then unknown whether the call took effect.
 
 #include "platform/fabric/protocol/access.h"

@@ -9,7 +9,7 @@ thread_local std::string SecuredClient::mLastErrorMessage;
 namespace {
 
 /// Passes an outcome on as the public calls do: last error message, context, callback, result.
-bool ReportOutcome(const Outcome& outcome, Context* context, Callback* callback) {
+bool ReportOutcome(const RpcOutcome& outcome, Context* context, Callback* callback) {
   if (!outcome.Ok()) {
     SecuredClient::mLastErrorMessage = outcome.mText;
   }
@@ -57,7 +57,7 @@ SecuredClient::SecuredClient(std::string ip, unsigned short port, std::map<std::
 SecuredClient::~SecuredClient() = default;
 
 bool SecuredClient::Initialize(const std::map<std::string, const std::string>& securityConf, long timeout) {
-  Outcome outcome;
+  RpcOutcome outcome;
   if (mAuthentication) {
     const auto type = securityConf.find("auth.type");
     outcome = {kBadSetting, "authentication is on, but no mechanism is present for auth.type \"" +

@@ -50,10 +50,10 @@ ClientConnection::ClientConnection(std::string ip, std::uint16_t port)
 
 ClientConnection::~ClientConnection() { Close(); }
 
-Outcome ClientConnection::Connect() { return WithPeerName(Open(net::Deadline(mConnectTimeout))); }
+RpcOutcome ClientConnection::Connect() { return WithPeerName(Open(net::Deadline(mConnectTimeout))); }
 
-Outcome ClientConnection::Reconnect(const net::Deadline& deadline) {
-  Outcome outcome;
+RpcOutcome ClientConnection::Reconnect(const net::Deadline& deadline) {
+  RpcOutcome outcome;
   for (int attempt = 0; attempt < std::max(mReconnectLimit, 1); ++attempt) {
     if (attempt > 0) {
       poll(nullptr, 0,
@@ -67,7 +67,7 @@ Outcome ClientConnection::Reconnect(const net::Deadline& deadline) {
   return WithPeerName(std::move(outcome));
 }
 
-Outcome ClientConnection::Call(const Message& request, Message& response, const net::Deadline& deadline) {
+RpcOutcome ClientConnection::Call(const Message& request, Message& response, const net::Deadline& deadline) {
   response.Bl().clear();
   std::uint64_t length = 0;
   for (const Buffer& buffer : request.Bl()) {
@@ -82,7 +82,7 @@ Outcome ClientConnection::Call(const Message& request, Message& response, const 
   }
   mLastCallBegan = now;
   if (mStream == nullptr) {
-    if (Outcome outcome = Reconnect(deadline); !outcome.Ok()) {
+    if (RpcOutcome outcome = Reconnect(deadline); !outcome.Ok()) {
       return outcome;
     }
     now = net::Deadline::Clock::now();
@@ -92,7 +92,7 @@ Outcome ClientConnection::Call(const Message& request, Message& response, const 
                                               " bytes; the server takes " + std::to_string(mPeerMaxLength)});
   }
   mStream->ChooseWait(deadline, now);
-  Outcome outcome = SendAndReceive(request, static_cast<std::uint32_t>(length), response, deadline);
+  RpcOutcome outcome = SendAndReceive(request, static_cast<std::uint32_t>(length), response, deadline);
   if (outcome.Ok()) {
     return outcome;
   }
@@ -103,7 +103,7 @@ Outcome ClientConnection::Call(const Message& request, Message& response, const 
   return WithPeerName(std::move(outcome));
 }
 
-Outcome ClientConnection::Open(const net::Deadline& deadline) {
+RpcOutcome ClientConnection::Open(const net::Deadline& deadline) {
   Close();
   if (!mRefusal.Ok()) {
     return mRefusal;
@@ -111,14 +111,14 @@ Outcome ClientConnection::Open(const net::Deadline& deadline) {
   if (!mSettingOutcome.Ok()) {
     return mSettingOutcome;
   }
-  Outcome outcome = Establish(deadline);
+  RpcOutcome outcome = Establish(deadline);
   if (!outcome.Ok()) {
     Close();
   }
   return outcome;
 }
 
-Outcome ClientConnection::Establish(const net::Deadline& deadline) {
+RpcOutcome ClientConnection::Establish(const net::Deadline& deadline) {
   net::Descriptor socket;
   if (net::NetOutcome dialed = net::Dial(mIp, mPort, mSetting, deadline, socket); !dialed.Ok()) {
     return {StatusOf(dialed.mStatus), std::move(dialed.mText)};
@@ -142,7 +142,7 @@ Outcome ClientConnection::Establish(const net::Deadline& deadline) {
     }
   }
   if (const net::IoStatus status = mStream->Handshake(deadline); status != net::IoStatus::kOk) {
-    Outcome outcome = OutcomeOf(status);
+    RpcOutcome outcome = OutcomeOf(status);
     if (status == net::IoStatus::kFailed) {
       outcome.mStatus = kTlsError;
     }
@@ -153,11 +153,11 @@ Outcome ClientConnection::Establish(const net::Deadline& deadline) {
   Greeting own;
   own.mMaxLength = kLongestReply;
   iovec part{&own, sizeof(own)};
-  if (Outcome outcome = OutcomeOf(mStream->Write(&part, 1, deadline)); !outcome.Ok()) {
+  if (RpcOutcome outcome = OutcomeOf(mStream->Write(&part, 1, deadline)); !outcome.Ok()) {
     return outcome;
   }
   Greeting peer;
-  if (Outcome outcome = OutcomeOf(mStream->ReadExactly(&peer, sizeof(peer), deadline)); !outcome.Ok()) {
+  if (RpcOutcome outcome = OutcomeOf(mStream->ReadExactly(&peer, sizeof(peer), deadline)); !outcome.Ok()) {
     outcome.mText += " (before the server's greeting";
     outcome.mText += mTls != nullptr ? ")" : "; does it expect TLS?)";
     return outcome;
@@ -173,8 +173,8 @@ Outcome ClientConnection::Establish(const net::Deadline& deadline) {
   return {};
 }
 
-Outcome ClientConnection::SendAndReceive(const Message& request, std::uint32_t length, Message& response,
-                                         const net::Deadline& deadline) {
+RpcOutcome ClientConnection::SendAndReceive(const Message& request, std::uint32_t length, Message& response,
+                                            const net::Deadline& deadline) {
   RpcFrameHeader header;
   header.mLength = length;
   header.mCall = ++mLastCall;
@@ -184,14 +184,14 @@ Outcome ClientConnection::SendAndReceive(const Message& request, std::uint32_t l
   for (const Buffer& buffer : request.Bl()) {
     mParts.push_back({buffer.Addr(), buffer.Len()});
   }
-  if (Outcome outcome = OutcomeOf(mStream->Write(mParts.data(), mParts.size(), deadline)); !outcome.Ok()) {
+  if (RpcOutcome outcome = OutcomeOf(mStream->Write(mParts.data(), mParts.size(), deadline)); !outcome.Ok()) {
     return outcome;
   }
   return ReceiveReply(header, response, deadline);
 }
 
-Outcome ClientConnection::ReceiveReply(const RpcFrameHeader& sent, Message& response,
-                                       const net::Deadline& deadline) {
+RpcOutcome ClientConnection::ReceiveReply(const RpcFrameHeader& sent, Message& response,
+                                          const net::Deadline& deadline) {
   RpcFrame frame;
   // The reply cannot have arrived yet, so we wait first. Whatever the last read found no longer counts then.
   mReader->OnReadable();
@@ -206,7 +206,7 @@ Outcome ClientConnection::ReceiveReply(const RpcFrameHeader& sent, Message& resp
         mReader->AcceptLongFrame();
         break;
       default:
-        if (Outcome outcome =
+        if (RpcOutcome outcome =
                 OutcomeOf(mStream->Await(state == RpcFrameReader::State::kWantWrite ? net::IoState::kWantWrite
                                                                                     : net::IoState::kWantRead,
                                          deadline));
@@ -226,7 +226,7 @@ Outcome ClientConnection::ReceiveReply(const RpcFrameHeader& sent, Message& resp
   return {};
 }
 
-Outcome ClientConnection::OutcomeOf(net::IoStatus status) {
+RpcOutcome ClientConnection::OutcomeOf(net::IoStatus status) {
   switch (status) {
     case net::IoStatus::kOk:
       return {};
@@ -261,7 +261,7 @@ void ClientConnection::Abandon() {
   }
 }
 
-Outcome ClientConnection::WithPeerName(Outcome outcome) const {
+RpcOutcome ClientConnection::WithPeerName(RpcOutcome outcome) const {
   if (!outcome.Ok()) {
     outcome.mText = mIp + ":" + std::to_string(mPort) + ": " + outcome.mText;
   }

@@ -10,8 +10,8 @@
 #include "platform/net/descriptor.h"
 #include "platform/rpc/client/transport_setting.h"
 #include "platform/rpc/wire/message.h"
-#include "platform/rpc/wire/outcome.h"
 #include "platform/rpc/wire/rpc_frame_reader.h"
+#include "platform/rpc/wire/rpc_outcome.h"
 #include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
@@ -34,35 +34,35 @@ class ClientConnection {
   /// From now on everything is sent under TLS. Requires: not open.
   void UseTls(std::shared_ptr<tls::TlsContext> context) { mTls = std::move(context); }
   /// From now on every attempt to connect ends in `refusal`; a successful outcome allows connecting again.
-  void Refuse(Outcome refusal) { mRefusal = std::move(refusal); }
+  void Refuse(RpcOutcome refusal) { mRefusal = std::move(refusal); }
 
   /// Connects again, with one attempt.
-  Outcome Connect();
+  RpcOutcome Connect();
   /// Connects again, with as many attempts as the reconnect limit allows while the peer refuses.
-  Outcome Reconnect(const net::Deadline& deadline);
+  RpcOutcome Reconnect(const net::Deadline& deadline);
   /// One call; connects first if there is no live connection.
-  Outcome Call(const Message& request, Message& response, const net::Deadline& deadline);
+  RpcOutcome Call(const Message& request, Message& response, const net::Deadline& deadline);
   /// Ends the call under way, and fails all later ones, with kConnectionLost. Does not end the wait for the
   /// peer's host to accept a connection.
   void Abandon();
 
  private:
-  Outcome Open(const net::Deadline& deadline);
-  Outcome Establish(const net::Deadline& deadline);
-  Outcome SendAndReceive(const Message& request, std::uint32_t length, Message& response,
-                         const net::Deadline& deadline);
-  Outcome ReceiveReply(const RpcFrameHeader& sent, Message& response, const net::Deadline& deadline);
+  RpcOutcome Open(const net::Deadline& deadline);
+  RpcOutcome Establish(const net::Deadline& deadline);
+  RpcOutcome SendAndReceive(const Message& request, std::uint32_t length, Message& response,
+                            const net::Deadline& deadline);
+  RpcOutcome ReceiveReply(const RpcFrameHeader& sent, Message& response, const net::Deadline& deadline);
   /// The outcome of a wait of the stream.
-  Outcome OutcomeOf(net::IoStatus status);
+  RpcOutcome OutcomeOf(net::IoStatus status);
   void Close();
   /// Puts the peer's name in front of the text of a failure.
-  Outcome WithPeerName(Outcome outcome) const;
+  RpcOutcome WithPeerName(RpcOutcome outcome) const;
 
   const std::string mIp;
   const std::uint16_t mPort;
   TransportSetting mSetting;
-  Outcome mSettingOutcome;
-  Outcome mRefusal;
+  RpcOutcome mSettingOutcome;
+  RpcOutcome mRefusal;
   int mReconnectLimit = 1;
   std::int64_t mConnectTimeout = -1;
   std::shared_ptr<tls::TlsContext> mTls;

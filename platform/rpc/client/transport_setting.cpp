@@ -84,7 +84,7 @@ bool ParseKeepAlive(std::string_view text, TransportSetting& setting) {
 
 }  // namespace
 
-Outcome TransportSetting::FromEnvironment(TransportSetting& setting) {
+RpcOutcome TransportSetting::FromEnvironment(TransportSetting& setting) {
   setting = TransportSetting();
   setting.mUnacknowledgedTime = kUnacknowledgedTime;
   setting.mProtocol = Read("UCX_TLS");

@@ -4,7 +4,7 @@
 // value; FromEnvironment calls getenv, which must not run beside setenv.
 
 #include "platform/net/dialer.h"
-#include "platform/rpc/wire/outcome.h"
+#include "platform/rpc/wire/rpc_outcome.h"
 
 #include <string>
 
@@ -16,7 +16,7 @@ struct TransportSetting : net::DialOptions {
   std::string mProtocol;
 
   /// Reads the four variables. Returns: kBadSetting when one cannot be parsed or the protocol has no engine.
-  static Outcome FromEnvironment(TransportSetting& setting);
+  static RpcOutcome FromEnvironment(TransportSetting& setting);
 };
 
 }  // namespace vyn::rpc

@@ -19,7 +19,7 @@ constexpr int kAcceptsInTurn = 64;
 
 }  // namespace
 
-Outcome Acceptor::Listen(const std::string& address, std::uint16_t& port) {
+RpcOutcome Acceptor::Listen(const std::string& address, std::uint16_t& port) {
   const std::uint16_t wanted = port;
   sync::MutexLock lock(mMutex);
   const net::NetOutcome outcome = net::Listen(address, port, SOMAXCONN, mListener);

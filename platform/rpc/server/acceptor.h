@@ -4,7 +4,7 @@
 
 #include "platform/net/descriptor.h"
 #include "platform/rpc/server/event_loop.h"
-#include "platform/rpc/wire/outcome.h"
+#include "platform/rpc/wire/rpc_outcome.h"
 #include "platform/sync/mutex.h"
 
 #include <cstdint>
@@ -24,7 +24,7 @@ class Acceptor : public EventLoop::Watcher, public std::enable_shared_from_this<
       : mEvents(events), mAdmit(std::move(admit)), mReport(std::move(report)) {}
 
   /// Opens the listening socket. \param port 0 for any; receives the port that was bound.
-  Outcome Listen(const std::string& address, std::uint16_t& port);
+  RpcOutcome Listen(const std::string& address, std::uint16_t& port);
   /// Joins the event loop. Returns: false with errno set.
   bool Start();
   /// Closes the listening socket.

@@ -16,7 +16,7 @@ void Server::Register(MessageId id, RequestHandler handler, HandlerKind kind) {
 }
 
 bool Server::Start(const std::string& address, unsigned short port) {
-  Outcome outcome = mCore->Start(address, port);
+  RpcOutcome outcome = mCore->Start(address, port);
   if (!outcome.Ok()) {
     mLastErrorMessage = std::move(outcome.mText);
   }

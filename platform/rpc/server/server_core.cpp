@@ -33,7 +33,7 @@ void ServerCore::Register(MessageId id, RequestHandler handler, HandlerKind kind
   mHandlers[id.Value()] = {std::move(handler), kind};
 }
 
-Outcome ServerCore::CheckOptions() const {
+RpcOutcome ServerCore::CheckOptions() const {
   if (mOptions.mIoThreads < 1 || mOptions.mIoThreads > 64 || mOptions.mWorkerThreads < 1 ||
       mOptions.mWorkerThreads > 1024) {
     return {kInvalidArgument, "a number of threads is out of range"};
@@ -54,11 +54,11 @@ Outcome ServerCore::CheckOptions() const {
   return {};
 }
 
-Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
+RpcOutcome ServerCore::Start(const std::string& address, std::uint16_t port) {
   if (mPort != 0 || IsStopping()) {
     return {kInvalidArgument, "a server starts once"};
   }
-  if (Outcome outcome = CheckOptions(); !outcome.Ok()) {
+  if (RpcOutcome outcome = CheckOptions(); !outcome.Ok()) {
     return outcome;
   }
   if (mOptions.mTls) {
@@ -76,7 +76,7 @@ Outcome ServerCore::Start(const std::string& address, std::uint16_t port) {
         *mEvents,
         [this](net::Descriptor socket, std::string peer) { Admit(std::move(socket), std::move(peer)); },
         [this](const std::string& line) { Report(line); });
-    if (Outcome outcome = mAcceptor->Listen(address, port); !outcome.Ok()) {
+    if (RpcOutcome outcome = mAcceptor->Listen(address, port); !outcome.Ok()) {
       return outcome;
     }
     mPort = port;

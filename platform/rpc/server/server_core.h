@@ -18,7 +18,7 @@
 #include "platform/rpc/server/event_loop.h"
 #include "platform/rpc/server/server.h"
 #include "platform/rpc/wire/frame.h"
-#include "platform/rpc/wire/outcome.h"
+#include "platform/rpc/wire/rpc_outcome.h"
 #include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
@@ -42,7 +42,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
   ~ServerCore();
 
   void Register(MessageId id, RequestHandler handler, HandlerKind kind);
-  Outcome Start(const std::string& address, std::uint16_t port);
+  RpcOutcome Start(const std::string& address, std::uint16_t port);
   void Stop();
 
   std::uint16_t Port() const { return mPort; }
@@ -90,7 +90,7 @@ class ServerCore : public std::enable_shared_from_this<ServerCore> {
     std::shared_ptr<Message> mRequest;
   };
 
-  Outcome CheckOptions() const;
+  RpcOutcome CheckOptions() const;
   void StartThreads();
   void Admit(net::Descriptor descriptor, std::string peer);
   std::vector<std::shared_ptr<ServerConnection>> AllConnections();

@@ -11,6 +11,8 @@
 //   request.
 //   frame      magic "VYNF" | body length u32 | call u64 | message id u32 | status i32 | body
 //   A reply with a status other than 0 was made by the transport, not by a handler, and has no body.
+//
+// Threads: the functions have no state; a record belongs to one thread at a time.
 
 #include "platform/rpc/wire/message.h"
 #include "platform/rpc/wire/status.h"

@@ -1,8 +1,9 @@
 #pragma once
 
 // The monotonic clock, sleeps and waits, behind a class that a test can replace, so that a test of a
-// 30-second retry takes milliseconds. The library uses nothing else. Some threads of the services and of
-// platform/ wait on a condition variable directly.
+// 30-second retry takes milliseconds. Below src/ and services/ only two threads wait without it, because they
+// outlive every clock of a test: the one of cluster/session_keeper.cpp and the main thread of vynd. platform/,
+// which stands below this folder, waits in real time.
 //
 // Threads: any.
 

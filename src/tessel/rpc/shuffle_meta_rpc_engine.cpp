@@ -16,7 +16,9 @@ Ref<ShuffleMetaRPCEngine>& ShuffleMetaRPCEngine::gShuffleMetaRPCEngine = *new Re
 
 namespace {
 
-sync::Mutex gInstanceMutex;  ///< guards gShuffleMetaRPCEngine
+/// Held while gShuffleMetaRPCEngine is read or written here. The member is promised and public, so no class
+/// can name this mutex as its guard, and clang does not check it.
+sync::Mutex gInstanceMutex;
 
 constexpr cluster::LeaderService kMetadataService{
     .name = "shuffle meta service",

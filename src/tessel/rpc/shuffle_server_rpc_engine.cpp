@@ -30,7 +30,9 @@ std::uint64_t ShuffleServerRPCEngine::maxBlobSize = 20971520;
 
 namespace {
 
-sync::Mutex gInstanceMutex;  ///< guards gShuffleServerRPCEngine
+/// Held while gShuffleServerRPCEngine is read or written here. The member is promised and public, so no class
+/// can name this mutex as its guard, and clang does not check it.
+sync::Mutex gInstanceMutex;
 
 Ref<ShuffleServerRPCEngine> MakeInstance() VYN_REQUIRES(gInstanceMutex) {
   Ref<ShuffleServerRPCEngine> made(new (std::nothrow) ShuffleServerRPCEngine);

@@ -14,7 +14,9 @@ Ref<TuningRpcEngine>& TuningRpcEngine::mTuningRpcEngine = *new Ref<TuningRpcEngi
 
 namespace {
 
-sync::Mutex gInstanceMutex;  ///< guards mTuningRpcEngine
+/// Held while mTuningRpcEngine is read or written here. The member is promised and public, so no class
+/// can name this mutex as its guard, and clang does not check it.
+sync::Mutex gInstanceMutex;
 
 constexpr cluster::LeaderService kTuningService{
     .name = "meta service",

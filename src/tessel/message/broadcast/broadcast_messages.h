@@ -21,6 +21,9 @@ struct TBlockBmInfo;
 struct TBroadcastRemoteNodeReq;
 struct TBroadcastRemoteNodeRsp;
 
+/// The most blocks of a variable. Their list fits into one frame of a reply.
+inline constexpr std::uint32_t kMaxBlocks = 500000;
+
 /// One broadcast variable of an application.
 class BroadcastVar : public common::Message<TBroadcastVar> {
  public:

@@ -19,7 +19,6 @@ namespace {
 constexpr std::uint64_t kDefaultBlockSize = std::uint64_t{4} << 20U;
 /// The default size grows so that there are no more blocks than this.
 constexpr std::uint64_t kDefaultBlocks = 4096;
-constexpr std::uint64_t kMaxBlocks = 500000;
 
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) {
   return value / unit * unit + (value % unit == 0 ? 0 : unit);

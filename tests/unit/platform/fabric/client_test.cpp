@@ -112,7 +112,7 @@ TEST_P(ClientTest, RefusesWhatMakesNoSense) {
   }
   EXPECT_EQ(mClient.CreateNamespace(mNode, "app-2", longToken.c_str()), kBmNamespaceInvalid);
   EXPECT_EQ(mClient.DestroyNamespace(mNode + 65536U, "app", "secret"), kBmLocalError);
-  for (const BmGatherContext list : {BmGatherContext{7, 0}, {kGatherPieces, sizeof(BmGatherPiece) - 1}}) {
+  for (const BmGatherContext list : {BmGatherContext{7, 0}, {kBmGatherPieces, sizeof(BmGatherPiece) - 1}}) {
     EXPECT_EQ(mClient.Gather(&list, kGatherExisting, good), kBmLocalError);
   }
   const char* const ids[] = {"short", good.id.c_str()};

@@ -292,7 +292,7 @@ class PoolModelTest : public testing::TestWithParam<std::string> {
       std::tie(piece.offset, piece.length) = Range(sources[index], 1U << 20U);
       total += piece.length;
     }
-    list.head = {kGatherPieces, sources.size() * sizeof(BmGatherPiece)};
+    list.head = {kBmGatherPieces, sources.size() * sizeof(BmGatherPiece)};
     const std::uint16_t where = !Outside() ? 1 : sources.empty() ? 0 : OwnerOf(sources[0].id);
     const int result = mClient.Gather(&list.head, makes ? kGatherNew : kGatherExisting, object);
     Same(Answer("gather", object.ns, makes ? "new" : "", object.id, sources.size()), result, [&] {

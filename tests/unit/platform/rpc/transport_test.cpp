@@ -36,7 +36,7 @@ TEST(RpcTransportSetting, WhatTheVariablesMean) {
   while (rows >> name >> value >> expected && std::getline(rows, expected)) {
     Set(name.c_str(), value);
     TransportSetting setting;
-    const Outcome outcome = TransportSetting::FromEnvironment(setting);
+    const RpcOutcome outcome = TransportSetting::FromEnvironment(setting);
     unsetenv(name.c_str());
     EXPECT_EQ(outcome.mStatus, expected.empty() ? kBadSetting : kOk) << name << value;
     std::ostringstream meaning;

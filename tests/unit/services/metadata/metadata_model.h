@@ -26,7 +26,7 @@ struct Model {
     return 0;
   }
   std::uint32_t NewVariable(const std::string& app, std::uint32_t id, std::uint32_t blocks) {
-    if (blocks > MetadataStore::kMaxBlocks) {
+    if (blocks > tessel::kMaxBlocks) {
       return kStatusTooLarge;
     }
     if (const Variable* variable = Find(app, id)) {

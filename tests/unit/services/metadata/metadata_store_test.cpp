@@ -97,7 +97,7 @@ class MetadataModelTest : public MetadataStoreTest {
     random.Note("step", choice, app, id, "of", blockNum,
                 deposed == nullptr ? "" : "also on a deposed leader");
     if (choice < 3) {
-      const auto blocks = random.Pick<std::uint32_t>({0, 1, 3, kLong, kLong, MetadataStore::kMaxBlocks + 1});
+      const auto blocks = random.Pick<std::uint32_t>({0, 1, 3, kLong, kLong, tessel::kMaxBlocks + 1});
       Try(deposed, [&](auto& state) { return state.NewVariable(app, id, blocks); });
     } else if (choice < 6) {
       const Blocks info(app, id, 0, blockNum + (random.OneIn(6) ? 1 : 0), node, letter);
@@ -225,6 +225,7 @@ TEST_F(MetadataStoreTest, ALeadershipBeginsWithWhatOthersHaveLeft) {
       {"app/4.1-4", RecordHeader(RecordState::kReady, 1, 1) + "no list"},
       {"app/5.1-5", RecordHeader(RecordState::kReady, 1, 2, "1-5")},  // its second piece is missing
       {"app/6.1-6", RecordHeader(RecordState::kNew, 1, 0)},
+      {"app/7x.1-7", RecordHeader(RecordState::kNew, 1, 0)},  // no number: no variable's
       {"app/6.1-6/1-7.1", "a piece of a list that was never completed"},
       {"odd", R"({"heartbeat":"yes"})"},
       {"half", R"({"removed":true})"},  // a leader has ended while it removed the application
@@ -234,7 +235,7 @@ TEST_F(MetadataStoreTest, ALeadershipBeginsWithWhatOthersHaveLeft) {
   }
   leader = std::make_unique<MetadataState>();
   ASSERT_EQ(leader->Load(), 0U);
-  for (std::uint32_t id = 1; id <= 6; ++id) {
+  for (std::uint32_t id = 1; id <= 7; ++id) {
     tessel::BroadcastBlockInfo info;
     const std::uint32_t unserved = id == 6 ? kStatusNotReady : kStatusUnknownVariable;
     EXPECT_EQ(leader->GetVariable("app", id, info), id <= 2 ? 0 : unserved) << id;
@@ -243,7 +244,7 @@ TEST_F(MetadataStoreTest, ALeadershipBeginsWithWhatOthersHaveLeft) {
   EXPECT_EQ(Entries("2").at(0).application, "half");
   EXPECT_TRUE(leader->Silent(0ms).empty());
   EXPECT_EQ(leader->RemoveVariable("app", 6), 0U);
-  EXPECT_EQ(mRaw->Children("/vyn/apps/app").size(), 5U);
+  EXPECT_EQ(mRaw->Children("/vyn/apps/app").size(), 6U);
   EXPECT_EQ(mRaw->Children("/vyn/apps"), (std::vector<std::string>{"app", "odd"}));
 
   for (std::uint32_t id = 10; id < 120; ++id) {  // more than one transaction deletes

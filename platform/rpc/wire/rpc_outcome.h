@@ -1,6 +1,8 @@
 #pragma once
 
 // How an internal step of the transport ended: a status and, when it failed, the text for an operator.
+//
+// Threads: a value, used by one thread at a time.
 
 #include "platform/rpc/wire/status.h"
 
@@ -9,7 +11,7 @@
 
 namespace vyn::rpc {
 
-struct [[nodiscard]] Outcome {
+struct [[nodiscard]] RpcOutcome {
   std::int32_t mStatus = kOk;
   std::string mText;
 
