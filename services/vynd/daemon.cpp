@@ -8,6 +8,7 @@
 #include "common/rpc/rpc_setter.h"
 #include "common/util/file_util.h"
 #include "common/wait/retry.h"
+#include "platform/fabric/protocol/results.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/rpc_handlers.h"
 #include "services/config_check/config_check.h"
