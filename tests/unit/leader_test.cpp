@@ -123,6 +123,18 @@ TEST_F(LeaderTest, ADriverAsksNobodyAndConnectsToALeaderThatWasNotThereAtFirst) 
   EXPECT_TRUE(mNodeServer->Requests().empty());
 }
 
+TEST_F(LeaderTest, TheAnswerOfANewLeaderIsNotHeldBackByThePausesOfTheOldOne) {
+  FakeClock clock;
+  ASSERT_EQ(mDriver->Initialize(), 0U);
+  mNodes.first->Answer(kAppRemove, [calls = 0](const auto&) mutable {
+    SetLeader(++calls == 2 ? "127.0.0.2" : "127.0.0.1");
+    return ScriptedService::Reply{2020019, ""};
+  });
+  mNodes.second->Answer(kAppRemove, {2060011, ""});
+  EXPECT_EQ(mDriver->AppRemove("app"), 2060009U);
+  EXPECT_EQ(Slept(clock), seconds(0));
+}
+
 TEST_F(LeaderTest, SixteenThreadsFollowALeaderThatGoesBackAndForth) {
   ASSERT_EQ(mDriver->Initialize(), 0U);
   const auto metaNode = common::MetaNodeInfo::GetInstance();

@@ -21,6 +21,11 @@ std::string RightOf(const Access& access) {
   return std::string(access.ns) + '\0' + std::string(access.token);
 }
 
+/// Whether the object had all its bytes when a copy was made of it.
+bool WasFinished(const ObjectState& state) {
+  return !state.beingWritten && state.stamp != kUnwrittenStamp;
+}
+
 }  // namespace
 
 int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& callerWaits,
@@ -35,7 +40,7 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
   if (ownerResult != 0) {
     const auto found = mCopies.find(id);
     if (found != mCopies.end() && found->second->ready && found->second->right.Matches(right)) {
-      if (ownerResult == kBmUnconnected && OpenCopy(id, *found->second, file, size)) {
+      if (ownerResult == kBmUnconnected && WasFinished(found->second->state) && OpenCopy(id, *found->second, file, size)) {
         return 0;
       }
       if (ownerResult == -ENOENT) {

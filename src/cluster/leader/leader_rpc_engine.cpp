@@ -17,7 +17,7 @@ namespace vyn::cluster {
 namespace {
 
 constexpr unsigned int kRetryLimit = 3;
-/// The pauses after the first, second, third and fourth failed attempt. No attempt follows the last pause,
+/// The pauses after the first, second, third and fourth failed attempt at one leader. No attempt follows the last pause,
 /// only `afterFailure`, which asks for the leader.
 constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
     std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
@@ -155,9 +155,13 @@ std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<com
   const bool limited = limit.count() != 0 && (mTimeout <= 0 || mTimeout > limit.count());
   const long timeout = limited ? limit.count() : mTimeout;
   unsigned int failures = 0;
+  unsigned int failuresHere = 0;
+  std::string leader = KnownLeader();
   std::uint32_t hr = VYN_OK;
   do {
-    const std::string leader = KnownLeader();
+    if (const std::string before = std::exchange(leader, KnownLeader()); leader != before) {
+      failuresHere = 0;
+    }
     hr = RefreshMasterNodeInfo(true);
     if (Failed(hr)) {
       VYN_LOG_ERROR("Refresh Master Node Info Fail, error code:" << hr);
@@ -170,8 +174,9 @@ std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<com
     VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "
                                                            << failures << " continue retry? "
                                                            << (IsRetriable(hr) ? "true" : "false"));
-    PauseFor(kPauses[failures], leader);
+    PauseFor(kPauses[failuresHere], leader);
     ++failures;
+    ++failuresHere;
     if (afterFailure) {
       afterFailure(hr);
     }

@@ -21,6 +21,14 @@ std::uint64_t Nanoseconds(const timespec& time) {
   return static_cast<std::uint64_t>(time.tv_sec) * kSecond + static_cast<std::uint64_t>(time.tv_nsec);
 }
 
+bool SetStamp(int file, std::uint64_t stamp) {
+  const timespec times[] = {
+      {0, UTIME_OMIT},
+      {static_cast<time_t>(stamp / kSecond), static_cast<long>(stamp % kSecond)},
+  };
+  return ::futimens(file, times) == 0;
+}
+
 }  // namespace
 
 bool IsOpenForWriting(int file) {
@@ -41,13 +49,10 @@ std::uint64_t StampOf(int file) {
 bool NewStamp(int file) {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
-  const std::uint64_t stamp = std::max(Nanoseconds(now), StampOf(file) + 1);
-  const timespec times[] = {
-      {0, UTIME_OMIT},
-      {static_cast<time_t>(stamp / kSecond), static_cast<long>(stamp % kSecond)},
-  };
-  return ::futimens(file, times) == 0;
+  return SetStamp(file, std::max(Nanoseconds(now), StampOf(file) + 1));
 }
+
+bool SetUnwritten(int file) { return SetStamp(file, kUnwrittenStamp); }
 
 bool ChecksumOf(int file, std::uint64_t size, const std::function<bool()>& between, std::uint64_t& checksum) {
   Checksum sum;

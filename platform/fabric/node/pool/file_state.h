@@ -15,8 +15,12 @@ bool IsOpenForWriting(int file);
 
 /// The stamp of a file: its modification time in nanoseconds. It outlives the node.
 std::uint64_t StampOf(int file);
+/// The stamp of an object that nobody has opened for writing yet.
+constexpr std::uint64_t kUnwrittenStamp = 1;
 /// Gives the file a stamp that it did not have before. Returns: false on failure, with errno set.
 bool NewStamp(int file);
+/// Gives it kUnwrittenStamp. Returns: as NewStamp.
+bool SetUnwritten(int file);
 
 /// The checksum of a file's first `size` bytes. \param between called after every block; false ends the
 /// reading. Returns: false when it was ended, or when the file is shorter or cannot be read.

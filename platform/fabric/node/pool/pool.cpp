@@ -253,6 +253,9 @@ int Pool::Allocate(const NamespacePtr& space, std::uint64_t size, std::string& i
   if (!file) {
     return failure == ENOSPC ? kBmNotEnoughCapacity : -EIO;
   }
+  if (!SetUnwritten(file.Get())) {
+    return -EIO;
+  }
   std::string made = MakeObjectId(mNodeId);
   if (made.empty()) {
     return -EIO;

@@ -73,6 +73,18 @@ TEST_F(PulledCopiesTest, EachReaderSeesTheBytesOfItsTime) {
   EXPECT_EQ(Pulls(), 6U);
 }
 
+TEST_F(PulledCopiesTest, WithoutTheOwnerOnlyAFinishedCopyIsServed) {
+  const test::Object untouched = mObject;
+  EXPECT_EQ(Seen(), std::string(1, '\0'));
+  ASSERT_EQ(mWriter.Allocate(mObject, kSize, 2), 0);
+  Write(kSize, 'x');
+  EXPECT_EQ(Seen(), "x");
+  mNodes[1].Stop();
+  EXPECT_EQ(Seen(), "x");
+  mObject = untouched;
+  EXPECT_EQ(Seen(), std::to_string(kBmUnconnected));
+}
+
 TEST_F(PulledCopiesTest, DamageOnTheWayIsNeverServed) {
   Write(kSize, 'x');
   mLink->Damage(1);
