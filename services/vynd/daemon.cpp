@@ -84,7 +84,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
         int result = 0;
         do {
           result = mFabric.Sizes(nodeId, application, bmIds, sizes);
-        } while (result == fabric::kBmUnconnected && retry.Again());
+        } while (result == kBmUnconnected && retry.Again());
         return result;
       };
   member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
