@@ -76,17 +76,17 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   member.service.address = mOptions.address;
   member.service.port = static_cast<std::uint16_t>(Conf()->GetInt("vyn.tessel.rpc.shuffle_meta.port", 3892));
   member.service.applicationTimeout = mOptions.applicationTimeout;
-  member.service.sizesAtNode =
-      [this](std::uint16_t nodeId, const std::string& application, const std::vector<std::string>& bmIds,
-             std::vector<std::uint64_t>& sizes) {
-        // The view of a leader learns of a node that has just started within a second.
-        common::Retry retry = common::Retry::Times(4, std::chrono::milliseconds(500));
-        int result = 0;
-        do {
-          result = mFabric.Sizes(nodeId, application, bmIds, sizes);
-        } while (result == kBmUnconnected && retry.Again());
-        return result;
-      };
+  member.service.sizesAtNode = [this](std::uint16_t nodeId, const std::string& application,
+                                      const std::vector<std::string>& bmIds,
+                                      std::vector<std::uint64_t>& sizes) {
+    // The view of a leader learns of a node that has just started within a second.
+    common::Retry retry = common::Retry::Times(4, std::chrono::milliseconds(500));
+    int result = 0;
+    do {
+      result = mFabric.Sizes(nodeId, application, bmIds, sizes);
+    } while (result == kBmUnconnected && retry.Again());
+    return result;
+  };
   member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
   member.service.server = ServerSettings();
   member.onNewSession = [this] { mNodeServer->ForgetAll(); };

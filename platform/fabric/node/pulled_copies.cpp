@@ -22,9 +22,7 @@ std::string RightOf(const Access& access) {
 }
 
 /// Whether the object had all its bytes when a copy was made of it.
-bool WasFinished(const ObjectState& state) {
-  return !state.beingWritten && state.stamp != kUnwrittenStamp;
-}
+bool WasFinished(const ObjectState& state) { return !state.beingWritten && state.stamp != kUnwrittenStamp; }
 
 }  // namespace
 
@@ -40,7 +38,8 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
   if (ownerResult != 0) {
     const auto found = mCopies.find(id);
     if (found != mCopies.end() && found->second->ready && found->second->right.Matches(right)) {
-      if (ownerResult == kBmUnconnected && WasFinished(found->second->state) && OpenCopy(id, *found->second, file, size)) {
+      if (ownerResult == kBmUnconnected && WasFinished(found->second->state) &&
+          OpenCopy(id, *found->second, file, size)) {
         return 0;
       }
       if (ownerResult == -ENOENT) {
