@@ -7,8 +7,9 @@
 // exists and whether its bytes are those of the copy: the stamps tell, and where they do not, because a
 // process may be writing, the checksums do. A copy that differs is pulled anew; who has mapped the old one
 // keeps it. While the owner cannot be reached, a caller is served that presents the namespace and token that
-// the owner accepted last, unless the copy was made before the object's writer had finished. A copy is dropped when the owner has freed the original (found at a use, by Drop,
-// or by Sweep), when its room is needed, and when the node stops.
+// the owner accepted last, unless the copy was made before the object's writer had finished. A copy is dropped
+// when the owner has freed the original (found at a use, by Drop, or by Sweep), when its room is needed, and
+// when the node stops.
 //
 // Each pull compares the checksum of the bytes that arrived with the owner's. When they differ though nobody
 // has written the object meanwhile, it is repeated once; a second difference is an error. While somebody

@@ -17,8 +17,8 @@ namespace vyn::cluster {
 namespace {
 
 constexpr unsigned int kRetryLimit = 3;
-/// The pauses after the first, second, third and fourth failed attempt at one leader. No attempt follows the last pause,
-/// only `afterFailure`, which asks for the leader.
+/// The pauses after the first, second, third and fourth failed attempt at one leader. No attempt follows the
+/// last pause, only `afterFailure`, which asks for the leader.
 constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
     std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
 /// A pause looks this often for a new leader.
