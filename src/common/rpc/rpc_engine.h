@@ -9,8 +9,8 @@
 // All numbers in the byte order of the host. The message id is the low 10 bits of the operation code.
 //
 // An engine is not thread-safe, except for Abandon: a pool gives it to one thread for one call
-// (rpc_engine_pool.h). After a failed call it can be used again and reconnects if necessary. Any thread may call the static functions,
-// which are the server's side.
+// (rpc_engine_pool.h). After a failed call it can be used again and reconnects if necessary. Any thread may
+// call the static functions, which are the server's side.
 
 #include "common/message/base_message.h"
 #include "common/util/ref.h"
