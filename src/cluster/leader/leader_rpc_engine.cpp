@@ -21,6 +21,9 @@ constexpr unsigned int kRetryLimit = 3;
 /// last pause, only `afterFailure`, which asks for the leader.
 constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
     std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
+/// How often one call may lose its connection because the leader has changed meanwhile. That is no failure of a
+/// leader: the calls to an old leader are ended as soon as a new one is known.
+constexpr unsigned int kMoveLimit = 16;
 /// A pause looks this often for a new leader.
 constexpr std::chrono::milliseconds kSlice{500};
 
@@ -156,6 +159,7 @@ std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<com
   const long timeout = limited ? limit.count() : mTimeout;
   unsigned int failures = 0;
   unsigned int failuresHere = 0;
+  unsigned int moves = 0;
   std::string leader = KnownLeader();
   std::uint32_t hr = VYN_OK;
   do {
@@ -170,6 +174,10 @@ std::uint32_t LeaderRPCEngine::SendWithRetry(short opcode, const common::Ref<com
     hr = SendCall(static_cast<unsigned short>(opcode), request, response, timeout, expected);
     if (!Failed(hr) || common::Expects(expected, hr)) {
       return hr;
+    }
+    if (hr == VYN_ERR_RPC_TRANSPORT_A && moves < kMoveLimit && KnownLeader() != leader) {
+      ++moves;
+      continue;
     }
     VYN_LOG_WARN("Failed to send syncRpc call of opcode: " << opcode << " hr is: " << hr << " retryTime: "
                                                            << failures << " continue retry? "

@@ -87,6 +87,7 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   /// One operation: at most 4 attempts, on 2020019 and 2020021, with pauses of 0, 5, 10 and 15 seconds after
   /// the failed ones. A pause ends early when MetaNodeInfo has another leader than the attempt before it, and
   /// the pauses begin anew at that leader. Calls RefreshMasterNodeInfo before each attempt.
+  /// An attempt that lost its connection while the leader changed is repeated at once and does not count.
   /// \param response may hold null. \param afterFailure called after each failed attempt and its pause, with
   /// the attempt's status; may be empty. \param limit for each attempt, if the client's time-out is longer; 0
   /// is no such limit. \param expected after such a refusal nothing is repeated, and `afterFailure` is not

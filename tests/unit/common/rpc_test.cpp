@@ -202,7 +202,10 @@ TEST(RpcEnginePoolTest, CallsToAPeerThatStandsStillEndWhenThePeerHasMoved) {
     Client client(port);
     auto waiting = std::async(std::launch::async, [&] { return client.Call(); });
     ASSERT_TRUE(test::WaitUntil(asked));
-    client.mPool->mPort = next.Port();
+    {
+      sync::MutexLock lock(client.mPool->mMutex);
+      client.mPool->mPort = next.Port();
+    }
     client.mPool->AbandonOldPeers();
     EXPECT_EQ(waiting.get(), 2020019U);
     EXPECT_EQ(client.Call(), 0U);

@@ -21,6 +21,7 @@ class ClientTest : public testing::TestWithParam<std::uint16_t> {
     EXPECT_EQ(mClient.Initialize(mPlaces[0].Home().c_str(), 0), 0);
     EXPECT_EQ(mClient.CreateNamespace(mNode, "app", "secret"), 0);
   }
+  ~ClientTest() override { mNodes[0].Stop(); }  // its threads ask the other node for its port
   Object Make(std::uint64_t size) {
     Object object{"app", "secret"};
     EXPECT_EQ(mClient.Allocate(object, size, mNode), 0);
