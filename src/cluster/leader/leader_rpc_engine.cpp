@@ -21,8 +21,8 @@ constexpr unsigned int kRetryLimit = 3;
 /// last pause, only `afterFailure`, which asks for the leader.
 constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
     std::chrono::seconds(0), std::chrono::seconds(5), std::chrono::seconds(10), std::chrono::seconds(15)};
-/// How often one call may lose its connection because the leader has changed meanwhile. That is no failure of a
-/// leader: the calls to an old leader are ended as soon as a new one is known.
+/// How often one call may lose its connection because the leader has changed meanwhile. That is no failure of
+/// a leader: the calls to an old leader are ended as soon as a new one is known.
 constexpr unsigned int kMoveLimit = 16;
 /// A pause looks this often for a new leader.
 constexpr std::chrono::milliseconds kSlice{500};

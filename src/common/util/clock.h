@@ -1,9 +1,8 @@
 #pragma once
 
 // The monotonic clock, sleeps and waits, behind a class that a test can replace, so that a test of a
-// 30-second retry takes milliseconds. Below src/ and services/ only two threads wait without it, because they
-// outlive every clock of a test: the one of cluster/session_keeper.cpp and the main thread of vynd. platform/,
-// which stands below this folder, waits in real time.
+// 30-second retry takes milliseconds. Below src/ and services/ only the main thread of vynd waits without it.
+// platform/, which stands below this folder, waits in real time.
 //
 // Threads: any.
 
