@@ -2,7 +2,29 @@
 include(CMakePackageConfigHelpers)
 
 install(DIRECTORY include/vyn DESTINATION include FILES_MATCHING PATTERN "*.h")
-install(DIRECTORY conf/ DESTINATION conf FILES_MATCHING PATTERN "*.conf")
+# The sample configuration. An installation keeps a conf/vyn.conf that somebody has edited: it differs from the
+# sample that the last installation left in share/vyn. The new sample then is conf/vyn.conf.new.
+install(CODE "set(sample \"${CMAKE_SOURCE_DIR}/conf/vyn.conf\")")
+install(CODE [[
+  set(prefix "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}")
+  set(used "${prefix}/conf/vyn.conf")
+  set(earlier "${prefix}/share/vyn/vyn.conf.sample")
+  set(target "${used}")
+  if(EXISTS "${used}")
+    file(SHA256 "${used}" sum)
+    file(SHA256 "${sample}" expected)
+    if(EXISTS "${earlier}" AND NOT sum STREQUAL expected)
+      file(SHA256 "${earlier}" expected)
+    endif()
+    if(NOT sum STREQUAL expected)
+      set(target "${used}.new")
+      message(STATUS "Keeping: ${used}, which was edited; the new sample is ${target}")
+    endif()
+  endif()
+  file(MAKE_DIRECTORY "${prefix}/conf" "${prefix}/share/vyn")
+  file(COPY_FILE "${sample}" "${target}" ONLY_IF_DIFFERENT)
+  file(COPY_FILE "${sample}" "${earlier}" ONLY_IF_DIFFERENT)
+]])
 install(DIRECTORY DESTINATION logs)
 
 configure_package_config_file(cmake/vyn-config.cmake.in ${CMAKE_BINARY_DIR}/vyn-config.cmake

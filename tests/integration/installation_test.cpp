@@ -16,6 +16,12 @@ TEST(InstallationTest, HoldsWhatAHomeNeedsAndServesPkgConfigAndCMake) {
       {{"cp -a " VYN_STAGE_DIR
         "/home . && cd home && ls conf/vyn.conf logs include/vyn/status.h tessel/24.0.0/"
         "*/lib/libvyn_broadcast.so tessel/24.0.0/*/lib/common/libulog.so"},
+       // A configuration that somebody has edited stays.
+       {"echo mine > home/conf/vyn.conf && cmake --install " VYN_EXAMPLE_DIR
+        "/.. --prefix home | grep Keeping && cmp home/conf/vyn.conf.new " VYN_SOURCE_DIR
+        "/conf/vyn.conf && cat home/conf/vyn.conf",
+        0,
+        {"mine\n"}},
        {"$CXX $CXXFLAGS -std=c++17 main.cpp -o main "
         "$(PKG_CONFIG_PATH=home/lib/pkgconfig pkg-config --cflags --libs vyn_broadcast)"},
        {"./main | tail -n 1 | grep -xE 'SoftWare Build Id: [0-9a-f]{40}'"},

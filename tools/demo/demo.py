@@ -311,23 +311,26 @@ def default_file():
 
 def main():
     parser = argparse.ArgumentParser(prog="./vyn demo", description=__doc__,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+                                     formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False)
     parser.add_argument("file", nargs="?", metavar="FILE", help="the file to broadcast (default: one of about 100 MB of this machine)")
     parser.add_argument("--executors", type=int, default=4, help="number of executors (default 4; with --outside always one on each node)")
     parser.add_argument("--block-size", type=size, default=4 << 20, metavar="SIZE", help="default 4M")
     parser.add_argument("--outside", action="store_true", help="a driver outside the fabric and two nodes (root)")
     parser.add_argument("--tls", action="store_true", help="TLS 1.3 between clients and services, and on the links")
     parser.add_argument("--keep", action="store_true", help="keep logs and pools")
+    parser.add_argument("--only-check", action="store_true", help=argparse.SUPPRESS)  # check the arguments, run nothing
     parser.add_argument("--stage", default=os.path.join(os.getcwd(), "build"), help=argparse.SUPPRESS)
     options = parser.parse_args()
     if not 1 <= options.executors <= 64:
         parser.error("--executors takes 1 to 64")
     if options.outside and os.geteuid() != 0:
         parser.error("--outside makes network namespaces and needs root")
-    if options.file is None:
+    if options.file is None and not options.only_check:
         options.file = default_file()
-    if not os.path.isfile(options.file):
+    if options.file is not None and not os.path.isfile(options.file):
         parser.error(f"{options.file} is no file")
+    if options.only_check:
+        return 0
     options.file = os.path.abspath(options.file)
     options.stage = os.path.abspath(options.stage)
 
