@@ -24,6 +24,41 @@ int GivePassword(char* buffer, int size, int /*writing*/, void* password) {
   return static_cast<int>(text->copy(buffer, text->size()));
 }
 
+/// The contexts of the process.
+class Contexts {
+ public:
+  static Contexts& OfProcess() {
+    static Contexts& contexts = *new Contexts;
+    return contexts;
+  }
+
+  /// Returns: `context`, which may be null.
+  std::shared_ptr<TlsContext> Add(std::shared_ptr<TlsContext> context) {
+    if (context != nullptr) {
+      sync::MutexLock lock(mMutex);
+      mAll.erase(std::remove_if(mAll.begin(), mAll.end(), [](const auto& one) { return one.expired(); }),
+                 mAll.end());
+      mAll.push_back(context);
+    }
+    return context;
+  }
+
+  std::vector<std::shared_ptr<TlsContext>> Living() {
+    std::vector<std::shared_ptr<TlsContext>> living;
+    sync::MutexLock lock(mMutex);
+    for (const auto& one : mAll) {
+      if (auto context = one.lock()) {
+        living.push_back(std::move(context));
+      }
+    }
+    return living;
+  }
+
+ private:
+  sync::Mutex mMutex;
+  std::vector<std::weak_ptr<TlsContext>> mAll VYN_GUARDED_BY(mMutex);
+};
+
 }  // namespace
 
 std::string TlsErrorText(const openssl_dl::Api* api) {
@@ -32,7 +67,7 @@ std::string TlsErrorText(const openssl_dl::Api* api) {
   return reason == nullptr ? "unknown error" : reason;
 }
 
-std::shared_ptr<TlsContext> TlsContext::New(bool server, std::string& error) {
+std::shared_ptr<TlsContext> TlsContext::New(bool server, const SecurityMap& conf, std::string& error) {
   const openssl_dl::Api* api = openssl_dl::Get();
   if (api == nullptr) {
     error =
@@ -40,7 +75,7 @@ std::shared_ptr<TlsContext> TlsContext::New(bool server, std::string& error) {
         "vyn.tessel.rpc.crypto.path)";
     return nullptr;
   }
-  std::shared_ptr<TlsContext> made(new TlsContext(api, server));
+  std::shared_ptr<TlsContext> made(new TlsContext(api, server, conf));
   api->ERR_clear_error();
   made->mContext = api->SSL_CTX_new(server ? api->TLS_server_method() : api->TLS_client_method());
   if (made->mContext == nullptr ||
@@ -54,14 +89,42 @@ std::shared_ptr<TlsContext> TlsContext::New(bool server, std::string& error) {
   return made;
 }
 
+std::shared_ptr<TlsContext> TlsContext::Make(bool server, const SecurityMap& conf, std::string& error) {
+  auto made = New(server, conf, error);
+  const bool loaded =
+      made != nullptr && (server ? made->LoadIdentity(conf, error) : made->LoadTrust(conf, error));
+  return loaded ? made : nullptr;
+}
+
 std::shared_ptr<TlsContext> TlsContext::ForClient(const SecurityMap& conf, std::string& error) {
-  auto made = New(false, error);
-  return made != nullptr && made->LoadTrust(conf, error) ? made : nullptr;
+  return Contexts::OfProcess().Add(Make(false, conf, error));
 }
 
 std::shared_ptr<TlsContext> TlsContext::ForServer(const SecurityMap& conf, std::string& error) {
-  auto made = New(true, error);
-  return made != nullptr && made->LoadIdentity(conf, error) ? made : nullptr;
+  return Contexts::OfProcess().Add(Make(true, conf, error));
+}
+
+bool TlsContext::Reload(std::string& error) {
+  const std::shared_ptr<TlsContext> fresh = Make(mServer, mConf, error);
+  if (fresh == nullptr) {
+    return false;
+  }
+  sync::MutexLock lock(mMutex);
+  std::swap(mContext, fresh->mContext);  // OpenSSL keeps the old one as long as a stream needs it
+  std::swap(mSession, fresh->mSession);  // a session of before would spare its server the new check
+  ++mReloads;
+  return true;
+}
+
+std::vector<std::string> TlsContext::ReloadAll() {
+  std::vector<std::string> errors;
+  for (const auto& context : Contexts::OfProcess().Living()) {
+    std::string error;
+    if (!context->Reload(error)) {
+      errors.push_back(error);
+    }
+  }
+  return errors;
 }
 
 TlsContext::~TlsContext() {

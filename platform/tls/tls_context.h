@@ -5,14 +5,16 @@
 //
 // Several threads may use a context at once, each with streams of its own. A client's context also keeps the
 // session of the stream that was closed last (Stream::Close), so that the next handshake needs no
-// certificates. So Stream::Close of a client must not run while another thread opens or closes a stream of
-// the same context.
+// certificates.
 
 #include "platform/net/stream.h"
+#include "platform/sync/mutex.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 struct ssl_ctx_st;
 struct ssl_session_st;
@@ -35,6 +37,10 @@ class TlsContext : public std::enable_shared_from_this<TlsContext> {
   /// Returns: the context, or null with the reason in `error`.
   static std::shared_ptr<TlsContext> ForServer(const SecurityMap& conf, std::string& error);
 
+  /// Reads the files of every context of the process again, from the same paths. Streams that are open keep
+  /// what they have. A context whose files cannot be used keeps what it has. Returns: the reasons.
+  static std::vector<std::string> ReloadAll();
+
   ~TlsContext();
   TlsContext(const TlsContext&) = delete;
   TlsContext& operator=(const TlsContext&) = delete;
@@ -45,16 +51,24 @@ class TlsContext : public std::enable_shared_from_this<TlsContext> {
  private:
   friend class TlsStream;
 
-  TlsContext(const openssl_dl::Api* api, bool server) : mApi(api), mServer(server) {}
-  static std::shared_ptr<TlsContext> New(bool server, std::string& error);
+  TlsContext(const openssl_dl::Api* api, bool server, const SecurityMap& conf)
+      : mApi(api), mServer(server), mConf(conf) {}
+  static std::shared_ptr<TlsContext> New(bool server, const SecurityMap& conf, std::string& error);
+  /// New, with the files of `conf`.
+  static std::shared_ptr<TlsContext> Make(bool server, const SecurityMap& conf, std::string& error);
+  bool Reload(std::string& error);
   bool LoadTrust(const SecurityMap& conf, std::string& error);
   bool LoadRevocations(const std::string& path, std::string& error);
   bool LoadIdentity(const SecurityMap& conf, std::string& error);
 
   const openssl_dl::Api* const mApi;
   const bool mServer;
+  const SecurityMap mConf;
+  // Once the context is shared, a thread holds mMutex while it reads or changes the next three.
+  sync::Mutex mMutex;
   ssl_ctx_st* mContext = nullptr;
   ssl_session_st* mSession = nullptr;
+  std::uint64_t mReloads = 0;
   std::string mPeerName;
 };
 

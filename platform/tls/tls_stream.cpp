@@ -78,6 +78,8 @@ class TlsStream : public net::Stream {
 
   bool Open(int descriptor) {
     const BIO_METHOD* method = SocketMethod(mApi);
+    sync::MutexLock lock(mContext->mMutex);
+    mReloads = mContext->mReloads;
     mSsl = mApi->SSL_new(mContext->mContext);
     BIO* bio = method == nullptr ? nullptr : mApi->BIO_new(method);
     if (mSsl == nullptr || bio == nullptr) {
@@ -156,7 +158,10 @@ class TlsStream : public net::Stream {
     if (!mContext->mServer) {
       SSL_SESSION* session = mApi->SSL_get1_session(mSsl);
       if (session != nullptr && mApi->SSL_SESSION_is_resumable(session) == 1) {
-        std::swap(session, mContext->mSession);
+        sync::MutexLock lock(mContext->mMutex);
+        if (mReloads == mContext->mReloads) {
+          std::swap(session, mContext->mSession);
+        }
       }
       mApi->SSL_SESSION_free(session);
     }
@@ -208,6 +213,7 @@ class TlsStream : public net::Stream {
   const std::shared_ptr<TlsContext> mContext;
   const openssl_dl::Api* const mApi;
   SSL* mSsl = nullptr;
+  std::uint64_t mReloads = 0;  // of the context when this stream was opened
   std::unique_ptr<char[]> mRecord;
   bool mBroken = false;  // nothing more may be sent
 };

@@ -2,6 +2,7 @@
 
 #include "platform/sync/mutex.h"
 #include "platform/ulog/file_sink.h"
+#include "platform/ulog/level.h"
 
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
@@ -129,6 +130,20 @@ int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount
   } catch (const std::exception& failure) {
     return Refuse(failure.what());
   }
+}
+
+int ULOG_SetLevel(int level) try {
+  const ULog* logger = ULog::gLogger.load(std::memory_order_acquire);
+  if (logger == nullptr) {
+    return Refuse("The log is not set up");
+  }
+  if (!IsLevel(level)) {
+    return Refuse("Invalid log level " + std::to_string(level) + ", it must be 0 to 5");
+  }
+  Publish(ULog::gLogger, level, logger->mLogger->sinks().front());
+  return 0;
+} catch (...) {
+  return RefuseWithoutMemory();
 }
 
 int ULOG_AuditInit(const char* path, int fileSize, int fileCount) {

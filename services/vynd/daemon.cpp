@@ -9,6 +9,8 @@
 #include "common/util/file_util.h"
 #include "common/wait/retry.h"
 #include "platform/fabric/protocol/results.h"
+#include "platform/tls/tls_context.h"
+#include "platform/ulog/level.h"
 #include "platform/zk_helper/zk_helper.h"
 #include "services/common/rpc_handlers.h"
 #include "services/config_check/config_check.h"
@@ -154,6 +156,30 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   return true;
 }
 
+void Daemon::Reload() {
+  const std::string path = mHome + "/conf/vyn.conf";
+  const auto complaints = CheckConfigAsItIs(path);
+  for (const ConfigComplaint& complaint : complaints) {
+    VYN_LOG_WARN(ToLine(complaint));
+  }
+  const auto conf = AnyRefusal(complaints) ? nullptr : common::Configuration::FromFile(path);
+  if (conf == nullptr) {
+    VYN_LOG_ERROR("Nothing is reloaded, because " << path << " has errors");
+    return;
+  }
+  const std::string name = conf->GetString("vyn.log.level", "INFO");
+  const unsigned int level = common::Log::StringToLogLevel(name);
+  if (ULOG_SetLevel(static_cast<int>(level)) != 0) {
+    VYN_LOG_ERROR("The log level stays: " << ULOG_GetLastErrorMessage());
+  }
+  common::Log::gLevel = level;
+  const std::vector<std::string> errors = tls::TlsContext::ReloadAll();
+  for (const std::string& error : errors) {
+    VYN_LOG_ERROR("The certificates of before stay in use: " << error);
+  }
+  VYN_LOG_INFO("Reloaded: log level " << name << (errors.empty() ? ", certificates and keys" : ""));
+}
+
 void Daemon::Stop() {
   // Stop the three parts in parallel: if ZooKeeper does not answer, the parts that call it block, and the
   // node server can still reply to running calls. The pool stops last.
@@ -207,7 +233,7 @@ bool Daemon::PrepareProcess(std::vector<std::string>& errors) {
     errors.push_back(path + " cannot be loaded");
     return false;
   }
-  if (LinkPort() > kHighestOutsidePort) {
+  if (mOptions.linkPort > kHighestOutsidePort) {
     mWarnings.push_back("Drivers outside the fabric cannot reach link port " + std::to_string(LinkPort()) +
                         ", they take ports up to " + std::to_string(kHighestOutsidePort));
   }

@@ -36,6 +36,9 @@ class Daemon {
   /// Returns: true when every part serves. Otherwise nothing runs and `errors` holds the reasons, one an
   /// entry.
   bool Start(std::vector<std::string>& errors, const std::function<bool()>& stopping);
+  /// Reads conf/vyn.conf again, and takes over its log level; all other settings stay. Then reads the files of
+  /// certificates and keys again. If the file has errors, changes nothing. Requires: Start has succeeded.
+  void Reload();
   /// Deletes this node's ephemeral znodes, gives up the leadership and waits for the replies of running
   /// calls, in parallel. Then closes the pool and the ZooKeeper session. Objects stay in the pool.
   void Stop();

@@ -1,8 +1,9 @@
 // The program vynd, the node daemon of Vyn broadcast: reads the command line, runs Daemon until SIGTERM or
-// SIGINT.
+// SIGINT. On SIGHUP it reloads.
 
 #include "common/util/clock.h"
 #include "platform/sync/mutex.h"
+#include "services/common/standard_streams.h"
 #include "services/vynd/daemon.h"
 #include "services/vynd/supervisor.h"
 
@@ -13,6 +14,7 @@
 #include <csignal>
 #include <cstdio>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -23,21 +25,22 @@ constexpr int kStopTimedOut = 3;
 /// answer. An _exit loses nothing: the pool and the records in ZooKeeper are consistent at every moment.
 constexpr auto kStopLimit = std::chrono::milliseconds(4500);
 
-/// The request of the signal thread to the main thread. Lives as long as the process.
-struct StopRequest {
+/// The requests of the signal thread to the main thread. Lives as long as the process.
+struct Requests {
   vyn::sync::Mutex mutex;
   vyn::sync::Condition changed;
-  bool wanted VYN_GUARDED_BY(mutex) = false;
+  bool stop VYN_GUARDED_BY(mutex) = false;
+  bool reload VYN_GUARDED_BY(mutex) = false;
 };
 
-void AwaitSignal(StopRequest& request, sigset_t signals) {
-  int received = 0;
-  sigwait(&signals, &received);
-  {
-    vyn::sync::MutexLock lock(request.mutex);
-    request.wanted = true;
+void AwaitSignal(Requests& requests, sigset_t signals) {
+  int received = SIGHUP;
+  while (received == SIGHUP) {
+    sigwait(&signals, &received);
+    vyn::sync::MutexLock lock(requests.mutex);
+    (received == SIGHUP ? requests.reload : requests.stop) = true;
+    requests.changed.NotifyAll();
   }
-  request.changed.NotifyAll();
   vyn::common::SleepFor(kStopLimit);
   std::fprintf(stderr, "vynd: the orderly stop took too long, exiting without it\n");
   _exit(kStopTimedOut);
@@ -47,26 +50,30 @@ void AwaitSignal(StopRequest& request, sigset_t signals) {
 
 int main(int argc, char** argv) {
   using namespace vyn::services;
+  OccupyStandardStreams();
   Options options;
   int exitCode = 0;
   if (!ReadOptions(argc, argv, options, exitCode)) {
-    return exitCode;
+    return EndOutput("vynd", exitCode);
   }
-  // Block both signals before any thread starts. All threads inherit the mask, so only AwaitSignal gets them.
-  signal(SIGPIPE, SIG_IGN);
+  // Block the signals before any thread starts. All threads inherit the mask, so only AwaitSignal gets them.
+  for (const int ignored : {SIGPIPE, SIGUSR1, SIGUSR2}) {
+    signal(ignored, SIG_IGN);
+  }
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  static StopRequest& request = *new StopRequest;
-  std::thread(AwaitSignal, std::ref(request), signals).detach();
+  static Requests& requests = *new Requests;
+  std::thread(AwaitSignal, std::ref(requests), signals).detach();
 
   Daemon daemon(options);
   std::vector<std::string> errors;
   const auto stopping = [] {
-    vyn::sync::MutexLock lock(request.mutex);
-    return request.wanted;
+    vyn::sync::MutexLock lock(requests.mutex);
+    return requests.stop;
   };
   if (!daemon.Start(errors, stopping)) {
     for (const std::string& error : errors) {
@@ -79,9 +86,17 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     NotifySupervisor("READY=1");
   }
-  {
-    vyn::sync::MutexLock lock(request.mutex);
-    request.changed.Wait(lock, []() VYN_REQUIRES(request.mutex) { return request.wanted; });
+  while (!stopping()) {
+    bool reload = false;
+    {
+      vyn::sync::MutexLock lock(requests.mutex);
+      requests.changed.Wait(lock,
+                            []() VYN_REQUIRES(requests.mutex) { return requests.stop || requests.reload; });
+      std::swap(reload, requests.reload);
+    }
+    if (reload && !stopping()) {
+      daemon.Reload();
+    }
   }
   NotifySupervisor("STOPPING=1");
   daemon.Stop();

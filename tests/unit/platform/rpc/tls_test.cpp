@@ -1,3 +1,4 @@
+#include "platform/tls/tls_context.h"
 #include "support/net/certificates.h"
 #include "support/net/peers.h"
 #include "support/net/proxy.h"
@@ -84,6 +85,32 @@ TEST_F(RpcTls, WhoIsTrusted) {
       EXPECT_TRUE(Call(client, text) == (one.mEnd == kStands ? text : "-13"));
     }
   }
+}
+
+TEST_F(RpcTls, FilesAreReadAgain) {
+  const auto put = [&](const std::string& from) {
+    std::filesystem::copy_file(mFiles / from, mFiles / "used.pem",
+                               std::filesystem::copy_options::overwrite_existing);
+  };
+  std::filesystem::copy_file(mFiles / "revoked.key", mFiles / "used.key");
+  put("revoked.pem");
+  const std::uint16_t port = StartAs("used");
+  const SecurityMap trust{{"tls.ca.cert.path", mFiles / "ca.pem"}, {"tls.crl.path", mFiles / "crl.pem"}};
+  const auto accepted = [&] {
+    SecuredClient client("127.0.0.1", port, {}, true, false);
+    return client.Initialize(trust, RawSocket::kPatience) && client.Connect();
+  };
+  SecuredClient open("127.0.0.1", port, {}, true, false);
+  ASSERT_TRUE(open.Initialize(mTrust, RawSocket::kPatience) && open.Connect());
+  EXPECT_FALSE(accepted());
+  put("server.pem");  // not the certificate of this key: the one of before stays
+  EXPECT_EQ(tls::TlsContext::ReloadAll().size(), 1U);
+  EXPECT_FALSE(accepted());
+  std::filesystem::copy_file(mFiles / "server.key", mFiles / "used.key",
+                             std::filesystem::copy_options::overwrite_existing);
+  EXPECT_THAT(tls::TlsContext::ReloadAll(), testing::IsEmpty());
+  EXPECT_TRUE(accepted());
+  EXPECT_EQ(Call(open, "still open"), "still open");
 }
 
 TEST_F(RpcTls, OneSideOnly) {
