@@ -4,10 +4,13 @@
 #include "common/config/configuration_catalogue.h"
 #include "common/config/kv_parser.h"
 #include "common/util/text.h"
+#include "services/config_check/use_check.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -64,6 +67,13 @@ std::string KeyOf(const std::string& complaint) {
              : complaint.substr(begin + 1, end - begin - 1);
 }
 
+/// Returns: the installation whose configuration the file is; empty unless it is in a folder "conf".
+std::string HomeOf(const std::string& file) {
+  std::error_code failed;
+  const auto folder = std::filesystem::weakly_canonical(file, failed).parent_path();
+  return failed || folder.filename() != "conf" ? "" : folder.parent_path().string();
+}
+
 class Check {
  public:
   explicit Check(const std::string& file) : mFile(file) {}
@@ -97,10 +107,17 @@ class Check {
     std::set<std::string> reported;  // a validator of several features gives its complaint once for each
     for (const std::string& text : mStore->Validate(features.authentication, features.tls,
                                                     features.authorization, features.zookeeperSecurity)) {
-      if (reported.insert(text).second) {
-        const std::string key = KeyOf(text);
-        const auto line = mLines.find(key);
-        Add(line == mLines.end() ? 0 : line->second, key, text);
+      const std::string key = KeyOf(text);
+      if (!IsNeedless(*mStore, key) && reported.insert(text).second) {
+        mComplaints.push_back({mFile, LineOf(key), key, text});
+      }
+    }
+    for (const UseComplaint& found : CheckUse(*mStore, features, HomeOf(mFile))) {
+      const bool known = std::any_of(mComplaints.begin(), mComplaints.end(), [&](const auto& complaint) {
+        return complaint.key == found.key && !complaint.warning;
+      });
+      if (!known) {
+        mComplaints.push_back({mFile, LineOf(found.key), found.key, found.text, found.warning});
       }
     }
     const auto place = [](const ConfigComplaint& complaint) {
@@ -115,6 +132,10 @@ class Check {
   void Add(unsigned int line, const std::string& key, const std::string& text) {
     mComplaints.push_back({mFile, line, key, text});
   }
+  unsigned int LineOf(const std::string& key) const {
+    const auto line = mLines.find(key);
+    return line == mLines.end() ? 0 : line->second;
+  }
   void Warn(unsigned int line, const std::string& key, const std::string& text) {
     mComplaints.push_back({mFile, line, key, text, true});
   }
@@ -126,11 +147,17 @@ class Check {
            "stands in line " + std::to_string(known->second) + " already; the last value counts");
       known->second = number;
     }
+    const CatalogueKey* const found = FindRow(key);
+    if (found == nullptr) {
+      const std::string like = MostLike(key);
+      return Add(number, key,
+                 "is no key of this release: " + (like.empty() ? "remove it" : "did you mean " + like + "?"));
+    }
+    const CatalogueKey& row = *found;
     std::string refusal;
     if (!mStore->SetFromText(key, value, refusal)) {
-      return Add(number, key, refusal);
+      return Add(number, key, "'" + value + "' is no number: write digits alone");
     }
-    const CatalogueKey& row = *FindRow(key);
     long wide = 0;
     if (std::holds_alternative<bool>(row.defaultValue) && value != "true" && value != "false") {
       Add(number, key,
@@ -182,7 +209,7 @@ std::vector<ConfigComplaint> CheckFile(const std::string& file, ConfigFeatures f
   }
   std::ifstream input(file);
   if (!input) {
-    return {{file, 0, "", "cannot be read"}};
+    return {{file, 0, "", std::string("cannot be read: ") + std::strerror(errno)}};
   }
   Check check(file);
   unsigned int number = 0;

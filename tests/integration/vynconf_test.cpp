@@ -15,7 +15,7 @@ TEST(VynconfTest, EachLineOfAFile) {
     std::string output;  ///< FILE stands for the name of the file
   } rows[] = {
       {"# fine\n\nvyn.log.dir=/gr\xc3\xbc\xc3\x9f/\xf0\x9f\x98\x80\n", 0, ""},
-      {"\x01\x02=3\n", 1, "FILE:4: <\\x01\\x02>, it was not validate configure type.\n"},
+      {"\x01\x02=3\n", 1, "FILE:4: \\x01\\x02: is no key of this release: remove it\n"},
       {"just words\n", 0, "FILE:4: warning: no \"=\" in this line; a load skips it\n"},
       {" =value\n", 0, "FILE:4: warning: no key in front of \"=\"; a load skips this line\n"},
       {"vyn.log.level=WARN\n\nvyn.log.level=INFO\n", 0,
@@ -25,6 +25,22 @@ TEST(VynconfTest, EachLineOfAFile) {
       {"vyn.tessel.rpc.shuffle_server.port=4294970187\n", 1,
        "FILE:4: vyn.tessel.rpc.shuffle_server.port: does not fit 32 bits; a load takes it as 2891\n"
        "FILE:4: Invalid value for <vyn.tessel.rpc.shuffle_server.port>, it should be between 3000-65535\n"},
+      {"vyn.log.levle=INFO\nvyn.log.fileSize=4M\n", 1,
+       "FILE:4: vyn.log.levle: is no key of this release: did you mean vyn.log.level?\n"
+       "FILE:5: vyn.log.fileSize: '4M' is no number: write digits alone\n"},
+      // What a load takes and no program can use.
+      {"vyn.log.level=LOUD\n", 1,
+       "FILE:4: vyn.log.level: is no log level: write TRACE, DEBUG, INFO, WARN, ERROR or CRITICAL; a load "
+       "takes it as INFO\n"},
+      {"vyn.tessel.rpc.transport.tcp.port.range=60500-60000\nvyn.tessel.rpc.manager.port=3891\n"
+       "vyn.ucx.tcp.keepintvl=soon\n",
+       1,
+       "FILE:4: vyn.tessel.rpc.transport.tcp.port.range: '60500-60000' is no range: write the lower number, "
+       "a "
+       "dash and the higher number\n"
+       "FILE:5: warning: vyn.tessel.rpc.manager.port: has the port of vyn.tessel.rpc.shuffle_server.port: "
+       "give each its own\n"
+       "FILE:6: vyn.ucx.tcp.keepintvl: is no duration: write a number with its unit, such as 60s\n"},
       // A bad line hides none of the others.
       {"vyn.log.level=INFO\r\nvyn.log.dir=\xff\n", 1,
        "FILE:4: vyn.log.level: ends in a carriage return, which belongs to the value\n"
@@ -32,9 +48,12 @@ TEST(VynconfTest, EachLineOfAFile) {
   };
   const TempDir folder;
   const std::string required =
-      "vyn.zookeeper.server.url=h:1\nvyn.tessel.meta.node_lists=n\nvyn.tessel.server.swap.path=/s\n";
+      "vyn.zookeeper.server.url=h:1\nvyn.tessel.meta.node_lists=192.0.2.1\nvyn.tessel.server.swap.path=/s\n";
+  const std::string further =
+      "vyn.tessel.rpc.transport.protocol=tcp\nvyn.tessel.rpc.openssl.path=libssl.so.3\n"
+      "vyn.tessel.rpc.crypto.path=libcrypto.so.3\n";
   for (const auto& row : rows) {
-    const std::string file = folder.Write("vyn.conf", required + row.lines);
+    const std::string file = folder.Write("vyn.conf", required + row.lines + further);
     const CommandResult run = RunCommand(kVynconf + ("check " + file));
     EXPECT_EQ(run.status, row.status) << row.lines;
     EXPECT_EQ(run.output, std::regex_replace(row.output, std::regex("FILE"), file));
@@ -46,20 +65,26 @@ TEST(VynconfTest, CommandLines) {
   const std::string noCertificate =
       ": Invalid value for <vyn.tessel.rpc.tls.cert.path>, it should not be empty\n";
   const TempDir folder;
+  const std::string lead = folder.Write("lead", ReadFile(sample) + "vyn.daemon.expireChecker.lead=1\n");
+  const std::string useless = folder.Write(
+      "useless", "vyn.tessel.meta.node_lists=192.0.2.1:3892\nvyn.zookeeper.server.url=zk1,zk2:2181/root\n");
   ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
   ExpectCommands(
       kVynconf,
       {{"check " + sample, 0, {"!vyn"}},
        {"check --tls " + sample, 1, {sample + noCertificate, "!keytab"}},
        {"check --tls --auth --author --zk-security " + sample, 1, {"keytab"}},
-       // A complaint of several features is told once.
-       {"check --tls --auth " + sample + " | grep -c '<vyn.tessel.plx.ksf.primary.path>'", 0, {"1\n"}},
+       // A complaint of several features is told once, and nothing is asked for that no program reads.
+       {"check --tls --auth " + lead + " | grep -c '<vyn.daemon.expireChecker.lead>'", 0, {"1\n"}},
+       {"check --tls " + sample, 1, {"warning: vyn.tessel.rpc.tls.sdk.ca.cert.path", "!ksf", "!key.pass"}},
+       {"check " + useless, 1, {"only the transport tcp", "'192.0.2.1:3892'", "'zk1'", "libssl.so.3 or"}},
        {"keys", 0, {"| `vyn.tuning.rpc.timeout` | int | `5000` | 0 to 2147483647 | always |"}},
        {"check " + folder / "missing", 1},
        {"check " + folder.Path(), 1},
        {"check " + folder / "pipe", 1},
        {"check --no-such-flag f >/dev/null; [ $? -gt 1 ]"},
        {"nonsense >/dev/null; [ $? -gt 1 ]"},
+       {"--version >/dev/full", 1, {"vynconf: standard output cannot be written"}},
        {"--version", 0, {"vynconf 2.0.0\n"}}});
 }
 

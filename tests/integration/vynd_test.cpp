@@ -214,16 +214,31 @@ TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
                          {"vynctl --token t verify app 6", 1, {"no such variable"}},
                          {"printf old > out; vynctl --token wrong get app 5 -o out", 1},
                          {"cat out", 0, {"old"}},
-                         {"vynctl rm app 5"},
-                         {"vynctl --token t get app 5 -o out", 1},
-                         {"vynctl app rm app"},
+                         {"VYN_LOG_STDERR=WARN vynctl rm app 5", 0, {" warning ["}},
+                         {"vynctl --token t --json get app 5 -o out", 1, {"\"status\": 2140011", "! ["}},
+                         {"vynctl app rm app --wait"},
                          {"vynctl app ls --json", 0, {"!\"name\""}},
-                         {"vynctl put app", 2},
+                         {"vynctl put app --json", 2, {"\"exitCode\": 2"}},
+                         {"vynctl --home missing app ls", 1, {"!real path"}},
+                         {"vynctl app ls --json > /dev/full", 1, {"cannot be written"}},
+                         {"vynctl app ls --json >&-", 1, {"cannot be written"}},
+                         {"vynctl node forget 1", 1, {"is running"}},
+                         {"vynctl node forget 9 && ! vynctl node forget 9"},
                          {"vynctl conf check --tls", 1},
                          {"vynctl --json conf check warned", 0, {"\"warning\": true"}}});
-  EXPECT_TRUE(WaitUntil([&] { return node->Objects() == 0; }));
+  EXPECT_EQ(node->Objects(), 0U);
+  // It takes over a file without errors only, and goes on in any case.
+  const auto reloads = [&](const std::string& line, const std::string& answer) {
+    std::ofstream(node->Home() + "/conf/vyn.conf", std::ios::app) << line;
+    node->Process().Signal(SIGUSR1);
+    node->Process().Signal(SIGHUP);
+    return WaitUntil(
+        [&] { return RunCommand("grep -q '" + answer + "' " + node->Home() + "/logs/vynd.*").status == 0; });
+  };
+  EXPECT_TRUE(reloads("vyn.log.level=DEBUG\n", "Reloaded: log level DEBUG"));
+  EXPECT_TRUE(reloads("vyn.log.level=LOUD\n", "Nothing is reloaded"));
   End(*node);
-  ExpectCommands(shell, {{"vynctl status", 0, {"LEADER  none"}}});
+  ExpectCommands(shell, {{"vynctl status", 2, {"LEADER  none"}}});
 }
 
 }  // namespace

@@ -1,14 +1,17 @@
 // The program vynconf: checks a configuration file, or prints the catalogue of keys.
-// Exit codes: 0 no complaints, perhaps warnings; 1 complaints; any other for a wrong command line. It prints
+// Exit codes: 0 no complaints, perhaps warnings; 1 complaints, or standard output cannot be written; any other for a wrong command line. It prints
 // complaints and warnings on standard output, one a line.
 
 #include "common/config/configuration_catalogue.h"
+#include "services/common/standard_streams.h"
 #include "services/config_check/config_check.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
 
 int main(int argc, char** argv) {
+  using vyn::services::EndOutput;
+  vyn::services::OccupyStandardStreams();
   CLI::App app("Checks configuration files of Vyn.", "vynconf");
   app.set_version_flag("--version", std::string("vynconf ") + VYN_PROJECT_VERSION);
   app.require_subcommand(1);
@@ -25,15 +28,19 @@ int main(int argc, char** argv) {
 
   CLI::App* keys = app.add_subcommand("keys", "Print every key with type, default and bounds, as Markdown");
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return EndOutput("vynconf", app.exit(error));
+  }
 
   if (keys->parsed()) {
     std::cout << vyn::common::catalogue::MarkdownTables();
-    return 0;
+    return EndOutput("vynconf", 0);
   }
   const auto complaints = vyn::services::CheckConfig(file, features);
   for (const auto& complaint : complaints) {
     std::cout << vyn::services::ToLine(complaint) << '\n';
   }
-  return vyn::services::AnyRefusal(complaints) ? 1 : 0;
+  return EndOutput("vynconf", vyn::services::AnyRefusal(complaints) ? 1 : 0);
 }

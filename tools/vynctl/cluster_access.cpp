@@ -12,9 +12,11 @@
 #include "vyn/broadcast.h"
 #include "vyn/status.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 namespace vyn::tools {
@@ -23,11 +25,36 @@ namespace {
 
 common::Ref<common::Configuration> Conf() { return common::Configuration::GetInstance(); }
 
+/// While it lives, standard output leads nowhere, or to standard error. The library prints there until its log
+/// is open, and the output of vynctl belongs to the answer.
+class LibraryOutput {
+ public:
+  explicit LibraryOutput(bool shown) : mSaved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
+    std::fflush(stdout);
+    const int target = shown ? STDERR_FILENO : open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(target, STDOUT_FILENO);
+    if (!shown) {
+      close(target);
+    }
+  }
+  ~LibraryOutput() {
+    std::fflush(stdout);
+    dup2(mSaved, STDOUT_FILENO);
+    close(mSaved);
+  }
+  LibraryOutput(const LibraryOutput&) = delete;
+  LibraryOutput& operator=(const LibraryOutput&) = delete;
+
+ private:
+  const int mSaved;
+};
+
 }  // namespace
 
 void Require(std::uint32_t status, const std::string& what) {
   if (Failed(status)) {
-    throw CommandError(what + " failed with " + std::to_string(status) + ": " + common::LastErrorText());
+    throw CommandError(what + " failed with " + std::to_string(status) + ": " + common::LastErrorText(),
+                       status);
   }
 }
 
@@ -39,6 +66,10 @@ void LoadConfiguration(const Settings& settings) {
   if (settings.home.empty()) {
     throw CommandError("no home is given: --home DIR, or the environment variable VYN_HOME");
   }
+  if (!settings.verbose) {
+    setenv("VYN_LOG_STDERR", "off", 0);
+  }
+  const LibraryOutput hidden(settings.verbose);
   std::string home;
   if (Failed(common::FileUtil::RealPathNoLog(settings.home, home))) {
     throw CommandError("the home '" + settings.home + "' cannot be resolved");
@@ -48,12 +79,9 @@ void LoadConfiguration(const Settings& settings) {
       common::Configuration::GetInstance(home + "/conf/vyn.conf") == nullptr) {
     throw CommandError(home + "/conf/vyn.conf cannot be loaded; `vynctl conf check` tells why");
   }
-  if (!settings.verbose) {
-    Conf()->Set("vyn.log.level", std::string("CRITICAL"));
-  }
   ULOG_Init(ULOG_TYPE_STDERR,
-            static_cast<int>(common::Log::StringToLogLevel(Conf()->GetString("vyn.log.level", ""))), nullptr,
-            0, 0);
+            static_cast<int>(common::Log::StandardErrorLevel(Conf()->GetString("vyn.log.level", ""))),
+            nullptr, 0, 0);
 }
 
 void ConnectZooKeeper() {
@@ -66,6 +94,7 @@ void ConnectZooKeeper() {
 }
 
 void StartSdk(const Settings& settings, bool driver) {
+  const LibraryOutput hidden(settings.verbose);
   const auto environment = common::EnvHelper::GetInstance();
   const std::uint32_t status = BroadcastInitialize(settings.home.c_str(), environment->GetVersion().c_str(),
                                                    environment->GetBinaryType().c_str(), driver ? 0 : 1);

@@ -12,17 +12,20 @@ namespace vyn::tools {
 
 /// A failure. main() prints its text and ends with exit code 1.
 struct CommandError : std::runtime_error {
-  using std::runtime_error::runtime_error;
+  explicit CommandError(const std::string& text, std::uint32_t theStatus = 0)
+      : std::runtime_error(text), status(theStatus) {}
+  std::uint32_t status;  ///< of the library; 0 when no call of it has failed
 };
 
 struct Settings {
   std::string home;
   std::string token;
   bool json = false;
-  bool verbose = false;  ///< print log lines from vyn.log.level on to standard error; otherwise only errors
+  bool verbose = false;  ///< print log lines from vyn.log.level on to standard error
 };
 
-/// Loads the home's configuration into the process. Throws CommandError.
+/// Loads the home's configuration into the process, and opens the log on standard error. Without
+/// Settings::verbose and the environment variable VYN_LOG_STDERR the log writes nothing. Throws CommandError.
 void LoadConfiguration(const Settings& settings);
 /// Opens the session of the process. Throws CommandError.
 void ConnectZooKeeper();

@@ -7,12 +7,23 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace vyn::tools {
 
-void ShowStatus(const Settings& settings);
+/// Returns: whether the metadata service has a leader.
+bool ShowStatus(const Settings& settings);
 void ListApplications(const Settings& settings);
-void RemoveApplication(const Settings& settings, const std::string& application);
+/// \param wait whether to return only when every running node has freed the memory.
+void RemoveApplication(const Settings& settings, const std::string& application, bool wait);
+/// Waits until every running node has freed what it had of an application that was removed. Requires: a
+/// ZooKeeper session.
+void AwaitFreed(const std::string& application);
+/// Removes the records of a node that is down, and names the variables whose blocks were on it. Refuses a node
+/// that runs.
+void ForgetNode(const Settings& settings, std::uint32_t nodeId);
+/// Returns: "<id> of <application>" for each variable whose blocks are on the node. Requires: a session.
+std::vector<std::string> VariablesOn(std::uint32_t nodeId);
 
 /// Broadcasts a file as a variable.
 void PutVariable(const Settings& settings, const std::string& application, std::uint32_t id,

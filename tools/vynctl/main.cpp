@@ -1,15 +1,18 @@
 // The program vynctl: shows the state of a cluster of Vyn broadcast and copies variables into and out of it.
 //
-// Exit codes: 0 success, 1 the command failed, 2 the command line is wrong, 128 + the number of the signal
-// that ended it.
+// Exit codes: 0 success; 1 the command failed, or standard output could not be written; 2 the command line is
+// wrong, or `status` found no leader; 128 + the number of the signal that ended it.
 
+#include "services/common/standard_streams.h"
 #include "services/config_check/config_check.h"
 #include "tools/vynctl/commands.h"
 #include "tools/vynctl/interruption.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -17,12 +20,18 @@ namespace {
 
 using namespace vyn::tools;
 
+constexpr int kUsage = 2;
+constexpr int kNoLeader = 2;
+
 /// Checks the file as vynd does, for the features that it turns on, and for `features`. Returns: the exit
 /// code.
 int CheckConfiguration(const Settings& settings, std::string file,
                        const vyn::services::ConfigFeatures& features) {
   if (file.empty()) {
     file = settings.home + "/conf/vyn.conf";
+    if (settings.home.empty()) {
+      throw CommandError("no file is given, and no home: --home DIR, or the environment variable VYN_HOME");
+    }
   }
   const auto complaints = vyn::services::CheckConfigAsItIs(file, features);
   if (settings.json) {
@@ -53,9 +62,27 @@ std::string ReadToken(const std::string& file) {
   return token;
 }
 
+/// Whether the command line has the option. For one that could not be parsed to its end.
+bool Has(int argc, char** argv, const char* option) {
+  return std::any_of(argv, argv + argc, [&](const char* text) { return std::strcmp(text, option) == 0; });
+}
+
+/// Reports a failure: as one line on standard error or, with `json`, as one object on `stream`. Returns: `code`.
+int Report(bool json, std::FILE* stream, const std::string& text, std::uint32_t status, int code) {
+  if (json) {
+    const nlohmann::json answer{{"error", text}, {"status", status}, {"exitCode", code}};
+    std::fprintf(stream, "%s\n",
+                 answer.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  } else {
+    std::fprintf(stderr, "vynctl: %s\n", text.c_str());
+  }
+  return code;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  vyn::services::OccupyStandardStreams();
   Settings settings;
   if (const char* home = std::getenv("VYN_HOME")) {
     settings.home = home;
@@ -70,6 +97,7 @@ int main(int argc, char** argv) {
   std::uint32_t id = 0;
   std::uint64_t blockSize = 4U << 20U;
   vyn::services::ConfigFeatures features;
+  bool wait = false;
   int code = 0;
 
   CLI::App app{"vynctl, the operator's view of Vyn broadcast", "vynctl"};
@@ -86,19 +114,19 @@ int main(int argc, char** argv) {
       settings.token = ReadToken(tokenFile);
     }
   });
-  app.add_flag("--json", settings.json, "answer in JSON");
+  app.add_flag("--json", settings.json, "answer in JSON, failures too");
   app.add_flag("--verbose", settings.verbose, "show log lines on standard error");
   app.fallthrough();
 
   auto* status = app.add_subcommand("status", "leader, members, nodes, applications, variables");
-  status->callback([&] { ShowStatus(settings); });
+  status->callback([&] { code = ShowStatus(settings) ? 0 : kNoLeader; });
   auto* put = app.add_subcommand("put", "broadcast a file as a variable");
   put->add_option("APP", application)->required();
   put->add_option("ID", id)->required();
   put->add_option("FILE", file)->required()->check(CLI::ExistingFile);
   put->add_option("--block-size", blockSize, "bytes of a block, like 4M")
       ->transform(CLI::AsSizeValue(false))
-      ->check(CLI::PositiveNumber)
+      ->check([](const std::string& bytes) { return std::string(bytes == "0" ? "must be at least 1" : ""); })
       ->capture_default_str();
   put->callback([&] { PutVariable(settings, application, id, file, blockSize); });
   auto* get = app.add_subcommand("get", "write a variable's contents to standard output or a file");
@@ -120,7 +148,13 @@ int main(int argc, char** argv) {
   apps->add_subcommand("ls", "list them with their variables")->callback([&] { ListApplications(settings); });
   auto* end = apps->add_subcommand("rm", "end one: delete its variables and free its memory on every node");
   end->add_option("APP", application)->required();
-  end->callback([&] { RemoveApplication(settings, application); });
+  end->add_flag("--wait", wait, "return only when every running node has freed the memory");
+  end->callback([&] { RemoveApplication(settings, application, wait); });
+  auto* nodes = app.add_subcommand("node", "nodes");
+  nodes->require_subcommand(1);
+  auto* forget = nodes->add_subcommand("forget", "remove the records of a node that will never come back");
+  forget->add_option("NODE", id, "its id")->required();
+  forget->callback([&] { ForgetNode(settings, id); });
   auto* conf = app.add_subcommand("conf", "configuration files");
   conf->require_subcommand(1);
   auto* check = conf->add_subcommand("check", "check a file and print each complaint");
@@ -131,16 +165,22 @@ int main(int argc, char** argv) {
   check->add_flag("--zk-security", features.zookeeperSecurity, "as with ZooKeeper security on");
   check->callback([&] { code = CheckConfiguration(settings, file, features); });
 
+  // A get without a file has the variable's bytes on standard output.
+  const auto stream = [&] { return get->parsed() && output.empty() ? stderr : stdout; };
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    if (error.get_exit_code() == 0 || !Has(argc, argv, "--json")) {
+      code = app.exit(error) == 0 ? 0 : kUsage;
+    } else {
+      code = Report(true, stdout, error.what(), 0, kUsage);
+    }
   } catch (const Interrupted& error) {
-    std::fprintf(stderr, "vynctl: %s\n", error.what());
-    return 128 + error.signal;
+    code = Report(settings.json, stream(), error.what(), 0, 128 + error.signal);
+  } catch (const CommandError& error) {
+    code = Report(settings.json, stream(), error.what(), error.status, 1);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "vynctl: %s\n", error.what());
-    return 1;
+    code = Report(settings.json, stream(), error.what(), 0, 1);
   }
-  return code;
+  return vyn::services::EndOutput("vynctl", code);
 }

@@ -142,15 +142,16 @@ void PrintApplications(const json& applications) {
 
 }  // namespace
 
-void ShowStatus(const Settings& settings) {
+bool ShowStatus(const Settings& settings) {
   LoadConfiguration(settings);
   ConnectZooKeeper();
   const json status = Collect();
+  const bool led = !Text(status["leader"]).empty();
   if (settings.json) {
     PrintJson(status);
-    return;
+    return led;
   }
-  std::printf("LEADER  %s\n\n", Text(status["leader"]).empty() ? "none" : Text(status["leader"]).c_str());
+  std::printf("LEADER  %s\n\n", led ? Text(status["leader"]).c_str() : "none");
   std::printf("%-24s %s\n", "MEMBER", "STATUS");
   for (const json& member : status["members"]) {
     std::printf("%-24s %s%s\n", Text(member["address"]).c_str(), Text(member["status"]).c_str(),
@@ -171,6 +172,7 @@ void ShowStatus(const Settings& settings) {
   }
   std::printf("\n");
   PrintApplications(status["applications"]);
+  return led;
 }
 
 void ListApplications(const Settings& settings) {
@@ -184,7 +186,20 @@ void ListApplications(const Settings& settings) {
   }
 }
 
-void RemoveApplication(const Settings& settings, const std::string& application) {
+std::vector<std::string> VariablesOn(std::uint32_t nodeId) {
+  std::vector<std::string> found;
+  for (const json& application : Applications()) {
+    for (const json& variable : application["variables"]) {
+      if (variable["node"] == nodeId) {
+        found.push_back(std::to_string(variable["id"].get<std::uint32_t>()) + " of " +
+                        Text(application["name"]));
+      }
+    }
+  }
+  return found;
+}
+
+void RemoveApplication(const Settings& settings, const std::string& application, bool wait) {
   LoadConfiguration(settings);
   StartSdk(settings, true);
   // The metadata service reports success for an application that does not exist, because a repeated call must
@@ -193,6 +208,9 @@ void RemoveApplication(const Settings& settings, const std::string& application)
   Require(MarkBroadcastApplicationCompleted(application.c_str()), "removing application " + application);
   if (found == ZNONODE) {
     throw CommandError("there is no application " + application);
+  }
+  if (wait) {
+    AwaitFreed(application);
   }
   if (settings.json) {
     PrintJson({{"removed", application}});

@@ -5,7 +5,9 @@
 #include "platform/secure_memory/secure_memory.h"
 #include "platform/sync/mutex.h"
 
+#include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -57,6 +59,23 @@ unsigned int Log::StringToLogLevel(const std::string& name) {
   }
   std::cout << "The log level is incorrect." << std::endl;
   return logging::kInfo;
+}
+
+unsigned int Log::StandardErrorLevel(const std::string& configured) {
+  const unsigned int level = StringToLogLevel(configured);
+  const char* wanted = std::getenv("VYN_LOG_STDERR");
+  if (wanted == nullptr || wanted[0] == '\0') {
+    return level;
+  }
+  if (std::strcmp(wanted, "off") == 0) {
+    return static_cast<unsigned int>(kLevelNames.size() - 1);
+  }
+  if (std::find(kLevelNames.begin(), kLevelNames.end(), std::string(wanted)) != kLevelNames.end()) {
+    return StringToLogLevel(wanted);
+  }
+  std::cerr << "VYN_LOG_STDERR is neither off nor TRACE, DEBUG, INFO, WARN, ERROR or CRITICAL: " << wanted
+            << std::endl;
+  return level;
 }
 
 void AuditGlog(const char* subject, const char* operation, const char* target, const char* result) {

@@ -67,7 +67,7 @@ bool LoadConfiguration(const std::string& home) {
 
 bool StartLogger() {
   const std::string name = g_broadcastConf->GetString("vyn.log.level", "");
-  const unsigned int level = vyn::common::Log::StringToLogLevel(name);
+  const unsigned int level = vyn::common::Log::StandardErrorLevel(name);
   if (ULOG_Init(2, static_cast<int>(level), nullptr, 0, 0) != 0) {
     std::printf("Error to init ulog module. as %s\n", ULOG_GetLastErrorMessage());
     std::fflush(stdout);

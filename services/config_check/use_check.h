@@ -1,0 +1,35 @@
+#pragma once
+
+// Finds values that a load and the validators accept although no program can work with them: a log level that
+// does not exist, a transport that this release does not have, a file that is not there.
+//
+// No shared state: any thread may call any function.
+
+#include "services/config_check/config_check.h"
+
+#include <string>
+#include <vector>
+
+namespace vyn::common {
+class Configuration;
+}  // namespace vyn::common
+
+namespace vyn::services {
+
+struct UseComplaint {
+  std::string key;
+  std::string text;  ///< what is wrong and what to do
+  bool warning = false;
+};
+
+/// \param features those that are checked. \param home the installation; empty when it is not known.
+std::vector<UseComplaint> CheckUse(common::Configuration& conf, const ConfigFeatures& features,
+                                   const std::string& home);
+
+/// Whether a validator asks for the key although no program reads its value with this configuration.
+bool IsNeedless(common::Configuration& conf, const std::string& key);
+
+/// Returns: the declared key that is most like `key`; empty when none is like it.
+std::string MostLike(const std::string& key);
+
+}  // namespace vyn::services
