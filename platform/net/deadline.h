@@ -12,14 +12,17 @@ class Deadline {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// \param milliseconds from now; negative means no limit.
+  /// \param milliseconds from now; negative, or more than a century, means no limit.
   explicit Deadline(std::int64_t milliseconds)
-      : mEnd(milliseconds < 0 || milliseconds > kLongest
+      : mEnd(milliseconds < 0 || milliseconds > kLongest.count()
                  ? Clock::time_point::max()
                  : Clock::now() + std::chrono::milliseconds(milliseconds)) {}
 
-  /// A deadline `time` from now. There is always a limit: a negative `time` has passed already.
-  static Deadline After(std::chrono::milliseconds time) { return Deadline(Clock::now() + time); }
+  /// A deadline `time` from now, at most a century. There is always a limit: a negative `time` has passed
+  /// already.
+  static Deadline After(std::chrono::milliseconds time) {
+    return Deadline(Clock::now() + std::clamp<std::chrono::milliseconds>(time, -kLongest, kLongest));
+  }
 
   bool HasLimit() const { return mEnd != Clock::time_point::max(); }
   bool IsOver(Clock::time_point now = Clock::now()) const { return now >= mEnd; }
@@ -43,7 +46,8 @@ class Deadline {
   friend bool operator<(const Deadline& left, const Deadline& right) { return left.mEnd < right.mEnd; }
 
  private:
-  static constexpr std::int64_t kLongest = std::int64_t{1} << 50;
+  /// The clock counts nanoseconds in 64 bits and holds 292 years.
+  static constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365 * 100);
   static constexpr std::int64_t kLongestPoll = 3600000;
 
   explicit Deadline(Clock::time_point end) : mEnd(end) {}

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 namespace vyn::net {
 
@@ -39,7 +40,9 @@ NetOutcome ChooseInterface(const Address& peer, const std::vector<std::string>& 
       chosen.clear();
       return {};
     }
-    const auto name = std::find(names.begin(), names.end(), entry->ifa_name);
+    // Address labels, such as eth0:1, are no interfaces.
+    const std::string_view label(entry->ifa_name);
+    const auto name = std::find(names.begin(), names.end(), label.substr(0, label.find(':')));
     if (name == names.end() || (entry->ifa_flags & IFF_UP) == 0) {
       continue;
     }

@@ -1,5 +1,6 @@
 #include "platform/zk_helper/client_lines.h"
 
+#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 
 #include <stdio.h>
@@ -18,10 +19,7 @@ struct Lines {
   std::string mUnfinished VYN_GUARDED_BY(mMutex);  ///< the begin of a line of the stream
   FILE* mStream VYN_GUARDED_BY(mMutex) = nullptr;
 
-  static Lines& Get() {
-    static auto* lines = new Lines;
-    return *lines;
-  }
+  static Lines& Get() { return sync::OneInProcess<Lines>(); }
 
   /// Takes "2024-11-22 22:09:00,123:77(0x7f):ZOO_ERROR@function@2380: text" and keeps the text.
   void Take(std::string_view line) VYN_REQUIRES(mMutex) {

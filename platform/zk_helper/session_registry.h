@@ -1,11 +1,15 @@
 #pragma once
 
 // The sessions of this process. A caller names one by a ticket, which the exported functions call its handle.
+// A forked child starts without sessions: it has none of the client's threads, and a call would write to the
+// connection of its parent. The parent's tickets name no session in the child.
 // Threads: any thread may call any function.
 
+#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 #include "platform/zk_helper/session.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -19,19 +23,15 @@ struct Registry {
   sync::Mutex mMutex;
   std::map<zhandle_t*, std::shared_ptr<Session>> mSessions VYN_GUARDED_BY(mMutex);
   zhandle_t* mCurrent VYN_GUARDED_BY(mMutex) = nullptr;
-  std::uintptr_t mLastTicket VYN_GUARDED_BY(mMutex) = 0;
+  static inline std::atomic<std::uintptr_t> gLastTicket{0};  ///< goes on in a forked child
   bool mClientInUse VYN_GUARDED_BY(mMutex) = false;
   sync::Condition mClientFree;
 
-  static Registry& Get() {
-    static auto* registry = new Registry;
-    return *registry;
-  }
+  static Registry& Get() { return sync::OneInProcess<Registry>(); }
 
   zhandle_t* NewTicket() {
-    sync::MutexLock lock(mMutex);
     // Small numbers, which no valid address equals.
-    return reinterpret_cast<zhandle_t*>(++mLastTicket);  // NOLINT(performance-no-int-to-ptr)
+    return reinterpret_cast<zhandle_t*>(++gLastTicket);  // NOLINT(performance-no-int-to-ptr)
   }
   /// Waits until the previous session's client is closed: two clients that lose their connection at the same
   /// time write to one buffer of the client library without a lock. Returns: whether a client may be made.

@@ -54,7 +54,11 @@ bool ParseStatus(const std::string& text, int& status) {
 
 ClusterZKAdapter::ClusterZKAdapter(NodeRole role) : mRole(role) {}
 
-ClusterZKAdapter::~ClusterZKAdapter() { ClusterZKClose(); }
+ClusterZKAdapter::~ClusterZKAdapter() {
+  if (mOwner == sync::ForkCount()) {  // the session of a forked child ends with the process
+    ClusterZKClose();
+  }
+}
 
 Ref<ClusterZKAdapter> ClusterZKAdapter::GetInstance(NodeRole role) {
   sync::MutexLock lock(mInstanceLock);

@@ -17,6 +17,7 @@
 
 #include "cluster/meta_node_info.h"
 #include "common/util/ref.h"
+#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 
 #include <atomic>
@@ -152,6 +153,7 @@ class ClusterZKAdapter : public common::Referable {
 
   Ref<common::Configuration> mConf;
   const NodeRole mRole;
+  const std::uint32_t mOwner = sync::ForkCount();  ///< the process that made it
   const std::string mRootPath = "/";
   const std::string mNodePath = "/mf/node";
   const std::string mCapacityPath = "/mf/capacity";

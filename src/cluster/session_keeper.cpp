@@ -14,10 +14,7 @@ constexpr std::chrono::milliseconds kLongestPause{5000};
 
 }  // namespace
 
-SessionKeeper& SessionKeeper::Get() {
-  static auto* keeper = new SessionKeeper;
-  return *keeper;
-}
+SessionKeeper& SessionKeeper::Get() { return sync::OneInProcess<SessionKeeper>(); }
 
 std::uint32_t SessionKeeper::Open(const common::Ref<ClusterZKAdapter>& adapter, int sessionTimeout) {
   VYN_CHECK_POINTER(adapter);

@@ -12,6 +12,7 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/wait/periodic_task.h"
+#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 
 #include <chrono>
@@ -21,7 +22,8 @@ namespace vyn::cluster {
 
 class SessionKeeper {
  public:
-  /// Returns: the process's keeper. Never destroyed: its thread may still run while the process exits.
+  /// Returns: the process's keeper. Never destroyed: its thread may still run while the process exits. A
+  /// forked child has one of its own, without a thread and a session.
   static SessionKeeper& Get();
 
   /// Opens a session unless there is a usable one. Closes one that has ended.
@@ -36,6 +38,7 @@ class SessionKeeper {
   /// The time between two checks. A check reads the memory of the ZooKeeper client and sends nothing.
   static constexpr std::chrono::milliseconds kPeriod{500};
 
+  friend SessionKeeper& sync::OneInProcess<SessionKeeper>();
   SessionKeeper() = default;
   /// One round of mTask.
   void Check();

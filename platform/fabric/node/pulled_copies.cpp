@@ -52,8 +52,13 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
   for (;;) {
     const auto found = mCopies.find(id);
     if (found == mCopies.end()) {
+      // All memory that the copy needs is taken first: after a pull nothing may fail, or the copy would stay
+      // in mCopies without being ready, and its readers would wait for ever.
       auto copy = std::make_shared<Copy>();
       copy->begun = ++mPullsBegun;
+      copy->ns = object.access.ns;
+      copy->right = TokenHash::Of(right);
+      std::list<std::string> use{id};
       mCopies.emplace(id, copy);
       lock.Unlock();
       int result = -EIO;
@@ -66,9 +71,8 @@ int PulledCopies::Open(const ObjectName& object, const std::function<bool()>& ca
       copy->result = result;
       if (result == 0) {
         copy->state = state;
-        copy->ns = object.access.ns;
-        copy->right = TokenHash::Of(right);
-        copy->use = mUses.insert(mUses.begin(), id);
+        copy->use = use.begin();
+        mUses.splice(mUses.begin(), use);
         copy->ready = true;
         mBytes += Capacity::Charge(state.size);
         ++mPulls;

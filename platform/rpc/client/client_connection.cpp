@@ -77,7 +77,8 @@ RpcOutcome ClientConnection::Call(const Message& request, Message& response, con
     length += buffer.Len();
   }
   auto now = net::Deadline::Clock::now();
-  if (mStream != nullptr && now - mLastCallBegan > kUncheckedTime && mStream->Get().IsStale()) {
+  if (mStream != nullptr &&
+      (mOwner != sync::ForkCount() || (now - mLastCallBegan > kUncheckedTime && mStream->Get().IsStale()))) {
     Close();
   }
   mLastCallBegan = now;
@@ -136,6 +137,7 @@ RpcOutcome ClientConnection::Establish(const net::Deadline& deadline) {
     return {kNoMemory, "no memory for a TLS connection"};
   }
   mStream = std::make_unique<net::BlockingStream>(std::move(stream), mSocket.Get());
+  mOwner = sync::ForkCount();
   if (mTls == nullptr) {
     if (const int error = mStream->UseKernelWait(); error != 0) {
       return {kNoMemory, std::string("cannot set a socket up: ") + strerror(error)};
@@ -245,7 +247,9 @@ RpcOutcome ClientConnection::OutcomeOf(net::IoStatus status) {
 
 void ClientConnection::Close() {
   if (mStream != nullptr) {
-    mStream->Get().Close();
+    if (mOwner == sync::ForkCount()) {  // TLS's closing message from a child would end its parent's stream
+      mStream->Get().Close();
+    }
     mStream.reset();
   }
   mReader.reset();

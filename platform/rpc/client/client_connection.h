@@ -3,7 +3,8 @@
 // The connection of a client: the socket, the stream over it, and the rules for connecting again after a
 // failure.
 //
-// One thread uses a connection at a time. Any thread may call Abandon at the same time.
+// One thread uses a connection at a time. Any thread may call Abandon at the same time. A forked child that
+// inherits a connection closes its copy of the socket without a word to the peer and connects anew.
 
 #include "platform/net/blocking_stream.h"
 #include "platform/net/deadline.h"
@@ -12,6 +13,7 @@
 #include "platform/rpc/wire/message.h"
 #include "platform/rpc/wire/rpc_frame_reader.h"
 #include "platform/rpc/wire/rpc_outcome.h"
+#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
@@ -73,6 +75,7 @@ class ClientConnection {
   sync::Mutex mSocketMutex;  ///< held to change the socket, and by Abandon
   bool mAbandoned VYN_GUARDED_BY(mSocketMutex) = false;
   std::unique_ptr<net::BlockingStream> mStream;
+  std::uint32_t mOwner = 0;  ///< ForkCount of the process that opened it
   net::Deadline::Clock::time_point mLastCallBegan{};
   std::optional<RpcFrameReader> mReader;
   std::uint32_t mPeerMaxLength = 0;

@@ -31,6 +31,19 @@ std::vector<std::string> Split(std::string_view text) {
   return parts;
 }
 
+/// The interfaces of a list of names. A name may carry an address label or a port behind a colon, which names
+/// no interface. Returns: none, which means any, for the list "all".
+std::vector<std::string> Interfaces(std::string_view list) {
+  if (list == "all") {
+    return {};
+  }
+  std::vector<std::string> names = Split(list);
+  for (std::string& name : names) {
+    name.resize(std::min(name.find(':'), name.size()));
+  }
+  return names;
+}
+
 /// Removes a decimal number from the front of `text`. Returns: whether there was one.
 template <typename Number>
 bool TakeNumber(std::string_view& text, Number& number) {
@@ -94,7 +107,7 @@ RpcOutcome TransportSetting::FromEnvironment(TransportSetting& setting) {
         "No engine for the RPC protocol \"" + setting.mProtocol +
             "\" is present (vyn.tessel.rpc.transport.protocol, UCX_TLS); the one that is present is \"tcp\""};
   }
-  setting.mInterfaces = Split(Read("UCX_NET_DEVICES"));
+  setting.mInterfaces = Interfaces(Read("UCX_NET_DEVICES"));
   if (const std::string range = Read("UCX_TCP_PORT_RANGE"); !ParsePortRange(range, setting)) {
     return {kBadSetting, "UCX_TCP_PORT_RANGE \"" + range + "\" is no range of ports"};
   }

@@ -3,13 +3,14 @@
 
 #include "common/api/base_api_util.h"
 #include "common/log/logging.h"
+#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 #include "tessel/sdk/heart_beat/heart_beat_thread.h"
 
-#include <unistd.h>
-
 #include <chrono>
+#include <cstdint>
 #include <new>
+#include <utility>
 
 namespace vyn::common {
 
@@ -24,10 +25,10 @@ namespace {
 /// this library.) It waits one second for all threads together. A thread that is still in a call then keeps
 /// running until the process has exited; it uses only objects that are never destroyed.
 struct SenderShutdown {
-  const pid_t mOwner = getpid();
+  const std::uint32_t mOwner = sync::ForkCount();
 
   ~SenderShutdown() {
-    if (getpid() != mOwner) {
+    if (sync::ForkCount() != mOwner) {
       return;  // a forked child has the registry but not its threads
     }
     std::chrono::milliseconds patience{1000};
@@ -40,6 +41,19 @@ struct SenderShutdown {
     }
   }
 };
+
+using Senders = std::unordered_map<std::string, Ref<HeartBeatThread>>;
+
+/// In a forked child, empties the registry: its parent beats for those applications, and their senders have
+/// no threads here. They are kept unused, because their destructors would join these threads.
+void ForgetSendersOfParent(Senders& senders) {
+  static std::uint32_t owner = sync::ForkCount();
+  if (owner != sync::ForkCount()) {
+    owner = sync::ForkCount();
+    static_cast<void>(new Senders(std::move(senders)));
+    senders.clear();
+  }
+}
 
 }  // namespace
 
@@ -73,11 +87,13 @@ unsigned int BaseApiUtil::StopHeartBeat(const std::string& appName, unsigned cha
 
 unsigned int BaseApiUtil::PutIfAbsent(const std::string& appName, const Ref<HeartBeatThread>& thread) {
   sync::MutexLock lock(heartBeatLock);
+  ForgetSendersOfParent(g_HeartBeatFlag);
   return g_HeartBeatFlag.emplace(appName, thread).second ? VYN_OK : VYN_ERR_GENERIC;
 }
 
 unsigned int BaseApiUtil::GetIfExist(const std::string& appName, Ref<HeartBeatThread>& thread) {
   sync::MutexLock lock(heartBeatLock);
+  ForgetSendersOfParent(g_HeartBeatFlag);
   const auto found = g_HeartBeatFlag.find(appName);
   if (found == g_HeartBeatFlag.end()) {
     return VYN_ERR_GENERIC;

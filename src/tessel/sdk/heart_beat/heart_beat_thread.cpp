@@ -36,7 +36,7 @@ HeartBeatThread::~HeartBeatThread() {
 
 unsigned int HeartBeatThread::Start() {
   sync::MutexLock lock(mLock);
-  if (mRunning) {
+  if (mRunning || mStoppedBeforeStart) {
     return VYN_OK;
   }
   mRunning = true;
@@ -61,6 +61,8 @@ unsigned int HeartBeatThread::Start() {
 unsigned int HeartBeatThread::Stop() {
   sync::MutexLock lock(mLock);
   if (!mRunning) {
+    // Another thread has registered this sender and is about to start it.
+    mStoppedBeforeStart = true;
     return VYN_OK;
   }
   EndThread();

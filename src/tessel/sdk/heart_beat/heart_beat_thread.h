@@ -24,8 +24,9 @@ class HeartBeatThread : public Referable {
   /// Ends the thread as Stop does, but sends nothing.
   ~HeartBeatThread() override;
 
-  /// Sends the first heartbeat and starts the thread. Does nothing if the sender runs. Returns: 0, or 2000057
-  /// when no thread could be started. The sender counts as running even then.
+  /// Sends the first heartbeat and starts the thread. Does nothing if the sender runs, or if a Stop has
+  /// overtaken this first Start. Returns: 0, or 2000057 when no thread could be started. The sender counts as
+  /// running even then.
   unsigned int Start();
   /// Ends the thread, after its heartbeat in progress, and sends the last heartbeat, with isAlive false. Does
   /// nothing if the sender is stopped. Returns: 0.
@@ -57,6 +58,7 @@ class HeartBeatThread : public Referable {
   std::thread* mHbThread VYN_GUARDED_BY(mLock) = nullptr;
   /// Written under mLock, except by RequestStop, which takes no lock.
   std::atomic<bool> mRunning{false};
+  bool mStoppedBeforeStart VYN_GUARDED_BY(mLock) = false;
   std::atomic<bool> mEnded{false};  ///< the thread sets it last
   /// Held by Start and Stop from start to end, also during their heartbeat. Taken before mCondLock.
   sync::Mutex mLock;

@@ -145,13 +145,13 @@ unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, co
     FreeInitClaim();
     return VYN_ERR_GENERIC;
   }
-  // When the first initialisation fails, a waiting thread takes the claim and tries itself. When a later one
-  // fails, the waiting threads return its status.
-  const bool first = g_initInProgress.load(std::memory_order_acquire) != 0;
+  // When an initialisation fails, the waiting threads return its status. Trying it again one after another,
+  // each would wait for ZooKeeper for the whole of its time-out.
   unsigned int status = VYN_OK;
-  switch (g_startUp.Take(ClaimOnce::kNoLimit, first ? nullptr : &status)) {
-    case ClaimOnce::Result::kUp:
+  switch (g_startUp.Take(ClaimOnce::kNoLimit, &status)) {
     case ClaimOnce::Result::kFailed:
+      return VYN_FAIL(status, "The initialisation that another thread ran has failed");
+    case ClaimOnce::Result::kUp:
     case ClaimOnce::Result::kTimedOut:
       return status;
     case ClaimOnce::Result::kClaimed:

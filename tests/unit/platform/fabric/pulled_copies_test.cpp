@@ -1,7 +1,24 @@
 // What a node serves of another node's object while its bytes change or arrive damaged.
 
+#include "platform/fabric/node/pulled_copies.h"
+
 #include "support/fabric/fabric.h"
 #include "support/net/proxy.h"
+
+namespace {
+
+/// In this thread so many allocations go well before one fails. Negative: all do.
+thread_local int gGoWell = -1;
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  const bool fails = gGoWell >= 0 && gGoWell-- == 0;
+  void* memory = fails ? nullptr : std::malloc(size == 0 ? 1 : size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace vyn::fabric {
 namespace {
@@ -111,6 +128,43 @@ TEST_F(PulledCopiesTest, DamageOnALinkNeverReachesAReaderOutside) {
   EXPECT_EQ(test::ReadObject(outside, mObject, 0, kLarge), std::string(kLarge, 'y'));
   mLink->Damage(100);
   EXPECT_EQ(test::ReadObject(outside, mObject, 0, kLarge), std::to_string(-EBADMSG));
+}
+
+TEST_F(PulledCopiesTest, AnAllocationThatFailsNeverWedgesABlock) {
+  const test::TempDir folder("/dev/shm");
+  Pool pool(1, 1U << 20U);
+  std::string error;
+  ASSERT_TRUE(pool.Open(
+      folder.Path(), [](const std::string&) {}, error))
+      << error;
+  Neighbours neighbours(
+      [this](std::uint16_t, NodeAddress& address) {
+        address = {"127.0.0.1", mLink->Port()};
+        return true;
+      },
+      {});
+  PulledCopies copies(pool, neighbours, nullptr);
+  const ObjectName object{{"app", "token"}, mObject.id};
+  const auto open = [&] {
+    net::Descriptor file;
+    std::uint64_t size = 0;
+    return copies.Open(
+        object, [] { return false; }, file, size);  // who finds a pull does not wait for it
+  };
+  bool failed = true;
+  for (int n = 0; failed; ++n) {
+    SCOPED_TRACE(n);
+    gGoWell = n;
+    try {
+      open();
+    } catch (const std::bad_alloc&) {
+    }
+    failed = gGoWell < 0;
+    gGoWell = -1;
+    ASSERT_EQ(open(), 0);
+    copies.Drop(mObject.id);
+    ASSERT_EQ(pool.Bytes().Used(), 0U);
+  }
 }
 
 }  // namespace

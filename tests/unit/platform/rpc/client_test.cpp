@@ -108,6 +108,30 @@ TEST(RpcClient, ALateReplyIsNeverTakenForALaterCall) {
   EXPECT_EQ(Call(client, "b"), "new");
 }
 
+TEST(RpcClient, AForkedChildLeavesTheConnectionToItsParent) {
+  RawSocket first;
+  ScriptedServer server(2, [&](RawSocket& socket, int connection) {
+    socket.Send(WireFrame(kCallId, "own", Greet(socket, 1)));
+    if (connection == 0) {
+      first = std::move(socket);
+      return;
+    }
+    socket.Receive(1);  // until the child leaves
+    first.Receive(24 + 1);
+    first.Send(WireFrame(kCallId, "again", 2));
+  });
+  Client client("127.0.0.1", server.Port(), {});
+  EXPECT_EQ(Call(client, "a", std::int64_t{1} << 44), "own") << "more milliseconds than the clock holds";
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::_exit(Call(client, "b", 30000) == "own" ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Call(client, "c", 30000), "again");
+}
+
 TEST(RpcClient, OneDeadlineForTheWholeCall) {
   // Bytes keep coming, each well within the time-out or so fast that the socket is always readable; the reply
   // as a whole does not. With more than a second to go the socket waits by itself.

@@ -6,6 +6,7 @@
 #include "support/fake_clock.h"
 #include "support/process/vynd_process.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
+#include "tessel/sdk/heart_beat/heart_beat_thread.h"
 
 namespace vyn::test {
 namespace {
@@ -76,6 +77,26 @@ TEST_F(HeartBeatTest, ManyApplicationsStartAndStopAtOnceWhileTheClientIsReplaced
     }
   }
   EXPECT_TRUE(BaseApiUtil::g_HeartBeatFlag.empty());
+}
+
+TEST_F(HeartBeatTest, AStopThatOvertakesItsStartWins) {
+  const common::Ref<common::HeartBeatThread> sender(new common::HeartBeatThread("app", 0, "driver", ""));
+  ASSERT_EQ(BaseApiUtil::PutIfAbsent("app", sender), 0U);
+  EXPECT_EQ(Switch(false, "app"), 0U);
+  EXPECT_EQ(sender->Start(), 0U);
+  EXPECT_EQ(Beats(), "");
+}
+
+TEST_F(HeartBeatTest, AForkedChildHasNotTheSendersOfItsParent) {
+  ASSERT_EQ(Switch(true, "app"), 0U);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::_exit(Switch(false, "app") == 2080011U ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(Switch(false, "app"), 0U);
 }
 
 TEST_F(HeartBeatTest, AtTheEndOfTheProcessSendersSayNoFarewellAndNobodyWaitsForACallThatHangs) {
