@@ -5,6 +5,7 @@ includes may not form a circle.
 A function or a member must be defined on the floor that declares it. Otherwise a lower floor could call a higher one
 without an include.
 """
+import collections
 import pathlib
 import re
 import sys
@@ -46,13 +47,13 @@ UNNAMED = re.compile(r"^namespace \{\n.*?^\}  // namespace$", re.S | re.M)
 CLASS = re.compile(r"\b(?:class|struct)\s+(\w+)(?:\s+final)?(?:\s*:[^;{()]*)?\s*\{")
 # A declaration or a definition begins at the start of a line. Groups: the class, the name, what ends it.
 FUNCTION = re.compile(r"^(?!(?:using|return|typedef|template|static|extern|inline|constexpr|class|struct)\b)"
-                      r"[A-Za-z_][\w:<>,&*\s]*?(?:\b(\w+)::)?(~?\b\w+)\([^;{}]*\)[^;{}()]*(?:\([^;{}]*)?([;{])", re.M)
+                      r"[A-Za-z_][\w:<>,&*\s]*?(?:\b(\w+)(?:<\w+>)?::)?(~?\b\w+)\([^;{}]*\)[^;{}()]*(?:\([^;{}]*)?([;{])", re.M)
 MEMBER = re.compile(r"^[A-Za-z_][\w:<>,&*\s]*[\s&*](\w+)::(\w+)\s*(?:=|\{|;)", re.M)
 
 
 def declarations(text: str):
-    """Returns: the classes that a header defines, and the functions that it declares outside classes."""
-    text = COMMENT.sub("", text)
+    """Returns: the classes that a file defines, and the functions that it declares outside classes."""
+    text = COMMENT.sub("", UNNAMED.sub("", text))
     return set(CLASS.findall(text)), {name for owner, name, end in FUNCTION.findall(text) if end == ";" and not owner}
 
 
@@ -80,8 +81,12 @@ def resolve(name: str, own: str):
 
 def misplaced(graph, texts):
     """Returns: a complaint for each function or member that is defined on another floor than declared."""
-    headers = {name: declarations(text) for name, text in texts.items()
-               if name.endswith(".h") and not name.startswith(EXPORTED)}
+    declared = {name: declarations(text) for name, text in texts.items() if not name.startswith((EXPORTED, *REPLACES))}
+    # The files that declare a function, included by its source or not: a linker does not ask.
+    places = collections.defaultdict(set)
+    for file, (_, functions) in declared.items():
+        for function in functions:
+            places[function].add(file)
     complaints = []
     for source, text in texts.items():
         if not source.endswith(".cpp") or source.startswith(REPLACES):
@@ -94,8 +99,10 @@ def misplaced(graph, texts):
                     reached.add(target)
                     waiting.append(target)
         for owner, name in sorted(definitions(text)):
-            found = [header for header in reached & headers.keys()
-                     if (owner in headers[header][0] if owner else name in headers[header][1])]
+            found = [header for header in reached & declared.keys()
+                     if (owner in declared[header][0] if owner else name in declared[header][1])]
+            if not found and not owner:
+                found = places[name]
             whole = f"{owner}::{name}" if owner else name
             if found and whole not in PROMISED_ELSEWHERE and all(floor(header) != floor(source) for header in found):
                 complaints.append(f"{source}: defines {whole}, which {min(found)} declares on another floor")
