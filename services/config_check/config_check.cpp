@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -70,8 +71,9 @@ std::string KeyOf(const std::string& complaint) {
 /// Returns: the installation whose configuration the file is; empty unless it is in a folder "conf".
 std::string HomeOf(const std::string& file) {
   std::error_code failed;
-  const auto folder = std::filesystem::weakly_canonical(file, failed).parent_path();
-  return failed || folder.filename() != "conf" ? "" : folder.parent_path().string();
+  const auto folder = std::filesystem::absolute(file, failed).lexically_normal().parent_path();
+  const auto home = std::filesystem::weakly_canonical(folder.parent_path(), failed);
+  return failed || folder.filename() != "conf" ? "" : home.string();
 }
 
 class Check {
@@ -112,7 +114,7 @@ class Check {
         mComplaints.push_back({mFile, LineOf(key), key, text});
       }
     }
-    for (const UseComplaint& found : CheckUse(*mStore, features, HomeOf(mFile))) {
+    for (const UseComplaint& found : CheckUse(mStore, features, HomeOf(mFile))) {
       const bool known = std::any_of(mComplaints.begin(), mComplaints.end(), [&](const auto& complaint) {
         return complaint.key == found.key && !complaint.warning;
       });
@@ -197,8 +199,9 @@ std::string Printable(const std::string& text) {
   return out;
 }
 
-/// \param asItIs whether to check the features that the file turns on as well.
-std::vector<ConfigComplaint> CheckFile(const std::string& file, ConfigFeatures features, bool asItIs) {
+}  // namespace
+
+std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& more) {
   std::error_code ignored;
   if (file.size() >= kMaxPath) {
     return {{file.substr(0, 40) + "...", 0, "", "the path has more than 4095 characters"}};
@@ -216,28 +219,23 @@ std::vector<ConfigComplaint> CheckFile(const std::string& file, ConfigFeatures f
   for (std::string line; std::getline(input, line);) {
     check.Line(++number, line);
   }
-  if (asItIs) {
-    const ConfigFeatures own = check.Features();
-    features.authentication = features.authentication || own.authentication;
-    features.tls = features.tls || own.tls;
-    features.authorization = features.authorization || own.authorization;
-    features.zookeeperSecurity = features.zookeeperSecurity || own.zookeeperSecurity;
-  }
-  auto complaints = check.Finish(features);
+  const ConfigFeatures own = check.Features();
+  auto complaints = check.Finish({more.authentication || own.authentication, more.tls || own.tls,
+                                  more.authorization || own.authorization,
+                                  more.zookeeperSecurity || own.zookeeperSecurity});
   if (input.bad()) {
     complaints.push_back({file, 0, "", "cannot be read to its end"});
   }
   return complaints;
 }
 
-}  // namespace
-
-std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features) {
-  return CheckFile(file, features, false);
-}
-
-std::vector<ConfigComplaint> CheckConfigAsItIs(const std::string& file, const ConfigFeatures& more) {
-  return CheckFile(file, more, true);
+void SetMarkers(const std::string& file, const std::string& home) {
+  const std::string own = HomeOf(file);
+  if (!own.empty() || !home.empty()) {
+    setenv("VYN_HOME", (own.empty() ? home : own).c_str(), 1);
+  }
+  setenv("VYN_VERSION", VYN_RELEASE, 1);
+  setenv("VYN_BINARY_TYPE", VYN_BINARY_TYPE, 1);
 }
 
 bool AnyRefusal(const std::vector<ConfigComplaint>& complaints) {

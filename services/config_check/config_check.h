@@ -5,7 +5,8 @@
 // "True" for a bool (which reads as false), a number that does not fit, a line without "=", or a carriage
 // return at the end of a value.
 //
-// No shared state: any thread may call any function.
+// A check opens the OpenSSL libraries that the file names, for the whole process. Any thread may call any
+// function but SetMarkers.
 
 #include <string>
 #include <vector>
@@ -31,13 +32,14 @@ struct ConfigComplaint {
   bool warning = false;
 };
 
-/// Returns: all complaints and warnings, ordered by line, then those about keys that are not in the file.
-/// Does not change the configuration of the process.
-std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& features);
+/// Sets the variables that replace ${VYN_HOME} and the other markers in the file, as vynd does. Before the process
+/// has threads. \param home the installation if the file is in no folder "conf"; empty for that of the environment.
+void SetMarkers(const std::string& file, const std::string& home);
 
-/// CheckConfig for the features that the file itself turns on. A switch that the file does not set is on.
-/// \param more features to check in addition.
-std::vector<ConfigComplaint> CheckConfigAsItIs(const std::string& file, const ConfigFeatures& more = {});
+/// Checks a file for the features that it turns on; a switch that it does not set is on. Does not change the
+/// configuration of the process. Returns: all complaints and warnings, ordered by line, then those about keys that are
+/// not in the file. \param more features to check in addition.
+std::vector<ConfigComplaint> CheckConfig(const std::string& file, const ConfigFeatures& more = {});
 
 /// Returns: whether at least one complaint is not a warning.
 bool AnyRefusal(const std::vector<ConfigComplaint>& complaints);

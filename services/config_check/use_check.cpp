@@ -1,16 +1,23 @@
 #include "services/config_check/use_check.h"
 
+#include "common/api/base_api_util.h"
 #include "common/config/configuration.h"
 #include "common/config/configuration_catalogue.h"
 #include "common/util/text.h"
+#include "platform/openssl_dl/openssl_dl.h"
+#include "platform/tls/tls_context.h"
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
+#include <net/if.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <numeric>
 #include <regex>
 #include <string_view>
@@ -43,7 +50,7 @@ std::vector<std::string> Entries(const std::string& list) {
 
 class UseCheck {
  public:
-  explicit UseCheck(common::Configuration& conf) : mConf(conf) {}
+  explicit UseCheck(common::Ref<common::Configuration> conf) : mConf(std::move(conf)) {}
 
   void Run(const ConfigFeatures& features) {
     if (!Matches(Text("vyn.log.level"), "TRACE|DEBUG|INFO|WARN|ERROR|CRITICAL")) {
@@ -55,10 +62,17 @@ class UseCheck {
              "this release has only the transport tcp: set it to tcp; without a line it is rc");
     }
     const std::string interval = Text("vyn.ucx.tcp.keepintvl");
-    if (!interval.empty() && !Matches(interval, "[0-9]+(\\.[0-9]+)?(us|ms|s|m|h)?")) {
-      Refuse("vyn.ucx.tcp.keepintvl", "is no duration: write a number with its unit, such as 60s");
+    if (!interval.empty() && !Matches(interval, "inf|0*[1-9][0-9]{0,8}(ms|s|m)?")) {
+      Refuse("vyn.ucx.tcp.keepintvl",
+             "is no duration: write a whole number above 0 with ms, s or m, such as 60s");
+    }
+    for (const char* key : {"vyn.log.fileSize", "vyn.log.rotation.file.num"}) {
+      if (mConf->GetInt(key, 1) < 1) {
+        Refuse(key, "must be at least 1");
+      }
     }
     Addresses();
+    Interfaces();
     Ports();
     Libraries();
     if (features.authentication) {
@@ -69,20 +83,29 @@ class UseCheck {
     if (features.tls) {
       TlsFiles();
     }
+    if (features.zookeeperSecurity) {
+      ZooKeeperSecurity();
+    }
   }
 
   /// vynd writes its logs below its home only.
   void LogFolder(const std::string& home) {
-    constexpr std::string_view kMarker = "${VYN_HOME}";
     std::string folder = Text("vyn.log.dir");
-    if (const auto place = folder.find(kMarker); place != std::string::npos) {
-      folder = home + folder.substr(place + kMarker.size());
+    for (const std::string_view marker : {"${VYN_HOME}", "$VYN_HOME"}) {
+      if (const auto place = folder.find(marker); place != std::string::npos) {
+        folder = home + folder.substr(place + marker.size());
+      }
     }
     std::error_code unknown;
     const std::string whole = std::filesystem::weakly_canonical(folder, unknown).string();
-    if (!unknown && folder.find("${") == std::string::npos && whole.compare(0, home.size(), home) != 0) {
+    if (unknown || folder.find("${") != std::string::npos) {
+      return;
+    }
+    if (whole.compare(0, home.size() + 1, home + "/") != 0) {
       Refuse("vyn.log.dir",
              "'" + folder + "' is not below " + home + ": choose a folder of the installation");
+    } else if (std::filesystem::exists(whole, unknown) && !std::filesystem::is_directory(whole, unknown)) {
+      Refuse("vyn.log.dir", "'" + folder + "' is no folder: remove it or choose another place");
     }
   }
 
@@ -92,7 +115,7 @@ class UseCheck {
   static bool Matches(const std::string& text, const char* expression) {
     return std::regex_match(text, std::regex(expression));
   }
-  std::string Text(const char* key) { return mConf.GetString(key, ""); }
+  std::string Text(const char* key) { return mConf->GetString(key, ""); }
   void Refuse(const char* key, const std::string& text) { mComplaints.push_back({key, text}); }
   void Warn(const char* key, const std::string& text) { mComplaints.push_back({key, text, true}); }
 
@@ -107,7 +130,12 @@ class UseCheck {
       }
     }
     const std::string servers = Text("vyn.zookeeper.server.url");
-    for (const std::string& entry : Entries(servers.substr(0, servers.find('/')))) {
+    const auto root = servers.find('/');
+    if (root != std::string::npos && !Matches(servers.substr(root), "(/[^/,:]+)+")) {
+      Refuse("vyn.zookeeper.server.url",
+             "'" + servers.substr(root) + "' is no path in ZooKeeper: write one path behind the last server");
+    }
+    for (const std::string& entry : Entries(servers.substr(0, root))) {
       const auto colon = entry.rfind(':');
       long port = 0;
       if (colon == std::string::npos || colon == 0 || entry.find(' ') != std::string::npos ||
@@ -115,6 +143,19 @@ class UseCheck {
         Refuse("vyn.zookeeper.server.url",
                "'" + entry + "' names no ZooKeeper server: write host:port, such as zk1:2181");
       }
+    }
+  }
+
+  /// A connection to another machine needs one of the interfaces.
+  void Interfaces() {
+    const std::string list = Text("vyn.tessel.rpc.transport.devices");
+    const auto names = Entries(list);
+    const bool any = std::any_of(names.begin(), names.end(), [](const std::string& name) {
+      return if_nametoindex(name.substr(0, name.find(':')).c_str()) != 0;
+    });
+    if (!list.empty() && list != "all" && !any) {
+      Refuse("vyn.tessel.rpc.transport.devices",
+             "'" + list + "' names no interface of this machine: leave it empty to use any");
     }
   }
 
@@ -131,12 +172,12 @@ class UseCheck {
     }
     for (const char* const* one = std::begin(kPorts); one != std::end(kPorts); ++one) {
       for (const char* const* other = std::begin(kPorts); other != one; ++other) {
-        if (mConf.GetInt(*one, 0) == mConf.GetInt(*other, 0)) {
-          Warn(*one, std::string("has the port of ") + *other + ": give each its own");
+        if (mConf->GetInt(*one, 0) == mConf->GetInt(*other, 0)) {
+          Refuse(*one, std::string("has the port of ") + *other + ": give each its own");
         }
       }
     }
-    if (mConf.GetInt(kPorts[2], 0) > kHighestOutsidePort) {
+    if (mConf->GetInt(kPorts[2], 0) > kHighestOutsidePort) {
       Warn(kPorts[2], "drivers outside the fabric reach ports up to " + std::to_string(kHighestOutsidePort) +
                           " only: choose a lower one");
     }
@@ -149,9 +190,17 @@ class UseCheck {
         Refuse(key,
                "is needed also without TLS: name the library of OpenSSL 3, such as libssl.so.3 or "
                "libcrypto.so.3");
-      } else if (library.find('/') != std::string::npos) {
-        File(key, false);
       }
+    }
+    const std::string ssl = Text(kLibraries[0]);
+    const std::string crypto = Text(kLibraries[1]);
+    const int answer =
+        ssl.empty() || crypto.empty() ? OPENSSL_DL_OK : SetOpensslDLopenLibPath(ssl.c_str(), crypto.c_str());
+    // A running process keeps the libraries that it has.
+    if (answer != OPENSSL_DL_OK && answer != OPENSSL_DL_OTHER_PATHS) {
+      const std::string text = OpensslDLGetLastMessage();
+      const auto named = [&](const std::string& path) { return std::min(text.find(path), text.size()); };
+      Refuse(kLibraries[named(crypto) < named(ssl) ? 1 : 0], text);
     }
   }
 
@@ -168,6 +217,55 @@ class UseCheck {
     for (const char* key : kTlsFilesOfEngine) {
       File(key, true);
     }
+    // What vynd does with them at its start. A file that was refused above is not told again.
+    const auto open = [&](auto&& make, auto&& read, bool warning) {
+      std::string error;
+      std::map<std::string, const std::string> settings;
+      read(settings);
+      if (openssl_dl::Get() != nullptr && make(settings, error) == nullptr) {
+        TlsError(error, warning);
+      }
+    };
+    using Util = common::BaseApiUtil;
+    using tls::TlsContext;
+    open(
+        TlsContext::ForServer, [&](auto& into) { Util::GetPlxTlsConf4Server(mConf, into); }, false);
+    open(
+        TlsContext::ForClient, [&](auto& into) { Util::GetPlxTlsConf4Client(mConf, into, false); }, false);
+    if (!Text(kTlsFilesOfEngine[0]).empty()) {
+      open(
+          TlsContext::ForClient, [&](auto& into) { Util::GetPlxTlsConf4Client(mConf, into, true); }, true);
+    }
+  }
+
+  /// Complains with an error of TlsContext about the key that it names as "tls....path".
+  void TlsError(const std::string& error, bool engine) {
+    for (const char* name : {"ca.cert.path", "crl.path", "key.pass.path", "key.path", "cert.path"}) {
+      if (error.find(std::string("tls.") + name) != std::string::npos) {
+        const std::string key = std::string("vyn.tessel.rpc.tls.") + (engine ? "sdk." : "") + name;
+        const bool known = std::any_of(mComplaints.begin(), mComplaints.end(),
+                                       [&](const UseComplaint& complaint) { return complaint.key == key; });
+        if (!known) {
+          mComplaints.push_back({key, error, engine});
+        }
+        return;
+      }
+    }
+  }
+
+  /// Debian's ZooKeeper client can do neither TLS nor SASL.
+  void ZooKeeperSecurity() {
+    constexpr const char* kStrategy = "vyn.zookeeper.security.strategy";
+    const std::string strategy = Text(kStrategy);
+    const bool tls = strcasecmp(strategy.c_str(), "tls") == 0;
+    if (!tls && strcasecmp(strategy.c_str(), "sasl") != 0) {
+      Refuse(kStrategy, "is no strategy: write tls or sasl");
+    } else if (dlsym(RTLD_DEFAULT, tls ? "zookeeper_init_ssl" : "zookeeper_init_sasl") == nullptr) {
+      Refuse(kStrategy, "the installed ZooKeeper client library cannot do " + strategy +
+                            ": install one that can, or set vyn.zookeeper.security.enable to false");
+    } else if (!tls && mConf->GetBool("vyn.zookeeper.security.isKeytabEncrypt", true)) {
+      Refuse("vyn.zookeeper.security.isKeytabEncrypt", "only a plain keytab can be read: set it to false");
+    }
   }
 
   /// Complains about a file that is named and cannot be read.
@@ -175,14 +273,13 @@ class UseCheck {
     const std::string path = Text(key);
     if (!path.empty() && access(path.c_str(), R_OK) != 0) {
       std::string text = path + " cannot be read: " + std::strerror(errno);
-      if (path.find("${") != std::string::npos) {
-        text += "; the ${...} markers are not replaced in this key, write the whole path";
-      }
       mComplaints.push_back({key, text, warning});
+    } else if (!path.empty() && path.front() != '/') {
+      Warn(key, "'" + path + "' counts from the folder in which a program is started: write the whole path");
     }
   }
 
-  common::Configuration& mConf;
+  common::Ref<common::Configuration> mConf;
   std::vector<UseComplaint> mComplaints;
 };
 
@@ -203,8 +300,8 @@ std::size_t Distance(const std::string& one, const std::string& other) {
 
 }  // namespace
 
-std::vector<UseComplaint> CheckUse(common::Configuration& conf, const ConfigFeatures& features,
-                                   const std::string& home) {
+std::vector<UseComplaint> CheckUse(const common::Ref<common::Configuration>& conf,
+                                   const ConfigFeatures& features, const std::string& home) {
   UseCheck check(conf);
   check.Run(features);
   if (!home.empty()) {

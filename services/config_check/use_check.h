@@ -3,16 +3,14 @@
 // Finds values that a load and the validators accept although no program can work with them: a log level that
 // does not exist, a transport that this release does not have, a file that is not there.
 //
-// No shared state: any thread may call any function.
+// Opens the OpenSSL libraries that the configuration names, for the whole process. Any thread may call any
+// function.
 
+#include "common/config/configuration.h"
 #include "services/config_check/config_check.h"
 
 #include <string>
 #include <vector>
-
-namespace vyn::common {
-class Configuration;
-}  // namespace vyn::common
 
 namespace vyn::services {
 
@@ -23,8 +21,8 @@ struct UseComplaint {
 };
 
 /// \param features those that are checked. \param home the installation; empty when it is not known.
-std::vector<UseComplaint> CheckUse(common::Configuration& conf, const ConfigFeatures& features,
-                                   const std::string& home);
+std::vector<UseComplaint> CheckUse(const common::Ref<common::Configuration>& conf,
+                                   const ConfigFeatures& features, const std::string& home);
 
 /// Whether a validator asks for the key although no program reads its value with this configuration.
 bool IsNeedless(common::Configuration& conf, const std::string& key);

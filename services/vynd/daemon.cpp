@@ -158,7 +158,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
 
 void Daemon::Reload() {
   const std::string path = mHome + "/conf/vyn.conf";
-  const auto complaints = CheckConfigAsItIs(path);
+  const auto complaints = CheckConfig(path);
   for (const ConfigComplaint& complaint : complaints) {
     VYN_LOG_WARN(ToLine(complaint));
   }
@@ -221,7 +221,7 @@ bool Daemon::PrepareProcess(std::vector<std::string>& errors) {
     return false;
   }
   const std::string path = mHome + "/conf/vyn.conf";
-  const auto complaints = CheckConfigAsItIs(path);
+  const auto complaints = CheckConfig(path);
   const bool refused = AnyRefusal(complaints);
   for (const ConfigComplaint& complaint : complaints) {
     (refused ? errors : mWarnings).push_back(ToLine(complaint));
@@ -244,7 +244,7 @@ bool Daemon::PrepareProcess(std::vector<std::string>& errors) {
 bool Daemon::StartLog(std::string& error) {
   const auto environment = common::EnvHelper::GetInstance();
   const std::string directory = environment->ReplaceVyn(Conf()->GetString("vyn.log.dir", ""));
-  if (Failed(environment->CheckLogDir(directory, mHome))) {
+  if (Failed(environment->CheckLogDir(directory, mHome + "/"))) {
     error = "vyn.log.dir " + directory + " cannot be used";
     return false;
   }

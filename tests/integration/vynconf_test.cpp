@@ -21,7 +21,8 @@ TEST(VynconfTest, EachLineOfAFile) {
       {"vyn.log.level=WARN\n\nvyn.log.level=INFO\n", 0,
        "FILE:6: warning: vyn.log.level: stands in line 4 already; the last value counts\n"},
       {"vyn.tessel.rpc.enableTLS=True\n", 1,
-       "FILE:4: vyn.tessel.rpc.enableTLS: is neither true nor false; a load takes it as false\n"},
+       "FILE:4: vyn.tessel.rpc.enableTLS: is neither true nor false; a load takes it as false\n"
+       "FILE:11: warning: vyn.tessel.rpc.enableTLS: stands in line 4 already; the last value counts\n"},
       {"vyn.tessel.rpc.shuffle_server.port=4294970187\n", 1,
        "FILE:4: vyn.tessel.rpc.shuffle_server.port: does not fit 32 bits; a load takes it as 2891\n"
        "FILE:4: Invalid value for <vyn.tessel.rpc.shuffle_server.port>, it should be between 3000-65535\n"},
@@ -38,9 +39,10 @@ TEST(VynconfTest, EachLineOfAFile) {
        "FILE:4: vyn.tessel.rpc.transport.tcp.port.range: '60500-60000' is no range: write the lower number, "
        "a "
        "dash and the higher number\n"
-       "FILE:5: warning: vyn.tessel.rpc.manager.port: has the port of vyn.tessel.rpc.shuffle_server.port: "
+       "FILE:5: vyn.tessel.rpc.manager.port: has the port of vyn.tessel.rpc.shuffle_server.port: "
        "give each its own\n"
-       "FILE:6: vyn.ucx.tcp.keepintvl: is no duration: write a number with its unit, such as 60s\n"},
+       "FILE:6: vyn.ucx.tcp.keepintvl: is no duration: write a whole number above 0 with ms, s or m, such as "
+       "60s\n"},
       // A bad line hides none of the others.
       {"vyn.log.level=INFO\r\nvyn.log.dir=\xff\n", 1,
        "FILE:4: vyn.log.level: ends in a carriage return, which belongs to the value\n"
@@ -51,7 +53,9 @@ TEST(VynconfTest, EachLineOfAFile) {
       "vyn.zookeeper.server.url=h:1\nvyn.tessel.meta.node_lists=192.0.2.1\nvyn.tessel.server.swap.path=/s\n";
   const std::string further =
       "vyn.tessel.rpc.transport.protocol=tcp\nvyn.tessel.rpc.openssl.path=libssl.so.3\n"
-      "vyn.tessel.rpc.crypto.path=libcrypto.so.3\n";
+      "vyn.tessel.rpc.crypto.path=libcrypto.so.3\nvyn.tessel.rpc.enableAuthentication=false\n"
+      "vyn.tessel.rpc.enableAuthorization=false\nvyn.zookeeper.security.enable=false\n"
+      "vyn.tessel.rpc.enableTLS=false\n";
   for (const auto& row : rows) {
     const std::string file = folder.Write("vyn.conf", required + row.lines + further);
     const CommandResult run = RunCommand(kVynconf + ("check " + file));
@@ -77,7 +81,7 @@ TEST(VynconfTest, CommandLines) {
        // A complaint of several features is told once, and nothing is asked for that no program reads.
        {"check --tls --auth " + lead + " | grep -c '<vyn.daemon.expireChecker.lead>'", 0, {"1\n"}},
        {"check --tls " + sample, 1, {"warning: vyn.tessel.rpc.tls.sdk.ca.cert.path", "!ksf", "!key.pass"}},
-       {"check " + useless, 1, {"only the transport tcp", "'192.0.2.1:3892'", "'zk1'", "libssl.so.3 or"}},
+       {"check " + useless, 1, {"only the transport tcp", "'192.0.2.1:3892'", "'zk1'", "openssl.path"}},
        {"keys", 0, {"| `vyn.tuning.rpc.timeout` | int | `5000` | 0 to 2147483647 | always |"}},
        {"check " + folder / "missing", 1},
        {"check " + folder.Path(), 1},

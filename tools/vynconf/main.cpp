@@ -1,6 +1,6 @@
 // The program vynconf: checks a configuration file, or prints the catalogue of keys.
-// Exit codes: 0 no complaints, perhaps warnings; 1 complaints, or standard output cannot be written; any other for a wrong command line. It prints
-// complaints and warnings on standard output, one a line.
+// Exit codes: 0 no complaints, perhaps warnings; 1 complaints, or standard output cannot be written; any other
+// for a wrong command line. It prints complaints and warnings on standard output, one a line.
 
 #include "common/config/configuration_catalogue.h"
 #include "services/common/standard_streams.h"
@@ -21,10 +21,11 @@ int main(int argc, char** argv) {
   std::string file;
   vyn::services::ConfigFeatures features;
   check->add_option("FILE", file, "The file, such as $VYN_HOME/conf/vyn.conf")->required();
-  check->add_flag("--auth", features.authentication, "Check what authentication needs");
-  check->add_flag("--tls", features.tls, "Check what TLS needs");
-  check->add_flag("--author", features.authorization, "Check what authorization needs");
-  check->add_flag("--zk-security", features.zookeeperSecurity, "Check what secured ZooKeeper sessions need");
+  check->add_flag("--auth", features.authentication, "Check also what authentication needs");
+  check->add_flag("--tls", features.tls, "Check also what TLS needs");
+  check->add_flag("--author", features.authorization, "Check also what authorization needs");
+  check->add_flag("--zk-security", features.zookeeperSecurity,
+                  "Check also what secured ZooKeeper sessions need");
 
   CLI::App* keys = app.add_subcommand("keys", "Print every key with type, default and bounds, as Markdown");
 
@@ -38,6 +39,7 @@ int main(int argc, char** argv) {
     std::cout << vyn::common::catalogue::MarkdownTables();
     return EndOutput("vynconf", 0);
   }
+  vyn::services::SetMarkers(file, "");
   const auto complaints = vyn::services::CheckConfig(file, features);
   for (const auto& complaint : complaints) {
     std::cout << vyn::services::ToLine(complaint) << '\n';

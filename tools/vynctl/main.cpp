@@ -33,7 +33,8 @@ int CheckConfiguration(const Settings& settings, std::string file,
       throw CommandError("no file is given, and no home: --home DIR, or the environment variable VYN_HOME");
     }
   }
-  const auto complaints = vyn::services::CheckConfigAsItIs(file, features);
+  vyn::services::SetMarkers(file, settings.home);
+  const auto complaints = vyn::services::CheckConfig(file, features);
   if (settings.json) {
     auto list = nlohmann::json::array();
     for (const auto& complaint : complaints) {
