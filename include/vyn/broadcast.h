@@ -92,9 +92,8 @@ void VynBroadcastVersion();
 /// Initialises the SDK: environment, configuration, logger, transport, leader of the metadata service, its
 /// client, and the client of the memory fabric, in this order. It can be called again after a failure or
 /// after BroadcastUninitialize. When the SDK is initialised already, it only sets the environment again. Of
-/// several threads that call at the same time, one does the work and the others wait for it. If the first
-/// initialisation of the process fails, a waiting thread tries it again; if a later one fails, the waiting
-/// threads return its status.
+/// several threads that call at the same time, one does the work and the others wait for it. If it fails, the
+/// waiting threads return its status.
 /// \param vynHome the folder of the installation; its conf/vyn.conf is read.
 /// \param vynVersion "24.0.0" or another release of the installation. \param vynBinaryType "linux-x86_64" or
 ///        "linux-aarch64". The three are stored in the environment as VYN_HOME, VYN_VERSION and

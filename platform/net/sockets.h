@@ -20,8 +20,8 @@ bool WaitFor(int descriptor, short events, const Deadline& deadline);
 /// kBadSetting with the system's words.
 NetOutcome Listen(const std::string& ip, std::uint16_t& port, int backlog, Descriptor& listener);
 
-/// Sets the options of every TCP connection, on either side: small writes leave at once, and a peer whose
-/// host has vanished is noticed some time.
+/// Sets the options of every TCP connection, on either side: small writes leave at once, and keep-alive
+/// probes find a peer whose host has vanished.
 void SetTcpOptions(int socket);
 
 }  // namespace vyn::net

@@ -33,7 +33,8 @@ class Stream {
  public:
   virtual ~Stream() = default;
 
-  /// One step of what comes before the first byte. kDone when nothing of it is left.
+  /// One step of the handshake that must precede the first byte. kDone once it is complete, and at once for a
+  /// stream without one.
   virtual IoState Handshake() = 0;
   /// Reads at least one byte and at most `size`. Requires: size > 0.
   virtual IoResult Read(void* data, std::size_t size) = 0;

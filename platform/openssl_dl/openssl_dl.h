@@ -3,8 +3,9 @@
 // Opens the two libraries of OpenSSL that the configuration names, and gives a table of their functions.
 //
 // Neither a library of ours nor vynd, vynctl or vynconf is linked with OpenSSL: platform/tls calls it only
-// through this table. (The programs of the demo are linked with libcrypto, for the checksums that they print.)
-// A process opens one pair of libraries, which then stay open. All functions may be called from any thread.
+// through this table. (The programs of the demo are linked with libcrypto, for the checksums that they
+// print.) A process opens one pair of libraries, which then stay open. All functions may be called from any
+// thread.
 
 #include "platform/openssl_dl/openssl_functions.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-// Every function that platform/tls may call. The list has functions only. For a macro of OpenSSL it has the
+// Every function that platform/tls calls. The list has functions only. For a macro of OpenSSL it has the
 // function that the macro calls: SSL_ctrl for SSL_set_tlsext_host_name, CRYPTO_free for OPENSSL_free,
 // OPENSSL_sk_num for sk_X509_num. A call of another function needs a line here. The types come from the
 // OpenSSL headers.
@@ -11,35 +11,13 @@
 #define VYN_OPENSSL_CRYPTO_FUNCTIONS(X) \
   X(OPENSSL_version_major)              \
   X(OPENSSL_init_crypto)                \
-  X(OpenSSL_version)                    \
   X(OPENSSL_cleanse)                    \
-  X(CRYPTO_free)                        \
-  X(CRYPTO_memcmp)                      \
-  X(OPENSSL_sk_num)                     \
-  X(OPENSSL_sk_value)                   \
-  X(OPENSSL_sk_pop_free)                \
   X(ERR_clear_error)                    \
-  X(ERR_get_error)                      \
   X(ERR_peek_error)                     \
-  X(ERR_peek_last_error)                \
-  X(ERR_error_string_n)                 \
   X(ERR_reason_error_string)            \
-  X(RAND_bytes)                         \
   X(BIO_new)                            \
   X(BIO_new_file)                       \
-  X(BIO_new_mem_buf)                    \
-  X(BIO_new_bio_pair)                   \
-  X(BIO_s_mem)                          \
-  X(BIO_s_secmem)                       \
-  X(BIO_read)                           \
-  X(BIO_write)                          \
-  X(BIO_ctrl)                           \
-  X(BIO_ctrl_pending)                   \
-  X(BIO_ctrl_wpending)                  \
-  X(BIO_test_flags)                     \
-  X(BIO_up_ref)                         \
   X(BIO_free)                           \
-  X(BIO_free_all)                       \
   X(BIO_meth_new)                       \
   X(BIO_meth_set_write)                 \
   X(BIO_meth_set_read)                  \
@@ -50,146 +28,47 @@
   X(BIO_set_init)                       \
   X(BIO_set_flags)                      \
   X(BIO_clear_flags)                    \
-  X(PEM_read_bio_X509)                  \
-  X(PEM_read_bio_X509_AUX)              \
   X(PEM_read_bio_X509_CRL)              \
-  X(PEM_read_bio_PrivateKey)            \
-  X(d2i_PKCS8PrivateKey_bio)            \
-  X(EVP_PKEY_free)                      \
-  X(EVP_PKEY_get_bits)                  \
-  X(EVP_sha256)                         \
-  X(EVP_Digest)                         \
-  X(X509_free)                          \
-  X(X509_up_ref)                        \
-  X(X509_digest)                        \
-  X(X509_check_host)                    \
-  X(X509_check_ip_asc)                  \
-  X(X509_check_private_key)             \
-  X(X509_cmp_current_time)              \
-  X(X509_get0_notAfter)                 \
-  X(X509_get0_notBefore)                \
-  X(X509_get_subject_name)              \
-  X(X509_get_issuer_name)               \
-  X(X509_get_ext_d2i)                   \
-  X(X509_NAME_oneline)                  \
-  X(X509_NAME_get_text_by_NID)          \
   X(X509_CRL_free)                      \
-  X(X509_CRL_get0_nextUpdate)           \
-  X(X509_STORE_new)                     \
-  X(X509_STORE_free)                    \
-  X(X509_STORE_up_ref)                  \
-  X(X509_STORE_add_cert)                \
   X(X509_STORE_add_crl)                 \
   X(X509_STORE_set_flags)               \
-  X(X509_STORE_load_file)               \
-  X(X509_STORE_CTX_get_error)           \
-  X(X509_STORE_CTX_get_error_depth)     \
-  X(X509_STORE_CTX_get_current_cert)    \
-  X(X509_STORE_CTX_get_ex_data)         \
-  X(X509_STORE_CTX_set_error)           \
-  X(X509_VERIFY_PARAM_set_flags)        \
-  X(X509_VERIFY_PARAM_set_hostflags)    \
-  X(X509_VERIFY_PARAM_set_purpose)      \
-  X(X509_VERIFY_PARAM_set1_host)        \
   X(X509_VERIFY_PARAM_set1_ip_asc)      \
-  X(X509_verify_cert_error_string)      \
-  X(ASN1_STRING_get0_data)              \
-  X(ASN1_STRING_length)                 \
-  X(ASN1_TIME_diff)                     \
-  X(ASN1_TIME_to_tm)                    \
-  X(GENERAL_NAMES_free)
+  X(X509_verify_cert_error_string)
 
 /// From libssl.
 #define VYN_OPENSSL_SSL_FUNCTIONS(X)        \
-  X(OPENSSL_init_ssl)                       \
-  X(TLS_method)                             \
   X(TLS_client_method)                      \
   X(TLS_server_method)                      \
   X(SSL_CTX_new)                            \
   X(SSL_CTX_free)                           \
-  X(SSL_CTX_up_ref)                         \
   X(SSL_CTX_ctrl)                           \
-  X(SSL_CTX_callback_ctrl)                  \
-  X(SSL_CTX_set_options)                    \
-  X(SSL_CTX_clear_options)                  \
-  X(SSL_CTX_set_ciphersuites)               \
-  X(SSL_CTX_set_cipher_list)                \
-  X(SSL_CTX_set_security_level)             \
   X(SSL_CTX_set_verify)                     \
-  X(SSL_CTX_set_verify_depth)               \
-  X(SSL_CTX_set_purpose)                    \
-  X(SSL_CTX_get0_param)                     \
   X(SSL_CTX_get_cert_store)                 \
-  X(SSL_CTX_set_cert_store)                 \
-  X(SSL_CTX_set1_cert_store)                \
   X(SSL_CTX_load_verify_file)               \
-  X(SSL_CTX_load_verify_dir)                \
-  X(SSL_CTX_use_certificate)                \
   X(SSL_CTX_use_certificate_chain_file)     \
-  X(SSL_CTX_use_PrivateKey)                 \
   X(SSL_CTX_use_PrivateKey_file)            \
   X(SSL_CTX_check_private_key)              \
   X(SSL_CTX_set_default_passwd_cb)          \
   X(SSL_CTX_set_default_passwd_cb_userdata) \
-  X(SSL_CTX_set_client_CA_list)             \
-  X(SSL_load_client_CA_file)                \
-  X(SSL_CTX_set_session_id_context)         \
-  X(SSL_CTX_set_timeout)                    \
   X(SSL_CTX_set_num_tickets)                \
-  X(SSL_CTX_sess_set_new_cb)                \
-  X(SSL_CTX_sess_set_remove_cb)             \
-  X(SSL_CTX_set_alpn_protos)                \
-  X(SSL_CTX_set_info_callback)              \
-  X(SSL_CTX_set_keylog_callback)            \
-  X(SSL_CTX_set_ex_data)                    \
-  X(SSL_CTX_get_ex_data)                    \
   X(SSL_new)                                \
   X(SSL_free)                               \
-  X(SSL_clear)                              \
   X(SSL_ctrl)                               \
-  X(SSL_set_fd)                             \
-  X(SSL_get_fd)                             \
   X(SSL_set_bio)                            \
-  X(SSL_set0_rbio)                          \
-  X(SSL_set0_wbio)                          \
-  X(SSL_get_rbio)                           \
-  X(SSL_get_wbio)                           \
   X(SSL_set_connect_state)                  \
   X(SSL_set_accept_state)                   \
-  X(SSL_connect)                            \
-  X(SSL_accept)                             \
   X(SSL_do_handshake)                       \
-  X(SSL_in_init)                            \
   X(SSL_is_init_finished)                   \
   X(SSL_read)                               \
-  X(SSL_read_ex)                            \
   X(SSL_write)                              \
-  X(SSL_write_ex)                           \
-  X(SSL_pending)                            \
   X(SSL_has_pending)                        \
   X(SSL_shutdown)                           \
-  X(SSL_get_shutdown)                       \
   X(SSL_set_shutdown)                       \
-  X(SSL_set_quiet_shutdown)                 \
   X(SSL_get_error)                          \
-  X(SSL_want)                               \
-  X(SSL_set_verify)                         \
   X(SSL_get_verify_result)                  \
   X(SSL_set1_host)                          \
-  X(SSL_set_hostflags)                      \
   X(SSL_get0_param)                         \
-  X(SSL_get1_peer_certificate)              \
-  X(SSL_get0_peer_certificate)              \
-  X(SSL_get_peer_cert_chain)                \
-  X(SSL_get_version)                        \
-  X(SSL_get_current_cipher)                 \
-  X(SSL_CIPHER_get_name)                    \
-  X(SSL_session_reused)                     \
   X(SSL_set_session)                        \
   X(SSL_get1_session)                       \
   X(SSL_SESSION_free)                       \
-  X(SSL_SESSION_up_ref)                     \
-  X(SSL_SESSION_is_resumable)               \
-  X(SSL_set_ex_data)                        \
-  X(SSL_get_ex_data)                        \
-  X(SSL_get_ex_data_X509_STORE_CTX_idx)
+  X(SSL_SESSION_is_resumable)

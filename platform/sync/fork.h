@@ -25,7 +25,7 @@ inline std::uint32_t ForkCount() {
 }
 
 /// Returns: the one T of this process. It is never destroyed, and takes no memory from the heap. A forked
-/// child gets a new one, and its parent's is forgotten.
+/// child gets a new one and does not use its parent's.
 template <typename T>
 T& OneInProcess() {
   alignas(T) static char storage[sizeof(T)];

@@ -105,13 +105,14 @@ std::shared_ptr<TlsContext> TlsContext::ForServer(const SecurityMap& conf, std::
 }
 
 bool TlsContext::Reload(std::string& error) {
-  const std::shared_ptr<TlsContext> fresh = Make(mServer, mConf, error);
-  if (fresh == nullptr) {
+  const std::shared_ptr<TlsContext> reloaded = Make(mServer, mConf, error);
+  if (reloaded == nullptr) {
     return false;
   }
   sync::MutexLock lock(mMutex);
-  std::swap(mContext, fresh->mContext);  // OpenSSL keeps the old one as long as a stream needs it
-  std::swap(mSession, fresh->mSession);  // a session of before would spare its server the new check
+  std::swap(mContext, reloaded->mContext);  // OpenSSL keeps the old one as long as a stream needs it
+  // With the old session the next handshake would skip the new certificates.
+  std::swap(mSession, reloaded->mSession);
   ++mReloads;
   return true;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-// The level of the process logger that platform/ulog/ulog.h has made. Any thread may call it, also while others
-// log.
+// The level of the process logger that platform/ulog/ulog.h has made. Any thread may call it, also while
+// others log.
 
 extern "C" {
 

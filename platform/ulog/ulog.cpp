@@ -34,9 +34,22 @@ int Refuse(std::string message) {
   return 1;
 }
 
-int RefuseWithoutMemory() {
-  gLastError = "no memory";  // short enough to need no allocation
-  return 1;
+/// Runs `body`. Returns: its result, or 1 with the reason when it throws. No exception leaves an exported
+/// function, also when there is no memory for the reason.
+template <typename Body>
+int Guarded(const Body& body) {
+  try {
+    try {
+      return body();
+    } catch (const std::bad_alloc&) {
+      throw;
+    } catch (const std::exception& failure) {
+      return Refuse(failure.what());
+    }
+  } catch (...) {
+    gLastError = "no memory";  // short enough to need no allocation
+    return 1;
+  }
 }
 
 bool IsLevel(int level) { return level >= kTrace && level <= kCritical; }
@@ -112,7 +125,7 @@ std::string InOneLine(const char* text) {
 using namespace vyn::utilities::log;
 
 int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount) {
-  try {
+  return Guarded([&] {
     if (!IsLevel(level)) {
       return Refuse("Invalid log level " + std::to_string(level) + ", it must be 0 to 5");
     }
@@ -125,48 +138,38 @@ int ULOG_Init(int type, int level, const char* path, int fileSize, int fileCount
                     ", it must be 1 (file) or 2 (standard error)");
     }
     return 0;
-  } catch (const std::bad_alloc&) {
-    return RefuseWithoutMemory();
-  } catch (const std::exception& failure) {
-    return Refuse(failure.what());
-  }
+  });
 }
 
-int ULOG_SetLevel(int level) try {
-  const ULog* logger = ULog::gLogger.load(std::memory_order_acquire);
-  if (logger == nullptr) {
-    return Refuse("The log is not set up");
-  }
-  if (!IsLevel(level)) {
-    return Refuse("Invalid log level " + std::to_string(level) + ", it must be 0 to 5");
-  }
-  Publish(ULog::gLogger, level, logger->mLogger->sinks().front());
-  return 0;
-} catch (...) {
-  return RefuseWithoutMemory();
+int ULOG_SetLevel(int level) {
+  return Guarded([&] {
+    const ULog* logger = ULog::gLogger.load(std::memory_order_acquire);
+    if (logger == nullptr) {
+      return Refuse("The log is not set up");
+    }
+    if (!IsLevel(level)) {
+      return Refuse("Invalid log level " + std::to_string(level) + ", it must be 0 to 5");
+    }
+    Publish(ULog::gLogger, level, logger->mLogger->sinks().front());
+    return 0;
+  });
 }
 
 int ULOG_AuditInit(const char* path, int fileSize, int fileCount) {
-  try {
+  return Guarded([&] {
     Publish(gAuditLogger, kTrace, OpenFile(path, fileSize, fileCount, true));
     return 0;
-  } catch (const std::bad_alloc&) {
-    return RefuseWithoutMemory();
-  } catch (const std::exception& failure) {
-    return Refuse(failure.what());
-  }
+  });
 }
 
-int ULOG_LogMessage(int level, const char* prefix, const char* message) try {
-  return Write(ULog::gLogger, level, prefix, message);
-} catch (...) {
-  return RefuseWithoutMemory();
+int ULOG_LogMessage(int level, const char* prefix, const char* message) {
+  return Guarded([&] { return Write(ULog::gLogger, level, prefix, message); });
 }
 
-int ULOG_AuditLogMessage(int level, const char* prefix, const char* message) try {
-  return Write(gAuditLogger, level, prefix, message == nullptr ? nullptr : InOneLine(message).c_str());
-} catch (...) {
-  return RefuseWithoutMemory();
+int ULOG_AuditLogMessage(int level, const char* prefix, const char* message) {
+  return Guarded([&] {
+    return Write(gAuditLogger, level, prefix, message == nullptr ? nullptr : InOneLine(message).c_str());
+  });
 }
 
 const char* ULOG_GetLastErrorMessage() { return gLastError.c_str(); }

@@ -101,8 +101,8 @@ class Session : public std::enable_shared_from_this<Session> {
     return Await(lock, *request);
   }
 
-  /// Makes `answer` of a callback the request's and wakes the caller. For completions. When `fill` throws, the
-  /// call fails with ZSYSTEMERROR.
+  /// Ends a call. The client's completion functions call it. \param data the request. \param fill copies the
+  /// answer into the request; when it throws, the call fails with ZSYSTEMERROR.
   template <typename Fill>
   static void Answer(const void* data, int result, Fill fill) {
     auto* request = static_cast<Request*>(const_cast<void*>(data));
@@ -146,7 +146,8 @@ class Session : public std::enable_shared_from_this<Session> {
   int Await(sync::MutexLock& lock, Request& request) VYN_REQUIRES(mMutex);
   void Expire() VYN_REQUIRES(mMutex);
   void Finish(Request& request, int result) VYN_REQUIRES(mMutex);
-  /// Queues what watchers must be told about a finished call. \param expired whether it ended the session.
+  /// Queues the events for watchers that follow from a finished call. \param expired whether it ended the
+  /// session.
   void TellWatchers(const Request& request, int result, bool expired) VYN_REQUIRES(mMutex);
   void CloseClientWhenGone();
   void RunWatchers();

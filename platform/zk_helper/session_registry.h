@@ -23,7 +23,7 @@ struct Registry {
   sync::Mutex mMutex;
   std::map<zhandle_t*, std::shared_ptr<Session>> mSessions VYN_GUARDED_BY(mMutex);
   zhandle_t* mCurrent VYN_GUARDED_BY(mMutex) = nullptr;
-  static inline std::atomic<std::uintptr_t> gLastTicket{0};  ///< goes on in a forked child
+  static inline std::atomic<std::uintptr_t> gLastTicket{0};  ///< a forked child continues the count
   bool mClientInUse VYN_GUARDED_BY(mMutex) = false;
   sync::Condition mClientFree;
 

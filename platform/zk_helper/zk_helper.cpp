@@ -38,7 +38,8 @@ int Fail(int result, std::string message) {
   return result;
 }
 
-/// Runs `body`. Returns: its result, or `failure` when it throws. No exception may leave an exported function.
+/// Runs `body`. Returns: its result, or `failure` when it throws. No exception may leave an exported
+/// function.
 template <typename Body>
 int Guarded(Body body, int failure = ZSYSTEMERROR) {
   try {

@@ -54,8 +54,8 @@ static_assert(offsetof(VynZookeeperSecurity, enable) == 32 &&
 static_assert(offsetof(VynZookeeperKeys, connectTimeout) == 24 &&
               offsetof(VynZookeeperKeys, isKeytabEncrypted) == 28);
 
-/// Connects, and waits until the session stands. One connection at a time: the one before must have been
-/// removed, and if it is still being closed, that is waited for as well.
+/// Connects, and waits until the session is established. There is one connection at a time: the previous one
+/// must have been removed, and this call waits until it is closed.
 /// \param url "host:port[,host:port...][/root]".
 /// \param sessionTimeout in milliseconds.
 /// \param libraryDirectory where the companions of this library stand; a client that can secure the

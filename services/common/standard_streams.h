@@ -20,8 +20,8 @@ inline void OccupyStandardStreams() {
   }
 }
 
-/// Writes what is still buffered for standard output. Returns: `code`; 1 instead of 0, after a line on standard
-/// error, when some of the output could not be written.
+/// Writes what is still buffered for standard output. Returns: `code`; 1 instead of 0, after a line on
+/// standard error, when some of the output could not be written.
 inline int EndOutput(const char* program, int code) {
   errno = 0;
   const bool failed = std::fflush(stdout) != 0 || std::ferror(stdout) != 0;

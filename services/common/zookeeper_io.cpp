@@ -106,7 +106,7 @@ std::string ResultText(int result) {
   return text;
 }
 
-struct Transaction::Operation {
+struct Transaction::Step {
   enum class Kind { kCheck, kCreate, kSet, kDelete };
 
   Kind kind;
@@ -119,48 +119,45 @@ Transaction::Transaction() = default;
 Transaction::~Transaction() = default;
 
 Transaction& Transaction::Check(const std::string& path, int version) {
-  mOperations.push_back(std::make_unique<Operation>(Operation{Operation::Kind::kCheck, path, {}, version}));
+  mSteps.push_back(std::make_unique<Step>(Step{Step::Kind::kCheck, path, {}, version}));
   return *this;
 }
 
 Transaction& Transaction::Create(const std::string& path, std::string value) {
-  mOperations.push_back(
-      std::make_unique<Operation>(Operation{Operation::Kind::kCreate, path, std::move(value), -1}));
+  mSteps.push_back(std::make_unique<Step>(Step{Step::Kind::kCreate, path, std::move(value), -1}));
   return *this;
 }
 
 Transaction& Transaction::Set(const std::string& path, std::string value) {
-  mOperations.push_back(
-      std::make_unique<Operation>(Operation{Operation::Kind::kSet, path, std::move(value), -1}));
+  mSteps.push_back(std::make_unique<Step>(Step{Step::Kind::kSet, path, std::move(value), -1}));
   return *this;
 }
 
 Transaction& Transaction::Delete(const std::string& path) {
-  mOperations.push_back(std::make_unique<Operation>(Operation{Operation::Kind::kDelete, path, {}, -1}));
+  mSteps.push_back(std::make_unique<Step>(Step{Step::Kind::kDelete, path, {}, -1}));
   return *this;
 }
 
-std::size_t Transaction::Size() const { return mOperations.size(); }
+std::size_t Transaction::Size() const { return mSteps.size(); }
 
 int Transaction::Commit() {
-  std::vector<zoo_op_t> operations(mOperations.size());
-  for (std::size_t i = 0; i < mOperations.size(); ++i) {
-    const Operation& operation = *mOperations[i];
+  std::vector<zoo_op_t> operations(mSteps.size());
+  for (std::size_t i = 0; i < mSteps.size(); ++i) {
+    const Step& step = *mSteps[i];
     zoo_op_t* target = &operations[i];
-    switch (operation.kind) {
-      case Operation::Kind::kCheck:
-        zoo_check_op_init(target, operation.path.c_str(), operation.version);
+    switch (step.kind) {
+      case Step::Kind::kCheck:
+        zoo_check_op_init(target, step.path.c_str(), step.version);
         break;
-      case Operation::Kind::kCreate:
-        zoo_create_op_init(target, operation.path.c_str(), operation.value.data(), Length(operation.value),
+      case Step::Kind::kCreate:
+        zoo_create_op_init(target, step.path.c_str(), step.value.data(), Length(step.value),
                            &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
         break;
-      case Operation::Kind::kSet:
-        zoo_set_op_init(target, operation.path.c_str(), operation.value.data(), Length(operation.value), -1,
-                        nullptr);
+      case Step::Kind::kSet:
+        zoo_set_op_init(target, step.path.c_str(), step.value.data(), Length(step.value), -1, nullptr);
         break;
-      case Operation::Kind::kDelete:
-        zoo_delete_op_init(target, operation.path.c_str(), -1);
+      case Step::Kind::kDelete:
+        zoo_delete_op_init(target, step.path.c_str(), -1);
         break;
     }
   }

@@ -49,12 +49,12 @@ class Transaction {
   Transaction& Set(const std::string& path, std::string value);
   Transaction& Delete(const std::string& path);
   std::size_t Size() const;
-  /// Returns: ZOK, or the result of the operation that failed.
+  /// Returns: ZOK, or the result of the step that failed.
   int Commit();
 
  private:
-  struct Operation;
-  std::vector<std::unique_ptr<Operation>> mOperations;
+  struct Step;
+  std::vector<std::unique_ptr<Step>> mSteps;
 };
 
 }  // namespace vyn::services::zookeeper

@@ -33,6 +33,8 @@ constexpr std::int64_t kStopTimeout = 2000;
 constexpr auto kSessionSlack = std::chrono::seconds(10);
 /// How long Start waits for a metadata leader.
 constexpr auto kLeaderLimit = std::chrono::seconds(10);
+/// The time between two sweeps of the fabric node.
+constexpr auto kSweepPeriod = std::chrono::seconds(10);
 /// Drivers outside the fabric parse the port of "ip:port" as a signed 16-bit number.
 constexpr std::uint16_t kHighestOutsidePort = 32767;
 /// A call may block on ZooKeeper or on the metadata leader. This many can block before others have to wait.
@@ -193,6 +195,7 @@ void Daemon::Stop() {
     }).detach();  // main() may end the process with _exit while a part still blocks, so nobody joins it
   };
   mMetadataClient.Stop();
+  mFabricSweep.RequestStop();
   end(mRegistry);
   end(mMember);
   end(mNodeServer);
@@ -201,6 +204,7 @@ void Daemon::Stop() {
     mReclaimer->Stop();
   }
   mUnpublished.Stop();
+  mFabricSweep.Stop();
   mFabric.Stop();
   if (VynGetZkHandle() != nullptr) {
     const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
@@ -297,7 +301,12 @@ bool Daemon::StartFabric(std::string& error) {
       common::logging::Write(level, "fabric] " + text);
     }
   };
-  return mFabric.Start(options, error);
+  if (!mFabric.Start(options, error)) {
+    return false;
+  }
+  mFabricSweep.Start({"The pool could not be swept", kSweepPeriod},
+                     [this] { mFabric.Sweep([this] { return mFabricSweep.Stopping(); }); });
+  return true;
 }
 
 bool Daemon::ConnectZooKeeper(std::string& error) {

@@ -6,6 +6,7 @@
 // One thread calls Start and Stop. The parts have threads of their own. Their callbacks use mClaimed and
 // parts that Start creates before the part that calls them starts.
 
+#include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
 #include "services/metadata/metadata_member.h"
 #include "services/node/metadata_client.h"
@@ -36,8 +37,8 @@ class Daemon {
   /// Returns: true when every part serves. Otherwise nothing runs and `errors` holds the reasons, one an
   /// entry.
   bool Start(std::vector<std::string>& errors, const std::function<bool()>& stopping);
-  /// Reads conf/vyn.conf again, and takes over its log level; all other settings stay. Then reads the files of
-  /// certificates and keys again. If the file has errors, changes nothing. Requires: Start has succeeded.
+  /// Reads conf/vyn.conf again, and takes over its log level; all other settings stay. Then reads the files
+  /// of certificates and keys again. If the file has errors, changes nothing. Requires: Start has succeeded.
   void Reload();
   /// Deletes this node's ephemeral znodes, gives up the leadership and waits for the replies of running
   /// calls, in parallel. Then closes the pool and the ZooKeeper session. Objects stay in the pool.
@@ -56,6 +57,7 @@ class Daemon {
   std::vector<std::string> mWarnings;  ///< from the check of the configuration; logged once the log is open
   HomeLock mLock;
   fabric::FabricNode mFabric;
+  common::PeriodicTask mFabricSweep;
   MetadataClient mMetadataClient;
   std::unique_ptr<MetadataMember> mMember;
   UnpublishedVariables mUnpublished{mFabric, mMetadataClient};

@@ -62,6 +62,11 @@ int main() {
                                      {"connections", stats.connections}}
              .at(name);
        }},
+      {"sweep",
+       [&] {
+         node.Sweep([] { return false; });
+         return 0;
+       }},
       {"peer",
        [&](Node peer, Text host, Node port) {
          std::lock_guard lock(mutex);

@@ -25,8 +25,8 @@ namespace {
 
 common::Ref<common::Configuration> Conf() { return common::Configuration::GetInstance(); }
 
-/// While it lives, standard output leads nowhere, or to standard error. The library prints there until its log
-/// is open, and the output of vynctl belongs to the answer.
+/// While it lives, standard output leads nowhere, or to standard error. The library prints there until its
+/// log is open, and the output of vynctl belongs to the answer.
 class LibraryOutput {
  public:
   explicit LibraryOutput(bool shown) : mSaved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {

@@ -19,8 +19,8 @@ void RemoveApplication(const Settings& settings, const std::string& application,
 /// Waits until every running node has freed what it had of an application that was removed. Requires: a
 /// ZooKeeper session.
 void AwaitFreed(const std::string& application);
-/// Removes the records of a node that is down, and names the variables whose blocks were on it. Refuses a node
-/// that runs.
+/// Removes the records of a node that is down, and names the variables whose blocks were on it. Refuses a
+/// node that runs.
 void ForgetNode(const Settings& settings, std::uint32_t nodeId);
 /// Returns: "<id> of <application>" for each variable whose blocks are on the node. Requires: a session.
 std::vector<std::string> VariablesOn(std::uint32_t nodeId);

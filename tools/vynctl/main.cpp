@@ -68,7 +68,8 @@ bool Has(int argc, char** argv, const char* option) {
   return std::any_of(argv, argv + argc, [&](const char* text) { return std::strcmp(text, option) == 0; });
 }
 
-/// Reports a failure: as one line on standard error or, with `json`, as one object on `stream`. Returns: `code`.
+/// Reports a failure: as one line on standard error or, with `json`, as one object on `stream`. Returns:
+/// `code`.
 int Report(bool json, std::FILE* stream, const std::string& text, std::uint32_t status, int code) {
   if (json) {
     const nlohmann::json answer{{"error", text}, {"status", status}, {"exitCode", code}};

@@ -76,7 +76,7 @@ int BM_SpecificObjSwapInSec(const BmFileRecord* file, const BmBlockRecord* block
 int BM_GatherSec(const BmGatherContext* context, unsigned char kind, unsigned int flags,
                  BmSecContext* destination, void* argument);
 
-/// Tells how many bytes BM_MapSec has mapped at `addr`: the length of the object, at least 1.
+/// Finds out how many bytes BM_MapSec has mapped at `addr`: the length of the object, at least 1.
 int BM_MappedLength(const char* bmId, const void* addr, unsigned long* length);
 /// Maps an object of exactly `length` bytes over the pages at `address`, which the caller has reserved. The
 /// caller ends the mapping with munmap; BM_Unmap does not know it. \param prot 1 read, 3 read and write.

@@ -43,9 +43,9 @@ class FabricClient {
   void ForgetMappings() { mMappings.Clear(); }
 
   /// Links this process to a node, or moves the link to another address. \param ip numeric.
-  /// Returns: kBmUnconnected when nobody answers; kBmRemoteProtocol when another node answers, or one that
-  /// was refused or refuses (plain against TLS, a certificate without trust); kBmLocalError for an address
-  /// that is none, and when a file that TLS needs cannot be read.
+  /// Returns: kBmUnconnected when nobody answers; kBmRemoteProtocol when another node answers, or when one
+  /// side refuses the other (only one of them uses TLS, or a certificate is not trusted); kBmLocalError when
+  /// `ip` is no numeric address, or when a file that TLS needs cannot be read.
   int CreateLink(std::uint16_t nodeId, const char* ip, std::uint16_t port);
   int Query(NodeAttributes* attributes);
   int QueryNode(std::uint16_t nodeId, NodeAttributes* attributes);
@@ -74,8 +74,8 @@ class FabricClient {
   /// Fills the beginning of the object from a file that this process may read. \param length the object's
   /// size as the caller knows it; the part of the file must not be longer.
   int SwapIn(const BmFileRecord* file, const BmBlockRecord* block, std::uint64_t length);
-  /// Writes the pieces of a list of the type kBmGatherPieces one after the other into the destination. All
-  /// pieces are looked at before the first byte is moved: one that is refused leaves the destination alone. An
+  /// Writes the pieces of a list of the type kBmGatherPieces one after the other into the destination. It
+  /// checks all pieces before it copies the first byte, so a refused piece leaves the destination alone. An
   /// existing destination must have room for all of them. For a new one an object of exactly their length is
   /// allocated, on the node of this machine or, in a process outside the fabric, on the node of the first
   /// piece. Its id is written to the destination's `bmId`, a buffer of at least 61 bytes. A gather that fails

@@ -6,13 +6,10 @@
 #include "platform/fabric/node/pool/pool.h"
 #include "platform/fabric/node/pool/token_hash.h"
 #include "platform/fabric/node/pulled_copies.h"
-#include "platform/fabric/node/thread_without_signals.h"
 #include "platform/fabric/transport/broker_socket.h"
 #include "platform/fabric/transport/link.h"
-#include "platform/sync/mutex.h"
 
 #include <cerrno>
-#include <thread>
 
 namespace vyn::fabric {
 
@@ -44,15 +41,7 @@ struct FabricNode::Impl {
               [this](const std::string& text) { Log(kWarn, text); }} {}
 
   ~Impl() {
-    {
-      sync::MutexLock lock(sweepMutex);
-      stopping = true;
-    }
-    sweepWake.NotifyAll();
     copies.Stop();
-    if (sweeper.joinable()) {
-      sweeper.join();
-    }
     links.reset();
     if (broker) {
       RemoveBrokerSocket(options.home);
@@ -70,7 +59,6 @@ struct FabricNode::Impl {
   std::unique_ptr<Listener> MakeListener(net::Descriptor listener, ListenerKind kind);
   /// Prepares a connection that was accepted. Returns: false when it is to be closed.
   bool Admit(SocketStream& stream, ListenerKind kind, const std::string& peer) const;
-  void RunSweeps();
 
   const FabricNodeOptions options;
   const std::shared_ptr<tls::TlsContext> identity;
@@ -80,10 +68,6 @@ struct FabricNode::Impl {
   NodeParts parts;
   net::Descriptor brokerLock;
   std::uint16_t linkPort = 0;
-  sync::Mutex sweepMutex;
-  sync::Condition sweepWake;
-  bool stopping VYN_GUARDED_BY(sweepMutex) = false;
-  std::thread sweeper;
   std::unique_ptr<Listener> broker;
   std::unique_ptr<Listener> links;
 };
@@ -101,7 +85,7 @@ bool FabricNode::Impl::Open(std::string& error) {
           options.poolPath, [this](const std::string& text) { Log(kWarn, text); }, error)) {
     return false;
   }
-  pool.Bytes().SetReclaimer([this](std::uint64_t bytes) { return copies.Reclaim(bytes); });
+  pool.Bytes().SetReclaim([this](std::uint64_t bytes) { return copies.Reclaim(bytes); });
   net::Descriptor brokerListener;
   if (!options.home.empty()) {
     brokerListener = ListenOnBrokerSocket(options.home, brokerLock, error);
@@ -123,7 +107,6 @@ bool FabricNode::Impl::Open(std::string& error) {
   if (brokerListener) {
     broker = MakeListener(std::move(brokerListener), ListenerKind::kBroker);
   }
-  sweeper = ThreadWithoutSignals([this] { RunSweeps(); });
   Log(kInfo, "up with " + std::to_string(pool.ObjectCount()) + " adopted objects, " +
                  std::to_string(pool.Bytes().Used()) + " of " + std::to_string(options.capacity) +
                  " bytes used");
@@ -164,25 +147,6 @@ bool FabricNode::Impl::Admit(SocketStream& stream, ListenerKind kind, const std:
   return accepted;
 }
 
-void FabricNode::Impl::RunSweeps() {
-  sync::MutexLock lock(sweepMutex);
-  while (!sweepWake.WaitFor(lock, std::chrono::seconds(options.sweepSeconds),
-                            [this]() VYN_REQUIRES(sweepMutex) { return stopping; })) {
-    lock.Unlock();
-    try {
-      pool.TruncateGrownFiles();
-    } catch (const std::exception& failure) {
-      Log(kWarn, std::string("grown files could not be truncated: ") + failure.what());
-    }
-    try {
-      copies.Sweep();
-    } catch (const std::exception& failure) {
-      Log(kWarn, std::string("the pulled copies could not be checked: ") + failure.what());
-    }
-    lock.Lock();
-  }
-}
-
 FabricNode::FabricNode() = default;
 FabricNode::~FabricNode() { Stop(); }
 
@@ -212,6 +176,11 @@ bool FabricNode::Start(const FabricNodeOptions& options, std::string& error) {
 }
 
 void FabricNode::Stop() { mImpl.reset(); }
+
+void FabricNode::Sweep(const std::function<bool()>& stopping) {
+  mImpl->pool.TruncateGrownFiles();
+  mImpl->copies.Sweep(stopping);
+}
 
 FabricNodeStats FabricNode::Stats() const {
   FabricNodeStats stats;

@@ -14,9 +14,9 @@
 // longer count as used, though the file system still holds them; when the file system is full before the
 // limit is reached, allocations fail as well.
 //
-// A process that has an object mapped for writing can change the length of its file. The sweep and the next
-// start truncate a larger file to the allocated size; after the object was freed nobody does, and the file
-// keeps its pages until the last process closes it. A shorter file harms only its own namespace.
+// A process that has an object mapped for writing can change the length of its file. Sweep and the next start
+// truncate a larger file to the allocated size; after the object was freed nobody does, and the file keeps
+// its pages until the last process closes it. A shorter file harms only its own namespace.
 //
 // Results are those of platform/fabric/protocol/results.h. Any thread may call any function between Start
 // and Stop. Start and Stop themselves are called by one thread.
@@ -85,8 +85,6 @@ struct FabricNodeOptions {
   std::uint32_t maxConnectionsPerPeer = 768;
   /// Seconds after which a connection without requests is closed; clients make a new one when they need it.
   std::uint32_t idleSeconds = 600;
-  /// Seconds between two checks whether the originals of pulled copies still exist.
-  std::uint32_t sweepSeconds = 10;
 };
 
 struct FabricNodeStats {
@@ -126,6 +124,11 @@ class FabricNode {
   /// Stops listening, waits for the requests in progress, drops pulled copies. Objects stay. Does nothing
   /// when the node does not run.
   void Stop();
+
+  /// Truncates files that a process has made larger, and drops pulled copies whose originals are gone. The
+  /// process calls it every few seconds. It asks the other nodes, so it may block for some seconds for each.
+  /// \param stopping ends the sweep early when it returns true.
+  void Sweep(const std::function<bool()>& stopping);
 
   FabricNodeStats Stats() const;
   /// The link port that was bound; 0 without one.

@@ -95,7 +95,7 @@ class FabricSession {
   /// Returns: 0 with `other` null when `owner` is this node; 0 with `other` when it is another one; otherwise
   /// the result for the caller.
   int Route(std::uint16_t owner, NodePtr& other) const;
-  /// A result of the pool, as the protocol names it.
+  /// Returns: the protocol's result for a result of the pool.
   int ResultForCaller(int result) const;
   void FreeUnacknowledged(const UnacknowledgedAllocation& allocation);
   int OpenLocal(const ObjectName& object, bool writable, net::Descriptor& file, std::uint64_t& size) const;

@@ -1,7 +1,8 @@
 #pragma once
 
-// A listening socket and the connections that it accepted, each served by a thread of its own. Most
-// connections are idle most of the time: a process keeps one for each thread that was in a call at once.
+// A listening socket and the connections that it accepted. Each connection has a thread of its own. Most
+// connections are idle most of the time: a client process keeps as many open as its threads once used at the
+// same time.
 //
 // When the limit of connections is reached, in all or for one peer, the connection that has been idle longest
 // is closed in favour of the new one; when none is idle, the new one is closed at once. A client whose

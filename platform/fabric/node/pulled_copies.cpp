@@ -16,7 +16,8 @@ namespace vyn::fabric {
 
 namespace {
 
-/// What a caller must present to be served while the owner cannot be reached; its hash is kept.
+/// Namespace and token as one text. A copy keeps its hash, to check callers while the owner cannot be
+/// reached.
 std::string RightOf(const Access& access) {
   return std::string(access.ns) + '\0' + std::string(access.token);
 }
@@ -300,7 +301,7 @@ bool PulledCopies::Reclaim(std::uint64_t bytes) {
   return true;
 }
 
-void PulledCopies::Sweep() {
+void PulledCopies::Sweep(const std::function<bool()>& stopping) {
   std::map<std::uint16_t, std::vector<std::string>> byOwner;
   {
     sync::MutexLock lock(mMutex);
@@ -310,7 +311,7 @@ void PulledCopies::Sweep() {
   }
   for (auto& [ownerId, ids] : byOwner) {
     const auto owner = mNeighbours.Find(ownerId);
-    while (owner != nullptr && !ids.empty() && !mStopping) {
+    while (owner != nullptr && !ids.empty() && !stopping()) {
       const std::size_t count = std::min<std::size_t>(ids.size(), kMaxIdsPerFrame);
       const std::vector<std::string> some(ids.end() - static_cast<std::ptrdiff_t>(count), ids.end());
       ids.resize(ids.size() - count);

@@ -3,17 +3,21 @@
 // Copies of other nodes' objects, so that processes of this machine can map them.
 //
 // Callers that ask for an object at the same time share one pull: the first caller's thread pulls, the others
-// wait. Copies are read-only. Each use asks the owner whether the caller may see the object, whether it still
-// exists and whether its bytes are those of the copy: the stamps tell, and where they do not, because a
-// process may be writing, the checksums do. A copy that differs is pulled anew; who has mapped the old one
-// keeps it. While the owner cannot be reached, a caller is served that presents the namespace and token that
-// the owner accepted last, unless the copy was made before the object's writer had finished. A copy is dropped
-// when the owner has freed the original (found at a use, by Drop, or by Sweep), when its room is needed, and
-// when the node stops.
+// wait. Copies are read-only. At each use this node asks the owner whether the caller may see the object,
+// whether it still exists, and whether it still has the bytes of the copy. Equal stamps mean equal bytes.
+// While a process may be writing, this node compares the checksums instead. It pulls a copy that differs
+// anew; processes that have mapped the old copy keep it.
 //
-// Each pull compares the checksum of the bytes that arrived with the owner's. When they differ though nobody
-// has written the object meanwhile, it is repeated once; a second difference is an error. While somebody
-// writes, it is repeated twice; then the bytes that arrived are served, and the next caller compares again.
+// While the owner cannot be reached, this node serves a caller that presents the namespace and token that the
+// owner accepted last, unless the copy was made before the object's writer had finished.
+//
+// This node drops a copy when the owner has freed the original (found at a use, by Drop, or by Sweep), when
+// its room is needed, and when the node stops.
+//
+// A pull compares the checksum of the bytes that arrived with the owner's. If they differ although nobody has
+// written the object meanwhile, this node repeats the pull once; a second difference is an error. While
+// somebody writes, it repeats the pull twice and then serves the bytes that arrived; the next caller compares
+// again.
 //
 // Threads: any. No lock is held while another node is called.
 
@@ -22,6 +26,7 @@
 #include "platform/sync/mutex.h"
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -50,8 +55,9 @@ class PulledCopies {
   void Drop(std::string_view id);
   /// Forgets all copies of a namespace that is gone.
   void DropNamespace(std::string_view ns);
-  /// Asks the owners which originals are gone, and drops their copies.
-  void Sweep();
+  /// Asks the owners which originals are gone, and drops their copies. \param stopping ends the sweep early
+  /// when it returns true.
+  void Sweep(const std::function<bool()>& stopping);
   /// Drops copies, least recently used first, until `bytes` are free. Returns: false when all copies together
   /// have fewer bytes; then none is dropped.
   bool Reclaim(std::uint64_t bytes);

@@ -10,9 +10,9 @@
 //            reach is decided by the namespace and the token of each request. The broker hands out file
 //            descriptors, and forwards what concerns another node's objects.
 //   Link     A TCP port, for processes outside the fabric and for other nodes. A link forwards nothing: it
-//            serves the node's own objects, and tells the state of the node's copies (kState). Plain or under
-//            TLS 1.3, as the node is set; a peer that speaks the other way has a hello's answer with
-//            kBmRemoteProtocol, in a plain frame, and is closed.
+//            serves the node's own objects, and answers kState for the node's copies. Plain or under TLS 1.3,
+//            as the node is set. The node sends a peer that differs the answer to a hello with
+//            kBmRemoteProtocol, in a plain frame, and closes the connection.
 //
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
 // the request's operation and sequence number. A client has at most kPipelineDepth requests in flight on a

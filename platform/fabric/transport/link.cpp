@@ -15,8 +15,8 @@ namespace vyn::fabric {
 
 namespace {
 
-/// A peer's first byte tells how it speaks: the record type of a TLS handshake, or the first byte of
-/// kFrameMagic.
+/// The first byte of a peer shows whether it uses TLS: it is the record type of a TLS handshake, or the first
+/// byte of kFrameMagic.
 constexpr unsigned char kTlsPeer = 0x16;
 constexpr unsigned char kPlainPeer = kFrameMagic & 0xffU;
 /// How long a refused peer may take to read the answer and close.
@@ -39,8 +39,8 @@ bool PeekFirst(const SocketStream& socket, const net::Deadline& deadline, unsign
   }
 }
 
-/// Answers a hello that is refused: a plain peer reads the result, and a peer that wants TLS sees that this
-/// is none.
+/// Answers the first bytes of a refused peer. A plain peer reads the result; a peer that uses TLS sees that
+/// the answer is no TLS.
 void Refuse(SocketStream& socket) {
   const net::Deadline deadline = net::Deadline::After(kRefusedTime);
   const FabricFrameHeader answer{

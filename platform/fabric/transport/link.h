@@ -1,7 +1,7 @@
 #pragma once
 
-// The two ends of a link, plain or under TLS. Neither side goes on with a peer that speaks the other way, and
-// neither sends a request before it knows: the hello of a plain connection holds no secret.
+// The two ends of a link, plain or under TLS. A side that uses TLS refuses a plain peer, and the other way
+// round. A side sends nothing secret before it knows which of the two its peer uses.
 // Threads: no state, any thread.
 
 #include "platform/fabric/transport/socket_stream.h"
@@ -37,7 +37,7 @@ std::unique_ptr<SocketStream> ConnectLink(const std::string& host, std::uint16_t
 /// descriptor with `error` filled.
 net::Descriptor ListenOnLinkPort(const std::string& address, std::uint16_t& port, std::string& error);
 
-/// The node's side of a connection to its link port: finds out how the peer speaks, and makes the TLS
+/// The node's side of a connection to its link port: finds out whether the peer uses TLS, and makes the TLS
 /// handshake. \param context null for plain links. \param deadline of the peer's first byte, and of the
 /// handshake. \param error the reason when the peer was refused; stays as it is when the peer just went away.
 /// Returns: whether `socket` can be served; otherwise the connection is to be closed.

@@ -17,7 +17,7 @@ namespace vyn::fabric {
 
 namespace {
 
-/// Between two looks at a state that poll() does not report.
+/// The pause between two checks of a state that poll() does not report.
 constexpr int kPauseMilliseconds = 1;
 /// Bytes of a file that are read at a time when they go under TLS: four records.
 constexpr std::size_t kTlsBlock = 64U << 10U;

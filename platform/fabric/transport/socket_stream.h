@@ -40,7 +40,8 @@ class SocketStream : public ByteStream {
  private:
   class DescriptorStream;
 
-  /// Tells kReset from kClosed where `status` is one of them.
+  /// Finds out whether the peer reset a connection that has ended. Returns: kReset or kClosed when `status`
+  /// is one of them, otherwise `status`.
   net::IoStatus WithReset(net::IoStatus status) const;
   /// Sends the first bytes together with `descriptor` and removes them from `parts`, of which the first
   /// `first` are finished afterwards.

@@ -60,8 +60,8 @@ class Client {
   std::unique_ptr<ClientConnection> mConnection;
 };
 
-/// A client that holds the two flags. With TLS nothing is ever sent in plain text; with authentication every
-/// Initialize is refused until a mechanism exists behind "auth.type".
+/// A client with the settings for TLS and for authentication. With TLS nothing is ever sent in plain text;
+/// with authentication every Initialize is refused until a mechanism exists behind "auth.type".
 class SecuredClient : public Client {
  public:
   SecuredClient(std::string ip, unsigned short port, std::map<std::string, std::string> options, bool tls,

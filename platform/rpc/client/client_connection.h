@@ -4,7 +4,7 @@
 // failure.
 //
 // One thread uses a connection at a time. Any thread may call Abandon at the same time. A forked child that
-// inherits a connection closes its copy of the socket without a word to the peer and connects anew.
+// inherits a connection closes its copy of the socket without a message to the peer and connects anew.
 
 #include "platform/net/blocking_stream.h"
 #include "platform/net/deadline.h"

@@ -74,8 +74,7 @@ class ServerConnection : public std::enable_shared_from_this<ServerConnection>, 
     kEnd,   ///< close the connection
   };
 
-  // `error` receives the reason why the connection ends; it stays empty
-  // when the peer has just left.
+  // `error` receives the reason why the connection ends; it stays empty when the peer has just left.
   Step StepHandshake(std::string& error) VYN_REQUIRES(mMutex);
   Step StepGreeting(std::string& error) VYN_REQUIRES(mMutex);
   Step NextFrame(RpcFrame& frame, std::string& error) VYN_REQUIRES(mMutex);

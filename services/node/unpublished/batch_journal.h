@@ -1,7 +1,8 @@
 #pragma once
 
 // The batches of blocks that this node has allocated for variables that are not published yet, as files in a
-// folder. So a restarted daemon knows them too. One file for each batch, named after its first block, in JSON.
+// folder. So a restarted daemon knows them too. One file for each batch, named after its first block, in
+// JSON.
 //
 // Open comes first. Any thread may call the other functions, but only one at a time for the same batch.
 

@@ -24,7 +24,7 @@ constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
 /// How often one call may lose its connection because the leader has changed meanwhile. That is no failure of
 /// a leader: the calls to an old leader are ended as soon as a new one is known.
 constexpr unsigned int kMoveLimit = 16;
-/// A pause looks this often for a new leader.
+/// How often a pause checks whether there is a new leader.
 constexpr std::chrono::milliseconds kSlice{500};
 
 bool IsRetriable(std::uint32_t status) {

@@ -25,7 +25,7 @@ class Log {
   static unsigned int StringToLogLevel(const std::string& name);
 
   /// The level of a log on standard error: "off" or a level name in the environment variable VYN_LOG_STDERR
-  /// rules, otherwise StringToLogLevel(configured). Any other value of the variable is reported on standard
+  /// decides, otherwise StringToLogLevel(configured). Any other value of the variable is reported on standard
   /// error and ignored. "off" gives CRITICAL, which no line of the system has.
   static unsigned int StandardErrorLevel(const std::string& configured);
 

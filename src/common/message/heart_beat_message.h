@@ -1,6 +1,7 @@
 #pragma once
 
 // The heartbeat of an application's process, for the metadata service or the tuning service.
+// common/message/base_message.h says how a message is used and on which threads.
 
 #include "common/message/base_message.h"
 

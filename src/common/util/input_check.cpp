@@ -102,6 +102,11 @@ unsigned int CheckInputWithCharPtr(const std::string& input, bool allowEmpty, bo
   return CheckIdentifier(input, input.c_str(), allowEmpty, withSeparators);
 }
 
+unsigned int CheckToken(const char* token) {
+  VYN_CHECK_POINTER(token);
+  return CheckIdentifier(View(token), "***", true, false);
+}
+
 unsigned int CheckInputWithNormalLength(const char* input) {
   return CheckNormalLength(input == nullptr ? 0 : View(input).size());
 }

@@ -19,6 +19,10 @@ unsigned int InputRegularMatching(const std::string& input, bool withSeparators 
 unsigned int CheckInputWithCharPtr(const char* input, bool allowEmpty, bool withSeparators);
 unsigned int CheckInputWithCharPtr(const std::string& input, bool allowEmpty, bool withSeparators);
 
+/// Checks the token of an application, which may be empty. Returns: as CheckInputWithCharPtr; the record has
+/// "***" in place of the token.
+unsigned int CheckToken(const char* token);
+
 /// Whether `input` has 1 to 1024 characters of any kind. Returns: 0, or 1 with a last-error record.
 unsigned int CheckInputWithNormalLength(const char* input);
 unsigned int CheckInputWithNormalLength(const std::string& input);

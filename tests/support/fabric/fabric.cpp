@@ -10,7 +10,6 @@ fabric::FabricNodeOptions FabricOptions(const std::string& home, const std::stri
   options.capacity = 1ULL << 30U;
   options.nodeId = node;
   options.listenAddress = "127.0.0.1";
-  options.sweepSeconds = 1;
   return options;
 }
 

@@ -1,6 +1,7 @@
 // Texts, checks of input, files and the environment.
 
 #include "common/config/env_helper.h"
+#include "common/log/error_info.h"
 #include "common/util/file_util.h"
 #include "common/util/input_check.h"
 #include "common/util/text.h"
@@ -59,6 +60,8 @@ TEST(InputCheckTest, EqualsTheRegularExpressions) {
     EXPECT_EQ(CheckInputWithCharPtrLength(text.c_str(), text.size()), isCString ? 0U : 1U);
   }
   EXPECT_EQ(CheckInputWithCharPtr(static_cast<const char*>(nullptr), true, false), 2000057U);
+  EXPECT_EQ(CheckToken("secret.word"), 1U);
+  EXPECT_EQ(std::string(LastErrorText()).find("secret"), std::string::npos);
   EXPECT_EQ(CheckInputWithNormalLength(static_cast<const char*>(nullptr)), 1U);
 }
 

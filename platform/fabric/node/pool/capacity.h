@@ -30,10 +30,10 @@ class Capacity {
 
   /// Called without a lock when a reservation does not fit: gives at least `bytes` back by calling Release.
   /// If it has less to give, it gives nothing and returns false.
-  using Reclaimer = std::function<bool(std::uint64_t bytes)>;
+  using ReclaimFunction = std::function<bool(std::uint64_t bytes)>;
   /// Requires: nothing was reserved yet.
-  void SetReclaimer(Reclaimer reclaim) { mReclaim = std::move(reclaim); }
-  /// Calls the reclaimer. Also needed when the file system is full before the limit is reached. Returns:
+  void SetReclaim(ReclaimFunction reclaim) { mReclaim = std::move(reclaim); }
+  /// Calls that function. Also needed when the file system is full before the limit is reached. Returns:
   /// whether `bytes` were given back.
   bool Reclaim(std::uint64_t bytes) const { return mReclaim != nullptr && mReclaim(bytes); }
 
@@ -78,7 +78,7 @@ class Capacity {
   }
 
   const std::uint64_t mLimit;
-  Reclaimer mReclaim;  // set before the first reservation
+  ReclaimFunction mReclaim;  // set before the first reservation
   mutable sync::Mutex mMutex;
   std::uint64_t mUsed VYN_GUARDED_BY(mMutex) = 0;
 };

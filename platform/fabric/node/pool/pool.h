@@ -6,7 +6,7 @@
 // Threads: any, between Open and Close. No lock is held while pages are reserved or freed, with one
 // exception: Namespace::expanding.
 //
-// Results are those of protocol.h, and -EIO when an operation on the pool's folder failed.
+// Results are those of protocol/results.h, and -EIO when an operation on the pool's folder failed.
 
 #include "platform/fabric/node/fabric_node.h"
 #include "platform/fabric/node/pool/capacity.h"
@@ -63,7 +63,7 @@ class Pool {
   /// Beyond this number CreateNamespace returns kBmNotEnoughCapacity.
   static constexpr std::size_t kMaxNamespaces = 1U << 16U;
 
-  /// -EACCES, kBmNamespaceExists, kBmNamespaceInvalid as in protocol.h.
+  /// -EACCES, kBmNamespaceExists, kBmNamespaceInvalid as in protocol/results.h.
   int CreateNamespace(std::string_view name, std::string_view token);
   /// \param between called after every object that is freed; may be null.
   int DestroyNamespace(const NamespacePtr& space, const std::function<void()>& between = nullptr);

@@ -1,4 +1,4 @@
-// What a node tells of an object's contents.
+// Pool::State: size, stamp and checksum of an object's contents.
 
 #include "platform/fabric/node/pool/file_state.h"
 #include "platform/fabric/node/pool/pool.h"

@@ -1,6 +1,7 @@
 #pragma once
 
-// What a node keeps of a token: a salted hash, compared in constant time. Threads: const after construction.
+// The salted hash of a token, which a node stores instead of the token. The comparison takes constant time.
+// Threads: const after construction.
 
 #include <array>
 #include <string_view>

@@ -20,8 +20,8 @@ void ShuffleInfo::AddNewShuffleBlob(unsigned int partitionId, Ref<ShuffleBlob>& 
   sync::MutexLock lock(mMutex);
   const auto place = mPartitions.find(partitionId);
   Ref<PartitionInfo> partition = place == mPartitions.end() ? nullptr : place->second;
-  const bool fresh = partition == nullptr;
-  if (fresh) {
+  const bool isNew = partition == nullptr;
+  if (isNew) {
     partition = new (std::nothrow) PartitionInfo;
     if (partition == nullptr) {
       VYN_LOG_ERROR("New PartitionInfoPtr failed");
@@ -33,7 +33,7 @@ void ShuffleInfo::AddNewShuffleBlob(unsigned int partitionId, Ref<ShuffleBlob>& 
     sync::MutexLock partitionLock(partition->mMutex);
     partition->mBlobs.push_back(blob);
   }
-  if (fresh) {
+  if (isNew) {
     mPartitions[partitionId] = partition;  // also replaces a null entry
   }
   VYN_LOG_DEBUG("Record shuffleBlob " << (blob->mId == nullptr ? 0 : blob->mId->innerId) << " for app "

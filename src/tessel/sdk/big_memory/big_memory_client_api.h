@@ -45,8 +45,8 @@ class BigMemoryClientApi {
   /// of that name.
   static void* LoadFunction(const char* name, std::string& error);
 
-  /// Opens the library and sets all pointers. Returns: whether it found all required functions. After a failure
-  /// `error` has the reason, or is empty when the library's file was not found; call Close then.
+  /// Opens the library and sets all pointers. Returns: whether it found all required functions. After a
+  /// failure `error` has the reason, or is empty when the library's file was not found; call Close then.
   static bool Open(std::string& error);
 
   /// Closes the library if it is open.

@@ -19,7 +19,7 @@ using namespace vyn::tessel;
 
 unsigned int RegisterBroadcastApp(const char* appId, bool flag, const char* token, bool* registered) try {
   VYN_CHECK_TEXT(appId, false);
-  VYN_CHECK_TEXT(token, true);
+  VYN_CHECK_TOKEN(token);
   VYN_CHECK_ARGUMENT(registered);
   *registered = true;
   if (g_mfClientFlag != 0) {

@@ -103,11 +103,11 @@ std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcast
     }
   }
 
-  void* fresh = nullptr;
-  unsigned int status = MapBlock(appId, *info, blockId, fresh);
+  void* address = nullptr;
+  unsigned int status = MapBlock(appId, *info, blockId, address);
   if (Failed(status)) {
     if (const auto renewed = RenewIfStale(appId, broadcastId, name, info); renewed != nullptr) {
-      status = MapBlock(appId, *renewed, blockId, fresh);
+      status = MapBlock(appId, *renewed, blockId, address);
     }
   }
   if (Failed(status)) {
@@ -116,7 +116,7 @@ std::uint32_t ObtainBroadcastBlockAddr(const char* appId, unsigned int broadcast
                                 << blockId << " for broadcast variable " << name << " as "
                                 << LastErrorText());
   }
-  *addr = fresh;
+  *addr = address;
   VYN_LOG_DEBUG("Broadcast SDK exit function<ObtainBroadcastBlockAddr>");
   return VYN_OK;
 } catch (...) {
@@ -166,8 +166,7 @@ std::uint32_t ReleaseBroadcastBlockAddr(const char* appId, unsigned int broadcas
 
 std::uint32_t ReadRemoteBlock(const char* appId, unsigned int broadcastId, unsigned int blockId, void* buffer,
                               const char* token) try {
-  if (Failed(CheckInputWithCharPtr(appId, false, false)) ||
-      Failed(CheckInputWithCharPtr(token, true, false))) {
+  if (Failed(CheckInputWithCharPtr(appId, false, false)) || Failed(vyn::common::CheckToken(token))) {
     return VYN_ERR_BC_INVALID_PARAM;
   }
   VYN_CHECK_POINTER(g_broadcastCache);

@@ -72,9 +72,9 @@ unsigned int AllocOneBlock(const std::string& ns, const std::string& token, unsi
   return VYN_ERR_BLOCK_ALLOC;
 }
 
-/// The blocks that CreateBroadcastBlockBatchRemote has allocated on the chosen node. The destructor frees them
-/// unless they were kept. The namespace stays: it has the blocks of the application's earlier variables, and
-/// those that another thread allocates at this moment.
+/// The blocks that CreateBroadcastBlockBatchRemote has allocated on the chosen node. The destructor frees
+/// them unless they were kept. The namespace stays: it has the blocks of the application's earlier variables,
+/// and those that another thread allocates at this moment.
 class RemoteCreation {
  public:
   RemoteCreation(const std::string& ns, const std::string& token) : mNs(ns), mToken(token) {}
@@ -143,7 +143,7 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
                                              const char* selectedNode, const char* hostName,
                                              unsigned short nodeId, std::vector<std::string>& bmIds) try {
   VYN_CHECK_TEXT(appId, false);
-  VYN_CHECK_TEXT(token, true);
+  VYN_CHECK_TOKEN(token);
   if (blockNum != 0) {
     VYN_CHECK_ARGUMENT(sizes);
   }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned int kAnyCount = std::numeric_limits<unsigned int>::max();
 
-/// Copies the sizes to the caller if they fit into his room.
+/// Copies the sizes into the caller's array if they fit. \param room how many fit.
 unsigned int Give(const char* appId, unsigned int broadcastId, const std::vector<unsigned long>& sizes,
                   unsigned long* blockSizes, unsigned int room, unsigned int* blockNum) {
   if (blockNum != nullptr) {

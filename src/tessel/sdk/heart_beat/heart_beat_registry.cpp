@@ -44,8 +44,8 @@ struct SenderShutdown {
 
 using Senders = std::unordered_map<std::string, Ref<HeartBeatThread>>;
 
-/// In a forked child, empties the registry: its parent beats for those applications, and their senders have
-/// no threads here. They are kept unused, because their destructors would join these threads.
+/// In a forked child, empties the registry: its parent sends the heartbeats of those applications, and their
+/// senders have no threads here. The senders are not destroyed: their destructors would join those threads.
 void ForgetSendersOfParent(Senders& senders) {
   static std::uint32_t owner = sync::ForkCount();
   if (owner != sync::ForkCount()) {

@@ -38,6 +38,14 @@ common::Ref<T> NewMessage(Arguments&&... arguments) {
     }                                                                                        \
   } while (false)
 
+/// The same for a token, which the report does not show.
+#define VYN_CHECK_TOKEN(TOKEN)                             \
+  do {                                                     \
+    if (::vyn::Failed(::vyn::common::CheckToken(TOKEN))) { \
+      return VYN_ERR_BC_INVALID_PARAM;                     \
+    }                                                      \
+  } while (false)
+
 /// Makes the function return 2120001 when a required pointer is null. That is only logged, as for a null
 /// text.
 #define VYN_CHECK_ARGUMENT(ARGUMENT)                           \

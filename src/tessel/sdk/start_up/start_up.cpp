@@ -145,8 +145,8 @@ unsigned int BroadcastInitialize(const char* vynHome, const char* vynVersion, co
     FreeInitClaim();
     return VYN_ERR_GENERIC;
   }
-  // When an initialisation fails, the waiting threads return its status. Trying it again one after another,
-  // each would wait for ZooKeeper for the whole of its time-out.
+  // When an initialisation fails, the waiting threads return its status. If they tried again, each in turn
+  // would wait for ZooKeeper for a whole time-out.
   unsigned int status = VYN_OK;
   switch (g_startUp.Take(ClaimOnce::kNoLimit, &status)) {
     case ClaimOnce::Result::kFailed:

@@ -1,8 +1,8 @@
 #pragma once
 
 // What the services know about a variable: its record at the metadata service, and its blocks. The functions
-// return the services' own statuses and record no text; variable_failure.h makes the failure of them. Any
-// thread may call any function.
+// return the services' own statuses and record no text; variable_failure.h converts them into the
+// failures of vyn/variable.h. Any thread may call any function.
 
 #include "tessel/sdk/variable/variable_failure.h"
 
@@ -26,7 +26,7 @@ struct VariableBlocks {
 std::uint32_t LookUpAtLeader(const VariableKey& key, VariableBlocks& blocks);
 /// Asks the node server, which keeps what the leader has told it.
 std::uint32_t LookUpAtNode(const VariableKey& key, VariableBlocks& blocks);
-/// Makes the record without blocks. A record that has as many blocks already is a success.
+/// Makes the record without blocks. Succeeds, too, when there is a record with this number of blocks.
 std::uint32_t MakeRecord(const VariableKey& key, std::uint32_t blockNum);
 /// Completes the record: from now on readers find the variable.
 std::uint32_t CompleteRecord(const VariableKey& key, const VariableBlocks& blocks);

@@ -105,7 +105,9 @@ std::uint32_t VariableWriter::AllocateRemotely() {
   const NodeEndpoint& node = nodes.front();
   mBlocks.nodeId = node.nodeId;
   int result = LinkNode(node.nodeId, node.ip, node.port);
-  result = result == 0 ? MakeNamespace(node.nodeId, mAccess) : result;
+  if (result == 0) {
+    result = MakeNamespace(node.nodeId, mAccess);
+  }
   for (std::size_t i = 0; result == 0 && i < mBlocks.sizes.size(); ++i) {
     std::string id;
     result = AllocateBlock(node.nodeId, mAccess, mBlocks.sizes[i], id);

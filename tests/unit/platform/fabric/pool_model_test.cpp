@@ -47,7 +47,6 @@ class PoolModelTest : public testing::TestWithParam<std::string> {
   void Start(std::uint16_t node) {
     FabricNodeOptions options = mPlaces[node - 1].Options();
     options.capacity = kCapacity;
-    options.sweepSeconds = 3600;
     options.directory = test::Directory(2, mNodes[1]);
     if (GetParam() == "Secured") {
       mTls.Use(options);
