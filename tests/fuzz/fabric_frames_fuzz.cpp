@@ -1,4 +1,4 @@
-// Any bytes at a fabric node's doors, and any answers to its clients. The first byte of an input says which:
+// Any bytes at the listeners of a fabric node, and any answers to its clients. The first byte of an input says which:
 //
 //   0, 1   the rest is what a broker or link connection receives
 //   2, 3   the same, but the rest are requests that get a good header and come after a good hello:
@@ -61,7 +61,7 @@ class InputStream : public ByteStream {
 };
 
 /// Serves the bytes by a node whose namespace "app" with the token "t" holds one object of a known id.
-void Serve(ByteStream& stream, ListenerKind door) {
+void Serve(ByteStream& stream, ListenerKind kind) {
   const vyn::test::TempDir folder("/dev/shm");
   const auto ignore = [](const std::string&) {};
   std::string error;
@@ -76,7 +76,7 @@ void Serve(ByteStream& stream, ListenerKind door) {
     Neighbours neighbours(nullptr, {});
     PulledCopies copies(pool, neighbours, ignore);
     NodeParts parts{kNodeId, pool, copies, neighbours};
-    FabricSession session(parts, door);
+    FabricSession session(parts, kind);
     session.OnConnectionEnd(ServeConnection(
         stream, [&](ServerCall& call, Reader& arguments) { return session.Handle(call, arguments); },
         std::chrono::seconds(1)));

@@ -151,7 +151,7 @@ TEST_F(VariableTest, TheGivenFunctionsAndTheseMeet) {
   Expect(*Client("outside"), "open app 2 4", "0");
 }
 
-TEST_F(VariableTest, AWrongTokenIsCalledSo) {
+TEST_F(VariableTest, AWrongTokenIsReportedAsOne) {
   const auto writer = Client("first");
   Expect(*writer, "make app 1 5000 3", "0");
   Expect(*writer, "publish", "0");

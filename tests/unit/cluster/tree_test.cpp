@@ -147,7 +147,7 @@ TEST_F(TreeTest, MemoryFollowsTheTree) {
 
 // Setting a watch fails while the connection is lost. Its watcher is told once the connection is back, and acts
 // on what it reads then: no event tells of what has happened before.
-TEST_F(TreeTest, WhatALostConnectionHidIsActedUponAfterwards) {
+TEST_F(TreeTest, AChangeDuringALostConnectionIsActedUponAfterwards) {
   Statuses nodes = {{"gone", kInit}, {"here", kInit}};
   ASSERT_EQ(mAdapter->ZKCreateStatus(nodes), 0U);
   SetStatus("here", kAlive);

@@ -58,7 +58,7 @@ TEST(PeriodicTaskTest, RoundsComeAfterThePeriodOnAWakeAndAfterAnException) {
   EXPECT_TRUE(WaitUntil([&] { return rounds == 4; })) << "the first round comes at once";
 }
 
-TEST(ClaimOnceTest, WhoWaitsLearnsWhatBecameOfTheWork) {
+TEST(ClaimOnceTest, WaitingThreadsGetTheResult) {
   FakeClock clock;
   std::size_t waits = 0;
   /// What a thread that waits for the claim gets after `work`, and the failure that it is told.

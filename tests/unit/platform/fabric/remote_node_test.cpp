@@ -57,7 +57,7 @@ TEST(RemoteNodeTest, ConnectingAndGreetingShareOneDeadline) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(3800));  // of its own it would take 3900
 }
 
-TEST(RemoteNodeTest, AnswersThatAreNone) {
+TEST(RemoteNodeTest, InvalidAnswersEndTheCall) {
   const test::PeerNames names{
       {"hello", test::PeerBytes(R"("VBM1" u16:1 u16:0 u32:0 u32:0 u32:2 u32:0 u16:7)", {})}};
   for (const test::Peer& peer : test::Peers("answer", names)) {
@@ -74,7 +74,7 @@ TEST(RemoteNodeTest, AnswersThatAreNone) {
   }
 }
 
-TEST(SocketStreamTest, WhoEndsBeforeHeHasTakenAllHasNotReadIt) {
+TEST(SocketStreamTest, APeerThatClosesEarlyHasNotReceivedEverything) {
   test::RawListener listener;
   const auto stream = DialLink("127.0.0.1", listener.Port(), net::Deadline::After(std::chrono::seconds(30)));
   test::RawSocket peer = listener.Accept();

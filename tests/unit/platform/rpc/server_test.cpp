@@ -150,7 +150,7 @@ TEST_F(RpcServer, PipelinedRequestsAreAllAnswered) {
   EXPECT_EQ(replies, expected);
 }
 
-TEST_F(RpcServer, ARequestIsAnsweredOnceAndWhileItsConnectionStands) {
+TEST_F(RpcServer, ARequestIsAnsweredOnceAndWhileItsConnectionIsOpen) {
   mOptions.mStopTimeout = 100;  // a call is left open below
   Start();
   RawSocket socket = Open();
@@ -168,7 +168,7 @@ TEST_F(RpcServer, ARequestIsAnsweredOnceAndWhileItsConnectionStands) {
   EXPECT_EQ(contexts[2]->mStatus, -19);
 }
 
-TEST_F(RpcServer, ConnectionsAboveTheLimitAreToldSo) {
+TEST_F(RpcServer, ConnectionsAboveTheLimitGetAStatus) {
   mOptions.mMaxConnections = 2;
   Start();
   RawSocket first = Open();
@@ -180,7 +180,7 @@ TEST_F(RpcServer, ConnectionsAboveTheLimitAreToldSo) {
   ExpectServes();
 }
 
-TEST_F(RpcServer, WhoTakesTooLongIsLetGo) {
+TEST_F(RpcServer, AClientThatExceedsATimeLimitIsDisconnected) {
   const std::tuple<std::int64_t ServerOptions::*, std::string, bool> kCases[] = {
       {&ServerOptions::mHandshakeTimeout, "", false},
       {&ServerOptions::mFrameTimeout, WireGreeting() + test::WireHeader(1000, 1, kEcho), true},
@@ -212,7 +212,7 @@ TEST_F(RpcServer, AnIdleConnectionEndsAndOneWithACallStays) {
   EXPECT_EQ(waiting.Receive(34), WireFrame(kHold, "still here"));
 }
 
-TEST_F(RpcServer, BytesThatAreHeldAreBounded) {
+TEST_F(RpcServer, PendingBytesAreLimited) {
   mOptions.mMaxPendingBytes = 1000;
   Start();
   RawSocket first = Open();

@@ -139,7 +139,7 @@ TEST_F(ZkHelperTest, NothingHangsWhenTheSessionExpiresOrIsClosedUnderCalls) {
   }
 }
 
-TEST_F(ZkHelperTest, AWatchThatALostConnectionKeptFromBeingSetIsTold) {
+TEST_F(ZkHelperTest, TheWatcherRunsWhenALostConnectionKeptItsWatchFromBeingSet) {
   zhandle_t* handle = Open();
   std::atomic<int> told{0};
   gServer->Kill();

@@ -1,5 +1,5 @@
 // What the metadata service remembers: random operations against a model of it, also on a leader that has
-// just been deposed, and by hand what a neighbour or a lost answer does to the records.
+// just been fenced, and by hand what a neighbour or a lost answer does to the records.
 
 #include "services/common/service_status.h"
 #include "services/common/variable_record.h"
@@ -59,15 +59,15 @@ class MetadataStoreTest : public test::ClusterTest {
 
 class MetadataModelTest : public MetadataStoreTest {
  protected:
-  /// Does one step on the model, on a leader that has been deposed, if there is one, and on the leader.
+  /// Does one step on the model, on a leader that has been fenced, if there is one, and on the leader.
   template <typename Step>
-  void Try(MetadataState* deposed, Step step) {
+  void Try(MetadataState* fenced, Step step) {
     mModel.mWrote = false;
     const std::uint32_t expected = step(mModel);
-    if (deposed != nullptr) {
+    if (fenced != nullptr) {
       const auto before = Tree("/vyn");
-      EXPECT_EQ(step(*deposed), mModel.mWrote ? MetadataStore::kStatusLeadershipLost : expected);
-      EXPECT_TRUE(Tree("/vyn") == before) << "a deposed leader has written";
+      EXPECT_EQ(step(*fenced), mModel.mWrote ? MetadataStore::kStatusLeadershipLost : expected);
+      EXPECT_TRUE(Tree("/vyn") == before) << "a fenced leader has written";
     }
     EXPECT_EQ(step(*mLeader), expected);
   }
@@ -82,7 +82,7 @@ class MetadataModelTest : public MetadataStoreTest {
     EXPECT_TRUE(!complete || (read.nodeId == variable->node && read.bmIds == variable->bmIds &&
                               read.sizes.size() == read.bmIds.size()));
   }
-  void TryOne(test::RandomSteps& random, MetadataState* deposed) {
+  void TryOne(test::RandomSteps& random, MetadataState* fenced) {
     const auto app = random.Pick<std::string>({"a", "b"});
     const std::uint32_t id =
         random.Number(random.OneIn(4) ? 5 : 2);  // few, so that they are complete at times
@@ -94,22 +94,21 @@ class MetadataModelTest : public MetadataStoreTest {
     // A long list that grows is written to new pieces: that comes often.
     const bool grows = variable != nullptr && blockNum == kLong && random.OneIn(2);
     const std::uint32_t choice = grows ? 6 : random.Number(12);
-    random.Note("step", choice, app, id, "of", blockNum,
-                deposed == nullptr ? "" : "also on a deposed leader");
+    random.Note("step", choice, app, id, "of", blockNum, fenced == nullptr ? "" : "also on a fenced leader");
     if (choice < 3) {
       const auto blocks = random.Pick<std::uint32_t>({0, 1, 3, kLong, kLong, tessel::kMaxBlocks + 1});
-      Try(deposed, [&](auto& state) { return state.NewVariable(app, id, blocks); });
+      Try(fenced, [&](auto& state) { return state.NewVariable(app, id, blocks); });
     } else if (choice < 6) {
       const Blocks info(app, id, 0, blockNum + (random.OneIn(6) ? 1 : 0), node, letter);
-      Try(deposed, [&](auto& state) { return state.SetBlocks(info); });
+      Try(fenced, [&](auto& state) { return state.SetBlocks(info); });
     } else if (choice < 8) {
       const std::uint32_t count = std::max(blockNum, first + 1) - first + random.Number(3) - 1;
       const Blocks info(app, id, first, count, node, letter);
-      Try(deposed, [&](auto& state) { return state.AddBlocks(info); });
+      Try(fenced, [&](auto& state) { return state.AddBlocks(info); });
     } else if (choice < 11) {
-      Try(deposed, [&](auto& state) { return state.RemoveVariable(app, id); });
+      Try(fenced, [&](auto& state) { return state.RemoveVariable(app, id); });
     } else {
-      Try(deposed, [&](auto& state) { return state.RemoveApplication(app); });
+      Try(fenced, [&](auto& state) { return state.RemoveApplication(app); });
     }
     CheckRead(app, id);
   }
@@ -161,21 +160,21 @@ class MetadataModelTest : public MetadataStoreTest {
   std::unique_ptr<MetadataState> mLeader;
 };
 
-TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndADeposedOneChangesNothing) {
+TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndAFencedOneChangesNothing) {
   for (const unsigned int seed : test::Seeds(3)) {
     test::RandomSteps random(seed);
-    std::unique_ptr<MetadataState> deposed;
+    std::unique_ptr<MetadataState> fenced;
     for (int i = 0; i < 150 && !HasFailure(); ++i) {
       if (random.OneIn(15) && !mModel.mApplications.contains("b")) {  // as a registration at a node leaves it
         mRaw->Create("/vyn/apps/b", "{}");
         mModel.mApplications.insert("b");
       }
       if (i == 0 || random.OneIn(5)) {
-        deposed = i == 0 ? nullptr : NewLeader();
+        fenced = i == 0 ? nullptr : NewLeader();
         mLeader = NewLeader();
       }
-      TryOne(random, deposed.get());
-      deposed.reset();
+      TryOne(random, fenced.get());
+      fenced.reset();
       if (i % 5 == 4) {
         CheckTree();
       }
@@ -188,7 +187,7 @@ TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndADeposedOneChan
   }
 }
 
-TEST_F(MetadataStoreTest, WhoSentHeartbeatsEndsWhenTheyStay) {
+TEST_F(MetadataStoreTest, AnApplicationEndsWhenItsHeartbeatsStop) {
   test::FakeClock clock;
   auto leader = NewLeader();
   ASSERT_EQ(leader->NewVariable("beating", 1, 1), 0U);

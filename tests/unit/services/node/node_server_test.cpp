@@ -193,7 +193,7 @@ TEST_F(NodeServerTest, ABatchIsCreatedWholeAndWithinTheLimitOrNotAtAll) {
   EXPECT_EQ(Create("app", {5000}), 0U);
 }
 
-TEST_F(NodeServerTest, WhatWasMadeForACallerThatHasGoneIsGivenBack) {
+TEST_F(NodeServerTest, ObjectsForACallerThatHasGoneAreFreed) {
   mReclaimer.Start();
   StartServer(1);
   FetchHeld(1);
@@ -228,7 +228,7 @@ TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
   EXPECT_EQ(Fetch(2), 6U);
 }
 
-TEST_F(NodeServerTest, OneAsksTheLeaderForAllAndTheOthersKeepNoWorker) {
+TEST_F(NodeServerTest, OneLookUpServesAllCallersAndTheOthersBlockNoWorker) {
   StartServer(3);
   FetchHeld(1);
   ASSERT_TRUE(Asked(1));

@@ -39,7 +39,7 @@ class HeartBeatTest : public testing::Test {
   const CapturedLog mLog{5};
 };
 
-TEST_F(HeartBeatTest, ASenderBeatsTwiceAtOnceThenInItsPeriodAndSaysFarewell) {
+TEST_F(HeartBeatTest, ASenderSendsTwoHeartbeatsAtOnceThenOneEachPeriodAndALastOneAtItsStop) {
   FakeClock clock;
   ASSERT_EQ(Switch(true, "app"), 0U);
   for (std::size_t beats = 2; beats < 5; ++beats) {
@@ -99,7 +99,7 @@ TEST_F(HeartBeatTest, AForkedChildHasNotTheSendersOfItsParent) {
   EXPECT_EQ(Switch(false, "app"), 0U);
 }
 
-TEST_F(HeartBeatTest, AtTheEndOfTheProcessSendersSayNoFarewellAndNobodyWaitsForACallThatHangs) {
+TEST_F(HeartBeatTest, AtTheEndOfTheProcessSendersSendNothingAndNobodyWaitsForACallThatHangs) {
   mWorld.WriteConf("127.0.0.1:1", "vyn.tessel.rpc.shuffle_meta.timeout=600000\n");
   for (const bool hang : {false, true}) {
     SCOPED_TRACE(hang ? "hanging in their calls" : "between two beats");

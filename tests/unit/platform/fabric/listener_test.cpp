@@ -1,4 +1,4 @@
-// What strangers can send to a node's doors, byte by byte, and what becomes of them.
+// What any process can send to the listeners of a node, byte by byte, and how the node answers.
 
 #include "platform/fabric/protocol/codec.h"
 #include "platform/fabric/protocol/names.h"
@@ -31,7 +31,7 @@ std::string Packed(const std::vector<std::string>& texts) {
   return std::string(writer.Bytes());
 }
 
-class DoorsTest : public testing::Test {
+class ListenerTest : public testing::Test {
  protected:
   void Start() {
     test::StartAgain(mNode, mOptions);
@@ -65,7 +65,7 @@ class DoorsTest : public testing::Test {
   std::string mId;
 };
 
-TEST_F(DoorsTest, WhatIsNoConversationEndsTheConnectionAndNothingElse) {
+TEST_F(ListenerTest, AnInvalidConversationEndsItsOwnConnectionOnly) {
   Start();
   const test::PeerNames names{{"hello", kHello},
                               {"object", Packed({"app", "t", mId})},
@@ -73,7 +73,7 @@ TEST_F(DoorsTest, WhatIsNoConversationEndsTheConnectionAndNothingElse) {
                               {"id", Packed({mId})},
                               {"other", Packed({MakeObjectId(8)})}};
   for (const bool link : {false, true}) {
-    for (const std::string set : {"door", link ? "link" : "broker"}) {
+    for (const std::string set : {"listener", link ? "link" : "broker"}) {
       for (const test::Peer& peer : test::Peers(set, names)) {
         RawSocket caller = Connect(link);
         peer.Play(caller);
@@ -89,7 +89,7 @@ TEST_F(DoorsTest, WhatIsNoConversationEndsTheConnectionAndNothingElse) {
   }
 }
 
-TEST_F(DoorsTest, AFullDoorLetsTheIdleGoAndKeepsTheBusy) {
+TEST_F(ListenerTest, AFullListenerClosesIdleConnectionsAndKeepsBusyOnes) {
   mOptions.maxConnectionsPerPeer = 2;
   Start();
   // The older one is in the middle of a write, as the object shows.
@@ -114,7 +114,7 @@ TEST_F(DoorsTest, AFullDoorLetsTheIdleGoAndKeepsTheBusy) {
   EXPECT_EQ(busy.Receive(24), Frame(FabricOperation::kWrite, 1));
 }
 
-TEST_F(DoorsTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
+TEST_F(ListenerTest, AnAllocationWhoseAnswerNobodyReadIsFreed) {
   Start();
   const std::uint64_t size = 128U << 20U;
   const std::string request =
@@ -143,7 +143,7 @@ TEST_F(DoorsTest, AnAllocationWhoseAnswerNobodyReadIsUndone) {
   }
 }
 
-TEST_F(DoorsTest, WhatIsForwardedEndsWithItsCaller) {
+TEST_F(ListenerTest, AForwardedCallEndsWhenItsCallerHasGone) {
   test::RawListener far;
   mOptions.directory = [&](std::uint16_t, NodeAddress& address) {
     address = {"127.0.0.1", far.Port()};
