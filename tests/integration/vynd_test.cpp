@@ -238,7 +238,12 @@ TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
   EXPECT_TRUE(reloads("vyn.log.level=DEBUG\n", "Reloaded: log level DEBUG"));
   EXPECT_TRUE(reloads("vyn.log.level=LOUD\n", "Nothing is reloaded"));
   End(*node);
-  ExpectCommands(shell, {{"vynctl status", 2, {"LEADER  none"}}});
+  ExpectCommands(shell, {{"vynctl status", 2, {"LEADER  none"}},
+                         {"vynctl put app 9 in", 1, {"no metadata leader"}},
+                         {"vynctl put a.b 9 in", 2, {"1 to 255 letters"}},
+                         {"vynctl put app 9 unread", 1, {"no regular file"}},
+                         {"vynctl frobnicate", 2, {"frobnicate"}},
+                         {"vynctl", 2, {"--help lists them"}}});
 }
 
 }  // namespace

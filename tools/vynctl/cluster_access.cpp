@@ -98,6 +98,14 @@ void StartSdk(const Settings& settings, bool driver) {
   const auto environment = common::EnvHelper::GetInstance();
   const std::uint32_t status = BroadcastInitialize(settings.home.c_str(), environment->GetVersion().c_str(),
                                                    environment->GetBinaryType().c_str(), driver ? 0 : 1);
+  // The library has no text of its own for these two.
+  if (Failed(status) && std::string(common::LastErrorText()).empty()) {
+    throw CommandError(VynGetZkHandle() != nullptr
+                           ? "there is no metadata leader: start vynd on a node that may lead"
+                           : "ZooKeeper at " + Conf()->GetString("vyn.zookeeper.server.url", "") +
+                                 " cannot be used: " + VynZookeeperGetLastMessage(),
+                       status);
+  }
   Require(status, driver ? "starting as a driver" : "starting on this node");
 }
 

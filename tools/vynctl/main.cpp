@@ -10,6 +10,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -63,6 +64,16 @@ std::string ReadToken(const std::string& file) {
   return token;
 }
 
+/// Returns: why no application can have the name; empty if one can.
+std::string NameError(const std::string& name) {
+  constexpr std::size_t kLongest = 255;
+  const bool known = std::all_of(name.begin(), name.end(), [](unsigned char c) {
+    return (c < 0x80 && std::isalnum(c) != 0) || c == '_' || c == '-';
+  });
+  const bool good = known && !name.empty() && name.size() <= kLongest;
+  return good ? "" : "the name of an application has 1 to 255 letters, digits, _ and -";
+}
+
 /// Whether the command line has the option. For one that could not be parsed to its end.
 bool Has(int argc, char** argv, const char* option) {
   return std::any_of(argv, argv + argc, [&](const char* text) { return std::strcmp(text, option) == 0; });
@@ -104,7 +115,7 @@ int main(int argc, char** argv) {
 
   CLI::App app{"vynctl, the operator's view of Vyn broadcast", "vynctl"};
   app.set_version_flag("--version", std::string("vynctl ") + VYN_PROJECT_VERSION);
-  app.require_subcommand(1);
+  app.require_subcommand(0, 1);  // a missing one is told below, an unknown one by its name
   app.add_option("--home", settings.home, "the installation (default: VYN_HOME)");
   auto* token = app.add_option(
       "--token", settings.token,
@@ -112,6 +123,9 @@ int main(int argc, char** argv) {
       "in the list of processes (default: VYN_TOKEN)");
   app.add_option("--token-file", tokenFile, "a file whose first line is the token")->excludes(token);
   app.parse_complete_callback([&] {
+    if (app.get_subcommands().empty()) {
+      throw CLI::RequiredError("a command (--help lists them)");
+    }
     if (!tokenFile.empty()) {
       settings.token = ReadToken(tokenFile);
     }
@@ -123,7 +137,7 @@ int main(int argc, char** argv) {
   auto* status = app.add_subcommand("status", "leader, members, nodes, applications, variables");
   status->callback([&] { code = ShowStatus(settings) ? 0 : kNoLeader; });
   auto* put = app.add_subcommand("put", "broadcast a file as a variable");
-  put->add_option("APP", application)->required();
+  put->add_option("APP", application)->required()->check(NameError);
   put->add_option("ID", id)->required();
   put->add_option("FILE", file)->required()->check(CLI::ExistingFile);
   put->add_option("--block-size", blockSize, "bytes of a block, like 4M")
@@ -132,24 +146,24 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   put->callback([&] { PutVariable(settings, application, id, file, blockSize); });
   auto* get = app.add_subcommand("get", "write a variable's contents to standard output or a file");
-  get->add_option("APP", application)->required();
+  get->add_option("APP", application)->required()->check(NameError);
   get->add_option("ID", id)->required();
   get->add_option("-o,--output", output, "the file");
   get->callback([&] { GetVariable(settings, application, id, output); });
   auto* remove = app.add_subcommand("rm", "remove a variable and free its memory");
-  remove->add_option("APP", application)->required();
+  remove->add_option("APP", application)->required()->check(NameError);
   remove->add_option("ID", id)->required();
   remove->callback([&] { RemoveVariable(settings, application, id); });
   auto* verify =
       app.add_subcommand("verify", "read a variable and all its copies and compare their checksums");
-  verify->add_option("APP", application)->required();
+  verify->add_option("APP", application)->required()->check(NameError);
   verify->add_option("ID", id)->required();
   verify->callback([&] { code = VerifyVariable(settings, application, id) ? 0 : 1; });
   auto* apps = app.add_subcommand("app", "applications");
   apps->require_subcommand(1);
   apps->add_subcommand("ls", "list them with their variables")->callback([&] { ListApplications(settings); });
   auto* end = apps->add_subcommand("rm", "end one: delete its variables and free its memory on every node");
-  end->add_option("APP", application)->required();
+  end->add_option("APP", application)->required()->check(NameError);
   end->add_flag("--wait", wait, "return only when every running node has freed the memory");
   end->callback([&] { RemoveApplication(settings, application, wait); });
   auto* nodes = app.add_subcommand("node", "nodes");

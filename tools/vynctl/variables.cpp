@@ -100,7 +100,7 @@ class Output {
     mTemporary = file + ".XXXXXX";
     mFile.Reset(mkostemp(mTemporary.data(), O_CLOEXEC));
     if (!mFile) {
-      throw CommandError(mTemporary + ": " + std::strerror(errno));
+      throw CommandError(file + ": " + std::strerror(errno));
     }
     const mode_t mask = umask(0);
     umask(mask);
@@ -144,10 +144,13 @@ void Print(const Settings& settings, const json& answer, const std::string& text
 
 void PutVariable(const Settings& settings, const std::string& application, std::uint32_t id,
                  const std::string& file, std::uint64_t blockSize) {
-  const net::Descriptor input = Open(file, O_RDONLY);
+  const net::Descriptor input = Open(file, O_RDONLY | O_NONBLOCK);  // a pipe would wait for a writer
   struct stat status {};
-  if (fstat(input.Get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0) {
-    throw CommandError(file + " is no file with contents");
+  if (fstat(input.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    throw CommandError(file + " is no regular file, so its size is unknown: copy the data to a file first");
+  }
+  if (status.st_size == 0) {
+    throw CommandError(file + " is empty: a variable has at least one byte");
   }
   const auto total = static_cast<std::uint64_t>(status.st_size);
   StartWith(settings, application);
