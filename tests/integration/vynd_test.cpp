@@ -60,6 +60,7 @@ TEST_F(VyndTest, TellsItsSupervisorAndEndsOrderly) {
   node->Start();
   EXPECT_EQ(supervisor.Receive(), "READY=1");
   EXPECT_EQ(mTree.Get(kLeaderPath), "127.0.0.1");
+  ExpectCommands("timeout 60 ", {{node->Command(), 1, {"runs on ", std::to_string(node->Process().Pid())}}});
   End(*node);
   EXPECT_EQ(supervisor.Receive(), "STOPPING=1");
   for (const char* path : {kLeaderPath, "/mf/node/1", "/mf/capacity/1"}) {

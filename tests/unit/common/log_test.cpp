@@ -1,4 +1,4 @@
-// Log lines and their gates, the checks that write them, the record of a thread's last failure, log files.
+// The record of a thread's last failure, log files.
 
 #include "common/log/log.h"
 

@@ -1,4 +1,4 @@
-// Addresses, interfaces, and the environment by which the transport takes its settings.
+// Subnets, interfaces, and the environment by which the transport takes its settings.
 
 #include "common/rpc/network.h"
 

@@ -1,9 +1,10 @@
-// Texts, checks of input, files and the environment.
+// Texts, checks of input, random order, files and the environment.
 
 #include "common/config/env_helper.h"
 #include "common/log/error_info.h"
 #include "common/util/file_util.h"
 #include "common/util/input_check.h"
+#include "common/util/random_index.h"
 #include "common/util/text.h"
 #include "support/captured_log.h"
 #include "support/temp_dir.h"
@@ -63,6 +64,15 @@ TEST(InputCheckTest, EqualsTheRegularExpressions) {
   EXPECT_EQ(CheckToken("secret.word"), 1U);
   EXPECT_EQ(std::string(LastErrorText()).find("secret"), std::string::npos);
   EXPECT_EQ(CheckInputWithNormalLength(static_cast<const char*>(nullptr)), 1U);
+}
+
+TEST(RandomIndexTest, EveryIndexOnce) {
+  std::vector<unsigned int> one(100);
+  std::vector<unsigned int> other;
+  ShuffleIndex(one);
+  RandomIndexes(100, other);
+  EXPECT_TRUE(one != other && std::is_permutation(one.begin(), one.end(), other.begin(), other.end()));
+  EXPECT_EQ(*std::set(one.begin(), one.end()).rbegin() + std::set(one.begin(), one.end()).size(), 199U);
 }
 
 class FilesTest : public testing::Test {

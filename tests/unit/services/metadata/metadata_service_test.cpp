@@ -246,13 +246,14 @@ TEST_F(MetadataMemberTest, AClaimOrMutexWhoseReplyWasLostIsItsOwn) {
         DoDlZooCreate(VynGetZkHandle(), path, kSelf, 9, &ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr, 0),
         ZOK);
   }
-  mMeta->mLeaderAddress = kOther;  // who led before
+  mMeta->mLeaderAddress = kOther;               // who led before
+  mRaw->Create("/meta/status/127.0.0.8", "2");  // no node any more
   StartMember();
   EXPECT_TRUE(Leads());
   EXPECT_EQ(LeaderAddress(), kSelf);
   EXPECT_FALSE(mRaw->Exists("/meta/mutex"));
   EXPECT_TRUE(HasStatuses("2", "3"));
-  EXPECT_FALSE(mRaw->Exists(kFollowerPath));
+  EXPECT_FALSE(mRaw->Exists(kFollowerPath) || mRaw->Exists("/meta/status/127.0.0.8"));
   mMember->Stop();
   EXPECT_FALSE(mRaw->Exists(kLeaderPath));
 
