@@ -73,7 +73,11 @@ class FabricTest : public testing::TestWithParam<std::string> {
          return mNames["pool" + std::to_string(number)] = place.Pool();
        }},
       {"start", [this](Name name) { return mProcesses[name].Pid(); }},
-      {"kill", [this](Name name) { return mProcesses.erase(name); }},
+      {"kill",
+       [this](Name name) {
+         mProcesses.at(name).Kill();
+         return mProcesses.erase(name);
+       }},
       {"signal",
        [this](Name name, int signal) {
          mProcesses.at(name).Signal(signal);

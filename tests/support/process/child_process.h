@@ -90,10 +90,11 @@ class ChildProcess {
     }
     mSocket.Close();
   }
-  /// Closes its input and waits for its end. Returns: its exit code, -1 when a signal ended it or it had to
-  /// be killed.
+  /// Closes its input, lets it go on when it stands still, and waits for its end. Returns: its exit code, -1
+  /// when a signal ended it or it had to be killed.
   int Wait(std::chrono::seconds limit = std::chrono::seconds(60)) {
     int status = -1;
+    Signal(SIGCONT);
     shutdown(mSocket.Descriptor(), SHUT_WR);
     if (mPid > 0 && WaitUntil([&] { return waitpid(mPid, &status, WNOHANG) != 0; }, limit)) {
       mPid = -1;

@@ -10,7 +10,7 @@ namespace vyn::test {
 using Words = std::vector<std::string>;
 
 /// A node of a cluster: its home, its configuration and pool, and its daemon when that runs. The end of the
-/// object ends the daemon and removes the pool.
+/// object ends the daemon, in order if it can, and removes the pool.
 class VyndNode {
  public:
   /// \param metadataPort the one port at which the leader of the cluster listens. \param nodeList who may
@@ -31,6 +31,11 @@ class VyndNode {
             "\nvyn.tessel.rpc.manager.port=" + std::to_string(mLinkPort.Number()) + "\n");
     std::filesystem::create_directory(mHome + "/logs");
     std::filesystem::create_directory_symlink(VYN_STAGE_DIR "/home/tessel", mHome + "/tessel");
+  }
+
+  ~VyndNode() {
+    mProcess.Signal(SIGTERM);
+    mProcess.Wait();
   }
 
   const std::string& Home() const { return mHome; }
@@ -100,6 +105,10 @@ class BroadcastClient {
     if (const std::string answer = Do("init " + home + (driver ? " 0" : " 1")); answer != "0") {
       throw std::runtime_error("the client cannot be initialised: " + answer);
     }
+  }
+  /// The process ends by itself, so that a hang, a crash or a leak at its end shows, unless the test has killed it.
+  ~BroadcastClient() {
+    EXPECT_TRUE(mProcess.Pid() < 0 || mProcess.Wait() == 0) << "a client has not ended in order";
   }
   /// Returns: the answer, a status first.
   std::string Do(const std::string& command) {
