@@ -135,6 +135,28 @@ TEST_F(LeaderTest, TheAnswerOfANewLeaderIsNotHeldBackByThePausesOfTheOldOne) {
   EXPECT_EQ(Slept(clock), seconds(0));
 }
 
+TEST_F(LeaderTest, ACallLeavesALeaderThatStandsStillAsSoonAsThereIsAnother) {
+  for (const bool driver : {true, false}) {  // a driver learns of the leader by itself, an executor asks
+    SetLeader("127.0.0.1");
+    NodeServerSays("127.0.0.1");
+    const auto client = ShuffleMetaRPCEngine::CreateInstance(600000, true, driver ? nullptr : mServer);
+    ASSERT_EQ(client->Initialize(), 0U);
+    const std::size_t before = mNodes.second->Count(kAppRemove);
+    const auto served = std::make_shared<std::atomic<bool>>(false);
+    mNodes.first->Answer(kAppRemove, [this, driver, served](const auto&) {
+      NodeServerSays("127.0.0.2");
+      if (driver) {
+        SetLeader("127.0.0.2");
+      }
+      static_cast<void>(test::WaitUntil([&] { return served->load(); }));
+      return ScriptedService::Reply{0, ""};
+    });
+    EXPECT_EQ(client->AppRemove("app"), 0U);
+    EXPECT_EQ(mNodes.second->Count(kAppRemove), before + 1);
+    *served = true;
+  }
+}
+
 TEST_F(LeaderTest, SixteenThreadsFollowALeaderThatGoesBackAndForth) {
   ASSERT_EQ(mDriver->Initialize(), 0U);
   const auto metaNode = common::MetaNodeInfo::GetInstance();

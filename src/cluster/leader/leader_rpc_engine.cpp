@@ -24,6 +24,9 @@ constexpr std::array<std::chrono::milliseconds, kRetryLimit + 1> kPauses{
 /// How often one call may lose its connection because the leader has changed meanwhile. That is no failure of
 /// a leader: the calls to an old leader are ended as soon as a new one is known.
 constexpr unsigned int kMoveLimit = 16;
+/// After this time without an answer the leader may have been replaced: the client asks, this often.
+constexpr std::chrono::seconds kSilence{10};
+constexpr std::chrono::seconds kAskPeriod{2};
 /// How often a pause checks whether there is a new leader.
 constexpr std::chrono::milliseconds kSlice{500};
 
@@ -140,6 +143,20 @@ std::string LeaderRPCEngine::KnownLeader() {
   }
   sync::ReaderLock leaderLock(mMetaNode->mLeaderLock);
   return mMetaNode->mLeaderAddress;
+}
+
+void LeaderRPCEngine::EndCallsToOldLeader(const std::function<void()>& ask) {
+  const auto pool = EnginePool();
+  const auto longest = pool == nullptr ? std::chrono::nanoseconds() : pool->LongestUse();
+  if (longest == std::chrono::nanoseconds::zero()) {
+    return;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  if (longest >= kSilence && now - mLastAsk >= kAskPeriod) {
+    mLastAsk = now;
+    ask();
+  }
+  static_cast<void>(RefreshMasterNodeInfo(true));
 }
 
 void LeaderRPCEngine::PauseFor(std::chrono::milliseconds pause, const std::string& leader) {

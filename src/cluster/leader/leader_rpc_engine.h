@@ -97,6 +97,14 @@ class LeaderRPCEngine : public common::RPCEngineBase {
                               const std::function<void(std::uint32_t)>& afterFailure,
                               std::chrono::milliseconds limit = {}, common::ExpectedRefusals expected = {});
 
+  /// Ends the calls under way at a leader that has been replaced, which SendWithRetry then repeats at the new
+  /// one: a leader that stands still would never end them. One thread calls it, every kFollowPeriod. \param ask
+  /// finds the present leader and stores it in MetaNodeInfo; called every 2 s while a call lasts longer than
+  /// 10 s.
+  void EndCallsToOldLeader(const std::function<void()>& ask);
+
+  static constexpr std::chrono::milliseconds kFollowPeriod{500};
+
  private:
   /// Returns: the leader's address that MetaNodeInfo has; empty before LoadDependencies.
   std::string KnownLeader();
@@ -116,6 +124,7 @@ class LeaderRPCEngine : public common::RPCEngineBase {
   bool mTlsEnable VYN_GUARDED_BY(mRefreshMutex) = true;
   bool mAuthEnable VYN_GUARDED_BY(mRefreshMutex) = true;
   std::uint16_t mPort VYN_GUARDED_BY(mRefreshMutex) = 0;
+  std::chrono::steady_clock::time_point mLastAsk;  ///< only for EndCallsToOldLeader
 
  protected:
   const bool mIsSdk;

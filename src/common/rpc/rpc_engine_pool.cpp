@@ -3,6 +3,7 @@
 #include "common/log/logging.h"
 #include "common/util/system.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -116,6 +117,15 @@ void RPCEnginePool::AbandonOldPeers() {
   for (const auto& engine : old) {
     engine->Abandon();
   }
+}
+
+std::chrono::nanoseconds RPCEnginePool::LongestUse() {
+  sync::MutexLock lock(mMutex);
+  if (mInUse.empty()) {
+    return {};
+  }
+  const auto older = [](const InUse& left, const InUse& right) { return left.mBegan < right.mBegan; };
+  return std::chrono::steady_clock::now() - std::min_element(mInUse.begin(), mInUse.end(), older)->mBegan;
 }
 
 unsigned int RPCEnginePool::ConnectEngine(Ref<RpcEngine>& engine,

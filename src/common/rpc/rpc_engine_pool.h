@@ -12,6 +12,7 @@
 #include "common/util/ref.h"
 #include "platform/sync/mutex.h"
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -45,6 +46,8 @@ class RPCEnginePool : public Referable {
   /// Ends the calls under way to peers other than the present one with 2020019. A client calls this after it
   /// has changed the address: an old peer that stands still would keep each call for its whole time-out.
   void AbandonOldPeers();
+  /// Returns: for how long the oldest call or connect under way has lasted; zero without one.
+  std::chrono::nanoseconds LongestUse();
   /// Fills the security settings from mConfig. Requires: mConfig is set. An existing entry keeps its value.
   void GetSecurityConf();
 
@@ -77,6 +80,7 @@ class RPCEnginePool : public Referable {
     Ref<RpcEngine> mEngine;
     std::string mIp;
     std::uint16_t mPort;
+    std::chrono::steady_clock::time_point mBegan = std::chrono::steady_clock::now();
   };
   void Forget(const Ref<RpcEngine>& engine) VYN_REQUIRES(mMutex);
 

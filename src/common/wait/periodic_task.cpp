@@ -17,7 +17,7 @@ void PeriodicTask::Start(const Options& options, std::function<void()> round) {
     mWoken = options.atOnce;
     mStopping = false;
   }
-  mThread = std::thread([this, failure = options.failure, round = std::move(round)] { Run(failure, round); });
+  mThread = std::thread([this, options, round = std::move(round)] { Run(options, round); });
 }
 
 void PeriodicTask::Wake() {
@@ -55,10 +55,15 @@ bool PeriodicTask::Stop() {
   return true;
 }
 
-void PeriodicTask::Run(const char* failure, const std::function<void()>& round) {
+void PeriodicTask::Run(const Options& options, const std::function<void()>& round) {
   sync::MutexLock lock(mMutex);
   for (;;) {
-    WaitFor(mWake, lock, mPeriod, [this]() VYN_REQUIRES(mMutex) { return mWoken || mStopping; });
+    const auto due = [this]() VYN_REQUIRES(mMutex) { return mWoken || mStopping; };
+    if (options.realTime) {
+      mWake.WaitFor(lock, mPeriod, due);
+    } else {
+      WaitFor(mWake, lock, mPeriod, due);
+    }
     if (mStopping) {
       return;
     }
@@ -67,7 +72,7 @@ void PeriodicTask::Run(const char* failure, const std::function<void()>& round) 
     try {
       round();
     } catch (...) {  // probably bad_alloc; the next round may succeed
-      static_cast<void>(StatusOfException(failure));
+      static_cast<void>(StatusOfException(options.failure));
     }
     lock.Lock();
   }

@@ -1,6 +1,7 @@
 #pragma once
 
-// Calls a function periodically on a thread of its own. The waits use the clock of common/util/clock.h.
+// Calls a function periodically on a thread of its own. The waits use the clock of common/util/clock.h, unless
+// Options::realTime is set.
 //
 // Any thread may call any operation; only one thread at a time may call Start or Stop. No lock is held during
 // a round (one call of the function), so the function may call Wake, SetPeriod, RequestStop and Stopping.
@@ -19,6 +20,7 @@ class PeriodicTask {
     const char* failure;              ///< logged, with the exception's text, when a round throws
     std::chrono::nanoseconds period;  ///< from the end of a round to the start of the next
     bool atOnce = false;              ///< whether the first round starts without a wait
+    bool realTime = false;  ///< whether the waits use the real clock, even when a test has replaced it
   };
 
   PeriodicTask() = default;
@@ -42,7 +44,7 @@ class PeriodicTask {
   bool Stop();
 
  private:
-  void Run(const char* failure, const std::function<void()>& round);
+  void Run(const Options& options, const std::function<void()>& round);
 
   mutable sync::Mutex mMutex;
   std::chrono::nanoseconds mPeriod VYN_GUARDED_BY(mMutex){};

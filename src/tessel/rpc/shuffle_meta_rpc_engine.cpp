@@ -9,6 +9,7 @@
 #include "tessel/rpc/meta_rpc_engine_pool.h"
 
 #include <new>
+#include <system_error>
 
 namespace vyn::tessel {
 
@@ -58,6 +59,12 @@ std::uint32_t ShuffleMetaRPCEngine::Initialize() {
   if (const std::uint32_t status = ShuffleMetaLeaderInfoGet(); Failed(status)) {
     VYN_LOG_ERROR("Failed to get leader info from server in retry time: " << 0);
     return status;
+  }
+  try {
+    mFollow.Start({.failure = "Following the metadata leader", .period = kFollowPeriod, .realTime = true},
+                  [this] { EndCallsToOldLeader([this] { static_cast<void>(ShuffleMetaLeaderInfoGet()); }); });
+  } catch (const std::system_error& failure) {
+    VYN_LOG_WARN("Calls to a leader that stands still wait for their whole limit: " << failure.what());
   }
   return ConnectToLeader();
 }

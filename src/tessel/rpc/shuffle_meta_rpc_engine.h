@@ -14,6 +14,7 @@
 // fills them on success.
 
 #include "cluster/leader/leader_rpc_engine.h"
+#include "common/wait/periodic_task.h"
 #include "platform/sync/mutex.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
@@ -47,7 +48,8 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
   /// Returns: the process's instance, which may be null. May run while another thread calls CreateInstance.
   static Ref<ShuffleMetaRPCEngine> GetInstance();
 
-  /// Finds the leader and connects to it. Returns: 0; 2000057 without a configuration; 1 without a
+  /// Finds the leader, connects to it, and starts the thread that follows it. One thread at a time may call
+  /// it. Returns: 0; 2000057 without a configuration; 1 without a
   /// MetaNodeInfo; the failure of ShuffleMetaLeaderInfoGet or of InitializeEnginePool, which returns 2060007
   /// when no connection could be made.
   std::uint32_t Initialize();
@@ -142,6 +144,7 @@ class ShuffleMetaRPCEngine : public cluster::LeaderRPCEngine {
 
   sync::Mutex mServerEngineMutex;
   Ref<ShuffleServerRPCEngine> mServerEngine VYN_GUARDED_BY(mServerEngineMutex);  ///< null in a driver
+  common::PeriodicTask mFollow;  ///< calls EndCallsToOldLeader; the last member, so that it stops first
 };
 
 }  // namespace vyn::tessel
