@@ -306,6 +306,8 @@ TEST_F(OperationsTest, OfTheTuningService) {
       With<3>("a type"));
   Ask(4, {}, &Tuning::InferByHistory, std::tuple("f", "a", "q", "type", "any text", good), With<1>("a b"),
       With<3>(""), With<5>(bad));
+  common::Configuration::GetInstance()->Set("vyn.tuning.rpc.server.port", 1);
+  EXPECT_NE(Tuning::CreateInstance(9001, false, 3)->Initialize(), 0U);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "support/rpc/all_messages.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
+#include "tessel/message/shuffle/shuffle_application.h"
 
 namespace vyn::test {
 namespace {
@@ -184,6 +185,22 @@ TEST(Blob, IsWrittenWithUpTo63BytesOfTextAndReadWithAllItsRoom) {
   EXPECT_EQ(blob.blobText, "text" + std::string(60, '\0'));
   blob.blobText = "text";
   EXPECT_EQ(Bytes(blob), BlobBytes("text"));
+}
+
+TEST(Blob, ListsTakeAllOrNothingAndPartitionsKeepTheirOrder) {
+  ShuffleBlobListAndTaskInfo info;
+  std::vector<common::Ref<ShuffleBlob>> blobs;
+  for (const std::size_t size : {95, 104}) {
+    info.valueList = {BlobBytes("one"), BlobBytes("two", 8, size)};
+    EXPECT_EQ(info.DeserializeToShuffleBlobList(blobs), size == 104 ? 0U : kRefused);
+    EXPECT_EQ(blobs.size(), size == 104 ? 2U : 0U);
+  }
+  ShuffleInfo shuffle;
+  shuffle.mPartitions[6] = nullptr;  // a place that somebody else looked up
+  for (common::Ref<ShuffleBlob> blob : {blobs[0], blobs[1], common::Ref<ShuffleBlob>()}) {
+    shuffle.AddNewShuffleBlob(6, blob);
+  }
+  EXPECT_THAT(shuffle.mPartitions[6]->mBlobs, testing::ElementsAre(blobs[0], blobs[1]));
 }
 
 TEST(Blob, IsReadWhenItsRecordOf96BytesLiesWithinTheInput) {

@@ -43,7 +43,8 @@ class FabricPlace {
 /// The names in a folder and below, sorted; none when there is no such folder.
 std::vector<std::string> NamesIn(const std::string& folder);
 
-/// programs/fabric_process. Its requests are the program's commands. It ends in order, unless the test kills it.
+/// programs/fabric_process. Its requests are the program's commands. It ends in order, unless the test kills
+/// it.
 class FabricProcess : public ChildProcess {
  public:
   FabricProcess() : ChildProcess({VYN_TEST_PROGRAM_DIR "/fabric_process"}) {}

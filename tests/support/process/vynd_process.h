@@ -106,7 +106,8 @@ class BroadcastClient {
       throw std::runtime_error("the client cannot be initialised: " + answer);
     }
   }
-  /// The process ends by itself, so that a hang, a crash or a leak at its end shows, unless the test has killed it.
+  /// Unless the test has killed the process, it ends by itself, so that a hang, a crash or a leak at its end
+  /// shows.
   ~BroadcastClient() {
     EXPECT_TRUE(mProcess.Pid() < 0 || mProcess.Wait() == 0) << "a client has not ended in order";
   }

@@ -27,9 +27,10 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
   struct Row {
     const char* refused;  ///< behind "DoDlZoo"
     int nth;              ///< the call that is refused
-    const char* audit;    ///< the word of the failure
+    const char* audit;    ///< the word of the failure; empty when it has none
     std::function<std::uint32_t()> call;
     std::uint32_t status = 1;
+    int answer = ZNOAUTH;  ///< of the refused call
   };
   const auto watch = [&] { return mAdapter->ZKRegisterWatcher(false); };
   const auto makeStatus = [&] { return mAdapter->ZKCreateStatus(nodes); };
@@ -39,6 +40,12 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
     mMeta->mNodeStatusMap = {{"other:1", kAlive}};
     return mAdapter->ZKCheckAndMarkFollowerBroken(mMeta, names);
   };
+  const auto available = [&] { return mAdapter->ClusterZKCheckAvailable(); };
+  const auto lead = [&] { return mAdapter->ZKTryBecomeMetaElectionLeader(mMeta, won); };
+  const auto elect = [&] { return mAdapter->ZKElectionOperate(mMeta); };
+  const auto release = [&] { return mAdapter->ZKReleaseMetaMutex(); };
+  const auto clear = [&] { return mAdapter->ZKClearAndCreateStatusDynamic(mMeta); };
+  const auto resign = [&] { return mAdapter->ZKTryDeleteMetaElectionLeader(); };
   const Row rows[] = {
       {"Create", 1, "mkdir_meta", [&] { return mAdapter->ClusterZKMakeDir(); }},
       {"Wexists", 1, "set_leader_watcher", watch, 2000055},
@@ -46,17 +53,31 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
       {"GetChildren", 1, "get_status_children", watch},
       {"Create", 1, "create_node", makeStatus},
       {"Create", 2, "create_status", makeStatus},
-      {"Delete", 1, "delete_meta_conf", [&] { return mAdapter->ZKClearAndCreateStatusDynamic(mMeta); }},
+      {"Create", 2, "", makeStatus, 0, ZNODEEXISTS},
+      {"Delete", 1, "delete_meta_conf", clear},
+      {"GetChildren", 1, "get_status_children", clear},
       {"Get", 1, "get_status", set},
       {"Set", 1, "set_status", set},
       {"GetChildren", 1, "get_meta_children", read},
       {"Get", 1, "get_status", read},
       {"Set", 1, "set_status", mark},
       {"GetChildren", 1, "get_node_list", [&] { return mAdapter->ClusterZKGetNodeList(ids); }},
-      {"Create", 1, "elect_leader", [&] { return mAdapter->ZKTryBecomeMetaElectionLeader(mMeta, won); }},
+      {"Exists", 1, "", available, 2000051, ZSSLCONNECTIONERROR},
+      {"Exists", 1, "", available, 2000053, ZBADARGUMENTS},
+      {"Exists", 1, "", available, 2000055},
+      {"Wexists", 1, "set_leader_watcher", watch, 2000047, ZOPERATIONTIMEOUT},
+      {"Create", 1, "elect_leader", lead},
+      {"Create", 1, "", lead, 0, ZOPERATIONTIMEOUT},
+      {"Create", 1, "elect_leader", elect},
+      {"Create", 1, "get_status", elect, 1, ZOK},  // it leads and cannot mark the leader before it
+      {"Delete", 1, "", resign},
+      {"Delete", 1, "", resign, 1, ZNONODE},
       {"Create", 1, "create_follower_path", [&] { return mAdapter->ZKCreateMetaElectionFollower(mMeta); }},
       {"Create", 1, "create_status_dynamic", [&] { return mAdapter->ZKWaitAndCreateMetaMutex(); }},
-      {"Delete", 1, "delete_meta_mutex", [&] { return mAdapter->ZKReleaseMetaMutex(); }}};
+      {"Delete", 1, "delete_meta_mutex", release},
+      {"Delete", 1, "", release, 0, ZNONODE},
+      {"Delete", 2, "clear_meta_children", clear}};
+  mMeta->mMetaNodeRole = common::MetaNodeRole::FOLLOWER;
   ClusterZKAdapter::isRunning = false;  // the calls of a watcher would count
   for (const char* path : {"/meta/status/me:1", "/meta/status/other:1", "/meta/election/leader_info"}) {
     mRaw->Create(path, "2");
@@ -67,12 +88,13 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
     std::atomic<int> left{row.nth};
     const ZookeeperCalls calls([&](const ZookeeperCall& call) {
       const bool refused = call.function == std::string("DoDlZoo") + row.refused && --left == 0;
-      return refused ? int{ZNOAUTH} : call.make();
+      return refused ? row.answer : call.make();
     });
     EXPECT_EQ(row.call(), row.status);
     EXPECT_LE(left, 0) << "nothing was refused";
-    EXPECT_NE(ReadFile(mFolder / "audit.log").find(std::string(row.audit) + "][zookeeper][FAILED]"),
-              std::string::npos);
+    EXPECT_EQ(ReadFile(mFolder / "audit.log").find(std::string(row.audit) + "][zookeeper][FAILED]") ==
+                  std::string::npos,
+              row.audit == ""s);
   }
   Disconnect();
   for (const Row& row : rows) {
@@ -110,6 +132,8 @@ TEST_F(SessionTest, TheRecordsOfANode) {
   }
   NodeInfo info;
   EXPECT_EQ(mAdapter->ClusterZKGetNodeInfo(77, info), 2000045U);
+  std::string text;
+  EXPECT_EQ(ClusterZKAdapter::ConvertTimestamp(LONG_MAX, text), 1U) << "no calendar has that year";
   for (const auto& [name, valid] : {std::pair("-1"s, true), std::pair("00"s, false)}) {
     mRaw->Create("/mf/node/" + name);
     std::set<unsigned int> ids;

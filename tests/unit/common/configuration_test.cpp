@@ -147,8 +147,14 @@ TEST(ConfigurationTest, ValuesFromText) {
     const std::string line = "] " + key + " = " + shown + "\n";
     EXPECT_EQ(store->DumpStr().find(line) != std::string::npos, key != "none") << line;
   }
+  EXPECT_EQ(std::isinf(store->GetFloat("float", 0)), std::isinf(store->GetFloat("none", INFINITY)));
   EXPECT_THAT(store->Validate(false, false, false, false),
               testing::Contains(HasSubstr("a range without room")));
+  testing::internal::CaptureStdout();
+  store->Dump();
+  const std::regex values(" = [^\n]*");
+  EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStdout(), values, ""),
+            std::regex_replace(store->DumpStr(), values, ""));
 }
 
 // What a line is, by one regular expression; a file is its pairs, each key in its first place with its last
@@ -188,6 +194,14 @@ TEST(ConfigurationFileTest, RandomLinesAreReadAsTheExpressionReadsThem) {
     }
     EXPECT_EQ(found, expected) << testing::PrintToString(text);
   }
+  KVParser parser;
+  std::string value;
+  EXPECT_TRUE(parser.SetItem("a", "1") && parser.SetItem("a", "2") && parser.GetItem("a", value));
+  EXPECT_FALSE(parser.GetItem("b", value));
+  testing::internal::CaptureStdout();
+  parser.Dump();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "a = " + value + "\n");
+  EXPECT_EQ(value, "2");
 }
 
 TEST(ConfigurationFileTest, AFileThatCannotBeReadOrTakenIsNoStore) {

@@ -3,6 +3,7 @@
 #include "common/rpc/network.h"
 
 #include "common/rpc/rpc_setter.h"
+#include "support/temp_dir.h"
 #include "support/test.h"
 
 namespace vyn::common {
@@ -68,6 +69,17 @@ TEST_F(RpcSetterTest, TheVariablesFollowProtocolAndDevices) {
     Texts values;
     std::ranges::transform(names, std::back_inserter(values), [](const char* name) { return getenv(name); });
     EXPECT_EQ(values, expected);
+  }
+}
+
+TEST_F(RpcSetterTest, RdmaDevicesAreMatchedByTheirInterfaces) {
+  const test::TempDir tree;
+  tree.Write("rdma0/device/net/" + kLoopback, "");
+  tree.Write("rdma1/device/net/other", "");
+  tree.Write("rdma2/ports", "");  // has no interfaces at all
+  for (const auto& [path, devices] : {std::pair{"/", "rdma0:1"}, {"/gone/", ""}}) {
+    EXPECT_EQ(Resolved({{"protocol", "rc"}, {"ipfilter", kFilter}, {"devices.path", tree.Path() + path}}),
+              devices);
   }
 }
 

@@ -213,6 +213,22 @@ TEST(RpcEnginePoolTest, CallsToAPeerThatStandsStillEndWhenThePeerHasMoved) {
   }
 }
 
+TEST(RpcEnginePoolTest, ItsSecuritySettingsComeFromTheConfiguration) {
+  const ScriptedService server;
+  const auto conf = Configuration::gInstance = new Configuration;
+  conf->Set("vyn.tessel.rpc.enableTLS", false);
+  conf->Set("vyn.tessel.rpc.enableAuthentication", false);
+  for (const std::string side : {"client", "server"}) {
+    conf->Set("vyn.tessel.rpc.auth.kerb." + side + ".keytab", side);
+    Pool made(server.Port(), 1);
+    made.mTlsEnable = made.mAuthEnable = true;
+    made.mClientIdentity = side == "client";
+    EXPECT_EQ(made.Initialize(), 0U);
+    EXPECT_FALSE(made.mTlsEnable || made.mAuthEnable);
+    EXPECT_EQ(made.mSecurityConf.at("auth.kerb.keytab"), side);
+  }
+}
+
 TEST(RpcEnginePoolTest, ACallThatFailsHandsItsEngineBack) {
   ScriptedService server;
   Client client(server.Port());

@@ -25,11 +25,12 @@ TEST(TextTest, Pieces) {
   EXPECT_EQ(split("||rc||||rc_v||"), (Texts{"", "rc", "", "rc_v"}));
   EXPECT_EQ(split(""), Texts{});
   EXPECT_EQ(SplitString(" a , ,b\t,", ','), (Texts{"a", "", "b\t"})) << "blanks only are trimmed";
-  EXPECT_EQ(
-      (Texts{GetStrPrefix("a/b/c", '/', 2), GetStrPrefix("a/b", '/', 0), ParseStr("a:b:c", ':', 0, 2),
-             ParseStr("a:b:c", ':', 1, 0), ParseStr("a:b:c", ':', 3, 1), GenBcVarName("app_1", UINT_MAX),
-             ReplaceStr("$H/a$H", "$H", "/x"), ReplaceStr("XX", "X", "aXa"), ReplaceStr("abc", "", "y")}),
-      (Texts{"a/b", "", "a:b", "b:c", "", "app_1-4294967295", "/x/a/x", "aXaaXa", "abc"}));
+  EXPECT_EQ((Texts{GetStrPrefix("a/b/c", '/', 2), GetStrPrefix("a/b", '/'), GetStrPrefix("a/b", '/', 0),
+                   ParseStr("a:b:c", ':', 0, 2), ParseStr("a:b:c", ':', 1, 0), ParseStr("a:b:c", ':', 3, 1),
+                   GenBcVarName("app_1", UINT_MAX), ReplaceStr("$H/a$H", "$H", "/x"),
+                   ReplaceStr("XX", "X", "aXa"), ReplaceStr("abc", "", "y")}),
+            (Texts{"a/b", "a", "", "a:b", "b:c", "", "app_1-4294967295", "/x/a/x", "aXaaXa", "abc"}));
+  EXPECT_EQ(GetStrPostfix("a/b/c", '/'), std::pair(std::string("a/b"), std::string("c")));
   std::string host;
   EXPECT_EQ(GetMetaHostname("10.0.0.1:one,10.0.0.2:two", "10.0.0.3", host), 1U);
   EXPECT_EQ(GetMetaHostname("10.0.0.1:one,10.0.0.2:two", "10.0.0.1", host), 0U);
@@ -93,6 +94,8 @@ TEST_F(FilesTest, PathsAreResolvedAndFoldersMade) {
     EXPECT_EQ(FileUtil::RecursiveCreatePath(path, 0700), 0U) << path;
   }
   EXPECT_EQ(fs::status(mDir / "k/l").permissions(), fs::perms::owner_all);
+  EXPECT_TRUE(FileUtil::IsPathWriteableAndReadable(mDir / "file") && FileUtil::IsPathValidWhiteList("/a_b"));
+  EXPECT_FALSE(FileUtil::IsPathValidWhiteList("/a.b") || FileUtil::IsPathValid(std::string(4096, 'a')));
   EXPECT_EQ(FileUtil::RecursiveCreatePath(mDir / "file/x", 0700), 1U);
   EXPECT_EQ(FileUtil::CreatePath(mDir / "no/parent", 0700), 1U);
   EXPECT_EQ(FileUtil::DeletePath(mDir / "k"), 1U) << "it is not empty";

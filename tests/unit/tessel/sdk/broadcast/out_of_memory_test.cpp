@@ -3,6 +3,7 @@
 
 #include "support/client/sdk_world.h"
 #include "vyn/status.h"
+#include "vyn/variable.h"
 
 namespace {
 
@@ -36,19 +37,23 @@ namespace {
 using namespace tessel;
 
 constexpr unsigned long kSizes[] = {100, 50};
+constexpr const char* kApp = "an_application_with_a_name_that_needs_memory";
+const std::string kName = kApp;
+const std::string kVariable = kName + "-7";
 
 /// A driver on a node of the fabric, registered.
 class OutOfMemoryTest : public testing::Test {
  protected:
   OutOfMemoryTest() {
     bool registered = false;
-    EXPECT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
+    EXPECT_EQ(RegisterBroadcastApp(kApp, true, "tok", &registered), 0U);
     for (const auto opcode :
          {ShuffleServer::BROADCAST_BLOCK_BATCH_CREATE, ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH}) {
-      mWorld.server.Answer(opcode, {0, SdkWorld::Blocks()});
+      mWorld.server.Answer(opcode, {0, SdkWorld::Blocks(kName)});
     }
     BroadcastRemoteNodeRsp nodes;
     mWorld.meta.Answer(ShuffleMeta::BROADCAST_REMOTE_NODE_GET, {0, BytesOf(nodes)});
+    mWorld.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {0, SdkWorld::Blocks(kName)});
   }
   /// Makes `call` again and again, each time failing one allocation further on, until none is left to fail.
   /// `check` gets the status; an exception would end the test. Returns: how many were checked.
@@ -82,6 +87,7 @@ TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageE
   unsigned long sizes[2];
   char data[8] = {};
   void* address = nullptr;
+  VynVariable* variable = nullptr;
   bool registered = false;
   const std::string id(60, 'a');
   const char* process = "a_process_with_a_name_that_is_long";
@@ -100,7 +106,7 @@ TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageE
            {[](Text app) { return DeleteBroadcastVar(app, 7); }, 1},
            {[](Text app) { return CreateBroadcastBlockBatch(app, 7, kSizes, 2); }, 2},
            {[&](Text app) {
-              g_broadcastCache->RemoveVarInfo("app-7");
+              g_broadcastCache->RemoveVarInfo(kVariable);
               return FetchBroadcastBlockBatch(app, 7, sizes);
             },
             2},
@@ -110,15 +116,22 @@ TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageE
            {[&](Text app) { return ObtainBroadcastBlockAddr(app, 7, 0, &address); }},
            {[&](Text app) { return ReleaseBroadcastBlockAddr(app, 7, 0, data); }},
            {[&](Text app) { return ReadRemoteBlock(app, 7, 0, data, "tok"); }},
-           {[&](Text token) { return ReadRemoteBlock("app", 7, 0, data, token); }},
+           {[&](Text token) { return ReadRemoteBlock(kApp, 7, 0, data, token); }},
            {[&](Text app) { return WriteRemoteBlock(app, id.c_str(), data, 8, "tok"); }},
            {[&](Text app) { return remote(app, "tok"); }},
-           {[&](Text token) { return remote("app", token); }},
+           {[&](Text token) { return remote(kApp, token); }},
+           {[&](Text app) { return VynVariableCreate(app, 8, 100, &variable); }},
+           {[&](Text app) {
+             VynVariableClose(std::exchange(variable, nullptr));
+             return VynVariableOpen(app, 7, &variable);
+           }},
+           {[](Text app) { return VynVariableStat(app, 7, nullptr); }},
+           {[](Text app) { return VynVariableDelete(app, 7); }},
            {[](Text app) { return UnRegisterBroadcastApp(app); }},
            {[](Text app) { return MarkBroadcastApplicationCompleted(app); }},
            {[&](Text app) { return HeartBeat(app, 2, process, "", true); }, 0, 2080001},
-           {[&](Text name) { return HeartBeat("app", 2, name, "", false); }, 0, 2080001},
-           {[&](Text content) { return HeartBeat("app", 2, process, content, false); }, 0, 2080001},
+           {[&](Text name) { return HeartBeat(kApp, 2, name, "", false); }, 0, 2080001},
+           {[&](Text content) { return HeartBeat(kApp, 2, process, content, false); }, 0, 2080001},
            {[](Text ip) { return BmCreateLink(1, "host", ip, 1, 0); }, 0, 2080001},
            {[](Text ns) { return BmCreateNamespace(1, "", ns, 0, "tok"); }, 0, 2080001},
            {[&](Text ns) { return BmCopy(id.c_str(), 0, id.c_str(), 0, 1, ns, "tok"); }, 0, 2080001}}) {
@@ -126,7 +139,7 @@ TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageE
     EXPECT_EQ(row.call("a b"), row.refused);
     mWorld.server.Clear();
     mWorld.meta.Clear();
-    const auto call = [&] { return row.call("app"); };
+    const auto call = [&] { return row.call(kApp); };
     const auto check = [&](std::uint32_t status) {
       const bool asked = !mWorld.server.Requests().empty() || !mWorld.meta.Requests().empty();
       EXPECT_TRUE(row.messages == 0 || (status == 2000057 && !asked));
@@ -152,7 +165,7 @@ TEST_F(OutOfMemoryTest, TheRemoteFormTakesBackWhatItMade) {
     script.Expect("BM_AllocSec", {0, {0, [goWell] { gGoWell = goWell; }}});
     script.Expect("BM_BatchFreeSec", {{-5, [&] { order += "free "; }}});  // nobody looks at these results
     script.Expect("BM_DestroyNSSec", {{-5, [&] { order += "destroy "; }}});
-    return CreateBroadcastBlockBatchRemote("app", "tok", 7, kSizes, 2, "10.9.8.7:3899", "host", 3, ids);
+    return CreateBroadcastBlockBatchRemote(kApp, "tok", 7, kSizes, 2, "10.9.8.7:3899", "host", 3, ids);
   };
   for (const Form form : {Form::kThrowing, Form::kNothrow}) {
     int freed = 0;

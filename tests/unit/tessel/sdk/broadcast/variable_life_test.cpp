@@ -1,6 +1,7 @@
 // A variable's whole life in each role: the steps fail first and then succeed.
 
 #include "common/util/system.h"
+#include "platform/fabric/protocol/results.h"
 #include "support/client/sdk_world.h"
 #include "vyn/variable.h"
 
@@ -37,6 +38,43 @@ TEST(VariableLifeTest, ALookUpThatFindsNothingIsLoggedOnlyAsTheCallersFailure) {
   const CapturedLog log;
   EXPECT_EQ(VynVariableStat("app", 7, nullptr), 2140011U);
   EXPECT_EQ(Joined(log.Texts(3).size(), log.Texts(4).size()), "0|1");
+}
+
+TEST(VariableLifeTest, FailuresAreToldAsTheHeaderSays) {
+  DriverWorld world;
+  const CapturedLog silence(5);
+  const auto open = [](VynVariable** out) { return VynVariableOpen("app", 7, out); };
+  VynVariable* variable = nullptr;
+  VynVariableInfo info{};
+  EXPECT_EQ(open(&variable), 2140005U) << "not registered";
+  bool registered = false;
+  ASSERT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
+  for (const unsigned int answer :
+       {2140005U, 2140007U, 2140011U, 2140013U, 2140015U, 2140027U, 2140033U, 2140035U, 2140099U}) {
+    const unsigned int told = answer < 2140033 ? answer : answer < 2140099 ? 2120007 : 2060009;
+    world.server.Answer(ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, {answer, ""});
+    EXPECT_EQ(open(&variable), told) << answer;
+  }
+  world.server.Answer(ShuffleServer::BROADCAST_BLOCK_BATCH_FETCH, {0, SdkWorld::Blocks()});
+  world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {0, SdkWorld::Blocks()});
+  for (const int result : {-EACCES, kBmNotEnoughCapacity, -ENOENT, -ERANGE, -EBADMSG, -EIO}) {
+    const unsigned int told = result == -EACCES                ? 2140007
+                              : result == kBmNotEnoughCapacity ? 2100041
+                                                               : 2120007;
+    world.bm.script.Expect("BM_ReadSec", {result});
+    EXPECT_EQ(open(&variable), told) << result;
+  }
+  world.bm.script.Expect("BM_ReadSec", {-ENOENT});  // of the blocks that were deleted meanwhile
+  world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {0, SdkWorld::Blocks("app", 7, 9, 'c')});
+  ASSERT_EQ(open(&variable), 0U);
+  EXPECT_THAT(world.bm.script.Calls("BM_ReadSec").back(), testing::StartsWith(std::string(60, 'd')));
+  EXPECT_THAT(
+      (std::vector{open(nullptr), VynVariableStat("app", 7, &info), VynVariableFlush(variable, 0, 1)}),
+      testing::Each(2120001));
+  info.structSize = sizeof(info);
+  EXPECT_EQ(VynVariableStat("app", 7, &info), 0U);
+  EXPECT_EQ(Joined(info.size, info.blocks, info.nodeId), "150|2|9");
+  VynVariableClose(variable);
 }
 
 TEST(VariableLifeTest, ADriverOnANodeOfTheFabric) {
