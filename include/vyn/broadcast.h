@@ -216,6 +216,7 @@ unsigned int CreateBroadcastBlockBatchRemote(const char* appId, const char* toke
 /// Fetches ids and sizes of a variable's blocks into this process's cache. A process that did not create the
 /// variable needs it before ObtainBroadcastBlockAddr. When the cache has the variable, it makes no call.
 /// \param blockSizes receives the size of each block in bytes; must have room for all blocks of the variable.
+///        May be null for a variable without blocks.
 /// \return 0; 2120001; 2000057 before initialisation or without memory; 2120009; 1 when the node server
 ///         refused, does not know the variable or did not answer, or when the cache had no memory for the
 ///         variable. In the last case `blockSizes` is filled, and the next fetch asks the node server again.

@@ -4,10 +4,12 @@
 #include "platform/ulog/file_sink.h"
 #include "platform/ulog/level.h"
 
+#include <pthread.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <exception>
+#include <mutex>
 #include <new>
 #include <string>
 #include <utility>
@@ -84,6 +86,9 @@ std::shared_ptr<spdlog::sinks::sink> OpenFile(const char* path, int fileSize, in
 }
 
 std::shared_ptr<spdlog::sinks::sink> OpenStandardError() {
+  // A forked child gets the mutex of all such sinks anew: a thread that only its parent has may have held it.
+  [[maybe_unused]] static const int registered =
+      ::pthread_atfork(nullptr, nullptr, [] { new (&spdlog::details::console_mutex::mutex()) std::mutex; });
   auto sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
   sink->set_pattern(kPattern);
   return sink;

@@ -49,6 +49,10 @@ int Session::Start(MakeClient make, std::chrono::seconds connectTimeout) {
   if (client == nullptr) {
     return ZSYSTEMERROR;
   }
+  // By default the client's thread looks the servers' names up before each wait for its socket. A process that
+  // is forked meanwhile inherits a lock of getaddrinfo that nobody releases. With -1 the client looks them up
+  // when it connects.
+  static_cast<void>(zoo_set_servers_resolution_delay(client, -1));
   sync::MutexLock lock(mMutex);
   mClient = client;
   mChanged.NotifyAll();

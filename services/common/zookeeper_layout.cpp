@@ -22,7 +22,7 @@ std::string ReclaimEntry::ToText() const {
 }
 
 bool ReclaimEntry::IsPlausible() const {
-  if (!IsName(application)) {
+  if (!IsApplication(application)) {
     return false;
   }
   if (variablePath.empty()) {

@@ -21,6 +21,7 @@
 // No shared state: any thread may call any function.
 
 #include "common/util/input_check.h"
+#include "platform/fabric/protocol/names.h"
 #include "vyn/status.h"
 
 #include <cstdint>
@@ -44,6 +45,11 @@ inline constexpr std::uint32_t kRecordFormat = 1;
 /// InputRegularMatching would check only the part before it.
 inline bool IsName(const std::string& name) {
   return name.find('\0') == std::string::npos && !Failed(common::InputRegularMatching(name.c_str(), false));
+}
+
+/// Whether a text of a message or a record is a valid application id: it also names a namespace of the pools.
+inline bool IsApplication(const std::string& name) {
+  return name.size() <= fabric::kMaxNamespaceLength && IsName(name);
 }
 
 /// Parses the id in a znode's name. Other programs can create znodes in the tree as well. Returns: false

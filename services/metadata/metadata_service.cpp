@@ -37,7 +37,7 @@ constexpr std::size_t kMaxNames = 10000;
 /// Removes the padding that a driver outside the fabric sends after each block id. Returns: 0 if the block
 /// list is valid.
 std::uint32_t Normalize(BroadcastBlockInfo& info) {
-  if (!IsName(info.appId) || info.bmIds.size() != info.sizes.size()) {
+  if (!IsApplication(info.appId) || info.bmIds.size() != info.sizes.size()) {
     return kStatusInvalidRequest;
   }
   for (std::string& bmId : info.bmIds) {
@@ -211,7 +211,7 @@ void MetadataService::RegisterOperations() {
       mServer, static_cast<std::uint16_t>(ShuffleMeta::APP_REMOVE), "APP_REMOVE",
       [this](ShuffleApplication& request, const std::string& peer) {
         return WhenReady([&]() -> std::uint32_t {
-          if (!IsName(request.appId)) {
+          if (!IsApplication(request.appId)) {
             return kStatusInvalidRequest;
           }
           const std::uint32_t status = mState.RemoveApplication(request.appId);
@@ -226,25 +226,26 @@ void MetadataService::RegisterOperations() {
           if (request.appIds.size() > kMaxNames) {
             return kStatusTooLarge;
           }
-          std::erase_if(request.appIds, [](const std::string& name) { return !IsName(name); });
+          std::erase_if(request.appIds, [](const std::string& name) { return !IsApplication(name); });
           return mState.FilterKnown(request.appIds, response.appIds);
         });
       });
-  ServeWithoutReply<HeartBeatMessage>(
-      mServer, static_cast<std::uint16_t>(ShuffleMeta::HEART_BEAT), "HEART_BEAT",
-      [this](HeartBeatMessage& request, const std::string&) {
-        return WhenReady([&]() -> std::uint32_t {
-          // A heartbeat with alive = false is the last one of its process. The time-out counts from it.
-          return IsName(request.ns) ? mState.HeartBeat(request.ns, request.isAlive) : kStatusInvalidRequest;
-        });
-      });
+  ServeWithoutReply<HeartBeatMessage>(mServer, static_cast<std::uint16_t>(ShuffleMeta::HEART_BEAT),
+                                      "HEART_BEAT", [this](HeartBeatMessage& request, const std::string&) {
+                                        return WhenReady([&]() -> std::uint32_t {
+                                          // A heartbeat with alive = false is the last one of its process. The time-out counts from it.
+                                          return IsApplication(request.ns)
+                                                     ? mState.HeartBeat(request.ns, request.isAlive)
+                                                     : kStatusInvalidRequest;
+                                        });
+                                      });
 }
 
 void MetadataService::RegisterVariableOperations() {
   ServeWithoutReply<BroadcastVar>(mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_NEW),
                                   "BROADCAST_VAR_NEW", [this](BroadcastVar& request, const std::string&) {
                                     return WhenReady([&]() -> std::uint32_t {
-                                      return IsName(request.appId)
+                                      return IsApplication(request.appId)
                                                  ? mState.NewVariable(request.appId, request.broadcastId,
                                                                       request.blockNum)
                                                  : kStatusInvalidRequest;
@@ -254,7 +255,7 @@ void MetadataService::RegisterVariableOperations() {
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_REMOVE), "BROADCAST_VAR_REMOVE",
       [this](BroadcastVar& request, const std::string& peer) {
         return WhenReady([&]() -> std::uint32_t {
-          if (!IsName(request.appId)) {
+          if (!IsApplication(request.appId)) {
             return kStatusInvalidRequest;
           }
           const std::uint32_t status =

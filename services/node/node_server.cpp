@@ -67,8 +67,7 @@ std::uint64_t BagHash(std::uint32_t bagId) {
 
 /// Whether the pool accepts this name and this token.
 bool CanRegister(const std::string& application, const std::string& token) {
-  return IsName(application) && application.size() <= fabric::kMaxNamespaceLength &&
-         token.size() <= fabric::kMaxTokenLength;
+  return IsApplication(application) && token.size() <= fabric::kMaxTokenLength;
 }
 
 }  // namespace
@@ -227,7 +226,7 @@ std::uint32_t NodeServer::RegisterApplication(ApplicationRegisterRequest& reques
 
 std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& request,
                                                 const std::string& peer) {
-  if (!IsName(request.ns)) {
+  if (!IsApplication(request.ns)) {
     return kStatusInvalidRequest;  // without an audit line, which could not show such a name
   }
   const std::uint32_t status = StatusOf(mFabric.CheckToken(request.ns, request.token));
@@ -239,7 +238,7 @@ std::uint32_t NodeServer::UnregisterApplication(ApplicationRegisterRequest& requ
 }
 
 std::uint32_t NodeServer::CreateBlocks(BroadcastBlockBatch& request, BroadcastBlockInfo& response) {
-  if (!IsName(request.appId) || request.sizes.empty() || request.sizes.size() > kMaxBlocks) {
+  if (!IsApplication(request.appId) || request.sizes.empty() || request.sizes.size() > kMaxBlocks) {
     return kStatusInvalidRequest;
   }
   if (std::find(request.sizes.begin(), request.sizes.end(), 0U) != request.sizes.end()) {
@@ -288,7 +287,7 @@ void NodeServer::TakeBack(const char* operation, const std::string& application,
 }
 
 void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) {
-  if (!IsName(request.appId)) {
+  if (!IsApplication(request.appId)) {
     caller.Refuse(kStatusInvalidRequest);
     return;
   }
@@ -301,7 +300,7 @@ void NodeServer::FetchBlocks(const BroadcastVar& request, const Caller& caller) 
 
 std::uint32_t NodeServer::CreateBlob(BlobCreateRequest& request, ShuffleBlob& response,
                                      const std::string& peer) {
-  if (!IsName(request.ns) || !IsName(request.bagName) || request.blobSize == 0 ||
+  if (!IsApplication(request.ns) || !IsName(request.bagName) || request.blobSize == 0 ||
       request.blobSize > kMaxBlobSize) {
     return kStatusInvalidRequest;
   }

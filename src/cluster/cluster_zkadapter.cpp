@@ -7,6 +7,7 @@
 #include "common/util/file_util.h"
 #include "platform/sync/mutex.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <new>
@@ -30,6 +31,17 @@ const std::string& ClusterZKAdapter::mMetaFollowerPath = *new std::string("/meta
 const std::string& ClusterZKAdapter::mMetaStatusPath = *new std::string("/meta/status");
 const std::string& ClusterZKAdapter::mMetaMutexPath = *new std::string("/meta/mutex");
 Ref<ClusterZKAdapter> ClusterZKAdapter::mInstance;
+
+namespace {
+
+/// A forked child has no session. The locks may have been held by threads that only its parent has.
+[[maybe_unused]] const int gAtFork = ::pthread_atfork(nullptr, nullptr, [] {
+  new (&ClusterZKAdapter::mInstanceLock) sync::Mutex;
+  new (&ClusterZKAdapter::mZKHandleLock) sync::RecursiveMutex;
+  g_ZKHandler = nullptr;
+});
+
+}  // namespace
 
 void Audit(const char* operation, bool success) {
   common::AuditGlog(std::to_string(getpid()).c_str(), operation, "zookeeper", success ? "SUCCESS" : "FAILED");
@@ -55,7 +67,7 @@ bool ParseStatus(const std::string& text, int& status) {
 ClusterZKAdapter::ClusterZKAdapter(NodeRole role) : mRole(role) {}
 
 ClusterZKAdapter::~ClusterZKAdapter() {
-  if (mOwner == sync::ForkCount()) {  // the session of a forked child ends with the process
+  if (g_ZKHandler != nullptr) {
     ClusterZKClose();
   }
 }

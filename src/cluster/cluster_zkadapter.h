@@ -17,7 +17,6 @@
 
 #include "cluster/meta_node_info.h"
 #include "common/util/ref.h"
-#include "platform/sync/fork.h"
 #include "platform/sync/mutex.h"
 
 #include <atomic>
@@ -153,7 +152,6 @@ class ClusterZKAdapter : public common::Referable {
 
   Ref<common::Configuration> mConf;
   const NodeRole mRole;
-  const std::uint32_t mOwner = sync::ForkCount();  ///< the process that made it
   const std::string mRootPath = "/";
   const std::string mNodePath = "/mf/node";
   const std::string mCapacityPath = "/mf/capacity";

@@ -130,6 +130,7 @@ RpcOutcome ClientConnection::Establish(const net::Deadline& deadline) {
       return {kConnectionLost, "the client has turned to another server"};
     }
     mSocket = std::move(socket);
+    mOwner = sync::ForkCount();
   }
   auto stream =
       mTls != nullptr ? mTls->NewStream(mSocket.Get()) : std::make_unique<net::PlainStream>(mSocket.Get());
@@ -137,7 +138,6 @@ RpcOutcome ClientConnection::Establish(const net::Deadline& deadline) {
     return {kNoMemory, "no memory for a TLS connection"};
   }
   mStream = std::make_unique<net::BlockingStream>(std::move(stream), mSocket.Get());
-  mOwner = sync::ForkCount();
   if (mTls == nullptr) {
     if (const int error = mStream->UseKernelWait(); error != 0) {
       return {kNoMemory, std::string("cannot set a socket up: ") + strerror(error)};
@@ -260,7 +260,7 @@ void ClientConnection::Close() {
 void ClientConnection::Abandon() {
   sync::MutexLock lock(mSocketMutex);
   mAbandoned = true;
-  if (mSocket) {
+  if (mSocket && mOwner == sync::ForkCount()) {  // a shutdown would end the parent's connection, too
     ::shutdown(mSocket.Get(), SHUT_RDWR);
   }
 }

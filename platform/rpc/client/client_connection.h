@@ -17,6 +17,7 @@
 #include "platform/sync/mutex.h"
 #include "platform/tls/tls_context.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -75,7 +76,7 @@ class ClientConnection {
   sync::Mutex mSocketMutex;  ///< held to change the socket, and by Abandon
   bool mAbandoned VYN_GUARDED_BY(mSocketMutex) = false;
   std::unique_ptr<net::BlockingStream> mStream;
-  std::uint32_t mOwner = 0;  ///< ForkCount of the process that opened it
+  std::atomic<std::uint32_t> mOwner{0};  ///< ForkCount of the process that opened mSocket
   net::Deadline::Clock::time_point mLastCallBegan{};
   std::optional<RpcFrameReader> mReader;
   std::uint32_t mPeerMaxLength = 0;

@@ -31,7 +31,7 @@ bool Parse(const std::string& text, BlockBatch& batch) {
   const std::uint64_t id = NumberField(record, "id", ~std::uint64_t{0});
   batch.id = static_cast<std::uint32_t>(id);
   const nlohmann::json* blocks = FindField(record, "blocks");
-  if (!IsName(batch.application) || id != batch.id || blocks == nullptr || !blocks->is_array() ||
+  if (!IsApplication(batch.application) || id != batch.id || blocks == nullptr || !blocks->is_array() ||
       blocks->empty()) {
     return false;
   }

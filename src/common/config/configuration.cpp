@@ -28,7 +28,7 @@ bool ReadFloat(const std::string& text, float& value) {
   if (end != text.c_str() + text.size() || (value == HUGE_VALF && errno == ERANGE)) {
     return false;
   }
-  return std::fabs(value) > 1e-06F || text == "0.0";
+  return !(std::fabs(value) <= 1e-06F) || text == "0.0";
 }
 
 bool ReadBool(const std::string& text) {

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <limits>
 #include <memory>
+#include <string_view>
 
 namespace vyn::common {
 
@@ -106,7 +107,9 @@ void FilterDevice(std::vector<std::string>& devices, std::set<unsigned int>& sub
     }
     if (entry->ifa_netmask != nullptr &&
         subnets.count(Ipv4Of(entry->ifa_addr) & Ipv4Of(entry->ifa_netmask)) != 0) {
-      devices.emplace_back(entry->ifa_name);
+      const std::string_view label(
+          entry->ifa_name);  // an address's label, such as eth0:1, or the name itself
+      devices.emplace_back(label.substr(0, label.find(':')));
     }
   }
 }

@@ -142,5 +142,29 @@ TEST_F(SessionTest, TheRecordsOfANode) {
   }
 }
 
+TEST_F(SessionTest, AForkedChildOpensASessionOfItsOwnWhileAnotherThreadOfItsParentOpensOne) {
+  std::promise<void> held;
+  std::promise<void> forked;
+  const std::jthread other([&] {
+    const sync::RecursiveMutexLock lock(ClusterZKAdapter::mZKHandleLock);
+    held.set_value();
+    forked.get_future().wait();
+  });
+  held.get_future().wait();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(60);
+    const bool none = g_ZKHandler == nullptr;
+    ::_exit(none && mAdapter->ClusterZKAdapterInit(30000) == 0 && mAdapter->ClusterZKCheckAvailable() == 0
+                ? 0
+                : 1);
+  }
+  forked.set_value();
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(mAdapter->ClusterZKCheckAvailable(), 0U);
+}
+
 }  // namespace
 }  // namespace vyn::test

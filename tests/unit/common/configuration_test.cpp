@@ -138,6 +138,7 @@ TEST(ConfigurationTest, ValuesFromText) {
       {"float", "-2.5e3", true, "-2500"},
       {"float", "0", false, "0"},
       {"float", "1e99", false, "inf"},
+      {"float", "nan", true, "nan"},
       {"bool", "  true", true, "1"},
       {"bool", "True", true, "0"},
       {"text", "\xff\xfe\t", true, "\xff\xfe\t"},

@@ -3,6 +3,7 @@
 #include "common/rpc/network.h"
 
 #include "common/rpc/rpc_setter.h"
+#include "support/process/command.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 
@@ -91,6 +92,11 @@ TEST_F(RpcSetterTest, TheFilterFindsRealInterfaces) {
   const std::string blanks(1024 - kFilter.size(), ' ');
   for (const std::string& filter : {kFilter, bad + kFilter, blanks + kFilter}) {
     EXPECT_EQ(Resolved({{"protocol", "tcp"}, {"ipfilter", filter}}), kLoopback) << filter;
+  }
+  const std::string labelled = "198.51.100.1/24";
+  if (unshare(CLONE_NEWNET) == 0 &&
+      test::RunCommand("ip link set lo up && ip addr add " + labelled + " dev lo label lo:1").status == 0) {
+    EXPECT_EQ(Resolved({{"ipfilter", labelled}}), kLoopback);
   }
   // The second is inside the loopback's network, but the interface's mask decides.
   for (const std::string& filter :

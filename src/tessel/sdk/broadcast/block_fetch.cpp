@@ -30,6 +30,9 @@ unsigned int Give(const char* appId, unsigned int broadcastId, const std::vector
                                                    << sizes.size() << " blocks, the caller has room for "
                                                    << room);
   }
+  if (!sizes.empty()) {
+    VYN_CHECK_ARGUMENT(blockSizes);
+  }
   std::copy(sizes.begin(), sizes.end(), blockSizes);
   return VYN_OK;
 }
@@ -37,7 +40,7 @@ unsigned int Give(const char* appId, unsigned int broadcastId, const std::vector
 unsigned int Fetch(const char* appId, unsigned int broadcastId, unsigned long* blockSizes, unsigned int room,
                    unsigned int* blockNum) {
   VYN_CHECK_TEXT(appId, false);
-  if (room != 0) {
+  if (room != 0 && blockNum != nullptr) {
     VYN_CHECK_ARGUMENT(blockSizes);
   }
   VYN_LOG_DEBUG("Start to batch fetch broadcast block, appId: " << appId << ", broadcastId: " << broadcastId);

@@ -19,6 +19,8 @@ std::string CallAt(const std::string& peer, std::uint16_t port, std::int64_t tim
 TEST(RpcTransportSetting, WhatTheVariablesMean) {
   // The interfaces, the range and the seconds that a value means; nothing for a value that is refused.
   std::istringstream rows(R"(UCX_NET_DEVICES eth0,,eth1 = eth0 eth1 0-0 0
+    UCX_NET_DEVICES eth0:1,eth1 = eth0 eth1 0-0 0
+    UCX_NET_DEVICES all = 0-0 0
     UCX_TLS tcp = 0-0 0
     UCX_TLS rc =
     UCX_TCP_PORT_RANGE 60000-61000 = 60000-61000 0
@@ -63,7 +65,7 @@ TEST(RpcTransportSetting, ConnectionsLeaveByTheInterfaceThatIsNamed) {
   const char* interfaces = R"(set -e; ip link set lo up
     for n in 1 2; do
       ip link add near$n type veth peer name far$n
-      ip link set far$n up; ip link set near$n up; ip addr add 198.51.10$n.1/24 dev near$n
+      ip link set far$n up; ip link set near$n up; ip addr add 198.51.10$n.1/24 dev near$n label near$n:1
     done)";
   if (unshare(CLONE_NEWNET) != 0 || test::RunCommand(interfaces).status != 0) {
     GTEST_SKIP() << "no network of our own";

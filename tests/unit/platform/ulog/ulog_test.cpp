@@ -116,5 +116,25 @@ TEST_F(ULogTest, AFailedRotationIsMadeGoodLater) {
   EXPECT_THAT(ReadFile(In("x.1.log")), HasSubstr("] before\n"));
 }
 
+TEST_F(ULogTest, AForkedChildWritesWhileAThreadOfItsParentIsWriting) {
+  InChild([] {
+    int ends[2] = {-1, -1};
+    if (::pipe(ends) != 0 || ::dup2(ends[1], STDERR_FILENO) < 0) {
+      std::_Exit(2);
+    }
+    ULOG_Init(2, 2, nullptr, 0, 0);
+    const std::string moreThanThePipeHolds(1 << 20, 't');
+    const std::jthread writer([&] { ULOG_LogMessage(2, "", moreThanThePipeHolds.c_str()); });
+    char byte = 0;
+    const bool begun = ::read(ends[0], &byte, 1) == 1;
+    InChild([&] {
+      ::alarm(60);
+      ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
+      std::_Exit(begun && ULOG_LogMessage(2, "", "line") == 0 ? 0 : 3);
+    });
+    std::_Exit(testing::Test::HasFailure() ? 1 : 0);
+  });
+}
+
 }  // namespace
 }  // namespace vyn::utilities::log

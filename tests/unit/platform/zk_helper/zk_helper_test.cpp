@@ -36,6 +36,21 @@ zhandle_t* zookeeper_init_sasl(const char* host, watcher_fn watcher, int timeout
 
 }  // extern "C"
 
+namespace {
+
+/// In this process so many allocations go well before one fails. Negative: all do.
+std::atomic<int> gGoWell{-1};
+
+}  // namespace
+
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  const bool fails = gGoWell >= 0 && gGoWell-- == 0;
+  void* memory = fails ? nullptr : std::malloc(size == 0 ? 1 : size);
+  return memory != nullptr ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
 namespace vyn::test {
 namespace {
 
@@ -193,6 +208,67 @@ TEST_F(ZkHelperTest, TheWatcherRunsWhenALostConnectionKeptItsWatchFromBeingSet) 
   })) << result;
   gServer->Start();
   EXPECT_TRUE(WaitUntil([&] { return told >= 1; }));
+}
+
+TEST_F(ZkHelperTest, AnAllocationThatFailsFailsOneCallAtMost) {
+  std::atomic<int> told{0};
+  zoo_op_t operations[2];
+  zoo_create_op_init(&operations[0], "/other", "", 0, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
+  zoo_delete_op_init(&operations[1], "/other", -1);
+  int length = 0;
+  char buffer[8];
+  String_vector names{};
+  zhandle_t* handle = nullptr;
+  const std::function<int()> steps[] = {
+      [&] {
+        const int result = Init(mUrl);
+        handle = VynGetZkHandle();
+        return result;
+      },
+      [&] { return DoDlZooCreate(handle, "/node", "v", 1, &ZOO_OPEN_ACL_UNSAFE, 0, buffer, sizeof(buffer)); },
+      [&] { return DoDlZooWexists(handle, "/node", &Count, &told, nullptr); },
+      [&] { return DoDlZooWget(handle, "/node", &Count, &told, buffer, &(length = 8), nullptr); },
+      [&] { return DoDlZooMulti(handle, 2, operations); },
+      [&] { return DoDlZooSet(handle, "/node", "w", 1, -1); },
+      [&] { return DoDlZooGetChildren(handle, "/", 0, &names); },
+      [&] { return DoDlZooDelete(handle, "/node", -1); }};
+  bool failed = true;
+  for (int n = 0; failed; ++n) {
+    SCOPED_TRACE(n);
+    int failures = 0;
+    gGoWell = n;
+    for (const auto& step : steps) {
+      int result = step();
+      for (int again = 0; result == ZSYSTEMERROR && again < 2; ++again) {
+        ++failures;
+        result = step();  // ZNODEEXISTS or ZNONODE: the call was made, and its answer was lost
+      }
+      ASSERT_TRUE(result == ZOK || (failures == 1 && (result == ZNODEEXISTS || result == ZNONODE))) << result;
+      DoDlDeallocateStringVector(&names);
+      names = {};
+    }
+    EXPECT_EQ(Close(), ZOK);
+    failed = gGoWell < 0;
+    gGoWell = -1;
+    EXPECT_LE(failures, 1);
+  }
+}
+
+TEST_F(ZkHelperTest, AForkedChildHasNotTheSessionOfItsParent) {
+  zhandle_t* handle = Open();
+  for (int round = 0; round < 10; ++round) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const bool apart =
+          VynGetZkHandle() == nullptr && DoDlZooExists(handle, "/", 0, nullptr) == ZINVALIDSTATE;
+      zhandle_t* own = Open();
+      ::_exit(apart && own != handle && DoDlZooExists(own, "/", 0, nullptr) == ZOK && Close() == ZOK ? 0 : 1);
+    }
+    EXPECT_EQ(DoDlZooExists(handle, "/", 0, nullptr), ZOK);
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+  }
 }
 
 }  // namespace

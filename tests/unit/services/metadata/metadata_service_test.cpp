@@ -83,7 +83,8 @@ class MetadataServiceTest : public ClusterTest {
 
 TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEndAndWhatIsRefused) {
   EXPECT_EQ(mClient->Send<BroadcastVar>(500, nullptr, "app", 1U), kStatusUnknownOperation);
-  for (const std::string& name : {std::string(), std::string("a/b"), std::string("a\0b", 3)}) {
+  for (const std::string& name :
+       {std::string(), std::string("a/b"), std::string("a\0b", 3), std::string(256, 'n')}) {
     EXPECT_EQ(New(name), kStatusInvalidRequest) << name;
     EXPECT_EQ(mClient->Send<BroadcastVar>(BROADCAST_VAR_REMOVE, nullptr, name), kStatusInvalidRequest);
     EXPECT_EQ(mClient->Send<ShuffleApplication>(APP_REMOVE, nullptr, name), kStatusInvalidRequest);

@@ -50,6 +50,18 @@ TEST_F(BlockTrustTest, WhatDoesNotFitIsRefused) {
   EXPECT_EQ(Obtain(0), 0U);
 }
 
+TEST_F(BlockTrustTest, OnlyTheSizesOfNoBlocksNeedNoRoom) {
+  tessel::BroadcastBlockInfo none;
+  none.appId = "app";
+  none.broadcastId = 8;
+  for (const auto& [id, answer, status] :
+       {std::tuple(8U, BytesOf(none), 0U), std::tuple(9U, SdkWorld::Blocks("app", 9), 2120001U)}) {
+    ServerSays(answer);
+    EXPECT_EQ(FetchBroadcastBlockBatch("app", id, nullptr), status);
+    EXPECT_EQ(FetchBroadcastBlockBatch("app", id, nullptr), status) << "from the cache";
+  }
+}
+
 TEST_F(BlockTrustTest, BlocksThatAreGoneAreAskedForAgain) {
   ASSERT_EQ(Fetch(), 0U);
   mScript.Expect("BM_MapSec", {-2, -2, 0, -2});
