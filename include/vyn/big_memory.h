@@ -9,8 +9,8 @@
 // status of vyn/status.h.
 //
 // An object has an id of exactly 60 characters and is in a namespace. Every access names the namespace and
-// presents its token. A namespace is 1 to 1024 letters, digits, "_" and "-". A token may be empty, never
-// null.
+// presents its token. A namespace is 1 to 255 letters, digits, "_" and "-"; the library refuses a longer
+// one, and more than 1024 characters are an invalid argument. A token may be empty, never null.
 //
 // Statuses. 0 is success, a failure has bit 0 set (vyn::Failed). These are common to all functions, unless a
 // function says otherwise:

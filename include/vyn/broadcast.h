@@ -94,6 +94,8 @@ void VynBroadcastVersion();
 /// after BroadcastUninitialize. When the SDK is initialised already, it only sets the environment again. Of
 /// several threads that call at the same time, one does the work and the others wait for it. If it fails, the
 /// waiting threads return its status.
+/// A forked child connects anew, and has neither the ZooKeeper session nor the heartbeats of its parent. Fork
+/// while no other thread is inside a call of this library.
 /// \param vynHome the folder of the installation; its conf/vyn.conf is read.
 /// \param vynVersion "24.0.0" or another release of the installation. \param vynBinaryType "linux-x86_64" or
 ///        "linux-aarch64". The three are stored in the environment as VYN_HOME, VYN_VERSION and
@@ -115,7 +117,9 @@ unsigned int BroadcastUninitialize();
 
 // --- applications ----------------------------------------------------------------------------------------
 //
-// An application id is 1 to 1024 letters, digits, "_" and "-".
+// An application id is 1 to 255 letters, digits, "_" and "-". Leader, node server and pool refuse a longer
+// one; each function returns what it returns for their refusal. More than 1024 characters are
+// an invalid argument.
 //
 // Tokens. A process may register several applications. The functions of vyn/variable.h use the token of the
 // variable's own application. The functions of this header on blocks that take no `token` use one token for
@@ -240,8 +244,8 @@ unsigned int FetchBroadcastBlockBatchInto(const char* appId, unsigned int broadc
 /// Starts or stops the heartbeats of an application. A thread for each application sends one at the start and
 /// then one every 2 seconds, until they are stopped or the process ends. A stop sends a last heartbeat, which
 /// says that the application is no longer alive; the end of the process does not.
-/// \param appName the application. It has one sender at most, whatever the other arguments are. 1 to 1024
-///        letters, digits, "_" and "-", as `processName`.
+/// \param appName the application. It has one sender at most, whatever the other arguments are.
+///        `processName` is 1 to 1024 letters, digits, "_" and "-".
 /// \param processType 0 sends to the metadata service, 1 to the tuning service, any other sends nothing.
 /// \param content sent with each heartbeat; of the same characters; may be empty, not null.
 /// \param start true starts, false stops. Both make one call to the service themselves. A stop first waits
@@ -255,8 +259,7 @@ std::uint32_t HeartBeat(const char* appName, unsigned char processType, const ch
 // --- access to blocks ------------------------------------------------------------------------------------
 //
 // The blocks of a variable are numbered from 0. Common statuses: 2120001 for a refused argument; 2000057
-// before BroadcastInitialize has succeeded (logged, not recorded). An application id is 1 to 1024 letters,
-// digits, "_" and "-".
+// before BroadcastInitialize has succeeded (logged, not recorded).
 
 /// Maps a block into this process, or finds its existing mapping. All callers get the same address, and the
 /// callers are not counted. For a mapped block it makes no call.
