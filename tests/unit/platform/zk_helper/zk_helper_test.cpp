@@ -212,7 +212,7 @@ TEST_F(ZkHelperTest, TheWatcherRunsWhenALostConnectionKeptItsWatchFromBeingSet) 
 
 TEST_F(ZkHelperTest, AnAllocationThatFailsFailsOneCallAtMost) {
   std::atomic<int> told{0};
-  zoo_op_t operations[2];
+  zoo_op_t operations[2]{};
   zoo_create_op_init(&operations[0], "/other", "", 0, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
   zoo_delete_op_init(&operations[1], "/other", -1);
   int length = 0;
