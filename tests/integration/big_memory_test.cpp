@@ -56,7 +56,7 @@ class BigMemoryTest : public testing::Test {
   FabricHost mOtherHost{mOtherPlace};
 };
 
-TEST_F(BigMemoryTest, OnANode) {
+TEST_F(BigMemoryTest, TheWrappersUseBlocksOfTheirNode) {
   EXPECT_OK(BmInitialize(mPlace.Home().c_str(), 0));
   EXPECT_OK(BmCreateNamespace(1, "", "app", 0, "token"));
   const std::string id = Allocate();
@@ -95,7 +95,7 @@ TEST_F(BigMemoryTest, OnANode) {
   EXPECT_EQ(mHost.Ask("stat used"), "0");
 }
 
-TEST_F(BigMemoryTest, FromOutsideTheFabricBlocksAreCopiedOverALink) {
+TEST_F(BigMemoryTest, AClientOutsideTheFabricCopiesBlocksOverALink) {
   tessel::g_appToken = "another";  // that of the registration is not used
   EXPECT_OK(BmInitialize("", 1));
   EXPECT_OK(BmCreateLink(1, "host", "127.0.0.1", mHost.Port(), 0));

@@ -82,7 +82,7 @@ std::string Changed(std::string file, const std::string& lines) {
   return file;
 }
 
-TEST(ConfigCheckTest, ProgramsAgree) {
+TEST(ConfigCheckTest, VynctlVynconfAndVyndAcceptTheSameFiles) {
   const Certificates certificates;
   const ZookeeperServer zookeeper;
   const ReservedPort metadataPort;

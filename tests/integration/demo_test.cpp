@@ -64,7 +64,7 @@ TEST_F(DemoTest, ADriverOutsideTheFabricReachesBothNodesOverTls) {
   Run("--outside --tls", 0, 2);
 }
 
-TEST_F(DemoTest, AnInterruptLeavesNothing) {
+TEST_F(DemoTest, AnInterruptedDemoRemovesItsProcessesPoolsAndNamespaces) {
   Run("--executors 2", 130, 0,
       "for i in $(seq 600); do pgrep -f " + mFolder.Path() +
           "/[v]yn-demo-.*/home-1 >/dev/null && break; sleep 0.1; done; kill -INT $pid; ");

@@ -5,7 +5,7 @@
 
 namespace vyn::test {
 
-TEST(FabricSlowTest, AFrameThatDoesNotComeToItsEndIsNotWaitedForWithoutLimit) {
+TEST(FabricSlowTest, TheListenerClosesAConnectionWhoseFrameStaysIncomplete) {
   const FabricPlace place(1);
   FabricHost host(place);
   RawSocket slow = RawSocket::Connect(host.Port());

@@ -108,7 +108,7 @@ class FabricTest : public testing::TestWithParam<std::string> {
   };
 };
 
-TEST_P(FabricTest, Runs) {
+TEST_P(FabricTest, ProcessesAnswerAsTheScriptSays) {
   const std::vector<std::string>& lines = gScripts.at(GetParam());
   std::istringstream values(lines[0]);
   while (values >> mNames["each"]) {

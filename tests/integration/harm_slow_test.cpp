@@ -198,7 +198,7 @@ class HarmTest : public testing::Test {
 };
 
 /// VYN_HARM_SECONDS (20) sets how long it goes on.
-TEST_F(HarmTest, RandomKills) {
+TEST_F(HarmTest, TheClusterKeepsAcknowledgedVariablesWhileProcessesAreKilled) {
   const char* wish = std::getenv("VYN_HARM_SECONDS");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(wish ? std::atoi(wish) : 20);
   std::mt19937 random(mSeed);

@@ -5,7 +5,7 @@
 
 namespace {
 
-TEST(InstallationTest, HoldsWhatAHomeNeedsAndServesPkgConfigAndCMake) {
+TEST(InstallationTest, TheInstalledTreeIsAHomeAndServesPkgConfigAndCMake) {
   const vyn::test::TempDir folder;
   folder.Write(
       "main.cpp",

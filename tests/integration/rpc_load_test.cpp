@@ -89,7 +89,7 @@ void RunBreaker(std::uint16_t port, unsigned int seed) {
 
 class RpcLoadTest : public testing::TestWithParam<bool> {};
 
-TEST_P(RpcLoadTest, EveryAnswerIsTheCallersOwnAndNothingStaysBehind) {
+TEST_P(RpcLoadTest, EveryCallerGetsItsOwnReplyAndNoDescriptorLeaks) {
   const char* wish = std::getenv("VYN_RPC_LOAD_SECONDS");
   const std::chrono::seconds duration(wish != nullptr ? std::atoi(wish) : 2);
   std::map<std::string, const std::string> trust;

@@ -34,7 +34,7 @@ class VariableTest : public testing::Test {
   VyndNode mSecond{3, "127.0.0.3", mUrl, mPort.Number(), "127.0.0.2,127.0.0.3"};
 };
 
-TEST_F(VariableTest, EachCallerGetsTheBytesOrItsOwnAnswer) {
+TEST_F(VariableTest, EachCallerGetsTheBytesOrTheStatusOfItsFailure) {
   for (const std::string where : {"first", "second", "outside"}) {
     SCOPED_TRACE("written " + where);
     const auto writer = Client(where);
@@ -88,7 +88,7 @@ TEST_F(VariableTest, EachCallerGetsTheBytesOrItsOwnAnswer) {
   }
 }
 
-TEST_F(VariableTest, AKilledWriterLeavesNothing) {
+TEST_F(VariableTest, TheNodesFreeTheBlocksOfAKilledWriter) {
   for (const std::string where : {"first", "second"}) {
     SCOPED_TRACE("written " + where);
     const auto reader = Client("first");
@@ -108,7 +108,7 @@ TEST_F(VariableTest, AKilledWriterLeavesNothing) {
   }
 }
 
-TEST_F(VariableTest, ARestartedNodeTellsTheDeadWritersFromTheLiving) {
+TEST_F(VariableTest, ARestartedNodeFreesTheBlocksOfDeadWritersOnly) {
   const auto first = Client("first");
   std::vector<std::unique_ptr<BroadcastClient>> writers;  // of the variables 1, 2, 3
   for (const char* make : {"make app 1 5000001 5", "make app 2 5000001 6", "make app 3 5000001 7"}) {
@@ -139,7 +139,7 @@ TEST_F(VariableTest, ARestartedNodeTellsTheDeadWritersFromTheLiving) {
   EXPECT_TRUE(WaitUntil([&] { return NamesIn(folder).empty(); }));
 }
 
-TEST_F(VariableTest, TheGivenFunctionsAndTheseMeet) {
+TEST_F(VariableTest, VariablesOfTheCFunctionsAndOfTheSparkFunctionsAreTheSame) {
   const auto first = Client("first");
   const auto second = Client("second");
   Expect(*first, "make app 1 5000 3", "0");
@@ -151,7 +151,7 @@ TEST_F(VariableTest, TheGivenFunctionsAndTheseMeet) {
   Expect(*Client("outside"), "open app 2 4", "0");
 }
 
-TEST_F(VariableTest, AWrongTokenIsReportedAsOne) {
+TEST_F(VariableTest, AWrongTokenGetsItsOwnStatusAndMessage) {
   const auto writer = Client("first");
   Expect(*writer, "make app 1 5000 3", "0");
   Expect(*writer, "publish", "0");

@@ -8,7 +8,7 @@ namespace {
 
 constexpr const char* kVynconf = VYN_STAGE_DIR "/bin/vynconf ";
 
-TEST(VynconfTest, EachLineOfAFile) {
+TEST(VynconfTest, VynconfReportsEachBadLineOfAFile) {
   const struct {
     std::string lines;  ///< the first of them is line 4
     int status;
@@ -64,7 +64,7 @@ TEST(VynconfTest, EachLineOfAFile) {
   }
 }
 
-TEST(VynconfTest, CommandLines) {
+TEST(VynconfTest, VynconfAnswersEachCommandLine) {
   const std::string sample = VYN_SOURCE_DIR "/conf/vyn.conf";
   const std::string noCertificate =
       ": Invalid value for <vyn.tessel.rpc.tls.cert.path>, it should not be empty\n";

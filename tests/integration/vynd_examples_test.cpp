@@ -40,10 +40,10 @@ void ExpectBroadcast(int nodeId, const std::string& where) {
   EXPECT_FALSE(tree.Exists("/vyn/apps/app_1")) << "it has ended its application";
 }
 
-TEST(ExamplesTest, AFilePublishedOnANodeIsRead) { ExpectBroadcast(1, "this node"); }
+TEST(ExamplesTest, TheExamplesReadAFilePublishedOnTheirNode) { ExpectBroadcast(1, "this node"); }
 
 // This machine has no interface with the node's address, so a driver takes itself to be outside.
-TEST(ExamplesTest, AFilePublishedFromOutsideTheFabricIsRead) { ExpectBroadcast(2, "another node"); }
+TEST(ExamplesTest, TheExamplesReadAFilePublishedFromOutsideTheFabric) { ExpectBroadcast(2, "another node"); }
 
 }  // namespace
 }  // namespace vyn::test

@@ -34,7 +34,7 @@ class VyndTest : public testing::Test {
   const ReservedPort mMetadataPort;
 };
 
-TEST_F(VyndTest, RefusesToStartWithEveryComplaint) {
+TEST_F(VyndTest, VyndReportsEveryConfigurationErrorAndExits) {
   const auto node = Node();
   std::ofstream(node->Home() + "/conf/vyn.conf", std::ios::app)
       << "vyn.tuning.rpc.server.port=17\nvyn.zookeeper.session.timeout=6000\nno separator\n"
@@ -46,7 +46,7 @@ TEST_F(VyndTest, RefusesToStartWithEveryComplaint) {
                     "vyn.tessel.rpc.tls.ca.cert.path", "vyn.zookeeper.security.", "warning: no \"=\""}}});
 }
 
-TEST_F(VyndTest, TellsItsSupervisorAndEndsOrderly) {
+TEST_F(VyndTest, VyndNotifiesItsSupervisorAndRemovesItsZnodesAtItsEnd) {
   const TempDir folder;
   const std::string address = folder / "notify";
   ChildProcess supervisor({"python3", "-c",
@@ -107,7 +107,7 @@ TEST_F(VyndTest, BlocksAndMappingsOutliveAKilledDaemon) {
   EXPECT_TRUE(mTree.Exists("/vyn/apps/quiet")) << "it never sent a heartbeat";
 }
 
-TEST_F(VyndTest, OnlyTheTokenOpensOnEveryNode) {
+TEST_F(VyndTest, EveryNodeRefusesAWrongApplicationToken) {
   const auto first = Node(1);
   const auto second = Node(2);
   first->Start();
@@ -167,7 +167,7 @@ TEST_F(VyndTest, AFollowerServesWhatAKilledLeaderAcknowledged) {
   EXPECT_FALSE(std::filesystem::exists(dead.Pool() + "/app"));
 }
 
-TEST_F(VyndTest, VynctlMovesFilesInAndOut) {
+TEST_F(VyndTest, VynctlPutsGetsAndRemovesFiles) {
   const auto node = Node();
   node->Start();
   const TempDir folder;

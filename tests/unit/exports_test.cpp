@@ -23,7 +23,7 @@ Names ExportedBy(const std::string& library) {
   return {std::istream_iterator<std::string>(names), {}};
 }
 
-TEST(ExportsTest, WhatTheHeadersDeclareLeavesTheLibraries) {
+TEST(ExportsTest, TheLibrariesExportWhatTheHeadersDeclare) {
   Names wanted = DeclaredIn("src/tessel/sdk/broadcast/base_api_broadcast.h");
   wanted.merge(DeclaredIn("include/vyn/broadcast.h"));
   wanted.merge(DeclaredIn("include/vyn/big_memory.h"));

@@ -58,7 +58,7 @@ class LeaderTest : public testing::Test {
   Ref<ShuffleMetaRPCEngine> mDriver;  ///< has no server client
 };
 
-TEST_F(LeaderTest, OnlyTheTwoTransportCodesAreRetriedAndTheLeaderIsAskedAfterEachFailure) {
+TEST_F(LeaderTest, ACallIsRetriedAfterATimeoutOrLostConnectionAndAsksForTheLeader) {
   const std::vector<std::uint32_t> cases[] = {{0},
                                               {2020023},
                                               {2020021, 2020019, 0},
@@ -104,7 +104,7 @@ TEST_F(LeaderTest, ACallFollowsTheLeaderBetweenItsAttempts) {
   EXPECT_EQ(mNodes.first->Requests().size(), 6U) << "the retries go on when nobody tells of the leader";
 }
 
-TEST_F(LeaderTest, ADriverAsksNobodyAndConnectsToALeaderThatWasNotThereAtFirst) {
+TEST_F(LeaderTest, ADriverConnectsToALateLeaderWithoutAskingTheNodeServer) {
   FakeClock clock;
   ScriptedService other;
   mConf->Set("vyn.tessel.rpc.shuffle_meta.port", int{other.Port()});
@@ -123,7 +123,7 @@ TEST_F(LeaderTest, ADriverAsksNobodyAndConnectsToALeaderThatWasNotThereAtFirst) 
   EXPECT_TRUE(mNodeServer->Requests().empty());
 }
 
-TEST_F(LeaderTest, TheAnswerOfANewLeaderIsNotHeldBackByThePausesOfTheOldOne) {
+TEST_F(LeaderTest, TheReplyOfANewLeaderEndsThePausesOfTheRetries) {
   FakeClock clock;
   ASSERT_EQ(mDriver->Initialize(), 0U);
   mNodes.first->Answer(kAppRemove, [calls = 0](const auto&) mutable {
@@ -135,7 +135,7 @@ TEST_F(LeaderTest, TheAnswerOfANewLeaderIsNotHeldBackByThePausesOfTheOldOne) {
   EXPECT_EQ(Slept(clock), seconds(0));
 }
 
-TEST_F(LeaderTest, ACallLeavesALeaderThatStandsStillAsSoonAsThereIsAnother) {
+TEST_F(LeaderTest, ACallLeavesAFrozenLeaderAsSoonAsANewLeaderIsKnown) {
   for (const bool driver : {true, false}) {  // a driver learns of the leader by itself, an executor asks
     SetLeader("127.0.0.1");
     NodeServerSays("127.0.0.1");
@@ -157,7 +157,7 @@ TEST_F(LeaderTest, ACallLeavesALeaderThatStandsStillAsSoonAsThereIsAnother) {
   }
 }
 
-TEST_F(LeaderTest, SixteenThreadsFollowALeaderThatGoesBackAndForth) {
+TEST_F(LeaderTest, SixteenThreadsFollowALeadershipThatAlternatesBetweenNodes) {
   ASSERT_EQ(mDriver->Initialize(), 0U);
   const auto metaNode = common::MetaNodeInfo::GetInstance();
   std::atomic<int> move{0};  // an even one leads to the first node

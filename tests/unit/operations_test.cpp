@@ -158,7 +158,7 @@ class OperationsTest : public testing::Test {
   const Ref<Meta> mMeta = std::get<1>(mClients);
 };
 
-TEST_F(OperationsTest, OfTheNodeServer) {
+TEST_F(OperationsTest, NodeServerOperationsSendTheirRequestAndTakeTheReply) {
   ASSERT_EQ(mServer->Initialize(1, true), 0U);
   mFailure = {.status = 1, .timeout = 5000};
   mRefusal = mNullRefusal = 1;
@@ -189,7 +189,7 @@ TEST_F(OperationsTest, OfTheNodeServer) {
   Ask(8, {.timeout = 7004}, &Server::BroadcastBlockBatchFetch, std::tuple("app", 10, 3, true), With<0>(""));
 }
 
-TEST_F(OperationsTest, OfTheMetadataServiceOnVariablesAndNodes) {
+TEST_F(OperationsTest, VariableAndNodeOperationsSendTheirRequestAndTakeTheReply) {
   ASSERT_EQ(mMeta->Initialize(), 0U);
   mFailure = {.status = 2060009, .timeout = 8001};
   const auto app = Make<ShuffleApplication>("app");
@@ -222,7 +222,7 @@ TEST_F(OperationsTest, OfTheMetadataServiceOnVariablesAndNodes) {
         CALL(list == Texts{"before", "h5-5-10", "h7-7-14"}));
 }
 
-TEST_F(OperationsTest, OfTheMetadataServiceOnShuffles) {
+TEST_F(OperationsTest, ShuffleOperationsSendTheirRequestAndTakeTheReply) {
   ASSERT_EQ(mMeta->Initialize(), 0U);
   mFailure = {.status = 2060009, .timeout = 8001};
   const std::tuple batch(7, 1, 2, "part", "app");
@@ -289,7 +289,7 @@ TEST_F(OperationsTest, OfTheMetadataServiceOnShuffles) {
   Check(19, {}, CALL(mMeta->MarkStageAllTaskDone("app", 36)), Make<StageInfo>("app", 36));
 }
 
-TEST_F(OperationsTest, OfTheTuningService) {
+TEST_F(OperationsTest, TuningOperationsSendTheirRequestAndTakeTheReply) {
   const Ref<Tuning> tuning = std::get<2>(mClients);
   ASSERT_EQ(tuning->Initialize(), 0U);
   mFailure = {.status = 2020025, .timeout = 9001};

@@ -91,7 +91,7 @@ std::string Finished(FlatBufferBuilder& builder, flatbuffers::Offset<Table> root
   return {reinterpret_cast<const char*>(builder.GetBufferPointer()), builder.GetSize()};
 }
 
-TEST(Wire, EveryFieldStandsWhereThePageSays) {
+TEST(Wire, EveryFieldHasThePlaceThatTheWireFormatPageSays) {
   const std::string page = std::regex_replace(ReadFile(VYN_SOURCE_DIR "/docs/wire-format.md"),
                                               std::regex(R"( \| [^|]* \|(?= 0)| \([^)|]*\)(?= \|))"), "");
   EXPECT_STREQ(tuning::TTuningParameter::Traits::field_names[0], "key");
@@ -119,7 +119,7 @@ TEST(Wire, EveryFieldStandsWhereThePageSays) {
   });
 }
 
-TEST(Wire, CutOrChangedBytesAreRefusedOrReadForWhatTheyAre) {
+TEST(Wire, TruncatedOrChangedBytesAreRefusedOrReadBackEqual) {
   ForEveryMessage(3, []<typename Class>(Random& random) {
     const std::string bytes = RandomBytes<Class>(random);
     const auto expectSound = [](const std::string& changed) {
@@ -147,7 +147,7 @@ TEST(Wire, CutOrChangedBytesAreRefusedOrReadForWhatTheyAre) {
 }
 
 // Entries of a list that share one long text could fill all memory out of few bytes.
-TEST(Wire, TextsThatAddUpToMoreThanTheBufferAreRefused) {
+TEST(Wire, AMessageWhoseTextsExceedTheBufferIsRefused) {
   for (const auto& [length, status] : {std::pair{8, 0U}, std::pair{1000, kRefused}}) {
     FlatBufferBuilder builder;
     const auto text = builder.CreateString(std::string(length, 'x'));
@@ -170,7 +170,7 @@ std::string BlobBytes(const std::string& text, std::uint32_t root = 8, std::size
   return bytes.substr(0, size);
 }
 
-TEST(Blob, IsWrittenWithUpTo63BytesOfTextAndReadWithAllItsRoom) {
+TEST(Blob, ABlobIsWrittenWithUpTo63BytesOfTextAndReadWith64) {
   ShuffleBlob blob;
   EXPECT_EQ(blob.Deserialize(), kRefused) << "no input";
   EXPECT_EQ(blob.Serialize(), kRefused) << "no identity";
@@ -187,7 +187,7 @@ TEST(Blob, IsWrittenWithUpTo63BytesOfTextAndReadWithAllItsRoom) {
   EXPECT_EQ(Bytes(blob), BlobBytes("text"));
 }
 
-TEST(Blob, ListsTakeAllOrNothingAndPartitionsKeepTheirOrder) {
+TEST(Blob, ABlobListIsReadWholeOrNotAtAllAndKeepsThePartitionOrder) {
   ShuffleBlobListAndTaskInfo info;
   std::vector<common::Ref<ShuffleBlob>> blobs;
   for (const std::size_t size : {95, 104}) {
@@ -203,7 +203,7 @@ TEST(Blob, ListsTakeAllOrNothingAndPartitionsKeepTheirOrder) {
   EXPECT_THAT(shuffle.mPartitions[6]->mBlobs, testing::ElementsAre(blobs[0], blobs[1]));
 }
 
-TEST(Blob, IsReadWhenItsRecordOf96BytesLiesWithinTheInput) {
+TEST(Blob, ABlobIsReadWhenItsRecordOf96BytesLiesWithinTheInput) {
   for (std::size_t size = 1; size <= 104; ++size) {
     for (const std::uint32_t root : {0U, 3U, 4U, 8U, 9U, 0x80000008U, 0xFFFFFFFFU}) {
       ShuffleBlob blob;

@@ -24,7 +24,7 @@ class ElectionTest : public ClusterTest {
   std::int64_t mOwn = 0;
 };
 
-TEST_F(ElectionTest, EveryRowOfTheRoundsTable) {
+TEST_F(ElectionTest, AnElectionRoundSetsRoleLeaderAndStatusForEveryStartingRole) {
   mRaw->Create("/meta/status/me:1", "2");
   mRaw->Create("/meta/status/other:1", "2");
   for (const auto before : {MetaNodeRole::LOOKING, MetaNodeRole::LEADER, MetaNodeRole::FOLLOWER}) {
@@ -56,7 +56,7 @@ TEST_F(ElectionTest, EveryRowOfTheRoundsTable) {
   }
 }
 
-TEST_F(ElectionTest, TheSetUpMutexIsWaitedForUpToFiveMinutes) {
+TEST_F(ElectionTest, SetUpWaitsUpToFiveMinutesForTheMutex) {
   struct Case {
     const char* what;
     std::size_t freeAfter;  ///< sleeps of another holder; 0: nobody holds it

@@ -17,7 +17,7 @@ constexpr auto kAlive = common::META_NODE_STATUS_ALIVE;
 
 class SessionTest : public ClusterTest {};
 
-TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
+TEST_F(SessionTest, EveryOperationReportsARefusedCallAndAMissingSession) {
   mMeta->mNodeAddress = "me:1";
   std::map<std::string, cluster::MetaNodeStatus> nodes{{"new:1", kAlive}};
   std::vector<std::pair<std::string, cluster::MetaNodeStatus>> list;
@@ -102,7 +102,7 @@ TEST_F(SessionTest, EveryOperationAnswersARefusedCallAndAMissingSession) {
   }
 }
 
-TEST_F(SessionTest, AnExpiredSessionIsReportedUntilItIsMadeAnew) {
+TEST_F(SessionTest, AnExpiredSessionIsReportedUntilANewOneIsOpened) {
   Connect(mUrl, 2000);
   ExpireSession(mUrl, DoDlZooClientId(g_ZKHandler));
   EXPECT_TRUE(WaitUntil([&] { return mAdapter->ClusterZKCheckAvailable() == 2000053U; }));
@@ -114,7 +114,7 @@ TEST_F(SessionTest, AnExpiredSessionIsReportedUntilItIsMadeAnew) {
   gServer->Thaw();
 }
 
-TEST_F(SessionTest, TheRecordsOfANode) {
+TEST_F(SessionTest, TheAdapterReadsTheRecordsOfANode) {
   const std::string aux = "\x01\x02\x03\x04\x78\x56\x34\x12"s;
   const std::string whole = aux + "10.1.2.3\0xxxxxxx"s + "node-7" + std::string(58, '\0');
   unsigned int id = 4294967295U;

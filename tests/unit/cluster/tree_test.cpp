@@ -102,7 +102,7 @@ class TreeTest : public ClusterTest {
   Statuses mStatuses;
 };
 
-TEST_F(TreeTest, MemoryFollowsTheTree) {
+TEST_F(TreeTest, TheWatchesKeepMemoryEqualToTheTree) {
   Connect(mUrl, 15000);  // a call may take two thirds of it while the server restarts
   mRaw->Create(kLeader, mLeader);
   for (const char* name : {"n0", "n1", "n2", "n3", "n4"}) {
@@ -147,7 +147,7 @@ TEST_F(TreeTest, MemoryFollowsTheTree) {
 
 // Setting a watch fails while the connection is lost. Its watcher is told once the connection is back, and acts
 // on what it reads then: no event tells of what has happened before.
-TEST_F(TreeTest, AChangeDuringALostConnectionIsActedUponAfterwards) {
+TEST_F(TreeTest, TheWatchesApplyAChangeMadeDuringALostConnection) {
   Statuses nodes = {{"gone", kInit}, {"here", kInit}};
   ASSERT_EQ(mAdapter->ZKCreateStatus(nodes), 0U);
   SetStatus("here", kAlive);

@@ -98,7 +98,7 @@ TEST(ConfigurationTest, EveryKeyHasItsDefaultTypeAndRule) {
   }
 }
 
-TEST(ConfigurationTest, WordsListsAndOddRanges) {
+TEST(ConfigurationTest, EnumerationListAndRangeRulesAcceptTheirValuesOnly) {
   const std::string ports = "vyn.tessel.rpc.transport.tcp.port.range";
   const std::string word = "vyn.tessel.rpc.transport.protocol";
   const std::string list = "vyn.tessel.rpc.shuffle_meta.worker.thread.group";
@@ -118,7 +118,7 @@ TEST(ConfigurationTest, WordsListsAndOddRanges) {
   }
 }
 
-TEST(ConfigurationTest, ValuesFromText) {
+TEST(ConfigurationTest, TheStoreParsesValuesFromText) {
   const Ref<Configuration> store(new Configuration);
   store->AddIntConf({"int", 7}, VIntRange::Create("a range without room", 5, 5), 0);
   store->AddLongConf({"long", 8}, nullptr, 0);
@@ -160,7 +160,7 @@ TEST(ConfigurationTest, ValuesFromText) {
 
 // What a line is, by one regular expression; a file is its pairs, each key in its first place with its last
 // value.
-TEST(ConfigurationFileTest, RandomLinesAreReadAsTheExpressionReadsThem) {
+TEST(ConfigurationFileTest, TheParserReadsRandomLinesAsTheRegularExpressionDoes) {
   const test::TempDir dir;
   const std::regex line(R"( *([^ #=](?:[^=]*[^ =])?) *= *((?:[\s\S]*[^ ])?) *)");
   const Texts pieces{" ",    " ", "=", "=", "#", "a", "b", "key", "\t", "\r", std::string(1, '\0'),
@@ -205,7 +205,7 @@ TEST(ConfigurationFileTest, RandomLinesAreReadAsTheExpressionReadsThem) {
   EXPECT_EQ(value, "2");
 }
 
-TEST(ConfigurationFileTest, AFileThatCannotBeReadOrTakenIsNoStore) {
+TEST(ConfigurationFileTest, LoadingAnUnreadableOrInvalidFileReturnsNoStore) {
   const test::TempDir dir;
   ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
   Texts paths{"", dir / "missing", std::string(4096, '/'), dir.Path(), dir / "pipe", "/dev/zero"};
@@ -218,7 +218,7 @@ TEST(ConfigurationFileTest, AFileThatCannotBeReadOrTakenIsNoStore) {
   }
 }
 
-TEST(ConfigurationFileTest, TheFirstGoodLoadStaysAndAMergeGoesOnPastBadPairs) {
+TEST(ConfigurationFileTest, TheFirstGoodLoadIsKeptAndAMergeSkipsBadPairs) {
   const test::TempDir dir;
   const Ref<Configuration> any(new Configuration);
   EXPECT_TRUE(any->MergeConfig(dir.Write("first", kPort + "=4000\n" + kUrl + "=one\r\n")));
@@ -230,7 +230,7 @@ TEST(ConfigurationFileTest, TheFirstGoodLoadStaysAndAMergeGoesOnPastBadPairs) {
   EXPECT_EQ(store->GetString(kUrl, ""), "two");
 }
 
-TEST(ConfigurationDocumentsTest, ThePageIsTheCatalogue) {
+TEST(ConfigurationDocumentsTest, TheConfigurationPageEqualsTheCatalogue) {
   const std::string page = test::ReadFile(VYN_SOURCE_DIR "/docs/configuration.md");
   const auto begin = page.find("## " + std::string(catalogue::kGroups.front()->title));
   ASSERT_NE(begin, std::string::npos);
@@ -238,7 +238,7 @@ TEST(ConfigurationDocumentsTest, ThePageIsTheCatalogue) {
       << "replace the tables of docs/configuration.md by the output of: vynconf keys";
 }
 
-TEST(ConfigurationDocumentsTest, TheSampleShowsEveryKeyWithItsDefaultOrAValidValue) {
+TEST(ConfigurationDocumentsTest, TheSampleFileHasEveryKeyWithItsDefaultOrAValidValue) {
   std::map<std::string, std::string> defaults;
   for (const CatalogueKey& row : Keys()) {
     defaults[row.key] = catalogue::DefaultText(row);

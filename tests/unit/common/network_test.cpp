@@ -13,7 +13,7 @@ namespace {
 using testing::ElementsAre;
 using Texts = std::vector<std::string>;
 
-TEST(NetworkTest, Subnets) {
+TEST(NetworkTest, SubnetsAreParsedAndMatched) {
   const auto read = [](const std::string& text) {
     std::set<unsigned int> subnets;
     EXPECT_EQ(GetSubnets(text, subnets), 0U);
@@ -50,7 +50,7 @@ class RpcSetterTest : public testing::Test {
   Ref<Configuration> mConf{new Configuration};
 };
 
-TEST_F(RpcSetterTest, TheVariablesFollowProtocolAndDevices) {
+TEST_F(RpcSetterTest, TheSetterSetsTheUcxVariablesFromProtocolAndDevices) {
   const std::vector<const char*> names{"UCX_TLS", "UCX_NET_DEVICES", "UCX_TCP_PORT_RANGE",
                                        "UCX_TCP_KEEPINTVL"};
   const std::tuple<std::string, std::string, std::string, Texts> rows[] = {

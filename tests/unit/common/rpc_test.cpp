@@ -36,7 +36,7 @@ unsigned int Initialize(RpcEngine& engine, std::uint16_t port, long timeout, boo
 /// A port on which nobody listens.
 std::uint16_t ClosedPort() { return RawListener().Port(); }
 
-TEST(RpcEngineTest, ResultsOfACall) {
+TEST(RpcEngineTest, EveryReplyHasItsCallResult) {
   // Status and body of the frame that is the answer; the results with a response, without one, and of bytes.
   using Results = std::vector<unsigned int>;
   using Row = std::tuple<std::int32_t, std::string, Results>;
@@ -69,7 +69,7 @@ TEST(RpcEngineTest, ResultsOfACall) {
   }
 }
 
-TEST(RpcEngineTest, AnEngineThatCouldNotConnectConnectsLater) {
+TEST(RpcEngineTest, AnEngineConnectsLaterAfterAFailedConnect) {
   RpcEngine engine;
   EXPECT_EQ(engine.SyncRpcCall(kOpcode, Bytes("x"), kNothing, 1000), 2000057U) << "before Initialize";
   EXPECT_EQ(Initialize(engine, ClosedPort(), 5000), 2020019U);
@@ -100,7 +100,7 @@ struct Serving {
   RawSocket socket;
 };
 
-TEST(RpcEngineTest, TheServerHalfRefusesByItself) {
+TEST(RpcEngineTest, ParseRequestRefusesInvalidRequestsBeforeTheHandler) {
   // The reply to a refused request is the code alone, and the handler hears nothing.
   Serving serving([](const auto& context, const auto& message) {
     const Ref<BaseMessage> request = Bytes("");
@@ -119,7 +119,7 @@ TEST(RpcEngineTest, TheServerHalfRefusesByItself) {
   }
 }
 
-TEST(RpcEngineTest, RepliesAndTheTimeOfACall) {
+TEST(RpcEngineTest, ReplyFunctionsReportFailuresAndACallKeepsItsTimeout) {
   EXPECT_EQ(RpcEngine::SyncRpcReply(kOpcode, nullptr, 0, nullptr, 0, 0), 2000057U);
   EXPECT_EQ(RpcEngine::SyncRpcReply(kOpcode, nullptr, 0, kNothing, 0), 2000057U);
   std::promise<std::shared_ptr<rpc::ServerContext>> promise;
@@ -164,7 +164,7 @@ struct Client : RPCEngineBase {
   Ref<Pool> mPool;
 };
 
-TEST(RpcEnginePoolTest, AMovedPeerIsFollowed) {
+TEST(RpcEnginePoolTest, ThePoolFollowsAPeerToItsNewAddress) {
   const ScriptedService oldServer;
   const ScriptedService newServer;
   Client client(oldServer.Port());
@@ -190,7 +190,7 @@ TEST(RpcEnginePoolTest, AMovedPeerIsFollowed) {
   EXPECT_THAT(client.mPool->mEngines, ElementsAre(high)) << "those of the old peer go";
 }
 
-TEST(RpcEnginePoolTest, CallsToAPeerThatStandsStillEndWhenThePeerHasMoved) {
+TEST(RpcEnginePoolTest, CallsToAFrozenPeerEndWhenThePoolGetsANewAddress) {
   ScriptedService silent;
   silent.Answer(kId, {0, "", ScriptedService::Reply::kSilence});
   const RawListener frozen;  // the kernel connects, and nobody sends a greeting
@@ -213,7 +213,7 @@ TEST(RpcEnginePoolTest, CallsToAPeerThatStandsStillEndWhenThePeerHasMoved) {
   }
 }
 
-TEST(RpcEnginePoolTest, ItsSecuritySettingsComeFromTheConfiguration) {
+TEST(RpcEnginePoolTest, ThePoolTakesItsSecuritySettingsFromTheConfiguration) {
   const ScriptedService server;
   const auto conf = Configuration::gInstance = new Configuration;
   conf->Set("vyn.tessel.rpc.enableTLS", false);
@@ -229,7 +229,7 @@ TEST(RpcEnginePoolTest, ItsSecuritySettingsComeFromTheConfiguration) {
   }
 }
 
-TEST(RpcEnginePoolTest, ACallThatFailsHandsItsEngineBack) {
+TEST(RpcEnginePoolTest, AFailedCallReturnsItsEngineToThePool) {
   ScriptedService server;
   Client client(server.Port());
   for (const auto& [reply, status] : std::vector<std::pair<ScriptedService::Reply, unsigned int>>{

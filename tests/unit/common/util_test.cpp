@@ -16,7 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
-TEST(TextTest, Pieces) {
+TEST(TextTest, SplitCutsATextAtItsSeparators) {
   const auto split = [](const std::string& text) {
     Texts items;
     SplitStr(text, "||", items);
@@ -37,7 +37,7 @@ TEST(TextTest, Pieces) {
   EXPECT_EQ(host, "one");
 }
 
-TEST(InputCheckTest, EqualsTheRegularExpressions) {
+TEST(InputCheckTest, InputChecksAcceptWhatTheirRegularExpressionsAccept) {
   const std::regex withSeparators("([A-Za-z0-9_-]|[;]|[.]){1,1024}");
   const std::regex plain("([A-Za-z0-9_-]){1,1024}");
   Texts texts{"", std::string(1024, 'a'), std::string(1025, 'a'), std::string(1024, '.')};
@@ -67,7 +67,7 @@ TEST(InputCheckTest, EqualsTheRegularExpressions) {
   EXPECT_EQ(CheckInputWithNormalLength(static_cast<const char*>(nullptr)), 1U);
 }
 
-TEST(RandomIndexTest, EveryIndexOnce) {
+TEST(RandomIndexTest, RandomIndexReturnsEveryIndexOnce) {
   std::vector<unsigned int> one(100);
   std::vector<unsigned int> other;
   ShuffleIndex(one);
@@ -82,7 +82,7 @@ class FilesTest : public testing::Test {
   const test::TempDir mDir;
 };
 
-TEST_F(FilesTest, PathsAreResolvedAndFoldersMade) {
+TEST_F(FilesTest, FileUtilResolvesPathsAndMakesFolders) {
   fs::create_directory_symlink(mDir.Path(), mDir / "link");
   std::string out = "old";
   EXPECT_EQ(FileUtil::RealPath("", out) + FileUtil::RealPath(mDir / "missing", out), 2U);
@@ -102,7 +102,7 @@ TEST_F(FilesTest, PathsAreResolvedAndFoldersMade) {
   EXPECT_EQ(FileUtil::DeletePath(mDir / "file") + FileUtil::DeletePath(mDir / "file"), 0U);
 }
 
-TEST_F(FilesTest, DeletesATreeButNothingBehindALink) {
+TEST_F(FilesTest, DeletePathDeletesATreeAndFollowsNoSymbolicLink) {
   for (const char* file :
        {"outside/kept", "tree/a/b/file", "tree/.hidden", "busy/x", "busy_deleted/x", "file"}) {
     mDir.Write(file, "x");
@@ -122,7 +122,7 @@ TEST_F(FilesTest, DeletesATreeButNothingBehindALink) {
   EXPECT_EQ(names, (std::set<std::string>{"before", "busy_deleted", "file_deleted", "new", "outside"}));
 }
 
-TEST_F(FilesTest, EnvironmentOfAnInstallation) {
+TEST_F(FilesTest, EnvHelperFindsTheFilesOfAnInstallation) {
   const std::string home = mDir.Path();
   const std::tuple<const char*, std::string, Texts> rows[] = {
       {"VYN_HOME", home, {"", "/missing"}},

@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(PublicHeadersTest, EachCompilesAloneAndTwice) {
+TEST(PublicHeadersTest, EachPublicHeaderCompilesAloneAndTwice) {
   const vyn::test::TempDir dir;
   const std::string compiler = VYN_CXX_COMPILER
       " -Wall -Wextra -Wshadow -pedantic -Werror -fsyntax-only -I" VYN_SOURCE_DIR "/include ";

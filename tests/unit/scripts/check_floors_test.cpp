@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(CheckFloorsTest, FindsWhatIsPlantedInASoundTree) {
+TEST(CheckFloorsTest, CheckFloorsReportsEachForbiddenInclude) {
   const vyn::test::TempDir dir;
   const std::string low = "src/common/util/b.h";
   const std::string lowText = "class Low {\n  void Call();\n  static int gCount;\n};\nint Free(int a);\n";

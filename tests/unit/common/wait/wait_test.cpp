@@ -16,7 +16,7 @@ using common::Retry;
 using std::chrono::seconds;
 using testing::ElementsAre;
 
-TEST(RetryTest, PausesBetweenAttemptsAndNeverAfterTheLast) {
+TEST(RetryTest, RetryPausesBetweenAttemptsAndNotAfterTheLast) {
   static constexpr Retry::Duration kPauses[] = {seconds(0), seconds(5)};
   const auto sleepsOf = [](Retry retry) {
     FakeClock clock;
@@ -31,7 +31,7 @@ TEST(RetryTest, PausesBetweenAttemptsAndNeverAfterTheLast) {
   EXPECT_THAT(sleepsOf(Retry::For(seconds(0), seconds(2))), ElementsAre());
 }
 
-TEST(PeriodicTaskTest, RoundsComeAfterThePeriodOnAWakeAndAfterAnException) {
+TEST(PeriodicTaskTest, ATaskRunsAfterItsPeriodAfterAWakeAndAfterAnException) {
   FakeClock clock;
   std::atomic<std::size_t> rounds{0};
   const auto await = [&](std::size_t count) {  // the round, and the beginning of the next wait
@@ -58,7 +58,7 @@ TEST(PeriodicTaskTest, RoundsComeAfterThePeriodOnAWakeAndAfterAnException) {
   EXPECT_TRUE(WaitUntil([&] { return rounds == 4; })) << "the first round comes at once";
 }
 
-TEST(ClaimOnceTest, WaitingThreadsGetTheResult) {
+TEST(ClaimOnceTest, WaitingThreadsGetTheResultOfTheClaim) {
   FakeClock clock;
   std::size_t waits = 0;
   /// What a thread that waits for the claim gets after `work`, and the failure that it is told.

@@ -56,7 +56,7 @@ TEST_P(ClientTest, MappingsOutliveExpandAndFree) {
   }
 }
 
-TEST_P(ClientTest, AForkedChildIsServed) {
+TEST_P(ClientTest, AForkedChildReadsOverAConnectionOfItsOwn) {
   const Object object = Make(8192);
   ASSERT_EQ(mClient.Write(object, 8182, 10, "ssssssssss"), 0);
   // A connection shared with the parent would mix up both sides' answers.
@@ -79,7 +79,7 @@ TEST_P(ClientTest, AForkedChildIsServed) {
   EXPECT_EQ(status, 0);
 }
 
-TEST_P(ClientTest, AFileThatWasCutOffIsAnErrorOfItsObject) {
+TEST_P(ClientTest, AccessToAnObjectWithATruncatedFileFails) {
   const Object object = Make(5U << 20U);
   const Object other = Make(5U << 20U);
   std::filesystem::resize_file(mPlaces[mNode - 1].Pool() + "/app/" + object.id, 10);
@@ -90,7 +90,7 @@ TEST_P(ClientTest, AFileThatWasCutOffIsAnErrorOfItsObject) {
   EXPECT_EQ(mClient.Copy(object, 0, other, 0, 11), gone);
 }
 
-TEST_P(ClientTest, RefusesWhatMakesNoSense) {
+TEST_P(ClientTest, TheClientRefusesInvalidArguments) {
   const Object good = Make(10);
   const std::string longToken(kMaxTokenLength + 1, 't');
   const std::pair<Object, int> cases[] = {
@@ -121,7 +121,7 @@ TEST_P(ClientTest, RefusesWhatMakesNoSense) {
   EXPECT_EQ(mClient.Free(good), -ENOENT);  // the others are freed all the same
 }
 
-TEST(ClientAloneTest, LinksAreCheckedAndReplaced) {
+TEST(ClientAloneTest, CreateLinkChecksTheNodeIdAndReplacesTheOldLink) {
   test::FabricPlace places[] = {test::FabricPlace(1), test::FabricPlace(1)};
   FabricNode nodes[2];
   test::StartAgain(nodes[0], places[0].Options());
@@ -146,7 +146,7 @@ TEST(ClientAloneTest, LinksAreCheckedAndReplaced) {
   EXPECT_EQ(client.Allocate(object, 1, 1), -ENOENT);
 }
 
-TEST(ClientAloneTest, AnotherHomeIsAnotherNode) {
+TEST(ClientAloneTest, InitializeWithAnotherHomeReachesTheNodeOfThatHome) {
   FabricClient client;
   for (const std::uint16_t nodeId : {3, 4}) {
     const test::FabricPlace place(nodeId);

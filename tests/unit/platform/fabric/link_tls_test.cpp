@@ -7,7 +7,7 @@
 namespace vyn::fabric {
 namespace {
 
-TEST(LinkTlsTest, EitherSideRefusesWhomItCannotTrust) {
+TEST(LinkTlsTest, BothEndsOfALinkRefuseAnUntrustedPeer) {
   const test::LinkTls tls;
   const test::FabricPlace farPlace(1);
   const test::FabricPlace nearPlace(2);

@@ -65,7 +65,7 @@ class ListenerTest : public testing::Test {
   std::string mId;
 };
 
-TEST_F(ListenerTest, AnInvalidConversationEndsItsOwnConnectionOnly) {
+TEST_F(ListenerTest, AnInvalidRequestClosesItsOwnConnectionOnly) {
   Start();
   const test::PeerNames names{{"hello", kHello},
                               {"object", Packed({"app", "t", mId})},
@@ -114,7 +114,7 @@ TEST_F(ListenerTest, AFullListenerClosesIdleConnectionsAndKeepsBusyOnes) {
   EXPECT_EQ(busy.Receive(24), Frame(FabricOperation::kWrite, 1));
 }
 
-TEST_F(ListenerTest, AnAllocationWhoseAnswerNobodyReadIsFreed) {
+TEST_F(ListenerTest, TheListenerFreesAnObjectWhoseReplyWasNotDelivered) {
   Start();
   const std::uint64_t size = 128U << 20U;
   const std::string request =
@@ -143,7 +143,7 @@ TEST_F(ListenerTest, AnAllocationWhoseAnswerNobodyReadIsFreed) {
   }
 }
 
-TEST_F(ListenerTest, AForwardedCallEndsWhenItsCallerHasGone) {
+TEST_F(ListenerTest, AForwardedCallEndsWhenItsCallerDisconnects) {
   test::RawListener far;
   mOptions.directory = [&](std::uint16_t, NodeAddress& address) {
     address = {"127.0.0.1", far.Port()};

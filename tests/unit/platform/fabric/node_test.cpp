@@ -22,7 +22,7 @@ class NodeTest : public testing::Test {
   FabricNode mNode;
 };
 
-TEST_F(NodeTest, FilesAreItsOwnAndGoWithTheirNames) {
+TEST_F(NodeTest, ANodeKeepsItsFilesPrivateAndAdoptsThemAtTheNextStart) {
   Start();
   EXPECT_EQ(mNode.CreateNamespace("app", "secret"), 0);
   const std::string ids[] = {Allocate(1), "unknown", Allocate(10000)};
@@ -47,7 +47,7 @@ TEST_F(NodeTest, FilesAreItsOwnAndGoWithTheirNames) {
   EXPECT_EQ(mNode.Stats().used, 0U);
 }
 
-TEST_F(NodeTest, WhatAKilledNodeLeftHalfDoneIsGoneAfterTheNextStart) {
+TEST_F(NodeTest, AStartRemovesTheUnfinishedFilesOfAKilledNode) {
   std::filesystem::create_directories(mPlace.Pool() + "/.node/new1");
   std::filesystem::create_directories(mPlace.Pool() + "/.node/gone2");
   std::ofstream(mPlace.Pool() + "/.node/gone2/" + MakeObjectId(7)) << "half";
@@ -57,7 +57,7 @@ TEST_F(NodeTest, WhatAKilledNodeLeftHalfDoneIsGoneAfterTheNextStart) {
   EXPECT_EQ(NamesIn(mPlace.Pool()), std::vector<std::string>{".node"});
 }
 
-TEST_F(NodeTest, RefusesAPoolOrHomeThatItMustNotTake) {
+TEST_F(NodeTest, ANodeRefusesAnInvalidPoolHomeOrAddress) {
   const test::FabricPlace other(7);
   Start();
   ASSERT_EQ(mNode.CreateNamespace("app", "secret"), 0);
@@ -93,7 +93,7 @@ TEST_F(NodeTest, RefusesAPoolOrHomeThatItMustNotTake) {
   EXPECT_EQ(mNode.Stats().objects, 1U);
 }
 
-TEST_F(NodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {
+TEST_F(NodeTest, TheNodeTruncatesAFileThatAClientHasGrown) {
   // Who has a descriptor for writing can do to the file what it likes, beside the node and its account.
   std::atomic<int> warnings{0};
   mOptions.log = [&](int level, const std::string&) { warnings += level == 3 ? 1 : 0; };
@@ -126,7 +126,7 @@ TEST_F(NodeTest, AFileThatItsTenantHasGrownCostsNobodyElse) {
   }
 }
 
-TEST_F(NodeTest, ManyThreadsNeverBreakTheAccount) {
+TEST_F(NodeTest, TheAccountOfThePoolIsRightAfterConcurrentCalls) {
   mOptions.capacity = 64 * 4096;
   Start();
   std::atomic<int> wrong{0};

@@ -69,7 +69,7 @@ class PulledCopiesTest : public testing::Test {
   std::atomic<int> mWarnings{0};
 };
 
-TEST_F(PulledCopiesTest, EachReaderSeesTheBytesOfItsTime) {
+TEST_F(PulledCopiesTest, EachReaderSeesTheBytesThatTheOwnerHasAtThatMoment) {
   void* address = nullptr;
   ASSERT_EQ(mWriter.Map(mObject, 3, 1, &address), 0);
   std::string seen;
@@ -90,7 +90,7 @@ TEST_F(PulledCopiesTest, EachReaderSeesTheBytesOfItsTime) {
   EXPECT_EQ(Pulls(), 6U);
 }
 
-TEST_F(PulledCopiesTest, WithoutTheOwnerOnlyAFinishedCopyIsServed) {
+TEST_F(PulledCopiesTest, ANodeServesOnlyCompleteCopiesWhileTheOwnerIsDown) {
   const test::Object untouched = mObject;
   EXPECT_EQ(Seen(), std::string(1, '\0'));
   ASSERT_EQ(mWriter.Allocate(mObject, kSize, 2), 0);
@@ -102,7 +102,7 @@ TEST_F(PulledCopiesTest, WithoutTheOwnerOnlyAFinishedCopyIsServed) {
   EXPECT_EQ(Seen(), std::to_string(kBmUnconnected));
 }
 
-TEST_F(PulledCopiesTest, DamageOnTheWayIsNeverServed) {
+TEST_F(PulledCopiesTest, ANodePullsDamagedBytesAgainAndNeverServesThem) {
   Write(kSize, 'x');
   mLink->Damage(1);
   EXPECT_EQ(Seen(), "x");
@@ -117,7 +117,7 @@ TEST_F(PulledCopiesTest, DamageOnTheWayIsNeverServed) {
   EXPECT_EQ(Seen(), "x");
 }
 
-TEST_F(PulledCopiesTest, DamageOnALinkNeverReachesAReaderOutside) {
+TEST_F(PulledCopiesTest, AClientOutsideTheFabricNeverReadsBytesThatALinkDamaged) {
   constexpr std::size_t kLarge = 65536;
   ASSERT_EQ(mWriter.Allocate(mObject, kLarge, 2), 0);
   Write(kLarge, 'y');
@@ -130,7 +130,7 @@ TEST_F(PulledCopiesTest, DamageOnALinkNeverReachesAReaderOutside) {
   EXPECT_EQ(test::ReadObject(outside, mObject, 0, kLarge), std::to_string(-EBADMSG));
 }
 
-TEST_F(PulledCopiesTest, AnAllocationThatFailsNeverWedgesABlock) {
+TEST_F(PulledCopiesTest, AFailedAllocationLeavesTheBlockUsable) {
   const test::TempDir folder("/dev/shm");
   Pool pool(1, 1U << 20U);
   std::string error;

@@ -9,7 +9,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-TEST(RemoteNodeTest, AHostThatDiesCostsOneCallHoweverManyConnectionsAreKept) {
+TEST(RemoteNodeTest, ADeadHostFailsAtMostOneCallHoweverManyConnectionsArePooled) {
   char bytes[6];
   NodeAttributes attributes;
   using Call = std::function<int(RemoteNode&, const ObjectName&)>;
@@ -43,7 +43,7 @@ TEST(RemoteNodeTest, AHostThatDiesCostsOneCallHoweverManyConnectionsAreKept) {
   }
 }
 
-TEST(RemoteNodeTest, ConnectingAndGreetingShareOneDeadline) {
+TEST(RemoteNodeTest, ConnectAndHelloShareOneDeadline) {
   // Accepted by the kernel, answered by nobody; the connection itself takes most of the time.
   test::RawListener listener;
   RemoteNode node(
@@ -74,7 +74,7 @@ TEST(RemoteNodeTest, InvalidAnswersEndTheCall) {
   }
 }
 
-TEST(SocketStreamTest, APeerThatClosesEarlyHasNotReceivedEverything) {
+TEST(SocketStreamTest, ReceiveReportsAResetWhenThePeerClosesBeforeItReadEverything) {
   test::RawListener listener;
   const auto stream = DialLink("127.0.0.1", listener.Port(), net::Deadline::After(std::chrono::seconds(30)));
   test::RawSocket peer = listener.Accept();

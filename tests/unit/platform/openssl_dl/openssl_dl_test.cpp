@@ -6,7 +6,7 @@ namespace vyn::openssl_dl {
 namespace {
 
 // One test, since the libraries of a process are chosen once.
-TEST(OpensslDlTest, RefusesWhatItCannotUseAndThenOpensTheRealOnes) {
+TEST(OpensslDlTest, TheLoaderRefusesUnusableLibrariesAndThenOpensOpenssl) {
   const char* stub = VYN_TEST_PROGRAM_DIR "/libopenssl_stub.so";
   using Row = std::tuple<const char*, const char*, const char*, int>;
   for (const auto& [ssl, crypto, stubVersion, answer] :

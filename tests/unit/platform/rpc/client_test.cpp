@@ -30,7 +30,7 @@ std::uint64_t Greet(RawSocket& socket, std::size_t length) {
   return call;
 }
 
-TEST(RpcClient, RequestsAndRepliesOnTheWire) {
+TEST(RpcClient, TheClientSendsTheseBytesForEachRequest) {
   std::string said;
   {
     ScriptedServer server(1, [&](RawSocket& socket, int) {
@@ -58,7 +58,7 @@ TEST(RpcClient, RequestsAndRepliesOnTheWire) {
                       WireFrame(kCallId, std::string(100, 'x'), 2));
 }
 
-TEST(RpcClient, BadGreetings) {
+TEST(RpcClient, AnInvalidGreetingFailsTheConnection) {
   for (const test::Peer& peer : test::Peers("greeting", {})) {
     SCOPED_TRACE(peer.name);
     ScriptedServer server(2, [&](RawSocket& socket, int) { peer.Play(socket); });
@@ -69,7 +69,7 @@ TEST(RpcClient, BadGreetings) {
   }
 }
 
-TEST(RpcClient, BadRepliesEndTheConnectionAndTheNextCallConnectsAgain) {
+TEST(RpcClient, AnInvalidReplyClosesTheConnectionAndTheNextCallReconnects) {
   for (const test::Peer& peer : test::Peers("reply", {{"call", Wire(std::uint64_t{1})}})) {
     SCOPED_TRACE(peer.name);
     const bool kept = peer.follows == "stay";
@@ -91,7 +91,7 @@ TEST(RpcClient, BadRepliesEndTheConnectionAndTheNextCallConnectsAgain) {
   }
 }
 
-TEST(RpcClient, ALateReplyIsNeverTakenForALaterCall) {
+TEST(RpcClient, TheClientDropsALateReplyInsteadOfGivingItToALaterCall) {
   RawSocket first;
   ScriptedServer server(2, [&](RawSocket& socket, int connection) {
     const std::uint64_t call = Greet(socket, 1);
@@ -132,7 +132,7 @@ TEST(RpcClient, AForkedChildLeavesTheConnectionToItsParent) {
   EXPECT_EQ(Call(client, "c", 30000), "again");
 }
 
-TEST(RpcClient, OneDeadlineForTheWholeCall) {
+TEST(RpcClient, OneDeadlineCoversConnectRequestAndReply) {
   // Bytes keep coming, each well within the time-out or so fast that the socket is always readable; the reply
   // as a whole does not. With more than a second to go the socket waits by itself.
   for (const auto& [pause, size, timeout] :
@@ -154,13 +154,13 @@ TEST(RpcClient, OneDeadlineForTheWholeCall) {
   EXPECT_EQ(Call(client, "a", 150), "-21");
 }
 
-TEST(RpcClient, ARequestThatLeavesTooSlowlyEndsAtItsDeadline) {
+TEST(RpcClient, AWriteThatIsTooSlowEndsAtItsDeadline) {
   net::BlockingStream stream(std::make_unique<test::MemoryStream>(""), -1);
   iovec bytes{nullptr, std::size_t{1} << 26};  // one leaves at a time, and nobody looks at it
   EXPECT_EQ(stream.Write(&bytes, 1, net::Deadline(50)), net::IoStatus::kTimeout);
 }
 
-TEST(RpcClient, RequestsThatAreNotSent) {
+TEST(RpcClient, TheClientSendsNothingWithoutTheRequiredSecurityOrConnection) {
   RawListener listener;
   // Not a word leaves with flags that cannot be honoured.
   for (const auto& [tls, authentication, status] :

@@ -82,7 +82,7 @@ class RpcServer : public testing::Test {
   std::unique_ptr<Server> mServer;
 };
 
-TEST_F(RpcServer, BytesOnTheWire) {
+TEST_F(RpcServer, TheServerSendsTheseBytesForEachRequest) {
   mOptions.mMaxFrameLength = 77777;
   Start();
   RawSocket socket = Open();
@@ -105,7 +105,7 @@ TEST_F(RpcServer, BytesOnTheWire) {
   EXPECT_EQ(narrow.Receive(16 + 24).substr(16), WireFrame(kEcho, "", 1, -9));
 }
 
-TEST_F(RpcServer, BadBytesEndTheirOwnConnectionOnly) {
+TEST_F(RpcServer, InvalidBytesCloseTheirOwnConnectionOnly) {
   mOptions.mMaxFrameLength = 1000;
   Start();
   int count = 0;
@@ -121,7 +121,7 @@ TEST_F(RpcServer, BadBytesEndTheirOwnConnectionOnly) {
   }
 }
 
-TEST_F(RpcServer, PipelinedRequestsAreAllAnswered) {
+TEST_F(RpcServer, TheServerAnswersEveryPipelinedRequest) {
   mOptions.mMaxPendingCalls = 4;
   Start();
   RawSocket socket = Open();
@@ -150,7 +150,7 @@ TEST_F(RpcServer, PipelinedRequestsAreAllAnswered) {
   EXPECT_EQ(replies, expected);
 }
 
-TEST_F(RpcServer, ARequestIsAnsweredOnceAndWhileItsConnectionIsOpen) {
+TEST_F(RpcServer, ReplySucceedsOnceForARequestWhileItsConnectionIsOpen) {
   mOptions.mStopTimeout = 100;  // a call is left open below
   Start();
   RawSocket socket = Open();
@@ -168,7 +168,7 @@ TEST_F(RpcServer, ARequestIsAnsweredOnceAndWhileItsConnectionIsOpen) {
   EXPECT_EQ(contexts[2]->mStatus, -19);
 }
 
-TEST_F(RpcServer, ConnectionsAboveTheLimitGetAStatus) {
+TEST_F(RpcServer, AConnectionAboveTheLimitGetsAStatus) {
   mOptions.mMaxConnections = 2;
   Start();
   RawSocket first = Open();
@@ -201,7 +201,7 @@ TEST_F(RpcServer, AClientThatExceedsATimeLimitIsDisconnected) {
   }
 }
 
-TEST_F(RpcServer, AnIdleConnectionEndsAndOneWithACallStays) {
+TEST_F(RpcServer, TheServerClosesAnIdleConnectionAndKeepsOneWithAPendingCall) {
   mOptions.mIdleTimeout = 400;
   Start();
   RawSocket waiting = Open();
@@ -212,7 +212,7 @@ TEST_F(RpcServer, AnIdleConnectionEndsAndOneWithACallStays) {
   EXPECT_EQ(waiting.Receive(34), WireFrame(kHold, "still here"));
 }
 
-TEST_F(RpcServer, PendingBytesAreLimited) {
+TEST_F(RpcServer, TheServerLimitsThePendingBytes) {
   mOptions.mMaxPendingBytes = 1000;
   Start();
   RawSocket first = Open();
@@ -255,7 +255,7 @@ TEST_F(RpcServer, PendingBytesAreLimited) {
   EXPECT_EQ(second.Receive(small.size()), small);
 }
 
-TEST_F(RpcServer, StopLetsRunningCallsAnswer) {
+TEST_F(RpcServer, StopWaitsForTheRepliesOfRunningCalls) {
   Start();
   RawSocket socket = Open();
   socket.Send(WireFrame(kHold, ""));
@@ -273,7 +273,7 @@ TEST_F(RpcServer, StopLetsRunningCallsAnswer) {
   EXPECT_THROW(RawSocket::Connect(mServer->Port()), std::runtime_error);
 }
 
-TEST_F(RpcServer, StartsThatFail) {
+TEST_F(RpcServer, StartFailsTwiceOrWithABadAddressPortOrOption) {
   Start();
   EXPECT_FALSE(mServer->Start("127.0.0.1", 0)) << "twice";
   EXPECT_FALSE(Server().Start("127.0.0.1", mServer->Port())) << "a port that is taken";

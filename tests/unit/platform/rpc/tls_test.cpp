@@ -36,7 +36,7 @@ class RpcTls : public testing::Test {
   std::unique_ptr<Server> mServer;
 };
 
-TEST_F(RpcTls, NothingIsReadableAndASessionIsTakenUpAgain) {
+TEST_F(RpcTls, BytesAreEncryptedAndAReconnectResumesTheSession) {
   test::ByteProxy proxy(StartAs("server"));
   SecuredClient client("127.0.0.1", proxy.Port(), {}, true, false);
   ASSERT_TRUE(client.Initialize(mTrust, RawSocket::kPatience)) << SecuredClient::mLastErrorMessage;
@@ -52,7 +52,7 @@ TEST_F(RpcTls, NothingIsReadableAndASessionIsTakenUpAgain) {
   }
 }
 
-TEST_F(RpcTls, WhoIsTrusted) {
+TEST_F(RpcTls, TheClientConnectsToTrustedServersOnly) {
   enum End { kStands, kRefused, kNotInitialized };
   const struct {
     const char* mServer;
@@ -87,7 +87,7 @@ TEST_F(RpcTls, WhoIsTrusted) {
   }
 }
 
-TEST_F(RpcTls, FilesAreReadAgain) {
+TEST_F(RpcTls, ReloadAllReadsTheCertificatesAgain) {
   const auto put = [&](const std::string& from) {
     std::filesystem::copy_file(mFiles / from, mFiles / "used.pem",
                                std::filesystem::copy_options::overwrite_existing);
@@ -113,7 +113,7 @@ TEST_F(RpcTls, FilesAreReadAgain) {
   EXPECT_EQ(Call(open, "still open"), "still open");
 }
 
-TEST_F(RpcTls, OneSideOnly) {
+TEST_F(RpcTls, APlainPeerAndATlsPeerDoNotConnect) {
   // A plain client at a TLS server, and noise.
   Client plain("127.0.0.1", StartAs("server"), {});
   EXPECT_EQ(Call(plain, "x")[0], '-');
@@ -136,7 +136,7 @@ TEST_F(RpcTls, OneSideOnly) {
   EXPECT_EQ(heard.find("secret"), std::string::npos);
 }
 
-TEST_F(RpcTls, OnlyTls13) {
+TEST_F(RpcTls, TheServerAcceptsTls13Only) {
   const std::string peer = "127.0.0.1:" + std::to_string(StartAs("server"));
   const auto connect = [&](const std::string& version) {
     return test::RunCommand("openssl s_client -brief " + version + " -CAfile " + mFiles / "ca.pem" +
@@ -146,7 +146,7 @@ TEST_F(RpcTls, OnlyTls13) {
   EXPECT_NE(connect("-tls1_2").status, 0);
 }
 
-TEST_F(RpcTls, IdentitiesOfAServer) {
+TEST_F(RpcTls, TheServerStartsWithAMatchingKeyAndPasswordOnly) {
   for (const auto& [key, encrypted, password, starts] :
        {std::tuple{"encrypted.key", "true", "password.txt", true},
         {"encrypted.key", "true", "names.cnf", false},

@@ -16,7 +16,7 @@ std::string CallAt(const std::string& peer, std::uint16_t port, std::int64_t tim
   return test::Call(client, "x", timeout);
 }
 
-TEST(RpcTransportSetting, WhatTheVariablesMean) {
+TEST(RpcTransportSetting, TheUcxVariablesSetInterfacesPortRangeAndKeepAlive) {
   // The interfaces, the range and the seconds that a value means; nothing for a value that is refused.
   std::istringstream rows(R"(UCX_NET_DEVICES eth0,,eth1 = eth0 eth1 0-0 0
     UCX_NET_DEVICES eth0:1,eth1 = eth0 eth1 0-0 0
@@ -52,7 +52,7 @@ TEST(RpcTransportSetting, WhatTheVariablesMean) {
   EXPECT_EQ(CallAt("127.0.0.1", RawListener().Port(), 1000), "-14");
 }
 
-TEST(RpcTransportSetting, ASocketIsNeverConnectedWithItself) {
+TEST(RpcTransportSetting, TheClientRefusesASocketThatIsConnectedToItself) {
   // The one local port that it may take is the one that nobody listens on: the kernel would join both ends.
   RawListener listener;
   const std::string port = std::to_string(listener.Port());
@@ -61,7 +61,7 @@ TEST(RpcTransportSetting, ASocketIsNeverConnectedWithItself) {
   EXPECT_EQ(CallAt("127.0.0.1", listener.Port(), RawSocket::kPatience), "-19");
 }
 
-TEST(RpcTransportSetting, ConnectionsLeaveByTheInterfaceThatIsNamed) {
+TEST(RpcTransportSetting, ConnectionsUseTheNamedInterface) {
   const char* interfaces = R"(set -e; ip link set lo up
     for n in 1 2; do
       ip link add near$n type veth peer name far$n

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(SecureMemoryTest, CopiesSetsAndFormatsWhatFits) {
+TEST(SecureMemoryTest, SecureFunctionsRefuseABufferThatIsTooSmall) {
   char to[5] = "....";
   EXPECT_EQ((std::vector{memcpy_s(to, 3, "wxyz", 4), memcpy_s(nullptr, 3, "abc", 3),
                          memcpy_s(to, 3, nullptr, 3), memset_s(to, 3, 'x', 4), memset_s(nullptr, 3, 'x', 1)}),

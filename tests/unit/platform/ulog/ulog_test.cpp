@@ -34,7 +34,7 @@ class ULogTest : public testing::Test {
   const test::TempDir mDir;
 };
 
-TEST_F(ULogTest, ALineOfTheLevelHasTimeLevelProcessAndThread) {
+TEST_F(ULogTest, ALogLineHasTimeLevelProcessAndThread) {
   const std::string path = In("new/x.log");  // the missing folder is made
   ASSERT_EQ(ULOG_Init(1, 1, path.c_str(), 1, 1), 0) << ULOG_GetLastErrorMessage();
   EXPECT_TRUE(ULog::gLogger.load()->mDebugEnabled && ULog::gLogger.load()->mLevel == 1);
@@ -45,7 +45,7 @@ TEST_F(ULogTest, ALineOfTheLevelHasTimeLevelProcessAndThread) {
   EXPECT_TRUE(std::regex_match(ReadFile(path), line)) << ReadFile(path);
 }
 
-TEST_F(ULogTest, FilesRotateAndAnAuditLogIsPrivateAndHasOneLineForEach) {
+TEST_F(ULogTest, LogFilesRotateAndTheAuditFileIsPrivateWithOneLinePerEntry) {
   const mode_t old = ::umask(0);
   mDir.Write("audit.log", "older line\n");
   ASSERT_EQ(ULOG_Init(1, 2, In("x.log").c_str(), 1, 2), 0);
@@ -70,7 +70,7 @@ TEST_F(ULogTest, FilesRotateAndAnAuditLogIsPrivateAndHasOneLineForEach) {
   EXPECT_THAT(ReadFile(In("forged.log")), HasSubstr(R"([1][remove][a\x0d\x0a[2][forged][\x7f\x1f~])"));
 }
 
-TEST_F(ULogTest, NothingIsLostWhileTheLoggerIsReplacedAndWhenTheProcessEnds) {
+TEST_F(ULogTest, NoLineIsLostWhenTheLoggerIsReplacedOrTheProcessEnds) {
   InChild([this] {
     ULOG_Init(1, 2, In("0.log").c_str(), 16, 1);
     std::vector<std::jthread> threads(3);
@@ -92,7 +92,7 @@ TEST_F(ULogTest, NothingIsLostWhileTheLoggerIsReplacedAndWhenTheProcessEnds) {
 
 // A rotation fails when no descriptor is left to open the new file with. What then stands in the sink must
 // not be used.
-TEST_F(ULogTest, AFailedRotationIsMadeGoodLater) {
+TEST_F(ULogTest, TheLoggerRetriesAFailedRotation) {
 #if defined(__SANITIZE_ADDRESS__)
   GTEST_SKIP() << "the undefined behaviour sanitizer needs descriptors of its own to check a virtual call";
 #endif
@@ -116,7 +116,7 @@ TEST_F(ULogTest, AFailedRotationIsMadeGoodLater) {
   EXPECT_THAT(ReadFile(In("x.1.log")), HasSubstr("] before\n"));
 }
 
-TEST_F(ULogTest, AForkedChildWritesWhileAThreadOfItsParentIsWriting) {
+TEST_F(ULogTest, AForkedChildLogsEvenWhenAThreadOfItsParentWasLogging) {
   InChild([] {
     int ends[2] = {-1, -1};
     if (::pipe(ends) != 0 || ::dup2(ends[1], STDERR_FILENO) < 0) {

@@ -86,7 +86,7 @@ class ZkHelperTest : public testing::Test {
   VynZookeeperKeys mKeys{nullptr, nullptr, nullptr, 60, false};
 };
 
-TEST_F(ZkHelperTest, ValuesAreCutToTheRoomAndNullHasLengthMinusOne) {
+TEST_F(ZkHelperTest, ZooGetTruncatesValuesToTheBufferAndANullValueHasLengthMinusOne) {
   zhandle_t* handle = Open();
   RawZookeeper raw(mUrl);
   raw.Create("/text", "0123456789");
@@ -107,7 +107,7 @@ TEST_F(ZkHelperTest, ValuesAreCutToTheRoomAndNullHasLengthMinusOne) {
   EXPECT_STREQ(path, "/made");
 }
 
-TEST_F(ZkHelperTest, WhatCannotBeSecuredIsNotConnected) {
+TEST_F(ZkHelperTest, TheHelperOpensNoSessionThatItCannotSecure) {
   Dl_info client{};
   dladdr(reinterpret_cast<void*>(&zookeeper_init2), &client);
   const std::string home = std::filesystem::canonical(client.dli_fname).parent_path();
@@ -162,7 +162,7 @@ TEST_F(ZkHelperTest, AWatcherMaySetItselfMakeCallsAndClose) {
   VynRemoveZkHandle();
 }
 
-TEST_F(ZkHelperTest, NothingHangsWhenTheSessionExpiresOrIsClosedUnderCalls) {
+TEST_F(ZkHelperTest, PendingCallsReturnWhenTheSessionExpiresOrIsClosed) {
   constexpr int kThreads = 24;
   RawZookeeper(mUrl).Create("/node", "value");
   for (int round = 0; round < 12; ++round) {
@@ -197,7 +197,7 @@ TEST_F(ZkHelperTest, NothingHangsWhenTheSessionExpiresOrIsClosedUnderCalls) {
   }
 }
 
-TEST_F(ZkHelperTest, TheWatcherRunsWhenALostConnectionKeptItsWatchFromBeingSet) {
+TEST_F(ZkHelperTest, AWatcherRunsAfterItsWatchCouldNotBeSetOnALostConnection) {
   zhandle_t* handle = Open();
   std::atomic<int> told{0};
   gServer->Kill();
@@ -210,7 +210,7 @@ TEST_F(ZkHelperTest, TheWatcherRunsWhenALostConnectionKeptItsWatchFromBeingSet) 
   EXPECT_TRUE(WaitUntil([&] { return told >= 1; }));
 }
 
-TEST_F(ZkHelperTest, AnAllocationThatFailsFailsOneCallAtMost) {
+TEST_F(ZkHelperTest, AFailedAllocationFailsAtMostOneCall) {
   std::atomic<int> told{0};
   zoo_op_t operations[2]{};
   zoo_create_op_init(&operations[0], "/other", "", 0, &ZOO_OPEN_ACL_UNSAFE, 0, nullptr, 0);
@@ -254,7 +254,7 @@ TEST_F(ZkHelperTest, AnAllocationThatFailsFailsOneCallAtMost) {
   }
 }
 
-TEST_F(ZkHelperTest, AForkedChildHasNotTheSessionOfItsParent) {
+TEST_F(ZkHelperTest, AForkedChildDoesNotUseTheSessionOfItsParent) {
   zhandle_t* handle = Open();
   for (int round = 0; round < 10; ++round) {
     const pid_t child = ::fork();

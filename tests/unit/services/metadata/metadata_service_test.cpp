@@ -81,7 +81,7 @@ class MetadataServiceTest : public ClusterTest {
   Ref<BroadcastBlockInfo> mGot;
 };
 
-TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEndAndWhatIsRefused) {
+TEST_F(MetadataServiceTest, TheServiceCreatesPublishesAndRemovesAVariableAndRefusesBadRequests) {
   EXPECT_EQ(mClient->Send<BroadcastVar>(500, nullptr, "app", 1U), kStatusUnknownOperation);
   for (const std::string& name :
        {std::string(), std::string("a/b"), std::string("a\0b", 3), std::string(256, 'n')}) {
@@ -139,7 +139,7 @@ TEST_F(MetadataServiceTest, AVariableFromItsMakingToItsEndAndWhatIsRefused) {
               testing::ContainsRegex("\\[127.0.0.1:[0-9]+\\]\\[remove_variable\\]\\[app/1\\]\\[SUCCESS\\]"));
 }
 
-TEST_F(MetadataServiceTest, TellsOfItsNodes) {
+TEST_F(MetadataServiceTest, TheServiceListsItsNodesAndTheirCapacity) {
   const Ref<HostMessage> hosts(new HostMessage());
   ASSERT_EQ(mClient->Send<ShuffleApplication>(GET_UNAVAILABLE_NODE_LIST, hosts.Get(), "app"), 0U);
   EXPECT_THAT(hosts->hosts, ElementsAre("host-2"));
@@ -156,7 +156,7 @@ TEST_F(MetadataServiceTest, TellsOfItsNodes) {
   }));
 }
 
-TEST_F(MetadataServiceTest, TellsWhichApplicationsItKnows) {
+TEST_F(MetadataServiceTest, CheckValidAppReturnsTheRegisteredApplications) {
   ASSERT_EQ(New("quiet"), 0U);
   const Ref<ShuffleApplicationIdList> known(new ShuffleApplicationIdList());
   const auto ask = [&](const std::vector<std::string>& names) {
@@ -168,7 +168,7 @@ TEST_F(MetadataServiceTest, TellsWhichApplicationsItKnows) {
   EXPECT_THAT(known->appIds, ElementsAre("quiet"));
 }
 
-TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {
+TEST_F(MetadataServiceTest, TheServiceRefusesRequestsAfterItsLeadershipEnds) {
   EXPECT_EQ(Fetch("app"), kStatusUnknownVariable);
   mService->ServeUntil(std::chrono::steady_clock::now());
   EXPECT_EQ(Fetch("app"), MetadataStore::kStatusLeadershipLost) << "another may lead, and know better";
@@ -180,7 +180,7 @@ TEST_F(MetadataServiceTest, StopsServingWhenAnotherLeads) {
   EXPECT_TRUE(mService->LeadershipLost());
 }
 
-TEST(NodeSelection, MostFreeMemoryFirstAmongTheCandidates) {
+TEST(NodeSelection, SelectNodesOrdersTheCandidatesByFreeMemory) {
   struct Case {
     std::vector<std::pair<std::string, std::uint64_t>> live;  ///< address, free bytes; the ids count from 1
     std::vector<std::string> candidates;
@@ -240,7 +240,7 @@ class MetadataMemberTest : public ClusterTest {
   std::unique_ptr<MetadataMember> mMember;
 };
 
-TEST_F(MetadataMemberTest, AClaimOrMutexWhoseReplyWasLostIsItsOwn) {
+TEST_F(MetadataMemberTest, AMemberRecognisesItsOwnClaimAndMutexAfterALostReply) {
   // As they stand when the connection broke after the server had made them.
   for (const char* path : {kLeaderPath, "/meta/mutex"}) {
     ASSERT_EQ(
@@ -268,7 +268,7 @@ TEST_F(MetadataMemberTest, AClaimOrMutexWhoseReplyWasLostIsItsOwn) {
   EXPECT_FALSE(mRaw->Exists(kFollowerPath));
 }
 
-TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
+TEST_F(MetadataMemberTest, AMemberRegistersAgainAfterItsSessionExpired) {
   mRaw->Create(std::string("/meta/status/") + kSelf, "3");
   mRaw->Create(std::string("/meta/status/") + kOther, "2");
   Connect(mUrl, 4000);
@@ -283,7 +283,7 @@ TEST_F(MetadataMemberTest, AnnouncesItselfAnewWhenItsSessionHasExpired) {
   EXPECT_EQ(mRaw->Owner(kLeaderPath), DoDlZooClientId(VynGetZkHandle()).client_id);
 }
 
-TEST_F(MetadataMemberTest, StopsServingBeforeItsSessionCanHaveExpired) {
+TEST_F(MetadataMemberTest, AMemberStopsServingBeforeItsSessionCanExpire) {
   ByteProxy link(static_cast<std::uint16_t>(gServer->Port()));
   Connect("127.0.0.1:" + std::to_string(link.Port()) + mUrl.substr(mUrl.find('/')), 8000);
   StartMember();  // asks for 30 seconds, more than the session was granted
@@ -297,7 +297,7 @@ TEST_F(MetadataMemberTest, StopsServingBeforeItsSessionCanHaveExpired) {
   Disconnect();
 }
 
-TEST_F(MetadataMemberTest, GivesUpAClaimThatItCannotServe) {
+TEST_F(MetadataMemberTest, AMemberResignsWhenItsServiceCannotStart) {
   const RawListener taken;
   StartMember(taken.Port());
   EXPECT_TRUE(WaitUntil([&] { return mLog.Texts(kErrorLine).size() >= 2; }));

@@ -160,7 +160,7 @@ class MetadataModelTest : public MetadataStoreTest {
   std::unique_ptr<MetadataState> mLeader;
 };
 
-TEST_F(MetadataModelTest, EveryLeaderServesWhatWasAcknowledgedAndAFencedOneChangesNothing) {
+TEST_F(MetadataModelTest, EveryLeaderServesAcknowledgedWritesAndAFencedLeaderWritesNothing) {
   for (const unsigned int seed : test::Seeds(3)) {
     test::RandomSteps random(seed);
     std::unique_ptr<MetadataState> fenced;
@@ -211,7 +211,7 @@ TEST_F(MetadataStoreTest, AnApplicationEndsWhenItsHeartbeatsStop) {
   EXPECT_EQ(mRaw->Children("/vyn/apps"), std::vector<std::string>{"quiet"});
 }
 
-TEST_F(MetadataStoreTest, ALeadershipBeginsWithWhatOthersHaveLeft) {
+TEST_F(MetadataStoreTest, LoadReadsTheRecordsOfEarlierLeadersAndRemovesIncompleteOnes) {
   auto leader = NewLeader();
   for (const std::uint32_t id : {1U, 2U}) {
     ASSERT_EQ(leader->NewVariable("app", id, 1), 0U);
@@ -254,7 +254,7 @@ TEST_F(MetadataStoreTest, ALeadershipBeginsWithWhatOthersHaveLeft) {
   EXPECT_FALSE(mRaw->Exists("/vyn/apps/app"));
 }
 
-TEST_F(MetadataStoreTest, ANumberIsUsedAgainWhenTheLiveNodesHaveForgottenIt) {
+TEST_F(MetadataStoreTest, AVariableIdIsReusableAfterEveryLiveNodeHasFreedItsBlocks) {
   auto leader = NewLeader();
   ASSERT_EQ(leader->NewVariable("app", 1, 2), 0U);
   ASSERT_EQ(leader->SetBlocks(Blocks("app", 1, 0, 2, 2)), 0U);
@@ -277,7 +277,7 @@ TEST_F(MetadataStoreTest, ANumberIsUsedAgainWhenTheLiveNodesHaveForgottenIt) {
   }
 }
 
-TEST_F(MetadataStoreTest, WithoutAnAnswerNothingIsWrittenOrTheLeadershipEnds) {
+TEST_F(MetadataStoreTest, AnUnansweredReadWritesNothingAndAnUnansweredWriteEndsTheLeadership) {
   const std::uint32_t over = MetadataStore::kStatusLeadershipLost;
   struct Case {
     const char* function;

@@ -51,7 +51,7 @@ class NodeRegistryTest : public test::ClusterTest {
   std::string mError;
 };
 
-TEST_F(NodeRegistryTest, PublishesBothRecordsAndTakesThemAway) {
+TEST_F(NodeRegistryTest, TheRegistryPublishesAndRemovesBothRecordsOfANode) {
   NodeRegistry registry({7, "10.0.0.1", "host-7", 0x1234}, mFabric);
   ASSERT_TRUE(registry.Claim(mError)) << mError;
   EXPECT_FALSE(mRaw->Exists(kCapacity)) << "a node that does not serve yet is not chosen";
@@ -68,7 +68,7 @@ TEST_F(NodeRegistryTest, PublishesBothRecordsAndTakesThemAway) {
   EXPECT_TRUE(mRaw->Exists(kKnown) && mRaw->Exists("/vyn/reclaim/7"));
 }
 
-TEST_F(NodeRegistryTest, RefusesAnIdThatIsAnotherNodes) {
+TEST_F(NodeRegistryTest, TheRegistryRefusesTheIdOfAnotherNode) {
   struct Case {
     const char* what;
     std::string present;  ///< at /mf/node/7, of another session; empty: nothing
@@ -144,7 +144,7 @@ TEST_F(NodeRegistryTest, TheReclaimerKeepsWhatItCannotFreeUntilTheApplicationEnd
   EXPECT_EQ(mFabric.Stats().objects, 0U);
 }
 
-TEST_F(NodeRegistryTest, RecordsOfANewerBuildAndMadeUpEntriesAreLeftAlone) {
+TEST_F(NodeRegistryTest, TheReclaimerSkipsRecordsOfANewerBuildAndForgedEntries) {
   tessel::BroadcastBlockInfo blocks;
   blocks.bmIds = {mId};
   blocks.sizes = {1U << 20U};
@@ -173,7 +173,7 @@ TEST_F(NodeRegistryTest, RecordsOfANewerBuildAndMadeUpEntriesAreLeftAlone) {
   EXPECT_EQ(mRaw->Get("/vyn/apps/app/2.x"), newer);
 }
 
-TEST(MetadataClient, ALookUpFollowsALeaderWhoseHostHasVanishedAndEnds) {
+TEST(MetadataClient, ALookUpLeavesAVanishedLeaderForTheNewOne) {
   const test::TwinServices hosts;
   test::PlainConfiguration()->Set("vyn.tessel.rpc.shuffle_meta.port", int{hosts.first->Port()});
   hosts.first->Answer(BROADCAST_VAR_GET, {0, "", test::ScriptedService::Reply::kSilence});

@@ -151,7 +151,7 @@ TEST_F(NodeServerTest, TheFirstRegistrationFixesTheToken) {
   EXPECT_EQ(Register("app", "secret"), kStatusWrongToken);
 }
 
-TEST_F(NodeServerTest, AnEarlierApplicationsEndDoesNotHitTheNewOne) {
+TEST_F(NodeServerTest, ReclaimingAnEndedApplicationSparesANewOneOfTheSameName) {
   ASSERT_EQ(Create("app", {100}), 0U);
   // The leader removed it, and this node has not looked yet.
   mRaw->Delete("/vyn/apps/app/token");
@@ -167,7 +167,7 @@ TEST_F(NodeServerTest, AnEarlierApplicationsEndDoesNotHitTheNewOne) {
   EXPECT_TRUE(mRaw->Children("/vyn/reclaim/1").empty());
 }
 
-TEST_F(NodeServerTest, ABatchIsCreatedWholeAndWithinTheLimitOrNotAtAll) {
+TEST_F(NodeServerTest, TheNodeServerCreatesAllBlocksOfABatchOrNone) {
   for (const auto& [app, sizes, status] :
        {std::tuple("other", Sizes{1}, kStatusNotRegistered),
         std::tuple("a/b", Sizes{1}, kStatusInvalidRequest), std::tuple("app", Sizes{}, kStatusInvalidRequest),
@@ -193,7 +193,7 @@ TEST_F(NodeServerTest, ABatchIsCreatedWholeAndWithinTheLimitOrNotAtAll) {
   EXPECT_EQ(Create("app", {5000}), 0U);
 }
 
-TEST_F(NodeServerTest, ObjectsForACallerThatHasGoneAreFreed) {
+TEST_F(NodeServerTest, TheNodeServerFreesTheBlocksOfADisconnectedCaller) {
   mReclaimer.Start();
   StartServer(1);
   FetchHeld(1);
@@ -211,7 +211,7 @@ TEST_F(NodeServerTest, ObjectsForACallerThatHasGoneAreFreed) {
   EXPECT_EQ(mFabric.Stats().objects, 1U) << "this caller is there";
 }
 
-TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
+TEST_F(NodeServerTest, TheNodeServerCachesAFetchUntilTheVariableIsRemoved) {
   EXPECT_EQ(Fetch(1, "other"), kStatusNotRegistered);
   EXPECT_EQ(Fetch(kNone), kStatusUnknownVariable);
   EXPECT_EQ(Fetch(1), 2U);
@@ -228,7 +228,7 @@ TEST_F(NodeServerTest, AFetchIsRememberedUntilTheVariableGoes) {
   EXPECT_EQ(Fetch(2), 6U);
 }
 
-TEST_F(NodeServerTest, OneLookUpServesAllCallersAndTheOthersBlockNoWorker) {
+TEST_F(NodeServerTest, CallersOfOneVariableShareALookUpAndOccupyNoOtherWorker) {
   StartServer(3);
   FetchHeld(1);
   ASSERT_TRUE(Asked(1));
@@ -248,7 +248,7 @@ TEST_F(NodeServerTest, OneLookUpServesAllCallersAndTheOthersBlockNoWorker) {
   EXPECT_EQ(Fetch(kHeld), 3U) << "the answer from before the deletion came last, and is not remembered";
 }
 
-TEST_F(NodeServerTest, LookUpsOfManyVariablesLeaveWorkersForOthers) {
+TEST_F(NodeServerTest, LookUpsOfManyVariablesLeaveWorkersForOtherRequests) {
   StartServer(4);
   for (std::uint32_t id = kHeld; id < kHeld + 4; ++id) {
     mClients.emplace_back([this, id] { EXPECT_LE(Fetch(id), 4U); });
@@ -259,7 +259,7 @@ TEST_F(NodeServerTest, LookUpsOfManyVariablesLeaveWorkersForOthers) {
   mLetGo = 0;
 }
 
-TEST_F(NodeServerTest, BlobsAreObjectsOfThePool) {
+TEST_F(NodeServerTest, TheNodeServerCreatesAndDeletesBlobsInThePool) {
   const Ref<ShuffleBlob> blobs[] = {new ShuffleBlob(), new ShuffleBlob()};
   const auto create = [&](const Ref<ShuffleBlob>& blob, const char* token) {
     return mClient->Send<BlobCreateRequest>(BLOB_CREATE, blob.Get(), "bag", "app", 100U, 0, token);

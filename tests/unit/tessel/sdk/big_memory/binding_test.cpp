@@ -13,7 +13,7 @@ namespace {
 
 std::uint32_t Link() { return BmCreateLink(1, "host", "10.0.0.1", 3899, 0); }
 
-TEST(BmBinding, ALazyStartHasTheHomeAndFlagOfTheLastOneByHand) {
+TEST(BmBinding, AnAutomaticStartReusesTheHomeAndFlagOfTheLastExplicitStart) {
   ScriptedBmClient library;
   EXPECT_EQ(BmUninitialize(), 0U);  // not up: nothing happens
   EXPECT_EQ(Link(), 0U);
@@ -26,7 +26,7 @@ TEST(BmBinding, ALazyStartHasTheHomeAndFlagOfTheLastOneByHand) {
   EXPECT_EQ(BmInitialize(nullptr, 0), 2000057U);
 }
 
-TEST(BmBinding, SaysHowLinksAreSecuredBeforeTheLibraryIsInitialised) {
+TEST(BmBinding, TheBindingSetsTheLinkSecurityBeforeItInitialisesTheLibrary) {
   ScriptedBmClient library;
   const struct {
     std::string conf;  ///< empty: no file
@@ -53,7 +53,7 @@ TEST(BmBinding, SaysHowLinksAreSecuredBeforeTheLibraryIsInitialised) {
   }
 }
 
-TEST(BmBinding, AStartThatFailsClosesTheLibraryAndTheNextOneSucceeds) {
+TEST(BmBinding, AFailedStartClosesTheLibraryAndTheNextStartSucceeds) {
   FakeClock clock;
   clock.EndAllWaits();  // a claim that is kept shows soon
   ScriptedBmClient library;

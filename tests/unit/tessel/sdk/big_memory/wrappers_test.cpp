@@ -92,7 +92,7 @@ class BmWrappers : public testing::Test {
   vyn::test::CapturedLog mLog;
 };
 
-TEST_F(BmWrappers, HandTheirArgumentsOnAndTranslateEveryResult) {
+TEST_F(BmWrappers, TheWrappersPassTheirArgumentsOnAndTranslateEveryResult) {
   for (const Wrapper& wrapper : kWrappers) {
     for (const int result : {0, 1, 22, -1, -190, -191, -193, -194, -195, -79988, -79989, -79995, -79999}) {
       SCOPED_TRACE(Joined(wrapper.function, result));
@@ -124,7 +124,7 @@ TEST_F(BmWrappers, HandTheirArgumentsOnAndTranslateEveryResult) {
   EXPECT_EQ(BmSpecificObjectSwapIn(&kFile, &kBlock, 6, &gBuffer, 2048), 0U);
 }
 
-TEST_F(BmWrappers, RefuseArgumentsBeforeTheLibraryIsTouched) {
+TEST_F(BmWrappers, TheWrappersRefuseBadArgumentsWithoutCallingTheLibrary) {
   mScript.Clear();
   const std::string shortId(59, 'a');
   const std::tuple<const char**, const char*, const char*> spoilt[] = {
@@ -149,7 +149,7 @@ TEST_F(BmWrappers, RefuseArgumentsBeforeTheLibraryIsTouched) {
   EXPECT_TRUE(mScript.Untouched());
 }
 
-TEST_F(BmWrappers, OfAClosedLibraryReopenItOrSayThatItIsNotUp) {
+TEST_F(BmWrappers, TheWrappersReopenAClosedLibraryOrReportThatItIsClosed) {
   for (const Wrapper& wrapper : kWrappers) {
     SCOPED_TRACE(wrapper.function);
     BmUninitialize();

@@ -40,7 +40,7 @@ class BlockAccess : public testing::Test {
   vyn::test::FakeClock mClock;
 };
 
-TEST_F(BlockAccess, MapsABlockOnceAndAnewAfterItsRelease) {
+TEST_F(BlockAccess, ABlockIsMappedOnceAndAgainAfterItsRelease) {
   void* first = Obtain(0);
   EXPECT_TRUE(g_broadcastCache->InsertVarInfo("app_1-42", {kSecondId}, {1})) << "the first entry stays";
   EXPECT_EQ(Obtain(0), first);
@@ -63,7 +63,7 @@ TEST_F(BlockAccess, MapsABlockOnceAndAnewAfterItsRelease) {
   EXPECT_NE(Obtain(0), first);
 }
 
-TEST_F(BlockAccess, RefusesWhatItDoesNotKnow) {
+TEST_F(BlockAccess, AccessToAnUnknownVariableOrBlockIsRefused) {
   char buffer[200];
   struct Row {
     unsigned int variable;
@@ -89,7 +89,7 @@ TEST_F(BlockAccess, RefusesWhatItDoesNotKnow) {
   EXPECT_TRUE(mScript.Untouched());
 }
 
-TEST_F(BlockAccess, ManyThreadsMakeOneMapping) {
+TEST_F(BlockAccess, ConcurrentReadersOfABlockShareOneMapping) {
   // All have looked and found no address before the first one can map: this reader keeps them from the lock
   // for writing.
   const auto info = g_broadcastCache->GetVarInfo("app_1-42");
@@ -119,7 +119,7 @@ TEST_F(BlockAccess, ManyThreadsMakeOneMapping) {
   EXPECT_EQ(mScript.Calls("BM_MapSec").size(), 1U);
 }
 
-TEST_F(BlockAccess, ASlowMappingStopsOnlyItsOwnVariable) {
+TEST_F(BlockAccess, ASlowMappingBlocksItsOwnVariableOnly) {
   g_broadcastCache->InsertVarInfo("app_1-50", {kId}, {100});
   // The first variable's lock is held in the library's call, and the variable may even leave the table.
   mScript.Expect("BM_MapSec", {{0, [&] {

@@ -29,7 +29,7 @@ class BlockTrustTest : public testing::Test {
   unsigned int mCount = 77;
 };
 
-TEST_F(BlockTrustTest, WhatDoesNotFitIsRefused) {
+TEST_F(BlockTrustTest, AnExecutorRefusesBlocksThatDoNotMatchItsRequest) {
   for (const auto& answer : {SdkWorld::Blocks("other", 7, 1), SdkWorld::Blocks("app", 8, 1),
                              SdkWorld::Blocks("app", 7, 1, 'a', {100, 50, 1})}) {
     ServerSays(answer);
@@ -50,7 +50,7 @@ TEST_F(BlockTrustTest, WhatDoesNotFitIsRefused) {
   EXPECT_EQ(Obtain(0), 0U);
 }
 
-TEST_F(BlockTrustTest, OnlyTheSizesOfNoBlocksNeedNoRoom) {
+TEST_F(BlockTrustTest, ANullArrayOfSizesIsAcceptedForZeroBlocksOnly) {
   tessel::BroadcastBlockInfo none;
   none.appId = "app";
   none.broadcastId = 8;
@@ -62,7 +62,7 @@ TEST_F(BlockTrustTest, OnlyTheSizesOfNoBlocksNeedNoRoom) {
   }
 }
 
-TEST_F(BlockTrustTest, BlocksThatAreGoneAreAskedForAgain) {
+TEST_F(BlockTrustTest, AnExecutorFetchesAgainWhenItsBlocksWereFreed) {
   ASSERT_EQ(Fetch(), 0U);
   mScript.Expect("BM_MapSec", {-2, -2, 0, -2});
   EXPECT_EQ(Obtain(0), 2080007U) << "the node server knows no other blocks yet";

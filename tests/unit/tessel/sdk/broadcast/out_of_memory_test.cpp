@@ -81,7 +81,7 @@ class OutOfMemoryTest : public testing::Test {
   const CapturedLog mLog{5};  // a line that cannot be written is no failure
 };
 
-TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageEndsIt) {
+TEST_F(OutOfMemoryTest, ExportedFunctionsCheckTheirTextsAndReturnAStatusWhenAllocationsFail) {
   std::vector<std::string> list;
   std::vector<unsigned short> nodeIds;
   unsigned long sizes[2];
@@ -152,7 +152,7 @@ TEST_F(OutOfMemoryTest, TextsAreCheckedNoExceptionLeavesACallAndAMissingMessageE
   EXPECT_GT(failures, 20);
 }
 
-TEST_F(OutOfMemoryTest, TheRemoteFormTakesBackWhatItMade) {
+TEST_F(OutOfMemoryTest, AFailedRemoteCreateFreesItsBlocks) {
   auto& script = mWorld.bm.script;
   std::vector<std::string> ids;
   std::string order;

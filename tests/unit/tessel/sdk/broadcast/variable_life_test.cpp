@@ -32,7 +32,7 @@ std::string Make(
 
 bool Known(const char* name) { return g_broadcastCache->GetVarInfo(name) != nullptr; }
 
-TEST(VariableLifeTest, ALookUpThatFindsNothingIsLoggedOnlyAsTheCallersFailure) {
+TEST(VariableLifeTest, AFailedLookUpIsLoggedOnceForItsCaller) {
   DriverWorld world;
   world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {2140011, ""});
   const CapturedLog log;
@@ -40,7 +40,7 @@ TEST(VariableLifeTest, ALookUpThatFindsNothingIsLoggedOnlyAsTheCallersFailure) {
   EXPECT_EQ(Joined(log.Texts(3).size(), log.Texts(4).size()), "0|1");
 }
 
-TEST(VariableLifeTest, FailuresAreToldAsTheHeaderSays) {
+TEST(VariableLifeTest, FailuresGetTheStatusAndTextOfTheHeader) {
   DriverWorld world;
   const CapturedLog silence(5);
   const auto open = [](VynVariable** out) { return VynVariableOpen("app", 7, out); };
@@ -77,7 +77,7 @@ TEST(VariableLifeTest, FailuresAreToldAsTheHeaderSays) {
   VynVariableClose(variable);
 }
 
-TEST(VariableLifeTest, ADriverOnANodeOfTheFabric) {
+TEST(VariableLifeTest, ADriverOnAFabricNodeCreatesAndRemovesAVariable) {
   DriverWorld world;
   ScriptedService& server = world.server;
   ScriptedService& meta = world.meta;
@@ -181,7 +181,7 @@ class OutsideDriver : public testing::Test {
   std::vector<std::string> mIds{"kept"};
 };
 
-TEST_F(OutsideDriver, PlacesItsBlocksOnAChosenNode) {
+TEST_F(OutsideDriver, ADriverOutsideTheFabricPlacesItsBlocksOnAChosenNode) {
   bool registered = true;
   EXPECT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
   EXPECT_FALSE(registered);
@@ -206,7 +206,7 @@ TEST_F(OutsideDriver, PlacesItsBlocksOnAChosenNode) {
   EXPECT_THAT(mScript.Calls("BM_BatchFreeSec"), ElementsAre(testing::EndsWith("|2|16|app|tok")));
 }
 
-TEST_F(OutsideDriver, WhatFailsBeforeTheRecordIsTakenBack) {
+TEST_F(OutsideDriver, AFailureBeforeTheRecordFreesTheBlocks) {
   mWorld.meta.Clear();
   mScript.Clear();
   for (const auto& [node, status] : std::vector<std::pair<const char*, std::uint32_t>>{

@@ -79,7 +79,7 @@ TEST_F(HeartBeatTest, ManyApplicationsStartAndStopAtOnceWhileTheClientIsReplaced
   EXPECT_TRUE(BaseApiUtil::g_HeartBeatFlag.empty());
 }
 
-TEST_F(HeartBeatTest, AStopThatOvertakesItsStartWins) {
+TEST_F(HeartBeatTest, AStopBeforeItsStartPreventsTheStart) {
   const common::Ref<common::HeartBeatThread> sender(new common::HeartBeatThread("app", 0, "driver", ""));
   ASSERT_EQ(BaseApiUtil::PutIfAbsent("app", sender), 0U);
   EXPECT_EQ(Switch(false, "app"), 0U);
@@ -87,7 +87,7 @@ TEST_F(HeartBeatTest, AStopThatOvertakesItsStartWins) {
   EXPECT_EQ(Beats(), "");
 }
 
-TEST_F(HeartBeatTest, AForkedChildHasNotTheSendersOfItsParent) {
+TEST_F(HeartBeatTest, AForkedChildHasNoSendersOfItsParent) {
   ASSERT_EQ(Switch(true, "app"), 0U);
   const pid_t child = ::fork();
   if (child == 0) {
@@ -99,7 +99,7 @@ TEST_F(HeartBeatTest, AForkedChildHasNotTheSendersOfItsParent) {
   EXPECT_EQ(Switch(false, "app"), 0U);
 }
 
-TEST_F(HeartBeatTest, AtTheEndOfTheProcessSendersSendNothingAndNobodyWaitsForACallThatHangs) {
+TEST_F(HeartBeatTest, SendersSendNothingAtProcessExitAndTheExitWaitsForNoCall) {
   mWorld.WriteConf("127.0.0.1:1", "vyn.tessel.rpc.shuffle_meta.timeout=600000\n");
   for (const bool hang : {false, true}) {
     SCOPED_TRACE(hang ? "hanging in their calls" : "between two beats");

@@ -6,7 +6,7 @@
 namespace vyn::test {
 namespace {
 
-TEST(SessionEndTest, TheDriverFollowsTheNextLeaderAndCanStartAfresh) {
+TEST(SessionEndTest, ADriverFollowsTheNextLeaderAndCanInitialiseAgain) {
   DriverWorld world(true, "vyn.zookeeper.session.timeout=9000\n");  // a client notices at its next ping
   RawZookeeper raw(world.url);
   ASSERT_EQ(HeartBeat("app", 0, "driver", "", true), 0U);

@@ -137,7 +137,7 @@ TEST(StartUpTest, ADriverThatFailsAtAStepFreesTheClaim) {
   }));
 }
 
-TEST(StartUpTest, ReadyUninitialisedAndBack) {
+TEST(StartUpTest, AnExecutorUninitialisesAndInitialisesAgain) {
   SdkWorld world;
   const ReservedPort nobody;  // the metadata service is needed at the first call only
   world.WriteConf("127.0.0.1:1", "vyn.tessel.rpc.shuffle_meta.port=" + std::to_string(nobody.Number()));
@@ -156,7 +156,7 @@ TEST(StartUpTest, ReadyUninitialisedAndBack) {
   EXPECT_EQ(world.bm.script.Calls("BM_Init").size(), 2U);
 }
 
-TEST(StartUpTest, SixteenThreadsOfWhichTheFirstFails) {
+TEST(StartUpTest, SixteenThreadsInitialiseAfterTheFirstAttemptFails) {
   SdkWorld world;
   world.WriteConf();
   for (const bool first : {true, false}) {
@@ -179,7 +179,7 @@ TEST(StartUpTest, SixteenThreadsOfWhichTheFirstFails) {
   }
 }
 
-TEST(StartUpTest, BeforeInitialisationNothingIsTouched) {
+TEST(StartUpTest, CallsBeforeInitialisationAreRefusedAndChangeNothing) {
   SdkWorld world;
   unsigned long sizes[2] = {1, 2};
   std::vector<std::string> texts;
