@@ -105,7 +105,10 @@ typedef struct VynVariableInfo {
  * \param size bytes, at least 1. A variable of 0 bytes is refused.
  * \param out receives the handle; null after a failure. VynVariableClose ends it.
  * \return 0 or VYN_VARIABLE_INVALID, _NOT_REGISTERED, _WRONG_TOKEN, _EXISTS, _POOL_FULL, _LIMIT, _LOST,
- *         _NO_SERVICE, _NO_MEMORY. After a failure nothing is left.
+ *         _NO_SERVICE, _NO_MEMORY. After a failure nothing is left; only after _NO_SERVICE the number may stay
+ *         taken until VynVariableDelete. _NO_SERVICE is also the status when a node that stands still has not
+ *         forgotten a deleted variable of this number within 20 seconds. Then the number is still free, and
+ *         the call can be repeated.
  */
 uint32_t VynVariableCreate(const char* appId, uint32_t id, uint64_t size, VynVariable** out);
 
@@ -168,7 +171,10 @@ void VynVariableClose(VynVariable* variable);
 /**
  * Deletes a variable, published or not. Processes that have it open keep reading the same bytes until
  * VynVariableClose; the memory is free when the last of them has closed it. A later VynVariableOpen fails
- * with VYN_VARIABLE_UNKNOWN. The writer of an unpublished variable cannot publish it any more.
+ * with VYN_VARIABLE_UNKNOWN: the call returns when every live node has forgotten the variable. It waits at
+ * most 5 seconds. On a node that stands still for longer, for example because ZooKeeper does not answer it,
+ * the deleted variable can be opened until the node goes on; the number is not used again before. The writer
+ * of an unpublished variable cannot publish it any more.
  * \return 0 or VYN_VARIABLE_INVALID, _NOT_REGISTERED before BroadcastInitialize, _UNKNOWN, _NO_SERVICE.
  */
 uint32_t VynVariableDelete(const char* appId, uint32_t id);

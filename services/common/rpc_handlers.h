@@ -41,10 +41,16 @@ class Caller {
 
   /// The caller's address as "ip:port".
   std::string Peer() const { return mContext->PeerAddress(); }
-  /// Replies with a failure and without a message. Logs the refusal. \param status odd.
+  /// Replies with a failure and without a message. Logs the refusal; that a variable is not there, or not yet,
+  /// is an answer and no warning. \param status odd.
   void Refuse(std::uint32_t status) const {
-    VYN_LOG_WARN("Refused " << mName << " from " << Peer() << " with " << status << ": "
-                            << StatusText(status));
+    if (status == kStatusUnknownVariable || status == kStatusNotReady) {
+      VYN_LOG_DEBUG("Refused " << mName << " from " << Peer() << " with " << status << ": "
+                               << StatusText(status));
+    } else {
+      VYN_LOG_WARN("Refused " << mName << " from " << Peer() << " with " << status << ": "
+                              << StatusText(status));
+    }
     common::RpcEngine::SyncRpcReply(mCode, mContext, status, nullptr, 0, kReplyTimeout);
   }
   /// \param response may hold null. \param sent may be null; see RpcEngine::SyncRpcReply.

@@ -7,7 +7,7 @@ namespace vyn::services {
 
 namespace {
 
-constexpr std::array<std::pair<std::uint32_t, const char*>, 21> kTexts{{
+constexpr std::array<std::pair<std::uint32_t, const char*>, 22> kTexts{{
     {VYN_ERR_OUT_OF_POOL_MEMORY, "the pool of this node is full"},
     {VYN_ERR_NULL_POINTER, "the service is out of memory"},
     {kStatusNotLeading, "this node no longer leads, or cannot find out whether it does"},
@@ -28,6 +28,7 @@ constexpr std::array<std::pair<std::uint32_t, const char*>, 21> kTexts{{
     {kStatusNewerRecord, "a record was written by a newer build"},
     {kStatusBlocksDiffer, "the node does not have these blocks in these sizes"},
     {kStatusNodeUnreachable, "the leader could not ask the node for its blocks"},
+    {kStatusNotForgotten, "a node has not forgotten an earlier variable of this number yet"},
     {kStatusUnanswered, "ZooKeeper did not answer"},
 }};
 

@@ -45,8 +45,14 @@ int Get(const std::string& path, std::string& value, Stat* stat) {
 }
 
 int Children(const std::string& path, std::vector<std::string>& names) {
+  return Children(path, names, nullptr, nullptr);
+}
+
+int Children(const std::string& path, std::vector<std::string>& names, watcher_fn watcher, void* context) {
   String_vector children{};
-  const int result = DoDlZooGetChildren(VynGetZkHandle(), path.c_str(), 0, &children);
+  const int result = watcher == nullptr
+                         ? DoDlZooGetChildren(VynGetZkHandle(), path.c_str(), 0, &children)
+                         : DoDlZooWgetChildren(VynGetZkHandle(), path.c_str(), watcher, context, &children);
   if (result == ZOK) {
     names.assign(children.data, children.data + children.count);
   }

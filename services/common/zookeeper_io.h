@@ -6,12 +6,12 @@
 //
 // Any thread may call the functions. A Transaction belongs to one thread.
 
+#include <zookeeper/zookeeper.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
-
-struct Stat;
 
 namespace vyn::services::zookeeper {
 
@@ -21,6 +21,8 @@ inline constexpr int kMaxValue = 1 << 20;
 int Exists(const std::string& path, Stat* stat = nullptr);
 int Get(const std::string& path, std::string& value, Stat* stat = nullptr);
 int Children(const std::string& path, std::vector<std::string>& names);
+/// Sets a watch, too: `watcher` is called, on a thread of the session, when a child has come or gone.
+int Children(const std::string& path, std::vector<std::string>& names, watcher_fn watcher, void* context);
 int Create(const std::string& path, const std::string& value, bool ephemeral = false);
 /// Creates a persistent znode. Returns: ZOK also if the znode exists already.
 int Ensure(const std::string& path, const std::string& value = "");

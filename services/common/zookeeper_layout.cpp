@@ -6,6 +6,12 @@
 
 namespace vyn::services {
 
+namespace {
+
+constexpr const char* kForgottenFlag = "forgotten";
+
+}  // namespace
+
 bool ParseId(const std::string& name, std::uint32_t& id) {
   const char* end = name.data() + name.size();
   const auto [rest, error] = std::from_chars(name.data(), end, id);
@@ -13,12 +19,15 @@ bool ParseId(const std::string& name, std::uint32_t& id) {
 }
 
 std::string ReclaimEntry::ToText() const {
-  return nlohmann::json{{"app", application},
-                        {"path", variablePath},
-                        {"variable", variableId},
-                        {"owner", owner},
-                        {kFormatField, kRecordFormat}}
-      .dump();
+  nlohmann::json json{{"app", application},
+                      {"path", variablePath},
+                      {"variable", variableId},
+                      {"owner", owner},
+                      {kFormatField, kRecordFormat}};
+  if (forgotten) {
+    json[kForgottenFlag] = true;
+  }
+  return json.dump();
 }
 
 bool ReclaimEntry::IsPlausible() const {
@@ -46,6 +55,7 @@ bool ReclaimEntry::FromText(const std::string& text, ReclaimEntry& entry) {
   } catch (const nlohmann::json::exception&) {
     return false;
   }
+  entry.forgotten = FlagField(json, kForgottenFlag);
   return !entry.application.empty();
 }
 

@@ -83,6 +83,9 @@ struct ReclaimEntry {
   /// Whether the node holds the variable's blocks. If so, it frees them and then deletes the record. Other
   /// nodes only drop the variable from their caches.
   bool owner = false;
+  /// Whether the node has forgotten the variable, or all variables of the application: it no longer answers
+  /// from its cache. The node sets this before it frees anything, which may take long.
+  bool forgotten = false;
 
   std::string ToText() const;
   /// Returns: false if this build cannot read the entry: it is no entry, or has a newer format.

@@ -145,9 +145,6 @@ void MetadataMember::PrepareSession() {
   if (Failed(mAdapter->ClusterZKMakeDir())) {
     return;
   }
-  if (mOptions.onNewSession) {
-    mOptions.onNewSession();
-  }
   mPrepared = true;
 }
 

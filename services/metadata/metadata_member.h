@@ -23,7 +23,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <set>
 #include <string>
@@ -38,8 +37,6 @@ struct MetadataMemberOptions {
   /// Milliseconds.
   int sessionTimeout = 30000;
   MetadataServiceOptions service;
-  /// Called on the member's thread for every new session.
-  std::function<void()> onNewSession;
 };
 
 class MetadataMember {

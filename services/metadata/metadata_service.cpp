@@ -105,7 +105,8 @@ std::uint32_t MetadataService::Start(std::chrono::milliseconds lease) {
   }
   mChanged.NotifyAll();
   mLastCheck = common::SteadyNow();
-  mSilenceTask.Start({"Silent applications could not be ended", kSilencePeriod}, [this] { WatchSilence(); });
+  mSilenceTask.Start({"The applications and deletions could not be checked", kSilencePeriod},
+                     [this] { WatchSilence(); });
   VYN_LOG_INFO("The metadata service serves at " << mOptions.address << ":" << Port());
   return VYN_OK;
 }
@@ -373,6 +374,7 @@ void MetadataService::WatchSilence() {
   }
   mLastCheck = now;
   EndSilent();
+  mState.SweepDeleted();
 }
 
 void MetadataService::EndSilent() {

@@ -1,9 +1,12 @@
 #include "services/metadata/metadata_state.h"
 
+#include "common/log/logging.h"
 #include "common/util/clock.h"
+#include "common/wait/retry.h"
 #include "services/common/service_status.h"
 #include "vyn/status.h"
 
+#include <algorithm>
 #include <functional>
 #include <unordered_set>
 
@@ -11,9 +14,12 @@ namespace vyn::services {
 
 namespace {
 
-/// After this time a node with a session has processed its reclaim list and no longer caches a deleted
-/// variable, even if its reclaim entry still exists.
-constexpr auto kDeletedMemory = std::chrono::seconds(60);
+/// How long NewVariable and RemoveVariable wait for the nodes, and the time between two checks.
+constexpr auto kForgetLimit = std::chrono::seconds(5);
+constexpr auto kForgetPause = std::chrono::milliseconds(10);
+
+/// How many deletions one SweepDeleted looks at.
+constexpr std::size_t kSweep = 20;
 
 /// The most names of one request that are looked up in ZooKeeper. Each costs a read.
 constexpr std::size_t kMaxUnknown = 500;
@@ -42,9 +48,7 @@ std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked,
   }
   sync::WriterLock lock(mMutex);
   mApplications = std::move(applications);
-  for (auto& [variable, entries] : deletions) {
-    mDeleted[variable] = {now, std::move(entries)};
-  }
+  mDeleted = std::move(deletions);
   return VYN_OK;
 }
 
@@ -88,7 +92,11 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   if (blockNum > tessel::kMaxBlocks) {
     return kStatusTooLarge;
   }
-  AwaitForgotten(application, id);
+  for (const std::int64_t deleted : {MetadataStore::kAllVariables, std::int64_t{id}}) {
+    if (const std::uint32_t status = AwaitForgotten(application, deleted); Failed(status)) {
+      return status;
+    }
+  }
   sync::MutexLock write(WriteLock(application));
   if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
@@ -96,6 +104,13 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   Variable variable;
   if (Find(application, id, variable)) {
     return variable.blockNum == blockNum ? VYN_OK : kStatusVariableExists;
+  }
+  {
+    sync::ReaderLock lock(mMutex);
+    if (mDeleted.contains({application, id}) ||
+        mDeleted.contains({application, MetadataStore::kAllVariables})) {
+      return kStatusNotForgotten;  // another caller has created and deleted it meanwhile
+    }
   }
   if (!HasRoom(application, blockNum)) {
     return kStatusLimit;
@@ -125,6 +140,16 @@ bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockN
 
 std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id,
                                             bool onlyUnpublished) {
+  const std::uint32_t status = RemoveRecord(application, id, onlyUnpublished);
+  if (!Failed(status)) {
+    // The variable is deleted, also when a node does not forget it in time. Then NewVariable waits for it.
+    static_cast<void>(AwaitForgotten(application, id));
+  }
+  return status;
+}
+
+std::uint32_t MetadataState::RemoveRecord(const std::string& application, std::uint32_t id,
+                                          bool onlyUnpublished) {
   sync::MutexLock write(WriteLock(application));
   if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
@@ -140,34 +165,74 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
   if (const std::uint32_t status = mStore.RemoveVariable(application, variable, entries); Failed(status)) {
     return status;
   }
-  const auto now = common::SteadyNow();
   sync::WriterLock lock(mMutex);
   Application& owner = mApplications[application];
   owner.variables.erase(id);
   owner.blocks -= variable.blockNum;
-  std::erase_if(mDeleted, [now](const auto& deleted) { return now - deleted.second.when > kDeletedMemory; });
-  if (!entries.empty()) {
-    mDeleted[{application, id}] = {now, std::move(entries)};
-  }
+  RememberDeleted({application, id}, entries);
   return VYN_OK;
 }
 
-void MetadataState::AwaitForgotten(const std::string& application, std::uint32_t id) {
-  Deleted deleted;
+void MetadataState::RememberDeleted(const MetadataStore::Deletions::key_type& deleted,
+                                    const std::vector<std::string>& entries) {
+  if (!entries.empty()) {
+    std::vector<std::string>& all = mDeleted[deleted];
+    all.insert(all.end(), entries.begin(), entries.end());
+  }
+}
+
+std::string MetadataState::NodeThatRemembers(const MetadataStore::Deletions::key_type& deleted) {
+  std::vector<std::string> entries;
   {
     sync::ReaderLock lock(mMutex);
-    const auto found = mDeleted.find({application, id});
+    const auto found = mDeleted.find(deleted);
     if (found == mDeleted.end()) {
+      return "";
+    }
+    entries = found->second;
+  }
+  const std::vector<std::string> asked = entries;
+  std::string node = MetadataStore::NodeThatRemembers(entries);
+  sync::WriterLock lock(mMutex);
+  const auto found = mDeleted.find(deleted);
+  // The entries differ if another variable of this number was deleted meanwhile.
+  if (node.empty() && found != mDeleted.end() && found->second == asked) {
+    mDeleted.erase(found);
+  }
+  return node;
+}
+
+std::uint32_t MetadataState::AwaitForgotten(const std::string& application, std::int64_t id) {
+  auto retry = common::Retry::For(kForgetLimit, kForgetPause);
+  std::string node;
+  do {
+    node = NodeThatRemembers({application, id});
+  } while (!node.empty() && retry.Again());
+  if (node.empty()) {
+    return VYN_OK;
+  }
+  VYN_LOG_WARN("Node " << node << " has not forgotten "
+                       << (id < 0 ? "the application that has ended under the name "
+                                  : "the deleted variable " + std::to_string(id) + " of ")
+                       << application << " yet");
+  return kStatusNotForgotten;
+}
+
+void MetadataState::SweepDeleted() {
+  std::vector<MetadataStore::Deletions::key_type> some;
+  {
+    sync::ReaderLock lock(mMutex);
+    auto next = mDeleted.upper_bound(mSwept);
+    for (std::size_t i = 0; i < std::min(kSweep, mDeleted.size()); ++i, ++next) {
+      next = next == mDeleted.end() ? mDeleted.begin() : next;
+      some.push_back(next->first);
+    }
+  }
+  for (const auto& deleted : some) {
+    mSwept = deleted;
+    if (!NodeThatRemembers(deleted).empty()) {
       return;
     }
-    deleted = found->second;
-  }
-  mStore.AwaitForgotten(deleted.entries);
-  sync::WriterLock lock(mMutex);
-  const auto found = mDeleted.find({application, id});
-  // The entries differ if another variable of this number was deleted meanwhile.
-  if (found != mDeleted.end() && found->second.entries == deleted.entries) {
-    mDeleted.erase(found);
   }
 }
 
@@ -298,11 +363,13 @@ std::uint32_t MetadataState::Expire(const std::string& application, std::chrono:
 
 std::uint32_t MetadataState::Remove(const std::string& application) {
   // Do it for an unknown application too: a node may hold the namespace of an application without variables.
-  if (const std::uint32_t status = mStore.RemoveApplication(application); Failed(status)) {
+  std::vector<std::string> entries;
+  if (const std::uint32_t status = mStore.RemoveApplication(application, entries); Failed(status)) {
     return status;
   }
   sync::WriterLock lock(mMutex);
   mApplications.erase(application);
+  RememberDeleted({application, MetadataStore::kAllVariables}, entries);
   return VYN_OK;
 }
 

@@ -33,8 +33,11 @@ class MetadataState {
   std::uint32_t Load(std::chrono::steady_clock::time_point* asked = nullptr,
                      std::chrono::milliseconds extra = {});
 
+  /// Returns kStatusNotForgotten while a live node may answer from its cache about an earlier variable of this
+  /// number.
   std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum);
   /// \param onlyUnpublished refuses, with kStatusVariableExists, a variable that has all its blocks.
+  /// Waits until the live nodes have forgotten the variable, for a bounded time.
   std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id,
                                bool onlyUnpublished = false);
   /// Sets the whole list of blocks.
@@ -46,6 +49,8 @@ class MetadataState {
   std::uint32_t GetBlock(const std::string& application, std::uint32_t id, std::uint32_t index,
                          std::string& bmId) const;
   std::uint32_t RemoveApplication(const std::string& application);
+  /// Looks once whether the nodes have forgotten what was deleted, so that it need not be remembered here.
+  void SweepDeleted();
 
   /// Records a heartbeat. Ignores an application that is not registered, so that a late heartbeat does not
   /// recreate one that has ended. \param alive false for the last heartbeat of a process.
@@ -68,9 +73,16 @@ class MetadataState {
   std::uint32_t EnsureApplication(const std::string& application);
   /// Copies the variable. Returns: whether it exists.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;
+  std::uint32_t RemoveRecord(const std::string& application, std::uint32_t id, bool onlyUnpublished);
   std::uint32_t WriteBlocks(const std::string& application, Variable variable);
-  /// Waits until no node caches an earlier, deleted variable of this number.
-  void AwaitForgotten(const std::string& application, std::uint32_t id);
+  /// Waits until no live node answers from its cache about an earlier, deleted variable of this number, for a
+  /// bounded time. Returns: 0, or kStatusNotForgotten after that time.
+  std::uint32_t AwaitForgotten(const std::string& application, std::int64_t id);
+  /// Asks the nodes once about a deletion, and forgets it when they have. Returns: the id of a node that has
+  /// not.
+  std::string NodeThatRemembers(const MetadataStore::Deletions::key_type& deleted);
+  void RememberDeleted(const MetadataStore::Deletions::key_type& deleted,
+                       const std::vector<std::string>& entries) VYN_REQUIRES(mMutex);
   std::uint32_t Remove(const std::string& application) VYN_REQUIRES(WriteLock(application));
 
   /// Whether the application's limits allow one more variable with `blockNum` blocks.
@@ -81,12 +93,11 @@ class MetadataState {
   std::array<sync::Mutex, 64> mWriteLocks;
   mutable sync::SharedMutex mMutex;
   std::map<std::string, Application> mApplications VYN_GUARDED_BY(mMutex);
-  /// A deleted variable and its reclaim entries. NewVariable waits for these before it reuses the number.
-  struct Deleted {
-    std::chrono::steady_clock::time_point when;
-    std::vector<std::string> entries;
-  };
-  std::map<std::pair<std::string, std::uint32_t>, Deleted> mDeleted VYN_GUARDED_BY(mMutex);
+  /// The deleted variables that a live node may still have in its cache, and the ended applications.
+  /// NewVariable does not use their numbers.
+  MetadataStore::Deletions mDeleted VYN_GUARDED_BY(mMutex);
+  /// The last deletion that SweepDeleted has looked at; used by its thread.
+  MetadataStore::Deletions::key_type mSwept;
 };
 
 }  // namespace vyn::services

@@ -26,9 +26,13 @@ constexpr std::size_t kDeleteBatch = 100;
 /// Attempts to delete a record below which other processes create records at the same time.
 constexpr unsigned int kDeleteAttempts = 5;
 
-/// How long AwaitForgotten waits for the nodes, and the time between two checks.
-constexpr auto kForgetLimit = std::chrono::seconds(5);
-constexpr auto kForgetPause = std::chrono::milliseconds(50);
+/// Whether the node has forgotten what the reclaim entry at `path` names.
+bool IsForgotten(const std::string& path) {
+  std::string text;
+  ReclaimEntry entry;
+  const int result = zookeeper::Get(path, text);
+  return result == ZNONODE || (result == ZOK && ReclaimEntry::FromText(text, entry) && entry.forgotten);
+}
 
 }  // namespace
 
@@ -141,21 +145,18 @@ std::uint32_t MetadataStore::AddReclaimEntries(Transaction& transaction, Reclaim
   return VYN_OK;
 }
 
-void MetadataStore::AwaitForgotten(const std::vector<std::string>& entries) {
+std::string MetadataStore::NodeThatRemembers(std::vector<std::string>& entries) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
-  auto retry = common::Retry::For(kForgetLimit, kForgetPause);
-  for (const std::string& path : entries) {
-    // A node without a session need not be waited for: it drops its whole cache when it has a new one.
+  for (; adapter != nullptr && !entries.empty(); entries.pop_back()) {
+    const std::string& path = entries.back();
     const std::size_t begin = std::strlen(kReclaimPath) + 1;
     const std::string node = path.substr(begin, path.find('/', begin) - begin);
-    while (adapter != nullptr && zookeeper::Exists(path) != ZNONODE &&
-           zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
-      if (!retry.Again()) {
-        VYN_LOG_WARN("Node " << node << " has not processed " << path << " in time, going on without it");
-        return;
-      }
+    // A node without a session does not answer from its cache, and drops it when it has a new one.
+    if (!IsForgotten(path) && zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
+      return node;
     }
   }
+  return "";
 }
 
 std::uint32_t MetadataStore::IsRegistered(const std::string& application, bool& registered) {
@@ -186,7 +187,7 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
            RecordHeader(RecordState::kDeleted, variable.blockNum, variable.pieces, variable.list) +
                RecordBody(text));
   bool ownerListed = false;
-  const ReclaimEntry entry{application, variable.path, variable.id, false};
+  const ReclaimEntry entry{application, variable.path, variable.id};
   if (const std::uint32_t status =
           AddReclaimEntries(transaction, entry, variable.nodeId, ownerListed, &entries);
       Failed(status)) {
@@ -200,7 +201,8 @@ std::uint32_t MetadataStore::RemoveVariable(const std::string& application, cons
   return DeleteRecords(variable.path);
 }
 
-std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
+std::uint32_t MetadataStore::RemoveApplication(const std::string& application,
+                                               std::vector<std::string>& entries) {
   // One transaction marks the application as removed and adds a reclaim entry for every node. After it the
   // records are deleted. If this leader fails in between, its successor finds the mark and completes the
   // removal. Until then FixToken refuses the name.
@@ -222,8 +224,9 @@ std::uint32_t MetadataStore::RemoveApplication(const std::string& application) {
       return StoreFailure(present, "read " + path);
     }
     bool ownerListed = false;
+    entries.clear();
     if (const std::uint32_t status =
-            AddReclaimEntries(transaction, ReclaimEntry{application, "", 0, false}, 0, ownerListed);
+            AddReclaimEntries(transaction, ReclaimEntry{application, "", 0}, 0, ownerListed, &entries);
         Failed(status)) {
       return status;
     }

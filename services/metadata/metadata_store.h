@@ -34,8 +34,10 @@ class MetadataStore {
   /// ZooKeeper may differ, and only a new Open can read the truth.
   static constexpr std::uint32_t kStatusLeadershipLost = kStatusNotLeading;
 
-  /// Deleted variables, by application and number. The value holds the paths of the reclaim entries.
-  using Deletions = std::map<std::pair<std::string, std::uint32_t>, std::vector<std::string>>;
+  /// Deleted variables, by application and number. The value holds the paths of the reclaim entries. The
+  /// number is kAllVariables for an application that has ended.
+  using Deletions = std::map<std::pair<std::string, std::int64_t>, std::vector<std::string>>;
+  static constexpr std::int64_t kAllVariables = -1;
 
   /// Begins a leadership and reads all records. \param deletions receives the deleted variables that live
   /// nodes may still cache. \param asked receives a time after which ZooKeeper has answered a call; the lease
@@ -60,14 +62,15 @@ class MetadataStore {
   /// these entries.
   std::uint32_t RemoveVariable(const std::string& application, const Variable& variable,
                                std::vector<std::string>& entries);
-  /// Waits until every live node has processed its reclaim entry among `entries`, for a bounded time.
-  void AwaitForgotten(const std::vector<std::string>& entries);
+  /// Removes from `entries`, paths of reclaim entries, those whose node has forgotten what they name, and those
+  /// of nodes without a session. Returns: the id of a node of the rest; empty if none is left.
+  static std::string NodeThatRemembers(std::vector<std::string>& entries);
   /// \param registered receives whether the application has a record and is not being removed. A registration
   /// at any node creates the record.
   std::uint32_t IsRegistered(const std::string& application, bool& registered);
   /// Deletes the application with all its variables and adds a reclaim entry for every node, which has to
-  /// free the application's namespace.
-  std::uint32_t RemoveApplication(const std::string& application);
+  /// free the application's namespace. \param entries receives the paths of these entries.
+  std::uint32_t RemoveApplication(const std::string& application, std::vector<std::string>& entries);
 
  private:
   /// Logs a failed read. Returns: its status.

@@ -102,7 +102,7 @@ std::uint32_t MetadataStore::Open(std::map<std::string, Application>& applicatio
 
 std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
   // Read only the lists of live nodes. A node that is down or has lost its session drops its whole cache
-  // before it serves again, and its list may be long.
+  // before it answers from it again, and its list may be long.
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
   VYN_CHECK_POINTER(adapter);
   std::vector<std::string> nodes;
@@ -115,9 +115,10 @@ std::uint32_t MetadataStore::LoadDeletions(Deletions& deletions) {
       std::string text;
       ReclaimEntry entry;
       result = zookeeper::Get(list + "/" + names[n], text);
-      if (result == ZOK && ReclaimEntry::FromText(text, entry) && entry.IsPlausible() &&
-          !entry.variablePath.empty()) {
-        deletions[{entry.application, entry.variableId}].push_back(list + "/" + names[n]);
+      if (result == ZOK && ReclaimEntry::FromText(text, entry) && entry.IsPlausible() && !entry.forgotten) {
+        const bool all = entry.variablePath.empty();
+        deletions[{entry.application, all ? kAllVariables : std::int64_t{entry.variableId}}].push_back(
+            list + "/" + names[n]);
       }
       result = result == ZNONODE ? static_cast<int>(ZOK) : result;  // the node has processed it meanwhile
     }
@@ -150,7 +151,8 @@ std::uint32_t MetadataStore::LoadApplication(const std::string& name, Applicatio
   if (FlagField(json, kRemovedFlag)) {
     // An earlier leader did not complete the removal.
     application.name.clear();
-    return RemoveApplication(name);
+    std::vector<std::string> entries;
+    return RemoveApplication(name, entries);
   }
   for (const std::string& child : children) {
     if (child == kTokenName) {

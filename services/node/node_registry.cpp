@@ -35,8 +35,9 @@ std::string CapacityBytes(const fabric::FabricNode& fabric) {
 
 }  // namespace
 
-NodeRegistry::NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric)
-    : mIdentity(std::move(identity)), mFabric(fabric) {}
+NodeRegistry::NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric,
+                           std::function<void()> madeAnew)
+    : mIdentity(std::move(identity)), mFabric(fabric), mMadeAnew(std::move(madeAnew)) {}
 
 NodeRegistry::~NodeRegistry() { Stop(); }
 
@@ -49,7 +50,7 @@ bool NodeRegistry::Claim(std::string& error, const std::function<bool()>& stoppi
   do {
     published = PublishIdentity(error);
   } while (published == Published::kUndecided && !(stopping && stopping()) && retry.Again());
-  if (published != Published::kDone) {
+  if (!IsDone(published)) {
     return false;
   }
   // The id belongs to this node now, so its persistent records may be written.
@@ -69,9 +70,12 @@ bool NodeRegistry::Claim(std::string& error, const std::function<bool()>& stoppi
 }
 
 bool NodeRegistry::Start(std::string& error) {
-  if (!PublishCapacity(error)) {
+  const auto asked = common::SteadyNow();
+  const Published published = PublishCapacity(error);
+  if (!IsDone(published)) {
     return false;
   }
+  SetKnown(published, asked);
   mTask.Start({"This node's records could not be updated", kPeriod}, [this] { UpdateRecords(); });
   return true;
 }
@@ -80,6 +84,7 @@ void NodeRegistry::Stop() {
   if (!mTask.Stop()) {
     return;
   }
+  mKnownUntil = std::chrono::steady_clock::time_point();
   for (const char* parent : {kFabricNodes, kFabricCapacities}) {
     const std::string path = std::string(parent) + "/" + std::to_string(mIdentity.nodeId);
     Stat stat{};
@@ -130,7 +135,10 @@ NodeRegistry::Published NodeRegistry::PublishEphemeral(
     Stat stat{};
     result = zookeeper::Get(path, present, &stat);
     if (result == ZOK && zookeeper::IsOwn(stat)) {
-      result = present == record ? ZOK : zookeeper::Set(path, record);
+      if (present == record) {
+        return Published::kUnchanged;
+      }
+      result = zookeeper::Set(path, record);
       if (result == ZOK) {
         return Published::kDone;
       }
@@ -145,7 +153,7 @@ NodeRegistry::Published NodeRegistry::PublishEphemeral(
     if (result == ZOK || result == ZNONODE) {
       result = zookeeper::Create(path, record, true);
       if (result == ZOK) {
-        return Published::kDone;
+        return Published::kMadeAnew;
       }
     }
   } while (retry.Again());
@@ -172,16 +180,30 @@ NodeRegistry::Published NodeRegistry::PublishIdentity(std::string& error) {
       error);
 }
 
-bool NodeRegistry::PublishCapacity(std::string& error) {
+NodeRegistry::Published NodeRegistry::PublishCapacity(std::string& error) {
   return PublishEphemeral(
-             std::string(kFabricCapacities) + "/" + std::to_string(mIdentity.nodeId), CapacityBytes(mFabric),
-             [](const std::string&) { return Published::kDone; }, error) == Published::kDone;
+      std::string(kFabricCapacities) + "/" + std::to_string(mIdentity.nodeId), CapacityBytes(mFabric),
+      [](const std::string&) { return Published::kDone; }, error);
+}
+
+void NodeRegistry::SetKnown(Published write, std::chrono::steady_clock::time_point asked) {
+  // A read proves nothing: a ZooKeeper server that is cut off from the others answers it, too.
+  if (write == Published::kDone || write == Published::kMadeAnew) {
+    mKnownUntil = asked + std::chrono::milliseconds(DoDlZooRecvTimeout(VynGetZkHandle())) / 2;
+  }
 }
 
 void NodeRegistry::UpdateRecords() {
   // In a new session the ephemeral records of the old one are missing, and both calls create them again.
   std::string error;
-  const bool now = PublishIdentity(error) == Published::kDone && PublishCapacity(error);
+  const auto asked = common::SteadyNow();
+  const Published identity = PublishIdentity(error);
+  if (identity == Published::kMadeAnew && mMadeAnew) {
+    mMadeAnew();
+  }
+  const Published capacity = IsDone(identity) ? PublishCapacity(error) : identity;
+  const bool now = IsDone(capacity);
+  SetKnown(capacity, asked);
   if (!now && mPublished) {
     VYN_LOG_WARN("This node is not in the cluster's tree: " << error);
   } else if (now && !mPublished) {

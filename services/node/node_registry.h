@@ -15,9 +15,11 @@
 //
 // One thread calls Claim, Start and Stop. After Start only the registry's thread uses the other members.
 
+#include "common/util/clock.h"
 #include "common/wait/periodic_task.h"
 #include "platform/fabric/node/fabric_node.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -39,8 +41,9 @@ struct NodeIdentity {
 
 class NodeRegistry {
  public:
-  /// \param fabric must outlive the registry.
-  NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric);
+  /// \param fabric must outlive the registry. \param madeAnew called by the registry's thread when the record of
+  /// the node was missing and has been made anew: the leader may have taken the node for down meanwhile.
+  NodeRegistry(NodeIdentity identity, const fabric::FabricNode& fabric, std::function<void()> madeAnew = {});
   /// Calls Stop.
   ~NodeRegistry();
   NodeRegistry(const NodeRegistry&) = delete;
@@ -57,28 +60,43 @@ class NodeRegistry {
   bool Start(std::string& error);
   /// Stops the thread and deletes this session's ephemeral records.
   void Stop();
+  /// Whether the leader certainly takes this node for alive. Then it waits until this node has forgotten a
+  /// deleted variable before it uses the number again. Any thread may call it. It holds for half of the
+  /// session time-out after the last write of this session that ZooKeeper has answered.
+  bool IsKnown() const { return common::SteadyNow() < mKnownUntil.load(std::memory_order_acquire); }
 
  private:
   enum class Published {
     kDone,
+    kMadeAnew,   ///< done; this session's record was missing
+    kUnchanged,  ///< done without a write
     kForeign,    ///< the record belongs to another node
     kUndecided,  ///< the record's node may run or may have ended
     kFailed,     ///< ZooKeeper failed
   };
 
+  static bool IsDone(Published published) {
+    return published == Published::kDone || published == Published::kMadeAnew ||
+           published == Published::kUnchanged;
+  }
   bool MakeTree(std::string& error);
   bool CheckKnownAddress(std::string& error);
   Published PublishIdentity(std::string& error);
-  bool PublishCapacity(std::string& error);
+  Published PublishCapacity(std::string& error);
   /// Creates the record or updates it. \param judge called with a record of another session; kDone lets
-  /// PublishEphemeral replace it, any other value is returned.
+  /// PublishEphemeral replace it, any other value is returned. Returns: kDone, kMadeAnew, kUnchanged, or what
+  /// prevented it.
   Published PublishEphemeral(const std::string& path, const std::string& record,
                              const std::function<Published(const std::string& present)>& judge,
                              std::string& error);
+  /// Makes IsKnown true for a while. Does nothing unless `write` was a write that ZooKeeper has answered.
+  void SetKnown(Published write, std::chrono::steady_clock::time_point asked);
   void UpdateRecords();
 
   const NodeIdentity mIdentity;
   const fabric::FabricNode& mFabric;
+  const std::function<void()> mMadeAnew;
+  std::atomic<std::chrono::steady_clock::time_point> mKnownUntil{};
   /// Whether the last UpdateRecords succeeded. Only the thread of mTask uses it.
   bool mPublished = true;
   common::PeriodicTask mTask;

@@ -75,7 +75,7 @@ bool CanRegister(const std::string& application, const std::string& token) {
 NodeServer::NodeServer(NodeServerOptions options, fabric::FabricNode& fabric)
     : mOptions(std::move(options)),
       mFabric(fabric),
-      mVariables(mOptions.lookUp, std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)),
+      mVariables(mOptions.lookUp, mOptions.mayAnswer, std::max(1U, (mOptions.server.mWorkerThreads + 1) / 2)),
       mServer(ServerOptionsOf(mOptions)) {
   RegisterOperations();
 }

@@ -41,6 +41,8 @@ struct NodeServerOptions {
   /// Lets another thread free objects of the pool. Must not block: the RPC server's threads call it.
   std::function<void(const std::string& application, const std::vector<std::string>& bmIds)> giveBack;
   VariableCache::AskLeader lookUp;
+  /// See VariableCache; may be null.
+  std::function<bool()> mayAnswer;
   /// Called with each batch of blocks that was allocated for a variable; may be null. May write a file, but
   /// must not wait for another process.
   std::function<void(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds)>
@@ -66,9 +68,9 @@ class NodeServer {
   /// pulled copies of their blocks.
   void Forget(const std::string& application, std::uint32_t id);
   void Forget(const std::string& application);
-  /// Drops all variables and pulled copies. Call it after a new ZooKeeper session: meanwhile the leader may
-  /// have taken this node for down, and then it reuses the number of a deleted variable without waiting for
-  /// this node.
+  /// Drops all variables and pulled copies. Call it when this node's record in ZooKeeper was made anew:
+  /// meanwhile the leader may have taken this node for down, and then it reuses the number of a deleted
+  /// variable without waiting for this node.
   void ForgetAll();
 
  private:

@@ -2,8 +2,9 @@
 
 // Frees the memory of deleted variables and ended applications. The metadata leader writes them to this
 // node's reclaim list in ZooKeeper. The reclaimer processes the list when the daemon starts, when an
-// application registers, and periodically on a thread of its own. An entry that fails stays in the list and
-// stops no other. An entry is believed only when it names a variable of its own application. What this build
+// application registers, and periodically on a thread of its own, which a watch of the list wakes. It forgets
+// what all entries name before it frees the memory of the first one, and tells the leader so in each entry
+// (ReclaimEntry::forgotten). An entry that fails stays in the list and stops no other. An entry is believed only when it names a variable of its own application. What this build
 // cannot read, entry or record, it does not delete.
 //
 // GiveBack frees further objects on the same thread: those of calls whose replies did not reach the caller.
@@ -15,7 +16,10 @@
 #include "platform/sync/mutex.h"
 #include "services/common/zookeeper_layout.h"
 
+#include <zookeeper/zookeeper.h>
+
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <set>
 #include <string>
@@ -27,7 +31,7 @@ namespace vyn::services {
 class Reclaimer {
  public:
   /// \param fabric must outlive the reclaimer.
-  /// \param forget called for each entry before its memory is freed; at most once for an entry of a variable.
+  /// \param forget called for each entry before its memory is freed.
   Reclaimer(std::uint16_t nodeId, fabric::FabricNode& fabric,
             std::function<void(const ReclaimEntry& entry)> forget);
   /// Calls Stop.
@@ -48,7 +52,8 @@ class Reclaimer {
  private:
   enum class EntryResult {
     kDone,
-    kLater,  ///< failed; the next Drain retries it
+    kLater,    ///< failed; the next Drain retries it
+    kUnfreed,  ///< forgotten, and its memory is still to be freed
     /// ZooKeeper did not answer. Drain ends; the next one retries this entry and the later ones.
     kUnanswered,
     /// This build cannot read the entry, or the record with the block ids. Entry and blocks stay until the
@@ -56,9 +61,28 @@ class Reclaimer {
     kKept,
   };
 
+  /// What one Drain knows of the list.
+  struct Progress {
+    std::string application;
+    std::set<std::string> seen;       ///< entries that were forgotten, or failed
+    std::deque<std::string> unfreed;  ///< those of them whose memory is still to be freed
+    EntryResult outcome = EntryResult::kDone;
+  };
+
   void FreeGivenBack();
-  EntryResult DrainEntry(const std::string& path, const std::string& application);
-  EntryResult Handle(const std::string& path, const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
+  /// A watcher of the C client of ZooKeeper.
+  static void WakeReclaimer(zhandle_t* handle, int type, int state, const char* path, void* reclaimer);
+  /// Lists the entries. \param watched whether the next one wakes mTask.
+  int List(std::vector<std::string>& names, bool watched);
+  /// Forgets what the entries of `names` name. Notes the result, and what is still to be freed.
+  void ForgetAll(const std::vector<std::string>& names, Progress& progress);
+  /// Frees memory until a short time has passed, nothing is left, or ZooKeeper does not answer.
+  void FreeSome(Progress& progress);
+  static void Note(EntryResult outcome, const std::string& path, Progress& progress);
+  EntryResult ForgetEntry(const std::string& path, const std::string& application);
+  EntryResult FreeEntry(const std::string& path);
+  /// Reads an entry, and deletes one that cannot be believed. Returns: kDone for an entry to process.
+  EntryResult ReadEntry(const std::string& path, ReclaimEntry& entry, bool& gone) VYN_REQUIRES(mDraining);
   EntryResult FreeVariable(const ReclaimEntry& entry) VYN_REQUIRES(mDraining);
 
   const std::uint16_t mNodeId;
@@ -66,8 +90,6 @@ class Reclaimer {
   const std::function<void(const ReclaimEntry& entry)> mForget;
   /// Held while a thread processes an entry, so that no two threads process the same one.
   sync::Mutex mDraining;
-  /// The entries of variables in the list for which mForget has been called.
-  std::set<std::string> mNotifiedEntries VYN_GUARDED_BY(mDraining);
   /// The records and entries that are kept and have been logged, so that each is logged once.
   std::set<std::string> mReportedKept VYN_GUARDED_BY(mDraining);
   sync::Mutex mMutex;

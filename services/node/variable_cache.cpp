@@ -39,15 +39,17 @@ void VariableCache::Fetch(const std::string& application, std::uint32_t id, cons
   LookUp lookUp({application, id}, 0);
   common::Ref<BroadcastBlockInfo> known;
   bool tooMany = false;
+  const bool mayAnswer = !mMayAnswer || mMayAnswer();
   {
     sync::MutexLock lock(mMutex);
-    if (const auto found = mVariables.find(lookUp.first); found != mVariables.end()) {
+    if (const auto found = mVariables.find(lookUp.first); mayAnswer && found != mVariables.end()) {
       known = found->second;
     } else {
       lookUp.second = mForgets;
-      const auto [waiting, first] = mWaiting.try_emplace(lookUp, std::vector<Caller>{caller});
+      const auto [waiting, first] = mWaiting.try_emplace(lookUp);
+      waiting->second.callers.push_back(caller);
+      waiting->second.strict = waiting->second.strict || !mayAnswer;
       if (!first) {
-        waiting->second.push_back(caller);
         return;
       }
       if (mThreads < mMaxThreads) {
@@ -96,7 +98,7 @@ void VariableCache::RefuseQueued(const LookUp& lookUp, std::uint32_t status) {
   std::vector<Caller> waiting;
   {
     sync::MutexLock lock(mMutex);
-    waiting = std::move(mWaiting.extract(lookUp).mapped());
+    waiting = std::move(mWaiting.extract(lookUp).mapped().callers);
   }
   for (const Caller& caller : waiting) {
     caller.Refuse(status);
@@ -108,7 +110,9 @@ std::uint32_t VariableCache::Run(const LookUp& lookUp) {
     std::vector<Caller> before;
     {
       sync::MutexLock lock(mMutex);
-      before.swap(mWaiting.at(lookUp));
+      Waiting& waiting = mWaiting.at(lookUp);
+      before.swap(waiting.callers);
+      waiting.strict = false;
     }
     const common::Ref<BroadcastBlockInfo> found(new (std::nothrow) BroadcastBlockInfo());
     const std::uint32_t status = Ask(lookUp, found);
@@ -117,9 +121,10 @@ std::uint32_t VariableCache::Run(const LookUp& lookUp) {
     {
       sync::MutexLock lock(mMutex);
       const auto joined = mWaiting.find(lookUp);
-      again = MayBeOutdated(status) && !joined->second.empty();
+      const bool outdated = MayBeOutdated(status) || (!Failed(status) && joined->second.strict);
+      again = outdated && !joined->second.callers.empty();
       if (!again) {
-        since.swap(joined->second);
+        since.swap(joined->second.callers);
         mWaiting.erase(joined);
       }
     }

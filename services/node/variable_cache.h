@@ -30,10 +30,12 @@ class VariableCache {
   using AskLeader = std::function<std::uint32_t(const std::string& application, std::uint32_t id,
                                                 tessel::BroadcastBlockInfo& info)>;
 
+  /// \param mayAnswer whether the leader waits for this node before it uses the number of a deleted variable
+  /// again. Otherwise each fetch asks the leader. Null: always.
   /// \param maxThreads the most threads that look-ups may block. It must be less than the server's number of
   /// threads, so that requests that need no leader are still served when the leader does not answer.
-  VariableCache(AskLeader askLeader, unsigned int maxThreads)
-      : mAskLeader(std::move(askLeader)), mMaxThreads(maxThreads) {}
+  VariableCache(AskLeader askLeader, std::function<bool()> mayAnswer, unsigned int maxThreads)
+      : mAskLeader(std::move(askLeader)), mMayAnswer(std::move(mayAnswer)), mMaxThreads(maxThreads) {}
   VariableCache(const VariableCache&) = delete;
   VariableCache& operator=(const VariableCache&) = delete;
 
@@ -59,13 +61,20 @@ class VariableCache {
   bool TakeQueued(LookUp& lookUp);
   void RefuseQueued(const LookUp& lookUp, std::uint32_t status);
   /// Sends the request to the leader and replies to all waiting callers. If the leader says that the variable
-  /// is unknown or not ready, callers that came after the request was sent do not get this reply: for them
-  /// Run sends another request. Returns: 0 or the last status.
+  /// is unknown or not ready, or one of them is strict, callers that came after the request was sent do not
+  /// get this reply: for them Run sends another request. Returns: 0 or the last status.
   std::uint32_t Run(const LookUp& lookUp);
   /// Sends the request to the leader and caches the variable. Returns: 0 or a status.
   std::uint32_t Ask(const LookUp& lookUp, const common::Ref<tessel::BroadcastBlockInfo>& found);
 
+  struct Waiting {
+    std::vector<Caller> callers;
+    /// Whether one of them must not get the answer to a request that was sent before it came.
+    bool strict = false;
+  };
+
   const AskLeader mAskLeader;
+  const std::function<bool()> mMayAnswer;
   const unsigned int mMaxThreads;
   sync::Mutex mMutex;
   std::map<Key, common::Ref<tessel::BroadcastBlockInfo>> mVariables VYN_GUARDED_BY(mMutex);
@@ -73,7 +82,7 @@ class VariableCache {
   /// not cached, and callers that came after the call do not get it.
   std::uint64_t mForgets VYN_GUARDED_BY(mMutex) = 0;
   /// The waiting callers of each look-up, in-flight or queued.
-  std::map<LookUp, std::vector<Caller>> mWaiting VYN_GUARDED_BY(mMutex);
+  std::map<LookUp, Waiting> mWaiting VYN_GUARDED_BY(mMutex);
   /// The number of threads in RunAll.
   unsigned int mThreads VYN_GUARDED_BY(mMutex) = 0;
   std::deque<LookUp> mQueued VYN_GUARDED_BY(mMutex);

@@ -93,7 +93,6 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   };
   member.service.limits = {mOptions.maxVariables, mOptions.maxBlocks};
   member.service.server = ServerSettings();
-  member.onNewSession = [this] { mNodeServer->ForgetAll(); };
   mMember = std::make_unique<MetadataMember>(std::move(member));
   mReclaimer = std::make_unique<Reclaimer>(mOptions.nodeId, mFabric, [this](const ReclaimEntry& entry) {
     if (mNodeServer == nullptr) {
@@ -117,6 +116,7 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
   node.lookUp = [this](const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info) {
     return mMetadataClient.LookUp(application, id, info);
   };
+  node.mayAnswer = [this] { return mRegistry->IsKnown(); };
   node.created = [this](const std::string& application, std::uint32_t id,
                         const std::vector<std::string>& bmIds) { mUnpublished.Add(application, id, bmIds); };
   mNodeServer = std::make_unique<NodeServer>(std::move(node), mFabric);
@@ -128,7 +128,8 @@ bool Daemon::Start(std::vector<std::string>& errors, const std::function<bool()>
                         mOptions.takeOver};
   identity.claimLimit =
       std::chrono::milliseconds(Conf()->GetInt("vyn.zookeeper.session.timeout", 30000)) + kSessionSlack;
-  mRegistry = std::make_unique<NodeRegistry>(std::move(identity), mFabric);
+  mRegistry =
+      std::make_unique<NodeRegistry>(std::move(identity), mFabric, [this] { mNodeServer->ForgetAll(); });
   // Claim the id before this process reads or changes anything that belongs to it.
   if (!mRegistry->Claim(error, stopping)) {
     return fail();

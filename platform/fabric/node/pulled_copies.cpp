@@ -250,6 +250,9 @@ int PulledCopies::Fetch(RemoteNode& owner, const ObjectName& object, std::uint64
         return net::IoStatus::kOk;
       });
   checksum = arrived.Value();
+  if (result != 0 && mStopping) {
+    return kBmUnconnected;  // the caller can repeat the call when this node runs again
+  }
   return result == kBmLocalError ? -EIO : result;
 }
 

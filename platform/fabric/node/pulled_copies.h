@@ -61,7 +61,7 @@ class PulledCopies {
   /// Drops copies, least recently used first, until `bytes` are free. Returns: false when all copies together
   /// have fewer bytes; then none is dropped.
   bool Reclaim(std::uint64_t bytes);
-  /// Makes every pull in progress fail.
+  /// Makes every pull in progress fail with kBmUnconnected.
   void Stop() { mStopping = true; }
 
   struct Totals {

@@ -52,6 +52,10 @@ inline constexpr std::uint32_t kStatusBlocksDiffer = 2140033;
 /// be repeated.
 inline constexpr std::uint32_t kStatusNodeUnreachable = 2140035;
 
+/// A live node has not forgotten a deleted variable of this number, or the application that has ended under
+/// this name. Nothing was written; the call may be repeated. The leader's log names the node.
+inline constexpr std::uint32_t kStatusNotForgotten = 2140037;
+
 /// ZooKeeper did not answer a read. Nothing was written. Clients get kStatusNotLeading instead.
 inline constexpr std::uint32_t kStatusUnanswered = 2140029;
 /// This node no longer leads, or cannot find out whether it does. Clients treat it as a lost connection: they

@@ -53,6 +53,11 @@ std::uint32_t FailService(const VariableKey& key, Service service, std::uint32_t
       return VYN_FAIL(VYN_VARIABLE_LOST, key.Text()
                                              << ": the leader of the metadata service cannot reach the "
                                              << "node that has its blocks");
+    case service_status::kStatusNotForgotten:
+      return VYN_FAIL(
+          VYN_VARIABLE_NO_SERVICE,
+          key.Text() << ": a node still knows the deleted variable of this number, see the log of "
+                     << "the leader of the metadata service; try again");
     default:
       return VYN_FAIL(VYN_VARIABLE_NO_SERVICE,
                       key.Text() << ": "

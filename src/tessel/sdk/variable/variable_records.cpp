@@ -4,6 +4,7 @@
 #include "platform/fabric/client/bm_functions.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/operation_codes.h"
+#include "tessel/message/service_status.h"
 #include "tessel/rpc/shuffle_meta_rpc_engine.h"
 #include "tessel/rpc/shuffle_server_rpc_engine.h"
 #include "vyn/status.h"
@@ -22,6 +23,9 @@ using common::Ref;
 
 /// Answers to a look-up that are no fault.
 constexpr std::array<std::uint32_t, 2> kNotThere{VYN_VARIABLE_UNKNOWN, VYN_VARIABLE_NOT_PUBLISHED};
+
+/// An answer to a claim after which the caller tries again.
+constexpr std::array<std::uint32_t, 1> kWaitForNode{service_status::kStatusNotForgotten};
 
 std::uint32_t AskLeader(short operation, const Ref<BaseMessage>& request, const Ref<BaseMessage>& response,
                         common::ExpectedRefusals expected = {}) {
@@ -91,7 +95,7 @@ std::uint32_t LookUpAtNode(const VariableKey& key, VariableBlocks& blocks) {
 std::uint32_t MakeRecord(const VariableKey& key, std::uint32_t blockNum) {
   const auto request = RequestFor(key);
   request->blockNum = blockNum;
-  return AskLeader(ShuffleMeta::BROADCAST_VAR_NEW, request, BaseMessage::gNullPtr);
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_NEW, request, BaseMessage::gNullPtr, kWaitForNode);
 }
 
 std::uint32_t CompleteRecord(const VariableKey& key, const VariableBlocks& blocks) {

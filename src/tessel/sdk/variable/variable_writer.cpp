@@ -3,6 +3,7 @@
 #include "common/log/error_info.h"
 #include "common/log/exceptions.h"
 #include "common/log/logging.h"
+#include "common/wait/retry.h"
 #include "tessel/message/service_status.h"
 #include "tessel/sdk/start_up/sdk_state.h"
 #include "vyn/status.h"
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 
 namespace vyn::tessel {
 
@@ -19,6 +21,19 @@ namespace {
 constexpr std::uint64_t kDefaultBlockSize = std::uint64_t{4} << 20U;
 /// The default size grows so that there are no more blocks than this.
 constexpr std::uint64_t kDefaultBlocks = 4096;
+/// Attempts to claim a number that a node has not forgotten. In each the leader waits 5 seconds for the node.
+constexpr unsigned int kClaimAttempts = 4;
+
+/// Whether the leader has refused a claim, and so has written nothing.
+bool IsRefusal(std::uint32_t status) {
+  constexpr std::array kRefusals{service_status::kStatusUnknownOperation,
+                                 service_status::kStatusInvalidRequest,
+                                 service_status::kStatusVariableExists,
+                                 service_status::kStatusTooLarge,
+                                 service_status::kStatusLimit,
+                                 service_status::kStatusNotForgotten};
+  return std::find(kRefusals.begin(), kRefusals.end(), status) != kRefusals.end();
+}
 
 std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) {
   return value / unit * unit + (value % unit == 0 ? 0 : unit);
@@ -77,9 +92,14 @@ std::uint32_t VariableWriter::Claim() {
                                                      << "published it yet");
   }
   if (status == VYN_VARIABLE_UNKNOWN) {
-    status = MakeRecord(mKey, static_cast<std::uint32_t>(mBlocks.sizes.size()));
+    auto retry = common::Retry::Times(kClaimAttempts);
+    do {
+      status = MakeRecord(mKey, static_cast<std::uint32_t>(mBlocks.sizes.size()));
+    } while (status == service_status::kStatusNotForgotten && retry.Again());
   }
   if (Failed(status)) {
+    // Without a refusal nobody knows whether the record was made. Abandon removes it.
+    mState = IsRefusal(status) ? State::kNothing : State::kClaimed;
     return FailService(mKey, Service::kMetadata, status);
   }
   mState = State::kClaimed;

@@ -50,6 +50,16 @@ class MetadataStoreTest : public test::ClusterTest {
     }
     return entries;
   }
+  /// Forgets what the entries of a node name, as the node does.
+  void Forget(const std::string& node) {
+    for (const std::string& name : mRaw->Children("/vyn/reclaim/" + node)) {
+      const std::string path = "/vyn/reclaim/" + node + "/" + name;
+      ReclaimEntry entry;
+      EXPECT_TRUE(ReclaimEntry::FromText(mRaw->Get(path), entry));
+      entry.forgotten = true;
+      EXPECT_EQ(zookeeper::Set(path, entry.ToText()), ZOK);
+    }
+  }
   static std::unique_ptr<MetadataState> NewLeader() {
     auto leader = std::make_unique<MetadataState>(kLimits);
     EXPECT_EQ(leader->Load(), 0U);
@@ -264,13 +274,35 @@ TEST_F(MetadataStoreTest, AVariableIdIsReusableAfterEveryLiveNodeHasFreedItsBloc
   EXPECT_EQ(record.blocks.bmIds, Blocks("app", 1, 0, 2).bmIds) << "the node still learns what to free";
 
   mRaw->Create("/mf/node/1", "");  // node 2 is down
-  leader = NewLeader();
+  const auto refuse = [&](std::uint32_t status) {
+    test::FakeClock clock;
+    EXPECT_EQ(leader->NewVariable("app", 1, 1), status);
+    leader->SweepDeleted();
+    leader = NewLeader();
+    EXPECT_EQ(leader->NewVariable("app", 1, 1), status);
+  };
+  refuse(kStatusNotForgotten);
   std::jthread node([&] {
     std::this_thread::sleep_for(200ms);
-    mRaw->Delete("/vyn/reclaim/1/" + mRaw->Children("/vyn/reclaim/1").at(0));
+    Forget("1");
   });
   EXPECT_EQ(leader->NewVariable("app", 1, 1), 0U);
-  EXPECT_TRUE(Entries("1").empty()) << "the node was waited for";
+  EXPECT_EQ(Entries("1").size(), 1U) << "though its memory is not yet freed";
+  ASSERT_EQ(leader->SetBlocks(Blocks("app", 1, 0, 1)), 0U);
+  node = std::jthread([&] {
+    EXPECT_TRUE(test::WaitUntil([&] { return Entries("1").size() == 2; }));
+    std::this_thread::sleep_for(200ms);
+    Forget("1");
+  });
+  EXPECT_EQ(leader->RemoveVariable("app", 1), 0U);
+  const auto told = Entries("1");
+  EXPECT_TRUE(std::all_of(told.begin(), told.end(), [](const auto& entry) { return entry.forgotten; }))
+      << "who has deleted a variable can rely on it";
+  node = {};
+  EXPECT_EQ(leader->RemoveApplication("app"), 0U);
+  refuse(kStatusNotForgotten);
+  Forget("1");
+  refuse(0);
   for (int time = 0; time < 2; ++time) {  // what was removed counts no more against the limit
     EXPECT_EQ(leader->NewVariable("app", 2, kLong), 0U);
     EXPECT_EQ(leader->RemoveVariable("app", 2), 0U);

@@ -13,6 +13,7 @@
 #include "support/fabric/fabric.h"
 #include "support/rpc/service_client.h"
 #include "support/zookeeper/cluster_test.h"
+#include "support/zookeeper/zookeeper_calls.h"
 #include "tessel/message/operation_codes.h"
 
 namespace vyn::services {
@@ -52,18 +53,32 @@ class NodeRegistryTest : public test::ClusterTest {
 };
 
 TEST_F(NodeRegistryTest, TheRegistryPublishesAndRemovesBothRecordsOfANode) {
-  NodeRegistry registry({7, "10.0.0.1", "host-7", 0x1234}, mFabric);
+  std::atomic<int> madeAnew{0};
+  NodeRegistry registry({7, "10.0.0.1", "host-7", 0x1234}, mFabric, [&] {
+    EXPECT_TRUE(mRaw->Exists(kNode));  // from now on the leader waits for this node
+    ++madeAnew;
+  });
   ASSERT_TRUE(registry.Claim(mError)) << mError;
   EXPECT_FALSE(mRaw->Exists(kCapacity)) << "a node that does not serve yet is not chosen";
   ASSERT_TRUE(registry.Start(mError)) << mError;
+  EXPECT_TRUE(registry.IsKnown());
   const std::int64_t session = mRaw->Owner(kNode);
   EXPECT_TRUE(session != 0 && session == mRaw->Owner(kCapacity));
-  Connect(mUrl);  // a new session: they are made again, by it
+  Connect(mUrl, 4000);  // a new session: they are made again, by it
   EXPECT_TRUE(test::WaitUntil([&] { return mRaw->Exists(kCapacity) && mRaw->Owner(kCapacity) != session; }));
   EXPECT_EQ(mRaw->Get(kCapacity).substr(0, 16),
             test::Wire(std::uint64_t{8U << 20U}, std::uint64_t{7U << 20U}));
   EXPECT_EQ(mRaw->Get(kNode), NodeBytes("10.0.0.1", "host-7"));
+  EXPECT_EQ(madeAnew, 1);
+  {
+    const test::ZookeeperCalls calls([](const test::ZookeeperCall& call) {
+      return call.function == std::string("DoDlZooSet") ? int{ZCONNECTIONLOSS} : call.make();
+    });
+    EXPECT_TRUE(test::WaitUntil([&] { return !registry.IsKnown(); }));
+  }
+  EXPECT_TRUE(test::WaitUntil([&] { return registry.IsKnown(); }));
   registry.Stop();
+  EXPECT_FALSE(registry.IsKnown());
   EXPECT_FALSE(mRaw->Exists(kNode) || mRaw->Exists(kCapacity));
   EXPECT_TRUE(mRaw->Exists(kKnown) && mRaw->Exists("/vyn/reclaim/7"));
 }
@@ -135,6 +150,8 @@ TEST_F(NodeRegistryTest, TheReclaimerKeepsWhatItCannotFreeUntilTheApplicationEnd
   }
   EXPECT_EQ(mRaw->Children("/vyn/apps/app").size(), 2U);
   EXPECT_EQ(mLog.Texts(test::kErrorLine).size(), 4U) << "a damaged record each time, that blocks stay once";
+  EXPECT_TRUE(Reclaimer(7, mFabric, [&](const ReclaimEntry&) { ++forgotten; }).Drain());
+  EXPECT_EQ(forgotten, 3) << "nor after a restart";
 
   enter("end", "");
   EXPECT_TRUE(reclaimer.Drain());
@@ -160,11 +177,18 @@ TEST_F(NodeRegistryTest, TheReclaimerSkipsRecordsOfANewerBuildAndForgedEntries) 
       {"reclaim/7/d", ReclaimEntry{"app", "/vyn/apps/app/2.x", 2, true}.ToText()},
       {"reclaim/7/e", R"({"app":"app","path":"","variable":0,"owner":false,"format":2})"},
       {"reclaim/7/f", "rubbish"},
-      {"reclaim/7/g", ReclaimEntry{"app", "/vyn/apps/app/1.x", 1, true}.ToText()}};
+      {"reclaim/7/g", ReclaimEntry{"app", "/vyn/apps/app/1.x", 1, true}.ToText()},
+      {"reclaim/7/h", ReclaimEntry{"app", "/vyn/apps/app/3.x", 3}.ToText()},
+      {"reclaim/7/i", ReclaimEntry{"app", "/vyn/apps/app/4.x", 4}.ToText()}};
   for (const auto& [path, text] : tree) {
     mRaw->Create(std::string("/vyn/") + path, text);
   }
-  EXPECT_TRUE(Reclaimer(7, mFabric, {}).Drain());
+  std::vector<std::uint32_t> forgotten;
+  EXPECT_TRUE(Reclaimer(7, mFabric, [&](const ReclaimEntry& entry) {
+                forgotten.push_back(entry.variableId);
+                EXPECT_EQ(mFabric.Stats().objects, 1U) << "memory is freed last: that may take long";
+              }).Drain());
+  EXPECT_THAT(forgotten, testing::UnorderedElementsAre(1, 2, 3, 4));
   EXPECT_EQ(mFabric.Stats().objects, 0U) << "what stands behind them in the list is freed";
   EXPECT_THAT(mRaw->Children("/vyn/reclaim/7"), testing::UnorderedElementsAre("d", "e", "f"));
   EXPECT_TRUE(mRaw->Exists("/vyn/nodes/7") && mRaw->Exists("/vyn/apps/other/3.x"));

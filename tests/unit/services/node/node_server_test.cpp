@@ -61,6 +61,10 @@ class NodeServerTest : public ClusterTest {
       info.bmIds = {std::string(60, 'x')};
       return id == kNone ? kStatusUnknownVariable : 0;
     };
+    options.mayAnswer = [this] {
+      ++mFetches;
+      return mMayAnswer.load();
+    };
     mServer = std::make_unique<NodeServer>(options, mFabric);
     ASSERT_TRUE(mServer->Start(mError)) << mError;
     mClient.emplace(mPort.Number());
@@ -119,6 +123,8 @@ class NodeServerTest : public ClusterTest {
   std::atomic<int> mLookUps{0};
   std::atomic<int> mLetGo{-1};  ///< the number of the look-up that need not wait, 0 for all
   std::atomic<int> mFetched{0};
+  std::atomic<bool> mMayAnswer{true};
+  std::atomic<int> mFetches{0};
   fabric::FabricNode mFabric;
   std::unique_ptr<NodeServer> mServer;
   Reclaimer mReclaimer{1, mFabric, [this](const ReclaimEntry& entry) {
@@ -226,6 +232,16 @@ TEST_F(NodeServerTest, TheNodeServerCachesAFetchUntilTheVariableIsRemoved) {
   EXPECT_EQ(Fetch(2), 5U);
   EXPECT_EQ(Unregister("app", "secret"), 0U);
   EXPECT_EQ(Fetch(2), 6U);
+  mMayAnswer = false;  // the leader may take this node for down
+  EXPECT_EQ(Fetch(2), 7U);
+  FetchHeld(8);
+  ASSERT_TRUE(Asked(8));
+  const int fetches = mFetches;
+  FetchHeld(9);  // the answer to 8 may be older than this caller
+  EXPECT_TRUE(WaitUntil([&] { return mFetches > fetches; }));
+  mLetGo = 8;
+  ASSERT_TRUE(Asked(9));
+  mLetGo = 0;
 }
 
 TEST_F(NodeServerTest, CallersOfOneVariableShareALookUpAndOccupyNoOtherWorker) {

@@ -77,6 +77,29 @@ TEST(VariableLifeTest, FailuresGetTheStatusAndTextOfTheHeader) {
   VynVariableClose(variable);
 }
 
+TEST(VariableLifeTest, CreateRetractsAClaimWhoseOutcomeIsUnknown) {
+  DriverWorld world;
+  const CapturedLog silence(5);
+  bool registered = false;
+  NodeIdResponse node;
+  world.server.Answer(ShuffleServer::APP_REGISTER, {0, BytesOf(node)});
+  ASSERT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
+  for (const auto& [answer, status, tries, removed] :
+       {std::tuple(2140037U, VYN_VARIABLE_NO_SERVICE, 4U, 0U),  // a node has not forgotten the number
+        std::tuple(2140013U, VYN_VARIABLE_EXISTS, 1U, 0U),
+        std::tuple(2140017U, VYN_VARIABLE_NO_SERVICE, 1U, 1U)}) {  // ZooKeeper may have written it
+    SCOPED_TRACE(answer);
+    world.meta.Clear();
+    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {2140011, ""});
+    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_NEW, {answer, ""});
+    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_REMOVE, {0, ""});
+    VynVariable* variable = nullptr;
+    EXPECT_EQ(VynVariableCreate("app", 7, 10, &variable), std::uint32_t{status});
+    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_NEW), tries);
+    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_REMOVE), removed);
+  }
+}
+
 TEST(VariableLifeTest, ADriverOnAFabricNodeCreatesAndRemovesAVariable) {
   DriverWorld world;
   ScriptedService& server = world.server;
