@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <memory>
 #include <unordered_set>
 
 namespace vyn::services {
@@ -17,10 +18,11 @@ namespace {
 /// How long NewVariable and RemoveVariable wait for the nodes, and the time between two checks.
 constexpr auto kForgetLimit = std::chrono::seconds(5);
 constexpr auto kForgetPause = std::chrono::milliseconds(10);
+/// So many calls may wait. The others look once, so that workers are left for calls that need no node.
+constexpr unsigned int kMaxWaiting = 8;
 
 /// How many deletions one SweepDeleted looks at.
 constexpr std::size_t kSweep = 20;
-
 /// The most names of one request that are looked up in ZooKeeper. Each costs a read.
 constexpr std::size_t kMaxUnknown = 500;
 
@@ -92,10 +94,9 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   if (blockNum > tessel::kMaxBlocks) {
     return kStatusTooLarge;
   }
-  for (const std::int64_t deleted : {MetadataStore::kAllVariables, std::int64_t{id}}) {
-    if (const std::uint32_t status = AwaitForgotten(application, deleted); Failed(status)) {
-      return status;
-    }
+  if (Failed(AwaitForgotten(application, MetadataStore::kAllVariables)) ||
+      Failed(AwaitForgotten(application, id))) {
+    return kStatusNotForgotten;
   }
   sync::MutexLock write(WriteLock(application));
   if (mStore.LeadershipLost()) {
@@ -105,12 +106,9 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   if (Find(application, id, variable)) {
     return variable.blockNum == blockNum ? VYN_OK : kStatusVariableExists;
   }
-  {
-    sync::ReaderLock lock(mMutex);
-    if (mDeleted.contains({application, id}) ||
-        mDeleted.contains({application, MetadataStore::kAllVariables})) {
-      return kStatusNotForgotten;  // another caller has created and deleted it meanwhile
-    }
+  if (!NodeThatRemembers({application, id}).empty() ||
+      !NodeThatRemembers({application, MetadataStore::kAllVariables}).empty()) {
+    return kStatusNotForgotten;  // it was created and deleted again since the wait
   }
   if (!HasRoom(application, blockNum)) {
     return kStatusLimit;
@@ -191,30 +189,29 @@ std::string MetadataState::NodeThatRemembers(const MetadataStore::Deletions::key
     }
     entries = found->second;
   }
-  const std::vector<std::string> asked = entries;
   std::string node = MetadataStore::NodeThatRemembers(entries);
   sync::WriterLock lock(mMutex);
   const auto found = mDeleted.find(deleted);
   // The entries differ if another variable of this number was deleted meanwhile.
-  if (node.empty() && found != mDeleted.end() && found->second == asked) {
+  if (node.empty() && found != mDeleted.end() && found->second == entries) {
     mDeleted.erase(found);
   }
   return node;
 }
 
 std::uint32_t MetadataState::AwaitForgotten(const std::string& application, std::int64_t id) {
+  const bool waits = mWaiting.fetch_add(1) < kMaxWaiting;
+  const std::shared_ptr<void> waiting(nullptr, [this](void*) { --mWaiting; });
   auto retry = common::Retry::For(kForgetLimit, kForgetPause);
   std::string node;
   do {
     node = NodeThatRemembers({application, id});
-  } while (!node.empty() && retry.Again());
-  if (node.empty()) {
-    return VYN_OK;
-  }
-  VYN_LOG_WARN("Node " << node << " has not forgotten "
-                       << (id < 0 ? "the application that has ended under the name "
-                                  : "the deleted variable " + std::to_string(id) + " of ")
-                       << application << " yet");
+    if (node.empty()) {
+      return VYN_OK;
+    }
+  } while (waits && retry.Again());
+  const std::string what = id < 0 ? "application " : "variable " + std::to_string(id) + " of ";
+  VYN_LOG_WARN("Node " << node << " has not forgotten the deleted " << what << application << " yet");
   return kStatusNotForgotten;
 }
 
@@ -223,11 +220,11 @@ void MetadataState::SweepDeleted() {
   {
     sync::ReaderLock lock(mMutex);
     auto next = mDeleted.upper_bound(mSwept);
-    for (std::size_t i = 0; i < std::min(kSweep, mDeleted.size()); ++i, ++next) {
-      next = next == mDeleted.end() ? mDeleted.begin() : next;
+    for (; next != mDeleted.end() && some.size() < kSweep; ++next) {
       some.push_back(next->first);
     }
   }
+  mSwept = {};
   for (const auto& deleted : some) {
     mSwept = deleted;
     if (!NodeThatRemembers(deleted).empty()) {

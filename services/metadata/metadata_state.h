@@ -16,6 +16,7 @@
 #include "tessel/message/broadcast/broadcast_messages.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -96,6 +97,8 @@ class MetadataState {
   /// The deleted variables that a live node may still have in its cache, and the ended applications.
   /// NewVariable does not use their numbers.
   MetadataStore::Deletions mDeleted VYN_GUARDED_BY(mMutex);
+  /// The number of threads in AwaitForgotten.
+  std::atomic<unsigned int> mWaiting{0};
   /// The last deletion that SweepDeleted has looked at; used by its thread.
   MetadataStore::Deletions::key_type mSwept;
 };

@@ -145,14 +145,14 @@ std::uint32_t MetadataStore::AddReclaimEntries(Transaction& transaction, Reclaim
   return VYN_OK;
 }
 
-std::string MetadataStore::NodeThatRemembers(std::vector<std::string>& entries) {
+std::string MetadataStore::NodeThatRemembers(const std::vector<std::string>& entries) {
   const auto adapter = cluster::ClusterZKAdapter::GetInstance(cluster::NODE_ROLE_SERVER);
-  for (; adapter != nullptr && !entries.empty(); entries.pop_back()) {
-    const std::string& path = entries.back();
+  for (const std::string& path : entries) {
     const std::size_t begin = std::strlen(kReclaimPath) + 1;
     const std::string node = path.substr(begin, path.find('/', begin) - begin);
     // A node without a session does not answer from its cache, and drops it when it has a new one.
-    if (!IsForgotten(path) && zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
+    if (adapter != nullptr && !IsForgotten(path) &&
+        zookeeper::Exists(adapter->mNodePath + "/" + node) != ZNONODE) {
       return node;
     }
   }

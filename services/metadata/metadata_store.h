@@ -62,9 +62,9 @@ class MetadataStore {
   /// these entries.
   std::uint32_t RemoveVariable(const std::string& application, const Variable& variable,
                                std::vector<std::string>& entries);
-  /// Removes from `entries`, paths of reclaim entries, those whose node has forgotten what they name, and those
-  /// of nodes without a session. Returns: the id of a node of the rest; empty if none is left.
-  static std::string NodeThatRemembers(std::vector<std::string>& entries);
+  /// Returns: the id of a live node that has not forgotten what its reclaim entry, one of the paths `entries`,
+  /// names; empty if there is none.
+  static std::string NodeThatRemembers(const std::vector<std::string>& entries);
   /// \param registered receives whether the application has a record and is not being removed. A registration
   /// at any node creates the record.
   std::uint32_t IsRegistered(const std::string& application, bool& registered);

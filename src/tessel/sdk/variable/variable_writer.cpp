@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 
 namespace vyn::tessel {
 
@@ -21,7 +22,7 @@ namespace {
 constexpr std::uint64_t kDefaultBlockSize = std::uint64_t{4} << 20U;
 /// The default size grows so that there are no more blocks than this.
 constexpr std::uint64_t kDefaultBlocks = 4096;
-/// Attempts to claim a number that a node has not forgotten. In each the leader waits 5 seconds for the node.
+/// Attempts to claim a number that a node has not forgotten. In each the leader waits up to 5 seconds.
 constexpr unsigned int kClaimAttempts = 4;
 
 /// Whether the leader has refused a claim, and so has written nothing.
@@ -92,7 +93,7 @@ std::uint32_t VariableWriter::Claim() {
                                                      << "published it yet");
   }
   if (status == VYN_VARIABLE_UNKNOWN) {
-    auto retry = common::Retry::Times(kClaimAttempts);
+    auto retry = common::Retry::Times(kClaimAttempts, std::chrono::seconds(1));
     do {
       status = MakeRecord(mKey, static_cast<std::uint32_t>(mBlocks.sizes.size()));
     } while (status == service_status::kStatusNotForgotten && retry.Again());
