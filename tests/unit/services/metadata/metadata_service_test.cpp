@@ -275,7 +275,9 @@ TEST_F(MetadataMemberTest, AMemberRegistersAgainAfterItsSessionExpired) {
   EXPECT_TRUE(HasStatuses("2", "3")) << "who went while nobody led is found out";
   const clientid_t before = DoDlZooClientId(VynGetZkHandle());
   ExpireSession(mUrl, before);
-  EXPECT_TRUE(WaitUntil([&] { return mMember->Leading() && mRaw->Owner(kLeaderPath) != before.client_id; }));
+  EXPECT_TRUE(WaitUntil([&] {
+    return mMember->Leading() && mRaw->Exists(kLeaderPath) && mRaw->Owner(kLeaderPath) != before.client_id;
+  }));
   EXPECT_EQ(mRaw->Owner(kLeaderPath), DoDlZooClientId(VynGetZkHandle()).client_id);
 }
 

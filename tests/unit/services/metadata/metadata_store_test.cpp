@@ -274,6 +274,7 @@ TEST_F(MetadataStoreTest, AVariableIdIsReusableAfterEveryLiveNodeHasFreedItsBloc
   EXPECT_EQ(record.blocks.bmIds, Blocks("app", 1, 0, 2).bmIds) << "the node still learns what to free";
 
   mRaw->Create("/mf/node/1", "");  // node 2 is down
+  leader = NewLeader();
   const auto refuse = [&](std::uint32_t status) {
     test::FakeClock clock;
     EXPECT_EQ(leader->NewVariable("app", 1, 1), status);

@@ -81,8 +81,6 @@ TEST(VariableLifeTest, CreateRetractsAClaimWhoseOutcomeIsUnknown) {
   DriverWorld world;
   const CapturedLog silence(5);
   bool registered = false;
-  NodeIdResponse node;
-  world.server.Answer(ShuffleServer::APP_REGISTER, {0, BytesOf(node)});
   ASSERT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
   for (const auto& [answer, status, tries, removed] :
        {std::tuple(2140037U, VYN_VARIABLE_NO_SERVICE, 4U, 0U),  // a node has not forgotten the number
@@ -98,6 +96,8 @@ TEST(VariableLifeTest, CreateRetractsAClaimWhoseOutcomeIsUnknown) {
     EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_NEW), tries);
     EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_REMOVE), removed);
   }
+  world.server.Answer(ShuffleServer::APP_UNREGISTER, {0, ""});
+  EXPECT_EQ(UnRegisterBroadcastApp("app"), 0U);
 }
 
 TEST(VariableLifeTest, ADriverOnAFabricNodeCreatesAndRemovesAVariable) {
