@@ -110,6 +110,9 @@ class HarmTest : public testing::Test {
           }
         }
         killer = {};
+        if (fate < 2) {
+          victim->Process().Kill();
+        }
         if (fate < 4) {
           victim.reset();
         }
