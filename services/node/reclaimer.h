@@ -4,8 +4,9 @@
 // node's reclaim list in ZooKeeper. The reclaimer processes the list when the daemon starts, when an
 // application registers, and periodically on a thread of its own, which a watch of the list wakes. It forgets
 // what all entries name before it frees the memory of the first one, and tells the leader so in each entry
-// (ReclaimEntry::forgotten). An entry that fails stays in the list and stops no other. An entry is believed only when it names a variable of its own application. What this build
-// cannot read, entry or record, it does not delete.
+// (ReclaimEntry::forgotten). An entry that fails stays in the list and stops no other. An entry is believed
+// only when it names a variable of its own application. What this build cannot read, entry or record, it does
+// not delete.
 //
 // GiveBack frees further objects on the same thread: those of calls whose replies did not reach the caller.
 //

@@ -15,6 +15,8 @@
 #include "vyn/broadcast.h"
 #include "vyn/variable.h"
 
+#include <memory>
+
 namespace {
 
 using Text = std::string;
@@ -66,27 +68,35 @@ Text Read(Text app, Id id, unsigned int count, unsigned int seed) {
   return status != 0 ? std::to_string(status) : Again(seed);
 }
 
-VynVariable* gVariable = nullptr;  // of the last make or open
+struct CloseVariable {
+  void operator()(VynVariable* variable) const { VynVariableClose(variable); }
+};
+std::unique_ptr<VynVariable, CloseVariable> gVariable;  // of the last make or open that succeeded
 
 std::uint32_t Make(Text app, Id id, unsigned long size, unsigned int seed) {
-  const std::uint32_t status = VynVariableCreate(app.c_str(), id, size, &gVariable);
+  VynVariable* made = nullptr;
+  const std::uint32_t status = VynVariableCreate(app.c_str(), id, size, &made);
   if (status == 0) {
-    vyn::test::FillPattern(VynVariableData(gVariable), size, seed);
+    gVariable.reset(made);
+    vyn::test::FillPattern(VynVariableData(made), size, seed);
   }
   return status;
 }
 
 Text Still(unsigned int seed) {
-  return vyn::test::HoldsPattern(VynVariableData(gVariable), VynVariableSize(gVariable), seed)
-             ? "0"
-             : "other bytes";
+  VynVariable* variable = gVariable.get();
+  return vyn::test::HoldsPattern(VynVariableData(variable), VynVariableSize(variable), seed) ? "0"
+                                                                                             : "other bytes";
 }
 
 Text Open(Text app, Id id, unsigned int seed) {
   VynVariable* opened = nullptr;
   const std::uint32_t status = VynVariableOpen(app.c_str(), id, &opened);
-  gVariable = opened == nullptr ? gVariable : opened;
-  return status != 0 ? std::to_string(status) : Still(seed);
+  if (status != 0) {
+    return std::to_string(status);
+  }
+  gVariable.reset(opened);
+  return Still(seed);
 }
 
 }  // namespace
@@ -108,13 +118,14 @@ int main() {
        {"delete", [](Text app, Id id) { return DeleteBroadcastVar(app.c_str(), id); }},
        {"complete", [](Text app) { return MarkBroadcastApplicationCompleted(app.c_str()); }},
        {"make", &Make},
-       {"publish", [] { return VynVariablePublish(gVariable); }},
+       {"publish", [] { return VynVariablePublish(gVariable.get()); }},
        {"open", &Open},
        {"still", &Still},
-       {"close", [] { return VynVariableClose(std::exchange(gVariable, nullptr)), 0; }},
+       {"close", [] { return gVariable.reset(), 0; }},
        {"drop", [](Text app, Id id) { return VynVariableDelete(app.c_str(), id); }},
        {"words", [] { return Text(BroadcastGetLastErrorMessage()); }},
        {"beat", [](Text app) { return HeartBeat(app.c_str(), 0, "driver", "", true); }}},
       "= ");
+  gVariable.reset();
   return 0;
 }

@@ -25,7 +25,7 @@ void Clock::WaitFor(std::condition_variable& condition, std::unique_lock<std::mu
 }
 
 Clock& Clock::Get() {
-  static Clock real;
+  static Clock& real = *new Clock;  // never destroyed: threads use it while the process exits
   Clock* replacement = gReplacement.load(std::memory_order_acquire);
   return replacement != nullptr ? *replacement : real;
 }
