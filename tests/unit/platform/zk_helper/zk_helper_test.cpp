@@ -255,6 +255,9 @@ TEST_F(ZkHelperTest, AFailedAllocationFailsAtMostOneCall) {
 }
 
 TEST_F(ZkHelperTest, AForkedChildDoesNotUseTheSessionOfItsParent) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer supports no threads in a forked child";
+#endif
   zhandle_t* handle = Open();
   for (int round = 0; round < 10; ++round) {
     const pid_t child = ::fork();
