@@ -37,12 +37,14 @@
  * Limits. A variable has 1 to 500000 blocks. The default size of a block is 4 MiB; for more than 16 GiB it
  * grows, so that there are at most 4096 blocks. Blocks of one variable are on one node.
  *
- * A writer that dies. On a node, its blocks are freed and its number is free again a few seconds after the
- * process has ended, also when it was killed, and also when the node's vynd was restarted meanwhile. A writer
- * outside the fabric that is killed before it has published leaves its blocks until the application ends, and
- * its number until VynVariableDelete: nobody sees the bytes, but readers are told
- * VYN_VARIABLE_NOT_PUBLISHED. While a writer is only stopped (SIGSTOP, a debugger), the variable stays
- * unpublished, and the writer can go on.
+ * A writer that dies. Its blocks are freed and its number is free again a few seconds after the process has
+ * ended, also when it was killed, and also when the node's vynd was restarted meanwhile; two minutes after
+ * the host of a writer outside the fabric has vanished. A writer that is killed in the milliseconds between
+ * the claim of its number and its first block leaves the number: readers are told
+ * VYN_VARIABLE_NOT_PUBLISHED until VynVariableDelete. While a writer is only stopped (SIGSTOP, a debugger),
+ * the variable stays unpublished, and the writer can go on. A writer outside the fabric loses its blocks when
+ * the node cannot reach its host for two minutes, or when it makes no call for five minutes after a restart
+ * of the node's vynd: VynVariablePublish then fails with VYN_VARIABLE_LOST.
  */
 
 #include <stdint.h>

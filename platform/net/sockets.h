@@ -21,7 +21,7 @@ bool WaitFor(int descriptor, short events, const Deadline& deadline);
 NetOutcome Listen(const std::string& ip, std::uint16_t& port, int backlog, Descriptor& listener);
 
 /// Sets the options of every TCP connection, on either side: small writes leave at once, and keep-alive
-/// probes find a peer whose host has vanished.
+/// probes find a peer whose host has vanished, after two minutes.
 void SetTcpOptions(int socket);
 
 }  // namespace vyn::net

@@ -297,6 +297,10 @@ bool Daemon::StartFabric(std::string& error) {
     }
     return Failed(status) || !mReclaimer->Drain(ns) ? -EIO : 0;
   };
+  options.unpublished = [this](const std::string& ns, std::uint32_t variable,
+                               const std::vector<std::string>& ids) {
+    mUnpublished.AddOutside(ns, variable, ids);
+  };
   options.log = [](int level, const std::string& text) {
     if (common::logging::Gate(level)) {
       common::logging::Write(level, "fabric] " + text);

@@ -89,7 +89,7 @@ TEST_F(VariableTest, EachCallerGetsTheBytesOrTheStatusOfItsFailure) {
 }
 
 TEST_F(VariableTest, TheNodesFreeTheBlocksOfAKilledWriter) {
-  for (const std::string where : {"first", "second"}) {
+  for (const std::string where : {"first", "second", "outside"}) {
     SCOPED_TRACE("written " + where);
     const auto reader = Client("first");
     const auto dead = Client(where);
@@ -110,17 +110,23 @@ TEST_F(VariableTest, TheNodesFreeTheBlocksOfAKilledWriter) {
 
 TEST_F(VariableTest, ARestartedNodeFreesTheBlocksOfDeadWritersOnly) {
   const auto first = Client("first");
+  Expect(*first, "make app 5 20000001 9", "0");  // so the second node gets the blocks of a writer outside, soon
   std::vector<std::unique_ptr<BroadcastClient>> writers;  // of the variables 1, 2, 3
   for (const char* make : {"make app 1 5000001 5", "make app 2 5000001 6", "make app 3 5000001 7"}) {
     writers.push_back(Client("second"));
     Expect(*writers.back(), make, "0");
   }
+  const auto outside = Client("outside");
+  EXPECT_TRUE(WaitUntil([&] {
+    outside->Do("close");
+    return outside->Do("make app 4 5000001 9") == "0" && mSecond.Objects() == 8;
+  }));
   const std::string folder = mSecond.Home() + "/run/unpublished/";
   EXPECT_TRUE(WaitUntil([&] {  // the node knows whose records these are
     const auto names = NamesIn(folder);
     return std::count_if(names.begin(), names.end(), [&](const std::string& name) {
              return ReadFile(folder + name).find("/vyn/apps/app/") != std::string::npos;
-           }) == 3;
+           }) == 4;
   }));
   std::ofstream(folder + "damaged") << R"({"application":"app","id":2,"blocks":["b"]})";
   mSecond.Process().Kill();
@@ -129,13 +135,15 @@ TEST_F(VariableTest, ARestartedNodeFreesTheBlocksOfDeadWritersOnly) {
   Expect(*first, "drop app 3", "0");
   Expect(*first, "make app 3 5000001 8", "0");  // another writer has the number now
   mSecond.Start();
-  EXPECT_TRUE(WaitUntil([&] { return mSecond.Objects() == 2; }));
+  EXPECT_TRUE(WaitUntil([&] { return mSecond.Objects() == 4; }));
   Expect(*Client("first"), "open app 1 5", "2140011");
+  Expect(*outside, "publish", "0");
   Expect(*writers[1], "publish", "0");
   Expect(*first, "publish", "0");
   const auto reader = Client("second");
   Expect(*reader, "open app 2 6", "0");
   Expect(*reader, "open app 3 8", "0");
+  Expect(*reader, "open app 4 9", "0");
   EXPECT_TRUE(WaitUntil([&] { return NamesIn(folder).empty(); }));
 }
 

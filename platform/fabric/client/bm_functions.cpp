@@ -2,10 +2,12 @@
 
 #include "platform/fabric/client/bm_functions.h"
 
+#include "platform/fabric/client/arguments.h"
 #include "platform/fabric/client/fabric_client.h"
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <exception>
@@ -14,6 +16,7 @@
 namespace {
 
 using vyn::fabric::FabricClient;
+using vyn::fabric::UnpublishedBatch;
 
 static_assert(sizeof(vyn::fabric::NodeAttributes) == sizeof(BmResourceAttributes));
 
@@ -169,5 +172,41 @@ int BM_MapAtSec(BmSecContext* context, int prot, void* address, unsigned long le
 int BM_QueryNode(unsigned short nodeId, BmResourceAttributes* attributes) {
   return Guarded([&](FabricClient& client) {
     return client.QueryNode(nodeId, reinterpret_cast<vyn::fabric::NodeAttributes*>(attributes));
+  });
+}
+
+int BM_AllocBatchSec(unsigned short nodeId, const char* ns, const char* token, unsigned int variable,
+                     const unsigned long* sizes, unsigned int count, char* ids, BmBatch** batch) {
+  return Guarded([&](FabricClient& client) {
+    vyn::fabric::Access access;
+    if (const int refused = vyn::fabric::ParseAccess(ns, token, access); refused != 0) {
+      return refused;
+    }
+    if (sizes == nullptr || count == 0 || ids == nullptr || batch == nullptr) {
+      return kBmLocalError;
+    }
+    std::vector<std::string> made;
+    UnpublishedBatch* held = nullptr;
+    const int result = client.AllocateBatch(nodeId, access, variable, {sizes, count}, made, &held);
+    for (const std::string& id : made) {
+      ids = std::copy(id.begin(), id.end(), ids);
+    }
+    *batch = reinterpret_cast<BmBatch*>(held);
+    return result;
+  });
+}
+
+int BM_KeepBatchSec(BmBatch* batch, const char* ns, const char* token) {
+  return Guarded([&](FabricClient&) {
+    vyn::fabric::Access access;
+    const int refused = vyn::fabric::ParseAccess(ns, token, access);
+    return refused != 0 ? refused : reinterpret_cast<UnpublishedBatch*>(batch)->Keep(access);
+  });
+}
+
+int BM_EndBatch(BmBatch* batch) {
+  return Guarded([&](FabricClient& client) {
+    client.EndBatch(reinterpret_cast<UnpublishedBatch*>(batch));
+    return 0;
   });
 }

@@ -4,6 +4,7 @@
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/broker_socket.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -215,6 +216,38 @@ int FabricClient::Expand(const BmSecContext* context, std::uint64_t size) {
   return CallNode(OwnerOf(object.id), [&](RemoteNode& node) { return node.Expand(object, size); });
 }
 
+int FabricClient::AllocateBatch(std::uint16_t nodeId, const Access& access, std::uint32_t variable,
+                                std::span<const std::uint64_t> sizes, std::vector<std::string>& ids,
+                                UnpublishedBatch** batch) {
+  NodePtr node;
+  {
+    sync::MutexLock lock(mMutex);
+    const auto found = mLinks.find(nodeId);
+    node = found == mLinks.end() ? nullptr : found->second.node;
+  }
+  if (node == nullptr) {
+    return kBmUnconnected;
+  }
+  auto made = std::make_unique<UnpublishedBatch>(std::move(node));
+  if (const int result = made->Allocate(access, variable, sizes, ids); result != 0) {
+    return result;
+  }
+  *batch = made.get();
+  sync::MutexLock lock(mMutex);
+  mBatches.push_back(std::move(made));
+  return 0;
+}
+
+void FabricClient::EndBatch(const UnpublishedBatch* batch) {
+  std::list<std::unique_ptr<UnpublishedBatch>> ended;  // outside the lock
+  sync::MutexLock lock(mMutex);
+  const auto found = std::find_if(mBatches.begin(), mBatches.end(),
+                                  [batch](const auto& known) { return known.get() == batch; });
+  if (found != mBatches.end()) {
+    ended.splice(ended.end(), mBatches, found);
+  }
+}
+
 int FabricClient::FreeObject(const ObjectName& object) {
   return CallNode(OwnerOf(object.id), [&](RemoteNode& node) { return node.Free(object); });
 }
@@ -260,6 +293,11 @@ void FabricClient::LockForFork() {
 }
 
 void FabricClient::UnlockAfterFork(bool child) {
+  for (const auto& batch : mBatches) {
+    if (child) {
+      batch->Drop();
+    }
+  }
   for (auto& [nodeId, link] : mLinks) {
     link.node->UnlockAfterFork(child);
   }

@@ -12,14 +12,17 @@
 #include "platform/fabric/client/bm_functions.h"
 #include "platform/fabric/client/mapping_table.h"
 #include "platform/fabric/client/object_location.h"
+#include "platform/fabric/client/unpublished_batch.h"
 #include "platform/fabric/protocol/protocol.h"
 #include "platform/fabric/protocol/remote_node.h"
 #include "platform/fabric/transport/link.h"
 #include "platform/sync/mutex.h"
 #include "platform/tls/client_setting.h"
 
+#include <list>
 #include <map>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -55,6 +58,13 @@ class FabricClient {
   int Allocate(const BmSecContext* context, std::uint64_t size, std::uint16_t nodeId);
   /// \param size the object's new size.
   int Expand(const BmSecContext* context, std::uint64_t size);
+  /// Allocates the objects of a variable that is not published. \param ids receives `count` ids. \param batch
+  /// receives the handle for KeepBatch and EndBatch; null after a failure.
+  int AllocateBatch(std::uint16_t nodeId, const Access& access, std::uint32_t variable,
+                    std::span<const std::uint64_t> sizes, std::vector<std::string>& ids,
+                    UnpublishedBatch** batch);
+  /// Ends the batch: the variable is published, or its objects are freed.
+  void EndBatch(const UnpublishedBatch* batch);
   int Free(const BmSecContext* context);
   int FreeBatch(const char* const* ids, std::uint32_t count, const char* ns, const char* token);
 
@@ -130,6 +140,7 @@ class FabricClient {
     NodePtr node;
   };
   std::map<std::uint16_t, Link> mLinks VYN_GUARDED_BY(mMutex);
+  std::list<std::unique_ptr<UnpublishedBatch>> mBatches VYN_GUARDED_BY(mMutex);
   MappingTable mMappings;
 };
 

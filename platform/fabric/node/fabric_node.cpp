@@ -38,7 +38,8 @@ struct FabricNode::Impl {
               copies,
               neighbours,
               options.namespaceGuard,
-              [this](const std::string& text) { Log(kWarn, text); }} {}
+              [this](const std::string& text) { Log(kWarn, text); },
+              options.unpublished} {}
 
   ~Impl() {
     copies.Stop();
@@ -129,7 +130,7 @@ std::unique_ptr<Listener> FabricNode::Impl::MakeListener(net::Descriptor listene
         session.OnConnectionEnd(ServeConnection(
             stream,
             [&session](ServerCall& call, Reader& arguments) { return session.Handle(call, arguments); }, idle,
-            busy));
+            [&](bool now) { busy(now || session.Holds()); }, [&session] { return session.Holds(); }));
       });
 }
 

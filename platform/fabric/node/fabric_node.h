@@ -46,6 +46,12 @@ using NodeDirectory = std::function<bool(std::uint16_t nodeId, NodeAddress& addr
 /// waits.
 using NamespaceGuard = std::function<int(const std::string& ns, const std::string& token)>;
 
+/// Called when a process outside the fabric has made objects of a variable that it will publish, before the
+/// answer. The node has the first one open for writing until that process ends or is lost. Called from the
+/// node's own threads, several at once; must not wait for another process.
+using UnpublishedObjects =
+    std::function<void(const std::string& ns, std::uint32_t variable, const std::vector<std::string>& ids)>;
+
 /// Writes a line to the log of the process. \param level as of spdlog: 2 info, 3 warn, 4 error.
 using NodeLog = std::function<void(int level, const std::string& text)>;
 
@@ -74,11 +80,14 @@ struct FabricNodeOptions {
   NodeDirectory directory;
   /// Null: the first client that makes a namespace sets its token.
   NamespaceGuard namespaceGuard;
+  /// Null: nobody frees the objects of a process that ends before it publishes the variable.
+  UnpublishedObjects unpublished;
   /// Null: silent.
   NodeLog log;
 
   /// Connections at the broker, and at the link port. When the limit is reached, the connection that has
-  /// been idle longest is closed; when none is idle, the new one is refused.
+  /// been idle longest is closed; when none is idle, the new one is refused. A connection that holds objects is
+  /// never idle.
   std::uint32_t maxBrokerConnections = 1024;
   std::uint32_t maxLinkConnections = 1024;
   /// Of these, at most so many from one user of the machine (broker) or one address (link).

@@ -42,6 +42,8 @@ bool FabricSession::Handle(ServerCall& call, Reader& arguments) {
       {FabricOperation::kExist, &FabricSession::Exist},
       {FabricOperation::kState, &FabricSession::State},
       {FabricOperation::kSizes, &FabricSession::Sizes},
+      {FabricOperation::kAllocateBatch, &FabricSession::AllocateBatch},
+      {FabricOperation::kHold, &FabricSession::Hold},
   };
   const auto handler = kHandlers.find(call.Operation());
   return handler != kHandlers.end() && (this->*handler->second)(call, arguments);
@@ -179,6 +181,76 @@ void FabricSession::OnConnectionEnd(net::IoStatus how) {
   if (how == net::IoStatus::kReset && mUnacknowledged.has_value() && !mUnacknowledged->undoUntil.IsOver()) {
     FreeUnacknowledged(*mUnacknowledged);
   }
+}
+
+bool FabricSession::AllocateBatch(ServerCall& call, Reader& arguments) {
+  const Access access = ReadAccess(arguments);
+  const auto variable = arguments.Get<std::uint32_t>();
+  const auto count = arguments.Get<std::uint16_t>();
+  std::vector<std::uint64_t> sizes;
+  for (std::uint32_t index = 0; index < count && count <= kMaxIdsPerFrame; ++index) {
+    sizes.push_back(arguments.Get<std::uint64_t>());
+  }
+  if (!arguments.Complete() || sizes.empty() || mKind != ListenerKind::kLink || mHeld.size() >= kMaxHeld) {
+    return false;
+  }
+  std::vector<std::string> ids;
+  if (const int result = AllocateAll(access, variable, sizes, ids, call); result != 0) {
+    return call.Answer(ResultForCaller(result));
+  }
+  Writer answer;
+  for (const std::string& id : ids) {
+    answer.Text(id);
+  }
+  return call.Answer(0, answer.Bytes());
+}
+
+int FabricSession::AllocateAll(const Access& access, std::uint32_t variable,
+                               const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids,
+                               ServerCall& call) {
+  return InNamespace(access, [&](const NamespacePtr& space) {
+    int result = 0;
+    for (std::size_t index = 0; index < sizes.size() && result == 0; ++index) {
+      std::string id;
+      result = call.SendProgress() ? mParts.pool.Allocate(space, sizes[index], id) : -EPIPE;
+      if (result == 0) {
+        ids.push_back(std::move(id));
+      }
+    }
+    if (result == 0 && mParts.unpublished != nullptr) {
+      // Before the first object is open for writing: a change of its stamp tells that it was.
+      mParts.unpublished(std::string(access.ns), variable, ids);
+    }
+    if (result == 0) {
+      result = HoldLocal({access, ids.front()});
+    }
+    if (result != 0) {
+      for (const std::string& id : ids) {
+        mParts.pool.Free(space, id);
+      }
+    }
+    return result;
+  });
+}
+
+int FabricSession::HoldLocal(const ObjectName& object) {
+  net::Descriptor file;
+  std::uint64_t size = 0;
+  const int result = OpenLocal(object, true, file, size);
+  if (result == 0) {
+    mHeld.push_back(std::move(file));
+  }
+  return result;
+}
+
+bool FabricSession::Hold(ServerCall& call, Reader& arguments) {
+  const ObjectName object = ReadObjectName(arguments);
+  if (!arguments.Complete() || !IsObjectId(object.id) || mKind != ListenerKind::kLink ||
+      mHeld.size() >= kMaxHeld) {
+    return false;
+  }
+  return call.Answer(OwnerOf(object.id) == mParts.nodeId ? ResultForCaller(HoldLocal(object))
+                                                         : kBmRemoteProtocol);
 }
 
 bool FabricSession::Expand(ServerCall& call, Reader& arguments) {

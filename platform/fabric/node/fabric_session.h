@@ -20,6 +20,7 @@ struct NodeParts {
   Neighbours& neighbours;
   NamespaceGuard namespaceGuard = nullptr;
   std::function<void(const std::string&)> warn = nullptr;
+  UnpublishedObjects unpublished = nullptr;
 };
 
 /// Where a connection came in: the broker's UNIX socket or the link port.
@@ -34,6 +35,8 @@ class FabricSession {
   bool Handle(ServerCall& call, Reader& arguments);
   /// To be called when the connection has ended. \param how what ServeConnection returned.
   void OnConnectionEnd(net::IoStatus how);
+  /// Whether the connection must stay, however long it is idle: it holds objects for its client.
+  bool Holds() const { return !mHeld.empty(); }
 
  private:
   using NodePtr = std::shared_ptr<RemoteNode>;
@@ -56,6 +59,8 @@ class FabricSession {
   bool CreateNamespace(ServerCall& call, Reader& arguments);
   bool DestroyNamespace(ServerCall& call, Reader& arguments);
   bool Allocate(ServerCall& call, Reader& arguments);
+  bool AllocateBatch(ServerCall& call, Reader& arguments);
+  bool Hold(ServerCall& call, Reader& arguments);
   bool Expand(ServerCall& call, Reader& arguments);
   bool Free(ServerCall& call, Reader& arguments);
   bool FreeBatch(ServerCall& call, Reader& arguments);
@@ -99,6 +104,10 @@ class FabricSession {
   int ResultForCaller(int result) const;
   void FreeUnacknowledged(const UnacknowledgedAllocation& allocation);
   int OpenLocal(const ObjectName& object, bool writable, net::Descriptor& file, std::uint64_t& size) const;
+  /// Allocates all objects or none, and holds the first one.
+  int AllocateAll(const Access& access, std::uint32_t variable, const std::vector<std::uint64_t>& sizes,
+                  std::vector<std::string>& ids, ServerCall& call);
+  int HoldLocal(const ObjectName& object);
   /// Opens an object of this node in which `length` bytes at `offset` must lie.
   int OpenRange(const ObjectName& object, bool writable, std::uint64_t offset, std::uint64_t length,
                 net::Descriptor& file) const;
@@ -107,6 +116,9 @@ class FabricSession {
   const ListenerKind mKind;
   bool mGreeted = false;
   std::optional<UnacknowledgedAllocation> mUnacknowledged;
+  /// Files of objects that are open for writing until the connection ends. So the daemon sees that their
+  /// writer lives, as it does for a writer of this machine.
+  std::vector<net::Descriptor> mHeld;
 };
 
 }  // namespace vyn::fabric

@@ -83,7 +83,7 @@ bool ServerCall::SendProgress() {
 }
 
 IoStatus ServeConnection(ByteStream& stream, const CallHandler& handler, std::chrono::milliseconds idle,
-                         const std::function<void(bool)>& busy) {
+                         const std::function<void(bool)>& busy, const std::function<bool()>& keep) {
   FabricFrameReader frames(stream);
   std::unique_ptr<char[]> buffer;
   std::string head;
@@ -92,7 +92,9 @@ IoStatus ServeConnection(ByteStream& stream, const CallHandler& handler, std::ch
     if (status == IoStatus::kTimeout && idle > kKeepBuffer) {
       buffer.reset();
       head = {};
-      status = frames.WaitForFrame(Deadline::After(idle - kKeepBuffer));
+      do {
+        status = frames.WaitForFrame(Deadline::After(idle - kKeepBuffer));
+      } while (status == IoStatus::kTimeout && keep != nullptr && keep());
     }
     if (status != IoStatus::kOk) {
       return status;

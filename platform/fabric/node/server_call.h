@@ -55,9 +55,11 @@ class ServerCall {
 using CallHandler = std::function<bool(ServerCall& call, Reader& arguments)>;
 
 /// Serves a connection until it ends, breaks a limit, or stays idle for `idle`. \param busy called with true
-/// when a request has begun to arrive and with false when it is answered; may be null. Returns: how the wait
-/// for the next request ended; kFailed when the connection ended within a request.
+/// when a request has begun to arrive and with false when it is answered; may be null. \param keep asked when
+/// the connection was idle for that long; true keeps it. May be null. Returns: how the wait for the next
+/// request ended; kFailed when the connection ended within a request.
 net::IoStatus ServeConnection(ByteStream& stream, const CallHandler& handler, std::chrono::milliseconds idle,
-                              const std::function<void(bool)>& busy = nullptr);
+                              const std::function<void(bool)>& busy = nullptr,
+                              const std::function<bool()>& keep = nullptr);
 
 }  // namespace vyn::fabric

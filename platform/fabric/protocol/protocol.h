@@ -17,7 +17,7 @@
 // Conversation. The client opens with kHello and then sends requests; the node answers each in order, with
 // the request's operation and sequence number. A client has at most kPipelineDepth requests in flight on a
 // connection; a node does not count them, it reads the next one when it has answered the last. While it works
-// on a kDestroyNamespace, kFreeBatch, kOpen, kCopy or kState it sends interim answers, which are marked
+// on a kDestroyNamespace, kFreeBatch, kOpen, kCopy, kState or kAllocateBatch it sends interim answers, which are marked
 // kFrameProgress and carry nothing. A frame that breaks a limit or the sequence ends the connection. A node
 // answers nothing before the hello, and closes a connection whose frame stays incomplete for kFrameTimeout.
 //
@@ -134,7 +134,18 @@ enum class FabricOperation : std::uint16_t {
   /// bytes of the object, or kNoObject when the namespace has none of this id. The metadata leader asks this
   /// about the blocks of a record. Needs no token, for the reason given at kExist.
   kSizes = 16,
+  /// Link only. secured, u32 variable, u16 count (1 to kMaxIdsPerFrame), that many u64: sizes -> `count`
+  /// texts: ids. Allocates all objects or none, for a variable that the caller will publish. The connection
+  /// holds the first object: the node has it open for writing until the connection ends. When it ends before
+  /// the publication, the daemon frees the objects. The connection is never idle, and none takes its place.
+  kAllocateBatch = 17,
+  /// Link only. secured, text id -> The connection holds the object, as the one of kAllocateBatch does. A
+  /// writer whose connection has ended asks this over a new one.
+  kHold = 18,
 };
+
+/// The most objects that one connection holds: as many as the largest variable has kAllocateBatch.
+inline constexpr std::size_t kMaxHeld = 512;
 
 // --- Time
 //

@@ -135,8 +135,21 @@ int RemoteNode::Reach(std::uint16_t* nodeId) {
 int RemoteNode::Call(FabricOperation operation, std::string_view head, std::string& answer,
                      std::chrono::milliseconds extra, net::Descriptor* descriptor, const Progress& progress) {
   std::unique_ptr<Channel> channel;
-  if (const int result = Acquire(channel); result != 0) {
-    return result;
+  const int result = CallOver(channel, operation, head, answer, extra, descriptor, progress);
+  if (channel != nullptr) {
+    Release(std::move(channel));
+  }
+  return result;
+}
+
+int RemoteNode::CallOver(std::unique_ptr<Channel>& channel, FabricOperation operation, std::string_view head,
+                         std::string& answer, std::chrono::milliseconds extra, net::Descriptor* descriptor,
+                         const Progress& progress) {
+  if (channel == nullptr) {
+    if (const int result = Acquire(channel); result != 0) {
+      channel.reset();
+      return result;
+    }
   }
   net::IoStatus status = channel->SendRequest(operation, head, nullptr, 0, mTimeouts.answer);
   int result = 0;
@@ -148,13 +161,14 @@ int RemoteNode::Call(FabricOperation operation, std::string_view head, std::stri
     status = net::IoStatus::kFailed;
   }
   if (status != net::IoStatus::kOk) {
-    return ResultOfBroken(*channel, status);
+    const int broken = ResultOfBroken(*channel, status);
+    channel.reset();
+    return broken;
   }
   net::Descriptor received = channel->TakeDescriptor();
   if (descriptor != nullptr) {
     *descriptor = std::move(received);
   }
-  Release(std::move(channel));
   return result;
 }
 
@@ -199,6 +213,51 @@ int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t
   Reader reader(answer);
   id = reader.Text();
   return reader.Complete() && id.size() == kIdLength ? 0 : kBmRemoteProtocol;
+}
+
+int RemoteNode::AllocateBatch(const Access& access, std::uint32_t variable,
+                              std::span<const std::uint64_t> sizes, std::vector<std::string>& ids,
+                              std::unique_ptr<Channel>& holder) {
+  Writer head;
+  Put(head, access).Put(variable).Put(static_cast<std::uint16_t>(sizes.size()));
+  std::uint64_t largest = 0;
+  for (const std::uint64_t size : sizes) {
+    head.Put(size);
+    largest = std::max(largest, size);
+  }
+  if (largest > kMaxObjectSize) {
+    holder.reset();
+    return kBmNotEnoughCapacity;
+  }
+  std::string answer;
+  if (const int result = CallOver(holder, FabricOperation::kAllocateBatch, head.Bytes(), answer,
+                                  TimeFor(largest), nullptr, Channel::AlwaysWanted);
+      result != 0) {
+    holder.reset();
+    return result;
+  }
+  Reader reader(answer);
+  bool whole = true;
+  for (std::size_t index = 0; index < sizes.size(); ++index) {
+    ids.emplace_back(reader.Text());
+    whole = whole && ids.back().size() == kIdLength;
+  }
+  if (!whole || !reader.Complete()) {
+    holder.reset();
+    return kBmRemoteProtocol;
+  }
+  return 0;
+}
+
+int RemoteNode::Hold(const ObjectName& object, std::unique_ptr<Channel>& holder) {
+  Writer head;
+  Put(head, object);
+  std::string answer;
+  const int result = CallOver(holder, FabricOperation::kHold, head.Bytes(), answer, {}, nullptr, nullptr);
+  if (result != 0) {
+    holder.reset();
+  }
+  return result;
 }
 
 int RemoteNode::Expand(const ObjectName& object, std::uint64_t size) {

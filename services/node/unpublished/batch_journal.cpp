@@ -28,6 +28,7 @@ bool Parse(const std::string& text, BlockBatch& batch) {
   batch.application = TextField(record, "application");
   batch.claim = TextField(record, "claim");
   batch.stamp = NumberField(record, "stamp", 0);
+  batch.outside = FlagField(record, "outside");
   const std::uint64_t id = NumberField(record, "id", ~std::uint64_t{0});
   batch.id = static_cast<std::uint32_t>(id);
   const nlohmann::json* blocks = FindField(record, "blocks");
@@ -75,11 +76,9 @@ std::vector<BlockBatch> BatchJournal::Open(const std::string& folder) {
 
 void BatchJournal::Save(const BlockBatch& batch) const {
   const std::string path = mFolder + "/" + batch.bmIds.front();
-  const nlohmann::json record{{"application", batch.application},
-                              {"id", batch.id},
-                              {"stamp", batch.stamp},
-                              {"claim", batch.claim},
-                              {"blocks", batch.bmIds}};
+  const nlohmann::json record{
+      {"application", batch.application}, {"id", batch.id},       {"stamp", batch.stamp},
+      {"outside", batch.outside},         {"claim", batch.claim}, {"blocks", batch.bmIds}};
   std::ofstream file(path + kHalfWritten, std::ios::trunc);
   file << record.dump();
   file.close();

@@ -18,6 +18,7 @@ struct BlockBatch {
   std::uint32_t id = 0;            ///< of the variable
   std::vector<std::string> bmIds;  ///< at least one
   std::uint64_t stamp = 0;         ///< of the first block before anybody could write it
+  bool outside = false;            ///< whether the writer is outside the fabric
   /// The path of the record that the writer claimed the variable's number with. Empty while it is not known.
   std::string claim;
   /// Whether the claim was looked for while it must have been this writer's. It is not looked for again.

@@ -7,6 +7,7 @@
 #include "services/common/zookeeper_io.h"
 #include "services/common/zookeeper_layout.h"
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 
@@ -24,13 +25,19 @@ constexpr auto kUnopenedLimit = std::chrono::minutes(5);
 
 void UnpublishedVariables::Start(const std::string& folder) {
   mBatches = mJournal.Open(folder);
+  for (BlockBatch& batch : mBatches) {
+    bool writing = false;
+    if (batch.outside) {  // its writer has to open the first block anew
+      static_cast<void>(mFabric.IsBeingWritten(batch.application, batch.bmIds.front(), writing, batch.stamp));
+    }
+  }
   mTask.Start({"The unpublished variables of this node could not be checked", kPeriod},
               [this] { CheckAll(); });
 }
 
 void UnpublishedVariables::Add(const std::string& application, std::uint32_t id,
-                               const std::vector<std::string>& bmIds) {
-  BlockBatch batch{application, id, bmIds, 0, "", false, common::SteadyNow()};
+                               const std::vector<std::string>& bmIds, bool outside) {
+  BlockBatch batch{application, id, bmIds, 0, outside, "", false, common::SteadyNow()};
   bool writing = false;
   static_cast<void>(mFabric.IsBeingWritten(application, bmIds.front(), writing, batch.stamp));
   mJournal.Save(batch);
@@ -68,7 +75,8 @@ bool UnpublishedVariables::ReclaimIfAbandoned(BlockBatch& batch) {
   }
   tessel::BroadcastBlockInfo info;
   const std::uint32_t status = mMetadata.LookUp(batch.application, batch.id, info);
-  if (!Failed(status) && info.bmIds == batch.bmIds) {
+  if (!Failed(status) &&
+      std::find(info.bmIds.begin(), info.bmIds.end(), batch.bmIds.front()) != info.bmIds.end()) {
     return true;
   }
   if (status == kStatusNotReady) {

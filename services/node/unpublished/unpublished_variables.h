@@ -4,7 +4,8 @@
 // that their numbers are free again. It knows every batch of blocks that this daemon has allocated for a
 // variable until the metadata leader says that the variable has these blocks. A writer has ended when no
 // process has the first block open for writing any more: the kernel tells that, also after a restart of the
-// daemon. The batches are in a BatchJournal, so that a restarted daemon goes on with them.
+// daemon. For a writer outside the fabric the fabric node has it open while the writer is connected. The
+// batches are in a BatchJournal, so that a restarted daemon goes on with them.
 //
 // A record is removed only if it is the one that the dead writer made (BlockBatch::claim). Another writer may
 // have the number meanwhile, and may be filling its variable at another node.
@@ -37,9 +38,18 @@ class UnpublishedVariables {
   void Start(const std::string& folder);
   void Stop() { mTask.Stop(); }
   /// Requires: `bmIds` is not empty.
-  void Add(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds);
+  void Add(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds) {
+    Add(application, id, bmIds, false);
+  }
+  /// The same for a writer outside the fabric. After a restart of the daemon it has some minutes to connect
+  /// again. \param bmIds some of the variable's blocks.
+  void AddOutside(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds) {
+    Add(application, id, bmIds, true);
+  }
 
  private:
+  void Add(const std::string& application, std::uint32_t id, const std::vector<std::string>& bmIds,
+           bool outside);
   void CheckAll();
   /// Frees the batch if its writer has ended without publishing it. Returns: false for a batch that must be
   /// checked again.

@@ -24,6 +24,11 @@ bool Load(const char* name, Function& function, std::string& error) {
   return function != nullptr;
 }
 
+template <typename Function>
+void LoadOptional(const char* name, Function& function) {
+  function = reinterpret_cast<Function>(dlsym(BigMemoryClientApi::handle, name));
+}
+
 }  // namespace
 
 void* BigMemoryClientApi::handle = nullptr;
@@ -46,6 +51,9 @@ decltype(&BM_GatherSec) BigMemoryClientApi::apiBmGather = nullptr;
 decltype(&BM_MappedLength) BigMemoryClientApi::apiBmMappedLength = nullptr;
 decltype(&BM_MapAtSec) BigMemoryClientApi::apiBmMapAt = nullptr;
 decltype(&BM_QueryNode) BigMemoryClientApi::apiBmQueryNode = nullptr;
+decltype(&BM_AllocBatchSec) BigMemoryClientApi::apiBmAllocBatch = nullptr;
+decltype(&BM_KeepBatchSec) BigMemoryClientApi::apiBmKeepBatch = nullptr;
+decltype(&BM_EndBatch) BigMemoryClientApi::apiBmEndBatch = nullptr;
 
 std::string BigMemoryClientApi::GetBmClientPath() {
   const Ref<EnvHelper> environment = EnvHelper::GetInstance();
@@ -80,9 +88,12 @@ bool BigMemoryClientApi::Open(std::string& error) {
     error = "Failed to open library <" + path + "> with error <" + LoaderError() + ">";
     return false;
   }
-  apiBmMappedLength = reinterpret_cast<decltype(apiBmMappedLength)>(dlsym(handle, "BM_MappedLength"));
-  apiBmMapAt = reinterpret_cast<decltype(apiBmMapAt)>(dlsym(handle, "BM_MapAtSec"));
-  apiBmQueryNode = reinterpret_cast<decltype(apiBmQueryNode)>(dlsym(handle, "BM_QueryNode"));
+  LoadOptional("BM_MappedLength", apiBmMappedLength);
+  LoadOptional("BM_MapAtSec", apiBmMapAt);
+  LoadOptional("BM_QueryNode", apiBmQueryNode);
+  LoadOptional("BM_AllocBatchSec", apiBmAllocBatch);
+  LoadOptional("BM_KeepBatchSec", apiBmKeepBatch);
+  LoadOptional("BM_EndBatch", apiBmEndBatch);
   return Load("BM_Init", apiBmInit, error) && Load("BM_CreateLink", apiBmCreateLink, error) &&
          Load("BM_CreateNSSec", apiBmCreateNs, error) && Load("BM_DestroyNSSec", apiBmDestroyNs, error) &&
          Load("BM_AllocSec", apiBmAlloc, error) && Load("BM_ExpandSec", apiBmExpand, error) &&

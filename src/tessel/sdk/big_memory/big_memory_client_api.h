@@ -36,6 +36,9 @@ class BigMemoryClientApi {
   static decltype(&BM_MappedLength) apiBmMappedLength;
   static decltype(&BM_MapAtSec) apiBmMapAt;
   static decltype(&BM_QueryNode) apiBmQueryNode;
+  static decltype(&BM_AllocBatchSec) apiBmAllocBatch;
+  static decltype(&BM_KeepBatchSec) apiBmKeepBatch;
+  static decltype(&BM_EndBatch) apiBmEndBatch;
 
   /// Returns: the real path of libbmclient.so in the installation that the environment names; empty after a
   /// failure.

@@ -51,6 +51,8 @@ int MakeNamespace(std::uint16_t nodeId, const FabricAccess& access) {
   });
 }
 
+namespace {
+
 int AllocateBlock(std::uint16_t nodeId, const FabricAccess& access, std::uint64_t size, std::string& id) {
   std::array<char, kBmIdLength + 4> made{};
   const int result = WhenUp([&] {
@@ -62,6 +64,52 @@ int AllocateBlock(std::uint16_t nodeId, const FabricAccess& access, std::uint64_
     id.assign(made.data(), kBmIdLength);
   }
   return result;
+}
+
+int AllocateOneByOne(std::uint16_t nodeId, const FabricAccess& access,
+                     const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids) {
+  int result = 0;
+  for (std::size_t i = 0; result == 0 && i < sizes.size(); ++i) {
+    std::string id;
+    result = AllocateBlock(nodeId, access, sizes[i], id);
+    if (result == 0) {
+      ids.push_back(std::move(id));
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+int AllocateBlocks(std::uint16_t nodeId, const FabricAccess& access, std::uint32_t variable,
+                   const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids, BmBatch*& batch) {
+  if (Failed(BmLazyInitialize())) {
+    return kBmLocalError;
+  }
+  if (Api::apiBmAllocBatch == nullptr) {
+    return AllocateOneByOne(nodeId, access, sizes, ids);
+  }
+  std::string made(sizes.size() * kBmIdLength, '\0');
+  const int result = CallWithCommonRetry("Bm alloc batch", [&] {
+    return Api::apiBmAllocBatch(nodeId, access.application.c_str(), access.token.c_str(), variable,
+                                sizes.data(), static_cast<unsigned int>(sizes.size()), made.data(), &batch);
+  });
+  for (std::size_t i = 0; result == 0 && i < sizes.size(); ++i) {
+    ids.push_back(made.substr(i * kBmIdLength, kBmIdLength));
+  }
+  return result;
+}
+
+int KeepBlocks(const FabricAccess& access, BmBatch* batch) {
+  return batch == nullptr ? 0 : CallWithCommonRetry("Bm keep batch", [&] {
+    return Api::apiBmKeepBatch(batch, access.application.c_str(), access.token.c_str());
+  });
+}
+
+void EndBlocks(BmBatch* batch) {
+  if (batch != nullptr) {
+    static_cast<void>(Api::apiBmEndBatch(batch));
+  }
 }
 
 int FreeBlocks(const FabricAccess& access, const std::vector<std::string>& ids) {

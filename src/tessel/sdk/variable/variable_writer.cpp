@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <utility>
 
 namespace vyn::tessel {
 
@@ -129,12 +130,8 @@ std::uint32_t VariableWriter::AllocateRemotely() {
   if (result == 0) {
     result = MakeNamespace(node.nodeId, mAccess);
   }
-  for (std::size_t i = 0; result == 0 && i < mBlocks.sizes.size(); ++i) {
-    std::string id;
-    result = AllocateBlock(node.nodeId, mAccess, mBlocks.sizes[i], id);
-    if (result == 0) {
-      mBlocks.ids.push_back(std::move(id));
-    }
+  if (result == 0) {
+    result = AllocateBlocks(node.nodeId, mAccess, mKey.id, mBlocks.sizes, mBlocks.ids, mBatch);
   }
   if (result == kBmNotEnoughCapacity) {
     static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
@@ -165,7 +162,16 @@ std::uint32_t VariableWriter::SendBlock(std::size_t index) {
   return VYN_OK;
 }
 
+std::uint32_t VariableWriter::KeepBlocksOfNode() {
+  const int result = KeepBlocks(mAccess, mBatch);
+  return result == 0 ? VYN_OK
+                     : FailFabric(mKey, "keeping its blocks until the publication", mBlocks.nodeId, result);
+}
+
 std::uint32_t VariableWriter::Flush(std::uint64_t offset, std::uint64_t length) {
+  if (const std::uint32_t status = KeepBlocksOfNode(); Failed(status)) {
+    return status;
+  }
   const std::uint64_t end = offset + length;
   std::uint64_t begin = 0;
   for (std::size_t i = 0; i < mSending.size(); begin += mBlocks.sizes[i], ++i) {
@@ -184,6 +190,9 @@ std::uint32_t VariableWriter::Flush(std::uint64_t offset, std::uint64_t length) 
 std::uint32_t VariableWriter::Publish() {
   if (mState == State::kPublished) {
     return VYN_OK;
+  }
+  if (const std::uint32_t status = KeepBlocksOfNode(); Failed(status)) {
+    return status;
   }
   MakeReadOnly();
   for (std::size_t i = 0; i < mSending.size(); ++i) {
@@ -227,6 +236,7 @@ std::uint32_t VariableWriter::Commit() {
     return FailService(mKey, Service::kMetadata, status);
   }
   mState = State::kPublished;
+  EndBlocks(std::exchange(mBatch, nullptr));
   // The writable mappings end, which tells the node that the bytes are final.
   if (mOnNode && Failed(MapBlocks(false))) {
     VYN_LOG_WARN(mKey.Text() << " stays mapped for writing, though it is published");
@@ -260,6 +270,7 @@ void VariableWriter::Abandon() {
     static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
   }
   mState = State::kNothing;
+  EndBlocks(std::exchange(mBatch, nullptr));
 }
 
 }  // namespace vyn::tessel

@@ -43,12 +43,15 @@ class VariableWriter {
   std::uint32_t MapBlocks(bool writable);
   std::uint32_t SendBlock(std::size_t index);
   void MakeReadOnly();
+  /// Makes sure that the node has not given up the blocks of this process outside the fabric.
+  std::uint32_t KeepBlocksOfNode();
   std::uint32_t Commit();
   void Abandon();
 
   const VariableKey mKey;
   const FabricAccess mAccess;
   VariableBlocks mBlocks;
+  BmBatch* mBatch = nullptr;     ///< of the blocks, outside the fabric
   std::uint64_t mBlockSize = 0;  ///< of all blocks but the last
   AddressRange mRange;
   /// Whether the blocks are in the pool of this machine.
