@@ -110,7 +110,7 @@ TEST_F(VariableTest, TheNodesFreeTheBlocksOfAKilledWriter) {
 
 TEST_F(VariableTest, ARestartedNodeFreesTheBlocksOfDeadWritersOnly) {
   const auto first = Client("first");
-  Expect(*first, "make app 5 20000001 9", "0");  // so the second node gets the blocks of a writer outside, soon
+  Expect(*first, "make app 5 20000001 9", "0");           // leaves the second node more room
   std::vector<std::unique_ptr<BroadcastClient>> writers;  // of the variables 1, 2, 3
   for (const char* make : {"make app 1 5000001 5", "make app 2 5000001 6", "make app 3 5000001 7"}) {
     writers.push_back(Client("second"));
