@@ -63,7 +63,8 @@ TEST(BmBinding, AFailedStartClosesTheLibraryAndTheNextStartSucceeds) {
       {"refused", [&] { library.script.Expect("BM_Init", {-1}); }}};
   // Each function of the header but those that were added later is needed: its name in the symbol table becomes another one.
   const std::string header = vyn::test::ReadFile(VYN_SOURCE_DIR "/platform/fabric/client/bm_functions.h");
-  const std::regex function(R"(\nint (BM_(?!MappedLength|MapAtSec|QueryNode|AllocBatch|KeepBatch|EndBatch)\w+)\()");
+  const std::regex function(
+      R"(\nint (BM_(?!MappedLength|MapAtSec|QueryNode|AllocBatch|KeepBatch|EndBatch)\w+)\()");
   for (std::sregex_iterator found(header.begin(), header.end(), function), end; found != end; ++found) {
     faults[(*found)[1]] = [&library, name = std::string(1, '\0') + std::string((*found)[1]) + '\0'] {
       std::string bytes = ScriptedBmClient::Bytes();
