@@ -13,7 +13,6 @@ namespace vyn::test {
 namespace {
 
 constexpr unsigned long kSize = (4UL << 20U) + 100;  // not whole pages
-constexpr std::uint32_t kLibraryError = 2080021;
 
 #define EXPECT_OK(CALL) EXPECT_EQ(CALL, 0U) << BmGetLastErrorMessage()
 
@@ -93,24 +92,6 @@ TEST_F(BigMemoryTest, TheWrappersUseBlocksOfTheirNode) {
   EXPECT_OK(BmUninitialize());
   EXPECT_OK(BmDestroyNamespace(1, "", "app", "token"));  // it comes back when it is needed
   EXPECT_EQ(mHost.Ask("stat used"), "0");
-}
-
-TEST_F(BigMemoryTest, AClientOutsideTheFabricCopiesBlocksOverALink) {
-  tessel::g_appToken = "another";  // that of the registration is not used
-  EXPECT_OK(BmInitialize("", 1));
-  EXPECT_OK(BmCreateLink(1, "host", "127.0.0.1", mHost.Port(), 0));
-  EXPECT_OK(BmCreateNamespace(1, "", "app", 0, "token"));
-  const std::string id = Allocate();
-  std::string bytes = Pattern(kSize, 7);
-  EXPECT_OK(WriteRemoteBlock("app", id.c_str(), bytes.data(), kSize, "token"));
-  ExpectPattern(mPlace, id, 7);
-  bytes.assign(kSize, '\0');
-  EXPECT_EQ(ReadRemoteBlock("app", 1, 0, bytes.data(), "wrong"), 2120007U);
-  EXPECT_OK(ReadRemoteBlock("app", 1, 0, bytes.data(), "token"));
-  EXPECT_TRUE(HoldsPattern(bytes.data(), kSize, 7));
-  // One byte too many, and an offset that overflows.
-  EXPECT_EQ(BmRead(id.c_str(), 1, kSize, bytes.data(), 0, "app", "token"), kLibraryError);
-  EXPECT_EQ(BmRead(id.c_str(), ~0UL, 2, bytes.data(), 0, "app", "token"), kLibraryError);
 }
 
 }  // namespace

@@ -29,20 +29,6 @@ TEST(VynconfTest, VynconfReportsEachBadLineOfAFile) {
       {"vyn.log.levle=INFO\nvyn.log.fileSize=4M\n", 1,
        "FILE:4: vyn.log.levle: is no key of this release: did you mean vyn.log.level?\n"
        "FILE:5: vyn.log.fileSize: '4M' is no number: write digits alone\n"},
-      // What a load takes and no program can use.
-      {"vyn.log.level=LOUD\n", 1,
-       "FILE:4: vyn.log.level: is no log level: write TRACE, DEBUG, INFO, WARN, ERROR or CRITICAL; a load "
-       "takes it as INFO\n"},
-      {"vyn.tessel.rpc.transport.tcp.port.range=60500-60000\nvyn.tessel.rpc.manager.port=3891\n"
-       "vyn.ucx.tcp.keepintvl=soon\n",
-       1,
-       "FILE:4: vyn.tessel.rpc.transport.tcp.port.range: '60500-60000' is no range: write the lower number, "
-       "a "
-       "dash and the higher number\n"
-       "FILE:5: vyn.tessel.rpc.manager.port: has the port of vyn.tessel.rpc.shuffle_server.port: "
-       "give each its own\n"
-       "FILE:6: vyn.ucx.tcp.keepintvl: is no duration: write a whole number above 0 with ms, s or m, such as "
-       "60s\n"},
       // A bad line hides none of the others.
       {"vyn.log.level=INFO\r\nvyn.log.dir=\xff\n", 1,
        "FILE:4: vyn.log.level: ends in a carriage return, which belongs to the value\n"
@@ -70,8 +56,6 @@ TEST(VynconfTest, VynconfAnswersEachCommandLine) {
       ": Invalid value for <vyn.tessel.rpc.tls.cert.path>, it should not be empty\n";
   const TempDir folder;
   const std::string lead = folder.Write("lead", ReadFile(sample) + "vyn.daemon.expireChecker.lead=1\n");
-  const std::string useless = folder.Write(
-      "useless", "vyn.tessel.meta.node_lists=192.0.2.1:3892\nvyn.zookeeper.server.url=zk1,zk2:2181/root\n");
   ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
   ExpectCommands(
       kVynconf,
@@ -81,7 +65,6 @@ TEST(VynconfTest, VynconfAnswersEachCommandLine) {
        // A complaint of several features is told once, and nothing is asked for that no program reads.
        {"check --tls --auth " + lead + " | grep -c '<vyn.daemon.expireChecker.lead>'", 0, {"1\n"}},
        {"check --tls " + sample, 1, {"warning: vyn.tessel.rpc.tls.sdk.ca.cert.path", "!ksf", "!key.pass"}},
-       {"check " + useless, 1, {"only the transport tcp", "'192.0.2.1:3892'", "'zk1'", "openssl.path"}},
        {"keys", 0, {"| `vyn.tuning.rpc.timeout` | int | `5000` | 0 to 2147483647 | always |"}},
        {"check " + folder / "missing", 1},
        {"check " + folder.Path(), 1},
