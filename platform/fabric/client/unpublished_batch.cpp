@@ -1,5 +1,8 @@
 #include "platform/fabric/client/unpublished_batch.h"
 
+#include "platform/fabric/protocol/codec.h"
+#include "platform/fabric/protocol/names.h"
+
 #include <algorithm>
 
 namespace vyn::fabric {
@@ -8,8 +11,7 @@ int UnpublishedBatch::Allocate(const Access& access, std::uint32_t variable,
                                std::span<const std::uint64_t> sizes, std::vector<std::string>& ids) {
   for (std::size_t begin = 0; begin < sizes.size(); begin += kMaxIdsPerFrame) {
     const std::size_t count = std::min<std::size_t>(kMaxIdsPerFrame, sizes.size() - begin);
-    if (const int result = mNode->AllocateBatch(access, variable, sizes.subspan(begin, count), ids, mHolder);
-        result != 0) {
+    if (const int result = AllocateSome(access, variable, sizes.subspan(begin, count), ids); result != 0) {
       Drop();  // so the node frees the objects of the earlier requests
       ids.clear();
       return result;
@@ -19,13 +21,47 @@ int UnpublishedBatch::Allocate(const Access& access, std::uint32_t variable,
   return 0;
 }
 
+int UnpublishedBatch::AllocateSome(const Access& access, std::uint32_t variable,
+                                   std::span<const std::uint64_t> sizes, std::vector<std::string>& ids) {
+  const std::uint64_t largest = *std::max_element(sizes.begin(), sizes.end());
+  if (largest > kMaxObjectSize) {
+    return kBmNotEnoughCapacity;
+  }
+  Writer head;
+  Put(head, access).Put(variable).Put(static_cast<std::uint16_t>(sizes.size()));
+  for (const std::uint64_t size : sizes) {
+    head.Put(size);
+  }
+  std::string answer;
+  if (const int result = mNode->CallOver(mHolder, FabricOperation::kAllocateBatch, head.Bytes(), answer,
+                                         ReserveTime(largest), nullptr, Channel::AlwaysWanted);
+      result != 0) {
+    return result;
+  }
+  Reader reader(answer);
+  bool whole = true;
+  for (std::size_t index = 0; index < sizes.size(); ++index) {
+    ids.emplace_back(reader.Text());
+    whole = whole && ids.back().size() == kIdLength;
+  }
+  return whole && reader.Complete() ? 0 : kBmRemoteProtocol;
+}
+
+int UnpublishedBatch::Hold(const ObjectName& object) {
+  Writer head;
+  Put(head, object);
+  std::string answer;
+  return mNode->CallOver(mHolder, FabricOperation::kHold, head.Bytes(), answer, {}, nullptr, nullptr);
+}
+
 int UnpublishedBatch::Keep(const Access& access) {
   if (mHolder != nullptr && mHolder->Usable()) {
     return 0;
   }
-  mHolder.reset();
+  Drop();
   for (const std::string& id : mHeld) {
-    if (const int result = mNode->Hold({access, id}, mHolder); result != 0) {
+    if (const int result = Hold({access, id}); result != 0) {
+      Drop();
       return result;
     }
   }

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -28,9 +29,14 @@ class UnpublishedBatch {
   void Drop() { mHolder.reset(); }
 
  private:
+  /// One kAllocateBatch. Requires: 1 to kMaxIdsPerFrame sizes.
+  int AllocateSome(const Access& access, std::uint32_t variable, std::span<const std::uint64_t> sizes,
+                   std::vector<std::string>& ids);
+  int Hold(const ObjectName& object);
+
   const std::shared_ptr<RemoteNode> mNode;
-  std::unique_ptr<Channel> mHolder;
-  std::vector<std::string> mHeld;  ///< the first object of each kAllocateBatch
+  std::unique_ptr<Channel> mHolder;  ///< the connection; null when it has ended
+  std::vector<std::string> mHeld;    ///< the first object of each kAllocateBatch
 };
 
 }  // namespace vyn::fabric

@@ -33,6 +33,7 @@
 
 #include "platform/fabric/protocol/results.h"
 
+#include <algorithm>
 #include <bit>
 #include <chrono>
 #include <cstddef>
@@ -160,6 +161,12 @@ inline constexpr std::chrono::milliseconds kAnswerTimeout{10000};
 inline constexpr std::chrono::milliseconds kAnswerTimePerGiB{4000};
 /// The most that is added, however large the object.
 inline constexpr std::chrono::milliseconds kMaxReserveTime{60000};
+/// Returns: what is added for an object of `size` bytes.
+inline std::chrono::milliseconds ReserveTime(std::uint64_t size) {
+  const std::uint64_t gibibytes = std::min<std::uint64_t>(size >> 30U, 1024) + 1;
+  return std::min(kAnswerTimePerGiB * static_cast<std::chrono::milliseconds::rep>(gibibytes),
+                  kMaxReserveTime);
+}
 /// For the rest of a frame that has begun to arrive.
 inline constexpr std::chrono::milliseconds kFrameTimeout{10000};
 /// A node at work sends an interim answer this often.

@@ -27,12 +27,6 @@ int ResultOf(net::IoStatus status) {
   return kBmRemoteProtocol;
 }
 
-std::chrono::milliseconds TimeFor(std::uint64_t size) {
-  const std::uint64_t gibibytes = std::min<std::uint64_t>(size >> 30U, 1024) + 1;
-  return std::min(kAnswerTimePerGiB * static_cast<std::chrono::milliseconds::rep>(gibibytes),
-                  kMaxReserveTime);
-}
-
 }  // namespace
 
 int RemoteNode::Hello(Channel& channel, net::Deadline deadline) {
@@ -207,57 +201,13 @@ int RemoteNode::Allocate(std::uint16_t node, const Access& access, std::uint64_t
   Writer head;
   Put(head.Put(node), access).Put(size);
   std::string answer;
-  if (const int result = Call(FabricOperation::kAllocate, head.Bytes(), answer, TimeFor(size)); result != 0) {
+  if (const int result = Call(FabricOperation::kAllocate, head.Bytes(), answer, ReserveTime(size));
+      result != 0) {
     return result;
   }
   Reader reader(answer);
   id = reader.Text();
   return reader.Complete() && id.size() == kIdLength ? 0 : kBmRemoteProtocol;
-}
-
-int RemoteNode::AllocateBatch(const Access& access, std::uint32_t variable,
-                              std::span<const std::uint64_t> sizes, std::vector<std::string>& ids,
-                              std::unique_ptr<Channel>& holder) {
-  Writer head;
-  Put(head, access).Put(variable).Put(static_cast<std::uint16_t>(sizes.size()));
-  std::uint64_t largest = 0;
-  for (const std::uint64_t size : sizes) {
-    head.Put(size);
-    largest = std::max(largest, size);
-  }
-  if (largest > kMaxObjectSize) {
-    holder.reset();
-    return kBmNotEnoughCapacity;
-  }
-  std::string answer;
-  if (const int result = CallOver(holder, FabricOperation::kAllocateBatch, head.Bytes(), answer,
-                                  TimeFor(largest), nullptr, Channel::AlwaysWanted);
-      result != 0) {
-    holder.reset();
-    return result;
-  }
-  Reader reader(answer);
-  bool whole = true;
-  for (std::size_t index = 0; index < sizes.size(); ++index) {
-    ids.emplace_back(reader.Text());
-    whole = whole && ids.back().size() == kIdLength;
-  }
-  if (!whole || !reader.Complete()) {
-    holder.reset();
-    return kBmRemoteProtocol;
-  }
-  return 0;
-}
-
-int RemoteNode::Hold(const ObjectName& object, std::unique_ptr<Channel>& holder) {
-  Writer head;
-  Put(head, object);
-  std::string answer;
-  const int result = CallOver(holder, FabricOperation::kHold, head.Bytes(), answer, {}, nullptr, nullptr);
-  if (result != 0) {
-    holder.reset();
-  }
-  return result;
 }
 
 int RemoteNode::Expand(const ObjectName& object, std::uint64_t size) {
@@ -267,7 +217,7 @@ int RemoteNode::Expand(const ObjectName& object, std::uint64_t size) {
   Writer head;
   Put(head, object).Put(size);
   std::string answer;
-  return Call(FabricOperation::kExpand, head.Bytes(), answer, TimeFor(size));
+  return Call(FabricOperation::kExpand, head.Bytes(), answer, ReserveTime(size));
 }
 
 int RemoteNode::Free(const ObjectName& object) {

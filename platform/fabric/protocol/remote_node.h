@@ -16,7 +16,6 @@
 
 #include <functional>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,13 +64,6 @@ class RemoteNode {
                        const Progress& progress = Channel::AlwaysWanted);
   /// A size above kMaxObjectSize is kBmNotEnoughCapacity without asking.
   int Allocate(std::uint16_t node, const Access& access, std::uint64_t size, std::string& id);
-  /// Allocates objects of a variable that is not published. \param holder the connection that holds them, for
-  /// AllocateBatch and Hold alone; when it is null, one is made. After a failure it is null.
-  /// Requires: 1 to kMaxIdsPerFrame sizes.
-  int AllocateBatch(const Access& access, std::uint32_t variable, std::span<const std::uint64_t> sizes,
-                    std::vector<std::string>& ids, std::unique_ptr<Channel>& holder);
-  /// Lets `holder` hold an object, too.
-  int Hold(const ObjectName& object, std::unique_ptr<Channel>& holder);
   int Expand(const ObjectName& object, std::uint64_t size);
   int Free(const ObjectName& object);
   /// \param ids any number, all of one owner. Returns: the first failure.
@@ -108,6 +100,13 @@ class RemoteNode {
   int Write(const ObjectName& object, std::uint64_t offset, std::uint64_t length, const void* buffer,
             std::uint64_t beyond = 0);
 
+  /// One request and its answer, without data, over a connection that the caller keeps. \param channel made
+  /// when it is null; null after a broken connection. \param extra beyond the usual time for the answer.
+  /// \param descriptor receives the one that came with the answer; may be null.
+  int CallOver(std::unique_ptr<Channel>& channel, FabricOperation operation, std::string_view head,
+               std::string& answer, std::chrono::milliseconds extra, net::Descriptor* descriptor,
+               const Progress& progress);
+
  private:
   int Acquire(std::unique_ptr<Channel>& channel);
   int Hello(Channel& channel, net::Deadline deadline);
@@ -118,14 +117,10 @@ class RemoteNode {
   /// A chunked, pipelined kRead (with a sink) or kWrite (with a source).
   int Transfer(FabricOperation operation, const ObjectName& object, std::uint64_t offset,
                std::uint64_t length, std::uint64_t beyond, const Sink* sink, const Source* source);
-  /// One request and its answer, without data. \param extra beyond the usual time for the answer.
+  /// CallOver, over a connection of the node's own.
   int Call(FabricOperation operation, std::string_view head, std::string& answer,
            std::chrono::milliseconds extra = {}, net::Descriptor* descriptor = nullptr,
            const Progress& progress = nullptr);
-  /// The same over `channel`, which is made when it is null. After a broken connection it is null.
-  int CallOver(std::unique_ptr<Channel>& channel, FabricOperation operation, std::string_view head,
-               std::string& answer, std::chrono::milliseconds extra, net::Descriptor* descriptor,
-               const Progress& progress);
 
   const Connect mConnect;
   const PeerRole mRole;
