@@ -16,7 +16,6 @@
 namespace {
 
 using vyn::fabric::FabricClient;
-using vyn::fabric::UnpublishedBatch;
 
 static_assert(sizeof(vyn::fabric::NodeAttributes) == sizeof(BmResourceAttributes));
 
@@ -176,37 +175,31 @@ int BM_QueryNode(unsigned short nodeId, BmResourceAttributes* attributes) {
 }
 
 int BM_AllocBatchSec(unsigned short nodeId, const char* ns, const char* token, unsigned int variable,
-                     const unsigned long* sizes, unsigned int count, char* ids, BmBatch** batch) {
+                     const unsigned long* sizes, unsigned int count, char* ids) {
   return Guarded([&](FabricClient& client) {
     vyn::fabric::Access access;
     if (const int refused = vyn::fabric::ParseAccess(ns, token, access); refused != 0) {
       return refused;
     }
-    if (sizes == nullptr || count == 0 || ids == nullptr || batch == nullptr) {
+    if (sizes == nullptr || count == 0 || ids == nullptr) {
       return kBmLocalError;
     }
     std::vector<std::string> made;
-    UnpublishedBatch* held = nullptr;
-    const int result = client.AllocateBatch(nodeId, access, variable, {sizes, count}, made, &held);
+    const int result = client.AllocateBatch(nodeId, access, variable, {sizes, count}, made);
     for (const std::string& id : made) {
       ids = std::copy(id.begin(), id.end(), ids);
     }
-    *batch = reinterpret_cast<BmBatch*>(held);
     return result;
   });
 }
 
-int BM_KeepBatchSec(BmBatch* batch, const char* ns, const char* token) {
-  return Guarded([&](FabricClient&) {
-    vyn::fabric::Access access;
-    const int refused = vyn::fabric::ParseAccess(ns, token, access);
-    return refused != 0 ? refused : reinterpret_cast<UnpublishedBatch*>(batch)->Keep(access);
-  });
+int BM_KeepBatchSec(BmSecContext* first) {
+  return Guarded([&](FabricClient& client) { return client.KeepBatch(first); });
 }
 
-int BM_EndBatch(BmBatch* batch) {
+int BM_EndBatch(const char* first) {
   return Guarded([&](FabricClient& client) {
-    client.EndBatch(reinterpret_cast<UnpublishedBatch*>(batch));
+    client.EndBatch(first);
     return 0;
   });
 }

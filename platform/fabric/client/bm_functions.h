@@ -86,18 +86,16 @@ int BM_MapAtSec(BmSecContext* context, int prot, void* address, unsigned long le
 /// Asks a node for its state. \param nodeId this machine's node, or one that BM_CreateLink has linked.
 int BM_QueryNode(unsigned short nodeId, BmResourceAttributes* attributes);
 
-/// The blocks of a variable that this process writes from outside the fabric and has not published.
-struct BmBatch;
-/// Allocates `count` blocks on a linked node, all or none. The node frees them when this process ends, or is
-/// lost, before it has published the variable, and the daemon removes its record. \param ids receives the ids
-/// as `count` times 60 characters, without NUL. \param batch receives the handle. BM_EndBatch ends it; one
-/// thread at a time uses it.
+/// Allocates the blocks of a variable that this process writes from outside the fabric, on a linked node, all
+/// or none. The node frees them when this process ends, closes the library, or is lost, before it has
+/// published the variable; the daemon then removes its record. \param ids receives the ids as `count` times 60
+/// characters, without NUL. The first id names the batch; one thread at a time uses a batch.
 int BM_AllocBatchSec(unsigned short nodeId, const char* ns, const char* token, unsigned int variable,
-                     const unsigned long* sizes, unsigned int count, char* ids, struct BmBatch** batch);
+                     const unsigned long* sizes, unsigned int count, char* ids);
 /// Makes sure that the node holds the blocks, also after it was restarted. Returns: -ENOENT when it has freed
-/// them.
-int BM_KeepBatchSec(struct BmBatch* batch, const char* ns, const char* token);
-/// The variable is published, or its blocks are freed.
-int BM_EndBatch(struct BmBatch* batch);
+/// them, or this process does not know the batch.
+int BM_KeepBatchSec(BmSecContext* first);
+/// The variable is published, or its blocks are freed. Does nothing for a batch that is not known.
+int BM_EndBatch(const char* first);
 
 }  // extern "C"

@@ -4,7 +4,6 @@
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/transport/broker_socket.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -36,9 +35,11 @@ int FabricClient::Initialize(const char* home, int clientFlag, tls::ClientSettin
 void FabricClient::Close() {
   NodePtr broker;
   std::map<std::uint16_t, Link> links;
+  decltype(mBatches) batches;
   sync::MutexLock lock(mMutex);
   broker.swap(mBroker);
   links.swap(mLinks);
+  batches.swap(mBatches);
   mLinkSetting = {};  // the object itself may never be destroyed
   mLinkTls.reset();
   mKnowsLocal = false;
@@ -217,8 +218,7 @@ int FabricClient::Expand(const BmSecContext* context, std::uint64_t size) {
 }
 
 int FabricClient::AllocateBatch(std::uint16_t nodeId, const Access& access, std::uint32_t variable,
-                                std::span<const std::uint64_t> sizes, std::vector<std::string>& ids,
-                                UnpublishedBatch** batch) {
+                                std::span<const std::uint64_t> sizes, std::vector<std::string>& ids) {
   NodePtr node;
   {
     sync::MutexLock lock(mMutex);
@@ -228,23 +228,38 @@ int FabricClient::AllocateBatch(std::uint16_t nodeId, const Access& access, std:
   if (node == nullptr) {
     return kBmUnconnected;
   }
-  auto made = std::make_unique<UnpublishedBatch>(std::move(node));
+  auto made = std::make_shared<UnpublishedBatch>(std::move(node));
   if (const int result = made->Allocate(access, variable, sizes, ids); result != 0) {
     return result;
   }
-  *batch = made.get();
   sync::MutexLock lock(mMutex);
-  mBatches.push_back(std::move(made));
+  mBatches[ids.front()] = std::move(made);
   return 0;
 }
 
-void FabricClient::EndBatch(const UnpublishedBatch* batch) {
-  std::list<std::unique_ptr<UnpublishedBatch>> ended;  // outside the lock
-  sync::MutexLock lock(mMutex);
-  const auto found = std::find_if(mBatches.begin(), mBatches.end(),
-                                  [batch](const auto& known) { return known.get() == batch; });
-  if (found != mBatches.end()) {
-    ended.splice(ended.end(), mBatches, found);
+int FabricClient::KeepBatch(const BmSecContext* first) {
+  ObjectName object;
+  if (const int refused = ParseObjectName(first, object); refused != 0) {
+    return refused;
+  }
+  std::shared_ptr<UnpublishedBatch> batch;
+  {
+    sync::MutexLock lock(mMutex);
+    const auto found = mBatches.find(object.id);
+    batch = found == mBatches.end() ? nullptr : found->second;
+  }
+  return batch == nullptr ? -ENOENT : batch->Keep(object.access);
+}
+
+void FabricClient::EndBatch(const char* first) {
+  std::string_view id;
+  std::shared_ptr<UnpublishedBatch> ended;  // outside the lock
+  if (ParseObjectId(first, id) == 0) {
+    sync::MutexLock lock(mMutex);
+    if (const auto found = mBatches.find(id); found != mBatches.end()) {
+      ended = std::move(found->second);
+      mBatches.erase(found);
+    }
   }
 }
 
@@ -293,7 +308,7 @@ void FabricClient::LockForFork() {
 }
 
 void FabricClient::UnlockAfterFork(bool child) {
-  for (const auto& batch : mBatches) {
+  for (const auto& [first, batch] : mBatches) {
     if (child) {
       batch->Drop();
     }

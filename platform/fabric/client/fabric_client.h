@@ -19,7 +19,6 @@
 #include "platform/sync/mutex.h"
 #include "platform/tls/client_setting.h"
 
-#include <list>
 #include <map>
 #include <memory>
 #include <span>
@@ -58,13 +57,15 @@ class FabricClient {
   int Allocate(const BmSecContext* context, std::uint64_t size, std::uint16_t nodeId);
   /// \param size the object's new size.
   int Expand(const BmSecContext* context, std::uint64_t size);
-  /// Allocates the objects of a variable that is not published. \param ids receives `count` ids. \param batch
-  /// receives the handle for KeepBatch and EndBatch; null after a failure.
+  /// Allocates the objects of a variable that is not published. \param ids receives their ids; the first one
+  /// names the batch.
   int AllocateBatch(std::uint16_t nodeId, const Access& access, std::uint32_t variable,
-                    std::span<const std::uint64_t> sizes, std::vector<std::string>& ids,
-                    UnpublishedBatch** batch);
-  /// Ends the batch: the variable is published, or its objects are freed.
-  void EndBatch(const UnpublishedBatch* batch);
+                    std::span<const std::uint64_t> sizes, std::vector<std::string>& ids);
+  /// \param first object of the batch. Returns: as UnpublishedBatch::Keep; -ENOENT for a batch that is not
+  /// known.
+  int KeepBatch(const BmSecContext* first);
+  /// Ends the batch, if it is known: the variable is published, or its objects are freed.
+  void EndBatch(const char* first);
   int Free(const BmSecContext* context);
   int FreeBatch(const char* const* ids, std::uint32_t count, const char* ns, const char* token);
 
@@ -140,7 +141,8 @@ class FabricClient {
     NodePtr node;
   };
   std::map<std::uint16_t, Link> mLinks VYN_GUARDED_BY(mMutex);
-  std::list<std::unique_ptr<UnpublishedBatch>> mBatches VYN_GUARDED_BY(mMutex);
+  /// By their first objects.
+  std::map<std::string, std::shared_ptr<UnpublishedBatch>, std::less<>> mBatches VYN_GUARDED_BY(mMutex);
   MappingTable mMappings;
 };
 

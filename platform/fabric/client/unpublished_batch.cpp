@@ -12,7 +12,10 @@ int UnpublishedBatch::Allocate(const Access& access, std::uint32_t variable,
   for (std::size_t begin = 0; begin < sizes.size(); begin += kMaxIdsPerFrame) {
     const std::size_t count = std::min<std::size_t>(kMaxIdsPerFrame, sizes.size() - begin);
     if (const int result = AllocateSome(access, variable, sizes.subspan(begin, count), ids); result != 0) {
-      Drop();  // so the node frees the objects of the earlier requests
+      // Dropping the connection frees the objects, too, but the daemon would then take the variable's record
+      // for that of a dead writer.
+      static_cast<void>(mNode->FreeBatch(access, {ids.begin(), ids.end()}));
+      Drop();
       ids.clear();
       return result;
     }

@@ -43,6 +43,7 @@ void UnpublishedVariables::Add(const std::string& application, std::uint32_t id,
   mJournal.Save(batch);
   sync::MutexLock lock(mMutex);
   mNew.push_back(std::move(batch));
+  mTask.Wake();  // the claim is sought while it must be this writer's
 }
 
 void UnpublishedVariables::CheckAll() {

@@ -82,7 +82,7 @@ int AllocateOneByOne(std::uint16_t nodeId, const FabricAccess& access,
 }  // namespace
 
 int AllocateBlocks(std::uint16_t nodeId, const FabricAccess& access, std::uint32_t variable,
-                   const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids, BmBatch*& batch) {
+                   const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids) {
   if (Failed(BmLazyInitialize())) {
     return kBmLocalError;
   }
@@ -90,25 +90,27 @@ int AllocateBlocks(std::uint16_t nodeId, const FabricAccess& access, std::uint32
     return AllocateOneByOne(nodeId, access, sizes, ids);
   }
   std::string made(sizes.size() * kBmIdLength, '\0');
-  const int result = CallWithCommonRetry("Bm alloc batch", [&] {
-    return Api::apiBmAllocBatch(nodeId, access.application.c_str(), access.token.c_str(), variable,
-                                sizes.data(), static_cast<unsigned int>(sizes.size()), made.data(), &batch);
-  });
+  // Never repeated: a node that has made the blocks and could not answer takes the writer for dead.
+  const int result = Api::apiBmAllocBatch(nodeId, access.application.c_str(), access.token.c_str(), variable,
+                                          sizes.data(), static_cast<unsigned int>(sizes.size()), made.data());
   for (std::size_t i = 0; result == 0 && i < sizes.size(); ++i) {
     ids.push_back(made.substr(i * kBmIdLength, kBmIdLength));
   }
   return result;
 }
 
-int KeepBlocks(const FabricAccess& access, BmBatch* batch) {
-  return batch == nullptr ? 0 : CallWithCommonRetry("Bm keep batch", [&] {
-    return Api::apiBmKeepBatch(batch, access.application.c_str(), access.token.c_str());
+int KeepBlocks(const FabricAccess& access, const std::string& first) {
+  return WhenUp([&] {
+    BmSecContext context{first.c_str(), access.application.c_str(), access.token.c_str()};
+    return Api::apiBmKeepBatch == nullptr
+               ? 0
+               : CallWithCommonRetry("Bm keep batch", [&] { return Api::apiBmKeepBatch(&context); });
   });
 }
 
-void EndBlocks(BmBatch* batch) {
-  if (batch != nullptr) {
-    static_cast<void>(Api::apiBmEndBatch(batch));
+void EndBlocks(const std::string& first) {
+  if (IsBmUp() && Api::apiBmEndBatch != nullptr) {
+    static_cast<void>(Api::apiBmEndBatch(first.c_str()));
   }
 }
 

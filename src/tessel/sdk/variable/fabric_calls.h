@@ -22,13 +22,14 @@ int LinkNode(std::uint16_t nodeId, const std::string& ip, std::uint16_t port);
 /// Returns 0 for a namespace that exists.
 int MakeNamespace(std::uint16_t nodeId, const FabricAccess& access);
 /// Allocates all blocks of a variable, or none, so that its node frees them if this process ends before it
-/// publishes the variable. \param batch receives the handle for KeepBlocks and EndBlocks; null when the
-/// libbmclient.so of the installation is too old for it.
+/// publishes the variable. It does not when the libbmclient.so of the installation is too old for that.
 int AllocateBlocks(std::uint16_t nodeId, const FabricAccess& access, std::uint32_t variable,
-                   const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids, BmBatch*& batch);
-/// Makes sure that the node keeps the blocks. Returns: -ENOENT when it has freed them.
-int KeepBlocks(const FabricAccess& access, BmBatch* batch);
-void EndBlocks(BmBatch* batch);
+                   const std::vector<std::uint64_t>& sizes, std::vector<std::string>& ids);
+/// Makes sure that the node keeps the blocks. \param first of AllocateBlocks. Returns: -ENOENT when the node
+/// has freed them, or the library was closed since.
+int KeepBlocks(const FabricAccess& access, const std::string& first);
+/// The variable is published, or its blocks are freed.
+void EndBlocks(const std::string& first);
 int FreeBlocks(const FabricAccess& access, const std::vector<std::string>& ids);
 /// Maps a block over reserved pages.
 int MapBlockAt(const FabricAccess& access, const std::string& id, bool writable, void* address,

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <utility>
 
 namespace vyn::tessel {
 
@@ -131,7 +130,7 @@ std::uint32_t VariableWriter::AllocateRemotely() {
     result = MakeNamespace(node.nodeId, mAccess);
   }
   if (result == 0) {
-    result = AllocateBlocks(node.nodeId, mAccess, mKey.id, mBlocks.sizes, mBlocks.ids, mBatch);
+    result = AllocateBlocks(node.nodeId, mAccess, mKey.id, mBlocks.sizes, mBlocks.ids);
   }
   if (result == kBmNotEnoughCapacity) {
     static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
@@ -153,6 +152,9 @@ std::uint32_t VariableWriter::MapBlocks(bool writable) {
 }
 
 std::uint32_t VariableWriter::SendBlock(std::size_t index) {
+  if (const std::uint32_t status = KeepBlocksOfNode(); Failed(status)) {
+    return status;
+  }
   const int result =
       WriteBlock(mAccess, mBlocks.ids[index], Data() + index * mBlockSize, mBlocks.sizes[index]);
   if (result != 0) {
@@ -163,15 +165,12 @@ std::uint32_t VariableWriter::SendBlock(std::size_t index) {
 }
 
 std::uint32_t VariableWriter::KeepBlocksOfNode() {
-  const int result = KeepBlocks(mAccess, mBatch);
+  const int result = KeepBlocks(mAccess, mBlocks.ids.front());
   return result == 0 ? VYN_OK
                      : FailFabric(mKey, "keeping its blocks until the publication", mBlocks.nodeId, result);
 }
 
 std::uint32_t VariableWriter::Flush(std::uint64_t offset, std::uint64_t length) {
-  if (const std::uint32_t status = KeepBlocksOfNode(); Failed(status)) {
-    return status;
-  }
   const std::uint64_t end = offset + length;
   std::uint64_t begin = 0;
   for (std::size_t i = 0; i < mSending.size(); begin += mBlocks.sizes[i], ++i) {
@@ -191,9 +190,6 @@ std::uint32_t VariableWriter::Publish() {
   if (mState == State::kPublished) {
     return VYN_OK;
   }
-  if (const std::uint32_t status = KeepBlocksOfNode(); Failed(status)) {
-    return status;
-  }
   MakeReadOnly();
   for (std::size_t i = 0; i < mSending.size(); ++i) {
     if (mSending[i] != Sending::kUnsent) {
@@ -203,7 +199,8 @@ std::uint32_t VariableWriter::Publish() {
       return status;
     }
   }
-  return Commit();
+  const std::uint32_t status = mOnNode ? VYN_OK : KeepBlocksOfNode();
+  return Failed(status) ? status : Commit();
 }
 
 void VariableWriter::MakeReadOnly() {
@@ -236,7 +233,9 @@ std::uint32_t VariableWriter::Commit() {
     return FailService(mKey, Service::kMetadata, status);
   }
   mState = State::kPublished;
-  EndBlocks(std::exchange(mBatch, nullptr));
+  if (!mOnNode) {
+    EndBlocks(mBlocks.ids.front());
+  }
   // The writable mappings end, which tells the node that the bytes are final.
   if (mOnNode && Failed(MapBlocks(false))) {
     VYN_LOG_WARN(mKey.Text() << " stays mapped for writing, though it is published");
@@ -270,7 +269,9 @@ void VariableWriter::Abandon() {
     static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
   }
   mState = State::kNothing;
-  EndBlocks(std::exchange(mBatch, nullptr));
+  if (!mOnNode && !mBlocks.ids.empty()) {
+    EndBlocks(mBlocks.ids.front());
+  }
 }
 
 }  // namespace vyn::tessel

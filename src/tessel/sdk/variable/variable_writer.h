@@ -51,7 +51,6 @@ class VariableWriter {
   const VariableKey mKey;
   const FabricAccess mAccess;
   VariableBlocks mBlocks;
-  BmBatch* mBatch = nullptr;     ///< of the blocks, outside the fabric
   std::uint64_t mBlockSize = 0;  ///< of all blocks but the last
   AddressRange mRange;
   /// Whether the blocks are in the pool of this machine.
