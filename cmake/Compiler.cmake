@@ -1,6 +1,9 @@
 # Compiler options for every file of the project.
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
 set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
+# For a short build.
+set(CMAKE_CXX_FLAGS_DEMO "-O1")
+set(CMAKE_C_FLAGS_DEMO "-O1")
 set(CMAKE_CXX_FLAGS_SANITIZE "-O1 -g1 -fno-omit-frame-pointer")
 set(CMAKE_C_FLAGS_SANITIZE "-O1 -g1 -fno-omit-frame-pointer")
 

@@ -19,7 +19,7 @@ using cluster::ClusterZKAdapter;
 using common::MetaNodeRole;
 
 /// The time between two checks of the leader znode.
-constexpr auto kPeriod = std::chrono::milliseconds(200);
+constexpr auto kMemberPeriod = std::chrono::milliseconds(200);
 /// How long this node stays out of the election after it won and could not serve, so that another node can
 /// win. Longer when it cannot read the records of a newer build: it could not serve the next time either.
 constexpr auto kClaimPause = std::chrono::seconds(2);
@@ -59,7 +59,7 @@ std::uint32_t MetadataMember::Start() {
   VYN_CHECK_CALL(mAdapter->ClusterZKMakeDir());
   BuildStatusTree();
   mView.Start();
-  mTask.Start({"The metadata member's step failed", kPeriod, true}, [this] { Step(); });
+  mTask.Start({"The metadata member's step failed", kMemberPeriod, true}, [this] { Step(); });
   return VYN_OK;
 }
 

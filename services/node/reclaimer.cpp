@@ -13,7 +13,7 @@ namespace vyn::services {
 
 namespace {
 
-constexpr auto kPeriod = std::chrono::milliseconds(500);
+constexpr auto kReclaimPeriod = std::chrono::milliseconds(500);
 /// How long one Drain frees memory before it looks for new entries.
 constexpr auto kFreeSlice = std::chrono::milliseconds(100);
 
@@ -44,7 +44,7 @@ Reclaimer::~Reclaimer() {
 }
 
 void Reclaimer::Start() {
-  mTask.Start({"This node's reclaim list could not be processed", kPeriod, true}, [this] {
+  mTask.Start({"This node's reclaim list could not be processed", kReclaimPeriod, true}, [this] {
     FreeGivenBack();
     Drain();
   });

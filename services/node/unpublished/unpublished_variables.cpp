@@ -15,7 +15,7 @@ namespace vyn::services {
 
 namespace {
 
-constexpr auto kPeriod = std::chrono::seconds(1);
+constexpr auto kDropPeriod = std::chrono::seconds(1);
 /// How long a batch that nobody has opened for writing is kept: longer than one call of a driver that sends
 /// its block list to the metadata service. A driver that is still slower gets an error, because its record is
 /// gone.
@@ -31,7 +31,7 @@ void UnpublishedVariables::Start(const std::string& folder) {
       static_cast<void>(mFabric.IsBeingWritten(batch.application, batch.bmIds.front(), writing, batch.stamp));
     }
   }
-  mTask.Start({"The unpublished variables of this node could not be checked", kPeriod},
+  mTask.Start({"The unpublished variables of this node could not be checked", kDropPeriod},
               [this] { CheckAll(); });
 }
 

@@ -32,9 +32,9 @@ namespace {
 
 /// Held while gShuffleServerRPCEngine is read or written here. The member is promised and public, so no class
 /// can name this mutex as its guard, and clang does not check it.
-sync::Mutex gInstanceMutex;
+sync::Mutex gServerInstanceMutex;
 
-Ref<ShuffleServerRPCEngine> MakeInstance() VYN_REQUIRES(gInstanceMutex) {
+Ref<ShuffleServerRPCEngine> MakeInstance() VYN_REQUIRES(gServerInstanceMutex) {
   Ref<ShuffleServerRPCEngine> made(new (std::nothrow) ShuffleServerRPCEngine);
   if (made == nullptr) {
     VYN_LOG_ERROR("Failed to new instance for \"ShuffleServerRPCEngine\"");
@@ -47,7 +47,7 @@ Ref<ShuffleServerRPCEngine> MakeInstance() VYN_REQUIRES(gInstanceMutex) {
 }  // namespace
 
 Ref<ShuffleServerRPCEngine> ShuffleServerRPCEngine::CreateInstance() {
-  sync::MutexLock lock(gInstanceMutex);
+  sync::MutexLock lock(gServerInstanceMutex);
   return MakeInstance();
 }
 
@@ -56,7 +56,7 @@ Ref<ShuffleServerRPCEngine> ShuffleServerRPCEngine::GetInstance(bool isSdk) {
     VYN_LOG_ERROR("Failed to get shuffle rpc cli, request sdk: " << isSdk << ", but really sdk:" << mIsSdk);
     return nullptr;
   }
-  sync::MutexLock lock(gInstanceMutex);
+  sync::MutexLock lock(gServerInstanceMutex);
   return gShuffleServerRPCEngine != nullptr ? gShuffleServerRPCEngine : MakeInstance();
 }
 
