@@ -40,9 +40,9 @@
  * A writer that dies. Its blocks are freed and its number is free again a few seconds after the process has
  * ended, also when it was killed, and also when the node's vynd was restarted meanwhile. For a writer outside
  * the fabric it is at most two minutes after its host has vanished, and five minutes after a restart of the
- * node's vynd. A writer that is killed between the claim of its number and its first block, normally some
- * milliseconds, leaves the number: readers are told VYN_VARIABLE_NOT_PUBLISHED until VynVariableDelete. While a writer is only stopped (SIGSTOP, a debugger),
- * the variable stays unpublished, and the writer can go on. A writer outside the fabric loses its blocks when
+ * node's vynd. A writer on a node that is killed after the node has allocated its blocks and before it has mapped
+ * the first one, normally some milliseconds, leaves them for five minutes. While a writer is only stopped (SIGSTOP,
+ * a debugger), the variable stays unpublished, and the writer can go on. A writer outside the fabric loses its blocks when
  * its connection to the node is cut, at the latest when the node cannot reach its host for two minutes, when
  * it makes no call for five minutes after a restart of the node's vynd, and by BroadcastUninitialize:
  * VynVariablePublish then fails.

@@ -35,6 +35,7 @@ bool ReadHeader(const nlohmann::json& json, VariableRecord& record) {
     record.blockNum = json.at("blockNum").get<std::uint32_t>();
     record.pieces = json.at("pieces").get<std::uint32_t>();
     record.list = json.at("list").get<std::string>();
+    record.writer = TextField(json, "writer");
     for (const auto& [value, name] : kStates) {
       if (state == name) {
         record.state = value;
@@ -50,7 +51,7 @@ bool ReadHeader(const nlohmann::json& json, VariableRecord& record) {
 }  // namespace
 
 std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_t pieces,
-                         const std::string& list) {
+                         const std::string& list, const std::string& writer) {
   const char* name = "";
   for (const auto& [value, text] : kStates) {
     name = value == state ? text : name;
@@ -59,6 +60,7 @@ std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_
                               {"blockNum", blockNum},
                               {"pieces", pieces},
                               {"list", list},
+                              {"writer", writer},
                               {kFormatField, kRecordFormat}};
   return header.dump() + "\n";
 }

@@ -29,12 +29,13 @@ struct VariableRecord {
   std::uint32_t blockNum = 0;
   std::uint32_t pieces = 0;           ///< how many pieces the block list has, including the first
   std::string list;                   ///< part of the children's names, see PiecePath
+  std::string writer;                 ///< see Variable::writer; of kNew only
   tessel::BroadcastBlockInfo blocks;  ///< empty while the state is kNew
 };
 
 /// Returns: the header line.
 std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_t pieces,
-                         const std::string& list = "");
+                         const std::string& list = "", const std::string& writer = "");
 /// Returns: the path of piece `index` of a list. Piece 0 is in the record's own znode and has no path.
 std::string PiecePath(const std::string& record, const std::string& list, std::uint32_t index);
 /// Returns: `text` without its header line.

@@ -54,6 +54,14 @@ std::uint32_t Normalize(BroadcastBlockInfo& info) {
   return VYN_OK;
 }
 
+/// Removes the padding after the writer's block id. Returns: whether the request is valid.
+bool NormalizeClaim(VariableClaim& claim) {
+  if (const std::size_t end = claim.writer.find('\0'); end != std::string::npos) {
+    claim.writer.resize(end);
+  }
+  return IsApplication(claim.appId) && fabric::IsObjectId(claim.writer);
+}
+
 /// Adds the sizes. Returns: false when the sum is more than 64 bits can hold.
 bool AddSizes(const std::vector<std::uint64_t>& sizes, std::uint64_t& total) {
   total = 0;
@@ -252,6 +260,28 @@ void MetadataService::RegisterVariableOperations() {
                                                  : kStatusInvalidRequest;
                                     });
                                   });
+  ServeWithoutReply<VariableClaim>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_CLAIM), "BROADCAST_VAR_CLAIM",
+      [this](VariableClaim& request, const std::string&) {
+        return WhenReady([&]() -> std::uint32_t {
+          return NormalizeClaim(request)
+                     ? mState.NewVariable(request.appId, request.broadcastId, request.blockNum, request.writer)
+                     : kStatusInvalidRequest;
+        });
+      });
+  ServeWithoutReply<VariableClaim>(
+      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GIVE_UP), "BROADCAST_VAR_GIVE_UP",
+      [this](VariableClaim& request, const std::string& peer) {
+        return WhenReady([&]() -> std::uint32_t {
+          if (!NormalizeClaim(request)) {
+            return kStatusInvalidRequest;
+          }
+          const std::uint32_t status =
+              mState.GiveUp(request.appId, request.broadcastId, request.writer, request.published);
+          Audit(peer, "give_up_variable", request.appId + "/" + std::to_string(request.broadcastId), status);
+          return status;
+        });
+      });
   ServeWithoutReply<BroadcastVar>(
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_REMOVE), "BROADCAST_VAR_REMOVE",
       [this](BroadcastVar& request, const std::string& peer) {

@@ -30,6 +30,24 @@ bool IsSilent(const Application& application, std::chrono::milliseconds timeout)
   return application.heartbeat && common::SteadyNow() - application.lastBeat > timeout;
 }
 
+bool IsComplete(const Variable& variable) {
+  return variable.ready && variable.bmIds.size() == variable.blockNum;
+}
+
+/// Returns: the id of the first block of the writer that has the number; empty when nobody has told it.
+std::string WriterOf(const Variable& variable) {
+  if (!variable.ready) {
+    return variable.writer;
+  }
+  return variable.bmIds.empty() ? "" : variable.bmIds.front();
+}
+
+/// Whether another writer has claimed the number than the one that has the blocks of `info`.
+bool IsOthers(const Variable& variable, const tessel::BroadcastBlockInfo& info) {
+  return !variable.ready && !variable.writer.empty() &&
+         (info.bmIds.empty() || info.bmIds.front() != variable.writer);
+}
+
 }  // namespace
 
 std::uint32_t MetadataState::Load(std::chrono::steady_clock::time_point* asked,
@@ -90,7 +108,7 @@ std::uint32_t MetadataState::EnsureApplication(const std::string& application) {
 }
 
 std::uint32_t MetadataState::NewVariable(const std::string& application, std::uint32_t id,
-                                         std::uint32_t blockNum) {
+                                         std::uint32_t blockNum, const std::string& writer) {
   if (blockNum > tessel::kMaxBlocks) {
     return kStatusTooLarge;
   }
@@ -104,7 +122,9 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   }
   Variable variable;
   if (Find(application, id, variable)) {
-    return variable.blockNum == blockNum ? VYN_OK : kStatusVariableExists;
+    const bool repeated = variable.blockNum == blockNum &&
+                          (WriterOf(variable) == writer || (writer.empty() && variable.ready));
+    return repeated ? VYN_OK : kStatusVariableExists;
   }
   if (!NodeThatRemembers({application, id}).empty() ||
       !NodeThatRemembers({application, MetadataStore::kAllVariables}).empty()) {
@@ -118,6 +138,7 @@ std::uint32_t MetadataState::NewVariable(const std::string& application, std::ui
   }
   variable.id = id;
   variable.blockNum = blockNum;
+  variable.writer = writer;
   if (const std::uint32_t status = mStore.AddVariable(application, variable); Failed(status)) {
     return status;
   }
@@ -138,7 +159,28 @@ bool MetadataState::HasRoom(const std::string& application, std::uint32_t blockN
 
 std::uint32_t MetadataState::RemoveVariable(const std::string& application, std::uint32_t id,
                                             bool onlyUnpublished) {
-  const std::uint32_t status = RemoveRecord(application, id, onlyUnpublished);
+  return RemoveRecord(application, id, [&](const Variable& variable) -> std::uint32_t {
+    const bool stays = IsComplete(variable) || !variable.writer.empty();
+    return onlyUnpublished && stays ? kStatusVariableExists : VYN_OK;
+  });
+}
+
+std::uint32_t MetadataState::GiveUp(const std::string& application, std::uint32_t id,
+                                    const std::string& writer, bool published) {
+  bool others = false;
+  const std::uint32_t status = RemoveRecord(application, id, [&](const Variable& variable) -> std::uint32_t {
+    if (WriterOf(variable).empty()) {
+      return kStatusNotReady;
+    }
+    others = WriterOf(variable) != writer;
+    return others || (IsComplete(variable) && !published) ? kStatusVariableExists : VYN_OK;
+  });
+  return others ? VYN_OK : status;
+}
+
+std::uint32_t MetadataState::RemoveRecord(const std::string& application, std::uint32_t id,
+                                          const std::function<std::uint32_t(const Variable&)>& mayRemove) {
+  const std::uint32_t status = RemoveRecordNow(application, id, mayRemove);
   if (!Failed(status)) {
     // The variable is deleted, also when a node does not forget it in time. Then NewVariable waits for it.
     static_cast<void>(AwaitForgotten(application, id));
@@ -146,8 +188,9 @@ std::uint32_t MetadataState::RemoveVariable(const std::string& application, std:
   return status;
 }
 
-std::uint32_t MetadataState::RemoveRecord(const std::string& application, std::uint32_t id,
-                                          bool onlyUnpublished) {
+std::uint32_t MetadataState::RemoveRecordNow(
+    const std::string& application, std::uint32_t id,
+    const std::function<std::uint32_t(const Variable&)>& mayRemove) {
   sync::MutexLock write(WriteLock(application));
   if (mStore.LeadershipLost()) {
     return kStatusNotLeading;
@@ -156,8 +199,8 @@ std::uint32_t MetadataState::RemoveRecord(const std::string& application, std::u
   if (!Find(application, id, variable)) {
     return VYN_OK;  // deleted before
   }
-  if (onlyUnpublished && variable.ready && variable.bmIds.size() == variable.blockNum) {
-    return kStatusVariableExists;
+  if (const std::uint32_t status = mayRemove(variable); Failed(status)) {
+    return status;
   }
   std::vector<std::string> entries;
   if (const std::uint32_t status = mStore.RemoveVariable(application, variable, entries); Failed(status)) {
@@ -238,6 +281,7 @@ std::uint32_t MetadataState::WriteBlocks(const std::string& application, Variabl
     return kStatusTooLarge;
   }
   variable.ready = true;
+  variable.writer.clear();
   if (const std::uint32_t status = mStore.SetBlocks(application, variable); Failed(status)) {
     return status;
   }
@@ -261,6 +305,9 @@ std::uint32_t MetadataState::SetBlocks(const tessel::BroadcastBlockInfo& info) {
   if (variable.ready) {
     return variable.bmIds == info.bmIds && variable.sizes == info.sizes ? VYN_OK : kStatusVariableExists;
   }
+  if (IsOthers(variable, info)) {
+    return kStatusVariableExists;
+  }
   variable.nodeId = info.nodeId;
   variable.bmIds = info.bmIds;
   variable.sizes = info.sizes;
@@ -275,6 +322,9 @@ std::uint32_t MetadataState::AddBlocks(const tessel::BroadcastBlockInfo& info) {
   Variable variable;
   if (!Find(info.appId, info.broadcastId, variable)) {
     return kStatusUnknownVariable;
+  }
+  if (IsOthers(variable, info)) {
+    return kStatusVariableExists;
   }
   if (variable.ready && variable.nodeId != info.nodeId) {
     return kStatusInvalidRequest;  // all blocks of a variable must be on one node
@@ -302,7 +352,7 @@ std::uint32_t MetadataState::GetVariable(const std::string& application, std::ui
   if (!Find(application, id, variable)) {
     return kStatusUnknownVariable;
   }
-  if (!variable.ready || variable.bmIds.size() != variable.blockNum) {
+  if (!IsComplete(variable)) {
     return kStatusNotReady;
   }
   info.appId = application;

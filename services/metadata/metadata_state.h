@@ -18,6 +18,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -34,9 +35,17 @@ class MetadataState {
   std::uint32_t Load(std::chrono::steady_clock::time_point* asked = nullptr,
                      std::chrono::milliseconds extra = {});
 
-  /// Returns kStatusNotForgotten while a live node may answer from its cache about an earlier variable of this
-  /// number.
-  std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum);
+  /// \param writer see Variable::writer. Returns kStatusNotForgotten while a live node may answer from its
+  /// cache about an earlier variable of this number; kStatusVariableExists when another writer has the number,
+  /// or one with another number of blocks.
+  std::uint32_t NewVariable(const std::string& application, std::uint32_t id, std::uint32_t blockNum,
+                            const std::string& writer = "");
+  /// Removes the variable if `writer` has claimed its number. \param published whether also when it has its
+  /// blocks. Returns: 0, also when there is no such variable or another writer has the number;
+  /// kStatusVariableExists when it stays because it has its blocks; kStatusNotReady when its record names no
+  /// writer.
+  std::uint32_t GiveUp(const std::string& application, std::uint32_t id, const std::string& writer,
+                       bool published);
   /// \param onlyUnpublished refuses, with kStatusVariableExists, a variable that has all its blocks.
   /// Waits until the live nodes have forgotten the variable, for a bounded time.
   std::uint32_t RemoveVariable(const std::string& application, std::uint32_t id,
@@ -74,7 +83,14 @@ class MetadataState {
   std::uint32_t EnsureApplication(const std::string& application);
   /// Copies the variable. Returns: whether it exists.
   bool Find(const std::string& application, std::uint32_t id, Variable& variable) const;
-  std::uint32_t RemoveRecord(const std::string& application, std::uint32_t id, bool onlyUnpublished);
+  /// Removes the record of a variable if `mayRemove` returns 0 for it. Then waits until the live nodes have
+  /// forgotten the variable, for a bounded time. Returns: 0, also when there is none;
+  /// the status of `mayRemove`, another failure.
+  std::uint32_t RemoveRecord(const std::string& application, std::uint32_t id,
+                             const std::function<std::uint32_t(const Variable&)>& mayRemove);
+  /// The same without waiting for the nodes.
+  std::uint32_t RemoveRecordNow(const std::string& application, std::uint32_t id,
+                                const std::function<std::uint32_t(const Variable&)>& mayRemove);
   std::uint32_t WriteBlocks(const std::string& application, Variable variable);
   /// Waits until no live node answers from its cache about an earlier, deleted variable of this number, for a
   /// bounded time. Returns: 0, or kStatusNotForgotten after that time.

@@ -86,7 +86,7 @@ std::uint32_t MetadataStore::AddVariable(const std::string& application, Variabl
   variable.path = AppPath(application) + "/" + std::to_string(variable.id) + "." + Unique();
   Transaction transaction;
   transaction.Check(kEpochPath, mEpoch)
-      .Create(variable.path, RecordHeader(RecordState::kNew, variable.blockNum, 0));
+      .Create(variable.path, RecordHeader(RecordState::kNew, variable.blockNum, 0, "", variable.writer));
   return Commit(transaction, "make variable " + variable.path);
 }
 

@@ -215,6 +215,7 @@ std::uint32_t MetadataStore::LoadVariable(const std::string& path, Variable& var
   variable.blockNum = record.blockNum;
   variable.pieces = record.pieces;
   variable.list = record.list;
+  variable.writer = record.writer;
   variable.ready = record.state == RecordState::kReady;
   variable.nodeId = record.blocks.nodeId;
   variable.bmIds = std::move(record.blocks.bmIds);

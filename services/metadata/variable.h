@@ -15,6 +15,9 @@ namespace vyn::services {
 struct Variable {
   std::uint32_t id = 0;
   std::uint32_t blockNum = 0;
+  /// The id of the first block of the writer that has claimed the number, until the blocks are known. Empty
+  /// for a writer that did not say it.
+  std::string writer;
   /// Whether the blocks are known. Before that the lists are empty.
   bool ready = false;
   std::uint32_t nodeId = 0xFFFFFFFF;  ///< the node that holds the blocks

@@ -99,6 +99,15 @@ std::uint32_t MetadataClient::RemoveUnpublished(const std::string& application, 
   return Ask(ShuffleMeta::BROADCAST_VAR_REMOVE, request, common::BaseMessage::gNullPtr);
 }
 
+std::uint32_t MetadataClient::GiveUp(const std::string& application, std::uint32_t id,
+                                     const std::string& writer) {
+  const common::Ref<tessel::VariableClaim> request(new tessel::VariableClaim());
+  request->appId = application;
+  request->broadcastId = id;
+  request->writer = writer;
+  return Ask(ShuffleMeta::BROADCAST_VAR_GIVE_UP, request, common::BaseMessage::gNullPtr);
+}
+
 std::uint32_t MetadataClient::LookUp(const std::string& application, std::uint32_t id,
                                      tessel::BroadcastBlockInfo& info) {
   common::Ref<tessel::BroadcastVar> request(new (std::nothrow) tessel::BroadcastVar());

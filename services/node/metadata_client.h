@@ -41,9 +41,14 @@ class MetadataClient {
   std::uint32_t LookUp(const std::string& application, std::uint32_t id, tessel::BroadcastBlockInfo& info);
   /// Whether the record of a variable has the block. Returns: 0, kStatusNotReady, another failure. One try.
   std::uint32_t FindBlock(const std::string& application, std::uint32_t id, std::uint32_t index);
-  /// Removes a variable that has no complete block list. One try. Returns: 0, also when there is none;
-  /// kStatusVariableExists when it has one; another failure.
+  /// Removes a variable that has no complete block list and whose record names no writer. One try. Returns: 0, also when there is none;
+  /// kStatusVariableExists when it has one or the other; another failure.
   std::uint32_t RemoveUnpublished(const std::string& application, std::uint32_t id);
+  /// Removes an unpublished variable if the writer whose first block is `writer` has claimed its number. One
+  /// try. Returns: 0, also when there is none or it is another writer's; kStatusVariableExists when it is
+  /// published; kStatusNotReady when its record names no writer, kStatusUnknownOperation from an older leader;
+  /// another failure.
+  std::uint32_t GiveUp(const std::string& application, std::uint32_t id, const std::string& writer);
   /// Ends the retries: a look-up returns after its current call.
   void Stop() { mStopping.store(true, std::memory_order_relaxed); }
 

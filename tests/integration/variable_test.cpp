@@ -108,6 +108,27 @@ TEST_F(VariableTest, TheNodesFreeTheBlocksOfAKilledWriter) {
   }
 }
 
+TEST_F(VariableTest, AWriterWhoseNumberIsAnotherWritersPublishesAndRemovesNothing) {
+  for (const auto& [before, now] : {std::pair("first", "second"), std::pair("outside", "first"),
+                                    std::pair("second", "outside")}) {
+    SCOPED_TRACE(std::string(before) + ", then " + now);
+    for (const char* command : {"publish", "close"}) {
+      const auto old = Client(before);
+      const auto writer = Client(now);
+      Expect(*old, "make app 1 5000001 5", "0");
+      Expect(*writer, "drop app 1", "0");
+      Expect(*writer, "make app 1 5000001 6", "0");
+      Expect(*old, command, command == std::string("close") ? "0" : "2140013");
+      Expect(*old, "close", "0");
+      Expect(*Client("first"), "open app 1 6", "2140015");
+      Expect(*writer, "publish", "0");
+      Expect(*Client("first"), "open app 1 6", "0");
+      Expect(*writer, "drop app 1", "0");
+      EXPECT_TRUE(WaitUntil([&] { return Objects() == 0; }));
+    }
+  }
+}
+
 TEST_F(VariableTest, ARestartedNodeFreesTheBlocksOfDeadWritersOnly) {
   const auto first = Client("first");
   Expect(*first, "make app 5 20000001 9", "0");           // leaves the second node more room
@@ -122,21 +143,20 @@ TEST_F(VariableTest, ARestartedNodeFreesTheBlocksOfDeadWritersOnly) {
     return outside->Do("make app 4 5000001 9") == "0" && mSecond.Objects() == 8;
   }));
   const std::string folder = mSecond.Home() + "/run/unpublished/";
-  EXPECT_TRUE(WaitUntil([&] {  // the node knows whose records these are
-    const auto names = NamesIn(folder);
-    return std::count_if(names.begin(), names.end(), [&](const std::string& name) {
-             return ReadFile(folder + name).find("/vyn/apps/app/") != std::string::npos;
-           }) == 4;
-  }));
   std::ofstream(folder + "damaged") << R"({"application":"app","id":2,"blocks":["b"]})";
   mSecond.Process().Kill();
   writers[0]->Process().Kill();
   writers[2]->Process().Kill();
   Expect(*first, "drop app 3", "0");
   Expect(*first, "make app 3 5000001 8", "0");  // another writer has the number now
+  for (const std::string& name : NamesIn(folder)) {
+    if (ReadFile(folder + name).find("\"id\":1,") != std::string::npos) {
+      std::filesystem::remove_all(std::filesystem::path(mSecond.Pool()) / "app" / name);  // as by a reboot
+    }
+  }
   mSecond.Start();
   EXPECT_TRUE(WaitUntil([&] { return mSecond.Objects() == 4; }));
-  Expect(*Client("first"), "open app 1 5", "2140011");
+  EXPECT_TRUE(WaitUntil([&] { return Client("first")->Do("open app 1 5") == "2140011"; }));
   Expect(*outside, "publish", "0");
   Expect(*writers[1], "publish", "0");
   Expect(*first, "publish", "0");

@@ -21,6 +21,12 @@ constexpr auto kDropPeriod = std::chrono::seconds(1);
 /// gone.
 constexpr auto kUnopenedLimit = std::chrono::minutes(5);
 
+/// Whether the leader has decided that it does not remove a record.
+bool IsDecision(std::uint32_t status) {
+  return status == kStatusVariableExists || status == kStatusNotReady || status == kStatusUnknownOperation ||
+         status == kStatusInvalidRequest;
+}
+
 }  // namespace
 
 void UnpublishedVariables::Start(const std::string& folder) {
@@ -68,7 +74,12 @@ bool UnpublishedVariables::ReclaimIfAbandoned(BlockBatch& batch) {
   bool writing = false;
   std::uint64_t stamp = 0;
   if (mFabric.IsBeingWritten(batch.application, batch.bmIds.front(), writing, stamp) != 0) {
-    return true;  // freed meanwhile
+    // The blocks were freed meanwhile, or a reboot has emptied the pool. The record may be left.
+    const std::uint32_t status = mMetadata.GiveUp(batch.application, batch.id, batch.bmIds.front());
+    if (!Failed(status)) {
+      mFabric.FreeBatch(batch.application, batch.bmIds);
+    }
+    return !Failed(status) || IsDecision(status);
   }
   if (writing || (stamp == batch.stamp && common::SteadyNow() - batch.begin < kUnopenedLimit)) {
     SeekClaim(batch);
@@ -113,6 +124,11 @@ void UnpublishedVariables::SeekClaim(BlockBatch& batch) const {
 }
 
 bool UnpublishedVariables::RemoveRecord(BlockBatch& batch) {
+  const std::uint32_t status = mMetadata.GiveUp(batch.application, batch.id, batch.bmIds.front());
+  if (status != kStatusNotReady && status != kStatusUnknownOperation) {
+    return !Failed(status);
+  }
+  // The record names no writer.
   SeekClaim(batch);
   const int found = batch.claim.empty() ? ZNONODE : zookeeper::Exists(batch.claim);
   if (!batch.claimSought || (found != ZOK && found != ZNONODE)) {

@@ -7,8 +7,9 @@
 // daemon. For a writer outside the fabric the fabric node has it open while the writer is connected. The
 // batches are in a BatchJournal, so that a restarted daemon goes on with them.
 //
-// A record is removed only if it is the one that the dead writer made (BlockBatch::claim). Another writer may
-// have the number meanwhile, and may be filling its variable at another node.
+// A record is removed only if it is the one that the dead writer made: it names the writer's first block, or
+// its path is BlockBatch::claim. Another writer may have the number meanwhile, and may be filling its variable
+// at another node.
 //
 // One thread calls Start and Stop; any thread may call Add.
 

@@ -52,7 +52,8 @@ VYN_OPERATION_TABLE(ShuffleServer, gShuffleServerNames, VYN_SHUFFLE_SERVER_OPERA
   OPERATION(BROADCAST_REMOTE_NODE_GET, 28)     \
   OPERATION(IS_MF_NODE, 29)                    \
   OPERATION(GET_MF_CAPACITY_LIST, 30)
-VYN_OPERATION_TABLE(ShuffleMeta, gShuffleMetaNames, VYN_SHUFFLE_META_OPERATIONS, BLOB_LIST_CAS = 31)
+VYN_OPERATION_TABLE(ShuffleMeta, gShuffleMetaNames, VYN_SHUFFLE_META_OPERATIONS, BLOB_LIST_CAS = 31,
+                    BROADCAST_VAR_CLAIM = 32, BROADCAST_VAR_GIVE_UP = 33)
 
 /// Operations of the block fetch service, which is not part of this system.
 #define VYN_FETCH_OPERATIONS(OPERATION) \

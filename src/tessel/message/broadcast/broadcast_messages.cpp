@@ -6,6 +6,7 @@
 namespace vyn::tessel {
 
 VYN_MESSAGE_CODEC(BroadcastVar, fbBuilder256)
+VYN_MESSAGE_CODEC(VariableClaim, fbBuilder256)
 VYN_MESSAGE_CODEC(BroadcastVarEntry, fbBuilder256)
 VYN_MESSAGE_CODEC(BroadcastBlockBatch, fbBuilder4096)
 VYN_MESSAGE_CODEC(BroadcastBlockInfo, fbBuilder4096)

@@ -14,6 +14,7 @@ namespace vyn::tessel {
 
 struct TBroadcastVar;
 struct TBroadcastVarEntry;
+struct TVariableClaim;
 struct TBroadcastBlockBatch;
 struct TBroadcastBlockInfo;
 struct TBlockInfoRequest;
@@ -36,6 +37,18 @@ class BroadcastVar : public common::Message<TBroadcastVar> {
 
 /// BroadcastVar::blockNum of a removal that is refused when the variable has its blocks.
 inline constexpr std::uint32_t kOnlyUnpublished = 0xFFFFFFFF;
+
+/// Claims the number of a variable for one writer, or gives it up.
+class VariableClaim : public common::Message<TVariableClaim> {
+ public:
+  std::string appId;
+  std::uint32_t broadcastId = 0;
+  std::uint32_t blockNum = 0;  ///< of a claim: the number of blocks
+  /// The id of the variable's first block. No other writer has it.
+  std::string writer;
+  bool published = false;  ///< of a give-up: whether the variable is also removed when it is published
+  VYN_MESSAGE_FIELDS(appId, broadcastId, blockNum, writer, published)
+};
 
 /// One variable as a list entry of the metadata service.
 class BroadcastVarEntry : public common::Message<TBroadcastVarEntry> {

@@ -24,8 +24,13 @@ using common::Ref;
 /// Answers to a look-up that are no fault.
 constexpr std::array<std::uint32_t, 2> kNotThere{VYN_VARIABLE_UNKNOWN, VYN_VARIABLE_NOT_PUBLISHED};
 
-/// An answer to a claim after which the caller tries again.
-constexpr std::array<std::uint32_t, 1> kWaitForNode{service_status::kStatusNotForgotten};
+/// Answers to a claim after which the caller tries again, the second in the way of older builds.
+constexpr std::array<std::uint32_t, 2> kClaimRefused{service_status::kStatusNotForgotten,
+                                                     service_status::kStatusUnknownOperation};
+
+/// Answers to a give-up of a record that a leader of an older build has made, and from such a leader.
+constexpr std::array<std::uint32_t, 2> kNoWriter{service_status::kStatusNotReady,
+                                                 service_status::kStatusUnknownOperation};
 
 std::uint32_t AskLeader(short operation, const Ref<BaseMessage>& request, const Ref<BaseMessage>& response,
                         common::ExpectedRefusals expected = {}) {
@@ -46,6 +51,15 @@ Ref<BroadcastVar> RequestFor(const VariableKey& key) {
   Ref<BroadcastVar> request(new BroadcastVar);
   request->appId = key.application;
   request->broadcastId = key.id;
+  return request;
+}
+
+Ref<VariableClaim> ClaimOf(const VariableKey& key, const VariableBlocks& blocks) {
+  Ref<VariableClaim> request(new VariableClaim);
+  request->appId = key.application;
+  request->broadcastId = key.id;
+  request->blockNum = static_cast<std::uint32_t>(blocks.ids.size());
+  request->writer = blocks.ids.front();
   return request;
 }
 
@@ -92,10 +106,30 @@ std::uint32_t LookUpAtNode(const VariableKey& key, VariableBlocks& blocks) {
   return Failed(status) ? status : ReadBlocks(key, *answer, blocks);
 }
 
-std::uint32_t MakeRecord(const VariableKey& key, std::uint32_t blockNum) {
+std::uint32_t MakeRecord(const VariableKey& key, const VariableBlocks& blocks) {
+  const Ref<VariableClaim> claim = ClaimOf(key, blocks);
+  const std::uint32_t status =
+      AskLeader(ShuffleMeta::BROADCAST_VAR_CLAIM, claim, BaseMessage::gNullPtr, kClaimRefused);
+  if (status != service_status::kStatusUnknownOperation) {
+    return status;
+  }
+  // The leader is of an older build: its record names no writer.
   const auto request = RequestFor(key);
-  request->blockNum = blockNum;
-  return AskLeader(ShuffleMeta::BROADCAST_VAR_NEW, request, BaseMessage::gNullPtr, kWaitForNode);
+  request->blockNum = claim->blockNum;
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_NEW, request, BaseMessage::gNullPtr, kClaimRefused);
+}
+
+std::uint32_t GiveUpRecord(const VariableKey& key, const VariableBlocks& blocks) {
+  const Ref<VariableClaim> request = ClaimOf(key, blocks);
+  request->published = true;
+  const std::uint32_t status =
+      AskLeader(ShuffleMeta::BROADCAST_VAR_GIVE_UP, request, BaseMessage::gNullPtr, kNoWriter);
+  if (std::find(kNoWriter.begin(), kNoWriter.end(), status) == kNoWriter.end()) {
+    return status;
+  }
+  const auto removal = RequestFor(key);
+  removal->blockNum = kOnlyUnpublished;
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_REMOVE, removal, BaseMessage::gNullPtr);
 }
 
 std::uint32_t CompleteRecord(const VariableKey& key, const VariableBlocks& blocks) {
@@ -108,10 +142,8 @@ std::uint32_t CompleteRecord(const VariableKey& key, const VariableBlocks& block
   return AskLeader(ShuffleMeta::BROADCAST_VAR_INFO_ADD, request, BaseMessage::gNullPtr);
 }
 
-std::uint32_t RemoveRecord(const VariableKey& key, bool onlyUnpublished) {
-  const auto request = RequestFor(key);
-  request->blockNum = onlyUnpublished ? kOnlyUnpublished : 0;
-  return AskLeader(ShuffleMeta::BROADCAST_VAR_REMOVE, request, BaseMessage::gNullPtr);
+std::uint32_t RemoveRecord(const VariableKey& key) {
+  return AskLeader(ShuffleMeta::BROADCAST_VAR_REMOVE, RequestFor(key), BaseMessage::gNullPtr);
 }
 
 std::uint32_t AllocateAtNode(const VariableKey& key, VariableBlocks& blocks) {

@@ -26,12 +26,15 @@ struct VariableBlocks {
 std::uint32_t LookUpAtLeader(const VariableKey& key, VariableBlocks& blocks);
 /// Asks the node server, which keeps what the leader has told it.
 std::uint32_t LookUpAtNode(const VariableKey& key, VariableBlocks& blocks);
-/// Makes the record without blocks. Succeeds, too, when there is a record with this number of blocks.
-std::uint32_t MakeRecord(const VariableKey& key, std::uint32_t blockNum);
+/// Makes the record without blocks for the writer of `blocks`. Succeeds, too, when this writer has made it
+/// before. From now on no other writer can complete or remove the record.
+std::uint32_t MakeRecord(const VariableKey& key, const VariableBlocks& blocks);
+/// Removes the record of the writer of `blocks`, published or not. Leaves another writer's record. Returns: 0,
+/// also when there was nothing to remove; another failure.
+std::uint32_t GiveUpRecord(const VariableKey& key, const VariableBlocks& blocks);
 /// Completes the record: from now on readers find the variable.
 std::uint32_t CompleteRecord(const VariableKey& key, const VariableBlocks& blocks);
-/// \param onlyUnpublished whether a complete record stays; then the status is VYN_VARIABLE_EXISTS.
-std::uint32_t RemoveRecord(const VariableKey& key, bool onlyUnpublished = false);
+std::uint32_t RemoveRecord(const VariableKey& key);
 
 /// Lets the node server allocate the blocks of `blocks.sizes`, all or none, and fills in their ids.
 std::uint32_t AllocateAtNode(const VariableKey& key, VariableBlocks& blocks);

@@ -71,33 +71,41 @@ std::uint32_t VariableWriter::Create(std::uint64_t size, std::uint64_t blockSize
   if (!mRange.Reserve(size, !mOnNode)) {
     return VYN_FAIL(VYN_VARIABLE_NO_MEMORY, "no addresses for the " << size << " bytes of " << mKey.Text());
   }
-  if (const std::uint32_t status = Claim(); Failed(status)) {
+  if (const std::uint32_t status = CheckUnused(); Failed(status)) {
     return status;
   }
-  if (!mOnNode) {
+  // The blocks come first. The node frees them when this process dies, and with them gives up the claim, which
+  // names the first block.
+  std::uint32_t status = VYN_OK;
+  if (mOnNode) {
+    status = AllocateLocally();
+    status = Failed(status) ? status : MapBlocks(true);
+  } else {
     mSending.assign(count, Sending::kUnsent);
-    return AllocateRemotely();
+    status = AllocateRemotely();
   }
-  const std::uint32_t status = AllocateLocally();
-  return Failed(status) ? status : MapBlocks(true);
+  return Failed(status) ? status : Claim();
 }
 
-std::uint32_t VariableWriter::Claim() {
+std::uint32_t VariableWriter::CheckUnused() {
   VariableBlocks others;
-  std::uint32_t status = LookUpAtLeader(mKey, others);
-  if (!Failed(status)) {
-    return FailService(mKey, Service::kMetadata, VYN_VARIABLE_EXISTS);
+  const std::uint32_t status = LookUpAtLeader(mKey, others);
+  if (status == VYN_VARIABLE_UNKNOWN) {
+    return VYN_OK;
   }
   if (status == VYN_VARIABLE_NOT_PUBLISHED) {
     return VYN_FAIL(VYN_VARIABLE_EXISTS, mKey.Text() << " exists already: a writer has created it and not "
                                                      << "published it yet");
   }
-  if (status == VYN_VARIABLE_UNKNOWN) {
-    auto retry = common::Retry::Times(kClaimAttempts, std::chrono::seconds(1));
-    do {
-      status = MakeRecord(mKey, static_cast<std::uint32_t>(mBlocks.sizes.size()));
-    } while (status == service_status::kStatusNotForgotten && retry.Again());
-  }
+  return FailService(mKey, Service::kMetadata, Failed(status) ? status : std::uint32_t{VYN_VARIABLE_EXISTS});
+}
+
+std::uint32_t VariableWriter::Claim() {
+  std::uint32_t status = VYN_OK;
+  auto retry = common::Retry::Times(kClaimAttempts, std::chrono::seconds(1));
+  do {
+    status = MakeRecord(mKey, mBlocks);
+  } while (status == service_status::kStatusNotForgotten && retry.Again());
   if (Failed(status)) {
     // Without a refusal nobody knows whether the record was made. Abandon removes it.
     mState = IsRefusal(status) ? State::kNothing : State::kClaimed;
@@ -244,32 +252,21 @@ std::uint32_t VariableWriter::Commit() {
 }
 
 void VariableWriter::Abandon() {
-  if (mState == State::kPublished) {
+  if (mState == State::kPublished || mBlocks.ids.empty() || mOwner != ::getpid()) {
     return;
   }
   mRange = AddressRange();
-  const bool uncertain = mState == State::kUncertain;
   bool mine = mState == State::kNothing;  // whether nobody else can know the blocks
   if (!mine) {
-    VariableBlocks present;
-    std::uint32_t status = VYN_VARIABLE_NOT_PUBLISHED;
-    if (uncertain) {
-      status = LookUpAtLeader(mKey, present);
-    }
-    if (status == VYN_VARIABLE_NOT_PUBLISHED) {
-      mine = !Failed(RemoveRecord(mKey, true)) || !uncertain;
-    } else if (!Failed(status) && present.ids == mBlocks.ids) {
-      static_cast<void>(RemoveRecord(mKey));  // which frees the blocks, too
-    } else {
-      // Without an answer of the leader nobody knows whether readers find the blocks. So they stay.
-      mine = !Failed(status) || status == VYN_VARIABLE_UNKNOWN;
-    }
+    // Without an answer, and after a commit that may have succeeded, the blocks stay. The node frees them and
+    // gives the claim up, because this process does not write them any more.
+    mine = !Failed(GiveUpRecord(mKey, mBlocks)) && mState == State::kClaimed;
   }
-  if (mine && !mBlocks.ids.empty()) {
+  if (mine) {
     static_cast<void>(FreeBlocks(mAccess, mBlocks.ids));
   }
   mState = State::kNothing;
-  if (!mOnNode && !mBlocks.ids.empty()) {
+  if (!mOnNode) {
     EndBlocks(mBlocks.ids.front());
   }
 }

@@ -1,11 +1,14 @@
 #pragma once
 
-// A variable that this process writes: the claim of its number, its blocks, the range to fill, the commit.
+// A variable that this process writes: the claim of its blocks, the claim of its number, the range to fill, the commit.
 // The destructor abandons what is not published. Used by one thread at a time.
 
 #include "tessel/sdk/variable/address_range.h"
 #include "tessel/sdk/variable/fabric_calls.h"
 #include "tessel/sdk/variable/variable_records.h"
+
+#include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <vector>
@@ -37,6 +40,7 @@ class VariableWriter {
   /// What became of a block's bytes in this process's private memory; only outside the fabric.
   enum class Sending : std::uint8_t { kUnsent, kSent, kSentAndDiscarded };
 
+  std::uint32_t CheckUnused();
   std::uint32_t Claim();
   std::uint32_t AllocateLocally();
   std::uint32_t AllocateRemotely();
@@ -57,6 +61,7 @@ class VariableWriter {
   bool mOnNode = false;
   std::vector<Sending> mSending;  ///< of each block; empty when the blocks are here
   State mState = State::kNothing;
+  const pid_t mOwner = ::getpid();  ///< a forked child abandons nothing
 };
 
 }  // namespace vyn::tessel

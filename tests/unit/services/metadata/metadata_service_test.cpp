@@ -139,6 +139,47 @@ TEST_F(MetadataServiceTest, TheServiceCreatesPublishesAndRemovesAVariableAndRefu
               testing::ContainsRegex("\\[127.0.0.1:[0-9]+\\]\\[remove_variable\\]\\[app/1\\]\\[SUCCESS\\]"));
 }
 
+TEST_F(MetadataServiceTest, OnlyTheWriterThatHasClaimedANumberPublishesOrGivesItUp) {
+  const std::vector<std::string> mine{Block("app", 7)}, others{Block("app", 7)};
+  const auto claim = [this](std::uint16_t code, const std::vector<std::string>& writer, bool published = false,
+                            std::uint32_t blocks = 1) {
+    return mClient->Send<VariableClaim>(code, nullptr, "app", 1U, blocks, writer.front(), published);
+  };
+  const auto publish = [this](const std::vector<std::string>& blocks) {
+    return mClient->Send<BroadcastBlockInfo>(BROADCAST_VAR_INFO_ADD, nullptr, "app", 1U, 1U, blocks,
+                                             std::vector<std::uint64_t>{7});
+  };
+  EXPECT_EQ(claim(BROADCAST_VAR_CLAIM, {"no id"}), kStatusInvalidRequest);
+  EXPECT_EQ(claim(BROADCAST_VAR_GIVE_UP, {"no id"}), kStatusInvalidRequest);
+  EXPECT_EQ(New("app"), 0U);
+  EXPECT_EQ(claim(BROADCAST_VAR_GIVE_UP, mine), kStatusNotReady) << "the record names no writer";
+  EXPECT_EQ(claim(BROADCAST_VAR_CLAIM, mine), kStatusVariableExists);
+  const auto removeUnpublished = [this] {
+    return mClient->Send<BroadcastVar>(BROADCAST_VAR_REMOVE, nullptr, "app", 1U, kOnlyUnpublished);
+  };
+  EXPECT_EQ(removeUnpublished(), 0U);
+  for (const bool published : {false, true}) {
+    // As a driver outside the fabric sends it; the second is a repetition.
+    EXPECT_EQ(claim(BROADCAST_VAR_CLAIM, {mine.front() + std::string(4, '\0')}), 0U);
+    EXPECT_EQ(claim(BROADCAST_VAR_CLAIM, mine), 0U);
+    EXPECT_EQ(claim(BROADCAST_VAR_CLAIM, mine, false, 2), kStatusVariableExists);
+    EXPECT_EQ(claim(BROADCAST_VAR_CLAIM, others), kStatusVariableExists);
+    EXPECT_EQ(New("app"), kStatusVariableExists);
+    EXPECT_EQ(publish(others), kStatusVariableExists);
+    EXPECT_EQ(claim(BROADCAST_VAR_GIVE_UP, others, true), 0U);
+    EXPECT_EQ(removeUnpublished(), kStatusVariableExists);
+    EXPECT_EQ(Fetch("app"), kStatusNotReady);
+    if (published) {
+      EXPECT_EQ(publish(mine), 0U);
+      EXPECT_EQ(claim(BROADCAST_VAR_GIVE_UP, mine), kStatusVariableExists);
+      EXPECT_EQ(claim(BROADCAST_VAR_GIVE_UP, others, true), 0U);
+      EXPECT_EQ(Fetch("app"), 0U);
+    }
+    EXPECT_EQ(claim(BROADCAST_VAR_GIVE_UP, mine, published), 0U);
+    EXPECT_EQ(Fetch("app"), kStatusUnknownVariable);
+  }
+}
+
 TEST_F(MetadataServiceTest, TheServiceListsItsNodesAndTheirCapacity) {
   const Ref<HostMessage> hosts(new HostMessage());
   ASSERT_EQ(mClient->Send<ShuffleApplication>(GET_UNAVAILABLE_NODE_LIST, hosts.Get(), "app"), 0U);

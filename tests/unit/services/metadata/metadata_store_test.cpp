@@ -233,7 +233,7 @@ TEST_F(MetadataStoreTest, LoadReadsTheRecordsOfEarlierLeadersAndRemovesIncomplet
       {"app/3.1-3", "no header"},
       {"app/4.1-4", RecordHeader(RecordState::kReady, 1, 1) + "no list"},
       {"app/5.1-5", RecordHeader(RecordState::kReady, 1, 2, "1-5")},  // its second piece is missing
-      {"app/6.1-6", RecordHeader(RecordState::kNew, 1, 0)},
+      {"app/6.1-6", RecordHeader(RecordState::kNew, 1, 0, "", "writer")},
       {"app/7x.1-7", RecordHeader(RecordState::kNew, 1, 0)},  // no number: no variable's
       {"app/6.1-6/1-7.1", "a piece of a list that was never completed"},
       {"odd", R"({"heartbeat":"yes"})"},
@@ -252,7 +252,8 @@ TEST_F(MetadataStoreTest, LoadReadsTheRecordsOfEarlierLeadersAndRemovesIncomplet
   EXPECT_EQ(Entries("2").size(), 1U) << "no blocks were given back";
   EXPECT_EQ(Entries("2").at(0).application, "half");
   EXPECT_TRUE(leader->Silent(0ms).empty());
-  EXPECT_EQ(leader->RemoveVariable("app", 6), 0U);
+  EXPECT_EQ(leader->SetBlocks(Blocks("app", 6, 0, 1)), kStatusVariableExists);
+  EXPECT_EQ(leader->GiveUp("app", 6, "writer", false), 0U);
   EXPECT_EQ(mRaw->Children("/vyn/apps/app").size(), 6U);
   EXPECT_EQ(mRaw->Children("/vyn/apps"), (std::vector<std::string>{"app", "odd"}));
 

@@ -77,27 +77,35 @@ TEST(VariableLifeTest, FailuresGetTheStatusAndTextOfTheHeader) {
   VynVariableClose(variable);
 }
 
-TEST(VariableLifeTest, CreateRetractsAClaimWhoseOutcomeIsUnknown) {
-  DriverWorld world;
+TEST(VariableLifeTest, CreateGivesUpAClaimWhoseOutcomeIsUnknownAndLeavesItsBlocksToTheNodeIfItCannot) {
+  DriverWorld world(false);
   const CapturedLog silence(5);
   bool registered = false;
   ASSERT_EQ(RegisterBroadcastApp("app", true, "tok", &registered), 0U);
-  for (const auto& [answer, status, tries, removed] :
-       {std::tuple(2140037U, VYN_VARIABLE_NO_SERVICE, 4U, 0U),  // a node has not forgotten the number
-        std::tuple(2140013U, VYN_VARIABLE_EXISTS, 1U, 0U),
-        std::tuple(2140017U, VYN_VARIABLE_NO_SERVICE, 1U, 1U)}) {  // ZooKeeper may have written it
+  BroadcastRemoteNodeRsp nodes;
+  nodes.nodeIds = {3};
+  nodes.selectedNodes = {"10.9.8.7:3899"};
+  for (const auto& [answer, status, tries, left, freed] :
+       {std::tuple(2140037U, VYN_VARIABLE_NO_SERVICE, 4U, -1, 1U),  // a node has not forgotten the number
+        std::tuple(2140013U, VYN_VARIABLE_EXISTS, 1U, -1, 1U),
+        std::tuple(2140001U, VYN_VARIABLE_EXISTS, 1U, -1, 1U),  // an older leader, asked in the older way
+        std::tuple(2140017U, VYN_VARIABLE_NO_SERVICE, 1U, 0, 1U),  // ZooKeeper may have written it
+        std::tuple(2140017U, VYN_VARIABLE_NO_SERVICE, 1U, 2140017, 0U)}) {
     SCOPED_TRACE(answer);
     world.meta.Clear();
+    world.bm.script.Clear();
     world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GET, {2140011, ""});
-    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_NEW, {answer, ""});
-    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_REMOVE, {0, ""});
+    world.meta.Answer(ShuffleMeta::BROADCAST_REMOTE_NODE_GET, {0, BytesOf(nodes)});
+    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_CLAIM, {answer, ""});
+    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_NEW, {2140013, ""});
+    world.meta.Answer(ShuffleMeta::BROADCAST_VAR_GIVE_UP, {static_cast<std::uint32_t>(left), ""});
     VynVariable* variable = nullptr;
     EXPECT_EQ(VynVariableCreate("app", 7, 10, &variable), std::uint32_t{status});
-    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_NEW), tries);
-    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_REMOVE), removed);
+    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_CLAIM), tries);
+    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_GIVE_UP), left < 0 ? 0U : 1U);
+    EXPECT_EQ(world.bm.script.Calls("BM_BatchFreeSec").size(), freed);
+    EXPECT_EQ(world.meta.Count(ShuffleMeta::BROADCAST_VAR_NEW), answer == 2140001U ? 1U : 0U);
   }
-  world.server.Answer(ShuffleServer::APP_UNREGISTER, {0, ""});
-  EXPECT_EQ(UnRegisterBroadcastApp("app"), 0U);
 }
 
 TEST(VariableLifeTest, ADriverOnAFabricNodeCreatesAndRemovesAVariable) {
