@@ -34,18 +34,20 @@
  * opened here as soon as its blocks are recorded. Those functions have no commit: a reader that comes before
  * their writer has finished reads what is there. A variable published here can be fetched there.
  *
- * Limits. A variable has 1 to 500000 blocks. The default size of a block is 4 MiB; for more than 16 GiB it
- * grows, so that there are at most 4096 blocks. Blocks of one variable are on one node.
+ * Limits. A variable has 1 to 500000 blocks; one that is written on a node has at most 32768. The
+ * default size of a block is 4 MiB; for more than 16 GiB it grows, so that there are at most 4096
+ * blocks. Blocks of one variable are on one node.
  *
- * A writer that dies. Its blocks are freed and its number is free again a few seconds after the process has
- * ended, also when it was killed, and also when the node's vynd was restarted meanwhile. For a writer outside
- * the fabric it is at most two minutes after its host has vanished, and five minutes after a restart of the
- * node's vynd. A writer on a node that is killed after the node has allocated its blocks and before it has mapped
- * the first one, normally some milliseconds, leaves them for five minutes. While a writer is only stopped (SIGSTOP,
- * a debugger), the variable stays unpublished, and the writer can go on. A writer outside the fabric loses its blocks when
- * its connection to the node is cut, at the latest when the node cannot reach its host for two minutes, when
- * it makes no call for five minutes after a restart of the node's vynd, and by BroadcastUninitialize:
- * VynVariablePublish then fails.
+ * A writer that dies. Its blocks are freed and its number is free again a few seconds after the process
+ * has ended, also when it was killed, and also when the node's vynd was restarted meanwhile. For a
+ * writer outside the fabric it is at most two minutes after its host has vanished, and five minutes
+ * after a restart of the node's vynd. A writer on a node that is killed after the node has allocated
+ * its blocks and before it has mapped the first one, normally some milliseconds, leaves them for five
+ * minutes. While a writer is only stopped (SIGSTOP, a debugger), the variable stays unpublished, and
+ * the writer can go on. A writer outside the fabric loses its blocks when its connection to the node is
+ * cut, at the latest when the node cannot reach its host for two minutes, when it makes no call for
+ * five minutes after a restart of the node's vynd, and by BroadcastUninitialize: VynVariablePublish
+ * then fails.
  */
 
 #include <stdint.h>

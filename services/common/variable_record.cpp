@@ -56,12 +56,8 @@ std::string RecordHeader(RecordState state, std::uint32_t blockNum, std::uint32_
   for (const auto& [value, text] : kStates) {
     name = value == state ? text : name;
   }
-  const nlohmann::json header{{"state", name},
-                              {"blockNum", blockNum},
-                              {"pieces", pieces},
-                              {"list", list},
-                              {"writer", writer},
-                              {kFormatField, kRecordFormat}};
+  const nlohmann::json header{{"state", name}, {"blockNum", blockNum}, {"pieces", pieces},
+                              {"list", list},  {"writer", writer},     {kFormatField, kRecordFormat}};
   return header.dump() + "\n";
 }
 

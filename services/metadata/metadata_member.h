@@ -18,8 +18,8 @@
 
 #include "cluster/cluster_zkadapter.h"
 #include "common/wait/periodic_task.h"
-#include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_service.h"
+#include "services/metadata/nodes/fabric_view.h"
 
 #include <atomic>
 #include <chrono>

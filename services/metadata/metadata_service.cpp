@@ -7,7 +7,7 @@
 #include "platform/fabric/protocol/names.h"
 #include "platform/fabric/protocol/protocol.h"
 #include "services/common/rpc_handlers.h"
-#include "services/metadata/node_selection.h"
+#include "services/metadata/nodes/node_selection.h"
 #include "tessel/message/broadcast/broadcast_messages.h"
 #include "tessel/message/node_messages.h"
 #include "tessel/message/operation_codes.h"
@@ -260,15 +260,15 @@ void MetadataService::RegisterVariableOperations() {
                                                  : kStatusInvalidRequest;
                                     });
                                   });
-  ServeWithoutReply<VariableClaim>(
-      mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_CLAIM), "BROADCAST_VAR_CLAIM",
-      [this](VariableClaim& request, const std::string&) {
-        return WhenReady([&]() -> std::uint32_t {
-          return NormalizeClaim(request)
-                     ? mState.NewVariable(request.appId, request.broadcastId, request.blockNum, request.writer)
-                     : kStatusInvalidRequest;
-        });
-      });
+  ServeWithoutReply<VariableClaim>(mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_CLAIM),
+                                   "BROADCAST_VAR_CLAIM", [this](VariableClaim& request, const std::string&) {
+                                     return WhenReady([&]() -> std::uint32_t {
+                                       return NormalizeClaim(request)
+                                                  ? mState.NewVariable(request.appId, request.broadcastId,
+                                                                       request.blockNum, request.writer)
+                                                  : kStatusInvalidRequest;
+                                     });
+                                   });
   ServeWithoutReply<VariableClaim>(
       mServer, static_cast<std::uint16_t>(ShuffleMeta::BROADCAST_VAR_GIVE_UP), "BROADCAST_VAR_GIVE_UP",
       [this](VariableClaim& request, const std::string& peer) {

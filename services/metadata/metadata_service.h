@@ -12,8 +12,8 @@
 #include "common/wait/periodic_task.h"
 #include "platform/rpc/server/server.h"
 #include "platform/sync/mutex.h"
-#include "services/metadata/fabric_view.h"
 #include "services/metadata/metadata_state.h"
+#include "services/metadata/nodes/fabric_view.h"
 
 #include <atomic>
 #include <chrono>

@@ -109,8 +109,8 @@ TEST_F(VariableTest, TheNodesFreeTheBlocksOfAKilledWriter) {
 }
 
 TEST_F(VariableTest, AWriterWhoseNumberIsAnotherWritersPublishesAndRemovesNothing) {
-  for (const auto& [before, now] : {std::pair("first", "second"), std::pair("outside", "first"),
-                                    std::pair("second", "outside")}) {
+  for (const auto& [before, now] :
+       {std::pair("first", "second"), std::pair("outside", "first"), std::pair("second", "outside")}) {
     SCOPED_TRACE(std::string(before) + ", then " + now);
     for (const char* command : {"publish", "close"}) {
       const auto old = Client(before);

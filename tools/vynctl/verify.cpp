@@ -42,14 +42,19 @@ void ReadRecord(const std::string& application, std::uint32_t id, services::Vari
       continue;
     }
     const auto read = services::ReadVariableRecord(folder + "/" + name, record);
-    if (read == services::RecordRead::kDamaged || read == services::RecordRead::kFailed) {
+    if (read != services::RecordRead::kRead && read != services::RecordRead::kAbsent) {
       throw CommandError("the record of " + what +
-                         (read == services::RecordRead::kDamaged ? " is damaged" : " cannot be read"));
+                         (read == services::RecordRead::kDamaged ? " is damaged"
+                          : read == services::RecordRead::kNewer ? " was written by a newer build"
+                                                                 : " cannot be read from ZooKeeper"));
     }
-    if (read == services::RecordRead::kRead && record.state == services::RecordState::kReady) {
+    const bool readable =
+        read == services::RecordRead::kRead && record.state != services::RecordState::kDeleted;
+    if (readable && record.state == services::RecordState::kReady &&
+        record.blocks.bmIds.size() == record.blockNum) {
       return;
     }
-    if (read == services::RecordRead::kRead && record.state == services::RecordState::kNew) {
+    if (readable) {
       throw CommandError("not published yet: " + what);
     }
   }

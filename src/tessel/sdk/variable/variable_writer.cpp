@@ -22,6 +22,9 @@ namespace {
 constexpr std::uint64_t kDefaultBlockSize = std::uint64_t{4} << 20U;
 /// The default size grows so that there are no more blocks than this.
 constexpr std::uint64_t kDefaultBlocks = 4096;
+/// The most blocks of a variable that is written on a node. Each is a mapping, and a process has 65530 of them
+/// (vm.max_map_count).
+constexpr std::uint64_t kMaxBlocksOnNode = 32768;
 /// Attempts to claim a number that a node has not forgotten. In each the leader waits up to 5 seconds.
 constexpr unsigned int kClaimAttempts = 4;
 
@@ -62,9 +65,9 @@ std::uint32_t VariableWriter::Create(std::uint64_t size, std::uint64_t blockSize
   mOnNode = g_mfClientFlag == 0;
   mBlockSize = BlockSizeFor(size, blockSize);
   const std::uint64_t count = (size - 1) / mBlockSize + 1;
-  if (count > kMaxBlocks) {
+  if (const std::uint64_t most = mOnNode ? kMaxBlocksOnNode : kMaxBlocks; count > most) {
     return VYN_FAIL(VYN_VARIABLE_LIMIT, mKey.Text() << " would have " << count << " blocks, more than "
-                                                    << kMaxBlocks << "; choose a larger block size");
+                                                    << most << "; choose a larger block size");
   }
   mBlocks.sizes.assign(count, mBlockSize);
   mBlocks.sizes.back() = size - (count - 1) * mBlockSize;

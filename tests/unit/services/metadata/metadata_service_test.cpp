@@ -7,7 +7,7 @@
 #include "platform/fabric/protocol/names.h"
 #include "services/common/service_status.h"
 #include "services/metadata/metadata_member.h"
-#include "services/metadata/node_selection.h"
+#include "services/metadata/nodes/node_selection.h"
 #include "support/fabric/fabric.h"
 #include "support/net/proxy.h"
 #include "support/rpc/service_client.h"
@@ -141,8 +141,8 @@ TEST_F(MetadataServiceTest, TheServiceCreatesPublishesAndRemovesAVariableAndRefu
 
 TEST_F(MetadataServiceTest, OnlyTheWriterThatHasClaimedANumberPublishesOrGivesItUp) {
   const std::vector<std::string> mine{Block("app", 7)}, others{Block("app", 7)};
-  const auto claim = [this](std::uint16_t code, const std::vector<std::string>& writer, bool published = false,
-                            std::uint32_t blocks = 1) {
+  const auto claim = [this](std::uint16_t code, const std::vector<std::string>& writer,
+                            bool published = false, std::uint32_t blocks = 1) {
     return mClient->Send<VariableClaim>(code, nullptr, "app", 1U, blocks, writer.front(), published);
   };
   const auto publish = [this](const std::vector<std::string>& blocks) {

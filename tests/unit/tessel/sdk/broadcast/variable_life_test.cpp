@@ -88,7 +88,7 @@ TEST(VariableLifeTest, CreateGivesUpAClaimWhoseOutcomeIsUnknownAndLeavesItsBlock
   for (const auto& [answer, status, tries, left, freed] :
        {std::tuple(2140037U, VYN_VARIABLE_NO_SERVICE, 4U, -1, 1U),  // a node has not forgotten the number
         std::tuple(2140013U, VYN_VARIABLE_EXISTS, 1U, -1, 1U),
-        std::tuple(2140001U, VYN_VARIABLE_EXISTS, 1U, -1, 1U),  // an older leader, asked in the older way
+        std::tuple(2140001U, VYN_VARIABLE_EXISTS, 1U, -1, 1U),     // an older leader, asked in the older way
         std::tuple(2140017U, VYN_VARIABLE_NO_SERVICE, 1U, 0, 1U),  // ZooKeeper may have written it
         std::tuple(2140017U, VYN_VARIABLE_NO_SERVICE, 1U, 2140017, 0U)}) {
     SCOPED_TRACE(answer);

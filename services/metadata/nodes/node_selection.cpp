@@ -1,4 +1,4 @@
-#include "services/metadata/node_selection.h"
+#include "services/metadata/nodes/node_selection.h"
 
 #include <algorithm>
 #include <set>

@@ -1,4 +1,4 @@
-#include "services/metadata/fabric_view.h"
+#include "services/metadata/nodes/fabric_view.h"
 
 #include "common/log/logging.h"
 #include "common/util/clock.h"
