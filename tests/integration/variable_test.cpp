@@ -1,5 +1,6 @@
 // vyn/variable.h with real daemons, a real ZooKeeper and processes that are stopped and killed.
 
+#include "support/process/command.h"
 #include "support/process/vynd_process.h"
 
 namespace vyn::test {
@@ -177,6 +178,22 @@ TEST_F(VariableTest, VariablesOfTheCFunctionsAndOfTheSparkFunctionsAreTheSame) {
   Expect(*first, "write app 2 1 5000 4", "0");
   Expect(*second, "open app 2 4", "0");
   Expect(*Client("outside"), "open app 2 4", "0");
+}
+
+TEST_F(VariableTest, VerifyNamesADamagedCopy) {
+  const auto writer = Client("first");
+  Expect(*writer, "make app 1 5000001 5", "0");
+  Expect(*writer, "publish", "0");
+  Expect(*Client("second"), "open app 1 5", "0");
+  const std::string verify =
+      VYN_STAGE_DIR "/bin/vynctl --home " + mFirst.Home() + " --token secret verify app 1 --json";
+  ExpectCommands(verify, {{"", 0, {"\"node\": 3", "\"right\": true"}}});
+  for (const auto& file : std::filesystem::recursive_directory_iterator(mSecond.Pool())) {
+    if (file.is_regular_file() && file.file_size() > 4000000) {
+      std::fstream(file.path(), std::ios::in | std::ios::out).seekp(1000).put('?');
+    }
+  }
+  ExpectCommands(verify, {{"", 1, {"\"block\": 0", "the copy is damaged", "\"right\": false"}}});
 }
 
 TEST_F(VariableTest, AWrongTokenGetsItsOwnStatusAndMessage) {
