@@ -5,6 +5,7 @@
 
 #include "common/config/configuration_catalogue.h"
 #include "common/config/kv_parser.h"
+#include "support/process/in_child.h"
 #include "support/random_steps.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
@@ -220,14 +221,16 @@ TEST(ConfigurationFileTest, LoadingAnUnreadableOrInvalidFileReturnsNoStore) {
 
 TEST(ConfigurationFileTest, TheFirstGoodLoadIsKeptAndAMergeSkipsBadPairs) {
   const test::TempDir dir;
-  const Ref<Configuration> any(new Configuration);
-  EXPECT_TRUE(any->MergeConfig(dir.Write("first", kPort + "=4000\n" + kUrl + "=one\r\n")));
-  const auto store = Configuration::GetInstance(dir.Write("other", kPort + "=5000\n"));
-  EXPECT_EQ(store->GetString(kUrl, ""), "one\r");
-  EXPECT_FALSE(any->MergeConfig(dir / "missing"));
-  EXPECT_TRUE(any->MergeConfig(dir.Write("second", "vyn.unknown=1\n" + kPort + "=x\n" + kUrl + "=two\n")));
-  EXPECT_EQ(store->GetInt(kPort, 0), 4000);
-  EXPECT_EQ(store->GetString(kUrl, ""), "two");
+  test::InChild([&] {  // the store is loaded once a process
+    const Ref<Configuration> any(new Configuration);
+    EXPECT_TRUE(any->MergeConfig(dir.Write("first", kPort + "=4000\n" + kUrl + "=one\r\n")));
+    const auto store = Configuration::GetInstance(dir.Write("other", kPort + "=5000\n"));
+    EXPECT_EQ(store->GetString(kUrl, ""), "one\r");
+    EXPECT_FALSE(any->MergeConfig(dir / "missing"));
+    EXPECT_TRUE(any->MergeConfig(dir.Write("second", "vyn.unknown=1\n" + kPort + "=x\n" + kUrl + "=two\n")));
+    EXPECT_EQ(store->GetInt(kPort, 0), 4000);
+    EXPECT_EQ(store->GetString(kUrl, ""), "two");
+  });
 }
 
 TEST(ConfigurationDocumentsTest, TheConfigurationPageEqualsTheCatalogue) {

@@ -1,6 +1,7 @@
 #include "platform/ulog/ulog.h"
 
 #include "common/log/logging.h"
+#include "support/process/in_child.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 
@@ -9,6 +10,7 @@
 namespace vyn::utilities::log {
 namespace {
 
+using test::InChild;
 using test::ReadFile;
 using testing::HasSubstr;
 
@@ -18,17 +20,6 @@ class ULogTest : public testing::Test {
   std::ptrdiff_t Lines(const std::string& name) const {
     const std::string text = ReadFile(In(name));
     return std::count(text.begin(), text.end(), '\n');
-  }
-  /// Runs `work` in a process of its own, which ends as a program does.
-  static void InChild(const std::function<void()>& work) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-      work();
-      std::exit(0);
-    }
-    int status = -1;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
   }
 
   const test::TempDir mDir;
