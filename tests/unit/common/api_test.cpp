@@ -23,6 +23,7 @@ TEST(ApiTest, TheInstallationIsFoundFromTheLibrary) {
 TEST(ApiTest, AnEntryOfASecurityMapHoldsTheKeyOfItsNameAndOfItsSide) {
   enum Side { kService, kSdk, kServer };
   SecurityMap maps[3];
+  Configuration::gInstance = nullptr;
   EXPECT_EQ(BaseApiUtil::GetSecurityConf4Client(maps[kSdk], "peer", true), 2000057U);
   EXPECT_EQ(BaseApiUtil::GetSecurityConf4Server(maps[kServer]), 2000057U)
       << "before there is a configuration";

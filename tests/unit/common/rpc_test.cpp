@@ -232,6 +232,8 @@ TEST(RpcEnginePoolTest, ThePoolTakesItsSecuritySettingsFromTheConfiguration) {
 TEST(RpcEnginePoolTest, AFailedCallReturnsItsEngineToThePool) {
   ScriptedService server;
   Client client(server.Port());
+  TimeCounter::SetTimeCountLevel(1);
+  RpcEngine::mTimeCall = 0;
   for (const auto& [reply, status] : std::vector<std::pair<ScriptedService::Reply, unsigned int>>{
            {{2100041, ""}, 2100041}, {{0, "", ScriptedService::Reply::kSilence}, 2020021}, {{0, ""}, 0}}) {
     server.Answer(kId, reply);
